@@ -1,0 +1,49 @@
+# How everything here is compiled.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+find_package(Threads REQUIRED)
+
+add_library(appsync_options INTERFACE)
+target_include_directories(appsync_options INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_options(appsync_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+target_link_libraries(appsync_options INTERFACE Threads::Threads)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(appsync_options INTERFACE -Wthread-safety)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # It finds overlaps in the library's own string concatenation that cannot be there.
+    target_compile_options(appsync_options INTERFACE -Wno-restrict)
+endif()
+if(APPSYNC_SANITIZE)
+    target_compile_options(appsync_options INTERFACE -fsanitize=${APPSYNC_SANITIZE} -fno-omit-frame-pointer
+                                                     -fno-sanitize-recover=all)
+    target_link_options(appsync_options INTERFACE -fsanitize=${APPSYNC_SANITIZE})
+endif()
+
+# appsync_library(NAME SOURCES... [LINK LIBS...]): a static library of one folder.
+function(appsync_library name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_link_libraries(${name} PUBLIC appsync_options ${ARG_LINK})
+endfunction()
+
+# appsync_test(NAME SOURCES... [LINK LIBS...]): a test program, each of its tests known to ctest.
+function(appsync_test name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE appsync_options ${ARG_LINK} GTest::gtest GTest::gtest_main)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()
