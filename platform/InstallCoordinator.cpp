@@ -1,0 +1,13 @@
+#include "platform/InstallCoordinator.h"
+
+namespace appsync {
+
+std::string KXPlaceholderAttributes::description() const {
+    std::string out = "<launchProhibited=";
+    out += launchProhibited ? '1' : '0';
+    out += " bundleVersion=" + bundleVersion.value_or("(null)") + " infoPlist=";
+    (infoPlist ? Value(*infoPlist) : Value()).appendDescription(out);
+    return out + ">";
+}
+
+} // namespace appsync

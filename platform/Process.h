@@ -1,0 +1,19 @@
+// The process that the plug-in runs in.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace appsync {
+
+/// Every operation may be called on any thread at any time.
+class HostProcess {
+  public:
+    virtual ~HostProcess() = default;
+    /// The bundle identifier of the process's main bundle, if it has one.
+    [[nodiscard]] virtual std::optional<std::string> mainBundleIdentifier() noexcept = 0;
+    /// The process's temporary folder, a path of the device without a trailing slash.
+    [[nodiscard]] virtual std::string temporaryDirectory() noexcept = 0;
+};
+
+} // namespace appsync
