@@ -1,0 +1,13 @@
+// Reads binary property lists.
+#pragma once
+
+#include "platform/PropertyList.h"
+
+#include <string_view>
+
+namespace appsync::propertylist {
+
+/// The root value; throws `Failure`.
+[[nodiscard]] Value readBinary(std::string_view bytes);
+
+} // namespace appsync::propertylist
