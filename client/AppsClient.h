@@ -1,0 +1,286 @@
+// The client that handles the data class "Application": the whole plug-in at a glance.
+//
+// The sync host makes one client and keeps it for the life of the process. Host calls and platform callbacks arrive on
+// any thread. Failures are logged and answered with false or null; nothing is thrown. The definitions stand in the
+// folder of their subsystem, one file per subject, named behind each heading.
+#pragma once
+
+#include "client/IdentifierSet.h"
+#include "client/Log.h"
+#include "client/PendingRetries.h"
+#include "concurrency/Group.h"
+#include "concurrency/OperationQueue.h"
+#include "concurrency/SerialQueue.h"
+#include "platform/ApplicationRegistry.h"
+#include "platform/Client.h"
+#include "platform/FileSystem.h"
+#include "platform/InstallCoordinator.h"
+#include "platform/Platform.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace appsync {
+
+class HVManager;
+enum class TransactionPhase : std::uint32_t;
+enum class TransactionStep : std::uint32_t;
+struct Candidate;
+struct InstallPreparation;
+class NotificationCenter;
+class QRDeviceService;
+
+class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
+                         public KXAppInstallObserverDelegate,
+                         public QRClient {
+  public:
+    // The client object: client/AppsClient.cpp, client/HostInterface.cpp
+
+    /// A new client, registered with the services that it observes; null when it could not be made.
+    [[nodiscard]] static std::unique_ptr<AppsClient> init(const Platform& platform);
+    /// Waits for running installs; those that have not begun and pending retries are dropped.
+    ~AppsClient() override;
+    AppsClient(const AppsClient&) = delete;
+    AppsClient& operator=(const AppsClient&) = delete;
+
+    [[nodiscard]] bool responds(QRClientOperation operation) const noexcept override;
+    [[nodiscard]] std::vector<std::string> supportedDataclasses() noexcept override;
+    [[nodiscard]] std::string currentSyncAnchor() noexcept override;
+    bool prepareForSyncWithHostAnchor_progressCallback_error(std::string_view hostAnchor,
+                                                             const QRProgressCallback& progress,
+                                                             ErrorPtr* error) noexcept override;
+    /// {"Application"} when policy forbids both installing and removing apps, otherwise nothing.
+    [[nodiscard]] std::optional<std::set<std::string>> disabledAssetTypes() noexcept override;
+    [[nodiscard]] bool _appInstallationAllowed();
+    [[nodiscard]] bool _appRemovalAllowed();
+    /// The installs attempted since the last call.
+    [[nodiscard]] std::uint32_t _getAndResetNumAppInstallsAttempted();
+    /// Opens the connection to the install coordinator's observer service, once. Called on the notification center's
+    /// thread when the daemon announces that its start-up is complete.
+    void setupInstallCoordinatorObserver();
+    [[nodiscard]] std::string description() const;
+
+    // Work files: client/WorkFiles.cpp
+    //
+    // Each change of a file is one undisturbed read, change and write.
+
+    /// The array that a property-list file holds; nothing when it is missing, empty, or no array.
+    [[nodiscard]] std::optional<Array> _loadPlist_withError(std::string_view path, ErrorPtr* error);
+    /// The dictionary that the demoted-apps file holds; nothing when it is missing, empty, or no dictionary.
+    [[nodiscard]] std::optional<Dictionary> _loadDemotedAppsPlist_withError(std::string_view path, ErrorPtr* error);
+    /// What the restore state keeps for an app's version under a property name. An app without a version has none.
+    [[nodiscard]] std::optional<Value>
+    _restoreStatePropertyForKey_identifier_version(std::string_view key, std::string_view identifier,
+                                                   const std::optional<std::string>& version);
+    /// Keeps a value for an app's version. Without a version nothing is kept.
+    void _setRestoreStatePropertyValue_forKey_identifier_version(const Value& value, std::string_view key,
+                                                                 std::string_view identifier,
+                                                                 const std::optional<std::string>& version);
+    /// Forgets the restore state of every version of an app.
+    void cleanRestoreStateForIdentifier(std::string_view identifier);
+    /// Changes the operation of the app's first to-do record.
+    void changeAssetID_toDo(std::string_view identifier, std::string_view operation);
+    [[nodiscard]] std::optional<std::string> _operationStateForIdentifier(std::string_view identifier);
+
+    // Opening and closing a sync: client/ReconcileSync.cpp
+
+    bool reconcileSync_withNewAnchor_progressCallback_error(QRSyncRequest* request, std::string_view newAnchor,
+                                                            const QRProgressCallback& progress,
+                                                            ErrorPtr* error) noexcept override;
+    void syncEndedWithSuccess(bool success) noexcept override;
+    void clearSyncData() noexcept override;
+
+    // Download planning: planning/OutstandingAssetTransfers.cpp
+
+    /// What the host is to fetch, in the order of the home screen's icons. Called once a sync.
+    [[nodiscard]] std::vector<QRAssetPtr> outstandingAssetTransfers() noexcept override;
+
+    // Transfer completion: pipeline/TransferCompletion.cpp
+
+    void assetTransfer_succeeded_withError(const QRAssetPtr& asset, bool succeeded,
+                                           const ErrorPtr& error) noexcept override;
+    /// Waits, without a time-out, for queued installs and the store client.
+    void assetTransferEndedWithSuccess(bool success) noexcept override;
+    void assetInstallSucceeded(const QRAssetPtr& asset) noexcept override;
+    void assetInstallFailed_withError(const QRAssetPtr& asset, const ErrorPtr& error) noexcept override;
+    /// True when a later sync may get past the error: the host says so, and no installer has refused the app.
+    [[nodiscard]] bool _isRecoverableError(const ErrorPtr& error);
+
+    // Install queue: pipeline/InstallQueue.cpp
+
+    /// Queues the install of a received file. Returns at once.
+    void _enqueueAssetInstall(const QRAssetPtr& asset);
+    /// One attempt to install, on a thread of the install queue. An app that is busy is tried again 30 seconds later,
+    /// as often as it takes.
+    void _performAssetInstall(const QRAssetPtr& asset);
+
+    // Progress: pipeline/Progress.cpp
+
+    void assetTransfer_updatedProgress(const QRAssetPtr& asset, double fraction) noexcept override;
+    /// The registry's progress object of an app; null with install coordination, and when there is none.
+    [[nodiscard]] FNProgressPtr _progressForAssetIdentifier(std::string_view identifier);
+
+    // Coordinators and promises: coordination/CoordinatorsAndPromises.cpp
+    //
+    // Factories; null when the object could not be had. Whatever is made but cannot be attached is cancelled.
+
+    /// An update's coordinator for an existing app, otherwise a new install's. One that another client created is not
+    /// touched: the answer is null without an error.
+    [[nodiscard]] KXAppInstallCoordinatorPtr
+    _initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existingApp_createIfNotExisting_error(
+        std::string_view bundleIdentifier, bool existingApp, bool createIfNotExisting, ErrorPtr* error);
+    [[nodiscard]] std::shared_ptr<KXRestoringAppInstallCoordinator>
+    _restoringAppInstallCoordinatorForBundleIdentifier_createIfNotExisting_error(std::string_view bundleIdentifier,
+                                                                                 bool createIfNotExisting,
+                                                                                 ErrorPtr* error);
+    [[nodiscard]] KXPlaceholderPtr _placeHolderForBundleIdentifier_name_installType(std::string_view bundleIdentifier,
+                                                                                    std::string_view name,
+                                                                                    std::uint64_t installType);
+    KXPromisedTransferToPathPtr _createAppAssetPromiseForBundleIdentifier_atPath_andAddToCoordinatinator(
+        std::string_view bundleIdentifier, const std::optional<std::string>& path,
+        const KXAppInstallCoordinatorPtr& coordinator);
+    /// Announces an icon file that is already in place. `diskSpaceNeeded` is in bytes.
+    [[nodiscard]] KXPromisedTransferToPathPtr
+    _createIconPromiseForBundleIdentifier_transferPath_diskSpaceNeeded_andAddToPlaceHolder_forAppInstall(
+        std::string_view bundleIdentifier, std::string_view transferPath, std::uint64_t diskSpaceNeeded,
+        const KXPlaceholderPtr& placeholder, bool forAppInstall);
+    /// A promise of user data that is already kept, since the plug-in never delivers user data itself.
+    [[nodiscard]] KXPromisedOutOfBandTransferPtr _userDataPromiseForBundleIdentifier(std::string_view bundleIdentifier);
+
+    // AppInstallUsingCoordination: coordination/InstallPreparation.cpp, coordination/InstallTransfer.cpp
+
+    /// Readies a coordinator for an app that is to come. True: its placeholder promise is in place.
+    bool prepareAppForInstallUsingCoordination_existingApp(const QRAssetPtr& asset, bool existingApp);
+    /// Hands the asset's download progress to its promise. True: an update was made.
+    bool updateTransferProgressForApp_existingApp(const QRAssetPtr& asset, bool existingApp);
+    /// Hands the received file to the app's promise. True: the promise was satisfied by this call.
+    bool transferCompleteForApp_existingApp(const QRAssetPtr& asset, bool existingApp);
+    /// Cancels the coordinators of what has not arrived when a sync has failed.
+    void assetSyncFinishedWithStatus_outstandingItems(bool success, const std::vector<std::string>& outstandingItems);
+    /// Returns at once; the outcome is logged when it comes.
+    void uninstallAppUsingCoordination(std::string_view bundleIdentifier);
+
+    // Callbacks of the coordinator and the registry: coordination/Callbacks.cpp
+
+    void promiseDidBeginFulfillmentWithIdentifier(std::uint64_t promise) noexcept override;
+    void coordinatorDidInstallPlaceholder(const KXAppInstallCoordinatorPtr& coordinator) noexcept override;
+    void coordinatorDidCompleteSuccessfully(const KXAppInstallCoordinatorPtr& coordinator) noexcept override;
+    void coordinatorShouldPrioritize(const KXAppInstallCoordinatorPtr& coordinator) noexcept override;
+    void coordinator_canceledWithReason_client(const KXAppInstallCoordinatorPtr& coordinator, const ErrorPtr& reason,
+                                               KXClientIdentifier client) noexcept override;
+    void applicationInstallsDidCancel(const PDApplicationProxies& applications) noexcept override;
+
+    // Placeholder bundles and icons: placeholders/PlaceholderBundles.cpp, placeholders/PlaceholderQueries.cpp
+
+    /// Renders an app's icon into a PNG file.
+    bool _makeIconFromBundlePath_saveTo(const std::optional<std::string>& bundlePath, std::string_view path);
+    [[nodiscard]] std::string placeholderAppPathForBundleIdentifier(std::string_view bundleIdentifier);
+    bool createPlaceHolderPath_forBundleIdentifier_withAttributes(std::string_view path,
+                                                                  std::string_view bundleIdentifier,
+                                                                  const FileAttributes& attributes);
+    /// `fileSize`, unless null, gets the size written in bytes, 0 when nothing was.
+    bool writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(const std::optional<Data>& icon,
+                                                                                   std::string_view path,
+                                                                                   std::uint64_t* fileSize,
+                                                                                   std::string_view bundleIdentifier,
+                                                                                   const FileAttributes& attributes);
+    /// Builds and installs the plug-in's own placeholder for an asset.
+    void _createPlaceHolderApplication(const QRAssetPtr& asset);
+    /// Always false with install coordination.
+    [[nodiscard]] bool _placeholderExistsForApplication(std::string_view bundleIdentifier);
+    void _enumeratePlaceholdersWithBlock(const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block);
+    [[nodiscard]] std::set<std::string> _getSystemAppPlaceholders();
+
+    // Home screen: homescreen/SyncNotice.cpp, homescreen/IconOrder.cpp
+
+    /// Tells the home screen that a sync is starting or done.
+    void _notifySkellan(bool starting);
+    /// The items in the order of the home screen's icons, the rest after them. Those placed leave the dictionary.
+    [[nodiscard]] Array _orderTheItems(Dictionary& items);
+
+  private:
+    explicit AppsClient(const Platform& platform);
+
+    [[nodiscard]] bool _runsInDaemon();
+    [[nodiscard]] PDApplicationWorkspace& _workspace() const;
+    [[nodiscard]] std::optional<Value> _readPlist(std::string_view path, ErrorPtr* error);
+    bool _reconcileStagedSync(ErrorPtr* error);
+    void _performRemovals(const Array& toDoList);
+    void _sendIconLayout();
+    void _writeToDoListDebugCopy(const Array& toDoList);
+    void _clearUninstalledApps();
+    [[nodiscard]] Dictionary _preExistingPlaceholders();
+    void _addRequestedApps(const Array& toDoList, Dictionary& wanted, std::set<std::string>& requestedByClient);
+    void _dropAppsInProgress(Dictionary& wanted);
+    void _renewIconDirectory();
+    [[nodiscard]] std::optional<std::string> _displayNameOfBundle(const std::optional<std::string>& path);
+    [[nodiscard]] QRAssetPtr _assetForCandidate(const Candidate& candidate,
+                                                const std::optional<std::string>& displayName);
+    [[nodiscard]] bool _recoveredDownloadExists(std::string_view identifier, const std::optional<std::string>& version);
+    [[nodiscard]] bool _prepareCoordinatedInstall(const QRAssetPtr& asset);
+    [[nodiscard]] bool _preparePlaceholder(const QRAssetPtr& asset, bool hasPlaceholder);
+    void _transferSucceeded(const QRAssetPtr& asset, bool existingApp, const FNProgressPtr& progress);
+    void _settlePath(const QRAssetPtr& asset);
+    void _restoreAssetArrived(const QRAssetPtr& asset, const FNProgressPtr& progress);
+    void _transferFailed(const QRAssetPtr& asset, const ErrorPtr& error, bool userCancelled,
+                         const FNProgressPtr& progress);
+    void _uninstallPlaceholderOfFailedTransfer(const QRAssetPtr& asset, bool userCancelled);
+    void _refreshReceipts();
+    void _settleOutstandingTransfers(const std::vector<std::string>& outstanding, bool success);
+    void _undoFailedInstall(const QRAssetPtr& asset);
+    void _logUlvaneRestore(bool success, std::string_view identifier, std::string_view description);
+
+    void _installArchive(const QRAssetPtr& asset);
+    void _retryInstallLater(const QRAssetPtr& asset);
+    void _logAssetInstall(bool success, std::string_view identifier, std::string_view description);
+
+    bool _prepareCoordinator(InstallPreparation& app, bool existingApp);
+    bool _setInstallOptions(InstallPreparation& app);
+    bool _setInitialODRAssetPromises(InstallPreparation& app);
+    bool _setPlaceholderPromise(InstallPreparation& app);
+    std::uint64_t _copyIcon(InstallPreparation& app, const std::string& destination);
+    void _configurePlaceholder(InstallPreparation& app);
+    void _cancelPreparation(const InstallPreparation& app);
+    [[nodiscard]] KXAppInstallCoordinatorPtr _workingCoordinator(std::string_view bundleIdentifier, bool existingApp);
+    void _logStep(TransactionStep step, TransactionPhase phase, bool success, std::string_view bundleIdentifier,
+                  std::string_view description);
+    [[nodiscard]] QRAssetPtr _namelessAsset(std::string_view identifier);
+
+    [[nodiscard]] static Dictionary _placeholderInfo(const QRAsset& asset, const Dictionary& appInfo);
+    bool _writeInfoPlist(const Dictionary& info, std::string_view bundlePath);
+    [[nodiscard]] std::optional<Dictionary> _dictionaryAtPath(const std::optional<std::string>& path);
+    [[nodiscard]] Array _fetchIconOrder();
+
+    const Platform _platform;
+    const PlugInLog _log;
+    std::mutex _toDoListMutex;        // around each change of the to-do list
+    std::mutex _restoreStateMutex;    // around each change of the restore state
+    std::mutex _uninstalledAppsMutex; // around each use of `_uninstalledApps`
+    PendingRetries _pendingRetries;
+
+    std::optional<Array> _uninstalledApps; // bundle identifiers; nothing until the inventory has been asked for
+    Group _installGroup;                   // queued installs and pending retries
+    std::atomic<std::uint32_t> _numAppInstallsAttempted = 0;
+    IdentifierSet _outstandingRFXTransfers; // assets whose files the host is still sending
+    OperationQueue _installOperationQueue;
+    std::shared_ptr<HVManager> _backupManager;
+    IdentifierSet _kplAppsToIgnore;                        // volume-licensed apps that this sync leaves alone
+    std::set<std::string, std::less<>> _updatingApps;      // on the access queue: updates of installed apps
+    std::set<std::string, std::less<>> _userCancelledApps; // on the access queue: cancelled on the device
+    std::atomic<bool> _useInstallCoordinator = false;      // never changes after construction
+    SerialQueue _accessQueue;
+    std::shared_ptr<KXAppInstallObserver> _appInstallObserver; // null until the daemon's start-up is complete
+};
+
+/// Called by the notification center when the daemon's start-up is complete; `observer` is the client.
+void _handleQRDStartupCompletedNotification(NotificationCenter* center, void* observer, std::string_view name,
+                                            const void* object, const Dictionary* userInfo);
+
+} // namespace appsync

@@ -1,0 +1,35 @@
+// The plug-in's fixed places on the device.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace appsync::paths {
+
+inline constexpr std::string_view applicationSync = "/var/mobile/Library/ApplicationSync";
+inline constexpr std::string_view workArea = "/var/mobile/Library/ApplicationSync/TamblinStuff";
+inline constexpr std::string_view toDoList = "/var/mobile/Library/ApplicationSync/TamblinStuff/ApplicationsSync.plist";
+inline constexpr std::string_view toDoListDebugCopy =
+    "/var/mobile/Library/ApplicationSync/TamblinStuff/ApplicationsSync.plist-debug.plist";
+inline constexpr std::string_view iconState = "/var/mobile/Library/ApplicationSync/TamblinStuff/SkellanIconState.plist";
+inline constexpr std::string_view lastSyncAppState = "/var/mobile/Library/ApplicationSync/LastSyncAppState.plist";
+inline constexpr std::string_view restoreState = "/var/mobile/Library/ApplicationSync/RestoreState.plist";
+inline constexpr std::string_view assetSortOrder = "/var/mobile/Library/ApplicationSync/AssetSortOrder.plist";
+inline constexpr std::string_view icons = "/var/mobile/Library/ApplicationSync/Icons";
+inline constexpr std::string_view publicStaging = "/var/mobile/Media/PublicStaging";
+inline constexpr std::string_view stagingArea = "/var/mobile/Media/PublicStaging/ApplicationSync";
+inline constexpr std::string_view demotedApps = "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist";
+
+/// `directory` + "/" + `name`.
+inline std::string join(std::string_view directory, std::string_view name) {
+    return std::string(directory).append("/").append(name);
+}
+
+/// The path-safety check: true for a string that cannot climb out of the folder it is appended to. Everything that
+/// comes from a file and becomes part of a path, or names an app to act on, passes it first.
+inline bool isSafe(const std::optional<std::string_view>& identifierOrPath) {
+    return identifierOrPath && identifierOrPath->find("/..") == std::string_view::npos;
+}
+
+} // namespace appsync::paths

@@ -1,0 +1,48 @@
+#include "client/PendingRetries.h"
+
+#include "platform/Scheduler.h"
+
+#include <utility>
+
+namespace appsync {
+
+PendingRetries::~PendingRetries() {
+    dropAll();
+}
+
+void PendingRetries::runAfter(std::chrono::milliseconds delay, std::function<void()> task) {
+    std::uint64_t number = 0;
+    {
+        const std::lock_guard lock(_mutex);
+        number = ++_lastNumber;
+        _tasks[number] = nullptr;
+    }
+    auto handle = _scheduler.runAfter(delay, [this, number, task = std::move(task)] {
+        task();
+        _forget(number);
+    });
+    const std::lock_guard lock(_mutex);
+    if (const auto entry = _tasks.find(number); entry != _tasks.end()) {
+        entry->second = std::move(handle);
+    }
+}
+
+void PendingRetries::dropAll() {
+    std::map<std::uint64_t, std::shared_ptr<ScheduledTask>> tasks;
+    {
+        const std::lock_guard lock(_mutex);
+        tasks.swap(_tasks);
+    }
+    for (const auto& [number, task] : tasks) {
+        if (task != nullptr) {
+            task->cancel();
+        }
+    }
+}
+
+void PendingRetries::_forget(std::uint64_t number) {
+    const std::lock_guard lock(_mutex);
+    _tasks.erase(number);
+}
+
+} // namespace appsync

@@ -1,0 +1,13 @@
+// The shared object's one exported function.
+#include "client/AppsClient.h"
+
+#include "platform/Platform.h"
+
+extern "C" __attribute__((visibility("default"))) appsync::QRClient*
+QRCreateClient(const appsync::Platform& platform) noexcept {
+    try {
+        return appsync::AppsClient::init(platform).release();
+    } catch (...) {
+        return nullptr; // there was no memory for a client
+    }
+}

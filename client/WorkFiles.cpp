@@ -1,0 +1,152 @@
+// The plug-in's property-list files: the to-do list, the restore state and the demoted apps.
+#include "client/AppsClient.h"
+
+#include "client/Paths.h"
+#include "platform/PropertyListSerialization.h"
+
+namespace appsync {
+
+namespace {
+
+/// The dictionary under a key, made when it is missing or something else.
+Dictionary& dictionaryAt(Dictionary& parent, std::string_view key) {
+    Value* child = parent.find(key);
+    if (child == nullptr || child->dictionary() == nullptr) {
+        parent.set(key, Dictionary{});
+        child = parent.find(key);
+    }
+    return *child->mutableDictionary();
+}
+
+/// The first record of an app in the to-do list; null when there is none.
+const Dictionary* recordOf(std::string_view identifier, const Array& toDoList, std::size_t* position) {
+    for (std::size_t i = 0; i < toDoList.size(); ++i) {
+        const Dictionary* record = toDoList[i].dictionary();
+        if (record != nullptr && record->string("identifier") == identifier) {
+            *position = i;
+            return record;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+std::optional<Array> AppsClient::_loadPlist_withError(std::string_view path, ErrorPtr* error) {
+    const auto bytes = _platform.files.readFile(path, error);
+    if (!bytes || bytes->empty()) {
+        return std::nullopt;
+    }
+    auto root = _platform.propertyLists.propertyListWithData(bytes->bytes(), error);
+    if (!root) {
+        _log.error("couldn't parse todo list");
+        return std::nullopt;
+    }
+    Array* list = root->mutableArray();
+    if (list == nullptr) {
+        _log.error("todo list is not an array");
+        return std::nullopt;
+    }
+    return std::move(*list);
+}
+
+std::optional<Dictionary> AppsClient::_loadDemotedAppsPlist_withError(std::string_view path, ErrorPtr* error) {
+    const auto bytes = _platform.files.readFile(path, error);
+    if (!bytes || bytes->empty()) {
+        return std::nullopt;
+    }
+    const auto root = _platform.propertyLists.propertyListWithData(bytes->bytes(), error);
+    if (!root) {
+        _log.error("couldn't parse demoted apps list");
+        return std::nullopt;
+    }
+    if (root->dictionary() == nullptr) {
+        _log.error("demoted apps list is not a dictionary");
+        return std::nullopt;
+    }
+    return *root->dictionary();
+}
+
+std::optional<Value>
+AppsClient::_restoreStatePropertyForKey_identifier_version(std::string_view key, std::string_view identifier,
+                                                           const std::optional<std::string>& version) {
+    const auto root = _readPlist(paths::restoreState, nullptr);
+    if (!root || root->dictionary() == nullptr || !version) {
+        return std::nullopt;
+    }
+    const Dictionary* versions = root->dictionary()->dictionary(identifier);
+    const Dictionary* properties = versions != nullptr ? versions->dictionary(*version) : nullptr;
+    const Value* value = properties != nullptr ? properties->find(key) : nullptr;
+    return value != nullptr ? std::optional(*value) : std::nullopt;
+}
+
+void AppsClient::_setRestoreStatePropertyValue_forKey_identifier_version(const Value& value, std::string_view key,
+                                                                         std::string_view identifier,
+                                                                         const std::optional<std::string>& version) {
+    if (!version) {
+        return;
+    }
+    const std::lock_guard lock(_restoreStateMutex);
+    std::optional<Value> root = Dictionary{};
+    if (const auto bytes = _platform.files.readFile(paths::restoreState, nullptr)) {
+        root = _platform.propertyLists.propertyListWithData(bytes->bytes(), nullptr);
+    }
+    Dictionary* state = root ? root->mutableDictionary() : nullptr;
+    if (state == nullptr) {
+        return; // a file that cannot be understood is left as it is
+    }
+    Dictionary& versions = dictionaryAt(*state, identifier);
+    Dictionary& properties = dictionaryAt(versions, *version);
+    properties.set(key, value);
+    if (const auto bytes = _platform.propertyLists.dataWithPropertyList(*root, PropertyListFormat::xml, nullptr)) {
+        _platform.files.writeFileAtomically(paths::restoreState, bytes->bytes(), nullptr);
+    }
+}
+
+void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
+    const std::lock_guard lock(_restoreStateMutex);
+    auto root = _readPlist(paths::restoreState, nullptr);
+    Dictionary* state = root ? root->mutableDictionary() : nullptr;
+    if (state == nullptr) {
+        return;
+    }
+    state->erase(identifier);
+    if (state->empty()) {
+        _platform.files.removeItem(paths::restoreState, nullptr);
+    } else if (const auto bytes =
+                   _platform.propertyLists.dataWithPropertyList(*root, PropertyListFormat::xml, nullptr)) {
+        _platform.files.writeFileAtomically(paths::restoreState, bytes->bytes(), nullptr);
+    }
+}
+
+void AppsClient::changeAssetID_toDo(std::string_view identifier, std::string_view operation) {
+    const std::lock_guard lock(_toDoListMutex);
+    auto toDoList = _loadPlist_withError(paths::toDoList, nullptr);
+    std::size_t position = 0;
+    const Dictionary* record = toDoList ? recordOf(identifier, *toDoList, &position) : nullptr;
+    if (record == nullptr) {
+        return;
+    }
+    _log.message("Changing %{public}@ from %{public}@ to %{public}@", identifier, record->find("operation"), operation);
+    (*toDoList)[position].mutableDictionary()->set("operation", operation);
+    const auto bytes =
+        _platform.propertyLists.dataWithPropertyList(std::move(*toDoList), PropertyListFormat::binary, nullptr);
+    if (bytes) {
+        _platform.files.writeFileAtomically(paths::toDoList, bytes->bytes(), nullptr);
+    }
+}
+
+std::optional<std::string> AppsClient::_operationStateForIdentifier(std::string_view identifier) {
+    const auto toDoList = _loadPlist_withError(paths::toDoList, nullptr);
+    std::size_t position = 0;
+    const Dictionary* record = toDoList ? recordOf(identifier, *toDoList, &position) : nullptr;
+    const auto operation = record != nullptr ? record->string("operation") : std::nullopt;
+    return operation ? std::optional<std::string>(*operation) : std::nullopt;
+}
+
+std::optional<Value> AppsClient::_readPlist(std::string_view path, ErrorPtr* error) {
+    const auto bytes = _platform.files.readFile(path, error);
+    return bytes ? _platform.propertyLists.propertyListWithData(bytes->bytes(), error) : std::nullopt;
+}
+
+} // namespace appsync

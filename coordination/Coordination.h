@@ -1,0 +1,27 @@
+// What the coordinated installs, updates and restores share.
+#pragma once
+
+#include "platform/Error.h"
+
+#include <cstdint>
+
+namespace appsync {
+
+/// Codes of the errors of `QRErrorDomain` that the plug-in makes.
+enum class QRErrorCode : std::int64_t {
+    installPreparationFailed = 1,
+    cancelledByUser = 2,
+    restoreFailed = 29,
+    promiseNotAttached = 30,
+    leftOutstanding = 30,
+};
+
+namespace coordination {
+
+/// The reason that a cancellation carries.
+inline ErrorPtr cancellation(QRErrorCode code) {
+    return Error::make(QRErrorDomain, static_cast<std::int64_t>(code));
+}
+
+} // namespace coordination
+} // namespace appsync

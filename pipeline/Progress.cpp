@@ -1,0 +1,40 @@
+// The progress of a transfer, shown on the app's placeholder.
+#include "client/AppsClient.h"
+
+namespace appsync {
+
+namespace {
+
+constexpr std::int64_t progressUnits = 1000;
+
+} // namespace
+
+void AppsClient::assetTransfer_updatedProgress(const QRAssetPtr& asset, double fraction) noexcept {
+    const std::string& identifier = asset->identifier;
+    _log.message("finished transferring %lf for %{public}@", fraction, identifier);
+    if (_useInstallCoordinator) {
+        const bool existingApp = _accessQueue.sync([&] { return _updatingApps.contains(identifier); });
+        updateTransferProgressForApp_existingApp(asset, existingApp);
+    } else if (const FNProgressPtr progress = _progressForAssetIdentifier(identifier)) {
+        progress->setInstallState(PDInstallStateActive);
+        if (progress->totalUnitCount() != progressUnits) {
+            progress->setTotalUnitCount(progressUnits);
+        }
+        progress->setCompletedUnitCount(static_cast<std::int64_t>(fraction * static_cast<double>(progressUnits)));
+    }
+    _outstandingRFXTransfers.add(identifier);
+}
+
+FNProgressPtr AppsClient::_progressForAssetIdentifier(std::string_view identifier) {
+    if (_useInstallCoordinator) {
+        _log.message("Not returning FNProgress * for %{public}@ as kestrow is enabled", identifier);
+        return nullptr;
+    }
+    const auto proxy = _platform.applicationProxies.applicationProxyForIdentifier_placeholder(identifier, true);
+    const FNProgressPtr progress =
+        proxy != nullptr ? _workspace().installProgressForApplication_withPhase(proxy, PDInstallPhaseLoading) : nullptr;
+    _log.error("Returning %{public}@ progress for %{public}@", progress, identifier);
+    return progress;
+}
+
+} // namespace appsync

@@ -1,0 +1,170 @@
+// The plug-in's own placeholder bundles: a folder with an icon and an Info file, registered until the app comes.
+#include "client/AppsClient.h"
+
+#include "client/Paths.h"
+#include "platform/Icons.h"
+#include "platform/Process.h"
+#include "platform/PropertyListSerialization.h"
+#include "platform/TransactionLog.h"
+
+namespace appsync {
+
+namespace {
+
+const FileAttributes mobileAttributes{"mobile", "mobile"};
+
+} // namespace
+
+bool AppsClient::_makeIconFromBundlePath_saveTo(const std::optional<std::string>& bundlePath, std::string_view path) {
+    if (!bundlePath) {
+        _log.error("missing bundlePath");
+        return false;
+    }
+    const auto url = FileURL::fileURLWithPath(*bundlePath, true);
+    if (!url) {
+        _log.error("couldn't create URL");
+        return false;
+    }
+    const auto bundle = _platform.bundles.bundleWithURL(*url);
+    if (bundle == nullptr) {
+        _log.error("couldn't create bundle from URL");
+        return false;
+    }
+    const auto image = _platform.iconRenderer.YKCreateDeviceAppropriateHomeScreenIconImageFromBundle(bundle);
+    if (image == nullptr) {
+        _log.error("couldn't create SK icon from bundle");
+        return false;
+    }
+    const auto destination = _platform.imageDestinations.destinationWithType_count("public.png", 1);
+    if (destination == nullptr) {
+        _log.error("couldn't create image");
+        return false;
+    }
+    destination->addImage(image);
+    const auto bytes = destination->finalize();
+    if (!bytes) {
+        _log.error("Couldn't finalize image");
+        return false;
+    }
+    if (!_platform.files.writeFileAtomically(path, bytes->bytes(), nullptr)) {
+        _log.error("Couldn't save image file to %{public}@", path);
+        return false;
+    }
+    return true;
+}
+
+std::string AppsClient::placeholderAppPathForBundleIdentifier(std::string_view bundleIdentifier) {
+    const std::string apps = paths::join(_platform.process.temporaryDirectory(), "com.zuvex.qrd.Apps");
+    return paths::join(apps, bundleIdentifier) + ".app";
+}
+
+bool AppsClient::createPlaceHolderPath_forBundleIdentifier_withAttributes(std::string_view path,
+                                                                          std::string_view bundleIdentifier,
+                                                                          const FileAttributes& attributes) {
+    ErrorPtr error;
+    const bool created = _platform.files.createDirectory(path, true, attributes, &error);
+    if (!created || error != nullptr) {
+        _platform.transactionLog.logScenario_step_success_forBundleID_description(
+            "Tamblin App Restore", TransactionStep::none, false, bundleIdentifier, "Failed to create app directory");
+    }
+    _log.message("Created app directory for '%{public}@' at %{public}@ with err=%{public}@", bundleIdentifier, path,
+                 error);
+    return created;
+}
+
+bool AppsClient::writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(
+    const std::optional<Data>& icon, std::string_view path, std::uint64_t* fileSize, std::string_view bundleIdentifier,
+    const FileAttributes& attributes) {
+    if (fileSize != nullptr) {
+        *fileSize = 0;
+    }
+    if (!icon) {
+        _log.error("no icon data for '%{public}@'", bundleIdentifier);
+        return false;
+    }
+    const bool created = _platform.files.createFile(path, icon->bytes(), attributes);
+    std::uint64_t size = 0;
+    if (created) {
+        const auto file = _platform.files.attributesOfItem(path, nullptr);
+        size = file ? file->size : 0;
+    }
+    if (fileSize != nullptr) {
+        *fileSize = size;
+    }
+    _log.message("icon data for '%{public}@' was writen to %{public}@ with status:%d fileSize:%llu", bundleIdentifier,
+                 path, created, size);
+    return created;
+}
+
+void AppsClient::_createPlaceHolderApplication(const QRAssetPtr& asset) {
+    const std::string& identifier = asset->identifier;
+    const std::string prettyName = asset->prettyName.value_or("");
+    _log.message("plist %{public}@", asset->infoPlist);
+    const Dictionary appInfo = _dictionaryAtPath(asset->infoPlist).value_or(Dictionary{});
+    if (prettyName.empty() || identifier.empty()) {
+        return;
+    }
+    const std::string bundlePath = placeholderAppPathForBundleIdentifier(identifier);
+    if (!createPlaceHolderPath_forBundleIdentifier_withAttributes(bundlePath, identifier, mobileAttributes)) {
+        return;
+    }
+    if (asset->icon) {
+        const std::string destination = paths::join(bundlePath, "Icon.png");
+        ErrorPtr error;
+        if (!_platform.files.copyItem(asset->icon->path(), destination, &error)) {
+            _log.error("Copying icon from %{public}@ to %{public}@ failed: %{public}@", asset->icon->path(),
+                       destination, error);
+        }
+    }
+    const Dictionary info = _placeholderInfo(*asset, appInfo);
+    if (!_writeInfoPlist(info, bundlePath)) {
+        return;
+    }
+    _log.message("creating placeholder for '%{public}@'. info.plist=%{public}@", bundlePath, info);
+    const Dictionary options{{PDPackageTypeKey, PDPackageTypePlaceholder},
+                             {PDBundleIdentifierKey, identifier},
+                             {PDInstallTypeKey, std::uint64_t{PDInstallTypeSync}}};
+    const auto url = FileURL::fileURLWithPath(bundlePath, true);
+    const bool installed = url && _workspace().installApplication_withOptions(*url, options);
+    if (installed) {
+        _log.message("Installed Placeholder app from path %{public}@: %{public}@ [%{public}@ %{public}@] [isWendral: "
+                     "%{public}@]",
+                     bundlePath, prettyName, identifier, asset->version(), info.find("UIWendralApp"));
+    } else {
+        _log.error("Placeholder app install failed from path %{public}@: %{public}@ [%{public}@ %{public}@] "
+                   "[isWendral: %{public}@]",
+                   bundlePath, prettyName, identifier, asset->version(), info.find("UIWendralApp"));
+    }
+    _platform.transactionLog.logScenario_step_success_forBundleID_description(
+        "Install placeholder", TransactionStep::none, installed, identifier,
+        installed ? "Installed placeholder" : "Failed to install placeholder");
+}
+
+/// The placeholder's Info dictionary; without a version it has no version entry.
+Dictionary AppsClient::_placeholderInfo(const QRAsset& asset, const Dictionary& appInfo) {
+    const Value* wendral = appInfo.find("UIWendralApp");
+    Dictionary info;
+    info.set("BXBundleIdentifier", asset.identifier);
+    if (const auto version = asset.version()) {
+        info.set("BXBundleVersion", *version);
+    }
+    info.set("BXBundleExecutable", asset.prettyName.value_or(""));
+    info.set("BXBundleDisplayName", asset.prettyName.value_or(""));
+    info.set("BXBundleIconFile", "Icon.png");
+    info.set("UIWendralApp", wendral != nullptr ? *wendral : Value(false));
+    info.set("PDApplicationLaunchProhibited", appInfo.truth("PDApplicationLaunchProhibited"));
+    return info;
+}
+
+bool AppsClient::_writeInfoPlist(const Dictionary& info, std::string_view bundlePath) {
+    const auto bytes = _platform.propertyLists.dataWithPropertyList(info, PropertyListFormat::xml, nullptr);
+    return bytes && _platform.files.writeFileAtomically(paths::join(bundlePath, "Info.plist"), bytes->bytes(), nullptr);
+}
+
+std::optional<Dictionary> AppsClient::_dictionaryAtPath(const std::optional<std::string>& path) {
+    const auto root = path ? _readPlist(*path, nullptr) : std::nullopt;
+    const Dictionary* dictionary = root ? root->dictionary() : nullptr;
+    return dictionary != nullptr ? std::optional(*dictionary) : std::nullopt;
+}
+
+} // namespace appsync
