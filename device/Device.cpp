@@ -1,0 +1,327 @@
+#include "device/Device.h"
+
+#include "device/coordinator/InstallCoordinator.h"
+#include "device/registry/ApplicationWorkspace.h"
+#include "device/registry/UninstalledList.h"
+#include "device/root/Database.h"
+#include "device/screen/AppBundles.h"
+#include "device/screen/CairoImage.h"
+#include "device/screen/DeviceHomeScreen.h"
+#include "device/screen/DeviceIconRenderer.h"
+#include "device/screen/RunningApps.h"
+#include "device/services/BackupService.h"
+#include "device/services/DevicePolicy.h"
+#include "device/services/DeviceProcess.h"
+#include "device/services/Notifications.h"
+#include "device/services/StoreClient.h"
+#include "device/services/TimerScheduler.h"
+#include "device/services/TransactionLog.h"
+#include "platform/Platform.h"
+#include "propertylist/Codec.h"
+
+namespace appsync::device {
+
+namespace {
+
+constexpr std::string_view Schema[] = {
+    "CREATE TABLE device (setting TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;"};
+
+/// The device's own settings; nothing when it has not been made completely.
+Result<std::optional<bool>> readCoordination(Database& database) {
+    if (const auto registered = database.registerSchema("device", Schema); !registered) {
+        return registered.error();
+    }
+    std::optional<bool> isEnabled;
+    Database::Transaction transaction(database);
+    {
+        auto rows = transaction.query("SELECT value FROM device WHERE setting = 'coordination'");
+        if (rows.next()) {
+            isEnabled = rows.integer(0) != 0;
+        }
+    }
+    if (const auto read = transaction.commit(); !read) {
+        return read.error();
+    }
+    return isEnabled;
+}
+
+Result<void> writeCoordination(Database& database, bool isEnabled) {
+    Database::Transaction transaction(database, Durability::durable);
+    transaction.run("INSERT INTO device VALUES ('coordination', ?1)", isEnabled);
+    return transaction.commit();
+}
+
+ErrorPtr deviceError(DeviceError code, const std::string& folder, const std::string& description) {
+    return makeError(DeviceErrorDomain, static_cast<std::int64_t>(code), description, folder);
+}
+
+} // namespace
+
+/// In the order in which they are opened; closed in the reverse order.
+struct Device::Services {
+    std::unique_ptr<Root> root;
+    std::unique_ptr<Database> database;
+    bool coordinationIsEnabled = true;
+    PropertyListCodec propertyLists;
+    std::unique_ptr<LogFile> log;
+    std::unique_ptr<TransactionLog> transactionLog;
+    std::unique_ptr<DevicePolicy> policy;
+    std::unique_ptr<BackupService> backup;
+
+    std::unique_ptr<UninstalledList> uninstalledList;
+    std::unique_ptr<Registry> registry;
+    Settlement settlement;
+    std::unique_ptr<ApplicationWorkspace> workspace;
+    std::unique_ptr<StoreClient> store;
+
+    NotificationNames notifications;
+    DeviceNotificationCenter notificationCenter;
+    DeviceProcess process;
+    NoRunningApps runningApps;
+    std::unique_ptr<AppBundles> bundles;
+    std::unique_ptr<DeviceIconRenderer> iconRenderer;
+    PNGDestinations imageDestinations;
+    std::unique_ptr<DeviceHomeScreen> homeScreen;
+
+    std::unique_ptr<InstallCoordinator> coordinator;
+    TimerScheduler scheduler;
+
+    [[nodiscard]] Result<void> openRoot(Result<std::unique_ptr<Root>> opened,
+                                        const std::shared_ptr<FaultPoint>& faultPoint);
+    [[nodiscard]] Result<void> openRecords(const DeviceEnvironment& environment);
+    [[nodiscard]] Result<void> openApps(const DeviceEnvironment& environment);
+    [[nodiscard]] Result<void> openScreen();
+    [[nodiscard]] Result<void> openCoordinator();
+    [[nodiscard]] Result<void> openAll(const DeviceEnvironment& environment);
+};
+
+namespace {
+
+/// Moves a service that could be opened to its place.
+template <class Service> ErrorPtr place(std::unique_ptr<Service>& place, Result<std::unique_ptr<Service>> opened) {
+    if (opened) {
+        place = std::move(*opened);
+    }
+    return opened.error();
+}
+
+} // namespace
+
+Result<void> Device::Services::openRoot(Result<std::unique_ptr<Root>> opened,
+                                        const std::shared_ptr<FaultPoint>& faultPoint) {
+    if (const ErrorPtr error = place(root, std::move(opened))) {
+        return error;
+    }
+    return place(database, Database::open(root->databasePath(), faultPoint));
+}
+
+Result<void> Device::Services::openRecords(const DeviceEnvironment& environment) {
+    if (const ErrorPtr error = place(log, LogFile::open(root->files(), environment.log))) {
+        return error;
+    }
+    if (const ErrorPtr error = place(transactionLog, TransactionLog::open(*database, log.get()))) {
+        return error;
+    }
+    if (const ErrorPtr error = place(policy, DevicePolicy::open(*database))) {
+        return error;
+    }
+    return place(backup, BackupService::open(*database));
+}
+
+Result<void> Device::Services::openApps(const DeviceEnvironment& environment) {
+    if (const ErrorPtr error = place(uninstalledList, UninstalledList::open(*database))) {
+        return error;
+    }
+    if (const ErrorPtr error = place(registry, Registry::open(*root, *database, propertyLists, environment.registry))) {
+        return error;
+    }
+    const auto settled = registry->settle();
+    if (!settled) {
+        return settled.error();
+    }
+    settlement = *settled;
+    workspace = std::make_unique<ApplicationWorkspace>(*registry);
+    store = std::make_unique<StoreClient>(root->files(), *registry, propertyLists);
+    return {};
+}
+
+Result<void> Device::Services::openScreen() {
+    bundles = std::make_unique<AppBundles>(root->files(), propertyLists);
+    iconRenderer = std::make_unique<DeviceIconRenderer>(root->files());
+    return place(homeScreen, DeviceHomeScreen::open({*database, *registry, propertyLists, notifications, *iconRenderer,
+                                                     runningApps, *log}));
+}
+
+Result<void> Device::Services::openCoordinator() {
+    const CoordinatorServices services{root->files(), *registry, *database, propertyLists};
+    if (const ErrorPtr error = place(coordinator, InstallCoordinator::open(services, coordinationIsEnabled))) {
+        return error;
+    }
+    coordinator->resume();
+    return {};
+}
+
+Result<void> Device::Services::openAll(const DeviceEnvironment& environment) {
+    if (auto opened = openRecords(environment); !opened) {
+        return opened;
+    }
+    if (auto opened = openApps(environment); !opened) {
+        return opened;
+    }
+    if (auto opened = openScreen(); !opened) {
+        return opened;
+    }
+    return openCoordinator();
+}
+
+Device::Device(std::unique_ptr<Services> services) : _services(std::move(services)) {}
+
+Device::~Device() = default;
+
+Result<std::unique_ptr<Device>> Device::create(const std::string& folder, const DeviceOptions& options,
+                                               const DeviceEnvironment& environment) {
+    auto services = std::make_unique<Services>();
+    if (const auto opened = services->openRoot(Root::create(folder, {environment.faultPoint}), environment.faultPoint);
+        !opened) {
+        return opened.error();
+    }
+    const auto known = readCoordination(*services->database);
+    if (!known) {
+        return known.error();
+    }
+    if (known->has_value()) {
+        return deviceError(DeviceError::existsAlready, folder,
+                           folder + " is a device already; open it, or create one in another folder");
+    }
+    services->coordinationIsEnabled = options.coordinationIsEnabled;
+    if (const auto opened = services->openAll(environment); !opened) {
+        return opened.error();
+    }
+    const auto allowed = [](bool isForbidden) { return isForbidden ? OLBoolValue::explicitlyNo : OLBoolValue::unset; };
+    DevicePolicy& policy = *services->policy;
+    if (const auto set = policy.set(OLFeatureAppInstallationAllowed, allowed(options.forbidsInstalling)); !set) {
+        return set.error();
+    }
+    if (const auto set = policy.set(OLFeatureAppRemovalAllowed, allowed(options.forbidsRemoving)); !set) {
+        return set.error();
+    }
+    // The last step: until it is done the device counts as not made.
+    if (const auto written = writeCoordination(*services->database, options.coordinationIsEnabled); !written) {
+        return written.error();
+    }
+    return std::unique_ptr<Device>(new Device(std::move(services)));
+}
+
+Result<std::unique_ptr<Device>> Device::open(const std::string& folder, const DeviceEnvironment& environment) {
+    auto services = std::make_unique<Services>();
+    if (const auto opened = services->openRoot(Root::open(folder, {environment.faultPoint}), environment.faultPoint);
+        !opened) {
+        return opened.error();
+    }
+    const auto known = readCoordination(*services->database);
+    if (!known) {
+        return known.error();
+    }
+    if (!known->has_value()) {
+        return deviceError(DeviceError::notFinished, folder,
+                           "the making of the device " + folder + " was interrupted; create it again");
+    }
+    services->coordinationIsEnabled = **known;
+    if (const auto opened = services->openAll(environment); !opened) {
+        return opened.error();
+    }
+    return std::unique_ptr<Device>(new Device(std::move(services)));
+}
+
+Platform Device::platform(QRDeviceServiceClass& deviceService, QRErrorClassification& errorClassification) {
+    Services& s = *_services;
+    const CoordinatorClasses installs = s.coordinator->classes();
+    return Platform{
+        .log = *s.log,
+        .transactionLog = *s.transactionLog,
+        .deviceService = deviceService,
+        .errorClassification = errorClassification,
+        .process = s.process,
+        .scheduler = s.scheduler,
+        .files = s.root->files(),
+        .propertyLists = s.propertyLists,
+        .workspaces = *s.workspace,
+        .applicationProxies = *s.workspace,
+        .installationService = *s.uninstalledList,
+        .coordinators = installs.coordinators,
+        .initiatingCoordinators = installs.initiatingCoordinators,
+        .updatingCoordinators = installs.updatingCoordinators,
+        .restoringCoordinators = installs.restoringCoordinators,
+        .restoringDemotedCoordinators = installs.restoringDemotedCoordinators,
+        .placeholders = installs.placeholders,
+        .transferPromises = installs.transferPromises,
+        .outOfBandPromises = installs.outOfBandPromises,
+        .installObservers = installs.observers,
+        .profileConnections = *s.policy,
+        .backupManagers = *s.backup,
+        .softwareLibraries = *s.store,
+        .homeScreen = *s.homeScreen,
+        .notifications = s.notifications,
+        .notificationCenter = s.notificationCenter,
+        .bundles = *s.bundles,
+        .iconRenderer = *s.iconRenderer,
+        .imageDestinations = s.imageDestinations,
+    };
+}
+
+Root& Device::root() noexcept {
+    return *_services->root;
+}
+DeviceFileSystem& Device::files() noexcept {
+    return _services->root->files();
+}
+PropertyListSerialization& Device::propertyLists() noexcept {
+    return _services->propertyLists;
+}
+Database& Device::database() noexcept {
+    return *_services->database;
+}
+LogFile& Device::log() noexcept {
+    return *_services->log;
+}
+TransactionLog& Device::transactionLog() noexcept {
+    return *_services->transactionLog;
+}
+Registry& Device::registry() noexcept {
+    return *_services->registry;
+}
+UninstalledList& Device::uninstalledList() noexcept {
+    return *_services->uninstalledList;
+}
+InstallCoordinator& Device::coordinator() noexcept {
+    return *_services->coordinator;
+}
+DeviceHomeScreen& Device::homeScreen() noexcept {
+    return *_services->homeScreen;
+}
+DevicePolicy& Device::policy() noexcept {
+    return *_services->policy;
+}
+BackupService& Device::backup() noexcept {
+    return *_services->backup;
+}
+StoreClient& Device::store() noexcept {
+    return *_services->store;
+}
+NotificationNames& Device::notifications() noexcept {
+    return _services->notifications;
+}
+DeviceNotificationCenter& Device::notificationCenter() noexcept {
+    return _services->notificationCenter;
+}
+TimerScheduler& Device::scheduler() noexcept {
+    return _services->scheduler;
+}
+bool Device::coordinationIsEnabled() const noexcept {
+    return _services->coordinationIsEnabled;
+}
+const Settlement& Device::settlement() const noexcept {
+    return _services->settlement;
+}
+
+} // namespace appsync::device

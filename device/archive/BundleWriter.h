@@ -1,0 +1,46 @@
+// Creates the files of an app in a new folder, each in as few system calls as can be.
+#pragma once
+
+#include "device/root/Descriptor.h"
+#include "device/root/FaultPoint.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+namespace appsync::device {
+
+/// Paths are relative to the folder and safe (`findUnsafe`); no two are alike and none lies below a file or link. Each
+/// operation answers zero or an errno number.
+class BundleWriter {
+  public:
+    /// The descriptor must stay open as long as the object is used; the fault point may be null.
+    BundleWriter(int folder, FaultPoint* faultPoint) : _folder(folder), _faultPoint(faultPoint) {}
+
+    /// Makes a folder and those above it, as far as they do not exist yet.
+    [[nodiscard]] int makeFolder(std::string_view path);
+    /// Makes an empty file and the folders above it, opened for writing, with room for the bytes expected.
+    [[nodiscard]] int makeFile(std::string_view path, bool isExecutable, std::uint64_t expectedBytes, Descriptor& file);
+    /// Tells that a file is complete: the disk may begin with it while the next one is unpacked.
+    static void finishFile(int file, std::uint64_t bytes) noexcept;
+    /// Remembers a symbolic link; `makeLinks` makes it, so that no file is written through it.
+    void addLink(std::string_view path, std::string_view target) { _links.emplace_back(path, target); }
+    [[nodiscard]] int makeLinks();
+    [[nodiscard]] const std::vector<std::pair<std::string, std::string>>& links() const noexcept { return _links; }
+
+  private:
+    [[nodiscard]] int _enter(std::string_view path);
+    [[nodiscard]] int _here() const noexcept { return _current.isOpen() ? _current.get() : _folder; }
+
+    const int _folder;
+    FaultPoint* const _faultPoint;
+    std::unordered_set<std::string> _made; // folders
+    Descriptor _current;                   // the folder of the last file; closed for the topmost one
+    std::string _currentPath;
+    std::vector<std::pair<std::string, std::string>> _links;
+};
+
+} // namespace appsync::device

@@ -1,0 +1,53 @@
+// Unpacks the app of an archive into a new container.
+#pragma once
+
+#include "device/archive/ArchiveLimits.h"
+#include "device/root/FaultPoint.h"
+#include "device/root/Result.h"
+#include "platform/PropertyList.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <stop_token>
+#include <string>
+
+namespace appsync {
+class PropertyListSerialization;
+}
+
+namespace appsync::device {
+
+/// Names in a container and in an archive, beside the app's folder.
+inline constexpr std::string_view metadataFileName = "TamblinMetadata.plist";
+inline constexpr std::string_view artworkFileName = "TamblinArtwork";
+inline constexpr std::string_view sinfFileName = "ApplicationSINF"; // never in an archive
+inline constexpr std::string_view infoFileName = "Info.plist";      // in the app's folder
+inline constexpr std::string_view bundleExtension = ".app";
+
+struct ExtractionRequest {
+    int archive = -1;                       // open for reading, with an offset of its own
+    std::string archivePath;                // for messages
+    std::string identifier;                 // of the app that the archive must hold
+    std::optional<std::uint64_t> freeSpace; // bytes; nothing when it is not known
+    std::function<void(double)> progress;   // 0 to 1; may be empty
+    std::stop_token cancel;
+    bool wantsMetadata = true; // false: the archive's store metadata is left out
+};
+
+struct ExtractedApplication {
+    std::string bundleName; // "<Name>.app"
+    Dictionary info;        // content of its Info.plist
+    std::optional<Data> metadata;
+    std::uint64_t bytes = 0; // of the files in the app's folder
+};
+
+/// Unpacks into an empty folder, whose content is to be thrown away after an error. An archive is refused unless every
+/// check has passed: its directory (`ZipDirectory`), its entries against that, their checksums, links that stay in the
+/// app, and the app's identity. Nothing is durable yet. Any number of calls may run at once.
+[[nodiscard]] Result<ExtractedApplication> extractApplication(const ExtractionRequest& request, int container,
+                                                              const ArchiveLimits& limits,
+                                                              PropertyListSerialization& propertyLists,
+                                                              FaultPoint* faultPoint);
+
+} // namespace appsync::device

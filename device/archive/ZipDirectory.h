@@ -1,0 +1,49 @@
+// The directory of a zip archive, read and checked before anything is unpacked.
+//
+// It states every entry's name, kind, size and place. What it says is checked against the limits and against itself;
+// that the entries keep to it is checked while they are unpacked.
+#pragma once
+
+#include "device/archive/ArchiveLimits.h"
+#include "device/archive/Refusal.h"
+#include "device/root/Result.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace appsync::device {
+
+class ZipDirectory {
+  public:
+    enum class Kind { file, folder, link };
+    struct Entry {
+        std::string_view path; // without the "/" that ends the name of a folder
+        Kind kind = Kind::file;
+        std::uint64_t unpackedBytes = 0;
+        std::uint64_t start = 0; // its place in the archive; `end` is the least that it can be
+        std::uint64_t end = 0;
+    };
+
+    /// Reads the directory of an open archive. Nothing changes the file's offset.
+    [[nodiscard]] static Result<ZipDirectory> read(int archive, const ArchiveLimits& limits, const Refusal& refuse);
+
+    /// In the order in which they lie in the archive. No two have the same path or share bytes, and none lies below
+    /// another that is not a folder.
+    [[nodiscard]] const std::vector<Entry>& entries() const noexcept { return _entries; }
+    /// Null when there is none.
+    [[nodiscard]] const Entry* find(std::string_view path) const noexcept;
+    [[nodiscard]] std::uint64_t unpackedBytes() const noexcept { return _unpackedBytes; }
+
+  private:
+    friend class ZipDirectoryReader;
+    std::string _bytes; // the entries' paths are views of it: with an entry in it, too long to move with the object
+    std::vector<Entry> _entries;
+    /// Number of the entry; for a folder that is only the parent of others, `impliedFolder`.
+    std::unordered_map<std::string_view, std::size_t> _numbers;
+    std::uint64_t _unpackedBytes = 0;
+};
+
+} // namespace appsync::device

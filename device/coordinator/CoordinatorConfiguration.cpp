@@ -1,0 +1,235 @@
+// How a coordinator and its placeholder are configured: every change is checked, written down, and may lead to work.
+#include "device/coordinator/CoordinatorEngine.h"
+#include "device/coordinator/CoordinatorError.h"
+
+namespace appsync::device {
+
+namespace {
+
+ErrorPtr alreadySet(const CoordinatorState& state, std::string_view what) {
+    return makeCoordinatorError(CoordinatorError::alreadySet,
+                                "the coordinator for " + state.bundleID + " has " + std::string(what) + " already");
+}
+
+ErrorPtr endedPlaceholder(const PlaceholderState& placeholder) {
+    return makeCoordinatorError(CoordinatorError::ended, "the placeholder for " + placeholder.bundleID +
+                                                             " has been configured or cancelled already");
+}
+
+} // namespace
+
+Result<void> CoordinatorEngine::_checkOpen(const CoordinatorState& state) const {
+    if (!state.facts.hasOutcome() && !state.cancelRequester) {
+        return {};
+    }
+    return makeCoordinatorError(CoordinatorError::ended, "the coordinator for " + state.bundleID + " has ended");
+}
+
+Result<void> CoordinatorEngine::_change(const CoordinatorStatePtr& state,
+                                        const std::function<void(CoordinatorFacts&)>& change) {
+    const std::lock_guard lock(_mutex);
+    if (auto open = _checkOpen(*state); !open) {
+        return open;
+    }
+    CoordinatorFacts before = state->facts;
+    change(state->facts);
+    if (auto written = _store.update(*state); !written) {
+        state->facts = std::move(before);
+        return written;
+    }
+    _advance(state);
+    return {};
+}
+
+Result<void> CoordinatorEngine::setOptions(const CoordinatorStatePtr& state, const TVInstallOptions& options) {
+    auto metadata = metadataBytes(options.tamblinMetadata);
+    if (!metadata) {
+        return metadata.error();
+    }
+    return _change(state, [&](CoordinatorFacts& facts) {
+        facts.options = InstallOptionsRecord{options.registryInstallType, options.installTargetType,
+                                             std::move(*metadata), options.sinfData};
+    });
+}
+
+Result<void> CoordinatorEngine::setODRPromises(const CoordinatorStatePtr& state, std::size_t count) {
+    if (count > 0) {
+        return makeCoordinatorError(CoordinatorError::unsupported,
+                                    "this device has no on-demand resources; give none for " + state->bundleID);
+    }
+    return _change(state, [](CoordinatorFacts& facts) { facts.hasODRPromises = true; });
+}
+
+Result<void> CoordinatorEngine::setResponsibleClient(const CoordinatorStatePtr& state, KXClientIdentifier client) {
+    return _change(state, [&](CoordinatorFacts& facts) { facts.responsibleClient = client; });
+}
+
+Result<void> CoordinatorEngine::attachAsset(const CoordinatorStatePtr& state, const PromisePtr& promise) {
+    return _attach(state, &CoordinatorState::asset, promise, PromiseRole::appAsset);
+}
+
+Result<void> CoordinatorEngine::attachUserData(const CoordinatorStatePtr& state, const PromisePtr& promise) {
+    return _attach(state, &CoordinatorState::userData, promise, PromiseRole::userData);
+}
+
+Result<void> CoordinatorEngine::_attach(const CoordinatorStatePtr& state, PromisePtr CoordinatorState::*place,
+                                        const PromisePtr& promise, PromiseRole role) {
+    const std::lock_guard lock(_mutex);
+    if (auto open = _checkOpen(*state); !open) {
+        return open;
+    }
+    PromisePtr& attached = (*state).*place;
+    if (attached) {
+        return alreadySet(*state, role == PromiseRole::appAsset ? "an app asset promise" : "a user data promise");
+    }
+    if (!promise->take(role)) {
+        return makeCoordinatorError(CoordinatorError::alreadySet,
+                                    "the promise " + promise->name() + " is in use already, or was cancelled");
+    }
+    promise->setOwner(state);
+    if (auto written = _store.updatePromise(*state, *promise); !written) {
+        promise->release();
+        return written;
+    }
+    attached = promise;
+    _advance(state);
+    return {};
+}
+
+Result<void> CoordinatorEngine::attachPlaceholder(const CoordinatorStatePtr& state, const PlaceholderPtr& placeholder) {
+    const std::lock_guard lock(_mutex);
+    if (auto open = _checkOpen(*state); !open) {
+        return open;
+    }
+    if (state->placeholder) {
+        return alreadySet(*state, "a placeholder promise");
+    }
+    if (placeholder->bundleID != state->bundleID) {
+        return makeCoordinatorError(CoordinatorError::invalidArgument, "the coordinator for " + state->bundleID +
+                                                                           " was given the placeholder of " +
+                                                                           placeholder->bundleID);
+    }
+    if (placeholder->isCancelled || placeholder->isAttached ||
+        (placeholder->icon && placeholder->icon->isCancelled())) {
+        return makeCoordinatorError(CoordinatorError::alreadySet,
+                                    "the placeholder for " + state->bundleID + " is in use already, or was cancelled");
+    }
+    state->placeholder = placeholder;
+    if (auto written = _store.updatePlaceholder(*state); !written) {
+        state->placeholder = nullptr;
+        return written;
+    }
+    placeholder->isAttached = true;
+    placeholder->owner = state;
+    if (placeholder->icon) {
+        placeholder->icon->setOwner(state);
+    }
+    _advance(state);
+    return {};
+}
+
+Result<void> CoordinatorEngine::changePlaceholder(const PlaceholderPtr& placeholder,
+                                                  const std::function<Result<void>(PlaceholderState&)>& change) {
+    const std::lock_guard lock(_mutex);
+    const auto owner = placeholder->owner.lock();
+    if (placeholder->isConfigured || placeholder->isCancelled || (owner && !_checkOpen(*owner))) {
+        return endedPlaceholder(*placeholder);
+    }
+    PlaceholderState before = *placeholder;
+    auto changed = change(*placeholder);
+    if (changed && owner) {
+        changed = _store.updatePlaceholder(*owner);
+    }
+    if (!changed) {
+        *placeholder = std::move(before);
+        return changed;
+    }
+    if (owner) {
+        if (placeholder->icon) {
+            placeholder->icon->setOwner(owner);
+        }
+        _advance(owner);
+    }
+    return {};
+}
+
+Result<std::optional<Data>> CoordinatorEngine::metadataBytes(const std::optional<TVStoreMetadata>& metadata) {
+    if (!metadata) {
+        return std::optional<Data>();
+    }
+    auto bytes = _store.serialize(metadata->dictionary);
+    if (!bytes) {
+        return bytes.error();
+    }
+    return std::optional<Data>(std::move(*bytes));
+}
+
+PromisePtr CoordinatorEngine::makePromise(std::string_view name, KXClientIdentifier client, std::uint64_t diskSpace,
+                                          std::optional<std::string> path) {
+    PromiseRecord record;
+    record.id = ++_lastPromise;
+    record.name = name;
+    record.client = client;
+    record.diskSpaceNeeded = diskSpace;
+    record.path = std::move(path);
+    return std::make_shared<Promise>(std::move(record));
+}
+
+void CoordinatorEngine::setFraction(Promise& promise, double fraction) {
+    const bool isFirst = promise.setFraction(fraction);
+    const auto owner = promise.owner();
+    if (!owner || promise.role() != PromiseRole::appAsset) {
+        return;
+    }
+    _showTransfer(*owner, promise.fraction());
+    if (isFirst) {
+        _report(owner, [number = promise.identifier()](KXAppInstallObserverDelegate& delegate) {
+            delegate.promiseDidBeginFulfillmentWithIdentifier(number);
+        });
+    }
+}
+
+void CoordinatorEngine::complete(Promise& promise) {
+    if (!promise.complete()) {
+        return;
+    }
+    const auto owner = promise.owner();
+    if (!owner) {
+        return; // written when it is attached
+    }
+    const std::lock_guard lock(_mutex);
+    if (_checkOpen(*owner)) {
+        // When this cannot be written the install goes on all the same; only a restart would wait for the file again.
+        (void)_store.updatePromise(*owner, promise);
+        _advance(owner);
+    }
+}
+
+Result<void> CoordinatorEngine::cancel(const PlaceholderPtr& placeholder, const ErrorPtr& reason,
+                                       KXClientIdentifier client) {
+    {
+        const std::lock_guard lock(_mutex);
+        if (placeholder->isCancelled) {
+            return endedPlaceholder(*placeholder);
+        }
+        placeholder->isCancelled = !placeholder->isAttached;
+    }
+    if (!placeholder->isCancelled) {
+        const auto owner = placeholder->owner.lock();
+        return owner ? cancel(owner, reason, client) : endedPlaceholder(*placeholder);
+    }
+    _removeIcon(*placeholder);
+    return {};
+}
+
+Result<void> CoordinatorEngine::cancel(Promise& promise, const ErrorPtr& reason, KXClientIdentifier client) {
+    if (const auto owner = promise.owner()) {
+        return cancel(owner, reason, client);
+    }
+    if (promise.cancel()) {
+        return {};
+    }
+    return makeCoordinatorError(CoordinatorError::ended, "the promise " + promise.name() + " was cancelled already");
+}
+
+} // namespace appsync::device

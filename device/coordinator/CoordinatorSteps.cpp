@@ -1,0 +1,179 @@
+// What the steps of an install do outside of the coordinator's own state: registry, files, home screen.
+#include "device/coordinator/CoordinatorEngine.h"
+#include "device/coordinator/CoordinatorError.h"
+#include "device/registry/Registry.h"
+#include "device/root/DeviceFileSystem.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace appsync::device {
+
+namespace {
+
+constexpr std::int64_t ProgressUnits = 1000;
+constexpr std::string_view TemporaryFolder = "/tmp/";
+
+bool isBelow(std::string_view path, std::string_view folder) {
+    return path.starts_with(folder) && path.find("/../") == std::string_view::npos && !path.ends_with("/..");
+}
+
+/// Whether a path names a file, or a link as such; a folder is never a transferred file.
+bool isFile(DeviceFileSystem& files, const std::string& path) {
+    const auto item = files.open(path, O_PATH | O_NOFOLLOW);
+    struct stat information {};
+    return item && ::fstat(item->get(), &information) == 0 && !S_ISDIR(information.st_mode);
+}
+
+/// Removes a file that belonged to a coordinator, if it stands where files are received or made for one.
+void removeOwnedFile(DeviceFileSystem& files, const std::string& path) {
+    const bool isReceived = isBelow(path, "/var/mobile/") || isBelow(path, TemporaryFolder);
+    if (isReceived && isFile(files, path)) {
+        files.removeItem(path, nullptr);
+    }
+}
+
+/// The Info dictionary of a placeholder's bundle.
+Dictionary placeholderInfo(const PlaceholderState& placeholder) {
+    Dictionary info = placeholder.infoPlist.value_or(Dictionary{});
+    info.set("BXBundleDisplayName", placeholder.bundleName);
+    if (placeholder.bundleVersion) {
+        info.set("BXBundleVersion", *placeholder.bundleVersion);
+    }
+    if (placeholder.icon) {
+        info.set("BXBundleIconFile", "Icon.png");
+    } else {
+        info.erase("BXBundleIconFile"); // it names a file of the app that the placeholder does not have
+    }
+    info.set("PDApplicationLaunchProhibited", placeholder.launchProhibited);
+    return info;
+}
+
+} // namespace
+
+ErrorPtr CoordinatorEngine::_installPlaceholder(const CoordinatorState& state, const PlaceholderState& placeholder) {
+    const auto known = _services.registry.application(state.bundleID);
+    PlaceholderRequest request;
+    request.identifier = state.bundleID;
+    request.info = placeholderInfo(placeholder);
+    if (placeholder.icon) {
+        request.iconPath = placeholder.icon->record().path;
+    }
+    request.installType = placeholder.installType;
+    request.metadata = placeholder.metadata;
+    request.sinf = placeholder.sinf;
+    request.isSystem = known && known->isSystem;
+    return _services.registry.installPlaceholder(request).error();
+}
+
+ErrorPtr CoordinatorEngine::_installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
+                                        const PromiseRecord& asset) {
+    if (!asset.path || !_services.files.fileExists(*asset.path)) {
+        return makeCoordinatorError(CoordinatorError::fileMissing,
+                                    "the file that was to be installed for " + state.bundleID +
+                                        " is not there; transfer the app again",
+                                    asset.path.value_or(""));
+    }
+    ArchiveRequest request;
+    request.archivePath = *asset.path;
+    request.identifier = state.bundleID;
+    request.installType = options.registryInstallType;
+    request.metadata = options.metadata;
+    request.sinf = options.sinf;
+    request.cancel = state.stop.get_token(); // the registry itself shows how far the install is
+    return _services.registry.installArchive(request).error();
+}
+
+/// How much of the app's file has arrived. Nothing shows as long as the app has no placeholder.
+void CoordinatorEngine::_showTransfer(const CoordinatorState& state, double fraction) {
+    if (state.kind == CoordinatorKind::restoringDemoted) {
+        return;
+    }
+    const FNProgressPtr progress = _services.registry.progress(state.bundleID, PDInstallPhaseLoading);
+    if (!progress || progress->installPhase() != PDInstallPhaseLoading) {
+        return;
+    }
+    progress->setInstallState(fraction > 0 ? PDInstallStateActive : PDInstallStateWaiting);
+    if (progress->totalUnitCount() != ProgressUnits) {
+        progress->setTotalUnitCount(ProgressUnits);
+    }
+    progress->setCompletedUnitCount(static_cast<std::int64_t>(fraction * ProgressUnits));
+}
+
+/// Removes what a coordinator that has ended leaves behind.
+void CoordinatorEngine::_clearAway(const CoordinatorState& state, const Outcome& outcome) {
+    if (outcome.cancelledBy == KXClientPerson) {
+        _services.registry.cancelInstall(state.bundleID);
+    } else if (outcome.error && state.facts.isPlaceholderInstalled) {
+        // That a person has removed it meanwhile is no failure.
+        (void)_services.registry.uninstall(state.bundleID, RemovalReason::sync, RemovalScope::placeholderOnly);
+    }
+    if (state.asset && state.asset->isComplete()) {
+        removeOwnedFile(_services.files, state.asset->record().path.value_or(""));
+    }
+    if (state.placeholder) {
+        _removeIcon(*state.placeholder);
+    }
+}
+
+/// Removes the icon file, and in the temporary directory the folder that held nothing else.
+void CoordinatorEngine::_removeIcon(const PlaceholderState& placeholder) {
+    if (!placeholder.icon || !placeholder.icon->isComplete()) {
+        return;
+    }
+    const std::string path = placeholder.icon->record().path.value_or("");
+    removeOwnedFile(_services.files, path);
+    const std::string folder = path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/'));
+    if (!isBelow(folder, TemporaryFolder)) {
+        return;
+    }
+    const auto left = _services.files.list(folder);
+    if (left && left->empty()) {
+        _services.files.removeItem(folder, nullptr);
+    }
+}
+
+/// Why a coordinator of an earlier process cannot go on; null when it can, or when its next step will say why not.
+ErrorPtr CoordinatorEngine::_problemAfterRestart(const CoordinatorState& state) {
+    const bool needsPlaceholder = state.facts.isPlaceholderInstalled && !(state.asset && state.asset->isComplete());
+    if (!needsPlaceholder || _services.registry.hasPlaceholder(state.bundleID)) {
+        return nullptr;
+    }
+    return makeCoordinatorError(CoordinatorError::placeholderMissing,
+                                "the placeholder of " + state.bundleID +
+                                    " has disappeared while the device was off; begin its install again");
+}
+
+// Uninstalling.
+
+Result<void> CoordinatorEngine::uninstall(std::string_view bundleID, RemovalReason reason, RemovalScope scope) {
+    const auto state = find(bundleID);
+    bool isPlaceholderGone = false;
+    if (state) {
+        const auto error = makeCoordinatorError(CoordinatorError::uninstalled,
+                                                state->bundleID + " was uninstalled while it was being installed");
+        const auto client = reason == RemovalReason::person ? KXClientPerson : state->creator;
+        const bool hadPlaceholder = _services.registry.hasPlaceholder(bundleID);
+        (void)cancel(state, error, client); // too late: the app is there to be uninstalled
+        isPlaceholderGone = hadPlaceholder && !_services.registry.hasPlaceholder(bundleID);
+    }
+    if (isPlaceholderGone && scope != RemovalScope::everything) {
+        return {};
+    }
+    if (isPlaceholderGone && !_services.registry.isInstalled(bundleID)) {
+        return {};
+    }
+    return _services.registry.uninstall(bundleID, reason, scope);
+}
+
+void CoordinatorEngine::uninstallInBackground(std::string_view bundleID,
+                                              std::function<void(const ErrorPtr&)> completion) {
+    _busy.enter();
+    _workers.addOperation([this, identifier = std::string(bundleID), completion = std::move(completion)] {
+        const auto removed = uninstall(identifier, RemovalReason::sync, RemovalScope::everything);
+        _observers.run([completion, error = removed.error()] { completion(error); });
+        _busy.leave();
+    });
+}
+
+} // namespace appsync::device

@@ -1,0 +1,254 @@
+#include "device/coordinator/CoordinatorStore.h"
+
+#include "device/root/Database.h"
+#include "platform/PropertyListSerialization.h"
+
+#include <algorithm>
+
+namespace appsync::device {
+
+namespace {
+
+constexpr std::string_view Schema[] = {
+    "CREATE TABLE coordinator (id INTEGER PRIMARY KEY, bundle TEXT NOT NULL, kind INTEGER NOT NULL,"
+    " creator INTEGER NOT NULL, hasOptions INTEGER NOT NULL DEFAULT 0, installType INTEGER, targetType INTEGER,"
+    " metadata BLOB, sinf BLOB, hasODR INTEGER NOT NULL DEFAULT 0, responsible INTEGER NOT NULL DEFAULT 0,"
+    " placeholderInstalled INTEGER NOT NULL DEFAULT 0, ending INTEGER NOT NULL DEFAULT 0, error BLOB,"
+    " cancelledBy INTEGER);"
+    "CREATE TABLE coordinatorPlaceholder (coordinator INTEGER PRIMARY KEY, name TEXT NOT NULL,"
+    " installType INTEGER NOT NULL, info BLOB, launchProhibited INTEGER NOT NULL, version TEXT, metadata BLOB,"
+    " sinf BLOB, configured INTEGER NOT NULL);"
+    "CREATE TABLE coordinatorPromise (id INTEGER PRIMARY KEY, coordinator INTEGER NOT NULL, role INTEGER NOT NULL,"
+    " name TEXT NOT NULL, client INTEGER NOT NULL, space INTEGER NOT NULL, path TEXT, complete INTEGER NOT NULL);"
+    "CREATE INDEX coordinatorPromiseOwner ON coordinatorPromise (coordinator);"};
+
+std::int64_t signedOf(std::uint64_t number) {
+    return static_cast<std::int64_t>(number);
+}
+
+std::uint64_t unsignedOf(std::int64_t number) {
+    return static_cast<std::uint64_t>(number);
+}
+
+void writePromise(Database::Transaction& transaction, const CoordinatorState& coordinator, const Promise& promise) {
+    const PromiseRecord record = promise.record();
+    transaction.run("INSERT INTO coordinatorPromise (id, coordinator, role, name, client, space, path, complete)"
+                    " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)"
+                    " ON CONFLICT (id) DO UPDATE SET path = ?7, complete = ?8",
+                    record.id, coordinator.id, static_cast<int>(record.role), record.name, record.client,
+                    record.diskSpaceNeeded, record.path, record.isComplete);
+}
+
+void removeBelongings(Database::Transaction& transaction, std::int64_t coordinator) {
+    transaction.run("DELETE FROM coordinatorPromise WHERE coordinator = ?1", coordinator);
+    transaction.run("DELETE FROM coordinatorPlaceholder WHERE coordinator = ?1", coordinator);
+}
+
+} // namespace
+
+Result<void> CoordinatorStore::registerSchema() {
+    return _database.registerSchema("coordinator", Schema);
+}
+
+Result<std::vector<CoordinatorStatePtr>> CoordinatorStore::load(std::uint64_t& lastPromise, std::size_t mostReports) {
+    std::vector<CoordinatorStatePtr> coordinators;
+    Database::Transaction transaction(_database);
+    transaction.run("DELETE FROM coordinator WHERE ending = ?1 AND id NOT IN"
+                    " (SELECT id FROM coordinator WHERE ending = ?1 ORDER BY id DESC LIMIT ?2)",
+                    static_cast<int>(CoordinatorEnd::reporting), mostReports);
+    auto rows = transaction.query("SELECT id, bundle, kind, creator, hasOptions, installType, targetType, metadata,"
+                                  " sinf, hasODR, responsible, placeholderInstalled, ending, error,"
+                                  " cancelledBy FROM coordinator ORDER BY id");
+    while (rows.next()) {
+        auto state = std::make_shared<CoordinatorState>();
+        state->id = rows.integer(0);
+        state->bundleID = rows.text(1);
+        state->kind = static_cast<CoordinatorKind>(rows.integer(2));
+        state->creator = unsignedOf(rows.integer(3));
+        if (nameOf(state->kind) == "unknown") {
+            continue;
+        }
+        if (rows.integer(4) != 0) {
+            state->facts.options = InstallOptionsRecord{static_cast<std::uint32_t>(rows.integer(5)),
+                                                        static_cast<std::uint32_t>(rows.integer(6)),
+                                                        rows.optionalData(7), rows.optionalData(8)};
+        }
+        state->facts.hasODRPromises = rows.integer(9) != 0;
+        state->facts.responsibleClient = unsignedOf(rows.integer(10));
+        state->facts.isPlaceholderInstalled = rows.integer(11) != 0;
+        state->facts.end = static_cast<CoordinatorEnd>(rows.integer(12));
+        state->facts.error = _errorFrom(rows.optionalData(13));
+        if (!rows.isNull(14)) {
+            state->facts.cancelledBy = unsignedOf(rows.integer(14));
+        }
+        coordinators.push_back(std::move(state));
+    }
+    const auto withID = [&](std::int64_t id) -> CoordinatorStatePtr {
+        const auto found = std::lower_bound(coordinators.begin(), coordinators.end(), id,
+                                            [](const auto& state, std::int64_t wanted) { return state->id < wanted; });
+        return found != coordinators.end() && (*found)->id == id ? *found : nullptr;
+    };
+    _loadPlaceholders(transaction, withID);
+    _loadPromises(transaction, withID, lastPromise);
+    if (const auto ended = transaction.commit(); !ended) {
+        return ended.error();
+    }
+    return coordinators;
+}
+
+void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, const Finder& coordinatorWithID) {
+    auto rows = transaction.query("SELECT coordinator, name, installType, info, launchProhibited, version, metadata,"
+                                  " sinf, configured FROM coordinatorPlaceholder");
+    while (rows.next()) {
+        const auto owner = coordinatorWithID(rows.integer(0));
+        if (!owner) {
+            continue;
+        }
+        auto placeholder = std::make_shared<PlaceholderState>();
+        placeholder->bundleName = rows.text(1);
+        placeholder->bundleID = owner->bundleID;
+        placeholder->installType = unsignedOf(rows.integer(2));
+        placeholder->infoPlist = _parse(rows.optionalData(3));
+        placeholder->launchProhibited = rows.integer(4) != 0;
+        placeholder->bundleVersion = rows.optionalText(5);
+        placeholder->metadata = rows.optionalData(6);
+        placeholder->sinf = rows.optionalData(7);
+        placeholder->isConfigured = rows.integer(8) != 0;
+        placeholder->isAttached = true;
+        placeholder->owner = owner;
+        owner->placeholder = std::move(placeholder);
+    }
+}
+
+void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const Finder& coordinatorWithID,
+                                     std::uint64_t& lastPromise) {
+    auto rows = transaction.query(
+        "SELECT id, coordinator, role, name, client, space, path, complete FROM coordinatorPromise ORDER BY id");
+    while (rows.next()) {
+        PromiseRecord record;
+        record.id = lastPromise = unsignedOf(rows.integer(0));
+        record.role = static_cast<PromiseRole>(rows.integer(2));
+        record.name = rows.text(3);
+        record.client = unsignedOf(rows.integer(4));
+        record.diskSpaceNeeded = unsignedOf(rows.integer(5));
+        record.path = rows.optionalText(6);
+        record.isComplete = rows.integer(7) != 0;
+        const PromiseRole role = record.role;
+        const auto owner = coordinatorWithID(rows.integer(1));
+        auto promise = std::make_shared<Promise>(std::move(record));
+        promise->setOwner(owner);
+        if (owner && role == PromiseRole::appAsset) {
+            owner->asset = std::move(promise);
+        } else if (owner && role == PromiseRole::userData) {
+            owner->userData = std::move(promise);
+        } else if (owner && role == PromiseRole::icon && owner->placeholder) {
+            owner->placeholder->icon = std::move(promise);
+        }
+    }
+}
+
+Result<void> CoordinatorStore::insert(CoordinatorState& coordinator) {
+    Database::Transaction transaction(_database);
+    transaction.run("INSERT INTO coordinator (bundle, kind, creator) VALUES (?1, ?2, ?3)", coordinator.bundleID,
+                    static_cast<int>(coordinator.kind), coordinator.creator);
+    coordinator.id = transaction.lastRowIdentifier();
+    return transaction.commit();
+}
+
+Result<void> CoordinatorStore::update(const CoordinatorState& coordinator) {
+    const InstallOptionsRecord options = coordinator.facts.options.value_or(InstallOptionsRecord{});
+    Database::Transaction transaction(_database);
+    transaction.run("UPDATE coordinator SET hasOptions = ?2, installType = ?3, targetType = ?4, metadata = ?5,"
+                    " sinf = ?6, hasODR = ?7, responsible = ?8, placeholderInstalled = ?9, ending = ?10, error = ?11,"
+                    " cancelledBy = ?12 WHERE id = ?1",
+                    coordinator.id, coordinator.facts.options.has_value(), options.registryInstallType,
+                    options.installTargetType, options.metadata, options.sinf, coordinator.facts.hasODRPromises,
+                    coordinator.facts.responsibleClient, coordinator.facts.isPlaceholderInstalled,
+                    static_cast<int>(coordinator.facts.end), _bytesOf(coordinator.facts.error),
+                    coordinator.facts.cancelledBy);
+    return transaction.commit();
+}
+
+Result<void> CoordinatorStore::updatePlaceholder(const CoordinatorState& coordinator) {
+    const PlaceholderState& placeholder = *coordinator.placeholder;
+    std::optional<Data> info;
+    if (placeholder.infoPlist) {
+        const auto bytes = serialize(*placeholder.infoPlist);
+        if (!bytes) {
+            return bytes.error();
+        }
+        info = *bytes;
+    }
+    Database::Transaction transaction(_database);
+    transaction.run("INSERT OR REPLACE INTO coordinatorPlaceholder (coordinator, name, installType, info,"
+                    " launchProhibited, version, metadata, sinf, configured)"
+                    " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)",
+                    coordinator.id, placeholder.bundleName, signedOf(placeholder.installType), info,
+                    placeholder.launchProhibited, placeholder.bundleVersion, placeholder.metadata, placeholder.sinf,
+                    placeholder.isConfigured);
+    if (placeholder.icon) {
+        writePromise(transaction, coordinator, *placeholder.icon);
+    }
+    return transaction.commit();
+}
+
+Result<void> CoordinatorStore::updatePromise(const CoordinatorState& coordinator, const Promise& promise) {
+    Database::Transaction transaction(_database);
+    writePromise(transaction, coordinator, promise);
+    return transaction.commit();
+}
+
+Result<void> CoordinatorStore::updateToReport(const CoordinatorState& coordinator) {
+    Database::Transaction transaction(_database);
+    removeBelongings(transaction, coordinator.id);
+    transaction.run("UPDATE coordinator SET ending = ?2, metadata = NULL, sinf = NULL WHERE id = ?1", coordinator.id,
+                    static_cast<int>(CoordinatorEnd::reporting));
+    return transaction.commit();
+}
+
+Result<void> CoordinatorStore::remove(std::int64_t coordinator) {
+    Database::Transaction transaction(_database);
+    removeBelongings(transaction, coordinator);
+    transaction.run("DELETE FROM coordinator WHERE id = ?1", coordinator);
+    return transaction.commit();
+}
+
+Result<Data> CoordinatorStore::serialize(const Dictionary& dictionary) {
+    ErrorPtr error;
+    auto bytes = _propertyLists.dataWithPropertyList(dictionary, PropertyListFormat::binary, &error);
+    if (!bytes) {
+        return error;
+    }
+    return std::move(*bytes);
+}
+
+std::optional<Dictionary> CoordinatorStore::_parse(const std::optional<Data>& bytes) {
+    const auto value = bytes ? _propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
+    return value && value->dictionary() ? std::optional(*value->dictionary()) : std::nullopt;
+}
+
+std::optional<Data> CoordinatorStore::_bytesOf(const ErrorPtr& error) {
+    if (!error) {
+        return std::nullopt;
+    }
+    Dictionary entries{{"domain", error->domain()}, {"code", error->code()}, {"userInfo", error->userInfo()}};
+    auto bytes = serialize(entries);
+    if (!bytes) { // facts that no file can hold
+        entries.erase("userInfo");
+        bytes = serialize(entries);
+    }
+    return bytes ? std::optional(*bytes) : std::nullopt;
+}
+
+ErrorPtr CoordinatorStore::_errorFrom(const std::optional<Data>& bytes) {
+    const auto entries = _parse(bytes);
+    if (!entries) {
+        return nullptr;
+    }
+    const Dictionary* facts = entries->dictionary("userInfo");
+    const Value* code = entries->find("code");
+    return Error::make(entries->string("domain").value_or(""), code ? code->integer().value_or(0) : 0,
+                       facts ? *facts : Dictionary{});
+}
+
+} // namespace appsync::device

@@ -1,0 +1,209 @@
+#include "device/coordinator/InstallCoordinator.h"
+
+#include "device/coordinator/CoordinatorEngine.h"
+#include "device/coordinator/CoordinatorError.h"
+#include "device/coordinator/CoordinatorHandles.h"
+#include "device/registry/Registry.h"
+
+namespace appsync::device {
+
+namespace {
+
+/// The lookups of one kind of coordinator.
+template <class Coordinator, CoordinatorKind Kind> class KindClass final : public KXCoordinatorClass<Coordinator> {
+  public:
+    explicit KindClass(CoordinatorEngine& engine) : _engine(engine) {}
+
+    std::shared_ptr<Coordinator> coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
+        std::string_view bundleID, KXClientIdentifier client, bool createIfNotExisting, bool* created,
+        ErrorPtr* error) noexcept override {
+        bool isNew = false;
+        CoordinatorStatePtr state;
+        if (createIfNotExisting) {
+            auto found = _engine.findOrCreate(bundleID, Kind, client, isNew);
+            if (!hasSucceeded(found.error(), error)) {
+                return nullptr;
+            }
+            state = *found;
+        } else {
+            state = _engine.find(bundleID);
+        }
+        if (created) {
+            *created = isNew;
+        }
+        return state && state->kind == Kind
+                   ? std::static_pointer_cast<Coordinator>(makeCoordinatorHandle(_engine, state))
+                   : nullptr;
+    }
+
+  private:
+    CoordinatorEngine& _engine;
+};
+
+class BaseClass final : public KXAppInstallCoordinatorClass {
+  public:
+    BaseClass(CoordinatorEngine& engine, bool isEnabled) : _engine(engine), _isEnabled(isEnabled) {}
+
+    KXAppInstallCoordinatorPtr coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
+        std::string_view bundleID, KXClientIdentifier /*client*/, bool createIfNotExisting, bool* created,
+        ErrorPtr* error) noexcept override {
+        if (created) {
+            *created = false;
+        }
+        if (const auto state = _engine.find(bundleID)) {
+            return makeCoordinatorHandle(_engine, state);
+        }
+        if (createIfNotExisting) {
+            hasSucceeded(makeCoordinatorError(CoordinatorError::noKind, "there is no coordinator for " +
+                                                                            std::string(bundleID) +
+                                                                            "; create one with the class of its kind"),
+                         error);
+        }
+        return nullptr;
+    }
+    bool coordinationIsEnabled() noexcept override { return _isEnabled; }
+    bool uninstallAppWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
+        return hasSucceeded(_engine.uninstall(bundleID, RemovalReason::sync, RemovalScope::placeholderElseApp).error(),
+                            error);
+    }
+    void uninstallAppWithBundleID_requestUserConfirmation_completion(
+        std::string_view bundleID, bool requestUserConfirmation,
+        std::function<void(const ErrorPtr& error)> completion) noexcept override {
+        if (!requestUserConfirmation) {
+            _engine.uninstallInBackground(bundleID, std::move(completion));
+            return;
+        }
+        _engine.observers().run([completion = std::move(completion), identifier = std::string(bundleID)] {
+            completion(makeCoordinatorError(CoordinatorError::unsupported,
+                                            "nobody can be asked on this device whether to uninstall " + identifier +
+                                                "; uninstall it without a confirmation"));
+        });
+    }
+
+  private:
+    CoordinatorEngine& _engine;
+    const bool _isEnabled;
+};
+
+class PlaceholderFactory final : public KXPlaceholderClass {
+  public:
+    explicit PlaceholderFactory(CoordinatorEngine& engine) : _engine(engine) {}
+
+    KXPlaceholderPtr
+    initAppPlaceholderWithBundleName_bundleID_installType_client(std::string_view bundleName, std::string_view bundleID,
+                                                                 std::uint64_t installType,
+                                                                 KXClientIdentifier /*client*/) noexcept override {
+        if (bundleID.empty()) {
+            return nullptr;
+        }
+        auto placeholder = std::make_shared<PlaceholderState>();
+        placeholder->bundleName = bundleName.empty() ? bundleID : bundleName;
+        placeholder->bundleID = bundleID;
+        placeholder->installType = installType;
+        return makePlaceholderHandle(_engine, placeholder);
+    }
+
+  private:
+    CoordinatorEngine& _engine;
+};
+
+class TransferFactory final : public KXPromisedTransferToPathClass {
+  public:
+    explicit TransferFactory(CoordinatorEngine& engine) : _engine(engine) {}
+
+    KXPromisedTransferToPathPtr
+    initWithName_client_transferPath_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
+                                                     const FileURL& transferPath,
+                                                     std::uint64_t diskSpaceNeeded) noexcept override {
+        return makeTransferPromiseHandle(_engine,
+                                         _engine.makePromise(name, client, diskSpaceNeeded, transferPath.path()));
+    }
+    KXPromisedTransferToPathPtr initWithName_client_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
+                                                                    std::uint64_t diskSpaceNeeded) noexcept override {
+        return makeTransferPromiseHandle(_engine, _engine.makePromise(name, client, diskSpaceNeeded, std::nullopt));
+    }
+
+  private:
+    CoordinatorEngine& _engine;
+};
+
+class OutOfBandFactory final : public KXPromisedOutOfBandTransferClass {
+  public:
+    explicit OutOfBandFactory(CoordinatorEngine& engine) : _engine(engine) {}
+
+    KXPromisedOutOfBandTransferPtr
+    initWithName_client_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
+                                        std::uint64_t diskSpaceNeeded) noexcept override {
+        return makeOutOfBandPromiseHandle(_engine, _engine.makePromise(name, client, diskSpaceNeeded, std::nullopt));
+    }
+
+  private:
+    CoordinatorEngine& _engine;
+};
+
+} // namespace
+
+struct InstallCoordinator::Classes {
+    Classes(CoordinatorEngine& engine, bool coordinationIsEnabled)
+        : coordinators(engine, coordinationIsEnabled), initiating(engine), updating(engine), restoring(engine),
+          restoringDemoted(engine), placeholders(engine), transfers(engine), outOfBand(engine) {}
+
+    BaseClass coordinators;
+    KindClass<KXInitiatingAppInstallCoordinator, CoordinatorKind::initiating> initiating;
+    KindClass<KXUpdatingAppInstallCoordinator, CoordinatorKind::updating> updating;
+    KindClass<KXRestoringAppInstallCoordinator, CoordinatorKind::restoring> restoring;
+    KindClass<KXRestoringDemotedAppInstallCoordinator, CoordinatorKind::restoringDemoted> restoringDemoted;
+    PlaceholderFactory placeholders;
+    TransferFactory transfers;
+    OutOfBandFactory outOfBand;
+};
+
+Result<std::unique_ptr<InstallCoordinator>> InstallCoordinator::open(const CoordinatorServices& services,
+                                                                     bool coordinationIsEnabled) {
+    auto engine = std::make_unique<CoordinatorEngine>(services);
+    if (const auto loaded = engine->load(); !loaded) {
+        return loaded.error();
+    }
+    return std::unique_ptr<InstallCoordinator>(new InstallCoordinator(std::move(engine), coordinationIsEnabled));
+}
+
+InstallCoordinator::InstallCoordinator(std::unique_ptr<CoordinatorEngine> engine, bool coordinationIsEnabled)
+    : _engine(std::move(engine)), _classes(std::make_unique<Classes>(*_engine, coordinationIsEnabled)) {}
+
+InstallCoordinator::~InstallCoordinator() = default;
+
+void InstallCoordinator::resume() {
+    _engine->resume();
+}
+
+CoordinatorClasses InstallCoordinator::classes() noexcept {
+    return {_classes->coordinators, _classes->initiating,       _classes->updating,
+            _classes->restoring,    _classes->restoringDemoted, _classes->placeholders,
+            _classes->transfers,    _classes->outOfBand,        _engine->observers()};
+}
+
+bool InstallCoordinator::cancelByUser(std::string_view bundleID) {
+    const auto state = _engine->find(bundleID);
+    const auto reason =
+        makeCoordinatorError(CoordinatorError::cancelledByPerson,
+                             "the install of " + std::string(bundleID) + " was cancelled on the home screen");
+    return state && _engine->cancel(state, reason, KXClientPerson);
+}
+
+bool InstallCoordinator::prioritizeByUser(std::string_view bundleID) {
+    return _engine->prioritize(bundleID);
+}
+
+Result<void> InstallCoordinator::uninstallByUser(std::string_view bundleID) {
+    return _engine->uninstall(bundleID, RemovalReason::person, RemovalScope::everything);
+}
+
+std::vector<OpenCoordinator> InstallCoordinator::openCoordinators() const {
+    return _engine->openCoordinators();
+}
+
+void InstallCoordinator::waitUntilIdle() {
+    _engine->waitUntilIdle();
+}
+
+} // namespace appsync::device

@@ -1,0 +1,112 @@
+// The install coordinator of the device: durable coordinators that install one app each.
+//
+// Coordinators are kept in the database and found again by a later process. Each installs its app in the background:
+// first the placeholder, when that has been attached and configured and its icon is there; then the app, when the asset
+// promise is complete and install options are set. While a file arrives its progress shows on the home screen. A
+// restoring-demoted coordinator is done with its placeholder.
+//
+// A coordinator ends as a success, as a failure, or by a cancel; lookups no longer find it then. A failure or cancel
+// takes the placeholder away and leaves an installed version as it is. The transferred file and the icon file belong to
+// the coordinator once their promises are complete, and are removed with it; files outside "/var/mobile" and "/tmp" are
+// left alone.
+//
+// Reports go to the connections for the client that created the coordinator; without one they wait for the next, and
+// how a coordinator ended waits for it also beyond the end of this process. A cancel is reported unless the creator
+// itself made it, so that a client's own cancel does not come back as another's.
+//
+// Promises and placeholders may be made by any client and become durable when they are attached. A promise that is
+// cancelled cancels the coordinator it is attached to. This device has no on-demand resources and takes none.
+#pragma once
+
+#include "device/root/Result.h"
+#include "platform/InstallCoordinator.h"
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace appsync {
+class PropertyListSerialization;
+}
+
+namespace appsync::device {
+
+class CoordinatorEngine;
+class Database;
+class DeviceFileSystem;
+class Registry;
+
+/// A coordinator as the host's tools show it.
+struct OpenCoordinator {
+    std::string bundleID;
+    std::string kind; // "initiating", "updating", "restoring" or "restoring-demoted"
+    KXClientIdentifier creator = 0;
+    KXClientIdentifier responsibleClient = 0; // 0 when none is named
+    bool isPlaceholderInstalled = false;
+    bool isAssetComplete = false;
+    double assetProgress = 0;  // 0 to 1
+    bool isInstalling = false; // a step of it runs or is about to
+};
+
+struct CoordinatorServices {
+    DeviceFileSystem& files;
+    Registry& registry;
+    Database& database;
+    PropertyListSerialization& propertyLists;
+};
+
+/// Everything that the plug-in's platform needs of it. The objects that these hand out must be dropped before the
+/// coordinator goes.
+struct CoordinatorClasses {
+    KXAppInstallCoordinatorClass& coordinators;
+    KXInitiatingAppInstallCoordinatorClass& initiatingCoordinators;
+    KXUpdatingAppInstallCoordinatorClass& updatingCoordinators;
+    KXRestoringAppInstallCoordinatorClass& restoringCoordinators;
+    KXRestoringDemotedAppInstallCoordinatorClass& restoringDemotedCoordinators;
+    KXPlaceholderClass& placeholders;
+    KXPromisedTransferToPathClass& transferPromises;
+    KXPromisedOutOfBandTransferClass& outOfBandPromises;
+    KXAppInstallObserverClass& observers;
+};
+
+/// Any thread.
+class InstallCoordinator {
+  public:
+    /// Reads the coordinators of earlier processes. The services must outlive it.
+    [[nodiscard]] static Result<std::unique_ptr<InstallCoordinator>> open(const CoordinatorServices& services,
+                                                                          bool coordinationIsEnabled);
+    /// Interrupts running installs; they go on when the device is opened again.
+    ~InstallCoordinator();
+    InstallCoordinator(const InstallCoordinator&) = delete;
+    InstallCoordinator& operator=(const InstallCoordinator&) = delete;
+
+    /// Begins to install. Coordinators of earlier processes go on; one whose file or placeholder has disappeared is
+    /// settled with an error. Nothing is installed before.
+    void resume();
+    [[nodiscard]] CoordinatorClasses classes() noexcept;
+
+    // For the host.
+
+    /// A person cancels an app's install on the home screen; false when the app has no coordinator, or when it was
+    /// installed before the cancel could stop it.
+    bool cancelByUser(std::string_view bundleID);
+    /// A person asks for an app to come first; false when it has no coordinator.
+    bool prioritizeByUser(std::string_view bundleID);
+    /// A person removes an app, or stops its install.
+    [[nodiscard]] Result<void> uninstallByUser(std::string_view bundleID);
+    /// In the order in which they were made.
+    [[nodiscard]] std::vector<OpenCoordinator> openCoordinators() const;
+    /// Returns when no install runs or is ready to, and everything there is to report has been reported. Installs that
+    /// still wait for a transfer do not count. Not to be called from a delegate.
+    void waitUntilIdle();
+
+  private:
+    struct Classes;
+    InstallCoordinator(std::unique_ptr<CoordinatorEngine> engine, bool coordinationIsEnabled);
+
+    std::unique_ptr<CoordinatorEngine> _engine;
+    std::unique_ptr<Classes> _classes;
+};
+
+} // namespace appsync::device

@@ -1,0 +1,126 @@
+#include "device/registry/ApplicationWorkspace.h"
+
+#include "device/archive/InstallerError.h"
+#include "device/registry/RegistryImplementation.h"
+
+namespace appsync::device {
+
+namespace {
+
+bool report(const Result<void>& result, ErrorPtr* error) {
+    if (!result && error) {
+        *error = result.error();
+    }
+    return bool(result);
+}
+
+std::optional<std::uint64_t> installTypeIn(const Dictionary& options) {
+    const Value* type = options.find(PDInstallTypeKey);
+    return type ? type->unsignedInteger() : std::nullopt;
+}
+
+/// Calls `visit` for each record of a bundle type until it answers false. On the home screen an app has one icon,
+/// whether or not an update is under way; everywhere else its placeholder counts by itself.
+void visitRecords(const std::vector<RegistryTable::App>& apps, std::uint64_t type,
+                  const std::function<bool(const RegistryRecordPtr&)>& visit) {
+    for (const RegistryTable::App& app : apps) {
+        const bool isSystem = (app.installed ? app.installed : app.placeholder)->isSystem;
+        if ((type == PDBundleTypeInstalled && isSystem) || (type == PDBundleTypeSystem && !isSystem)) {
+            continue;
+        }
+        if (app.installed && !visit(app.installed)) {
+            return;
+        }
+        const bool isShownAlready = type == PDBundleTypeInstalled && app.installed;
+        if (app.placeholder && !isShownAlready && !visit(app.placeholder)) {
+            return;
+        }
+    }
+}
+
+} // namespace
+
+void ApplicationWorkspace::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
+    _registry._implementation->announcer().addObserver(observer);
+}
+
+void ApplicationWorkspace::removeObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
+    _registry._implementation->announcer().removeObserver(observer);
+}
+
+bool ApplicationWorkspace::applicationIsInstalled(std::string_view bundleIdentifier) noexcept {
+    return _registry._implementation->table().find(bundleIdentifier).has_value();
+}
+
+bool ApplicationWorkspace::installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
+                                                                ErrorPtr* error) noexcept {
+    const auto package = options.string(PDPackageTypeKey);
+    const std::string identifier(options.string(PDBundleIdentifierKey).value_or(""));
+    if (package == PDPackageTypePlaceholder) {
+        PlaceholderRequest request;
+        request.identifier = identifier;
+        request.bundlePath = url.path();
+        request.installType = installTypeIn(options).value_or(PDInstallTypeNone);
+        request.metadata = options.data(PDTamblinMetadataKey);
+        request.sinf = options.data(PDApplicationSINFKey);
+        return report(_registry.installPlaceholder(request), error);
+    }
+    if (package == PDPackageTypeCustomer) {
+        ArchiveRequest request;
+        request.archivePath = url.path();
+        request.identifier = identifier;
+        request.installType = installTypeIn(options);
+        request.metadata = options.data(PDTamblinMetadataKey);
+        request.sinf = options.data(PDApplicationSINFKey);
+        return report(_registry.installArchive(request), error);
+    }
+    return report(makeInstallerError(InstallerError::invalidRequest,
+                                     "cannot install " + url.path() + ": the options name no known package type",
+                                     url.path()),
+                  error);
+}
+
+bool ApplicationWorkspace::installApplication_withOptions(const FileURL& url, const Dictionary& options) noexcept {
+    return installApplication_withOptions_error(url, options, nullptr);
+}
+
+bool ApplicationWorkspace::uninstallApplication_withOptions(std::string_view bundleIdentifier,
+                                                            const Dictionary* options) noexcept {
+    const bool placeholdersOnly = options && options->truth(PDUninstallPlaceholdersOnlyKey);
+    return bool(
+        _registry.uninstall(bundleIdentifier, RemovalReason::sync,
+                            placeholdersOnly ? RemovalScope::placeholderOnly : RemovalScope::placeholderElseApp));
+}
+
+FNProgressPtr ApplicationWorkspace::installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
+                                                                            std::uint64_t phase) noexcept {
+    return application ? _registry.progress(application->applicationIdentifier(), phase) : nullptr;
+}
+
+void ApplicationWorkspace::installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept {
+    _registry.phaseFinished(progress);
+}
+
+void ApplicationWorkspace::enumerateBundlesOfType_block(
+    std::uint64_t type, const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block) noexcept {
+    if (type != PDBundleTypeAll && type != PDBundleTypeInstalled && type != PDBundleTypeSystem) {
+        return;
+    }
+    bool stop = false;
+    visitRecords(_registry._implementation->table().all(), type, [&](const RegistryRecordPtr& record) {
+        block(_registry._implementation->proxy(record), stop);
+        return !stop;
+    });
+}
+
+PDApplicationProxyPtr ApplicationWorkspace::applicationProxyForIdentifier_placeholder(std::string_view bundleIdentifier,
+                                                                                      bool placeholder) noexcept {
+    const auto app = _registry._implementation->table().find(bundleIdentifier);
+    if (!app) {
+        return nullptr;
+    }
+    const RegistryRecordPtr& record = placeholder && app->placeholder ? app->placeholder : app->installed;
+    return record ? _registry._implementation->proxy(record) : nullptr;
+}
+
+} // namespace appsync::device

@@ -1,0 +1,41 @@
+// The registry as the platform's services present it to the sync plug-in.
+#pragma once
+
+#include "device/registry/Registry.h"
+#include "platform/ApplicationRegistry.h"
+
+namespace appsync::device {
+
+/// Removals made through it count as the sync's, not a person's.
+class ApplicationWorkspace final : public PDApplicationWorkspace,
+                                   public PDApplicationWorkspaceClass,
+                                   public PDApplicationProxyClass {
+  public:
+    /// The registry must outlive the workspace and every proxy and progress object handed out.
+    explicit ApplicationWorkspace(Registry& registry) : _registry(registry) {}
+
+    void addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
+    void removeObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
+    [[nodiscard]] bool applicationIsInstalled(std::string_view bundleIdentifier) noexcept override;
+    bool installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
+                                              ErrorPtr* error) noexcept override;
+    bool installApplication_withOptions(const FileURL& url, const Dictionary& options) noexcept override;
+    bool uninstallApplication_withOptions(std::string_view bundleIdentifier,
+                                          const Dictionary* options) noexcept override;
+    [[nodiscard]] FNProgressPtr installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
+                                                                        std::uint64_t phase) noexcept override;
+    void installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept override;
+    void enumerateBundlesOfType_block(
+        std::uint64_t type,
+        const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block) noexcept override;
+
+    [[nodiscard]] PDApplicationWorkspace& defaultWorkspace() noexcept override { return *this; }
+    /// With `placeholder`, an app that has both is answered by its placeholder.
+    [[nodiscard]] PDApplicationProxyPtr applicationProxyForIdentifier_placeholder(std::string_view bundleIdentifier,
+                                                                                  bool placeholder) noexcept override;
+
+  private:
+    Registry& _registry;
+};
+
+} // namespace appsync::device

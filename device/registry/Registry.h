@@ -1,0 +1,163 @@
+// The application registry: installed apps and placeholders, their containers on disk, and the installs under way.
+//
+// An app's container is the folder /var/containers/Bundle/Application/<UUID>; in it stand the app's folder <Name>.app,
+// and beside that "TamblinMetadata.plist", "TamblinArtwork" and "ApplicationSINF" as far as they exist. A container
+// belongs to an app from the moment the database says so; no container is ever changed into another version.
+// An app under update has two: that of the installed version and that of its placeholder.
+#pragma once
+
+#include "device/archive/ArchiveLimits.h"
+#include "device/root/Result.h"
+#include "platform/ApplicationRegistry.h"
+#include "platform/PropertyList.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace appsync {
+class PropertyListSerialization;
+}
+
+namespace appsync::device {
+
+class Database;
+class Root;
+
+/// A placeholder to install: a bundle folder that stands ready, or what a bundle is to be made from.
+struct PlaceholderRequest {
+    std::string identifier;
+    std::string bundlePath;              // the folder; moved away on success. Or empty, and then:
+    Dictionary info;                     //   content of Info.plist; the identifier is set from above
+    std::optional<std::string> iconPath; //   copied to "Icon.png" in the bundle
+    std::uint64_t installType = PDInstallTypeNone;
+    std::optional<Data> metadata; // content of "TamblinMetadata.plist"
+    std::optional<Data> sinf;     // the app's protection record
+    bool isSystem = false;
+};
+
+/// An app to install or update from an archive. What is absent comes from the archive, else from the placeholder.
+struct ArchiveRequest {
+    std::string archivePath; // left where it is
+    std::string identifier;  // the archive must hold this app
+    std::optional<std::uint64_t> installType;
+    std::optional<Data> metadata;
+    std::optional<Data> sinf;
+    bool isSystem = false;
+    std::function<void(double fraction)> progress; // 0 to 1, never backwards, on the caller's thread; may be empty
+    std::stop_token cancel;                        // ends the install as cancelled while that is still possible
+};
+
+/// Who removes an app. What a person removes is remembered in the list of uninstalled apps.
+enum class RemovalReason { sync, person };
+enum class RemovalScope {
+    placeholderElseApp, // the placeholder if there is one, else the app
+    placeholderOnly,
+    everything,
+};
+
+/// One app as the home screen shows it. Paths are paths of the device.
+struct Application {
+    std::string identifier;
+    std::string name; // never empty
+    std::optional<std::string> version;
+    bool isInstalled = false;   // a version is installed
+    bool isPlaceholder = false; // a placeholder stands for an app on its way; with `isInstalled`: for its next version
+    bool isSystem = false;
+    std::uint64_t installType = PDInstallTypeNone;
+    std::optional<double> progress;            // 0 to 1, of the install under way
+    std::optional<std::uint64_t> installState; // a `PDInstallState`, while there is a progress object
+    std::optional<std::uint64_t> installPhase; // a `PDInstallPhase`, likewise
+    std::optional<std::string> iconPath;       // the icon's file; may be missing on disk
+    std::string bundlePath;                    // these two of the installed version, else of the placeholder
+    std::string containerPath;
+    std::string dataContainerPath; // made by whoever first writes into it
+};
+
+/// What `settle` found and put in order.
+struct Settlement {
+    std::size_t removedFolders = 0; // staging folders and containers that belong to no app
+    std::size_t droppedRecords = 0; // registered apps and placeholders whose bundle is gone
+    std::size_t endedRemovals = 0;  // removals that had been cut short
+};
+
+/// Keeps a subscription; dropping it ends it, after a running call has ended. Not to be dropped from within one.
+class RegistrySubscription {
+  public:
+    virtual ~RegistrySubscription() = default;
+};
+
+struct RegistryOptions {
+    ArchiveLimits limits;
+};
+
+/// Any operation may be called on any thread at any time; those that install or remove wait for the disk, and several
+/// may run at once. Errors are of `TVInstallerErrorDomain` (device/archive/InstallerError.h) unless stated.
+class Registry {
+  public:
+    /// Reads what the database knows. The root, the database and the property lists must outlive the registry.
+    [[nodiscard]] static Result<std::unique_ptr<Registry>>
+    open(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options = {});
+    /// Waits for a running call of an observer. No other operation may be running.
+    ~Registry();
+    Registry(const Registry&) = delete;
+    Registry& operator=(const Registry&) = delete;
+
+    /// Clears away what an interrupted run left half done. To be called when the device has been opened, before
+    /// anything else uses the registry.
+    [[nodiscard]] Result<Settlement> settle();
+
+    // Looking up. None of these touches the disk.
+
+    /// One entry per app, in the order in which they came to the device.
+    [[nodiscard]] std::vector<Application> applications() const;
+    [[nodiscard]] std::optional<Application> application(std::string_view identifier) const;
+    [[nodiscard]] bool isInstalled(std::string_view identifier) const;
+    [[nodiscard]] bool hasPlaceholder(std::string_view identifier) const;
+
+    // Installing and removing.
+
+    /// Registers a placeholder, in place of an older one of the app.
+    [[nodiscard]] Result<void> installPlaceholder(const PlaceholderRequest& request);
+    /// Installs or updates an app, durable when it returns, and removes its placeholder. At every moment the old
+    /// version or the new one is there, whole.
+    [[nodiscard]] Result<void> installArchive(const ArchiveRequest& request);
+    /// Removes an app and its data, its placeholder, or both; fails with `nothingToRemove` when there is neither. A
+    /// person who removes the placeholder of an install under way cancels that install.
+    [[nodiscard]] Result<void> uninstall(std::string_view identifier, RemovalReason reason, RemovalScope scope);
+
+    // Installs under way.
+
+    /// The progress object of an app's install, made in this phase when there is none yet; null for an app that is not
+    /// a placeholder and has no install under way.
+    [[nodiscard]] FNProgressPtr progress(std::string_view identifier, std::uint64_t phase = PDInstallPhaseLoading);
+    /// The same, but null when there is none yet.
+    [[nodiscard]] FNProgressPtr existingProgress(std::string_view identifier) const;
+    /// The present phase is over: loading leads to installing, any other to the end of the install, as does a state
+    /// that is final.
+    void phaseFinished(const FNProgressPtr& progress);
+    /// Puts an app's install before all others.
+    void prioritize(std::string_view identifier);
+    /// A person cancels an app's install: its progress ends as cancelled, observers are told, the placeholder goes. An
+    /// installed version stays. False when there is no install under way and no placeholder.
+    bool cancelInstall(std::string_view identifier);
+
+    // Following.
+
+    /// Calls `changed` on the registry's thread after apps, placeholders or progress have changed; several changes may
+    /// give one call.
+    [[nodiscard]] std::unique_ptr<RegistrySubscription> subscribe(std::function<void()> changed);
+
+  private:
+    friend class ApplicationWorkspace;
+    class Implementation;
+    explicit Registry(std::unique_ptr<Implementation> implementation);
+    std::unique_ptr<Implementation> _implementation;
+};
+
+} // namespace appsync::device

@@ -1,0 +1,57 @@
+#include "device/registry/UninstalledList.h"
+
+#include <array>
+
+namespace appsync::device {
+
+namespace {
+
+constexpr std::array<std::string_view, 1> schema{
+    "CREATE TABLE uninstalled (identifier TEXT PRIMARY KEY, removed_at REAL NOT NULL) WITHOUT ROWID"};
+
+} // namespace
+
+Result<void> UninstalledList::registerSchema(Database& database) {
+    return database.registerSchema("uninstalled list", schema);
+}
+
+Result<std::unique_ptr<UninstalledList>> UninstalledList::open(Database& database) {
+    if (const auto registered = registerSchema(database); !registered) {
+        return registered.error();
+    }
+    return std::unique_ptr<UninstalledList>(new UninstalledList(database));
+}
+
+std::optional<Dictionary> UninstalledList::TevrinLookupUninstalled(const Dictionary* /*options*/) noexcept {
+    Database::Transaction transaction(_database);
+    Dictionary apps;
+    auto found = transaction.query("SELECT identifier, removed_at FROM uninstalled ORDER BY removed_at, identifier");
+    while (found.next()) {
+        apps.insert(found.text(0), Date{found.real(1)});
+    }
+    return transaction.error() ? std::nullopt : std::optional(std::move(apps));
+}
+
+int UninstalledList::TevrinClearUninstalled(const Array& bundleIdentifiers, const Dictionary* /*options*/) noexcept {
+    // Durable, so that the desktop does not hear of a deletion twice.
+    Database::Transaction transaction(_database, Durability::durable);
+    for (const Value& identifier : bundleIdentifiers) {
+        if (const auto text = identifier.string()) {
+            remove(transaction, *text);
+        }
+    }
+    const auto committed = transaction.commit();
+    return committed ? 0 : static_cast<int>(committed.error()->code());
+}
+
+void UninstalledList::add(Database::Transaction& transaction, std::string_view identifier) {
+    // Julian day 2451910.5 is 2001-01-01, where dates of property lists begin.
+    transaction.run("INSERT OR REPLACE INTO uninstalled VALUES (?, (julianday('now') - 2451910.5) * 86400.0)",
+                    identifier);
+}
+
+void UninstalledList::remove(Database::Transaction& transaction, std::string_view identifier) {
+    transaction.run("DELETE FROM uninstalled WHERE identifier = ?", identifier);
+}
+
+} // namespace appsync::device

@@ -1,0 +1,35 @@
+// The list of apps that a person removed from the device, kept until the desktop has heard of it.
+#pragma once
+
+#include "device/root/Database.h"
+#include "device/root/Result.h"
+#include "platform/InstallationService.h"
+
+#include <memory>
+#include <string_view>
+
+namespace appsync::device {
+
+class UninstalledList final : public TevrinInstallationService {
+  public:
+    /// The database must outlive the list.
+    [[nodiscard]] static Result<std::unique_ptr<UninstalledList>> open(Database& database);
+
+    /// Values are the dates of removal.
+    [[nodiscard]] std::optional<Dictionary> TevrinLookupUninstalled(const Dictionary* options) noexcept override;
+    /// What is no string is passed over. A failure's number is that of the database (`DatabaseError`).
+    [[nodiscard]] int TevrinClearUninstalled(const Array& bundleIdentifiers,
+                                             const Dictionary* options) noexcept override;
+
+    // The registry keeps the list within its own transactions.
+
+    [[nodiscard]] static Result<void> registerSchema(Database& database);
+    static void add(Database::Transaction& transaction, std::string_view identifier);
+    static void remove(Database::Transaction& transaction, std::string_view identifier);
+
+  private:
+    explicit UninstalledList(Database& database) : _database(database) {}
+    Database& _database;
+};
+
+} // namespace appsync::device

@@ -1,0 +1,397 @@
+#include "device/root/DeviceFileSystem.h"
+
+#include "device/root/AccountNames.h"
+#include "device/root/FolderReader.h"
+#include "device/root/Syscalls.h"
+#include "device/root/Tree.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace appsync::device {
+
+namespace {
+
+/// What is opened for its bytes must not block, become the terminal, or be anything but a file.
+constexpr int readFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
+
+/// Whether the path can mean anything: absolute, without a zero byte.
+int checkPath(std::string_view path) {
+    return path.starts_with('/') && path.find('\0') == std::string_view::npos ? 0 : EINVAL;
+}
+
+int checkIsFile(int file) {
+    struct stat status {};
+    if (::fstat(file, &status) != 0) {
+        return errno;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return EISDIR;
+    }
+    return S_ISREG(status.st_mode) ? 0 : EINVAL;
+}
+
+bool report(int failed, std::string_view operation, std::string_view path, ErrorPtr* error) {
+    if (failed != 0 && error) {
+        *error = makePosixError(failed, operation, path);
+    }
+    return failed == 0;
+}
+
+int copyByHand(int from, int to) {
+    std::string buffer(std::size_t{256} << 10, '\0');
+    for (;;) {
+        const ssize_t count = ::read(from, buffer.data(), buffer.size());
+        if (count == 0) {
+            return 0;
+        }
+        if (count < 0 && errno != EINTR) {
+            return errno;
+        }
+        if (count > 0) {
+            if (const int failed = writeAll(to, std::string_view(buffer).substr(0, static_cast<std::size_t>(count)))) {
+                return failed;
+            }
+        }
+    }
+}
+
+int copyContent(int from, int to) {
+    for (;;) {
+        const ssize_t count = ::copy_file_range(from, nullptr, to, nullptr, std::size_t{1} << 30, 0);
+        if (count == 0) {
+            return 0;
+        }
+        if (count < 0 && errno != EINTR) {
+            // File systems that cannot; what has been copied stays, both files stand at their offsets.
+            const bool unsupported = errno == EXDEV || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS;
+            return unsupported ? copyByHand(from, to) : errno;
+        }
+    }
+}
+
+} // namespace
+
+/// Where a name stands: the folder above it, resolved inside the root, and the last component.
+struct DeviceFileSystem::Place {
+    Descriptor folder;
+    std::string name;
+};
+
+/// A new file under a temporary name in the folder where it belongs; it vanishes unless it is put in its place.
+class DeviceFileSystem::NewFile {
+  public:
+    NewFile(DeviceFileSystem& files, std::string_view path) : _files(files), _path(path) {}
+    ~NewFile() {
+        if (_file.isOpen() && !_inPlace) {
+            ::unlinkat(_place.folder.get(), _temporaryName.c_str(), 0);
+        }
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    int create() {
+        int failed = _files._findPlace(_path, O_RDONLY, _place);
+        if (failed == EACCES) { // a folder that may be written but not listed
+            failed = _files._findPlace(_path, O_PATH, _place);
+        }
+        if (failed == 0) {
+            failed = beforeChange(_files.faultPoint(), "create", _path);
+        }
+        if (failed != 0) {
+            return failed;
+        }
+        _temporaryName = makeTemporaryName();
+        _file = Descriptor(::openat(_place.folder.get(), _temporaryName.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+        return _file.isOpen() ? 0 : errno;
+    }
+    [[nodiscard]] int file() const noexcept { return _file.get(); }
+
+    int write(std::string_view bytes) {
+        const int failed = beforeChange(_files.faultPoint(), "write", _path);
+        return failed != 0 ? failed : writeAll(_file.get(), bytes);
+    }
+    int sync() {
+        const int failed = beforeChange(_files.faultPoint(), "sync", _path);
+        return failed != 0 ? failed : errnoOf(::fdatasync(_file.get()));
+    }
+    int putInPlace() {
+        int failed = beforeChange(_files.faultPoint(), "rename", _path);
+        if (failed == 0) {
+            const int folder = _place.folder.get();
+            failed = errnoOf(::renameat(folder, _temporaryName.c_str(), folder, _place.name.c_str()));
+        }
+        _inPlace = failed == 0;
+        return failed;
+    }
+    int syncFolder() {
+        const int failed = beforeChange(_files.faultPoint(), "sync folder", _path);
+        return failed != 0 ? failed : errnoOf(::fsync(_place.folder.get()));
+    }
+
+  private:
+    DeviceFileSystem& _files;
+    std::string_view _path;
+    Place _place;
+    std::string _temporaryName;
+    Descriptor _file;
+    bool _inPlace = false;
+};
+
+DeviceFileSystem::DeviceFileSystem(Descriptor root, std::shared_ptr<FaultPoint> faultPoint)
+    : _root(std::move(root)), _faultPoint(std::move(faultPoint)), _accounts(std::make_unique<AccountNames>()) {}
+
+DeviceFileSystem::~DeviceFileSystem() = default;
+
+int DeviceFileSystem::_findPlace(std::string_view path, int flags, Place& place) {
+    if (const int failed = checkPath(path)) {
+        return failed;
+    }
+    while (path.size() > 1 && path.ends_with('/')) {
+        path.remove_suffix(1);
+    }
+    const std::size_t slash = path.rfind('/');
+    place.name = path.substr(slash + 1);
+    if (place.name.empty() || place.name == "." || place.name == "..") {
+        return EINVAL; // no name of its own that could be made, moved or removed
+    }
+    return openInRoot(_root.get(), std::string(path.substr(0, slash + 1)), flags | O_DIRECTORY, 0, place.folder);
+}
+
+int DeviceFileSystem::_open(std::string_view path, int flags, mode_t mode, Descriptor& opened) {
+    const int failed = checkPath(path);
+    return failed != 0 ? failed : openInRoot(_root.get(), std::string(path), flags, mode, opened);
+}
+
+void DeviceFileSystem::_setOwner(int folder, const char* name, const FileAttributes& attributes) {
+    const auto user = attributes.ownerAccountName ? _accounts->user(*attributes.ownerAccountName) : std::nullopt;
+    const auto group =
+        attributes.groupOwnerAccountName ? _accounts->group(*attributes.groupOwnerAccountName) : std::nullopt;
+    if (user || group) {
+        // Fails for an ordinary user, whose device then owns all its files.
+        (void)::fchownat(folder, name, user.value_or(static_cast<uid_t>(-1)), group.value_or(static_cast<gid_t>(-1)),
+                         AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH);
+    }
+}
+
+int DeviceFileSystem::_createDirectory(std::string_view path, bool withIntermediateDirectories,
+                                       const std::optional<FileAttributes>& attributes) {
+    Place place;
+    int failed = _findPlace(path, O_PATH, place);
+    if (failed == ENOENT && withIntermediateDirectories) {
+        failed = _createDirectory(path.substr(0, path.find_last_of('/', path.find_last_not_of('/'))), true, attributes);
+        if (failed == 0) {
+            failed = _findPlace(path, O_PATH, place);
+        }
+    }
+    if (failed == 0) {
+        failed = beforeChange(faultPoint(), "mkdir", path);
+    }
+    if (failed != 0) {
+        return failed;
+    }
+    if (::mkdirat(place.folder.get(), place.name.c_str(), 0755) == 0) {
+        if (attributes) {
+            _setOwner(place.folder.get(), place.name.c_str(), *attributes);
+        }
+        return 0;
+    }
+    failed = errno;
+    Descriptor existing;
+    const bool isThere =
+        failed == EEXIST && withIntermediateDirectories && _open(path, O_PATH | O_DIRECTORY, 0, existing) == 0;
+    return isThere ? 0 : failed;
+}
+
+bool DeviceFileSystem::createDirectory(std::string_view path, bool withIntermediateDirectories,
+                                       const std::optional<FileAttributes>& attributes, ErrorPtr* error) noexcept {
+    if (withIntermediateDirectories) { // mostly it is there; this also takes "/" and a path that ends in ".."
+        Descriptor existing;
+        if (_open(path, O_PATH | O_DIRECTORY, 0, existing) == 0) {
+            return true;
+        }
+    }
+    return report(_createDirectory(path, withIntermediateDirectories, attributes), "creating the folder", path, error);
+}
+
+bool DeviceFileSystem::removeItem(std::string_view path, ErrorPtr* error) noexcept {
+    Place place;
+    int failed = _findPlace(path, O_PATH, place);
+    if (failed == 0) {
+        failed = removeTree(place.folder.get(), place.name, faultPoint(), path);
+    }
+    return report(failed, "removing", path, error);
+}
+
+bool DeviceFileSystem::moveItem(std::string_view from, std::string_view to, ErrorPtr* error) noexcept {
+    Place source;
+    Place target;
+    int failed = _findPlace(from, O_PATH, source);
+    if (failed != 0) {
+        return report(failed, "moving", from, error);
+    }
+    failed = _findPlace(to, O_PATH, target);
+    if (failed == 0) {
+        failed = beforeChange(faultPoint(), "rename", to);
+    }
+    if (failed == 0) {
+        failed = errnoOf(::renameat2(source.folder.get(), source.name.c_str(), target.folder.get(), target.name.c_str(),
+                                     RENAME_NOREPLACE));
+    }
+    return report(failed, "moving " + std::string(from) + " to", to, error);
+}
+
+bool DeviceFileSystem::copyItem(std::string_view from, std::string_view to, ErrorPtr* error) noexcept {
+    Descriptor source;
+    int failed = _open(from, readFlags, 0, source);
+    if (failed == 0) {
+        failed = checkIsFile(source.get());
+    }
+    if (failed != 0) {
+        return report(failed, "copying", from, error);
+    }
+    NewFile copy(*this, to);
+    failed = copy.create();
+    if (failed == 0) {
+        failed = copy.write({});
+    }
+    if (failed == 0) {
+        failed = copyContent(source.get(), copy.file());
+    }
+    if (failed == 0) {
+        failed = copy.putInPlace();
+    }
+    return report(failed, "copying " + std::string(from) + " to", to, error);
+}
+
+bool DeviceFileSystem::fileExists(std::string_view path) noexcept {
+    Descriptor found;
+    return _open(path, O_PATH, 0, found) == 0;
+}
+
+std::optional<Data> DeviceFileSystem::readFile(std::string_view path, ErrorPtr* error) noexcept {
+    Descriptor file;
+    int failed = _open(path, readFlags, 0, file);
+    if (failed == 0) {
+        failed = checkIsFile(file.get());
+    }
+    std::string bytes;
+    if (failed == 0) {
+        failed = readAll(file.get(), largestReadFile, bytes);
+    }
+    if (failed == 0) {
+        return Data(std::move(bytes));
+    }
+    report(failed, "reading", path, error);
+    return std::nullopt;
+}
+
+bool DeviceFileSystem::writeFileAtomically(std::string_view path, std::string_view bytes, ErrorPtr* error) noexcept {
+    NewFile file(*this, path);
+    int failed = file.create();
+    if (failed == 0) {
+        failed = file.write(bytes);
+    }
+    if (failed == 0) {
+        failed = file.sync();
+    }
+    if (failed == 0) {
+        failed = file.putInPlace();
+    }
+    if (failed == 0) {
+        failed = file.syncFolder();
+    }
+    return report(failed, "writing", path, error);
+}
+
+bool DeviceFileSystem::createFile(std::string_view path, std::string_view bytes,
+                                  const FileAttributes& attributes) noexcept {
+    NewFile file(*this, path);
+    int failed = file.create();
+    if (failed == 0) {
+        failed = file.write(bytes);
+    }
+    if (failed == 0) {
+        _setOwner(file.file(), "", attributes);
+        failed = file.putInPlace();
+    }
+    return failed == 0;
+}
+
+std::optional<FileInformation> DeviceFileSystem::attributesOfItem(std::string_view path, ErrorPtr* error) noexcept {
+    Descriptor found;
+    struct stat status {};
+    int failed = _open(path, O_PATH, 0, found);
+    if (failed == 0) {
+        failed = errnoOf(::fstat(found.get(), &status));
+    }
+    if (!report(failed, "reading the attributes of", path, error)) {
+        return std::nullopt;
+    }
+    return FileInformation{static_cast<std::uint64_t>(status.st_size)};
+}
+
+int DeviceFileSystem::utimes(std::string_view path) noexcept {
+    Descriptor found;
+    const int failed = _open(path, O_PATH, 0, found);
+    return failed != 0 ? failed : errnoOf(::utimensat(found.get(), "", nullptr, AT_EMPTY_PATH));
+}
+
+std::string DeviceFileSystem::errorText(int errorNumber) noexcept {
+    return systemText(errorNumber);
+}
+
+Result<Descriptor> DeviceFileSystem::open(std::string_view path, int flags, mode_t mode) noexcept {
+    Descriptor opened;
+    if (const int failed = _open(path, flags, mode, opened)) {
+        return makePosixError(failed, "opening", path);
+    }
+    return opened;
+}
+
+Result<std::vector<std::string>> DeviceFileSystem::list(std::string_view path) noexcept {
+    Descriptor folder;
+    int failed = _open(path, O_RDONLY | O_DIRECTORY, 0, folder);
+    std::vector<std::string> names;
+    if (failed == 0) {
+        FolderReader reader(std::move(folder));
+        while (const auto entry = reader.next()) {
+            names.emplace_back(entry->name);
+        }
+        failed = reader.error();
+    }
+    if (failed != 0) {
+        return makePosixError(failed, "listing the folder", path);
+    }
+    std::ranges::sort(names);
+    return names;
+}
+
+Result<void> DeviceFileSystem::sync() noexcept {
+    int failed = beforeChange(faultPoint(), "sync all", "/");
+    if (failed == 0) {
+        failed = errnoOf(::syncfs(_root.get()));
+    }
+    return failed == 0 ? ErrorPtr() : makePosixError(failed, "writing out the file system of", "/");
+}
+
+Result<std::uint64_t> DeviceFileSystem::freeSpace() noexcept {
+    struct statvfs status {};
+    if (::fstatvfs(_root.get(), &status) != 0) {
+        return makePosixError(errno, "asking for the free space of", "/");
+    }
+    return std::uint64_t{status.f_bavail} * status.f_frsize;
+}
+
+void DeviceFileSystem::removeLeftovers(std::string_view path) noexcept {
+    Descriptor folder;
+    if (_open(path, O_RDONLY | O_DIRECTORY, 0, folder) == 0) {
+        removeTemporaryFiles(std::move(folder), faultPoint());
+    }
+}
+
+} // namespace appsync::device

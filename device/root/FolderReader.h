@@ -1,0 +1,38 @@
+// The entries of an open folder, without "." and "..".
+#pragma once
+
+#include "device/root/Descriptor.h"
+
+#include <dirent.h>
+
+#include <optional>
+#include <string_view>
+
+namespace appsync::device {
+
+class FolderReader {
+  public:
+    struct Entry {
+        std::string_view name; // valid until the next one is read
+        bool isFolder = false;
+    };
+
+    /// `folder` must be opened for reading.
+    explicit FolderReader(Descriptor folder) noexcept;
+    ~FolderReader();
+    FolderReader(const FolderReader&) = delete;
+    FolderReader& operator=(const FolderReader&) = delete;
+
+    /// Nothing at the end, and after a failure.
+    [[nodiscard]] std::optional<Entry> next() noexcept;
+    /// The folder's descriptor.
+    [[nodiscard]] int folder() const noexcept { return _stream ? ::dirfd(_stream) : -1; }
+    /// Zero, or the errno number of the failure.
+    [[nodiscard]] int error() const noexcept { return _error; }
+
+  private:
+    DIR* _stream = nullptr;
+    int _error = 0;
+};
+
+} // namespace appsync::device

@@ -1,0 +1,36 @@
+// The few system calls through which everything below a device root is reached.
+#pragma once
+
+#include "device/root/Descriptor.h"
+#include "device/root/FaultPoint.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <string>
+#include <string_view>
+
+namespace appsync::device {
+
+// Each answers zero or an errno number.
+
+/// Opens a path as it is seen from inside `root`: "/" is the root, and neither ".." nor a symbolic link leads above it.
+[[nodiscard]] int openInRoot(int root, const std::string& path, int flags, mode_t mode, Descriptor& opened) noexcept;
+/// Opens a relative path below `folder`; one that leads out of it fails with EXDEV.
+[[nodiscard]] int openBeneath(int folder, const std::string& path, int flags, Descriptor& opened) noexcept;
+[[nodiscard]] int writeAll(int file, std::string_view bytes) noexcept;
+/// Appends the rest of a file. EFBIG when that is more than `largestSize` bytes.
+[[nodiscard]] int readAll(int file, std::size_t largestSize, std::string& bytes);
+
+/// Asks the fault point, if there is one, before a change.
+[[nodiscard]] inline int beforeChange(FaultPoint* faultPoint, std::string_view operation,
+                                      std::string_view path) noexcept {
+    return faultPoint ? faultPoint->before(operation, path) : 0;
+}
+
+/// The result of a system call that answers -1 and sets errno.
+[[nodiscard]] inline int errnoOf(int result) noexcept {
+    return result < 0 ? errno : 0;
+}
+
+} // namespace appsync::device

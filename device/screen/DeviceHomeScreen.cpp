@@ -1,0 +1,208 @@
+#include "device/screen/DeviceHomeScreen.h"
+
+#include "device/registry/Registry.h"
+#include "device/root/Database.h"
+#include "device/screen/DeviceIconRenderer.h"
+#include "device/screen/RunningApps.h"
+#include "device/services/Notifications.h"
+#include "platform/Log.h"
+#include "platform/PropertyListSerialization.h"
+
+#include <algorithm>
+#include <map>
+#include <unordered_set>
+
+namespace appsync::device {
+
+namespace {
+
+constexpr std::string_view Schema[] = {"CREATE TABLE homeScreen (name TEXT PRIMARY KEY, value BLOB) WITHOUT ROWID;"};
+
+class TerminationAssertion final : public SKSApplicationTerminationAssertion {
+  public:
+    TerminationAssertion(RunningApps& apps, std::string_view identifier) : _apps(apps), _identifier(identifier) {}
+    ~TerminationAssertion() override { _apps.letGo(_identifier); }
+
+  private:
+    RunningApps& _apps;
+    const std::string _identifier;
+};
+
+ScreenIcon iconOf(const Application& application, DeviceIconRenderer& renderer) {
+    ScreenIcon icon;
+    icon.name = application.name;
+    icon.icon = application.iconPath ? renderer.iconFromFile(*application.iconPath) : nullptr;
+    icon.isPlaceholder = application.isPlaceholder && !application.isInstalled;
+    icon.isUpdating = application.isPlaceholder && application.isInstalled;
+    icon.progress = application.progress.value_or(0);
+    return icon;
+}
+
+} // namespace
+
+Result<std::unique_ptr<DeviceHomeScreen>> DeviceHomeScreen::open(const HomeScreenServices& services) {
+    if (const auto registered = services.database.registerSchema("homeScreen", Schema); !registered) {
+        return registered.error();
+    }
+    std::unique_ptr<DeviceHomeScreen> screen(new DeviceHomeScreen(services));
+    if (const auto loaded = screen->_load(); !loaded) {
+        return loaded.error();
+    }
+    return screen;
+}
+
+Result<void> DeviceHomeScreen::_load() {
+    std::optional<Data> bytes;
+    {
+        Database::Transaction transaction(_services.database);
+        {
+            auto rows = transaction.query("SELECT value FROM homeScreen WHERE name = 'layout'");
+            bytes = rows.next() ? rows.optionalData(0) : std::nullopt;
+        }
+        if (auto read = transaction.commit(); !read) {
+            return read;
+        }
+    }
+    const auto root = bytes ? _services.propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
+    std::string problem;
+    if (auto layout = root ? IconLayout::fromPropertyList(*root, problem) : std::nullopt) {
+        _layout = std::move(*layout);
+    }
+    return {};
+}
+
+SKPort DeviceHomeScreen::SKSSkellanBlockableServerPort() noexcept {
+    return Port;
+}
+
+void DeviceHomeScreen::SKSetIconState(SKPort port, std::string_view iconState) noexcept {
+    if (port != Port) {
+        return _reject("it was sent to port " + std::to_string(port));
+    }
+    ErrorPtr error;
+    const auto root = _services.propertyLists.propertyListWithData(iconState, &error);
+    if (!root) {
+        return _reject("it is no property list: " + errorText(error));
+    }
+    std::string problem;
+    auto layout = IconLayout::fromPropertyList(*root, problem);
+    if (!layout) {
+        return _reject(problem);
+    }
+    if (const auto kept = _keep(std::move(*layout)); !kept) {
+        _reject(errorText(kept.error()));
+    }
+}
+
+void DeviceHomeScreen::_reject(const std::string& problem) {
+    constexpr std::string_view format = "the icon layout of the desktop was not applied: %{public}@";
+    if (_services.log.isEnabled(QRLogCategoryFramework, LogLevel::error)) {
+        _services.log.write(QRLogCategoryFramework, LogLevel::error, format,
+                            "the icon layout of the desktop was not applied: " + problem);
+    }
+}
+
+Result<void> DeviceHomeScreen::_keep(IconLayout layout) {
+    ErrorPtr error;
+    const auto bytes =
+        _services.propertyLists.dataWithPropertyList(layout.propertyList(), PropertyListFormat::binary, &error);
+    if (!bytes) {
+        return error;
+    }
+    const std::lock_guard lock(_mutex);
+    Database::Transaction transaction(_services.database);
+    transaction.run("INSERT OR REPLACE INTO homeScreen VALUES ('layout', ?1)", *bytes);
+    auto written = transaction.commit();
+    if (written) {
+        _layout = std::move(layout);
+    }
+    return written;
+}
+
+void DeviceHomeScreen::SKGetFlattenedIconState(SKPort port, std::uint32_t format, const char** buffer,
+                                               std::size_t* length) noexcept {
+    *buffer = nullptr;
+    *length = 0;
+    if (port != Port || format != BinaryFormat) {
+        return;
+    }
+    const IdentifierList order = flattenedOrder();
+    const auto bytes = _services.propertyLists.dataWithPropertyList(Array(order.begin(), order.end()),
+                                                                    PropertyListFormat::binary, nullptr);
+    if (bytes) {
+        auto* copy = new char[bytes->size()];
+        std::copy(bytes->bytes().begin(), bytes->bytes().end(), copy);
+        *buffer = copy;
+        *length = bytes->size();
+    }
+}
+
+void DeviceHomeScreen::SKDeallocate(const char* buffer, std::size_t /*length*/) noexcept {
+    delete[] buffer;
+}
+
+std::shared_ptr<SKSApplicationTerminationAssertion> DeviceHomeScreen::SKSApplicationTerminationAssertionCreateWithError(
+    std::string_view bundleIdentifier, std::uint32_t /*reason*/, std::uint8_t* errorCode) noexcept {
+    const auto answer = _services.runningApps.endAndHold(bundleIdentifier);
+    if (errorCode) {
+        *errorCode = answer == RunningApps::Answer::ended  ? SKSTerminationAssertionGranted
+                     : answer == RunningApps::Answer::busy ? SKSTerminationAssertionDenied
+                                                           : SKSTerminationAssertionNotFound;
+    }
+    if (answer != RunningApps::Answer::ended) {
+        return nullptr;
+    }
+    return std::make_shared<TerminationAssertion>(_services.runningApps, bundleIdentifier);
+}
+
+IconLayout DeviceHomeScreen::layout() const {
+    const std::lock_guard lock(_mutex);
+    return _layout;
+}
+
+IdentifierList DeviceHomeScreen::flattenedOrder() const {
+    IdentifierList order = layout().flattened();
+    const std::unordered_set<std::string> placed(order.begin(), order.end());
+    for (const Application& application : _services.registry.applications()) {
+        if (!placed.contains(application.identifier)) {
+            order.push_back(application.identifier);
+        }
+    }
+    return order;
+}
+
+bool DeviceHomeScreen::isSyncing() const {
+    return _services.notifications.state(SyncNoticeName) != 0;
+}
+
+ScreenContents DeviceHomeScreen::contents() const {
+    IdentifierList identifiers;
+    std::map<std::string, Application> applications;
+    for (Application& application : _services.registry.applications()) {
+        identifiers.push_back(application.identifier);
+        applications.emplace(application.identifier, std::move(application));
+    }
+    const auto iconFor = [&](const std::string& identifier) {
+        return iconOf(applications.at(identifier), _services.icons);
+    };
+    ScreenContents contents;
+    contents.isSyncing = isSyncing();
+    for (const IconPage& page : layout().showing(identifiers).pages) {
+        ScreenPage& shown = contents.pages.emplace_back();
+        for (const IconPlace& place : page) {
+            if (const auto* identifier = std::get_if<std::string>(&place)) {
+                shown.emplace_back(iconFor(*identifier));
+                continue;
+            }
+            const auto& folder = std::get<IconFolder>(place);
+            ScreenFolder& shownFolder =
+                std::get<ScreenFolder>(shown.emplace_back(ScreenFolder{folder.displayName, {}}));
+            for (const IdentifierList& inner : folder.pages) {
+                std::transform(inner.begin(), inner.end(), std::back_inserter(shownFolder.icons), iconFor);
+            }
+        }
+    }
+    return contents;
+}
+
+} // namespace appsync::device

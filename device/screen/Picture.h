@@ -1,0 +1,51 @@
+// A picture of the home screen as a person would see it.
+#pragma once
+
+#include "platform/Icons.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace appsync::device {
+
+struct ScreenIcon {
+    std::string name;            // shown beneath; shortened when it is too long
+    std::shared_ptr<Image> icon; // from `DeviceIconRenderer`; null draws a tile with the name's first letter
+    bool isPlaceholder = false;  // dimmed, with a ring that shows the progress
+    double progress = 0;         // of a placeholder or an update, 0 to 1
+    bool isUpdating = false;     // an installed app with an install under way: a ring, not dimmed
+};
+
+struct ScreenFolder {
+    std::string name;
+    std::vector<ScreenIcon> icons; // the first nine are shown
+};
+
+using ScreenPlace = std::variant<ScreenIcon, ScreenFolder>;
+using ScreenPage = std::vector<ScreenPlace>;
+
+struct ScreenContents {
+    std::vector<ScreenPage> pages;
+    bool isSyncing = false; // "Syncing…" in the status line
+};
+
+// One screen in pixels; a picture of several has them side by side.
+inline constexpr int ScreenWidth = 750;
+inline constexpr int ScreenHeight = 1334;
+inline constexpr int ScreenGap = 40;
+inline constexpr std::size_t PlacesPerScreen = 24;
+/// Screens beyond these are left out, so that the picture stays within what viewers open.
+inline constexpr std::size_t MostScreens = 12;
+
+/// The picture as a PNG; nothing when memory does not suffice. A page with more places than fit goes on on the next
+/// screen. Names are untrusted: what is no UTF-8 shows as a replacement character.
+[[nodiscard]] std::optional<Data> drawHomeScreen(const ScreenContents& contents);
+
+/// Gives back the fonts that drawing keeps for the rest of the process. For the end of a program, when nothing draws any
+/// more on any thread; without it leak checkers report them.
+void releaseFonts() noexcept;
+
+} // namespace appsync::device

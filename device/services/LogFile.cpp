@@ -1,0 +1,187 @@
+#include "device/services/LogFile.h"
+
+#include "device/root/DeviceFileSystem.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+namespace appsync::device {
+
+namespace {
+
+constexpr std::size_t BufferSize = 16U << 10;
+constexpr std::string_view OwnSource = "Log"; // of what the log says about itself
+
+std::size_t switchOf(QRLogCategory category, LogLevel level) {
+    return static_cast<std::size_t>(category) * 2 + static_cast<std::size_t>(level);
+}
+
+void appendEscaped(std::string& out, std::string_view text) {
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (character == '\\') {
+            out += "\\\\";
+        } else if (character == '\n') {
+            out += "\\n";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            constexpr std::string_view digits = "0123456789abcdef";
+            out += "\\x";
+            out += digits[byte >> 4];
+            out += digits[byte & 15U];
+        } else {
+            out += character;
+        }
+    }
+}
+
+std::string makeLine(std::string_view source, LogLevel level, std::string_view text) {
+    std::string line = formatLogTime(std::chrono::system_clock::now());
+    line.reserve(line.size() + source.size() + text.size() + 16);
+    line += level == LogLevel::error ? " error " : " standard ";
+    line += source;
+    line += ' ';
+    appendEscaped(line, text);
+    return line += '\n';
+}
+
+} // namespace
+
+std::string_view nameOf(QRLogCategory category) noexcept {
+    switch (category) {
+    case QRLogCategory::SyncBundle: return "SyncBundle";
+    case QRLogCategory::SyncBundle_Oversize: return "SyncBundle_Oversize";
+    case QRLogCategory::Framework: return "Framework";
+    }
+    return "Unknown";
+}
+
+std::string formatLogTime(std::chrono::system_clock::time_point time) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(time - seconds).count();
+    const std::time_t moment = std::chrono::system_clock::to_time_t(seconds);
+    std::tm utc{};
+    gmtime_r(&moment, &utc);
+    char text[80];
+    const int length =
+        std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%06dZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                      utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, static_cast<int>(micros));
+    return {text, static_cast<std::size_t>(length)};
+}
+
+Result<std::unique_ptr<LogFile>> LogFile::open(DeviceFileSystem& files, LogLimits limits) {
+    ErrorPtr error;
+    const std::string_view folder = LogPath.substr(0, LogPath.rfind('/'));
+    if (!files.createDirectory(folder, true, std::nullopt, &error)) {
+        return error;
+    }
+    std::unique_ptr<LogFile> log(new LogFile(files, limits));
+    if (const auto opened = log->_open(); !opened) {
+        return opened.error();
+    }
+    return log;
+}
+
+LogFile::~LogFile() {
+    flush();
+}
+
+bool LogFile::isEnabled(QRLogCategory category, LogLevel level) noexcept {
+    return !_disabled[switchOf(category, level)].load(std::memory_order_relaxed);
+}
+
+void LogFile::setEnabled(QRLogCategory category, LogLevel level, bool enabled) noexcept {
+    _disabled[switchOf(category, level)].store(!enabled, std::memory_order_relaxed);
+}
+
+void LogFile::write(QRLogCategory category, LogLevel level, std::string_view /*format*/,
+                    std::string_view text) noexcept {
+    if (isEnabled(category, level)) {
+        _append(nameOf(category), level, text);
+    }
+}
+
+void LogFile::write(const SystemLog& log, LogLevel level, std::string_view text) noexcept {
+    _append(log.subsystem + "/" + log.category, level, text);
+}
+
+void LogFile::flush() noexcept {
+    const std::lock_guard lock(_mutex);
+    _flush();
+}
+
+Result<void> LogFile::_open() {
+    auto file = _files.open(LogPath, O_WRONLY | O_APPEND | O_CREAT);
+    if (!file) {
+        return file.error();
+    }
+    struct stat information {};
+    _size = ::fstat(file->get(), &information) == 0 ? static_cast<std::uint64_t>(information.st_size) : 0;
+    _file = std::move(*file);
+    return {};
+}
+
+void LogFile::_append(std::string_view source, LogLevel level, std::string_view text) {
+    const std::string line = makeLine(source, level, text);
+    const std::lock_guard lock(_mutex);
+    _buffer += line;
+    ++_bufferedMessages;
+    if (level == LogLevel::error || _buffer.size() >= BufferSize) {
+        _flush();
+    }
+}
+
+void LogFile::_flush() {
+    if (_buffer.empty()) {
+        return;
+    }
+    if (_size > 0 && _size + _buffer.size() > _limits.fileSize) {
+        _rotate();
+    }
+    std::string note;
+    if (_lostMessages > 0) {
+        note = makeLine(OwnSource, LogLevel::error, std::to_string(_lostMessages) + " messages could not be written");
+    }
+    if (_writeAll(note + _buffer)) {
+        _lostMessages = 0;
+    } else {
+        _lostMessages += _bufferedMessages;
+    }
+    _buffer.clear();
+    _bufferedMessages = 0;
+}
+
+bool LogFile::_writeAll(std::string_view bytes) {
+    if (!_file.isOpen() && !_open()) {
+        return false;
+    }
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(_file.get(), bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        _size += static_cast<std::uint64_t>(written);
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+/// When a name cannot be changed, that file stays where it is and the log grows on.
+void LogFile::_rotate() {
+    const auto older = [](unsigned age) { return std::string(LogPath) + (age ? "." + std::to_string(age) : ""); };
+    _files.removeItem(older(_limits.olderFiles), nullptr);
+    for (unsigned age = _limits.olderFiles; age > 0; --age) {
+        _files.moveItem(older(age - 1), older(age), nullptr);
+    }
+    _file = Descriptor();
+    (void)_open(); // tried again with the next write when it fails
+}
+
+} // namespace appsync::device

@@ -1,0 +1,77 @@
+// The sync host's log: "/var/log/qrd.log" on the device, one line a message.
+//
+//   2026-11-21T08:27:54.123456Z error SyncBundle com.zuvex.tzl.Quorrel.AppSync|can't create work area
+//
+// are time (UTC), level ("standard" or "error"), source and text. The source is a category of the host or, for other
+// logs of the system, "subsystem/category". In the text a backslash is doubled and control characters are escaped
+// ("\n", "\x1b"), so that a message is a line. A full file becomes "qrd.log.1", an older one "qrd.log.2" and so on.
+#pragma once
+
+#include "device/root/Descriptor.h"
+#include "device/root/Result.h"
+#include "platform/Log.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace appsync::device {
+
+class DeviceFileSystem;
+
+inline constexpr std::string_view LogPath = "/var/log/qrd.log";
+
+struct LogLimits {
+    std::uint64_t fileSize = 8U << 20; // bytes after which a new file is begun
+    unsigned olderFiles = 3;           // how many full ones are kept
+};
+
+/// Messages are written to the file when the buffer is full, with every error, by `flush` and at the end. What cannot
+/// be written is dropped; a line says how much once writing works again. Any thread.
+class LogFile final : public HostLog {
+  public:
+    /// Goes on at the end of the file that is there. `files` must outlive the log.
+    [[nodiscard]] static Result<std::unique_ptr<LogFile>> open(DeviceFileSystem& files, LogLimits limits = {});
+    ~LogFile() override;
+
+    [[nodiscard]] bool isEnabled(QRLogCategory category, LogLevel level) noexcept override;
+    void write(QRLogCategory category, LogLevel level, std::string_view format,
+               std::string_view text) noexcept override;
+
+    /// Everything is enabled at first.
+    void setEnabled(QRLogCategory category, LogLevel level, bool enabled) noexcept;
+    /// A message of another log of the system.
+    void write(const SystemLog& log, LogLevel level, std::string_view text) noexcept;
+    void flush() noexcept;
+
+  private:
+    LogFile(DeviceFileSystem& files, LogLimits limits) : _files(files), _limits(limits) {}
+
+    [[nodiscard]] Result<void> _open();
+    void _append(std::string_view source, LogLevel level, std::string_view text);
+    void _flush();
+    [[nodiscard]] bool _writeAll(std::string_view bytes);
+    void _rotate();
+
+    DeviceFileSystem& _files;
+    const LogLimits _limits;
+    std::array<std::atomic<bool>, 6> _disabled{}; // by category and level
+    std::mutex _mutex;                            // guards everything below
+    Descriptor _file;
+    std::uint64_t _size = 0;
+    std::string _buffer;
+    std::size_t _bufferedMessages = 0;
+    std::uint64_t _lostMessages = 0;
+};
+
+/// The category's name in the log.
+[[nodiscard]] std::string_view nameOf(QRLogCategory category) noexcept;
+
+/// A point in time as it stands in the log.
+[[nodiscard]] std::string formatLogTime(std::chrono::system_clock::time_point time);
+
+} // namespace appsync::device

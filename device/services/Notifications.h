@@ -1,0 +1,107 @@
+// The notification services of the device, for the one process that owns it.
+#pragma once
+
+#include "concurrency/Group.h"
+#include "concurrency/OperationQueue.h"
+#include "platform/Notifications.h"
+
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace appsync::device {
+
+/// Posted by the home screen's owner when a sync starts (state 1) and ends (state 0).
+inline constexpr std::string_view SyncNoticeName = "com.zuvex.skellan.qrd.wsyncnotify";
+/// Posted by the host when it is ready for the install coordinator's reports.
+inline constexpr std::string_view StartupCompleteName = "com.zuvex.qrd.QRStartupCompleteNotification";
+
+/// Statuses of the notification service.
+enum NotificationStatus : std::uint32_t {
+    NotificationStatusOK = 0,
+    NotificationStatusInvalidName = 1,  // empty, or with a zero byte
+    NotificationStatusInvalidToken = 2, // never given out
+};
+
+/// Names with a state. Names live as long as the service; registering one again gives the token that it has.
+class NotificationNames final : public NotificationService {
+  public:
+    /// Runs within `notify_post`, on its caller's thread, after the post counts.
+    using Listener = std::function<void(std::string_view name, std::uint64_t state)>;
+
+    std::uint32_t notify_register_check(std::string_view name, int* token) noexcept override;
+    std::uint32_t notify_set_state(int token, std::uint64_t state) noexcept override;
+    std::uint32_t notify_post(std::string_view name) noexcept override;
+
+    /// The present state; 0 for a name that nobody has registered or set.
+    [[nodiscard]] std::uint64_t state(std::string_view name) const;
+    /// How often the name was posted.
+    [[nodiscard]] std::uint64_t postCount(std::string_view name) const;
+    /// Tells the listener of every post until the returned handle is dropped. A call that has begun by then may still
+    /// end afterwards.
+    [[nodiscard]] std::shared_ptr<void> listen(std::string_view name, Listener listener);
+
+  private:
+    struct Name {
+        std::string name;
+        std::uint64_t state = 0;
+        std::uint64_t posts = 0;
+        std::list<std::weak_ptr<Listener>> listeners;
+    };
+
+    [[nodiscard]] std::size_t _indexOf(std::string_view name);
+    [[nodiscard]] const Name* _find(std::string_view name) const;
+
+    mutable std::mutex _mutex;
+    std::vector<Name> _names; // a token is an index + 1
+    std::map<std::string, std::size_t, std::less<>> _indexes;
+};
+
+/// Delivers posts to observers on a thread of its own, in the order of the posts.
+class DeviceNotificationCenter final : public NotificationCenter {
+  public:
+    DeviceNotificationCenter() = default;
+    /// Waits for a running call; posts that are not delivered yet are dropped.
+    ~DeviceNotificationCenter() override;
+
+    /// An observer that is added again for the same name and object is still called once per post.
+    void addObserver(void* observer, NotificationCallback callback, std::string_view name, const void* object,
+                     NotificationSuspensionBehavior suspensionBehavior) noexcept override;
+    /// From within the observer's own call it returns at once; no call follows that one.
+    void removeObserver(void* observer, std::string_view name) noexcept override;
+
+    /// Calls those who observe the name now. Returns at once; `object` is passed on and compared, never read.
+    void post(std::string_view name, const void* object = nullptr, std::optional<Dictionary> userInfo = std::nullopt);
+    /// Returns when everything posted before has been delivered. Not to be called from an observer.
+    void waitUntilDelivered();
+
+  private:
+    struct Observation {
+        void* observer;
+        NotificationCallback callback;
+        std::string name;
+        const void* object;
+        bool removed = false;
+        bool running = false;
+    };
+    using Observations = std::vector<std::shared_ptr<Observation>>;
+
+    void _deliver(const Observations& observations, const std::string& name, const void* object,
+                  const Dictionary* userInfo);
+
+    std::mutex _mutex;
+    std::condition_variable _callEnded;
+    Observations _observations;
+    std::thread::id _deliveryThread; // while a call runs
+    Group _undelivered;
+    OperationQueue _thread{1};
+};
+
+} // namespace appsync::device

@@ -1,0 +1,87 @@
+#include "device/services/StoreClient.h"
+
+#include "device/registry/Registry.h"
+#include "device/root/DeviceFileSystem.h"
+#include "platform/PropertyListSerialization.h"
+
+#include <cerrno>
+
+namespace appsync::device {
+
+class StoreClient::Library final : public MWSoftwareLibrary {
+  public:
+    explicit Library(StoreClient& client) : _client(client) {}
+    void refreshReceiptsWithCompletionBlock(std::function<void(const ErrorPtr& error)> completion) noexcept override {
+        _client._refreshInBackground(std::move(completion));
+    }
+
+  private:
+    StoreClient& _client;
+};
+
+StoreClient::~StoreClient() {
+    _underWay.wait();
+}
+
+std::shared_ptr<MWSoftwareLibrary> StoreClient::init() noexcept {
+    return std::make_shared<Library>(*this);
+}
+
+void StoreClient::_refreshInBackground(std::function<void(const ErrorPtr&)> completion) {
+    _underWay.enter();
+    _thread.addOperation([this, completion = std::move(completion)] {
+        completion(refreshReceipts().error());
+        _underWay.leave();
+    });
+}
+
+Result<void> StoreClient::refreshReceipts() {
+    ErrorPtr firstError;
+    if (!_files.createDirectory(ReceiptFolder, true, std::nullopt, &firstError)) {
+        return firstError;
+    }
+    std::set<std::string> names;
+    for (const Application& application : _registry.applications()) {
+        if (!application.isInstalled) {
+            continue;
+        }
+        Dictionary receipt{{"bundleIdentifier", application.identifier}};
+        if (application.version) {
+            receipt.set("bundleVersion", *application.version);
+        }
+        std::string name = application.identifier + ".plist";
+        const ErrorPtr error = _writeReceipt(std::string(ReceiptFolder) + "/" + name, receipt);
+        firstError = firstError ? firstError : error;
+        names.insert(std::move(name));
+    }
+    _removeOtherReceipts(names);
+    return firstError;
+}
+
+/// Not written durably: a receipt that a loss of power has cut short differs, and is written again.
+ErrorPtr StoreClient::_writeReceipt(const std::string& path, const Dictionary& receipt) {
+    ErrorPtr error;
+    const auto bytes = _propertyLists.dataWithPropertyList(receipt, PropertyListFormat::binary, &error);
+    if (!bytes) {
+        return error;
+    }
+    const auto present = _files.readFile(path, nullptr);
+    if ((present && *present == *bytes) || _files.createFile(path, bytes->bytes(), {})) {
+        return nullptr;
+    }
+    return makePosixError(EIO, "write receipt", path);
+}
+
+void StoreClient::_removeOtherReceipts(const std::set<std::string>& names) {
+    const auto receipts = _files.list(ReceiptFolder);
+    if (!receipts) {
+        return;
+    }
+    for (const std::string& receipt : *receipts) {
+        if (!names.contains(receipt)) {
+            _files.removeItem(std::string(ReceiptFolder) + "/" + receipt, nullptr);
+        }
+    }
+}
+
+} // namespace appsync::device

@@ -1,0 +1,57 @@
+// The store client: keeps a receipt for every installed app.
+#pragma once
+
+#include "concurrency/Group.h"
+#include "concurrency/OperationQueue.h"
+#include "device/root/Result.h"
+#include "platform/Store.h"
+
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+
+namespace appsync {
+class PropertyListSerialization;
+}
+
+namespace appsync::device {
+
+class DeviceFileSystem;
+class Registry;
+
+/// One file per app, "<bundle identifier>.plist", a binary property list with "bundleIdentifier" and, if the app has
+/// one, "bundleVersion".
+inline constexpr std::string_view ReceiptFolder = "/var/mobile/Library/StoreReceipts";
+
+/// Any thread.
+class StoreClient final : public MWSoftwareLibraryClass {
+  public:
+    /// All three must outlive the client.
+    StoreClient(DeviceFileSystem& files, Registry& registry, PropertyListSerialization& propertyLists)
+        : _files(files), _registry(registry), _propertyLists(propertyLists) {}
+    /// Waits for the refreshes that have been asked for.
+    ~StoreClient() override;
+
+    /// Its refreshes run one after another on the client's thread.
+    [[nodiscard]] std::shared_ptr<MWSoftwareLibrary> init() noexcept override;
+
+    /// Writes the receipts that are missing or of another version, and removes those of apps that are gone. One receipt
+    /// that cannot be written does not keep the others from it; the first failure is the result.
+    [[nodiscard]] Result<void> refreshReceipts();
+
+  private:
+    class Library;
+
+    void _refreshInBackground(std::function<void(const ErrorPtr&)> completion);
+    [[nodiscard]] ErrorPtr _writeReceipt(const std::string& path, const Dictionary& receipt);
+    void _removeOtherReceipts(const std::set<std::string>& names);
+
+    DeviceFileSystem& _files;
+    Registry& _registry;
+    PropertyListSerialization& _propertyLists;
+    Group _underWay;
+    OperationQueue _thread{1};
+};
+
+} // namespace appsync::device

@@ -1,0 +1,224 @@
+#include "device/services/TransactionLog.h"
+
+#include "device/root/Database.h"
+#include "device/services/LogFile.h"
+
+#include <chrono>
+#include <iterator>
+
+namespace appsync::device {
+
+namespace {
+
+constexpr std::string_view Schema[] = {
+    "CREATE TABLE transactionLog (number INTEGER PRIMARY KEY, time INTEGER NOT NULL, scenario TEXT,"
+    " step INTEGER NOT NULL, party INTEGER NOT NULL, phase INTEGER NOT NULL, success INTEGER NOT NULL,"
+    " bundle TEXT NOT NULL, description TEXT NOT NULL);"
+    "CREATE INDEX transactionLogBundle ON transactionLog (bundle);"};
+
+/// How long the writer lets records come together, and how many it does not let wait.
+constexpr std::chrono::milliseconds GatheringTime{20};
+constexpr std::size_t GatheredRecords = 256;
+/// How long the writer waits after a failure. What comes together meanwhile is bounded.
+constexpr std::chrono::milliseconds RetryTime{1000};
+constexpr std::size_t MostWaiting = 20'000;
+constexpr std::size_t PageSize = 1000;
+
+std::int64_t now() {
+    const auto time = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
+
+std::string_view nameOf(TransactionStep step) {
+    switch (step) {
+    case TransactionStep::none: return "none";
+    case TransactionStep::installOrUpdate: return "install or update";
+    case TransactionStep::restore: return "restore";
+    case TransactionStep::coordinatorCreation: return "coordinator creation";
+    case TransactionStep::placeholderCreation: return "placeholder creation";
+    case TransactionStep::iconCopy: return "icon copy";
+    case TransactionStep::uninstall: return "uninstall";
+    }
+    return "unknown";
+}
+
+} // namespace
+
+std::string TransactionRecord::text() const {
+    std::string out;
+    if (scenario) {
+        out = "scenario \"" + *scenario + "\"";
+    } else {
+        out = "step " + std::string(nameOf(step)) + (phase == TransactionPhase::start ? " begins" : " ends");
+    }
+    return out + " for " + bundleID + (success ? ": " : " without success: ") + description;
+}
+
+Result<std::unique_ptr<TransactionLog>> TransactionLog::open(Database& database, LogFile* mirror,
+                                                             std::int64_t capacity) {
+    if (const auto registered = database.registerSchema("transactionLog", Schema); !registered) {
+        return registered.error();
+    }
+    return std::unique_ptr<TransactionLog>(new TransactionLog(database, mirror, capacity));
+}
+
+TransactionLog::TransactionLog(Database& database, LogFile* mirror, std::int64_t capacity)
+    : _database(database), _mirror(mirror), _capacity(capacity), _writer([this] { _writeInBackground(); }) {}
+
+TransactionLog::~TransactionLog() {
+    {
+        const std::lock_guard lock(_mutex);
+        _stopped = true;
+        _changed.notify_one();
+    }
+    _writer.join();
+    (void)flush();
+}
+
+void TransactionLog::initializeWithLog(const SystemLogPtr& log) noexcept {
+    const std::lock_guard lock(_mutex);
+    _log = log;
+}
+
+void TransactionLog::logStep_byParty_phase_success_forBundleID_description(TransactionStep step, TransactionParty party,
+                                                                           TransactionPhase phase, bool success,
+                                                                           std::string_view bundleID,
+                                                                           std::string_view description) noexcept {
+    _append({0, now(), std::nullopt, step, party, phase, success, std::string(bundleID), std::string(description)});
+}
+
+void TransactionLog::logScenario_step_success_forBundleID_description(std::string_view scenario, TransactionStep step,
+                                                                      bool success, std::string_view bundleID,
+                                                                      std::string_view description) noexcept {
+    _append({0, now(), std::string(scenario), step, TransactionParty::syncPlugIn, TransactionPhase::end, success,
+             std::string(bundleID), std::string(description)});
+}
+
+void TransactionLog::_append(TransactionRecord record) {
+    SystemLogPtr log;
+    const std::string text = record.text();
+    const LogLevel level = record.success ? LogLevel::standard : LogLevel::error;
+    {
+        const std::lock_guard lock(_mutex);
+        log = _log;
+        _waiting.push_back(std::move(record));
+        if (_waiting.size() == 1 || _waiting.size() == GatheredRecords) {
+            _changed.notify_one();
+        }
+    }
+    if (_mirror && log) {
+        _mirror->write(*log, level, text);
+    }
+}
+
+Result<void> TransactionLog::flush() {
+    const std::lock_guard writing(_writing);
+    std::vector<TransactionRecord> records;
+    {
+        const std::lock_guard lock(_mutex);
+        records.swap(_waiting);
+    }
+    auto written = records.empty() ? Result<void>() : _write(records);
+    if (!written) {
+        const std::lock_guard lock(_mutex);
+        std::move(_waiting.begin(), _waiting.end(), std::back_inserter(records));
+        _waiting.swap(records);
+        if (_waiting.size() > MostWaiting) {
+            _waiting.erase(_waiting.begin(), _waiting.end() - static_cast<std::ptrdiff_t>(MostWaiting));
+        }
+    }
+    return written;
+}
+
+void TransactionLog::_writeInBackground() {
+    std::unique_lock lock(_mutex);
+    while (!_stopped) {
+        if (_waiting.empty()) {
+            _changed.wait(lock);
+            continue;
+        }
+        _changed.wait_for(lock, GatheringTime, [this] { return _stopped || _waiting.size() >= GatheredRecords; });
+        lock.unlock();
+        const bool isWritten = static_cast<bool>(flush());
+        lock.lock();
+        if (!isWritten) {
+            _changed.wait_for(lock, RetryTime, [this] { return _stopped; });
+        }
+    }
+}
+
+Result<void> TransactionLog::_write(const std::vector<TransactionRecord>& records) {
+    Database::Transaction transaction(_database);
+    for (const TransactionRecord& record : records) {
+        transaction.run("INSERT INTO transactionLog (time, scenario, step, party, phase, success, bundle, description)"
+                        " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
+                        record.time, record.scenario, static_cast<std::uint32_t>(record.step),
+                        static_cast<std::uint32_t>(record.party), static_cast<std::uint32_t>(record.phase),
+                        record.success, record.bundleID, record.description);
+    }
+    transaction.run("DELETE FROM transactionLog WHERE number <= ?1", transaction.lastRowIdentifier() - _capacity);
+    return transaction.commit();
+}
+
+Result<void> TransactionLog::visit(const std::function<bool(const TransactionRecord&)>& visit,
+                                   std::optional<std::string_view> bundleID) {
+    if (auto flushed = flush(); !flushed) {
+        return flushed;
+    }
+    std::int64_t last = 0;
+    for (;;) {
+        const auto page = _page(last, bundleID);
+        if (!page) {
+            return page.error();
+        }
+        for (const TransactionRecord& record : *page) {
+            if (!visit(record)) {
+                return {};
+            }
+            last = record.number;
+        }
+        if (page->size() < PageSize) {
+            return {};
+        }
+    }
+}
+
+/// A page at a time, so that the visitor runs outside of the database's lock.
+Result<std::vector<TransactionRecord>> TransactionLog::_page(std::int64_t after,
+                                                             std::optional<std::string_view> bundleID) {
+    std::vector<TransactionRecord> records;
+    Database::Transaction transaction(_database);
+    constexpr std::string_view all = "SELECT number, time, scenario, step, party, phase, success, bundle, description"
+                                     " FROM transactionLog WHERE number > ?1 ORDER BY number LIMIT ?2";
+    constexpr std::string_view ofOne =
+        "SELECT number, time, scenario, step, party, phase, success, bundle, description"
+        " FROM transactionLog WHERE number > ?1 AND bundle = ?3 ORDER BY number LIMIT ?2";
+    auto rows =
+        bundleID ? transaction.query(ofOne, after, PageSize, *bundleID) : transaction.query(all, after, PageSize);
+    while (rows.next()) {
+        records.push_back(
+            {rows.integer(0), rows.integer(1), rows.optionalText(2), static_cast<TransactionStep>(rows.integer(3)),
+             static_cast<TransactionParty>(rows.integer(4)), static_cast<TransactionPhase>(rows.integer(5)),
+             rows.integer(6) != 0, std::string(rows.text(7)), std::string(rows.text(8))});
+    }
+    if (const auto read = transaction.commit(); !read) {
+        return read.error();
+    }
+    return records;
+}
+
+Result<std::vector<TransactionRecord>> TransactionLog::records(std::optional<std::string_view> bundleID) {
+    std::vector<TransactionRecord> records;
+    const auto visited = visit(
+        [&](const TransactionRecord& record) {
+            records.push_back(record);
+            return true;
+        },
+        bundleID);
+    if (!visited) {
+        return visited.error();
+    }
+    return records;
+}
+
+} // namespace appsync::device

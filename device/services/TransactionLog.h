@@ -1,0 +1,88 @@
+// The install transaction log in the database.
+#pragma once
+
+#include "device/root/Result.h"
+#include "platform/TransactionLog.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace appsync::device {
+
+class Database;
+class LogFile;
+
+struct TransactionRecord {
+    std::int64_t number = 0;             // counts up, also beyond records that have been dropped
+    std::int64_t time = 0;               // microseconds since 1970-01-01 00:00:00 UTC
+    std::optional<std::string> scenario; // of an event of a scenario; a step has none
+    TransactionStep step = TransactionStep::none;
+    TransactionParty party = TransactionParty::syncPlugIn; // of a step
+    TransactionPhase phase = TransactionPhase::start;      // of a step
+    bool success = false;
+    std::string bundleID;
+    std::string description;
+
+    /// On one line, as it is mirrored to the log.
+    [[nodiscard]] std::string text() const;
+};
+
+/// Any thread. A record is in the database a moment after it was logged: a thread of the log writes what has come
+/// together. Queries find everything that was logged before.
+class TransactionLog final : public AITransactionLog {
+  public:
+    static constexpr std::int64_t DefaultCapacity = 100'000;
+
+    /// Keeps the newest `capacity` records. Both must outlive the log; `mirror` may be null.
+    [[nodiscard]] static Result<std::unique_ptr<TransactionLog>> open(Database& database, LogFile* mirror,
+                                                                      std::int64_t capacity = DefaultCapacity);
+    /// Writes what has not been written yet.
+    ~TransactionLog() override;
+
+    void initializeWithLog(const SystemLogPtr& log) noexcept override;
+    void logStep_byParty_phase_success_forBundleID_description(TransactionStep step, TransactionParty party,
+                                                               TransactionPhase phase, bool success,
+                                                               std::string_view bundleID,
+                                                               std::string_view description) noexcept override;
+    void logScenario_step_success_forBundleID_description(std::string_view scenario, TransactionStep step, bool success,
+                                                          std::string_view bundleID,
+                                                          std::string_view description) noexcept override;
+
+    /// All records, oldest first, those of one app if a bundle identifier is given; until `visit` answers false.
+    [[nodiscard]] Result<void> visit(const std::function<bool(const TransactionRecord&)>& visit,
+                                     std::optional<std::string_view> bundleID = std::nullopt);
+    [[nodiscard]] Result<std::vector<TransactionRecord>>
+    records(std::optional<std::string_view> bundleID = std::nullopt);
+    /// Returns when everything logged before is in the database, or with the reason why it cannot be written; then it
+    /// is tried again with the next record.
+    [[nodiscard]] Result<void> flush();
+
+  private:
+    TransactionLog(Database& database, LogFile* mirror, std::int64_t capacity);
+
+    void _append(TransactionRecord record);
+    void _writeInBackground();
+    [[nodiscard]] Result<void> _write(const std::vector<TransactionRecord>& records);
+    [[nodiscard]] Result<std::vector<TransactionRecord>> _page(std::int64_t after,
+                                                               std::optional<std::string_view> bundleID);
+
+    Database& _database;
+    LogFile* const _mirror;
+    const std::int64_t _capacity;
+    std::mutex _writing; // held while records are on their way, so that they stay in order
+    std::mutex _mutex;   // guards everything below
+    std::condition_variable _changed;
+    SystemLogPtr _log;
+    std::vector<TransactionRecord> _waiting;
+    bool _stopped = false;
+    std::thread _writer;
+};
+
+} // namespace appsync::device
