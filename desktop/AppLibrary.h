@@ -1,0 +1,27 @@
+// A folder of app archives.
+#pragma once
+
+#include "desktop/AppArchive.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace appsync::desktop {
+
+struct AppLibrary {
+    /// The apps by file name. Of several archives of one app, the first.
+    std::vector<AppArchive> apps;
+    /// One sentence for each file that was passed over, and why.
+    std::vector<std::string> problems;
+
+    [[nodiscard]] const AppArchive* find(std::string_view identifier) const;
+};
+
+/// Reads every file of the folder (not of folders in it) whose name does not begin with a dot. Nothing, and the reason
+/// in `error`, when the folder cannot be read.
+[[nodiscard]] std::optional<AppLibrary> readAppLibrary(const std::string& folder,
+                                                       PropertyListSerialization& propertyLists, ErrorPtr* error);
+
+} // namespace appsync::desktop

@@ -1,0 +1,86 @@
+#include "desktop/Staging.h"
+
+#include "platform/FileSystem.h"
+#include "platform/PropertyListSerialization.h"
+
+#include <algorithm>
+#include <set>
+
+namespace appsync::desktop {
+
+namespace {
+
+const std::string stagingArea = "/var/mobile/Media/PublicStaging/ApplicationSync";
+// Written aside and moved into place whole, so that a sync never finds half of it.
+const std::string unfinished = "/var/mobile/Media/PublicStaging/.ApplicationSync.unfinished";
+
+bool put(FileSystem& device, const std::string& path, const Data& bytes, ErrorPtr* error) {
+    if (device.createFile(path, bytes.bytes(), {})) {
+        return true;
+    }
+    *error = desktopError("The device does not take '" + path + "'. Is its disk full?", path);
+    return false;
+}
+
+bool putList(FileSystem& device, PropertyListSerialization& propertyLists, const std::string& path, const Array& list,
+             ErrorPtr* error) {
+    const auto bytes = propertyLists.dataWithPropertyList(list, PropertyListFormat::binary, error);
+    return bytes && put(device, path, *bytes, error);
+}
+
+bool putApp(FileSystem& device, const AppArchive& app, ErrorPtr* error) {
+    const std::string folder = unfinished + "/" + app.identifier + "/";
+    if (!device.createDirectory(folder.substr(0, folder.size() - 1), false, std::nullopt, error) ||
+        !put(device, folder + "Info.plist", app.infoPlist, error)) {
+        return false;
+    }
+    return (!app.metadata || put(device, folder + "TamblinMetadata.plist", *app.metadata, error)) &&
+           (!app.artwork || put(device, folder + "TamblinArtwork", *app.artwork, error)) &&
+           (!app.icon || put(device, folder + *app.iconName, *app.icon, error));
+}
+
+} // namespace
+
+Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list) {
+    const std::set<std::string> removed(list.removals.begin(), list.removals.end());
+    std::set<std::string> placed;
+    Array pages;
+    Array page;
+    const auto place = [&](const std::string& identifier) {
+        if (removed.contains(identifier) || !placed.insert(identifier).second) {
+            return;
+        }
+        page.emplace_back(identifier);
+        if (page.size() == IconsPerPage) {
+            pages.emplace_back(std::move(page));
+            page = {};
+        }
+    };
+    std::ranges::for_each(onDevice, place);
+    for (const AppArchive* app : list.installs) {
+        place(app->identifier);
+    }
+    if (!page.empty()) {
+        pages.emplace_back(std::move(page));
+    }
+    return pages;
+}
+
+bool writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, const SyncList& list,
+                      const Array& layout, ErrorPtr* error) {
+    device.removeItem(unfinished, nullptr);
+    const auto write = [&] {
+        return device.createDirectory(unfinished, true, std::nullopt, error) &&
+               putList(device, propertyLists, unfinished + "/ApplicationsSync.plist", toDoRecords(list), error) &&
+               putList(device, propertyLists, unfinished + "/SkellanIconState.plist", layout, error) &&
+               std::ranges::all_of(list.installs, [&](const AppArchive* app) { return putApp(device, *app, error); });
+    };
+    if (!write()) {
+        device.removeItem(unfinished, nullptr);
+        return false;
+    }
+    device.removeItem(stagingArea, nullptr);
+    return device.moveItem(unfinished, stagingArea, error);
+}
+
+} // namespace appsync::desktop
