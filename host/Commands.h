@@ -1,0 +1,65 @@
+// What `qrd` can do: one function a command, each answering with its exit code after telling the person.
+#pragma once
+
+#include "host/ExitCode.h"
+
+#include <string>
+#include <vector>
+
+namespace appsync::host {
+
+struct DeviceCreateArguments {
+    std::string device = {};
+    bool noCoordination = false;
+    bool forbidInstall = false;
+    bool forbidRemoval = false;
+};
+[[nodiscard]] ExitCode createDevice(const DeviceCreateArguments& arguments);
+
+struct SyncArguments {
+    std::string device = {};
+    std::string library = {};
+    std::vector<std::string> install = {}; // bundle identifiers; none means everything that the device lacks
+    std::vector<std::string> remove = {};
+    std::string plugin = {}; // empty: the bundle beside the program
+    bool dryRun = false;
+    bool json = false;
+};
+[[nodiscard]] ExitCode sync(const SyncArguments& arguments);
+
+struct AppsArguments {
+    std::string device = {};
+    bool json = false;
+};
+[[nodiscard]] ExitCode listApps(const AppsArguments& arguments);
+
+struct LogArguments {
+    std::string device = {};
+    std::string app = {}; // empty: of all apps
+    bool transactions = false;
+    bool json = false;
+};
+[[nodiscard]] ExitCode showLog(const LogArguments& arguments);
+
+struct ScreenArguments {
+    std::string device = {};
+    std::string output = {};
+};
+[[nodiscard]] ExitCode drawScreen(const ScreenArguments& arguments);
+
+struct PackArguments {
+    std::string app = {};
+    std::string output = {};
+};
+[[nodiscard]] ExitCode pack(const PackArguments& arguments);
+
+struct PlistArguments {
+    std::string file = {};
+    std::string output = {}; // convert: empty means in place
+    bool toXml = false;      // convert: otherwise to binary
+};
+[[nodiscard]] ExitCode printPlist(const PlistArguments& arguments);
+[[nodiscard]] ExitCode convertPlist(const PlistArguments& arguments);
+[[nodiscard]] ExitCode checkPlist(const PlistArguments& arguments);
+
+} // namespace appsync::host

@@ -1,0 +1,16 @@
+// What `qrd` answers to the shell.
+#pragma once
+
+namespace appsync::host {
+
+enum class ExitCode : int {
+    done = 0,
+    someAppFailed = 1,
+    wrongUse = 2,
+    deviceInUse = 3,    // try again later
+    deviceUnusable = 4, // the device root cannot be used
+    failed = 5,         // anything else, such as an output that cannot be written
+    interrupted = 130,  // by Ctrl-C
+};
+
+} // namespace appsync::host

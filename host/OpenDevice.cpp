@@ -1,0 +1,29 @@
+#include "host/OpenDevice.h"
+
+#include "device/Device.h"
+#include "host/SyncReport.h"
+
+#include <iostream>
+
+namespace appsync::host {
+
+std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code) {
+    auto opened = device::Device::open(folder);
+    if (!opened) {
+        *code = fail(reasonOf(opened.error()), exitCodeOf(opened.error()));
+        return nullptr;
+    }
+    return std::move(*opened);
+}
+
+ExitCode exitCodeOf(const ErrorPtr& error) {
+    return device::isError(error, device::RootErrorDomain, device::RootError::inUse) ? ExitCode::deviceInUse
+                                                                                     : ExitCode::deviceUnusable;
+}
+
+ExitCode fail(const std::string& sentence, ExitCode code) {
+    std::cerr << "qrd: " << sentence << '\n';
+    return code;
+}
+
+} // namespace appsync::host

@@ -1,0 +1,48 @@
+// A plug-in bundle: a folder with an "Info.plist" that names the shared object beside it.
+#pragma once
+
+#include "platform/Error.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace appsync {
+class PropertyListSerialization;
+class QRClient;
+struct Platform;
+} // namespace appsync
+
+namespace appsync::host {
+
+/// Domain of the host's own errors; the description says what, where and what to do.
+inline constexpr std::string_view HostErrorDomain = "SyncHost";
+
+/// A loaded bundle; its clients must go before it does.
+class PlugIn {
+  public:
+    /// Nothing, and the reason in `error`, when the bundle cannot be loaded.
+    [[nodiscard]] static std::optional<PlugIn> load(const std::string& bundlePath,
+                                                    PropertyListSerialization& propertyLists, ErrorPtr* error);
+    /// The bundle that is delivered beside this program.
+    [[nodiscard]] static std::string defaultPath();
+
+    [[nodiscard]] const std::string& identifier() const noexcept { return _identifier; }
+    /// A new client; null when the plug-in could not make one.
+    [[nodiscard]] std::unique_ptr<QRClient> createClient(const Platform& platform) const;
+
+  private:
+    struct Unload {
+        void operator()(void* handle) const;
+    };
+    PlugIn(std::string identifier, std::unique_ptr<void, Unload> handle, void* create);
+
+    std::string _identifier;
+    std::unique_ptr<void, Unload> _handle;
+    void* _create;
+};
+
+/// An error of `HostErrorDomain` with its sentence.
+[[nodiscard]] ErrorPtr hostError(std::string description, std::string_view path = {});
+
+} // namespace appsync::host

@@ -1,0 +1,21 @@
+// One sync from its list to its report.
+#pragma once
+
+#include "desktop/SyncList.h"
+#include "host/SyncReport.h"
+#include "host/SyncView.h"
+
+#include <string>
+
+namespace appsync::device {
+class Device;
+}
+
+namespace appsync::host {
+
+/// Writes the staging area as the desktop would, loads the plug-in from its bundle, announces that the host is ready,
+/// and lets a session drive the sync. What prevents all of it stands in the report's `failure`.
+[[nodiscard]] SyncReport runSync(device::Device& device, const desktop::SyncList& list, const std::string& plugInPath,
+                                 SyncView& view);
+
+} // namespace appsync::host

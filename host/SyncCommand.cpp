@@ -1,0 +1,92 @@
+// `qrd sync`: what the person asked for becomes a sync list, and its report becomes text and an exit code.
+#include "desktop/SyncList.h"
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "host/Commands.h"
+#include "host/Interrupt.h"
+#include "host/OpenDevice.h"
+#include "host/PlugIn.h"
+#include "host/RunSync.h"
+#include "host/Table.h"
+
+#include <unistd.h>
+
+#include <iostream>
+
+namespace appsync::host {
+
+namespace {
+
+std::vector<desktop::InstalledApp> installedApps(const device::Registry& registry) {
+    std::vector<desktop::InstalledApp> installed;
+    for (const device::Application& app : registry.applications()) {
+        if (app.isInstalled) {
+            installed.push_back({app.identifier, app.version});
+        }
+    }
+    return installed;
+}
+
+void showPlan(const desktop::SyncList& list) {
+    for (const std::string& identifier : list.removals) {
+        std::cout << "would remove  " << identifier << '\n';
+    }
+    for (const desktop::AppArchive* app : list.installs) {
+        std::cout << "would install " << app->identifier << " " << app->version.value_or("-") << " ("
+                  << sizeText(app->size) << ")\n";
+    }
+    if (list.removals.empty() && list.installs.empty()) {
+        std::cout << "nothing to do\n";
+    }
+    for (const std::string& problem : list.problems) {
+        std::cout << "note: " << problem << '\n';
+    }
+}
+
+ExitCode exitCodeOf(const SyncReport& report) {
+    if (report.failure != nullptr) {
+        return ExitCode::failed;
+    }
+    return report.interrupted ? ExitCode::interrupted : report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
+}
+
+} // namespace
+
+ExitCode sync(const SyncArguments& arguments) {
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    device->coordinator().waitUntilIdle(); // what an interrupted sync left to install is installed first
+    ErrorPtr error;
+    const auto library = desktop::readAppLibrary(arguments.library, device->propertyLists(), &error);
+    if (!library) {
+        return fail(reasonOf(error), ExitCode::wrongUse);
+    }
+    auto list =
+        desktop::makeSyncList(*library, installedApps(device->registry()), {arguments.install, arguments.remove});
+    list.problems.insert(list.problems.begin(), library->problems.begin(), library->problems.end());
+    if (arguments.dryRun) {
+        showPlan(list);
+        return ExitCode::done;
+    }
+    const Interrupt interrupt;
+    SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(STDOUT_FILENO));
+    const SyncReport report =
+        runSync(*device, list, arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin, view);
+    if (arguments.json) {
+        printJson(std::cout, report);
+    } else if (report.failure == nullptr) {
+        printTable(std::cout, report);
+    }
+    if (report.failure != nullptr) {
+        fail(reasonOf(report.failure));
+    }
+    if (report.interrupted) {
+        std::cerr << "qrd: interrupted; sync again to go on\n";
+    }
+    return exitCodeOf(report);
+}
+
+} // namespace appsync::host

@@ -1,0 +1,33 @@
+// Fetches one archive from the desktop into the device's public staging area.
+#pragma once
+
+#include "platform/Error.h"
+
+#include <functional>
+#include <string>
+
+namespace appsync::device {
+class DeviceFileSystem;
+}
+
+namespace appsync::host {
+
+/// The folder of received files, relative to the public staging area.
+inline constexpr std::string_view ReceivedFolder = "Received";
+
+struct TransferRequest {
+    std::string archivePath; // on the desktop's machine
+    std::string identifier;
+    /// Called after each piece; `fraction` is 0 to 1.
+    std::function<void(double fraction)> progress;
+    /// Asked before each piece: an error ends the transfer with it, null goes on.
+    std::function<ErrorPtr()> stopReason;
+};
+
+/// The received file's path relative to the public staging area.
+[[nodiscard]] std::string receivedPath(const std::string& identifier);
+
+/// Null when the file stands at `receivedPath`, whole; otherwise the reason, and nothing of the file is left.
+[[nodiscard]] ErrorPtr transfer(device::DeviceFileSystem& files, const TransferRequest& request);
+
+} // namespace appsync::host

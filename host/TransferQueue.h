@@ -1,0 +1,78 @@
+// The assets that a sync still has to fetch, in their order, and what a person does to them meanwhile.
+#pragma once
+
+#include "platform/Asset.h"
+#include "platform/SyncHost.h"
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace appsync::host {
+
+/// Codes of the errors with which the host ends a transfer, in `HostTransferErrorDomain`.
+inline constexpr std::string_view HostTransferErrorDomain = "SyncHostTransfer";
+enum class TransferError : int {
+    interrupted = 1,     // the sync was ended; a later one goes on
+    cancelledByUser = 2, // on the device
+    noSpace = 3,         // the device is full; a later sync goes on when there is room
+    sourceFailed = 4,    // the desktop cannot deliver the archive
+    deviceFailed = 5,    // the device cannot take it
+};
+
+/// Any thread.
+class TransferQueue {
+  public:
+    explicit TransferQueue(std::vector<QRAssetPtr> assets) : _waiting(assets.begin(), assets.end()) {}
+
+    /// The next asset to fetch, which is then under way; null when there is none.
+    [[nodiscard]] QRAssetPtr next();
+    /// Moves a waiting asset to the front. False when it does not wait.
+    bool prioritize(std::string_view identifier);
+    /// Marks an asset as cancelled, be it waiting or under way. False when it is neither.
+    bool cancel(std::string_view identifier);
+    [[nodiscard]] bool isCancelled(std::string_view identifier) const;
+
+  private:
+    mutable std::mutex _mutex;
+    std::deque<QRAssetPtr> _waiting;
+    std::string _underWay; // identifier, empty when none is
+    std::set<std::string, std::less<>> _cancelled;
+};
+
+/// The host's device service: passes requests on to the queue of the sync that runs. Any thread.
+class DeviceService final : public QRDeviceService, public QRDeviceServiceClass {
+  public:
+    /// The queue that requests go to from now on; null when no sync runs.
+    void setQueue(std::shared_ptr<TransferQueue> queue);
+
+    [[nodiscard]] std::shared_ptr<QRDeviceService> sharedInstance() noexcept override;
+    [[nodiscard]] bool respondsToPrioritizeAsset() noexcept override { return true; }
+    /// Completes before it returns.
+    void prioritizeAsset_withCompletion(const QRAssetPtr& asset,
+                                        std::function<void(const ErrorPtr&)> completion) noexcept override;
+    [[nodiscard]] bool respondsToCancelAssetTransferForFailedAsset() noexcept override { return true; }
+    void cancelAssetTransferForFailedAsset(const QRAssetPtr& asset) noexcept override;
+
+  private:
+    [[nodiscard]] std::shared_ptr<TransferQueue> _currentQueue();
+
+    std::mutex _mutex;
+    std::shared_ptr<TransferQueue> _queue;
+};
+
+/// Which errors a later sync may get past: those of an ended sync and of a full disk.
+class ErrorClassification final : public QRErrorClassification {
+  public:
+    [[nodiscard]] bool QRIsRecoverableError(const ErrorPtr& error) noexcept override;
+};
+
+/// An error of `HostTransferErrorDomain` with its sentence.
+[[nodiscard]] ErrorPtr transferError(TransferError code, std::string description);
+
+} // namespace appsync::host

@@ -1,0 +1,131 @@
+// The command line of `qrd`.
+#include "host/Commands.h"
+#include "propertylist/ListMemory.h"
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <iostream>
+
+using namespace appsync::host;
+
+namespace {
+
+/// Collects the commands and remembers which one was asked for.
+class CommandLine {
+  public:
+    CommandLine()
+        : _app("Syncs applications to a device.\n\nA device is a folder; a library is a folder of app archives.") {
+        _app.name("qrd");
+        _app.require_subcommand(1);
+        _addDevice();
+        _addSync();
+        _addQuestions();
+        _addTools();
+        _app.footer("Exit codes: 0 all done, 1 some app failed, 2 wrong use, 3 the device is in use (try again), "
+                    "4 the device root cannot be used, 5 anything else, 130 interrupted.");
+    }
+
+    int run(int count, char** words) {
+        try {
+            _app.parse(count, words);
+        } catch (const CLI::ParseError& problem) {
+            const int status = _app.exit(problem);
+            return status == 0 ? 0 : static_cast<int>(ExitCode::wrongUse);
+        }
+        return static_cast<int>(_chosen());
+    }
+
+  private:
+    template <class Arguments>
+    void _choose(CLI::App* command, Arguments& arguments, ExitCode (*perform)(const Arguments&)) {
+        command->callback(
+            [this, &arguments, perform] { _chosen = [&arguments, perform] { return perform(arguments); }; });
+    }
+
+    void _addDevice() {
+        auto* device = _app.add_subcommand("device", "Make a device")->require_subcommand(1);
+        auto* create = device->add_subcommand("create", "Make a folder into a new device");
+        create->add_option("DIR", _create.device, "The folder; it must be empty or not exist")->required();
+        create->add_flag("--no-coordination", _create.noCoordination,
+                         "Without the install coordinator: the plug-in installs by itself");
+        create->add_flag("--forbid-install", _create.forbidInstall, "Policy: no app may be installed");
+        create->add_flag("--forbid-removal", _create.forbidRemoval, "Policy: no app may be removed");
+        _choose(create, _create, createDevice);
+    }
+
+    void _addSync() {
+        auto* command = _app.add_subcommand("sync", "Bring a library's apps to a device");
+        command->add_option("DIR", _sync.device, "The device")->required();
+        command->add_option("--library", _sync.library, "The folder of app archives")->required();
+        command->add_option("--install", _sync.install,
+                            "Install this app only (bundle identifier; may be repeated). Without it, every app that "
+                            "the device lacks or has in another version");
+        command->add_option("--remove", _sync.remove, "Remove this app (bundle identifier; may be repeated)");
+        command->add_flag("--dry-run", _sync.dryRun, "Say what would be done, and do nothing");
+        command->add_flag("--json", _sync.json, "Print the result as JSON");
+        command->add_option("--plugin", _sync.plugin, "The plug-in bundle, instead of the one beside this program");
+        _choose(command, _sync, sync);
+    }
+
+    void _addQuestions() {
+        auto* apps = _app.add_subcommand("apps", "List the apps of a device");
+        apps->add_option("DIR", _apps.device, "The device")->required();
+        apps->add_flag("--json", _apps.json, "Print JSON");
+        _choose(apps, _apps, listApps);
+
+        auto* log = _app.add_subcommand("log", "Show what a device has logged");
+        log->add_option("DIR", _log.device, "The device")->required();
+        log->add_flag("--transactions", _log.transactions, "The install transaction log instead of the messages");
+        log->add_option("--app", _log.app, "With --transactions: only those of this app (bundle identifier)");
+        log->add_flag("--json", _log.json, "Print JSON, one object a line");
+        _choose(log, _log, showLog);
+
+        auto* screen = _app.add_subcommand("screen", "Draw a device's home screen");
+        screen->add_option("DIR", _screen.device, "The device")->required();
+        screen->add_option("-o,--output", _screen.output, "The PNG file to write")->required();
+        _choose(screen, _screen, drawScreen);
+    }
+
+    void _addTools() {
+        auto* packing = _app.add_subcommand("pack", "Make an app archive of a folder");
+        packing->add_option("APPDIR", _pack.app, "A folder <Name>.app, or one that holds it")->required();
+        packing->add_option("-o,--output", _pack.output, "The archive to write")->required();
+        _choose(packing, _pack, pack);
+
+        auto* plist = _app.add_subcommand("plist", "Look at and convert property lists")->require_subcommand(1);
+        auto* print = plist->add_subcommand("print", "Print a property list as XML");
+        print->add_option("FILE", _plist.file, "The property list")->required();
+        _choose(print, _plist, printPlist);
+        auto* convert = plist->add_subcommand("convert", "Convert a property list to binary, or with --xml to XML");
+        convert->add_option("FILE", _plist.file, "The property list")->required();
+        convert->add_option("-o,--output", _plist.output, "The file to write, instead of FILE itself");
+        convert->add_flag("--xml", _plist.toXml, "To XML");
+        _choose(convert, _plist, convertPlist);
+        auto* check = plist->add_subcommand("check", "Say whether a file is a property list, and if not, why");
+        check->add_option("FILE", _plist.file, "The file")->required();
+        _choose(check, _plist, checkPlist);
+    }
+
+    CLI::App _app;
+    std::function<ExitCode()> _chosen;
+    DeviceCreateArguments _create;
+    SyncArguments _sync;
+    AppsArguments _apps;
+    LogArguments _log;
+    ScreenArguments _screen;
+    PackArguments _pack;
+    PlistArguments _plist;
+};
+
+} // namespace
+
+int main(int count, char** words) {
+    appsync::keepListMemory(); // each step of a sync reads and writes the whole to-do list
+    try {
+        return CommandLine().run(count, words);
+    } catch (const std::exception& failure) {
+        std::cerr << "qrd: " << failure.what() << '\n';
+        return static_cast<int>(ExitCode::failed);
+    }
+}
