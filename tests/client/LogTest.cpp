@@ -1,0 +1,129 @@
+// How messages are rendered and handed to the host.
+#include "client/Log.h"
+#include "platform/InstallCoordinator.h"
+#include "tests/inmemory/World.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <set>
+#include <vector>
+
+namespace appsync {
+namespace {
+
+/// Keeps what the plug-in hands over, as it is.
+class Sink final : public HostLog {
+  public:
+    bool isEnabled(QRLogCategory category, LogLevel level) noexcept override {
+        questions.emplace_back(category, level);
+        return enabled;
+    }
+    void write(QRLogCategory category, LogLevel level, std::string_view format,
+               std::string_view text) noexcept override {
+        messages.push_back({category, level, std::string(format), std::string(text)});
+    }
+    struct Message {
+        QRLogCategory category;
+        LogLevel level;
+        std::string format;
+        std::string text;
+    };
+    bool enabled = true;
+    std::vector<std::pair<QRLogCategory, LogLevel>> questions;
+    std::vector<Message> messages;
+};
+
+class PlugInMessages : public testing::Test {
+  protected:
+    template <class... Arguments>
+    std::string render(LogFormat<std::type_identity_t<Arguments>...> format, const Arguments&... arguments) {
+        log.message(format, arguments...);
+        const std::string text = sink.messages.back().text;
+        const std::string prefix = "com.zuvex.tzl.Quorrel.AppSync|";
+        EXPECT_TRUE(text.starts_with(prefix));
+        return text.substr(prefix.size());
+    }
+    Sink sink;
+    PlugInLog log{sink};
+};
+
+TEST_F(PlugInMessages, CarryTheirFormatCategoryAndLevel) {
+    log.message("a %{public}@", "b");
+    log.error("plain");
+    log.oversize("c");
+    log.typeCheck("unexpected type for %{public}@", "label");
+    ASSERT_EQ(sink.messages.size(), 4u);
+    EXPECT_EQ(sink.messages[0].category, QRLogCategorySyncBundle);
+    EXPECT_EQ(sink.messages[0].level, LogLevel::standard);
+    EXPECT_EQ(sink.messages[0].format, "%s|a %{public}@");
+    EXPECT_EQ(sink.messages[0].text, "com.zuvex.tzl.Quorrel.AppSync|a b");
+    EXPECT_EQ(sink.messages[1].level, LogLevel::error);
+    EXPECT_EQ(sink.messages[1].category, QRLogCategorySyncBundle);
+    EXPECT_EQ(sink.messages[2].category, QRLogCategorySyncBundle_Oversize);
+    EXPECT_EQ(sink.messages[2].level, LogLevel::standard);
+    EXPECT_EQ(sink.messages[3].category, QRLogCategoryFramework);
+    EXPECT_EQ(sink.messages[3].level, LogLevel::error);
+    EXPECT_EQ(sink.messages[3].format, "unexpected type for %{public}@");
+    EXPECT_EQ(sink.messages[3].text, "unexpected type for label");
+}
+
+/// Describes itself, and tells that it was asked to.
+struct Witness {
+    [[nodiscard]] std::string description() const {
+        ++*asked;
+        return "witness";
+    }
+    int* asked;
+};
+
+TEST_F(PlugInMessages, CostNoRenderingWhenNobodyReadsThem) {
+    int asked = 0;
+    sink.enabled = false;
+    log.message("%{public}@", Witness{&asked});
+    EXPECT_EQ(asked, 0);
+    EXPECT_TRUE(sink.messages.empty());
+    EXPECT_EQ(sink.questions.size(), 1u);
+    sink.enabled = true;
+    log.message("%{public}@", Witness{&asked});
+    EXPECT_EQ(asked, 1);
+}
+
+TEST_F(PlugInMessages, PrintNumbersAndCharacters) {
+    EXPECT_EQ(render("%d %d %d", 1, true, std::uint8_t{200}), "1 1 200");
+    EXPECT_EQ(render("%lu %llu", std::uint64_t{7}, std::numeric_limits<std::uint64_t>::max()),
+              "7 18446744073709551615");
+    EXPECT_EQ(render("%ld %lld", std::int64_t{-7}, std::numeric_limits<std::int64_t>::min()),
+              "-7 -9223372036854775808");
+    EXPECT_EQ(render("%c|%s|", 'y', "text"), "y|text|");
+    EXPECT_EQ(render("%f %lf", 0.5, 1e300).substr(0, 12), "0.500000 100");
+    EXPECT_EQ(render("%s", std::string("own")), "own");
+}
+
+TEST_F(PlugInMessages, PrintObjectsOnOneLine) {
+    EXPECT_EQ(render("%{public}@", std::string("text")), "text");
+    EXPECT_EQ(render("%{public}@", std::optional<std::string>()), "(null)");
+    EXPECT_EQ(render("%{public}@", std::optional<std::string>("here")), "here");
+    EXPECT_EQ(render("%{public}@", ErrorPtr()), "(null)");
+    EXPECT_EQ(render("%{public}@", Error::make("D", -3, {{"k", "v"}})), "D -3 {k = v;}");
+    EXPECT_EQ(render("%{public}@", Error::make("D", 1)), "D 1");
+    EXPECT_EQ(render("%{public}@", Array{"a", 1, Array{}}), "(a, 1, ())");
+    EXPECT_EQ(render("%{public}@", Dictionary{{"k", true}, {"d", Data("abc")}}), "{k = 1; d = <3 bytes>;}");
+    EXPECT_EQ(render("%{public}@", Value()), "(null)");
+    const Value value = "v";
+    EXPECT_EQ(render("%{public}@", &value), "v");
+    EXPECT_EQ(render("%{public}@", static_cast<const Value*>(nullptr)), "(null)");
+    EXPECT_EQ(render("%{public}@", std::vector<std::string>{"a", "b"}), "(a, b)");
+    EXPECT_EQ(render("%{public}@", std::set<std::string>{"b", "a"}), "(a, b)");
+    EXPECT_EQ(render("%{public}@", FileURL::fileURLWithPath("/d", true)), "file:///d/");
+    EXPECT_EQ(render("%{public}@", KXPlaceholderPtr()), "(null)");
+    EXPECT_EQ(render("%{public}@", KXPlaceholderAttributes::init()),
+              "<launchProhibited=0 bundleVersion=(null) infoPlist=(null)>");
+}
+
+TEST_F(PlugInMessages, KeepPercentSignsOfArguments) {
+    EXPECT_EQ(render("a %{public}@ b %d", std::string("%d %{public}@"), 5), "a %d %{public}@ b 5");
+}
+
+} // namespace
+} // namespace appsync

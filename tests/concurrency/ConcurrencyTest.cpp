@@ -1,0 +1,140 @@
+// The small concurrency pieces.
+#include "concurrency/Group.h"
+#include "concurrency/OperationQueue.h"
+#include "concurrency/Semaphore.h"
+#include "concurrency/SerialQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <latch>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace appsync {
+namespace {
+
+TEST(Semaphore, GivesWhatWasSignalled) {
+    Semaphore semaphore;
+    semaphore.signal();
+    EXPECT_TRUE(semaphore.wait());
+    EXPECT_FALSE(semaphore.wait(std::chrono::milliseconds(0)));
+}
+
+TEST(Semaphore, BeginsWithItsCount) {
+    Semaphore semaphore(2);
+    EXPECT_TRUE(semaphore.wait(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(semaphore.wait(std::chrono::milliseconds(0)));
+    EXPECT_FALSE(semaphore.wait(std::chrono::milliseconds(0)));
+}
+
+TEST(Semaphore, WakesAWaiterOnAnotherThread) {
+    Semaphore asked;
+    Semaphore answered;
+    std::jthread other([&] {
+        asked.wait();
+        answered.signal();
+    });
+    asked.signal();
+    EXPECT_TRUE(answered.wait());
+}
+
+TEST(Group, WaitsForEveryEntry) {
+    Group group;
+    group.wait();
+    std::atomic<int> ended = 0;
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+        group.enter();
+        threads.emplace_back([&] {
+            ++ended;
+            group.leave();
+        });
+    }
+    group.wait();
+    EXPECT_EQ(ended, 4);
+    EXPECT_EQ(group.count(), 0u);
+}
+
+TEST(SerialQueue, RunsOneTaskAtATime) {
+    SerialQueue queue("label");
+    int sum = 0;
+    {
+        std::vector<std::jthread> threads;
+        for (int thread = 0; thread < 4; ++thread) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 1000; ++i) {
+                    queue.sync([&] { ++sum; });
+                }
+            });
+        }
+    }
+    EXPECT_EQ(queue.sync([&] { return sum; }), 4000);
+    EXPECT_EQ(queue.label(), "label");
+}
+
+TEST(OperationQueue, RunsAtMostItsLimitAtOnce) {
+    constexpr int limit = 3;
+    std::atomic<int> running = 0;
+    std::atomic<int> most = 0;
+    std::latch allRun(limit);
+    Group group;
+    OperationQueue queue(limit);
+    for (int i = 0; i < 20; ++i) {
+        group.enter();
+        queue.addOperation([&, i] {
+            const int now = ++running;
+            int seen = most;
+            while (now > seen && !most.compare_exchange_weak(seen, now)) {
+            }
+            if (i < limit) {
+                allRun.arrive_and_wait(); // passes only when the first three run at the same time
+            }
+            --running;
+            group.leave();
+        });
+    }
+    group.wait();
+    EXPECT_EQ(most, limit);
+}
+
+TEST(OperationQueue, BeginsOperationsInTheirOrder) {
+    std::vector<int> order;
+    Group group;
+    OperationQueue queue(1);
+    for (int i = 0; i < 10; ++i) {
+        group.enter();
+        queue.addOperation([&, i] {
+            order.push_back(i);
+            group.leave();
+        });
+    }
+    group.wait();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+}
+
+TEST(OperationQueue, StoppingWaitsForTheRunningAndDropsTheRest) {
+    Semaphore began;
+    Semaphore mayEnd;
+    std::atomic<bool> ended = false;
+    std::atomic<bool> secondRan = false;
+    OperationQueue queue(1);
+    queue.addOperation([&] {
+        began.signal();
+        mayEnd.wait();
+        ended = true;
+    });
+    // The running operation may end only when the waiting one has been dropped.
+    std::shared_ptr<void> releaser(nullptr, [&](void*) { mayEnd.signal(); });
+    queue.addOperation([&, held = std::move(releaser)] { secondRan = true; });
+    began.wait();
+    queue.stop();
+    EXPECT_TRUE(ended);
+    EXPECT_FALSE(secondRan);
+    EXPECT_FALSE(queue.addOperation([] {}));
+}
+
+} // namespace
+} // namespace appsync

@@ -1,0 +1,60 @@
+// Unpacks archives for tests into a folder of this machine.
+#pragma once
+
+#include "device/archive/Extraction.h"
+#include "device/archive/InstallerError.h"
+#include "device/root/Descriptor.h"
+#include "propertylist/Codec.h"
+
+#include "../root/Faults.h"
+#include "../root/TemporaryFolder.h"
+#include "ArchiveBuilder.h"
+
+#include <fcntl.h>
+
+namespace appsync::device {
+
+class ExtractionTest : public testing::Test {
+  protected:
+    static constexpr const char* identifier = "org.example.app";
+
+    /// Unpacks the bytes as an archive into a new folder.
+    Result<ExtractedApplication> extract(const std::string& archive) {
+        writeHostFile(folder / "app.zip", archive);
+        const Descriptor file(::open((folder / "app.zip").c_str(), O_RDONLY | O_CLOEXEC));
+        std::filesystem::remove_all(folder / "container");
+        std::filesystem::create_directory(folder / "container");
+        const Descriptor container(::open((folder / "container").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        request.archive = file.get();
+        return extractApplication(request, container.get(), limits, codec, faults.get());
+    }
+    /// The code with which an archive is refused; 0 when it is not.
+    std::int64_t refusalOf(const std::string& archive) {
+        const auto result = extract(archive);
+        if (result) {
+            return 0;
+        }
+        reason = errorText(result.error());
+        EXPECT_EQ(result.error()->domain(), TVInstallerErrorDomain);
+        EXPECT_EQ(result.error()->userInfo().string(ErrorPathKey), request.archivePath);
+        EXPECT_NE(reason.find(request.archivePath), std::string::npos) << reason;
+        return result.error()->code();
+    }
+    [[nodiscard]] std::string content(const std::string& path) const {
+        return readHostFile(folder / ("container/" + path));
+    }
+    [[nodiscard]] bool exists(const std::string& path) const {
+        return std::filesystem::exists(std::filesystem::symlink_status(folder / ("container/" + path)));
+    }
+    static ArchiveBuilder app() { return ArchiveBuilder().app("Name", identifier); }
+    static std::int64_t code(InstallerError error) { return static_cast<std::int64_t>(error); }
+
+    TemporaryFolder folder;
+    PropertyListCodec codec;
+    ArchiveLimits limits;
+    std::shared_ptr<RecordingFaults> faults = std::make_shared<RecordingFaults>();
+    ExtractionRequest request{-1, "/var/mobile/Media/app.zip", identifier, std::nullopt, {}, {}, true};
+    std::string reason;
+};
+
+} // namespace appsync::device

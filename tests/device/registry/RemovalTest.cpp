@@ -1,0 +1,216 @@
+#include "RegistryFixture.h"
+
+namespace appsync::device {
+namespace {
+
+class Removal : public RegistryTest {
+  protected:
+    Result<void> remove(RemovalReason reason, RemovalScope scope) {
+        return registry().uninstall(identifier, reason, scope);
+    }
+    void makeData() {
+        const std::string data = "/var/mobile/Containers/Data/Application/" + std::string(identifier) + "/Documents";
+        ASSERT_TRUE(files().createDirectory(data, true, std::nullopt, nullptr));
+        ASSERT_TRUE(files().createFile(data + "/letter", "dear", {}));
+    }
+    bool hasData() { return files().fileExists(registry().application(identifier)->dataContainerPath); }
+    std::vector<std::string> dataContainers() { return *files().list("/var/mobile/Containers/Data/Application"); }
+};
+
+TEST_F(Removal, TakesTheAppItsContainerAndItsData) {
+    ASSERT_TRUE(install());
+    makeData();
+    EXPECT_TRUE(hasData());
+    const auto removed = remove(RemovalReason::sync, RemovalScope::everything);
+    ASSERT_TRUE(removed) << errorText(removed.error());
+    EXPECT_FALSE(registry().application(identifier));
+    EXPECT_EQ(containers(), std::vector<std::string>());
+    EXPECT_EQ(dataContainers(), std::vector<std::string>());
+    open();
+    EXPECT_FALSE(registry().application(identifier));
+}
+
+TEST_F(Removal, OfNothingSaysSo) {
+    const auto failed = remove(RemovalReason::sync, RemovalScope::everything);
+    ASSERT_FALSE(failed);
+    EXPECT_EQ(failed.error()->code(), code(InstallerError::nothingToRemove));
+    EXPECT_EQ(errorText(failed.error()), "cannot remove org.example.app: the device has no such app");
+    ASSERT_TRUE(install());
+    EXPECT_EQ(errorText(remove(RemovalReason::sync, RemovalScope::placeholderOnly).error()),
+              "cannot remove org.example.app: the device has no placeholder of it");
+    EXPECT_TRUE(registry().isInstalled(identifier));
+}
+
+TEST_F(Removal, OfAPlaceholderKeepsTheInstalledVersionAndItsData) {
+    for (const RemovalScope scope : {RemovalScope::placeholderOnly, RemovalScope::placeholderElseApp}) {
+        ASSERT_TRUE(install());
+        makeData();
+        ASSERT_TRUE(registry().installPlaceholder(placeholder()));
+        ASSERT_TRUE(remove(RemovalReason::sync, scope));
+        EXPECT_TRUE(registry().isInstalled(identifier));
+        EXPECT_FALSE(registry().hasPlaceholder(identifier));
+        EXPECT_TRUE(hasData());
+        EXPECT_EQ(containers().size(), 1U);
+    }
+}
+
+TEST_F(Removal, OfThePlaceholderElseTheAppTakesTheAppWhenThereIsNoPlaceholder) {
+    ASSERT_TRUE(install());
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::placeholderElseApp));
+    EXPECT_FALSE(registry().application(identifier));
+}
+
+TEST_F(Removal, OfEverythingTakesBoth) {
+    ASSERT_TRUE(install());
+    ASSERT_TRUE(registry().installPlaceholder(placeholder()));
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
+    EXPECT_FALSE(registry().application(identifier));
+    EXPECT_EQ(containers(), std::vector<std::string>());
+}
+
+TEST_F(Removal, OfAPlaceholderWithoutAnAppTakesItsData) {
+    ASSERT_TRUE(registry().installPlaceholder(placeholder(identifier, PDInstallTypeIntentionalDowngrade)));
+    makeData();
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::placeholderOnly));
+    EXPECT_EQ(dataContainers(), std::vector<std::string>());
+}
+
+TEST_F(Removal, ByAPersonIsRememberedForTheDesktop) {
+    ASSERT_TRUE(install());
+    ASSERT_TRUE(remove(RemovalReason::person, RemovalScope::everything));
+    ASSERT_TRUE(removedApps());
+    EXPECT_EQ(removedApps()->size(), 1U);
+    EXPECT_TRUE(removedApps()->contains(identifier));
+    open();
+    EXPECT_TRUE(removedApps()->contains(identifier));
+}
+
+TEST_F(Removal, ByTheSyncIsNotRemembered) {
+    ASSERT_TRUE(install());
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
+    EXPECT_TRUE(removedApps()->empty());
+}
+
+TEST_F(Removal, OfAPlaceholderByAPersonIsNoDeletedApp) {
+    ASSERT_TRUE(registry().installPlaceholder(placeholder()));
+    ASSERT_TRUE(remove(RemovalReason::person, RemovalScope::everything));
+    EXPECT_TRUE(removedApps()->empty());
+}
+
+TEST_F(Removal, IsForgottenWhenTheAppComesBack) {
+    ASSERT_TRUE(install());
+    ASSERT_TRUE(remove(RemovalReason::person, RemovalScope::everything));
+    ASSERT_TRUE(install());
+    EXPECT_TRUE(removedApps()->empty());
+}
+
+TEST_F(Removal, IsDurableBeforeTheFirstFileGoes) {
+    ASSERT_TRUE(install());
+    faults->forget();
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
+    EXPECT_EQ(faults->operations().front(), "commit");
+    EXPECT_EQ(faults->operations()[1], "unlink");
+}
+
+TEST_F(Removal, ThatCannotBeRegisteredLeavesTheApp) {
+    ASSERT_TRUE(install());
+    faults->forget();
+    faults->failAt = 0;
+    faults->failure = EIO;
+    const auto failed = remove(RemovalReason::person, RemovalScope::everything);
+    faults->failAt = -1;
+    ASSERT_FALSE(failed);
+    EXPECT_EQ(failed.error()->code(), code(InstallerError::failed));
+    EXPECT_NE(errorText(failed.error()).find("cannot remove org.example.app: "), std::string::npos);
+    EXPECT_TRUE(registry().isInstalled(identifier));
+    EXPECT_EQ(content(registry().application(identifier)->bundlePath + "/Name"), "executable of org.example.app 1.0");
+    EXPECT_TRUE(removedApps()->empty());
+}
+
+TEST_F(Removal, WhoseFilesCannotGoIsFinishedWhenTheDeviceIsOpened) {
+    ASSERT_TRUE(install());
+    makeData();
+    faults->forget();
+    faults->failAt = 1; // the first file after the commit
+    faults->failure = EIO;
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
+    faults->failAt = -1;
+    EXPECT_EQ(containers().size(), 1U);
+    open();
+    const auto settled = registry().settle();
+    ASSERT_TRUE(settled);
+    EXPECT_EQ(settled->removedFolders, 1U);
+    EXPECT_EQ(containers(), std::vector<std::string>());
+    EXPECT_EQ(dataContainers(), std::vector<std::string>());
+}
+
+TEST_F(Removal, WhoseDataCannotGoIsFinishedWhenTheDeviceIsOpened) {
+    ASSERT_TRUE(install());
+    makeData();
+    faults->forget();
+    faults->failAt = static_cast<int>([&] { // the data goes last
+        return 6;
+    }());
+    faults->failure = EIO;
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
+    faults->failAt = -1;
+    ASSERT_EQ(containers(), std::vector<std::string>());
+    ASSERT_EQ(dataContainers().size(), 1U);
+    open();
+    const auto settled = registry().settle();
+    ASSERT_TRUE(settled);
+    EXPECT_EQ(settled->endedRemovals, 1U);
+    EXPECT_EQ(dataContainers(), std::vector<std::string>());
+    EXPECT_EQ(registry().settle()->endedRemovals, 0U);
+}
+
+class Settling : public RegistryTest {};
+
+TEST_F(Settling, OfADeviceInOrderChangesNothing) {
+    ASSERT_TRUE(install());
+    ASSERT_TRUE(registry().installPlaceholder(placeholder("org.example.waiting")));
+    open();
+    const auto settled = registry().settle();
+    ASSERT_TRUE(settled);
+    EXPECT_EQ(settled->removedFolders, 0U);
+    EXPECT_EQ(settled->droppedRecords, 0U);
+    EXPECT_EQ(settled->endedRemovals, 0U);
+    EXPECT_EQ(registry().applications().size(), 2U);
+}
+
+TEST_F(Settling, RemovesStagingFoldersAndContainersOfNoApp) {
+    ASSERT_TRUE(install());
+    for (const std::string path :
+         {"/var/containers/Bundle/.staging/A/Name.app", "/var/containers/Bundle/Application/B/Name.app"}) {
+        ASSERT_TRUE(files().createDirectory(path, true, std::nullopt, nullptr));
+        ASSERT_TRUE(files().createFile(path + "/Info.plist", "half", {}));
+    }
+    open();
+    const auto settled = registry().settle();
+    ASSERT_TRUE(settled);
+    EXPECT_EQ(settled->removedFolders, 2U);
+    EXPECT_EQ(staged(), std::vector<std::string>());
+    EXPECT_EQ(containers().size(), 1U);
+    EXPECT_TRUE(files().fileExists(registry().application(identifier)->bundlePath));
+}
+
+TEST_F(Settling, DropsRecordsWhoseBundleIsGone) {
+    ASSERT_TRUE(install());
+    ASSERT_TRUE(registry().installPlaceholder(placeholder("org.example.waiting")));
+    ASSERT_TRUE(install("org.example.whole"));
+    ASSERT_TRUE(files().removeItem(registry().application(identifier)->containerPath, nullptr));
+    ASSERT_TRUE(files().removeItem(registry().application("org.example.waiting")->bundlePath + "/Info.plist", nullptr));
+    open();
+    const auto settled = registry().settle();
+    ASSERT_TRUE(settled);
+    EXPECT_EQ(settled->droppedRecords, 2U);
+    EXPECT_EQ(settled->removedFolders, 1U);
+    ASSERT_EQ(registry().applications().size(), 1U);
+    open();
+    EXPECT_EQ(registry().applications().size(), 1U);
+    EXPECT_EQ(registry().applications()[0].identifier, "org.example.whole");
+    EXPECT_TRUE(removedApps()->empty());
+}
+
+} // namespace
+} // namespace appsync::device

@@ -1,0 +1,89 @@
+// What stands on disk when a write fails or the process ends in the middle of it.
+#include "device/root/Root.h"
+
+#include "Faults.h"
+#include "TemporaryFolder.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+
+namespace appsync::device {
+namespace {
+
+constexpr std::string_view path = "/var/mobile/Library/list";
+
+TEST(Durability, AtomicWriteSyncsDataThenRenamesThenSyncsTheFolder) {
+    const TemporaryFolder folder;
+    const auto faults = std::make_shared<RecordingFaults>();
+    const auto root = Root::create(folder.path(), {faults});
+    ASSERT_TRUE(root);
+    faults->forget();
+    ASSERT_TRUE((*root)->files().writeFileAtomically(path, "new", nullptr));
+    EXPECT_EQ(faults->operations(), (std::vector<std::string>{"create", "write", "sync", "rename", "sync folder"}));
+}
+
+TEST(Durability, FailureOfAnyStepLeavesTheOldContentOrTheNewAndNoLitter) {
+    const TemporaryFolder folder;
+    const auto faults = std::make_shared<RecordingFaults>();
+    const auto root = Root::create(folder.path(), {faults});
+    ASSERT_TRUE(root);
+    DeviceFileSystem& files = (*root)->files();
+    for (int step = 0; step < 5; ++step) {
+        faults->failAt = -1;
+        ASSERT_TRUE(files.writeFileAtomically(path, "old", nullptr));
+        faults->forget();
+        faults->failAt = step;
+        faults->failure = EIO;
+        ErrorPtr error;
+        EXPECT_FALSE(files.writeFileAtomically(path, "new", &error)) << step;
+        EXPECT_EQ(error->code(), EIO);
+        EXPECT_EQ(files.readFile(path, nullptr), Data(step < 4 ? "old" : "new")) << step;
+        EXPECT_EQ(*files.list("/var/mobile/Library"), std::vector<std::string>{"list"}) << step;
+    }
+}
+
+TEST(Durability, ProcessThatEndsAnywhereLeavesTheOldContentOrTheNewAndNoLitterAfterOpening) {
+    const TemporaryFolder folder;
+    for (int step = 0; step <= 5; ++step) {
+        {
+            const auto root = Root::create(folder.path());
+            ASSERT_TRUE(root && (*root)->files().writeFileAtomically(path, "old", nullptr));
+        }
+        const pid_t child = ::fork();
+        if (child == 0) {
+            auto root = Root::open(folder.path());
+            // Only the write itself is to be cut short, so the fault point comes in after opening.
+            DeviceFileSystem files(std::move(*(*root)->files().open("/", O_RDONLY | O_DIRECTORY)),
+                                   std::make_shared<EndingFaults>(step));
+            ::_exit(files.writeFileAtomically(path, "new", nullptr) ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(EndingFaults::hasEnded(status), step < 5) << step;
+        const auto root = Root::open(folder.path());
+        ASSERT_TRUE(root);
+        EXPECT_EQ((*root)->files().readFile(path, nullptr), Data(step < 4 ? "old" : "new")) << step;
+        EXPECT_EQ(*(*root)->files().list("/var/mobile/Library"), std::vector<std::string>{"list"}) << step;
+    }
+}
+
+TEST(Durability, FailedCopyAndCreationLeaveNoLitter) {
+    const TemporaryFolder folder;
+    const auto faults = std::make_shared<RecordingFaults>();
+    const auto root = Root::create(folder.path(), {faults});
+    ASSERT_TRUE(root);
+    DeviceFileSystem& files = (*root)->files();
+    ASSERT_TRUE(files.createFile("/tmp/source", "source", {}));
+    faults->failure = EIO;
+    for (int step = 0; step < 3; ++step) {
+        faults->forget();
+        faults->failAt = step;
+        EXPECT_FALSE(files.copyItem("/tmp/source", "/tmp/copy", nullptr)) << step;
+        faults->forget();
+        EXPECT_FALSE(files.createFile("/tmp/created", "x", {})) << step;
+        EXPECT_EQ(*files.list("/tmp"), std::vector<std::string>{"source"}) << step;
+    }
+}
+
+} // namespace
+} // namespace appsync::device

@@ -1,0 +1,235 @@
+// The device as a whole: making, opening, closing, and the platform that a plug-in is given.
+#include "device/Device.h"
+
+#include "device/coordinator/InstallCoordinator.h"
+#include "device/root/Database.h"
+#include "device/screen/DeviceHomeScreen.h"
+#include "device/services/DevicePolicy.h"
+#include "device/services/Notifications.h"
+#include "device/services/TransactionLog.h"
+#include "platform/ApplicationRegistry.h"
+#include "platform/Backup.h"
+#include "platform/Icons.h"
+#include "platform/InstallCoordinator.h"
+#include "platform/Platform.h"
+#include "platform/Process.h"
+#include "platform/Scheduler.h"
+#include "platform/Store.h"
+#include "platform/SyncHost.h"
+#include "tests/device/archive/ArchiveBuilder.h"
+#include "tests/device/root/Faults.h"
+#include "tests/device/root/TemporaryFolder.h"
+
+#include "concurrency/Semaphore.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+namespace appsync::device {
+namespace {
+
+const std::string A = "com.example.a";
+
+class NoDeviceService final : public QRDeviceServiceClass, public QRErrorClassification {
+  public:
+    std::shared_ptr<QRDeviceService> sharedInstance() noexcept override { return nullptr; }
+    bool QRIsRecoverableError(const ErrorPtr&) noexcept override { return false; }
+};
+
+class DeviceTest : public testing::Test {
+  protected:
+    void create(const DeviceOptions& options = {}) {
+        auto made = Device::create(folder.path(), options);
+        ASSERT_TRUE(made) << errorText(made.error());
+        device = std::move(*made);
+    }
+    void reopen() {
+        device.reset();
+        auto opened = Device::open(folder.path());
+        ASSERT_TRUE(opened) << errorText(opened.error());
+        device = std::move(*opened);
+    }
+    [[nodiscard]] Platform platform() { return device->platform(host, host); }
+
+    TemporaryFolder folder;
+    NoDeviceService host;
+    std::unique_ptr<Device> device;
+};
+
+TEST_F(DeviceTest, ANewDeviceIsEmptyAndAllowsEverything) {
+    create();
+    EXPECT_TRUE(device->coordinationIsEnabled());
+    EXPECT_TRUE(platform().coordinators.coordinationIsEnabled());
+    EXPECT_EQ(device->policy().value(OLFeatureAppInstallationAllowed), OLBoolValue::unset);
+    EXPECT_EQ(device->policy().value(OLFeatureAppRemovalAllowed), OLBoolValue::unset);
+    EXPECT_TRUE(device->registry().applications().empty());
+    EXPECT_EQ(device->settlement().removedFolders, 0U);
+}
+
+TEST_F(DeviceTest, KeepsWhatItWasMadeWith) {
+    create({false, true, true});
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_FALSE(device->coordinationIsEnabled());
+        EXPECT_FALSE(platform().coordinators.coordinationIsEnabled());
+        const auto connection = platform().profileConnections.sharedConnection();
+        EXPECT_EQ(connection->effectiveBoolValueForSetting(OLFeatureAppInstallationAllowed), OLBoolValue::explicitlyNo);
+        EXPECT_EQ(connection->effectiveBoolValueForSetting(OLFeatureAppRemovalAllowed), OLBoolValue::explicitlyNo);
+        reopen();
+    }
+}
+
+TEST_F(DeviceTest, IsMadeOnce) {
+    create();
+    device.reset();
+    const auto again = Device::create(folder.path(), {});
+    EXPECT_TRUE(isError(again.error(), DeviceErrorDomain, DeviceError::existsAlready));
+    reopen();
+}
+
+TEST_F(DeviceTest, AFolderThatIsNoDeviceIsNotOpened) {
+    EXPECT_TRUE(isError(Device::open(folder.path()).error(), RootErrorDomain, RootError::notADevice));
+    EXPECT_TRUE(isError(Device::open(folder / "none").error(), RootErrorDomain, RootError::noSuchFolder));
+    writeHostFile(folder / "file", "x");
+    EXPECT_TRUE(isError(Device::create(folder.path(), {}).error(), RootErrorDomain, RootError::notEmpty));
+}
+
+TEST_F(DeviceTest, IsOpenOnceAtATime) {
+    create();
+    EXPECT_TRUE(isError(Device::open(folder.path()).error(), RootErrorDomain, RootError::inUse));
+}
+
+TEST_F(DeviceTest, AMakingThatWasInterruptedIsSaidAndCanBeDoneAgain) {
+    bool isThrough = false;
+    int interrupted = 0;
+    for (int change = 0; !isThrough; ++change) {
+        SCOPED_TRACE("before change " + std::to_string(change));
+        const TemporaryFolder own;
+        const pid_t child = ::fork();
+        if (child == 0) {
+            (void)Device::create(own.path(), {false, false, false}, {std::make_shared<EndingFaults>(change), {}, {}});
+            ::_exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        isThrough = status == 0;
+        const auto opened = Device::open(own.path());
+        if (opened) {
+            EXPECT_FALSE((*opened)->coordinationIsEnabled());
+            continue;
+        }
+        EXPECT_FALSE(isThrough) << errorText(opened.error());
+        interrupted += isError(opened.error(), DeviceErrorDomain, DeviceError::notFinished) ? 1 : 0;
+        EXPECT_TRUE(Device::create(own.path(), {false, false, false}));
+    }
+    EXPECT_GT(interrupted, 3);
+}
+
+TEST_F(DeviceTest, ADamagedDatabaseIsSaid) {
+    create();
+    const std::string database = device->root().databasePath();
+    device.reset();
+    writeHostFile(database, std::string(10'000, 'x'));
+    EXPECT_TRUE(isError(Device::open(folder.path()).error(), DatabaseErrorDomain, DatabaseError::damaged));
+}
+
+TEST_F(DeviceTest, AnAppGoesThroughThePlatformsCoordinatorOntoTheHomeScreen) {
+    create();
+    {
+        const Platform services = platform();
+        const auto coordinator = services.initiatingCoordinators
+                                     .coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
+                                         A, KXClientSyncHost, true, nullptr, nullptr);
+        ASSERT_TRUE(coordinator);
+        ASSERT_TRUE(coordinator->setInstallOptions_error({}, nullptr));
+        const std::string path = "/var/mobile/Media/" + A + ".ipa";
+        ASSERT_TRUE(services.files.createFile(path, ArchiveBuilder().app("App", A).bytes(), {}));
+        const auto promise = services.transferPromises.initWithName_client_transferPath_diskSpaceNeeded(
+            "x", KXClientSyncHost, *FileURL::fileURLWithPath(path, false), 0);
+        ASSERT_TRUE(coordinator->setAppAssetPromise_error(promise, nullptr));
+        promise->setComplete(true);
+        device->coordinator().waitUntilIdle();
+        EXPECT_TRUE(services.workspaces.defaultWorkspace().applicationIsInstalled(A));
+        EXPECT_TRUE(services.applicationProxies.applicationProxyForIdentifier_placeholder(A, false));
+        EXPECT_EQ(device->homeScreen().flattenedOrder(), IdentifierList{A});
+        const auto bundle = services.bundles.bundleWithURL(
+            *FileURL::fileURLWithPath(device->registry().application(A)->bundlePath, true));
+        ASSERT_TRUE(bundle);
+        EXPECT_EQ(bundle->objectForInfoDictionaryKey("BXBundleDisplayName"), Value("App"));
+        EXPECT_EQ(services.iconRenderer.YKCreateDeviceAppropriateHomeScreenIconImageFromBundle(bundle), nullptr);
+        EXPECT_NE(services.imageDestinations.destinationWithType_count("public.png", 1), nullptr);
+    }
+    reopen();
+    EXPECT_TRUE(device->registry().isInstalled(A));
+}
+
+TEST_F(DeviceTest, CoordinatorsOfAnEarlierProcessGoOnWhenItIsOpened) {
+    create();
+    {
+        const Platform services = platform();
+        const auto coordinator = services.initiatingCoordinators
+                                     .coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
+                                         A, KXClientSyncHost, true, nullptr, nullptr);
+        ASSERT_TRUE(coordinator->setInstallOptions_error({}, nullptr));
+        const auto promise = services.transferPromises.initWithName_client_diskSpaceNeeded("x", KXClientSyncHost, 0);
+        ASSERT_TRUE(coordinator->setAppAssetPromise_error(promise, nullptr));
+    }
+    ASSERT_TRUE(device->files().createFile("/var/mobile/a.ipa", ArchiveBuilder().app("App", A).bytes(), {}));
+    {
+        // What the promise says when the process ends right after it was completed.
+        Database::Transaction transaction(device->database());
+        transaction.run("UPDATE coordinatorPromise SET path = '/var/mobile/a.ipa', complete = 1");
+        ASSERT_TRUE(transaction.commit());
+    }
+    reopen();
+    device->coordinator().waitUntilIdle();
+    EXPECT_TRUE(device->registry().isInstalled(A));
+}
+
+TEST_F(DeviceTest, TheRestOfThePlatformAnswers) {
+    create();
+    const Platform services = platform();
+    EXPECT_EQ(services.process.mainBundleIdentifier(), "com.zuvex.qrd");
+    EXPECT_EQ(services.process.temporaryDirectory(), device->root().temporaryDirectory());
+    EXPECT_EQ(&services.deviceService, &host);
+    EXPECT_FALSE(services.backupManagers.init()->restoreDataExistsForApplicationWithBundleID_size(A, nullptr));
+    EXPECT_TRUE(services.installationService.TevrinLookupUninstalled(nullptr));
+    EXPECT_NE(services.homeScreen.SKSSkellanBlockableServerPort(), 0U);
+
+    int token = 0;
+    EXPECT_EQ(services.notifications.notify_register_check(SyncNoticeName, &token), 0U);
+    EXPECT_EQ(services.notifications.notify_set_state(token, 1), 0U);
+    EXPECT_TRUE(device->homeScreen().isSyncing());
+
+    Semaphore done;
+    (void)services.scheduler.runAfter(std::chrono::milliseconds(0), [&] { done.signal(); });
+    done.wait();
+    services.softwareLibraries.init()->refreshReceiptsWithCompletionBlock([&](const ErrorPtr&) { done.signal(); });
+    done.wait();
+    services.notificationCenter.addObserver(
+        &done,
+        [](NotificationCenter*, void* observer, std::string_view, const void*, const Dictionary*) {
+            static_cast<Semaphore*>(observer)->signal();
+        },
+        StartupCompleteName, nullptr, NotificationSuspensionBehavior::drop);
+    device->notificationCenter().post(StartupCompleteName);
+    done.wait();
+    services.notificationCenter.removeObserver(&done, StartupCompleteName);
+}
+
+TEST_F(DeviceTest, LogsAreWrittenWhenItCloses) {
+    create();
+    platform().log.write(QRLogCategorySyncBundle, LogLevel::standard, "", "hello");
+    platform().transactionLog.initializeWithLog(std::make_shared<const SystemLog>(SystemLog{"s", "c"}));
+    platform().transactionLog.logScenario_step_success_forBundleID_description("S", TransactionStep::none, true, A,
+                                                                               "d");
+    const std::string path = device->root().hostPath(LogPath);
+    reopen();
+    const std::string content = readHostFile(path);
+    EXPECT_NE(content.find(" standard SyncBundle hello\n"), std::string::npos) << content;
+    EXPECT_NE(content.find(" standard s/c scenario \"S\" for com.example.a: d\n"), std::string::npos) << content;
+    EXPECT_EQ(device->transactionLog().records()->size(), 1U);
+}
+
+} // namespace
+} // namespace appsync::device

@@ -1,0 +1,148 @@
+// `qrd` as a person or a script runs it: words in, text and an exit code out.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Answer {
+    int code = -1;
+    std::string text; // standard output and error
+};
+
+class CommandLine : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "qrd.XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder = pattern;
+    }
+    void TearDown() override { fs::remove_all(folder); }
+
+    Answer qrd(const std::string& words) {
+        const std::string command = "cd '" + folder.string() + "' && " + APPSYNC_QRD + " " + words + " 2>&1";
+        Answer answer;
+        FILE* pipe = ::popen(command.c_str(), "r");
+        std::array<char, 4096> buffer{};
+        for (std::size_t read = 0; (read = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
+            answer.text.append(buffer.data(), read);
+        }
+        const int status = ::pclose(pipe);
+        answer.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return answer;
+    }
+    void write(const std::string& name, const std::string& bytes) {
+        fs::create_directories((folder / name).parent_path());
+        std::ofstream(folder / name, std::ios::binary) << bytes;
+    }
+    fs::path folder;
+};
+
+const std::string xmlList = "<plist version=\"1.0\"><array><string>a</string></array></plist>";
+
+TEST_F(CommandLine, HelpsEverywhere) {
+    for (const char* words : {"--help", "sync --help", "device create --help", "apps --help", "log --help",
+                              "screen --help", "pack --help", "plist --help", "plist convert --help"}) {
+        const Answer answer = qrd(words);
+        EXPECT_EQ(answer.code, 0) << words;
+        EXPECT_NE(answer.text.find("Usage:"), std::string::npos) << words;
+    }
+}
+
+TEST_F(CommandLine, RefusesWrongUse) {
+    for (const char* words : {"", "nonsense", "sync", "sync device", "device", "apps", "screen d", "plist print",
+                              "sync d --library l --nonsense"}) {
+        const Answer answer = qrd(words);
+        EXPECT_EQ(answer.code, 2) << words;
+        EXPECT_FALSE(answer.text.empty()) << words;
+    }
+}
+
+TEST_F(CommandLine, TellsWhyADeviceCannotBeUsed) {
+    EXPECT_EQ(qrd("apps missing").code, 4);
+    write("other/file", "x");
+    EXPECT_EQ(qrd("apps other").code, 4);
+    EXPECT_EQ(qrd("device create other").code, 4);
+    EXPECT_TRUE(fs::exists(folder / "other" / "file"));
+}
+
+TEST_F(CommandLine, MakesADeviceOnce) {
+    EXPECT_EQ(qrd("device create d").code, 0);
+    EXPECT_EQ(qrd("device create d").code, 4);
+    const Answer apps = qrd("apps d");
+    EXPECT_EQ(apps.code, 0);
+    EXPECT_EQ(apps.text, "The device has no apps.\n");
+    EXPECT_EQ(qrd("apps d --json").text, "[]\n");
+}
+
+TEST_F(CommandLine, PacksSyncsListsLogsAndDraws) {
+    write("One/One.app/Info.plist",
+          "<plist version=\"1.0\"><dict><key>BXBundleIdentifier</key><string>com.example.one</string>"
+          "<key>BXBundleVersion</key><string>1.0</string><key>BXBundleDisplayName</key><string>One</string>"
+          "</dict></plist>");
+    fs::create_directories(folder / "library");
+    EXPECT_EQ(qrd("pack One -o library/One.archive").text, "packed library/One.archive\n");
+    EXPECT_EQ(qrd("device create d").code, 0);
+    const Answer synced = qrd("sync d --library library");
+    EXPECT_EQ(synced.code, 0) << synced.text;
+    EXPECT_NE(synced.text.find("One  1.0      installed"), std::string::npos) << synced.text;
+    const auto apps = nlohmann::json::parse(qrd("apps d --json").text);
+    EXPECT_EQ(apps[0]["identifier"], "com.example.one");
+    EXPECT_EQ(apps[0]["installed"], true);
+    EXPECT_NE(qrd("apps d").text.find("One  1.0      installed  com.example.one"), std::string::npos);
+    EXPECT_NE(qrd("log d").text.find("|sync ended with success: y"), std::string::npos);
+    EXPECT_NE(qrd("log d --transactions --app com.example.one").text.find("Install App"), std::string::npos);
+    const std::string lines = qrd("log d --json").text;
+    EXPECT_EQ(nlohmann::json::parse(lines.substr(0, lines.find('\n')))["source"], "SyncBundle");
+    const std::string records = qrd("log d --transactions --json").text;
+    EXPECT_EQ(nlohmann::json::parse(records.substr(0, records.find('\n')))["app"], "com.example.one");
+    EXPECT_EQ(qrd("screen d -o screen.png").code, 0);
+    std::ifstream picture(folder / "screen.png", std::ios::binary);
+    std::string magic(8, '\0');
+    picture.read(magic.data(), 8);
+    EXPECT_EQ(magic, "\x89PNG\r\n\x1a\n");
+    EXPECT_EQ(qrd("screen d -o no/such/folder/screen.png").code, 5);
+}
+
+TEST_F(CommandLine, RefusesToPackWhatIsNoApp) {
+    write("folder/file", "x");
+    const Answer answer = qrd("pack folder -o out");
+    EXPECT_EQ(answer.code, 5);
+    EXPECT_NE(answer.text.find("is no app"), std::string::npos);
+}
+
+TEST_F(CommandLine, ConvertsPropertyListsThereAndBack) {
+    write("list", xmlList);
+    EXPECT_EQ(qrd("plist check list").text, "list is a property list\n");
+    EXPECT_EQ(qrd("plist convert list -o binary").code, 0);
+    std::ifstream binary(folder / "binary", std::ios::binary);
+    std::string magic(8, '\0');
+    binary.read(magic.data(), 8);
+    EXPECT_EQ(magic, "bplist00");
+    EXPECT_EQ(qrd("plist convert binary --xml").code, 0);
+    EXPECT_EQ(qrd("plist print binary").text, qrd("plist print list").text);
+    EXPECT_NE(qrd("plist print binary").text.find("<string>a</string>"), std::string::npos);
+}
+
+TEST_F(CommandLine, TellsWhyAFileIsNoPropertyList) {
+    write("list", "<plist version=\"1.0\"><array>");
+    const Answer answer = qrd("plist check list");
+    EXPECT_EQ(answer.code, 5);
+    EXPECT_NE(answer.text.find("'list' is no property list"), std::string::npos);
+    EXPECT_EQ(qrd("plist print missing").code, 5);
+    EXPECT_EQ(qrd("plist convert list -o out").code, 5);
+    EXPECT_FALSE(fs::exists(folder / "out"));
+    write("good", xmlList);
+    EXPECT_EQ(qrd("plist convert good -o no/such/folder/out").code, 5);
+}
+
+} // namespace

@@ -1,0 +1,242 @@
+// The host's parts: the transfer queue, the device service, tables, reports, progress.
+#include "host/SyncReport.h"
+#include "host/SyncView.h"
+#include "host/Table.h"
+#include "host/TransferQueue.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <sstream>
+
+namespace appsync::host {
+namespace {
+
+QRAssetPtr makeAsset(const std::string& identifier) {
+    return QRAsset::downloadAssetWithIdentifier_dataclass_prettyName(identifier, "Application", std::nullopt);
+}
+
+class Transfers : public testing::Test {
+  protected:
+    std::shared_ptr<TransferQueue> queue =
+        std::make_shared<TransferQueue>(std::vector{makeAsset("a"), makeAsset("b"), makeAsset("c")});
+    DeviceService service;
+    std::vector<ErrorPtr> completions;
+    void prioritize(const std::string& identifier) {
+        service.prioritizeAsset_withCompletion(makeAsset(identifier),
+                                               [this](const ErrorPtr& error) { completions.push_back(error); });
+    }
+    std::string next() {
+        const auto asset = queue->next();
+        return asset != nullptr ? asset->identifier : "";
+    }
+    /// The rest of the queue, one identifier after another.
+    std::string rest() {
+        std::string all;
+        while (const auto asset = queue->next()) {
+            all += asset->identifier;
+        }
+        return all;
+    }
+};
+
+TEST_F(Transfers, ComeInTheirOrder) {
+    EXPECT_EQ(rest(), "abc");
+}
+
+TEST_F(Transfers, ComeFirstWhenAPersonSaysSo) {
+    service.setQueue(queue);
+    prioritize("c");
+    EXPECT_EQ(rest(), "cab");
+    prioritize("b");
+    ASSERT_EQ(completions.size(), 2u);
+    EXPECT_EQ(completions[0], nullptr);
+    EXPECT_NE(completions[1], nullptr);
+}
+
+TEST_F(Transfers, CanBeCancelledUntilTheyHaveEnded) {
+    service.setQueue(queue);
+    EXPECT_EQ(next(), "a");
+    service.cancelAssetTransferForFailedAsset(makeAsset("a"));
+    service.cancelAssetTransferForFailedAsset(makeAsset("c"));
+    EXPECT_TRUE(queue->isCancelled("a"));
+    EXPECT_FALSE(queue->isCancelled("b"));
+    EXPECT_TRUE(queue->isCancelled("c"));
+    next();
+    EXPECT_FALSE(queue->cancel("a"));
+    EXPECT_FALSE(queue->cancel("x"));
+}
+
+TEST_F(Transfers, CannotBeReachedWhenNoSyncRuns) {
+    prioritize("a");
+    EXPECT_NE(completions.at(0), nullptr);
+    service.cancelAssetTransferForFailedAsset(makeAsset("a"));
+    EXPECT_FALSE(queue->isCancelled("a"));
+    EXPECT_EQ(service.sharedInstance().get(), &service);
+    EXPECT_TRUE(service.respondsToPrioritizeAsset());
+    EXPECT_TRUE(service.respondsToCancelAssetTransferForFailedAsset());
+}
+
+TEST(ErrorClasses, CountAnEndedSyncAndAFullDiskAsPassing) {
+    ErrorClassification errors;
+    EXPECT_TRUE(errors.QRIsRecoverableError(transferError(TransferError::interrupted, "")));
+    EXPECT_TRUE(errors.QRIsRecoverableError(transferError(TransferError::noSpace, "")));
+    EXPECT_TRUE(errors.QRIsRecoverableError(Error::make(PosixErrorDomain, ENOSPC)));
+    EXPECT_FALSE(errors.QRIsRecoverableError(transferError(TransferError::cancelledByUser, "")));
+    EXPECT_FALSE(errors.QRIsRecoverableError(transferError(TransferError::sourceFailed, "")));
+    EXPECT_FALSE(errors.QRIsRecoverableError(Error::make(PosixErrorDomain, EACCES)));
+    EXPECT_FALSE(errors.QRIsRecoverableError(Error::make("Other", 1)));
+    EXPECT_FALSE(errors.QRIsRecoverableError(nullptr));
+}
+
+// What a person sees.
+
+TEST(Tables, LineUpTheirColumns) {
+    Table table({"App", "Result", "Reason"});
+    table.add({"Caf\xC3\xA9", "failed", "no\nroom"});
+    table.add({"Long name", "done", ""});
+    std::ostringstream out;
+    table.print(out);
+    EXPECT_EQ(out.str(), "App        Result  Reason\n"
+                         "Caf\xC3\xA9       failed  no room\n"
+                         "Long name  done\n");
+}
+
+TEST(Tables, KeepNamesFromSteeringTheTerminal) {
+    EXPECT_EQ(printable("a\x1b[2Jb\x7f\r\n"), "a [2Jb   ");
+    EXPECT_EQ(displayWidth("\xE2\x82\xAC 5"), 3u);
+}
+
+TEST(Tables, TellSizesInTheUnitThatFits) {
+    EXPECT_EQ(sizeText(0), "0 bytes");
+    EXPECT_EQ(sizeText(999), "999 bytes");
+    EXPECT_EQ(sizeText(1500), "1.5 kB");
+    EXPECT_EQ(sizeText(40'000'000), "40.0 MB");
+    EXPECT_EQ(sizeText(2'000'000'000'000'000), "2000.0 TB");
+}
+
+SyncReport sampleReport() {
+    SyncReport report;
+    report.apps = {{"com.a", "A", "1.0", AppResult::installed, ""},
+                   {"com.b", "B", std::nullopt, AppResult::failed, "It is damaged."}};
+    report.problems = {"'x' is no archive."};
+    return report;
+}
+
+TEST(Reports, PrintATable) {
+    std::ostringstream out;
+    printTable(out, sampleReport());
+    EXPECT_EQ(out.str(), "App  Version  Result     Reason\n"
+                         "A    1.0      installed\n"
+                         "B    -        failed     It is damaged.\n"
+                         "note: 'x' is no archive.\n");
+    std::ostringstream nothing;
+    printTable(nothing, {});
+    EXPECT_EQ(nothing.str(), "Nothing to do: the device has every app of the library.\n");
+}
+
+TEST(Reports, PrintJson) {
+    SyncReport report = sampleReport();
+    report.apps[0].name = "bad \xFF text";
+    report.failure = transferError(TransferError::interrupted, "Why.");
+    std::ostringstream out;
+    printJson(out, report);
+    const auto json = nlohmann::json::parse(out.str());
+    EXPECT_EQ(json["done"], false);
+    EXPECT_EQ(json["interrupted"], false);
+    EXPECT_EQ(json["apps"][0]["identifier"], "com.a");
+    EXPECT_EQ(json["apps"][0]["version"], "1.0");
+    EXPECT_EQ(json["apps"][0]["result"], "installed");
+    EXPECT_FALSE(json["apps"][0].contains("reason"));
+    EXPECT_TRUE(json["apps"][1]["version"].is_null());
+    EXPECT_EQ(json["apps"][1]["reason"], "It is damaged.");
+    EXPECT_EQ(json["problems"][0], "'x' is no archive.");
+    EXPECT_EQ(json["failure"], "Why.");
+}
+
+TEST(Reports, AreDoneOnlyWhenEverythingIs) {
+    SyncReport report;
+    EXPECT_TRUE(report.allDone());
+    for (const AppResult good : {AppResult::installed, AppResult::updated, AppResult::removed}) {
+        report.apps = {{"a", "A", std::nullopt, good, ""}};
+        EXPECT_TRUE(report.allDone());
+    }
+    for (const AppResult bad : {AppResult::failed, AppResult::cancelled, AppResult::interrupted, AppResult::refused}) {
+        report.apps = {{"a", "A", std::nullopt, bad, ""}};
+        EXPECT_FALSE(report.allDone());
+    }
+    report.apps.clear();
+    report.interrupted = true;
+    EXPECT_FALSE(report.allDone());
+    report.interrupted = false;
+    report.failure = Error::make("D", 1);
+    EXPECT_FALSE(report.allDone());
+}
+
+TEST(Reports, GiveReasonsInWords) {
+    EXPECT_EQ(reasonOf(nullptr), "");
+    EXPECT_EQ(reasonOf(transferError(TransferError::noSpace, "Full.")), "Full.");
+    EXPECT_EQ(reasonOf(Error::make(QRErrorDomain, 1)),
+              "The device could not prepare the install; `qrd log` tells why.");
+    EXPECT_EQ(reasonOf(Error::make(QRErrorDomain, 30)), "The sync ended before the app had arrived.");
+    EXPECT_EQ(reasonOf(Error::make("D", 7)), "D 7");
+}
+
+TEST(Views, TellPlainLines) {
+    std::ostringstream out;
+    SyncView view(out, SyncView::Style::lines);
+    view.began(2, 3000);
+    view.transferBegan("a", "A\n", 1000);
+    view.transferring("a", 0.5);
+    view.transferEnded("a", nullptr);
+    view.transferBegan("b", "B", 2000);
+    view.transferEnded("b", transferError(TransferError::noSpace, "Full."));
+    view.installEnded("a", nullptr);
+    view.installEnded("x", Error::make("D", 1));
+    view.ended();
+    EXPECT_EQ(out.str(), "sending A  (1.0 kB)\n"
+                         "sending B (2.0 kB)\n"
+                         "failed  B: Full.\n"
+                         "done    A \n"
+                         "failed  x: D 1\n");
+}
+
+TEST(Views, DrawBarsAndTakeThemAway) {
+    std::ostringstream out;
+    SyncView view(out, SyncView::Style::bars);
+    view.began(2, 1000);
+    view.transferBegan("a", "A", 1000);
+    EXPECT_NE(out.str().find("A                      [............................]   0%\n"), std::string::npos);
+    out.str("");
+    view.transferring("a", 0.5);
+    EXPECT_TRUE(out.str().starts_with("\x1b[2A\x1b[J"));
+    EXPECT_NE(out.str().find("A                      [##############..............]  50%\n"), std::string::npos);
+    EXPECT_NE(out.str().find("All apps               [##############..............]  50%  0 of 2\n"),
+              std::string::npos);
+    out.str("");
+    view.transferEnded("a", nullptr);
+    EXPECT_NE(out.str().find("A                      [############################] installing\n"), std::string::npos);
+    out.str("");
+    view.installEnded("a", nullptr);
+    EXPECT_NE(out.str().find("done    A\n"), std::string::npos);
+    EXPECT_NE(out.str().find("100%  1 of 2\n"), std::string::npos);
+    out.str("");
+    view.ended();
+    EXPECT_EQ(out.str(), "\x1b[1A\x1b[J");
+}
+
+TEST(Views, SayNothingWhenTheyAreQuiet) {
+    std::ostringstream out;
+    SyncView view(out, SyncView::Style::quiet);
+    view.began(1, 10);
+    view.transferBegan("a", "A", 10);
+    view.transferring("a", 0.5);
+    view.transferEnded("a", nullptr);
+    view.installEnded("a", nullptr);
+    view.ended();
+    EXPECT_EQ(out.str(), "");
+}
+
+} // namespace
+} // namespace appsync::host

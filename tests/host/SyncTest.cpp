@@ -1,0 +1,325 @@
+// Whole syncs with real files, a real database, real archives and the loaded plug-in.
+#include "desktop/AppLibrary.h"
+#include "desktop/ArchivePacker.h"
+#include "device/Device.h"
+#include "device/services/TransactionLog.h"
+#include "host/Commands.h"
+#include "host/Interrupt.h"
+#include "host/PlugIn.h"
+#include "host/RunSync.h"
+#include "propertylist/Codec.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+
+namespace appsync::host {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+
+class Sync : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "sync.XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder = pattern;
+        fs::create_directories(folder / "library");
+    }
+    void TearDown() override { fs::remove_all(folder); }
+
+    std::string deviceFolder() const { return (folder / "device").string(); }
+    void createDevice(DeviceCreateArguments arguments = {}) {
+        arguments.device = deviceFolder();
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(host::createDevice(arguments), ExitCode::done);
+        testing::internal::GetCapturedStdout();
+    }
+    static void write(const fs::path& path, const std::string& bytes) {
+        fs::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << bytes;
+    }
+    fs::path archiveOf(const std::string& name) const { return folder / "library" / (name + ".archive"); }
+    /// Packs an app into the library.
+    void addApp(const std::string& name, const std::string& version = "1.0") {
+        const fs::path app = folder / "apps" / name / (name + ".app");
+        const Dictionary info{{"BXBundleIdentifier", "com.example." + name},
+                              {"BXBundleVersion", version},
+                              {"BXBundleExecutable", "main"},
+                              {"BXBundleDisplayName", "The " + name}};
+        PropertyListCodec codec;
+        write(app / "Info.plist",
+              std::string(codec.dataWithPropertyList(info, PropertyListFormat::xml, nullptr)->bytes()));
+        write(app / "main", "program of " + name + " " + version);
+        write(app / "Resources" / "data", std::string(50'000, 'x') + name + version);
+        write(app.parent_path() / "TamblinArtwork", "artwork of " + name);
+        write(app.parent_path() / "TamblinMetadata.plist",
+              "<plist version=\"1.0\"><dict><key>title</key><string>" + name + "</string></dict></plist>");
+        ErrorPtr error;
+        ASSERT_TRUE(desktop::packApp(app.parent_path().string(), archiveOf(name).string(), codec, &error));
+    }
+    void damage(const std::string& name) {
+        std::fstream file(archiveOf(name), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(fs::file_size(archiveOf(name)) / 2));
+        file << "damage";
+    }
+    Json sync(ExitCode expected, SyncArguments arguments = {}) {
+        arguments.device = deviceFolder();
+        arguments.library = (folder / "library").string();
+        arguments.plugin = APPSYNC_BUNDLE;
+        arguments.json = true;
+        testing::internal::CaptureStdout();
+        const ExitCode code = host::sync(arguments);
+        const std::string output = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(code, expected) << output;
+        return Json::parse(output, nullptr, false);
+    }
+    static std::map<std::string, std::string> results(const Json& report) {
+        std::map<std::string, std::string> all;
+        for (const auto& app : report["apps"]) {
+            all[app["identifier"]] = app["result"];
+        }
+        return all;
+    }
+    /// Identifier and version of what is installed; a placeholder counts as "placeholder".
+    std::map<std::string, std::string> apps() {
+        std::map<std::string, std::string> all;
+        const auto device = device::Device::open(deviceFolder());
+        EXPECT_TRUE(device) << device::errorText(device.error());
+        for (const auto& app : (*device)->registry().applications()) {
+            all[app.identifier] = app.isPlaceholder ? "placeholder" : app.version.value_or("");
+        }
+        return all;
+    }
+    /// The files below a folder of the device.
+    std::set<std::string> filesBelow(const std::string& path) const {
+        std::set<std::string> all;
+        const fs::path root = folder / "device" / path;
+        if (fs::exists(root)) {
+            for (const auto& entry : fs::recursive_directory_iterator(root)) {
+                if (!entry.is_directory()) {
+                    all.insert(entry.path().lexically_relative(root).string());
+                }
+            }
+        }
+        return all;
+    }
+    using Results = std::map<std::string, std::string>;
+    fs::path folder;
+};
+
+/// On both install paths.
+class SyncOnBothPaths : public Sync, public testing::WithParamInterface<bool> {
+  protected:
+    void SetUp() override {
+        Sync::SetUp();
+        createDevice({.noCoordination = GetParam()});
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Paths, SyncOnBothPaths, testing::Values(false, true), [](const auto& path) {
+    return path.param ? std::string("OwnInstalls") : std::string("Coordinated");
+});
+
+TEST_P(SyncOnBothPaths, InstallsALibraryAndLeavesNothingBehind) {
+    addApp("a");
+    addApp("b");
+    addApp("c");
+    const Json report = sync(ExitCode::done);
+    EXPECT_EQ(
+        results(report),
+        (Results{{"com.example.a", "installed"}, {"com.example.b", "installed"}, {"com.example.c", "installed"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}, {"com.example.b", "1.0"}, {"com.example.c", "1.0"}}));
+    EXPECT_TRUE(filesBelow("var/mobile/Media/PublicStaging").empty());
+    EXPECT_TRUE(filesBelow("tmp").empty());
+    EXPECT_EQ(results(sync(ExitCode::done)), Results{});
+}
+
+TEST_P(SyncOnBothPaths, UpdatesRemovesAndReportsWhatIsDamaged) {
+    addApp("a");
+    addApp("b");
+    addApp("c");
+    sync(ExitCode::done);
+    addApp("a", "2.0");
+    addApp("d");
+    damage("d");
+    const Json report = sync(ExitCode::someAppFailed, {.remove = {"com.example.b"}});
+    EXPECT_EQ(results(report),
+              (Results{{"com.example.a", "updated"}, {"com.example.b", "removed"}, {"com.example.d", "failed"}}));
+    EXPECT_NE(report["apps"][2]["reason"].get<std::string>().find("Resources/data"), std::string::npos);
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "2.0"}, {"com.example.c", "1.0"}}));
+    EXPECT_TRUE(filesBelow("var/mobile/Media/PublicStaging").empty());
+    EXPECT_TRUE(filesBelow("tmp").empty());
+}
+
+TEST_P(SyncOnBothPaths, KeepsTheOldVersionWhenAnUpdateIsDamaged) {
+    addApp("a");
+    sync(ExitCode::done);
+    addApp("a", "2.0");
+    damage("a");
+    EXPECT_EQ(results(sync(ExitCode::someAppFailed)), (Results{{"com.example.a", "failed"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}}));
+    addApp("a", "2.0");
+    EXPECT_EQ(results(sync(ExitCode::done)), (Results{{"com.example.a", "updated"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "2.0"}}));
+}
+
+TEST_P(SyncOnBothPaths, InstallsFilesExactlyAsTheyWerePacked) {
+    addApp("a");
+    sync(ExitCode::done);
+    std::set<std::string> found;
+    for (const std::string& file : filesBelow("var/containers/Bundle/Application")) {
+        found.insert(file.substr(file.find('/') + 1));
+    }
+    EXPECT_EQ(found, (std::set<std::string>{"TamblinArtwork", "TamblinMetadata.plist", "a.app/Info.plist",
+                                            "a.app/Resources/data", "a.app/main"}));
+}
+
+TEST_F(Sync, GoesOnAfterAnInterruption) {
+    createDevice();
+    addApp("a");
+    addApp("b");
+    {
+        const auto device = device::Device::open(deviceFolder());
+        ErrorPtr error;
+        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists(), &error);
+        const auto list = desktop::makeSyncList(*library, {}, {});
+        std::ostringstream shown;
+        SyncView view(shown, SyncView::Style::lines);
+        const Interrupt interrupt;
+        std::raise(SIGINT); // before the first piece is sent
+        const SyncReport report = runSync(**device, list, APPSYNC_BUNDLE, view);
+        EXPECT_TRUE(report.interrupted);
+        ASSERT_EQ(report.apps.size(), 2u);
+        for (const AppReport& app : report.apps) {
+            EXPECT_EQ(app.result, AppResult::interrupted);
+            EXPECT_EQ(app.reason, "The sync was interrupted; sync again to go on.");
+        }
+    }
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "placeholder"}, {"com.example.b", "placeholder"}}));
+    EXPECT_EQ(results(sync(ExitCode::done)), (Results{{"com.example.a", "installed"}, {"com.example.b", "installed"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}, {"com.example.b", "1.0"}}));
+}
+
+TEST_F(Sync, TellsWhatItWouldDo) {
+    createDevice();
+    addApp("a");
+    SyncArguments arguments{.device = deviceFolder(), .library = (folder / "library").string(), .dryRun = true};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(host::sync(arguments), ExitCode::done);
+    EXPECT_TRUE(testing::internal::GetCapturedStdout().starts_with("would install com.example.a 1.0 ("));
+    EXPECT_EQ(apps(), Results{});
+}
+
+TEST_F(Sync, InstallsNothingWherePolicyForbidsIt) {
+    createDevice({.forbidInstall = true});
+    addApp("a");
+    const Json report = sync(ExitCode::someAppFailed);
+    EXPECT_EQ(results(report), (Results{{"com.example.a", "refused"}}));
+    EXPECT_EQ(report["apps"][0]["reason"], "This device does not allow installing apps.");
+}
+
+TEST_F(Sync, RemovesNothingWherePolicyForbidsIt) {
+    createDevice({.forbidRemoval = true});
+    addApp("a");
+    sync(ExitCode::done);
+    const Json report = sync(ExitCode::someAppFailed, {.remove = {"com.example.a"}});
+    EXPECT_EQ(results(report), (Results{{"com.example.a", "refused"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}}));
+}
+
+TEST_F(Sync, DoesNothingWherePolicyForbidsBoth) {
+    createDevice({.forbidInstall = true, .forbidRemoval = true});
+    addApp("a");
+    testing::internal::CaptureStderr();
+    const Json report = sync(ExitCode::failed);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("neither installing nor removing"), std::string::npos);
+    EXPECT_NE(report["failure"].get<std::string>().find("neither installing nor removing"), std::string::npos);
+}
+
+TEST_F(Sync, PassesOverWhatIsNoArchive) {
+    createDevice();
+    addApp("a");
+    write(folder / "library" / "notes.txt", "no archive");
+    const Json report = sync(ExitCode::done);
+    EXPECT_EQ(results(report), (Results{{"com.example.a", "installed"}}));
+    ASSERT_EQ(report["problems"].size(), 1u);
+    EXPECT_NE(report["problems"][0].get<std::string>().find("notes.txt"), std::string::npos);
+}
+
+TEST_F(Sync, RecordsEveryStepInTheTransactionLog) {
+    createDevice();
+    addApp("a");
+    sync(ExitCode::done);
+    const auto device = device::Device::open(deviceFolder());
+    const auto records = (*device)->transactionLog().records("com.example.a");
+    ASSERT_TRUE(records);
+    std::vector<std::string> descriptions;
+    for (const auto& record : *records) {
+        descriptions.push_back(record.description);
+        EXPECT_TRUE(record.success);
+    }
+    EXPECT_EQ(descriptions.front(), "Install App");
+    EXPECT_NE(std::ranges::find(descriptions, "Install app"), descriptions.end());
+}
+
+// What is wrong from the start.
+
+TEST_F(Sync, SaysThatTheDeviceIsInUse) {
+    createDevice();
+    const auto held = device::Device::open(deviceFolder());
+    testing::internal::CaptureStderr();
+    sync(ExitCode::deviceInUse);
+    EXPECT_FALSE(testing::internal::GetCapturedStderr().empty());
+}
+
+TEST_F(Sync, SaysThatThereIsNoDevice) {
+    testing::internal::CaptureStderr();
+    sync(ExitCode::deviceUnusable);
+    EXPECT_FALSE(testing::internal::GetCapturedStderr().empty());
+}
+
+TEST_F(Sync, SaysThatThereIsNoLibrary) {
+    createDevice();
+    fs::remove_all(folder / "library");
+    testing::internal::CaptureStderr();
+    sync(ExitCode::wrongUse);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("library"), std::string::npos);
+}
+
+TEST_F(Sync, SaysThatThereIsNoPlugIn) {
+    PropertyListCodec codec;
+    ErrorPtr error;
+    EXPECT_FALSE(PlugIn::load((folder / "missing").string(), codec, &error).has_value());
+    EXPECT_NE(error->description().find("is no plug-in"), std::string::npos);
+    write(folder / "bundle" / "Info.plist",
+          "<plist version=\"1.0\"><dict><key>BXBundleIdentifier</key><string>x</string>"
+          "<key>BXBundleExecutable</key><string>missing</string></dict></plist>");
+    EXPECT_FALSE(PlugIn::load((folder / "bundle").string(), codec, &error).has_value());
+    EXPECT_NE(error->description().find("cannot be loaded"), std::string::npos);
+}
+
+TEST_F(Sync, LoadsThePlugInByItsInfo) {
+    PropertyListCodec codec;
+    ErrorPtr error;
+    const auto plugIn = PlugIn::load(APPSYNC_BUNDLE, codec, &error);
+    ASSERT_TRUE(plugIn.has_value());
+    EXPECT_EQ(plugIn->identifier(), "com.zuvex.tzl.Quorrel.AppSync");
+}
+
+TEST(Interrupts, AreRememberedWhileSomebodyCares) {
+    const Interrupt interrupt;
+    EXPECT_FALSE(Interrupt::requested());
+    std::raise(SIGINT);
+    EXPECT_TRUE(Interrupt::requested());
+}
+
+} // namespace
+} // namespace appsync::host

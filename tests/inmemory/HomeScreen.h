@@ -1,0 +1,87 @@
+// The home screen, notifications and icons in memory.
+#pragma once
+
+#include "platform/HomeScreen.h"
+#include "platform/Icons.h"
+#include "platform/Notifications.h"
+#include "tests/inmemory/Context.h"
+#include "tests/inmemory/Files.h"
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace appsync::inmemory {
+
+class Screen final : public HomeScreen {
+  public:
+    explicit Screen(Context& context) : _context(context) {}
+    SKPort SKSSkellanBlockableServerPort() noexcept override;
+    void SKSetIconState(SKPort port, std::string_view iconState) noexcept override;
+    void SKGetFlattenedIconState(SKPort port, std::uint32_t format, const char** buffer,
+                                 std::size_t* length) noexcept override;
+    void SKDeallocate(const char* buffer, std::size_t length) noexcept override;
+    std::shared_ptr<SKSApplicationTerminationAssertion>
+    SKSApplicationTerminationAssertionCreateWithError(std::string_view bundleIdentifier, std::uint32_t reason,
+                                                      std::uint8_t* errorCode) noexcept override;
+
+    /// The bytes of the icon order; nothing when the home screen has no answer.
+    std::optional<std::string> iconOrder;
+    /// What the next requests for an assertion are answered; when it runs out, "granted".
+    std::deque<std::uint8_t> assertionAnswers;
+
+  private:
+    Context& _context;
+    std::mutex _mutex;
+};
+
+class NoticeService final : public NotificationService {
+  public:
+    explicit NoticeService(Context& context) : _context(context) {}
+    std::uint32_t notify_register_check(std::string_view name, int* token) noexcept override;
+    std::uint32_t notify_set_state(int token, std::uint64_t state) noexcept override;
+    std::uint32_t notify_post(std::string_view name) noexcept override;
+
+  private:
+    Context& _context;
+};
+
+class Center final : public NotificationCenter {
+  public:
+    explicit Center(Context& context) : _context(context) {}
+    void addObserver(void* observer, NotificationCallback callback, std::string_view name, const void* object,
+                     NotificationSuspensionBehavior suspensionBehavior) noexcept override;
+    void removeObserver(void* observer, std::string_view name) noexcept override;
+    /// Calls the observers of a name on the caller's thread.
+    void post(std::string_view name);
+
+  private:
+    struct Observer {
+        void* object;
+        NotificationCallback callback;
+        std::string name;
+    };
+    Context& _context;
+    std::vector<Observer> _observers;
+};
+
+/// Bundles of the in-memory files; an image is the name of its bundle, and its encoding is "PNG of " with that name.
+class Icons final : public BundleClass, public IconRenderer, public ImageDestinationClass {
+  public:
+    Icons(Context& context, Files& files) : _context(context), _files(files) {}
+    std::shared_ptr<Bundle> bundleWithURL(const FileURL& url) noexcept override;
+    std::shared_ptr<Image>
+    YKCreateDeviceAppropriateHomeScreenIconImageFromBundle(const std::shared_ptr<Bundle>& bundle) noexcept override;
+    std::unique_ptr<ImageDestination> destinationWithType_count(std::string_view type,
+                                                                std::size_t count) noexcept override;
+
+  private:
+    Context& _context;
+    Files& _files;
+};
+
+} // namespace appsync::inmemory

@@ -1,0 +1,124 @@
+// The application registry in memory.
+#pragma once
+
+#include "platform/ApplicationRegistry.h"
+#include "tests/inmemory/Context.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace appsync::inmemory {
+
+/// A progress object that writes its setters into the journal as "progress(ID).setter(value)".
+class Progress final : public FNProgress {
+  public:
+    Progress(Context& context, std::string identifier) : _context(context), _identifier(std::move(identifier)) {}
+    std::uint64_t installState() noexcept override;
+    void setInstallState(std::uint64_t newState) noexcept override;
+    std::uint64_t installPhase() noexcept override;
+    void setInstallPhase(std::uint64_t newPhase) noexcept override;
+    std::int64_t totalUnitCount() noexcept override;
+    void setTotalUnitCount(std::int64_t units) noexcept override;
+    void setCompletedUnitCount(std::int64_t units) noexcept override;
+    void cancel() noexcept override;
+    std::string description() noexcept override { return "<progress " + _identifier + ">"; }
+
+    std::uint64_t state = 0;
+    std::uint64_t phase = 0;
+    std::int64_t total = 0;
+    std::int64_t completed = 0;
+
+  private:
+    void _record(std::string_view setter, std::int64_t value);
+
+    Context& _context;
+    const std::string _identifier;
+};
+
+/// One app as a test describes it; also its proxy. Reading it leaves no trace in the journal.
+struct Application final : PDApplicationProxy {
+    std::string identifier;
+    std::optional<std::string> registeredAs; // the application identifier where it is not the bundle's
+    std::optional<std::string> version;
+    std::string bundlePath;
+    std::string containerPath;
+    std::uint64_t type = 0;
+    std::string kind = "User";
+    bool installed = true;
+    bool placeholder = false;
+    std::uint64_t size = 0;
+    std::shared_ptr<Progress> progress;
+
+    std::string applicationIdentifier() noexcept override { return registeredAs.value_or(identifier); }
+    std::string bundleIdentifier() noexcept override { return identifier; }
+    std::optional<std::string> bundleVersion() noexcept override { return version; }
+    std::optional<FileURL> bundleURL() noexcept override { return FileURL::fileURLWithPath(bundlePath, true); }
+    std::optional<FileURL> bundleContainerURL() noexcept override {
+        return FileURL::fileURLWithPath(containerPath, true);
+    }
+    std::uint64_t installType() noexcept override { return type; }
+    std::string applicationType() noexcept override { return kind; }
+    bool isInstalled() noexcept override { return installed; }
+    bool isPlaceholder() noexcept override { return placeholder; }
+    PDApplicationState appState() noexcept override { return {placeholder, installed}; }
+    FNProgressPtr installProgressSync() noexcept override { return progress; }
+    PDDiskUsage diskUsage() noexcept override { return {size}; }
+    bool hasMIDBasedSINF() noexcept override { return false; }
+    std::string description() noexcept override { return "<app " + identifier + ">"; }
+};
+using ApplicationPtr = std::shared_ptr<Application>;
+
+/// Delivers the first report to an `InProgressAssetQuery` from a thread of its own, once the query waits for it.
+class Registry final : public PDApplicationWorkspace,
+                       public PDApplicationWorkspaceClass,
+                       public PDApplicationProxyClass {
+  public:
+    explicit Registry(Context& context) : _context(context) {}
+    ~Registry() override;
+
+    PDApplicationWorkspace& defaultWorkspace() noexcept override { return *this; }
+    PDApplicationProxyPtr applicationProxyForIdentifier_placeholder(std::string_view bundleIdentifier,
+                                                                    bool placeholder) noexcept override;
+    void addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
+    void removeObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
+    bool applicationIsInstalled(std::string_view bundleIdentifier) noexcept override;
+    bool installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
+                                              ErrorPtr* error) noexcept override;
+    bool installApplication_withOptions(const FileURL& url, const Dictionary& options) noexcept override;
+    bool uninstallApplication_withOptions(std::string_view bundleIdentifier,
+                                          const Dictionary* options) noexcept override;
+    FNProgressPtr installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
+                                                          std::uint64_t phase) noexcept override;
+    void installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept override;
+    void enumerateBundlesOfType_block(
+        std::uint64_t type,
+        const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block) noexcept override;
+
+    // What a test prepares and looks at.
+
+    ApplicationPtr addInstalled(std::string identifier, std::string version = "1.0");
+    ApplicationPtr addPlaceholder(std::string identifier, std::uint64_t installType = PDInstallTypeSync);
+    std::shared_ptr<Progress> addProgress(const ApplicationPtr& application, std::uint64_t state, std::uint64_t phase);
+    [[nodiscard]] ApplicationPtr find(std::string_view identifier, bool placeholder) const;
+    [[nodiscard]] std::vector<PDApplicationWorkspaceObserverProtocol*> observers() const;
+
+    /// The lists of the first report; null proxies are allowed in neither.
+    PDApplicationProxies prioritized;
+    PDApplicationProxies paused;
+
+  private:
+    ApplicationPtr _find(std::string_view identifier, bool placeholder) const;
+
+    Context& _context;
+    mutable std::mutex _mutex;
+    std::vector<ApplicationPtr> _applications;
+    std::vector<PDApplicationWorkspaceObserverProtocol*> _observers;
+    std::vector<std::thread> _reports;
+};
+
+} // namespace appsync::inmemory

@@ -1,0 +1,118 @@
+// Device policy, backup service, store client and low-level installation service in memory.
+#pragma once
+
+#include "platform/Backup.h"
+#include "platform/DevicePolicy.h"
+#include "platform/InstallationService.h"
+#include "platform/Store.h"
+#include "tests/inmemory/Context.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace appsync::inmemory {
+
+class Policy final : public OLProfileConnectionClass {
+  public:
+    explicit Policy(Context& context) : _context(context) {}
+    std::shared_ptr<OLProfileConnection> sharedConnection() noexcept override {
+        return std::make_shared<Connection>(*this);
+    }
+
+    std::map<std::string, OLBoolValue, std::less<>> settings;
+
+  private:
+    struct Connection final : OLProfileConnection {
+        explicit Connection(Policy& owner) : policy(owner) {}
+        OLBoolValue effectiveBoolValueForSetting(std::string_view setting) noexcept override {
+            policy._context.call("policy.effectiveBoolValueForSetting", std::string(setting));
+            const auto found = policy.settings.find(setting);
+            return found != policy.settings.end() ? found->second : OLBoolValue::unset;
+        }
+        Policy& policy;
+    };
+    Context& _context;
+};
+
+class BackupService final : public HVManagerClass {
+  public:
+    explicit BackupService(Context& context) : _context(context) {}
+    std::shared_ptr<HVManager> init() noexcept override {
+        _context.call("backup.init");
+        return std::make_shared<Manager>(*this);
+    }
+
+    std::set<std::string, std::less<>> withRestoreData;
+
+  private:
+    struct Manager final : HVManager {
+        explicit Manager(BackupService& owner) : service(owner) {}
+        bool restoreDataExistsForApplicationWithBundleID_size(std::string_view bundleID,
+                                                              std::uint64_t* size) noexcept override {
+            service._context.call("backup.restoreDataExists",
+                                  std::string(bundleID) + (size == nullptr ? ", no size" : ", size"));
+            return service.withRestoreData.contains(bundleID);
+        }
+        bool cancelApplicationRestoreWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
+            return !service._context.fails("backup.cancelApplicationRestore",
+                                           std::string(bundleID) + (error == nullptr ? ", no error" : ", error"),
+                                           error);
+        }
+        BackupService& service;
+    };
+    Context& _context;
+};
+
+/// Completes a refresh at once.
+class StoreClient final : public MWSoftwareLibraryClass {
+  public:
+    explicit StoreClient(Context& context) : _context(context) {}
+    std::shared_ptr<MWSoftwareLibrary> init() noexcept override {
+        _context.call("store.init");
+        return std::make_shared<Library>(*this);
+    }
+
+  private:
+    struct Library final : MWSoftwareLibrary {
+        explicit Library(StoreClient& owner) : client(owner) {}
+        void refreshReceiptsWithCompletionBlock(std::function<void(const ErrorPtr&)> completion) noexcept override {
+            completion(client._context.call("store.refreshReceipts"));
+        }
+        StoreClient& client;
+    };
+    Context& _context;
+};
+
+class LowLevelInstaller final : public TevrinInstallationService {
+  public:
+    explicit LowLevelInstaller(Context& context) : _context(context) {}
+    std::optional<Dictionary> TevrinLookupUninstalled(const Dictionary* options) noexcept override {
+        _context.call("tevrin.lookupUninstalled", options == nullptr ? "no options" : "options");
+        return uninstalled;
+    }
+    int TevrinClearUninstalled(const Array& bundleIdentifiers, const Dictionary* options) noexcept override {
+        const ErrorPtr fault =
+            _context.call("tevrin.clearUninstalled",
+                          Value(bundleIdentifiers).description() + (options == nullptr ? ", no options" : ", options"));
+        if (fault != nullptr) {
+            return static_cast<int>(fault->code());
+        }
+        for (const Value& identifier : bundleIdentifiers) {
+            if (uninstalled && identifier.string()) {
+                uninstalled->erase(*identifier.string());
+            }
+        }
+        return 0;
+    }
+
+    /// Nothing: the service does not answer.
+    std::optional<Dictionary> uninstalled = Dictionary{};
+
+  private:
+    Context& _context;
+};
+
+} // namespace appsync::inmemory
