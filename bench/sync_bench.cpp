@@ -1,0 +1,199 @@
+// Times whole syncs of `qrd` beside `unzip -q` of the same archives, in one run, and prints a table.
+//
+// Usage: sync_bench QRD FOLDER      FOLDER is made, filled and removed; the runs alternate, and the medians count.
+#include "desktop/ArchivePacker.h"
+#include "propertylist/Codec.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <random>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using appsync::desktop::packApp;
+
+struct Measured {
+    double seconds = 0;
+    double peakMegabytes = 0;
+};
+
+/// Runs a command with its output thrown away; ends the program when it fails.
+Measured run(const std::vector<std::string>& words) {
+    std::vector<char*> arguments;
+    for (const std::string& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    const auto start = std::chrono::steady_clock::now();
+    pid_t child = 0;
+    if (posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ) != 0) {
+        std::cerr << "cannot run " << words[0] << '\n';
+        std::exit(1);
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    rusage usage = {};
+    wait4(child, &status, 0, &usage);
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    if (status != 0) {
+        std::cerr << words[0] << " failed with status " << status << '\n';
+        std::exit(1);
+    }
+    return {elapsed.count(), static_cast<double>(usage.ru_maxrss) / 1024};
+}
+
+double median(std::vector<double> values) {
+    std::ranges::sort(values);
+    return values[values.size() / 2];
+}
+
+/// Bytes of which about half compresses, as an app's do.
+std::string content(std::size_t size, std::mt19937& random) {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>((i / 64) % 2 == 0 ? random() : 'a' + random() % 4);
+    }
+    return bytes;
+}
+
+void writeFile(const fs::path& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+/// An app of one binary and `files` resources, packed into the library.
+void addApp(const fs::path& library, int number, std::size_t binary, int files, std::size_t fileSize) {
+    std::mt19937 random(static_cast<unsigned>(number));
+    const std::string name = "App" + std::to_string(number);
+    const fs::path folder = library.parent_path() / "packing";
+    const fs::path app = folder / (name + ".app");
+    fs::remove_all(folder);
+    fs::create_directories(app / "Resources");
+    writeFile(app / "Info.plist",
+              "<plist version=\"1.0\"><dict><key>BXBundleIdentifier</key><string>com.example.bench." + name +
+                  "</string><key>BXBundleVersion</key><string>1.0</string>" +
+                  "<key>BXBundleExecutable</key><string>main</string>" + "<key>BXBundleDisplayName</key><string>" +
+                  name + "</string></dict></plist>");
+    writeFile(app / "main", content(binary, random));
+    for (int file = 0; file < files; ++file) {
+        writeFile(app / "Resources" / ("file" + std::to_string(file)), content(fileSize, random));
+    }
+    writeFile(folder / "TamblinArtwork", content(2000, random));
+    writeFile(folder / "TamblinMetadata.plist",
+              "<plist version=\"1.0\"><dict><key>title</key><string>" + name + "</string></dict></plist>");
+    appsync::PropertyListCodec propertyLists;
+    appsync::ErrorPtr error;
+    if (!packApp(folder.string(), (library / (name + ".archive")).string(), propertyLists, &error)) {
+        std::cerr << error->description() << '\n';
+        std::exit(1);
+    }
+    fs::remove_all(folder);
+}
+
+/// A path that no run has used. What a run leaves stays until the end: on ext4, creating files is slow for a while
+/// after many have been deleted.
+fs::path newFolder(const fs::path& folder) {
+    static int runs = 0;
+    return folder / ("run" + std::to_string(++runs));
+}
+
+Measured syncOnce(const std::string& qrd, const fs::path& folder, const fs::path& library, bool coordinated) {
+    const fs::path device = newFolder(folder);
+    std::vector<std::string> create{qrd, "device", "create", device};
+    if (!coordinated) {
+        create.emplace_back("--no-coordination");
+    }
+    run(create);
+    ::sync(); // what was written before is not this run's to flush
+    return run({qrd, "sync", device, "--library", library, "--json"});
+}
+
+double unzipOnce(const fs::path& folder, const fs::path& library) {
+    const fs::path target = newFolder(folder);
+    fs::create_directories(target);
+    std::vector<fs::path> archives;
+    std::ranges::copy(fs::directory_iterator(library), std::back_inserter(archives));
+    std::ranges::sort(archives);
+    ::sync();
+    double seconds = 0;
+    for (std::size_t i = 0; i < archives.size(); ++i) {
+        seconds += run({"unzip", "-q", archives[i], "-d", target / std::to_string(i)}).seconds;
+    }
+    return seconds;
+}
+
+void row(const char* what, double figure, const char* unit, double bound) {
+    std::printf("%-64s %10.2f %-10s at most %7.2f   %s\n", what, figure, unit, bound,
+                figure <= bound ? "ok" : "MISSED");
+}
+
+void compareWithUnzip(const std::string& qrd, const fs::path& folder) {
+    constexpr int apps = 100;
+    constexpr int rounds = 3;
+    const fs::path library = folder / "library";
+    fs::create_directories(library);
+    for (int number = 0; number < apps; ++number) {
+        addApp(library, number, 2'800'000, 57, 20'000);
+    }
+    std::vector<double> coordinated;
+    std::vector<double> unzip;
+    std::vector<double> peak;
+    for (int round = 0; round < rounds; ++round) {
+        const Measured sync = syncOnce(qrd, folder, library, true);
+        const double reference = unzipOnce(folder, library);
+        coordinated.push_back(sync.seconds);
+        unzip.push_back(reference);
+        peak.push_back(sync.peakMegabytes);
+    }
+    std::printf("100 archives of 4 MB: unzip -q one after another %.2f s, coordinated sync %.2f s (medians of %d)\n",
+                median(unzip), median(coordinated), rounds);
+    row("coordinated sync, wall time beside unzip -q", median(coordinated) / median(unzip), "times", 1.0);
+    row("coordinated sync, peak memory", median(peak), "MB", 150);
+}
+
+void syncManySmall(const std::string& qrd, const fs::path& folder) {
+    constexpr int apps = 1000;
+    const fs::path library = folder / "small" / "library";
+    fs::create_directories(library);
+    for (int number = 0; number < apps; ++number) {
+        addApp(library, number, 6'000, 2, 1'500);
+    }
+    std::vector<double> seconds;
+    for (int round = 0; round < 3; ++round) {
+        seconds.push_back(syncOnce(qrd, folder, library, true).seconds);
+    }
+    row("coordinated sync of 1000 archives of 10 KB, time an app", median(seconds) * 1000 / apps, "ms", 5);
+}
+
+} // namespace
+
+int main(int count, char** words) {
+    if (count != 3) {
+        std::cerr << "usage: sync_bench QRD FOLDER\n";
+        return 2;
+    }
+    const fs::path folder = words[2];
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    compareWithUnzip(words[1], fs::absolute(folder));
+    syncManySmall(words[1], fs::absolute(folder));
+    fs::remove_all(folder);
+    return 0;
+}
