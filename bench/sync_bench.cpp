@@ -82,9 +82,8 @@ void writeFile(const fs::path& path, const std::string& bytes) {
 void addApp(const fs::path& library, int number, std::size_t binary, int files, std::size_t fileSize) {
     std::mt19937 random(static_cast<unsigned>(number));
     const std::string name = "App" + std::to_string(number);
-    const fs::path folder = library.parent_path() / "packing";
+    const fs::path folder = library.parent_path() / "packing" / name; // left there: see newFolder
     const fs::path app = folder / (name + ".app");
-    fs::remove_all(folder);
     fs::create_directories(app / "Resources");
     writeFile(app / "Info.plist",
               "<plist version=\"1.0\"><dict><key>BXBundleIdentifier</key><string>com.example.bench." + name +
@@ -104,7 +103,6 @@ void addApp(const fs::path& library, int number, std::size_t binary, int files, 
         std::cerr << error->description() << '\n';
         std::exit(1);
     }
-    fs::remove_all(folder);
 }
 
 /// A path that no run has used. What a run leaves stays until the end: on ext4, creating files is slow for a while
