@@ -1,6 +1,7 @@
 #include "device/Device.h"
 
 #include "device/coordinator/InstallCoordinator.h"
+#include "device/processes/ProcessTable.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "device/registry/UninstalledList.h"
 #include "device/root/Database.h"
@@ -8,7 +9,6 @@
 #include "device/screen/CairoImage.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/screen/DeviceIconRenderer.h"
-#include "device/screen/RunningApps.h"
 #include "device/services/BackupService.h"
 #include "device/services/DevicePolicy.h"
 #include "device/services/DeviceProcess.h"
@@ -77,7 +77,7 @@ struct Device::Services {
     NotificationNames notifications;
     DeviceNotificationCenter notificationCenter;
     DeviceProcess process;
-    NoRunningApps runningApps;
+    std::unique_ptr<ProcessTable> processes;
     std::unique_ptr<AppBundles> bundles;
     std::unique_ptr<DeviceIconRenderer> iconRenderer;
     PNGDestinations imageDestinations;
@@ -146,10 +146,11 @@ Result<void> Device::Services::openApps(const DeviceEnvironment& environment) {
 }
 
 Result<void> Device::Services::openScreen() {
+    processes = std::make_unique<ProcessTable>(*root);
     bundles = std::make_unique<AppBundles>(root->files(), propertyLists);
     iconRenderer = std::make_unique<DeviceIconRenderer>(root->files());
     return place(homeScreen, DeviceHomeScreen::open({*database, *registry, propertyLists, notifications, *iconRenderer,
-                                                     runningApps, *log}));
+                                                     *processes, *log}));
 }
 
 Result<void> Device::Services::openCoordinator() {
@@ -296,6 +297,9 @@ UninstalledList& Device::uninstalledList() noexcept {
 InstallCoordinator& Device::coordinator() noexcept {
     return *_services->coordinator;
 }
+ProcessTable& Device::processes() noexcept {
+    return *_services->processes;
+}
 DeviceHomeScreen& Device::homeScreen() noexcept {
     return *_services->homeScreen;
 }
@@ -317,6 +321,37 @@ DeviceNotificationCenter& Device::notificationCenter() noexcept {
 TimerScheduler& Device::scheduler() noexcept {
     return _services->scheduler;
 }
+
+Result<pid_t> Device::launch(std::string_view identifier, bool busy) {
+    const auto refuse = [&](ProcessError code, const std::string& reason) {
+        return makeError(ProcessErrorDomain, static_cast<std::int64_t>(code),
+                         std::string(identifier) + " cannot be launched: " + reason);
+    };
+    Services& s = *_services;
+    const auto app = s.registry->application(identifier);
+    if (!app || !app->isInstalled) {
+        return refuse(ProcessError::notInstalled, "the device has no such app; `qrd apps` lists those that it has");
+    }
+    AppBundle bundle(s.root->files(), s.propertyLists, app->bundlePath);
+    if (const auto prohibited = bundle.objectForInfoDictionaryKey("PDApplicationLaunchProhibited");
+        prohibited && prohibited->truth().value_or(false)) {
+        return refuse(ProcessError::prohibited, "its Info.plist prohibits that");
+    }
+    const auto name = bundle.objectForInfoDictionaryKey("BXBundleExecutable");
+    const std::string executable(name ? name->string().value_or("") : "");
+    if (executable.empty() || executable.find('/') != std::string::npos) {
+        return refuse(ProcessError::noExecutable, "its Info.plist names no executable");
+    }
+    ErrorPtr error;
+    if (!s.root->files().createDirectory(app->dataContainerPath, true, std::nullopt, &error)) {
+        return error;
+    }
+    return s.processes->launch({.identifier = app->identifier,
+                                .executable = s.root->hostPath(app->bundlePath + "/" + executable),
+                                .dataFolder = s.root->hostPath(app->dataContainerPath),
+                                .busy = busy});
+}
+
 bool Device::coordinationIsEnabled() const noexcept {
     return _services->coordinationIsEnabled;
 }

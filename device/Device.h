@@ -11,6 +11,7 @@
 //   registry        apps, placeholders, installs under way       device/registry/Registry.h
 //   uninstalledList what a person has removed                    device/registry/UninstalledList.h
 //   coordinator     installs through coordinators and promises   device/coordinator/InstallCoordinator.h
+//   processes       the apps that run                            device/processes/ProcessTable.h
 //   homeScreen      icon layout, what there is to see            device/screen/DeviceHomeScreen.h
 //   policy          what is allowed                              device/services/DevicePolicy.h
 //   backup          data that waits to be restored               device/services/BackupService.h
@@ -23,6 +24,8 @@
 #include "device/registry/Registry.h"
 #include "device/root/Root.h"
 #include "device/services/LogFile.h"
+
+#include <sys/types.h>
 
 #include <memory>
 #include <string>
@@ -42,6 +45,7 @@ class DeviceNotificationCenter;
 class DevicePolicy;
 class InstallCoordinator;
 class NotificationNames;
+class ProcessTable;
 class StoreClient;
 class TimerScheduler;
 class TransactionLog;
@@ -94,6 +98,7 @@ class Device {
     [[nodiscard]] Registry& registry() noexcept;
     [[nodiscard]] UninstalledList& uninstalledList() noexcept;
     [[nodiscard]] InstallCoordinator& coordinator() noexcept;
+    [[nodiscard]] ProcessTable& processes() noexcept;
     [[nodiscard]] DeviceHomeScreen& homeScreen() noexcept;
     [[nodiscard]] DevicePolicy& policy() noexcept;
     [[nodiscard]] BackupService& backup() noexcept;
@@ -102,6 +107,9 @@ class Device {
     [[nodiscard]] DeviceNotificationCenter& notificationCenter() noexcept;
     [[nodiscard]] TimerScheduler& scheduler() noexcept;
 
+    /// Starts an installed app, as a tap on its icon would; the number of its process. `busy`: it begins busy. Errors
+    /// are of `ProcessErrorDomain`.
+    [[nodiscard]] Result<pid_t> launch(std::string_view identifier, bool busy = false);
     [[nodiscard]] bool coordinationIsEnabled() const noexcept;
     /// What the registry had to put in order when the device was opened.
     [[nodiscard]] const Settlement& settlement() const noexcept;

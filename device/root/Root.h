@@ -5,6 +5,7 @@
 //   DIR/var/db/device.sqlite      what the services remember
 //   DIR/var/containers/Bundle/    the installed apps
 //   DIR/var/mobile/               files of the person who owns the device
+//   DIR/var/run/                  what holds while processes live: running apps, a running sync
 //   DIR/tmp/                      the temporary directory
 #pragma once
 

@@ -21,13 +21,4 @@ class RunningApps {
     virtual void letGo(std::string_view bundleIdentifier) noexcept = 0;
 };
 
-/// A device on which no app is ever started.
-class NoRunningApps final : public RunningApps {
-  public:
-    [[nodiscard]] Answer endAndHold(std::string_view /*bundleIdentifier*/) noexcept override {
-        return Answer::notRunning;
-    }
-    void letGo(std::string_view /*bundleIdentifier*/) noexcept override {}
-};
-
 } // namespace appsync::device
