@@ -24,8 +24,31 @@ struct SyncArguments {
     std::string plugin = {}; // empty: the bundle beside the program
     bool dryRun = false;
     bool json = false;
+    std::string bandwidth = {}; // of the transfers, "10MB/s"; empty: as fast as it goes
 };
 [[nodiscard]] ExitCode sync(const SyncArguments& arguments);
+
+struct LaunchArguments {
+    std::string device = {};
+    std::string app = {};
+    bool busy = false;
+};
+[[nodiscard]] ExitCode launch(const LaunchArguments& arguments);
+
+/// Of the sync that runs on a device.
+struct ControlArguments {
+    std::string device = {};
+    std::string app = {};
+};
+[[nodiscard]] ExitCode prioritize(const ControlArguments& arguments);
+[[nodiscard]] ExitCode cancel(const ControlArguments& arguments);
+
+struct StatusArguments {
+    std::string device = {};
+    bool follow = false;
+    bool json = false;
+};
+[[nodiscard]] ExitCode showSyncStatus(const StatusArguments& arguments);
 
 struct AppsArguments {
     std::string device = {};

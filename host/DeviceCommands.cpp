@@ -1,5 +1,6 @@
 // The commands about one device: making it, listing its apps, its logs, its home screen.
 #include "device/Device.h"
+#include "device/processes/ProcessTable.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/LogReader.h"
 #include "device/services/TransactionLog.h"
@@ -29,9 +30,9 @@ const char* levelName(LogLevel level) {
     return level == LogLevel::error ? "error" : "default";
 }
 
-std::string stateOf(const device::Application& app) {
+std::string stateOf(const device::Application& app, bool isRunning) {
     if (!app.isPlaceholder) {
-        return "installed";
+        return isRunning ? "running" : "installed";
     }
     std::string state = app.isInstalled ? "updating" : "waiting";
     if (app.progress) {
@@ -40,12 +41,10 @@ std::string stateOf(const device::Application& app) {
     return state;
 }
 
-Json toJson(const device::Application& app) {
-    Json entry{{"identifier", app.identifier},
-               {"name", app.name},
-               {"version", nullptr},
-               {"installed", app.isInstalled},
-               {"placeholder", app.isPlaceholder}};
+Json toJson(const device::Application& app, bool isRunning) {
+    Json entry{
+        {"identifier", app.identifier},     {"name", app.name},    {"version", nullptr}, {"installed", app.isInstalled},
+        {"placeholder", app.isPlaceholder}, {"running", isRunning}};
     if (app.version) {
         entry["version"] = *app.version;
     }
@@ -118,8 +117,9 @@ ExitCode listApps(const AppsArguments& arguments) {
     Json list = Json::array();
     Table table({"App", "Version", "State", "Identifier"});
     for (const device::Application& app : device->registry().applications()) {
-        list.push_back(toJson(app));
-        table.add({app.name, app.version.value_or("-"), stateOf(app), app.identifier});
+        const bool isRunning = device->processes().isRunning(app.identifier);
+        list.push_back(toJson(app, isRunning));
+        table.add({app.name, app.version.value_or("-"), stateOf(app, isRunning), app.identifier});
     }
     if (arguments.json) {
         std::cout << list.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';

@@ -2,16 +2,16 @@
 
 namespace appsync::host {
 
-Platform withWorkspace(const Platform& platform, PDApplicationWorkspaceClass& workspaces) {
+Platform withHostServices(const Platform& platform, const HostServices& services) {
     return {.log = platform.log,
             .transactionLog = platform.transactionLog,
             .deviceService = platform.deviceService,
             .errorClassification = platform.errorClassification,
             .process = platform.process,
-            .scheduler = platform.scheduler,
+            .scheduler = services.scheduler,
             .files = platform.files,
             .propertyLists = platform.propertyLists,
-            .workspaces = workspaces,
+            .workspaces = services.workspaces,
             .applicationProxies = platform.applicationProxies,
             .installationService = platform.installationService,
             .coordinators = platform.coordinators,
@@ -26,7 +26,7 @@ Platform withWorkspace(const Platform& platform, PDApplicationWorkspaceClass& wo
             .profileConnections = platform.profileConnections,
             .backupManagers = platform.backupManagers,
             .softwareLibraries = platform.softwareLibraries,
-            .homeScreen = platform.homeScreen,
+            .homeScreen = services.homeScreen,
             .notifications = platform.notifications,
             .notificationCenter = platform.notificationCenter,
             .bundles = platform.bundles,

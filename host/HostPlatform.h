@@ -5,7 +5,14 @@
 
 namespace appsync::host {
 
-/// The same platform with another workspace.
-[[nodiscard]] Platform withWorkspace(const Platform& platform, PDApplicationWorkspaceClass& workspaces);
+/// Services that the host stands in front of.
+struct HostServices {
+    PDApplicationWorkspaceClass& workspaces;
+    HomeScreen& homeScreen;
+    Scheduler& scheduler;
+};
+
+/// The device's platform with the host's services in place of the device's.
+[[nodiscard]] Platform withHostServices(const Platform& platform, const HostServices& services);
 
 } // namespace appsync::host

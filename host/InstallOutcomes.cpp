@@ -1,5 +1,7 @@
 #include "host/InstallOutcomes.h"
 
+#include "host/TransferQueue.h"
+
 namespace appsync::host {
 
 void InstallOutcomes::installEnded(std::string_view identifier, const ErrorPtr& error) {
@@ -16,6 +18,23 @@ std::optional<ErrorPtr> InstallOutcomes::outcomeOf(std::string_view identifier) 
     return found != _outcomes.end() ? std::optional(found->second) : std::nullopt;
 }
 
+void InstallOutcomes::willBeCancelled(std::string_view identifier) {
+    const std::lock_guard lock(_mutex);
+    _cancelled.emplace(identifier);
+}
+
+void InstallOutcomes::wasNotCancelled(std::string_view identifier) {
+    const std::lock_guard lock(_mutex);
+    if (const auto cancelled = _cancelled.find(identifier); cancelled != _cancelled.end()) {
+        _cancelled.erase(cancelled);
+    }
+}
+
+bool InstallOutcomes::isCancelled(std::string_view identifier) const {
+    const std::lock_guard lock(_mutex);
+    return _cancelled.contains(identifier);
+}
+
 void InstallOutcomes::coordinatorDidCompleteSuccessfully(const KXAppInstallCoordinatorPtr& coordinator) noexcept {
     installEnded(coordinator->bundleID().value_or(""), coordinator->error());
 }
@@ -24,6 +43,16 @@ void InstallOutcomes::coordinator_canceledWithReason_client(const KXAppInstallCo
                                                             const ErrorPtr& reason,
                                                             KXClientIdentifier /*client*/) noexcept {
     installEnded(coordinator->bundleID().value_or(""), reason);
+}
+
+void ObservedWorkspace::refuse(std::string_view bundleIdentifier) {
+    const std::lock_guard lock(_mutex);
+    _refused.emplace(bundleIdentifier);
+}
+
+bool ObservedWorkspace::_isRefused(std::string_view bundleIdentifier) const {
+    const std::lock_guard lock(_mutex);
+    return _refused.contains(bundleIdentifier);
 }
 
 void ObservedWorkspace::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
@@ -40,9 +69,11 @@ bool ObservedWorkspace::applicationIsInstalled(std::string_view bundleIdentifier
 
 bool ObservedWorkspace::installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
                                                              ErrorPtr* error) noexcept {
-    ErrorPtr failure;
-    const bool installed = _workspace.installApplication_withOptions_error(url, options, &failure);
-    _outcomes.installEnded(options.string(PDBundleIdentifierKey).value_or(""), installed ? nullptr : failure);
+    const auto identifier = options.string(PDBundleIdentifierKey).value_or("");
+    ErrorPtr failure = _isRefused(identifier) ? cancelledByUserError() : nullptr;
+    const bool installed =
+        failure == nullptr && _workspace.installApplication_withOptions_error(url, options, &failure);
+    _outcomes.installEnded(identifier, installed ? nullptr : failure);
     if (error != nullptr) {
         *error = failure;
     }

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -25,6 +26,12 @@ class InstallOutcomes final : public KXAppInstallObserverDelegate {
     /// The outcome of an app's install: an error, or null for success; nothing while it has not ended.
     [[nodiscard]] std::optional<ErrorPtr> outcomeOf(std::string_view identifier) const;
 
+    /// A person is about to take an app's install back; what is reported of it from now on is a cancel.
+    void willBeCancelled(std::string_view identifier);
+    /// There was nothing to take back.
+    void wasNotCancelled(std::string_view identifier);
+    [[nodiscard]] bool isCancelled(std::string_view identifier) const;
+
     void coordinatorDidCompleteSuccessfully(const KXAppInstallCoordinatorPtr& coordinator) noexcept override;
     void coordinator_canceledWithReason_client(const KXAppInstallCoordinatorPtr& coordinator, const ErrorPtr& reason,
                                                KXClientIdentifier client) noexcept override;
@@ -33,14 +40,18 @@ class InstallOutcomes final : public KXAppInstallObserverDelegate {
     const Listener _listener;
     mutable std::mutex _mutex;
     std::map<std::string, ErrorPtr, std::less<>> _outcomes;
+    std::set<std::string, std::less<>> _cancelled;
 };
 
-/// The registry's workspace as the plug-in gets it: passes every call on, and tells how installs ended.
+/// The registry's workspace as the plug-in gets it: passes every call on, and tells how installs ended. Any thread.
 class ObservedWorkspace final : public PDApplicationWorkspace, public PDApplicationWorkspaceClass {
   public:
     /// Both must outlive the workspace.
     ObservedWorkspace(PDApplicationWorkspace& workspace, InstallOutcomes& outcomes)
         : _workspace(workspace), _outcomes(outcomes) {}
+
+    /// From now on, archives of this app are not installed: a person does not want it.
+    void refuse(std::string_view bundleIdentifier);
 
     PDApplicationWorkspace& defaultWorkspace() noexcept override { return *this; }
     void addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
@@ -59,8 +70,12 @@ class ObservedWorkspace final : public PDApplicationWorkspace, public PDApplicat
         const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block) noexcept override;
 
   private:
+    [[nodiscard]] bool _isRefused(std::string_view bundleIdentifier) const;
+
     PDApplicationWorkspace& _workspace;
     InstallOutcomes& _outcomes;
+    mutable std::mutex _mutex; // guards the rest
+    std::set<std::string, std::less<>> _refused;
 };
 
 } // namespace appsync::host

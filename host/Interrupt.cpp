@@ -1,5 +1,10 @@
 #include "host/Interrupt.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <initializer_list>
 
@@ -7,7 +12,9 @@ namespace appsync::host {
 
 namespace {
 
-volatile std::sig_atomic_t signalled = 0; // a signal handler can reach nothing but a global
+// A signal handler can reach nothing but globals.
+volatile std::sig_atomic_t signalled = 0;
+volatile std::sig_atomic_t event = -1;
 
 void handle(int signal) {
     if (signalled != 0) {
@@ -15,12 +22,18 @@ void handle(int signal) {
         std::raise(signal);
     }
     signalled = 1;
+    if (event >= 0) {
+        const int before = errno;
+        (void)::eventfd_write(event, 1);
+        errno = before;
+    }
 }
 
 } // namespace
 
-Interrupt::Interrupt() {
+Interrupt::Interrupt() : _event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     signalled = 0;
+    event = _event;
     for (const int signal : {SIGINT, SIGTERM}) {
         std::signal(signal, handle);
     }
@@ -30,6 +43,15 @@ Interrupt::~Interrupt() {
     for (const int signal : {SIGINT, SIGTERM}) {
         std::signal(signal, SIG_DFL);
     }
+    event = -1;
+    ::close(_event);
+}
+
+void Interrupt::waitFor(std::chrono::nanoseconds time) const noexcept {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    const timespec timeout{seconds.count(), (time - seconds).count()};
+    pollfd awaited{_event, POLLIN, 0};
+    ::ppoll(&awaited, 1, &timeout, nullptr);
 }
 
 bool Interrupt::requested() noexcept {

@@ -3,10 +3,15 @@
 #include "desktop/Staging.h"
 #include "device/Device.h"
 #include "device/coordinator/InstallObservers.h"
+#include "device/root/Root.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/Notifications.h"
+#include "host/BusyApps.h"
+#include "host/ControlServer.h"
 #include "host/HostPlatform.h"
 #include "host/InstallOutcomes.h"
+#include "host/Interrupt.h"
+#include "host/PersonOnDevice.h"
 #include "host/PlugIn.h"
 #include "host/SyncSession.h"
 #include "host/TransferQueue.h"
@@ -14,14 +19,40 @@
 
 namespace appsync::host {
 
-SyncReport runSync(device::Device& device, const desktop::SyncList& list, const std::string& plugInPath,
-                   SyncView& view) {
+namespace {
+
+constexpr const char* inUse = "it is in use and cannot be ended now";
+
+/// The control socket's end, taken away when the sync is over.
+class ControlPoint {
+  public:
+    ControlPoint(const std::string& deviceFolder, const Interrupt* interrupt, ControlHandlers handlers, SyncView& view)
+        : _folder(deviceFolder) {
+        ErrorPtr problem;
+        auto listening = listenForControl(deviceFolder, &problem);
+        if (problem != nullptr) {
+            view.note(reasonOf(problem));
+        }
+        _server.emplace(std::move(listening), interrupt != nullptr ? interrupt->descriptor() : -1, std::move(handlers));
+    }
+    ~ControlPoint() { removeControlSocket(_folder); }
+    ControlPoint(const ControlPoint&) = delete;
+    ControlPoint& operator=(const ControlPoint&) = delete;
+
+  private:
+    const std::string _folder;
+    std::optional<ControlServer> _server;
+};
+
+} // namespace
+
+SyncReport runSync(device::Device& device, const desktop::SyncList& list, const SyncOptions& options, SyncView& view) {
     SyncReport report;
     const auto layout = desktop::iconLayout(device.homeScreen().flattenedOrder(), list);
     if (!desktop::writeStagingArea(device.files(), device.propertyLists(), list, layout, &report.failure)) {
         return report;
     }
-    const auto plugIn = PlugIn::load(plugInPath, device.propertyLists(), &report.failure);
+    const auto plugIn = PlugIn::load(options.plugInPath, device.propertyLists(), &report.failure);
     if (!plugIn) {
         return report;
     }
@@ -31,7 +62,11 @@ SyncReport runSync(device::Device& device, const desktop::SyncList& list, const 
     ErrorClassification errorClassification;
     const Platform devicePlatform = device.platform(deviceService, errorClassification);
     ObservedWorkspace workspace(devicePlatform.workspaces.defaultWorkspace(), outcomes);
-    const auto client = plugIn->createClient(withWorkspace(devicePlatform, workspace));
+    BusyApps busyApps(devicePlatform.homeScreen, devicePlatform.scheduler,
+                      [&view](const std::string& identifier, BusyApps::Time nextTry) {
+                          view.installWaits(identifier, inUse, nextTry);
+                      });
+    const auto client = plugIn->createClient(withHostServices(devicePlatform, {workspace, busyApps, busyApps}));
     if (client == nullptr) {
         report.failure = hostError("The plug-in '" + plugIn->identifier() + "' did not start.");
         return report;
@@ -41,7 +76,14 @@ SyncReport runSync(device::Device& device, const desktop::SyncList& list, const 
     // After the plug-in's own connection, which gets the reports that waited for one.
     const auto observer = devicePlatform.installObservers.initWithMachServiceName_forClients_delegate(
         device::ObserverServiceName, {KXClientSyncHost}, &outcomes);
-    return SyncSession({device, *client, deviceService, outcomes, view}, list).run();
+    PersonOnDevice person(device, deviceService, workspace, busyApps, outcomes);
+    const ControlPoint control(device.root().folder(), options.interrupt,
+                               {.status = [&view] { return toJson(view.status()); },
+                                .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
+                                .cancel = [&person](const std::string& app) { return person.cancel(app); },
+                                .interrupted = [&busyApps] { busyApps.giveUp(); }},
+                               view);
+    return SyncSession({device, *client, deviceService, outcomes, view, options.bandwidth}, list).run();
 }
 
 } // namespace appsync::host

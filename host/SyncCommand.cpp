@@ -2,8 +2,10 @@
 #include "desktop/SyncList.h"
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
+#include "host/Bandwidth.h"
 #include "host/Commands.h"
 #include "host/Interrupt.h"
+#include "host/Leftovers.h"
 #include "host/OpenDevice.h"
 #include "host/PlugIn.h"
 #include "host/RunSync.h"
@@ -59,6 +61,7 @@ ExitCode sync(const SyncArguments& arguments) {
         return code;
     }
     device->coordinator().waitUntilIdle(); // what an interrupted sync left to install is installed first
+    clearLeftovers(*device);
     ErrorPtr error;
     const auto library = desktop::readAppLibrary(arguments.library, device->propertyLists(), &error);
     if (!library) {
@@ -72,9 +75,19 @@ ExitCode sync(const SyncArguments& arguments) {
         return ExitCode::done;
     }
     const Interrupt interrupt;
+    SyncOptions options{.plugInPath = arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin,
+                        .interrupt = &interrupt};
+    std::optional<Bandwidth> bandwidth;
+    if (!arguments.bandwidth.empty()) {
+        const auto bytesPerSecond = parseBandwidth(arguments.bandwidth);
+        if (!bytesPerSecond) {
+            return fail("'" + arguments.bandwidth + "' is no bandwidth; write one like 10MB/s.", ExitCode::wrongUse);
+        }
+        bandwidth.emplace(*bytesPerSecond, [&](std::chrono::nanoseconds time) { interrupt.waitFor(time); });
+        options.bandwidth = &*bandwidth;
+    }
     SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(STDOUT_FILENO));
-    const SyncReport report =
-        runSync(*device, list, arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin, view);
+    const SyncReport report = runSync(*device, list, options, view);
     if (arguments.json) {
         printJson(std::cout, report);
     } else if (report.failure == nullptr) {

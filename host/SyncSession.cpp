@@ -74,12 +74,12 @@ std::vector<QRAssetPtr> SyncSession::_plan() {
     for (const desktop::AppArchive* app : _list.installs) {
         sizes[app->identifier] = app->size;
     }
-    std::uint64_t bytes = 0;
+    std::vector<AppStatus> planned;
     for (const QRAssetPtr& asset : assets) {
         _requested.insert(asset->identifier);
-        bytes += sizes[asset->identifier];
+        planned.push_back({asset->identifier, asset->prettyName.value_or(asset->identifier), sizes[asset->identifier]});
     }
-    _parties.view.began(assets.size(), bytes);
+    _parties.view.began(std::move(planned));
     return assets;
 }
 
@@ -110,14 +110,14 @@ ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue&
     const desktop::AppArchive& app = **found;
     const auto stopReason = [&]() -> ErrorPtr {
         if (queue.isCancelled(asset->identifier)) {
-            return transferError(TransferError::cancelledByUser, "Cancelled on the device.");
+            return cancelledByUserError();
         }
         return Interrupt::requested() ? interruptedError() : nullptr;
     };
     if (ErrorPtr reason = stopReason()) {
         return reason;
     }
-    _parties.view.transferBegan(asset->identifier, asset->prettyName.value_or(asset->identifier), app.size);
+    _parties.view.transferBegan(asset->identifier);
     double told = 0;
     const auto progress = [&](double fraction) {
         if (fraction - told < progressStep && fraction < 1) {
@@ -128,7 +128,7 @@ ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue&
         _parties.view.transferring(asset->identifier, fraction);
         _parties.client.assetTransfer_updatedProgress(asset, fraction);
     };
-    return transfer(_parties.device.files(), {app.path, asset->identifier, progress, stopReason});
+    return transfer(_parties.device.files(), {app.path, asset->identifier, progress, stopReason, _parties.bandwidth});
 }
 
 void SyncSession::_close() {
@@ -165,7 +165,13 @@ AppReport SyncSession::_reportOfInstall(const desktop::AppArchive& app) const {
     if (outcome && *outcome == nullptr) {
         report.result = _installedBefore.contains(app.identifier) ? AppResult::updated : AppResult::installed;
     } else if (outcome) {
-        report.reason = reasonOf(*outcome);
+        const bool isCancelled = _parties.outcomes.isCancelled(app.identifier);
+        report.result = isCancelled ? AppResult::cancelled : AppResult::failed;
+        report.reason = reasonOf(isCancelled ? cancelledByUserError() : *outcome);
+    } else if (_requested.contains(app.identifier) && Interrupt::requested()) {
+        report.result = AppResult::interrupted;
+        report.reason = _isWaiting(app.identifier) ? "It is in use and could not be replaced; close it and sync again."
+                                                   : reasonOf(interruptedError());
     } else if (_requested.contains(app.identifier)) {
         report.reason = "The device did not say how the install ended; `qrd log` tells more.";
     } else if (_parties.device.policy().value(OLFeatureAppInstallationAllowed) == OLBoolValue::explicitlyNo) {
@@ -176,6 +182,12 @@ AppReport SyncSession::_reportOfInstall(const desktop::AppArchive& app) const {
         report.reason = "The device did not ask for it; `qrd log` tells why.";
     }
     return report;
+}
+
+bool SyncSession::_isWaiting(std::string_view identifier) const {
+    const SyncStatus status = _parties.view.status();
+    const auto app = std::ranges::find(status.apps, identifier, &AppStatus::identifier);
+    return app != status.apps.end() && app->stage == AppStage::waiting;
 }
 
 AppReport SyncSession::_reportOfRemoval(const std::string& identifier) const {

@@ -21,6 +21,7 @@ class Device;
 
 namespace appsync::host {
 
+class Bandwidth;
 class DeviceService;
 class InstallOutcomes;
 class TransferQueue;
@@ -32,6 +33,7 @@ struct SyncParties {
     DeviceService& deviceService;
     InstallOutcomes& outcomes;
     SyncView& view;
+    Bandwidth* bandwidth; // null: as fast as it goes
 };
 
 /// For one sync, whose staging area has been written. One thread.
@@ -51,6 +53,7 @@ class SyncSession {
     void _close();
     [[nodiscard]] SyncReport _report() const;
     [[nodiscard]] AppReport _reportOfInstall(const desktop::AppArchive& app) const;
+    [[nodiscard]] bool _isWaiting(std::string_view identifier) const;
     [[nodiscard]] AppReport _reportOfRemoval(const std::string& identifier) const;
 
     const SyncParties _parties;

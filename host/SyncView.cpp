@@ -31,55 +31,79 @@ std::string percent(double fraction) {
     return std::string(number.size() < 3 ? 3 - number.size() : 0, ' ') + number + "%";
 }
 
+/// What stands behind an app's bar.
+std::string stageText(const AppStatus& app) {
+    switch (app.stage) {
+    case AppStage::installing: return "installing";
+    case AppStage::waiting: return "waiting: " + app.reason + "; next try at " + clockText(app.nextTry);
+    default: return percent(app.fraction);
+    }
+}
+
 } // namespace
 
 SyncView::Style SyncView::styleFor(int descriptor) {
     return ::isatty(descriptor) != 0 ? Style::bars : Style::lines;
 }
 
-void SyncView::began(std::size_t apps, std::uint64_t bytes) {
+void SyncView::began(std::vector<AppStatus> apps) {
     const std::lock_guard lock(_mutex);
-    _expected = apps;
-    _bytes = bytes;
+    _status.apps = std::move(apps);
+    for (std::size_t place = 0; place < _status.apps.size(); ++place) {
+        _places[_status.apps[place].identifier] = place;
+    }
 }
 
-void SyncView::transferBegan(std::string_view identifier, std::string_view name, std::uint64_t bytes) {
+void SyncView::transferBegan(std::string_view identifier) {
     const std::lock_guard lock(_mutex);
-    _order.emplace_back(identifier);
-    _underWay[std::string(identifier)] = {printable(name), bytes};
+    AppStatus& app = _app(identifier);
+    app.stage = AppStage::transferring;
+    _underWay.emplace_back(identifier);
     if (_style == Style::lines) {
-        _line("sending " + printable(name) + " (" + sizeText(bytes) + ")");
+        _line("sending " + printable(app.name) + " (" + sizeText(app.bytes) + ")");
     }
     _drawBars();
 }
 
 void SyncView::transferring(std::string_view identifier, double fraction) {
     const std::lock_guard lock(_mutex);
-    if (const auto app = _underWay.find(identifier); app != _underWay.end()) {
-        app->second.fraction = fraction;
-        _drawBars();
-    }
+    _app(identifier).fraction = fraction;
+    _drawBars();
 }
 
 void SyncView::transferEnded(std::string_view identifier, const ErrorPtr& error) {
     const std::lock_guard lock(_mutex);
-    const auto app = _underWay.find(identifier);
-    if (app == _underWay.end()) {
-        return;
-    }
-    _bytesDone += app->second.bytes;
-    app->second.transferred = true;
-    app->second.fraction = 1;
+    AppStatus& app = _app(identifier);
+    app.fraction = 1;
+    app.stage = AppStage::installing;
     if (error != nullptr) {
-        _end(identifier, "failed  " + app->second.name + ": " + reasonOf(error));
+        _end(app, error);
+    }
+    _drawBars();
+}
+
+void SyncView::installWaits(std::string_view identifier, const std::string& reason,
+                            std::chrono::system_clock::time_point nextTry) {
+    const std::lock_guard lock(_mutex);
+    AppStatus& app = _app(identifier);
+    app.stage = AppStage::waiting;
+    app.reason = reason;
+    app.nextTry = nextTry;
+    if (_style == Style::lines) {
+        _line("waiting " + printable(app.name) + ": " + reason + "; next try at " + clockText(nextTry));
     }
     _drawBars();
 }
 
 void SyncView::installEnded(std::string_view identifier, const ErrorPtr& error) {
     const std::lock_guard lock(_mutex);
-    _end(identifier, error == nullptr ? "done    " + _nameOf(identifier)
-                                      : "failed  " + _nameOf(identifier) + ": " + reasonOf(error));
+    _end(_app(identifier), error);
+    _drawBars();
+}
+
+void SyncView::note(const std::string& sentence) {
+    const std::lock_guard lock(_mutex);
+    _line("note: " + sentence);
     _drawBars();
 }
 
@@ -89,13 +113,25 @@ void SyncView::ended() {
     _out.flush();
 }
 
-void SyncView::_end(std::string_view identifier, const std::string& line) {
-    ++_finished;
-    std::erase(_order, identifier);
-    if (const auto app = _underWay.find(identifier); app != _underWay.end()) {
-        _underWay.erase(app);
+SyncStatus SyncView::status() const {
+    const std::lock_guard lock(_mutex);
+    return _status;
+}
+
+/// An app that nobody has planned is one all the same: a coordinator may end one of an earlier sync.
+AppStatus& SyncView::_app(std::string_view identifier) {
+    const auto [place, isNew] = _places.try_emplace(std::string(identifier), _status.apps.size());
+    if (!isNew) {
+        return _status.apps[place->second];
     }
-    _line(line);
+    return _status.apps.emplace_back(AppStatus{std::string(identifier), std::string(identifier)});
+}
+
+void SyncView::_end(AppStatus& app, const ErrorPtr& error) {
+    app.stage = error == nullptr ? AppStage::done : AppStage::failed;
+    app.reason = reasonOf(error);
+    std::erase(_underWay, app.identifier);
+    _line(error == nullptr ? "done    " + printable(app.name) : "failed  " + printable(app.name) + ": " + app.reason);
 }
 
 void SyncView::_line(const std::string& text) {
@@ -111,20 +147,17 @@ void SyncView::_drawBars() {
         return;
     }
     _eraseBars();
-    std::uint64_t bytes = _bytesDone;
     std::size_t drawn = 0;
-    for (const std::string& identifier : _order) {
-        const App& app = _underWay.find(identifier)->second;
-        bytes += app.transferred ? 0 : static_cast<std::uint64_t>(app.fraction * static_cast<double>(app.bytes));
+    for (const std::string& identifier : _underWay) {
         if (drawn < mostBars) {
-            _out << padded(app.name) << ' ' << bar(app.fraction) << ' '
-                 << (app.transferred ? "installing" : percent(app.fraction)) << '\n';
+            const AppStatus& app = _app(identifier);
+            _out << padded(printable(app.name)) << ' ' << bar(app.fraction) << ' ' << stageText(app) << '\n';
             ++drawn;
         }
     }
-    const double whole = _bytes == 0 ? 0 : static_cast<double>(bytes) / static_cast<double>(_bytes);
-    _out << padded("All apps") << ' ' << bar(whole) << ' ' << percent(whole) << "  " << _finished << " of " << _expected
-         << '\n'
+    const double whole = _status.fraction();
+    _out << padded("All apps") << ' ' << bar(whole) << ' ' << percent(whole) << "  " << _status.finished() << " of "
+         << _status.apps.size() << '\n'
          << std::flush;
     _drawnLines = drawn + 1;
 }
@@ -134,11 +167,6 @@ void SyncView::_eraseBars() {
         _out << "\x1b[" << _drawnLines << "A\x1b[J";
         _drawnLines = 0;
     }
-}
-
-std::string SyncView::_nameOf(std::string_view identifier) const {
-    const auto app = _underWay.find(identifier);
-    return app != _underWay.end() ? app->second.name : std::string(identifier);
 }
 
 } // namespace appsync::host

@@ -1,15 +1,16 @@
-// Shows a sync while it runs: progress bars on a terminal, otherwise plain lines.
+// Follows a sync while it runs and shows it: progress bars on a terminal, otherwise plain lines.
 #pragma once
 
+#include "host/SyncStatus.h"
 #include "platform/Error.h"
 
+#include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <iosfwd>
-#include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace appsync::host {
@@ -23,39 +24,35 @@ class SyncView {
     /// Bars when the stream of this descriptor is a terminal, otherwise lines.
     [[nodiscard]] static Style styleFor(int descriptor);
 
-    /// How many apps will be transferred, and their bytes.
-    void began(std::size_t apps, std::uint64_t bytes);
-    void transferBegan(std::string_view identifier, std::string_view name, std::uint64_t bytes);
+    /// The apps that will be transferred, with name and bytes.
+    void began(std::vector<AppStatus> apps);
+    void transferBegan(std::string_view identifier);
     /// `fraction` is 0 to 1.
     void transferring(std::string_view identifier, double fraction);
     void transferEnded(std::string_view identifier, const ErrorPtr& error);
+    void installWaits(std::string_view identifier, const std::string& reason,
+                      std::chrono::system_clock::time_point nextTry);
     void installEnded(std::string_view identifier, const ErrorPtr& error);
+    /// Something else that a person should know.
+    void note(const std::string& sentence);
     /// Takes the bars away.
     void ended();
 
-  private:
-    struct App {
-        std::string name;
-        std::uint64_t bytes = 0;
-        double fraction = 0;
-        bool transferred = false;
-    };
+    [[nodiscard]] SyncStatus status() const;
 
-    void _end(std::string_view identifier, const std::string& line);
+  private:
+    [[nodiscard]] AppStatus& _app(std::string_view identifier);
+    void _end(AppStatus& app, const ErrorPtr& error);
     void _line(const std::string& text);
     void _drawBars();
     void _eraseBars();
-    [[nodiscard]] std::string _nameOf(std::string_view identifier) const;
 
     std::ostream& _out;
     const Style _style;
-    std::mutex _mutex;
-    std::size_t _expected = 0;
-    std::size_t _finished = 0;
-    std::uint64_t _bytes = 0;
-    std::uint64_t _bytesDone = 0;                      // of apps whose transfer has ended
-    std::vector<std::string> _order;                   // of the apps under way
-    std::map<std::string, App, std::less<>> _underWay; // by identifier
+    mutable std::mutex _mutex; // guards the rest
+    SyncStatus _status;
+    std::unordered_map<std::string, std::size_t> _places; // of the apps in the status
+    std::vector<std::string> _underWay;                   // in the order in which their transfers began
     std::size_t _drawnLines = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include "desktop/ArchiveSource.h"
 #include "device/root/DeviceFileSystem.h"
+#include "host/Bandwidth.h"
 #include "host/TransferQueue.h"
 
 #include <fcntl.h>
@@ -42,7 +43,7 @@ ErrorPtr writeAll(int descriptor, std::span<const char> bytes, const std::string
 
 ErrorPtr copyPieces(desktop::ArchiveSource& source, int destination, const std::string& path,
                     const TransferRequest& request) {
-    std::vector<char> buffer(pieceSize);
+    std::vector<char> buffer(request.bandwidth != nullptr ? request.bandwidth->pieceSize(pieceSize) : pieceSize);
     std::uint64_t sent = 0;
     for (;;) {
         if (ErrorPtr reason = request.stopReason()) {
@@ -61,11 +62,18 @@ ErrorPtr copyPieces(desktop::ArchiveSource& source, int destination, const std::
             return failure;
         }
         sent += *length;
+        if (request.bandwidth != nullptr) {
+            request.bandwidth->sent(*length);
+        }
         request.progress(static_cast<double>(sent) / static_cast<double>(source.size()));
     }
 }
 
 } // namespace
+
+std::string receivedFolder() {
+    return publicStaging + std::string(ReceivedFolder);
+}
 
 std::string receivedPath(const std::string& identifier) {
     return std::string(ReceivedFolder) + "/" + identifier + ".archive";
@@ -80,7 +88,7 @@ ErrorPtr transfer(device::DeviceFileSystem& files, const TransferRequest& reques
     }
     const std::string path = publicStaging + receivedPath(request.identifier);
     const std::string unfinished = path + ".part";
-    files.createDirectory(publicStaging + std::string(ReceivedFolder), true, std::nullopt, nullptr);
+    files.createDirectory(receivedFolder(), true, std::nullopt, nullptr);
     {
         const auto destination = files.open(unfinished, O_WRONLY | O_CREAT | O_TRUNC);
         if (!destination) {

@@ -12,6 +12,8 @@ class DeviceFileSystem;
 
 namespace appsync::host {
 
+class Bandwidth;
+
 /// The folder of received files, relative to the public staging area.
 inline constexpr std::string_view ReceivedFolder = "Received";
 
@@ -22,8 +24,11 @@ struct TransferRequest {
     std::function<void(double fraction)> progress;
     /// Asked before each piece: an error ends the transfer with it, null goes on.
     std::function<ErrorPtr()> stopReason;
+    Bandwidth* bandwidth = nullptr; // as fast as it goes when null
 };
 
+/// The folder of received files on the device.
+[[nodiscard]] std::string receivedFolder();
 /// The received file's path relative to the public staging area.
 [[nodiscard]] std::string receivedPath(const std::string& identifier);
 

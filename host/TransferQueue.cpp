@@ -1,5 +1,7 @@
 #include "host/TransferQueue.h"
 
+#include "host/Interrupt.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -48,24 +50,31 @@ void DeviceService::setQueue(std::shared_ptr<TransferQueue> queue) {
     _queue = std::move(queue);
 }
 
+bool DeviceService::prioritize(std::string_view identifier) {
+    const auto queue = _currentQueue();
+    return queue != nullptr && queue->prioritize(identifier);
+}
+
+bool DeviceService::cancel(std::string_view identifier) {
+    const auto queue = _currentQueue();
+    return queue != nullptr && queue->cancel(identifier);
+}
+
 std::shared_ptr<QRDeviceService> DeviceService::sharedInstance() noexcept {
     return {std::shared_ptr<void>(), this}; // owned by the host, which outlives the plug-in
 }
 
 void DeviceService::prioritizeAsset_withCompletion(const QRAssetPtr& asset,
                                                    std::function<void(const ErrorPtr&)> completion) noexcept {
-    const auto queue = _currentQueue();
-    const bool moved = queue != nullptr && queue->prioritize(asset->identifier);
-    completion(moved ? nullptr
-                     : transferError(TransferError::interrupted, "'" + asset->identifier +
-                                                                     "' cannot be moved to the front: it does not "
-                                                                     "wait for its transfer."));
+    completion(prioritize(asset->identifier)
+                   ? nullptr
+                   : transferError(TransferError::interrupted, "'" + asset->identifier +
+                                                                   "' cannot be moved to the front: it does not "
+                                                                   "wait for its transfer."));
 }
 
 void DeviceService::cancelAssetTransferForFailedAsset(const QRAssetPtr& asset) noexcept {
-    if (const auto queue = _currentQueue()) {
-        queue->cancel(asset->identifier);
-    }
+    cancel(asset->identifier);
 }
 
 std::shared_ptr<TransferQueue> DeviceService::_currentQueue() {
@@ -78,11 +87,17 @@ bool ErrorClassification::QRIsRecoverableError(const ErrorPtr& error) noexcept {
         return false;
     }
     if (error->domain() == PosixErrorDomain) {
-        return error->code() == ENOSPC || error->code() == EDQUOT;
+        // The plug-in answers with EINVAL when it could not learn whether a busy app may be ended, as at an interrupt.
+        return error->code() == ENOSPC || error->code() == EDQUOT ||
+               (error->code() == EINVAL && Interrupt::requested());
     }
     return error->domain() == HostTransferErrorDomain &&
            (error->code() == static_cast<int>(TransferError::interrupted) ||
             error->code() == static_cast<int>(TransferError::noSpace));
+}
+
+ErrorPtr cancelledByUserError() {
+    return transferError(TransferError::cancelledByUser, "Cancelled on the device.");
 }
 
 ErrorPtr transferError(TransferError code, std::string description) {

@@ -50,6 +50,9 @@ class DeviceService final : public QRDeviceService, public QRDeviceServiceClass 
   public:
     /// The queue that requests go to from now on; null when no sync runs.
     void setQueue(std::shared_ptr<TransferQueue> queue);
+    /// As the operations of the queue; false also when no sync runs.
+    bool prioritize(std::string_view identifier);
+    bool cancel(std::string_view identifier);
 
     [[nodiscard]] std::shared_ptr<QRDeviceService> sharedInstance() noexcept override;
     [[nodiscard]] bool respondsToPrioritizeAsset() noexcept override { return true; }
@@ -74,5 +77,6 @@ class ErrorClassification final : public QRErrorClassification {
 
 /// An error of `HostTransferErrorDomain` with its sentence.
 [[nodiscard]] ErrorPtr transferError(TransferError code, std::string description);
+[[nodiscard]] ErrorPtr cancelledByUserError();
 
 } // namespace appsync::host

@@ -20,6 +20,7 @@ class CommandLine {
         _app.require_subcommand(1);
         _addDevice();
         _addSync();
+        _addPerson();
         _addQuestions();
         _addTools();
         _app.footer("Exit codes: 0 all done, 1 some app failed, 2 wrong use, 3 the device is in use (try again), "
@@ -64,8 +65,34 @@ class CommandLine {
         command->add_option("--remove", _sync.remove, "Remove this app (bundle identifier; may be repeated)");
         command->add_flag("--dry-run", _sync.dryRun, "Say what would be done, and do nothing");
         command->add_flag("--json", _sync.json, "Print the result as JSON");
+        command->add_option("--bandwidth", _sync.bandwidth, "Send no faster than this, for example 10MB/s");
         command->add_option("--plugin", _sync.plugin, "The plug-in bundle, instead of the one beside this program");
         _choose(command, _sync, sync);
+    }
+
+    void _addPerson() {
+        auto* launching = _app.add_subcommand("launch", "Start an app, as a tap on its icon would");
+        launching->add_option("DIR", _launch.device, "The device")->required();
+        launching->add_option("ID", _launch.app, "The app's bundle identifier")->required();
+        launching->add_flag("--busy", _launch.busy,
+                            "The app holds itself busy: it cannot be ended, and so not updated");
+        _choose(launching, _launch, launch);
+
+        auto* first = _app.add_subcommand("prioritize", "Have the running sync bring an app first");
+        first->add_option("DIR", _control.device, "The device")->required();
+        first->add_option("ID", _control.app, "The app's bundle identifier")->required();
+        _choose(first, _control, prioritize);
+
+        auto* taking = _app.add_subcommand("cancel", "Take an app's install in the running sync back");
+        taking->add_option("DIR", _control.device, "The device")->required();
+        taking->add_option("ID", _control.app, "The app's bundle identifier")->required();
+        _choose(taking, _control, cancel);
+
+        auto* status = _app.add_subcommand("status", "Show what the running sync does");
+        status->add_option("DIR", _status.device, "The device")->required();
+        status->add_flag("--follow", _status.follow, "Show each change until the sync ends");
+        status->add_flag("--json", _status.json, "Print JSON, one object a line");
+        _choose(status, _status, showSyncStatus);
     }
 
     void _addQuestions() {
@@ -111,6 +138,9 @@ class CommandLine {
     std::function<ExitCode()> _chosen;
     DeviceCreateArguments _create;
     SyncArguments _sync;
+    LaunchArguments _launch;
+    ControlArguments _control;
+    StatusArguments _status;
     AppsArguments _apps;
     LogArguments _log;
     ScreenArguments _screen;

@@ -186,11 +186,11 @@ TEST(Reports, GiveReasonsInWords) {
 TEST(Views, TellPlainLines) {
     std::ostringstream out;
     SyncView view(out, SyncView::Style::lines);
-    view.began(2, 3000);
-    view.transferBegan("a", "A\n", 1000);
+    view.began({{"a", "A\n", 1000}, {"b", "B", 2000}});
+    view.transferBegan("a");
     view.transferring("a", 0.5);
     view.transferEnded("a", nullptr);
-    view.transferBegan("b", "B", 2000);
+    view.transferBegan("b");
     view.transferEnded("b", transferError(TransferError::noSpace, "Full."));
     view.installEnded("a", nullptr);
     view.installEnded("x", Error::make("D", 1));
@@ -205,8 +205,8 @@ TEST(Views, TellPlainLines) {
 TEST(Views, DrawBarsAndTakeThemAway) {
     std::ostringstream out;
     SyncView view(out, SyncView::Style::bars);
-    view.began(2, 1000);
-    view.transferBegan("a", "A", 1000);
+    view.began({{"a", "A", 1000}, {"b", "B", 0}});
+    view.transferBegan("a");
     EXPECT_NE(out.str().find("A                      [............................]   0%\n"), std::string::npos);
     out.str("");
     view.transferring("a", 0.5);
@@ -229,8 +229,8 @@ TEST(Views, DrawBarsAndTakeThemAway) {
 TEST(Views, SayNothingWhenTheyAreQuiet) {
     std::ostringstream out;
     SyncView view(out, SyncView::Style::quiet);
-    view.began(1, 10);
-    view.transferBegan("a", "A", 10);
+    view.began({{"a", "A", 10}});
+    view.transferBegan("a");
     view.transferring("a", 0.5);
     view.transferEnded("a", nullptr);
     view.installEnded("a", nullptr);

@@ -195,7 +195,7 @@ TEST_F(Sync, GoesOnAfterAnInterruption) {
         SyncView view(shown, SyncView::Style::lines);
         const Interrupt interrupt;
         std::raise(SIGINT); // before the first piece is sent
-        const SyncReport report = runSync(**device, list, APPSYNC_BUNDLE, view);
+        const SyncReport report = runSync(**device, list, {.plugInPath = APPSYNC_BUNDLE}, view);
         EXPECT_TRUE(report.interrupted);
         ASSERT_EQ(report.apps.size(), 2u);
         for (const AppReport& app : report.apps) {

@@ -1,0 +1,41 @@
+// What a person can do on the device while a sync runs.
+#pragma once
+
+#include <string>
+
+namespace appsync::device {
+class Device;
+}
+
+namespace appsync::host {
+
+class BusyApps;
+class DeviceService;
+class InstallOutcomes;
+class ObservedWorkspace;
+
+/// Any thread. Each operation answers with an empty string, or with the sentence that says why nothing was done.
+class PersonOnDevice {
+  public:
+    /// All must outlive it.
+    PersonOnDevice(device::Device& device, DeviceService& deviceService, ObservedWorkspace& workspace,
+                   BusyApps& busyApps, InstallOutcomes& outcomes)
+        : _device(device), _deviceService(deviceService), _workspace(workspace), _busyApps(busyApps),
+          _outcomes(outcomes) {}
+
+    /// Asks for an app to come first.
+    [[nodiscard]] std::string prioritize(const std::string& app);
+    /// Takes an app's install back, be it waiting, under way, or about to be tried again. An installed version stays.
+    [[nodiscard]] std::string cancel(const std::string& app);
+
+  private:
+    [[nodiscard]] bool _cancelWithoutCoordination(const std::string& app);
+
+    device::Device& _device;
+    DeviceService& _deviceService;
+    ObservedWorkspace& _workspace;
+    BusyApps& _busyApps;
+    InstallOutcomes& _outcomes;
+};
+
+} // namespace appsync::host

@@ -1,0 +1,47 @@
+// What a running sync does at a moment.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace appsync::host {
+
+enum class AppStage {
+    queued,       // its transfer has not begun
+    transferring, //
+    installing,   // it has arrived
+    waiting,      // to be installed, until it is not in use any more
+    done,
+    failed,
+};
+
+struct AppStatus {
+    std::string identifier;
+    std::string name;        // never empty
+    std::uint64_t bytes = 0; // of the transfer
+    AppStage stage = AppStage::queued;
+    double fraction = 0;                                // of the transfer, 0 to 1
+    std::string reason = {};                            // of `failed` and `waiting`, in words a person understands
+    std::chrono::system_clock::time_point nextTry = {}; // of `waiting`
+};
+
+struct SyncStatus {
+    std::vector<AppStatus> apps; // in the order in which they were planned
+
+    /// Of the bytes to transfer, 0 to 1; 0 when there are none.
+    [[nodiscard]] double fraction() const;
+    /// Apps that are done or have failed.
+    [[nodiscard]] std::size_t finished() const;
+};
+
+[[nodiscard]] const char* nameOf(AppStage stage);
+/// One JSON object on one line, without its line end.
+[[nodiscard]] std::string toJson(const SyncStatus& status);
+/// The local time of day, "14:03:27".
+[[nodiscard]] std::string clockText(std::chrono::system_clock::time_point time);
+
+} // namespace appsync::host
