@@ -30,10 +30,10 @@ std::string nameOf(std::uint64_t number, std::span<const char* const> names, std
 
 void InProgressAssetQuery::currentInProgressAssetIDs_restoringAssetIDs(
     PDApplicationWorkspace& workspace, const PlugInLog& log, std::optional<std::vector<std::string>>& inProgress,
-    std::optional<std::vector<std::string>>& restoring) {
+    std::optional<std::vector<std::string>>& restoring, std::optional<std::chrono::milliseconds> bound) {
     inProgress = std::nullopt;
     restoring = std::nullopt;
-    InProgressAssetQuery query(log);
+    InProgressAssetQuery query(log, bound);
     workspace.addObserver(&query);
     if (query._fetchResults()) {
         inProgress = query._inProgressAssetIDs();

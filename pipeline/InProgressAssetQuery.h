@@ -16,10 +16,13 @@ class PlugInLog;
 
 class InProgressAssetQuery final : public PDApplicationWorkspaceObserver {
   public:
-    /// Both lists are nothing when the registry could not be asked. Waits for the registry without a time-out.
-    static void currentInProgressAssetIDs_restoringAssetIDs(PDApplicationWorkspace& workspace, const PlugInLog& log,
-                                                            std::optional<std::vector<std::string>>& inProgress,
-                                                            std::optional<std::vector<std::string>>& restoring);
+    /// Both lists are nothing when the bound passed before the registry answered. Without a bound this waits for as
+    /// long as it takes.
+    static void
+    currentInProgressAssetIDs_restoringAssetIDs(PDApplicationWorkspace& workspace, const PlugInLog& log,
+                                                std::optional<std::vector<std::string>>& inProgress,
+                                                std::optional<std::vector<std::string>>& restoring,
+                                                std::optional<std::chrono::milliseconds> bound = std::nullopt);
 
     /// Without a bound the query waits for as long as it takes.
     explicit InProgressAssetQuery(const PlugInLog& log, std::optional<std::chrono::milliseconds> bound = std::nullopt)

@@ -86,19 +86,7 @@ void AppsClient::_dropAppsInProgress(Dictionary& wanted) {
     std::optional<std::vector<std::string>> inProgress;
     std::optional<std::vector<std::string>> restoring;
     InProgressAssetQuery::currentInProgressAssetIDs_restoringAssetIDs(_workspace(), _log, inProgress, restoring);
-    if (!inProgress) {
-        _log.error("Failed to get list of assets already in progress!");
-    } else {
-        _log.message("Assets already in progress (not returning these): %{public}@", *inProgress);
-        for (const std::string& identifier : *inProgress) {
-            wanted.erase(identifier);
-        }
-    }
-    if (!restoring) {
-        _log.error("Failed to get list of assets currently restoring!");
-    } else {
-        _log.message("Assets currently restoring: %{public}@", *restoring);
-    }
+    dropAppsInProgress(_log, inProgress, restoring, wanted);
 }
 
 void AppsClient::_renewIconDirectory() {

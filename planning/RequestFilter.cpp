@@ -5,6 +5,23 @@
 
 namespace appsync {
 
+void dropAppsInProgress(const PlugInLog& log, const std::optional<std::vector<std::string>>& inProgress,
+                        const std::optional<std::vector<std::string>>& restoring, Dictionary& wanted) {
+    if (!inProgress) {
+        log.error("Failed to get list of assets already in progress!");
+    } else {
+        log.message("Assets already in progress (not returning these): %{public}@", *inProgress);
+        for (const std::string& identifier : *inProgress) {
+            wanted.erase(identifier);
+        }
+    }
+    if (!restoring) {
+        log.error("Failed to get list of assets currently restoring!");
+    } else {
+        log.message("Assets currently restoring: %{public}@", *restoring);
+    }
+}
+
 bool RequestFilter::admits(const Candidate& candidate) const {
     const std::string& identifier = candidate.identifier;
     if (!installationAllowed && !candidate.isRestore) {

@@ -49,6 +49,9 @@ bool Files::createDirectory(std::string_view path, bool withIntermediateDirector
     for (std::string folder(path); folder != "/"; folder = parentOf(folder)) {
         _folders.insert(folder);
     }
+    if (error != nullptr && complaintOfCreateDirectory != nullptr) {
+        *error = complaintOfCreateDirectory;
+    }
     return true;
 }
 

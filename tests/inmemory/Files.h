@@ -36,6 +36,9 @@ class Files final : public FileSystem {
 
     // What a test prepares and looks at; none of it is in the journal.
 
+    /// The error that `createDirectory` reports although it succeeds; null for none.
+    ErrorPtr complaintOfCreateDirectory;
+
     void put(std::string_view path, std::string_view bytes);
     /// Puts a property list, in the binary form.
     void putPlist(std::string_view path, const Value& value);

@@ -66,7 +66,7 @@ void Registry::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noe
     _context.call("registry.addObserver");
     const std::lock_guard lock(_mutex);
     _observers.push_back(observer);
-    if (dynamic_cast<PDApplicationWorkspaceObserver*>(observer) == nullptr) {
+    if (dynamic_cast<PDApplicationWorkspaceObserver*>(observer) == nullptr || !answersQueries) {
         return;
     }
     _reports.emplace_back([this, observer] {
@@ -206,7 +206,8 @@ std::vector<PDApplicationWorkspaceObserverProtocol*> Registry::observers() const
 
 ApplicationPtr Registry::_find(std::string_view identifier, bool placeholder) const {
     const auto found = std::ranges::find_if(_applications, [&](const auto& application) {
-        return application->identifier == identifier && application->placeholder == placeholder;
+        return application->identifier == identifier &&
+               (application->placeholder == placeholder || application->answersForInstalled);
     });
     return found != _applications.end() ? *found : nullptr;
 }

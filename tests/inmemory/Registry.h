@@ -51,6 +51,7 @@ struct Application final : PDApplicationProxy {
     std::string kind = "User";
     bool installed = true;
     bool placeholder = false;
+    bool answersForInstalled = false; // a placeholder that is also found when installed apps are asked for
     std::uint64_t size = 0;
     std::shared_ptr<Progress> progress;
 
@@ -107,6 +108,8 @@ class Registry final : public PDApplicationWorkspace,
     [[nodiscard]] ApplicationPtr find(std::string_view identifier, bool placeholder) const;
     [[nodiscard]] std::vector<PDApplicationWorkspaceObserverProtocol*> observers() const;
 
+    /// Whether a query is ever answered.
+    bool answersQueries = true;
     /// The lists of the first report; null proxies are allowed in neither.
     PDApplicationProxies prioritized;
     PDApplicationProxies paused;

@@ -91,6 +91,16 @@ TEST_F(PlaceholderParts, DirectoryThatCannotBeCreatedIsRecorded) {
                      "log: Created app directory for 'a' at /p/a.app with err=TestDomain 7"}));
 }
 
+TEST_F(PlaceholderParts, DirectoryThatIsCreatedWithAnErrorIsRecordedToo) {
+    world.files.complaintOfCreateDirectory = inmemory::injectedError();
+    EXPECT_TRUE(client().createPlaceHolderPath_forBundleIdentifier_withAttributes("/p/a.app", "a", mobile));
+    EXPECT_EQ(journal(),
+              (Lines{"files.createDirectory(/p/a.app, with intermediates, owner mobile, group mobile)",
+                     "transactions.logScenario(\"Tamblin App Restore\", step 0, success 0, a, \"Failed to create app "
+                     "directory\")",
+                     "log: Created app directory for 'a' at /p/a.app with err=TestDomain 7"}));
+}
+
 TEST_F(PlaceholderParts, IconIsWrittenAndMeasured) {
     std::uint64_t size = 99;
     EXPECT_TRUE(client().writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(
@@ -107,6 +117,14 @@ TEST_F(PlaceholderParts, MissingIconIsAnError) {
         std::nullopt, "/p/Icon.png", &size, "a", mobile));
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(journal(), Lines{"error: no icon data for 'a'"});
+}
+
+TEST_F(PlaceholderParts, IconWithoutASingleByteIsWrittenAllTheSame) {
+    std::uint64_t size = 99;
+    EXPECT_TRUE(client().writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(
+        Data(), "/p/Icon.png", &size, "a", mobile));
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(world.files.bytesAt("/p/Icon.png"), "");
 }
 
 TEST_F(PlaceholderParts, IconThatCannotBeWrittenHasNoSize) {
@@ -259,6 +277,17 @@ TEST_F(OwnPlaceholder, DoesWithoutTheAppsInfoAndVersion) {
               "Icon.png; UIWendralApp = 0; PDApplicationLaunchProhibited = 0;}");
 }
 
+TEST_F(OwnPlaceholder, TakesOnlyWhatItUnderstandsFromTheAppsInfo) {
+    world.files.putPlist("/work/Info.plist", Dictionary{{"UIWendralApp", 3}, {"PDApplicationLaunchProhibited", "yes"}});
+    create();
+    const auto written = world.files.plistAt(bundle + "/Info.plist");
+    EXPECT_EQ(*written->dictionary()->find("UIWendralApp"), Value(3));
+    EXPECT_EQ(*written->dictionary()->find("PDApplicationLaunchProhibited"), Value(false));
+    world.files.putPlist("/work/Info.plist", Array{"UIWendralApp"});
+    create();
+    EXPECT_EQ(*world.files.plistAt(bundle + "/Info.plist")->dictionary()->find("UIWendralApp"), Value(false));
+}
+
 // Queries.
 
 class PlaceholderQueries : public inmemory::ClientTest {};
@@ -271,6 +300,13 @@ TEST_F(PlaceholderQueries, FindAPlaceholderWithoutTheCoordinator) {
     EXPECT_EQ(journal(), (Lines{"registry.enumerateBundlesOfType(1)", "log: Found placeholder for bundle b"}));
     EXPECT_FALSE(client()._placeholderExistsForApplication("c"));
     EXPECT_EQ(journal(), Lines{"registry.enumerateBundlesOfType(1)"});
+}
+
+TEST_F(PlaceholderQueries, TakeAnInstalledAppForAPlaceholder) {
+    start(false);
+    world.registry.addInstalled("a");
+    EXPECT_TRUE(client()._placeholderExistsForApplication("a"));
+    EXPECT_EQ(journal(), (Lines{"registry.enumerateBundlesOfType(1)", "log: Found placeholder for bundle a"}));
 }
 
 TEST_F(PlaceholderQueries, StopAtTheFirstFind) {

@@ -126,16 +126,65 @@ TEST_F(Planning, RequestsANewAppAndAnUpdateWithTheCoordinator) {
     EXPECT_EQ(world.journal.linesWith("coordinators."), (Lines{"coordinators.initiating(a, client 3, create 1)",
                                                                "coordinators.updating(b, client 3, create 1)"}));
     EXPECT_EQ(world.journal.linesWith("registry.installPlaceholder"), Lines{});
+    journal();
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
     client().assetTransfer_updatedProgress(makeAsset("b"), 0.5);
-    EXPECT_EQ(world.journal.linesWith("coordinators.updating").size(), 2u);
+    EXPECT_EQ(world.journal.linesWith("coordinators."), (Lines{"coordinators.initiating(a, client 3, create 0)",
+                                                               "coordinators.updating(b, client 3, create 0)"}));
+}
+
+TEST_F(Planning, PreparesACoordinatedInstallInItsOrder) {
+    start(true);
+    putToDoList({{"a", "install"}});
+    stageApp("a");
+    world.registry.addInstalled("a");
+    plan();
+    const std::string folder = work + "/a";
+    const Lines lines = journal();
+    const auto from = std::ranges::find(lines, "files.readFile(" + restore + ")");
+    ASSERT_GE(lines.end() - from, 6);
+    EXPECT_EQ(Lines(from, from + 6),
+              (Lines{"files.readFile(" + restore + ")",
+                     "log: Asset a (pretty=a, version=(null)) prepped with icon file://" + icons + "/a.png, at " +
+                         folder + ", meta at " + folder + "/TamblinMetadata.plist, info at " + folder +
+                         "/Info.plist, storePid=0, isRestore=n",
+                     "registry.applicationProxyForIdentifier(a, placeholder 0)",
+                     "log: App a is already installed and will be updated.",
+                     "files.readFile(" + folder + "/Info.plist)", "plist.parse()"}));
+    EXPECT_EQ(std::ranges::count(lines, "transactions.logStep(1, party 1, phase 1, success 1, a, \"Update app\")"), 1);
+}
+
+TEST_F(Planning, OpensTheBundleBeforeItDecides) {
+    start(true);
+    world.files.putFolder(paths::applicationSync);
+    world.registry.addPlaceholder("a", PDInstallTypeRestore);
+    plan();
+    const Lines lines = journal();
+    ASSERT_GE(lines.size(), 5u);
+    EXPECT_EQ(Lines(lines.end() - 5, lines.end()),
+              (Lines{"log: lastly a", iconDirectory[0], iconDirectory[1],
+                     "bundles.bundleWithURL(file:///var/containers/a/App.app/)",
+                     "log: a is currenlty marked to be restored and will be handled by corbind - skipping"}));
+}
+
+TEST_F(Planning, RequestsAnAppWhosePlaceholderCannotBeInstalled) {
+    start(false);
+    putToDoList({{"a", "install"}});
+    world.faults.fail("registry.installPlaceholder");
+    EXPECT_EQ(plan(), Lines{"a"});
+    EXPECT_EQ(world.journal.linesWith("error: Placeholder app").size(), 1u);
 }
 
 TEST_F(Planning, TakesNeitherPlaceholdersNorVanishedAppsForInstalledOnes) {
     start(true);
     world.registry.addInstalled("a")->installed = false;
     world.registry.addPlaceholder("b");
-    putToDoList({{"a", "install"}, {"b", "install"}});
-    EXPECT_EQ(plan(), (Lines{"b", "a"}));
+    const auto placeholder = world.registry.addPlaceholder("c");
+    placeholder->installed = true;
+    placeholder->answersForInstalled = true;
+    putToDoList({{"a", "install"}, {"b", "install"}, {"c", "install"}});
+    EXPECT_EQ(plan(), (Lines{"b", "c", "a"}));
+    EXPECT_EQ(world.journal.linesWith("log: App "), Lines{});
     EXPECT_EQ(world.journal.linesWith("coordinators.updating"), Lines{});
 }
 
@@ -144,7 +193,13 @@ TEST_F(Planning, MarksAnAppThatCannotBePreparedAsFailed) {
     putToDoList({{"a", "install"}, {"b", "install"}});
     world.faults.fail("coordinators.initiating");
     EXPECT_EQ(plan(), Lines{"b"});
-    EXPECT_EQ(world.journal.linesWith("error: Not requesting"), Lines{"error: Not requesting app asset for a"});
+    const Lines lines = world.journal.lines();
+    const auto from = std::ranges::find(lines, "error: Not requesting app asset for a");
+    ASSERT_GE(lines.end() - from, 6);
+    EXPECT_EQ(Lines(from, from + 6),
+              (Lines{"error: Not requesting app asset for a", "files.readFile(" + std::string(paths::toDoList) + ")",
+                     "plist.parse()", "log: Changing a from install to FAILED", "plist.serialise(binary)",
+                     "files.writeFileAtomically(" + std::string(paths::toDoList) + ")"}));
     EXPECT_EQ(operationOf("a"), "FAILED");
     EXPECT_EQ(operationOf("b"), "install");
 }
@@ -171,6 +226,37 @@ TEST_F(Planning, PassesOverEveryOtherRecord) {
               (Lines{"log: Ignoring invalid path: (null)", "log: Ignoring invalid path: 5",
                      "log: Ignoring invalid path: d/../e"}));
     EXPECT_EQ(world.journal.linesWith("bundles."), Lines{});
+}
+
+TEST_F(Planning, RequestsNoAppUnderAnIdentifierThatClimbs) {
+    start(false);
+    putToDoList({{"a/../b", "install"}, {"c", "install"}});
+    EXPECT_EQ(plan(), Lines{"c"});
+    EXPECT_EQ(world.journal.linesWith("log: Ignoring"), Lines{"log: Ignoring invalid path: a/../b"});
+    EXPECT_EQ(std::ranges::count_if(journal(), [](const auto& line) { return line.find("/..") != line.npos; }), 2);
+}
+
+TEST_F(Planning, KeepsAnEmptyVersionOfARecordButNotOfAPlaceholder) {
+    start(true);
+    world.registry.addPlaceholder("a")->version = "";
+    world.files.putPlist(paths::toDoList,
+                         Array{Dictionary{{"identifier", "a"}, {"operation", "install"}},
+                               Dictionary{{"identifier", "b"}, {"operation", "install"}, {"version", ""}}});
+    EXPECT_EQ(plan(), (Lines{"a", "b"}));
+    EXPECT_EQ(*assets.at(0)->variantOptions, (Dictionary{{"AssetParts", 1}}));
+    EXPECT_EQ(*assets.at(1)->variantOptions, (Dictionary{{"AssetParts", 1}, {"Version", ""}}));
+}
+
+TEST_F(Planning, DoesWithoutThePlacesOfAPlaceholder) {
+    start(true);
+    const auto placeholder = world.registry.addPlaceholder("a");
+    placeholder->bundlePath = "";
+    placeholder->containerPath = "";
+    EXPECT_EQ(plan(), Lines{"a"});
+    EXPECT_EQ(world.journal.linesWith("bundles."), Lines{});
+    EXPECT_EQ(world.journal.count("error: missing bundlePath"), 1u);
+    EXPECT_EQ(assets.front()->icon, FileURL::fileURLWithPath("/TamblinArtwork", false));
+    EXPECT_EQ(assets.front()->infoPlist, "/Info.plist");
 }
 
 TEST_F(Planning, TakesAnExistingPlaceholderBeforeTheRecord) {
@@ -216,6 +302,36 @@ TEST_F(Planning, RequestsNoAppThatHasAPlaceholderWithoutTheCoordinator) {
     putToDoList({{"a", "install"}});
     EXPECT_EQ(plan(), Lines{});
     EXPECT_EQ(journal().back(), "log: Not creating a placeholder app for a because we already have one");
+}
+
+TEST_F(Planning, ChecksNoDemotionWithoutTheCoordinator) {
+    start(false);
+    world.registry.addPlaceholder("a", PDInstallTypeDowngrade)->registeredAs = "TEAM.a";
+    world.registry.addPlaceholder("b", PDInstallTypeIntentionalDowngrade);
+    putToDoList({{"b", "install"}});
+    EXPECT_EQ(plan(), Lines{"a"});
+    const Lines lines = journal();
+    EXPECT_EQ(std::ranges::count_if(lines, [](const auto& line) { return line.find("demoted (") != line.npos; }), 0);
+    EXPECT_EQ(lines.back(), "log: Not creating a placeholder app for b because we already have one");
+}
+
+TEST_F(Planning, NeverRequestsARestorePlaceholderWithTheCoordinator) {
+    start(true);
+    world.registry.addPlaceholder("a", PDInstallTypeRestore);
+    putToDoList({{"a", "install"}});
+    EXPECT_EQ(plan(), Lines{});
+    EXPECT_EQ(journal().back(), "log: a is currenlty marked to be restored and will be handled by corbind - skipping");
+}
+
+TEST_F(Planning, CountsAnAppThatHasAPlaceholderAsRequested) {
+    start(true);
+    world.registry.addPlaceholder("a", PDInstallTypeDowngrade);
+    putToDoList({{"a", "install"}});
+    EXPECT_EQ(plan(), Lines{"a"});
+    EXPECT_EQ(world.journal.linesWith("log: a "),
+              (Lines{"log: a already has a placeholder - skipping",
+                     "log: a is currenlty demoted (manual:1, auto:0) - but will be installed as it's requested by "
+                     "client"}));
 }
 
 TEST_F(Planning, DropsAppsThatAreUnderWay) {
@@ -329,6 +445,21 @@ TEST_F(RestorePlanning, RequestsTheDataOnlyWhenThePackageIsThere) {
     EXPECT_EQ(plan(), Lines{"a"});
     EXPECT_EQ(*assets.front()->variantOptions, (Dictionary{{"AssetParts", 2}, {"Version", "1.0"}}));
     EXPECT_EQ(world.journal.count("log: Recovered download path for a at /kept"), 1u);
+    const Lines lines = journal();
+    const auto from = std::ranges::find(lines, "files.readFile(" + restore + ")");
+    ASSERT_GE(lines.end() - from, 5);
+    EXPECT_EQ(Lines(from, from + 4), (Lines{"files.readFile(" + restore + ")", "plist.parse()",
+                                            "files.fileExists(/kept)", "log: Recovered download path for a at /kept"}));
+    EXPECT_TRUE((from + 4)->starts_with("log: Asset a ("));
+}
+
+TEST_F(RestorePlanning, RequestsBothWhenWhatIsRememberedIsNoPath) {
+    start(false);
+    addRestore();
+    client()._setRestoreStatePropertyValue_forKey_identifier_version(5, "path", "a", "1.0");
+    EXPECT_EQ(plan(), Lines{"a"});
+    EXPECT_EQ(*assets.front()->variantOptions, (Dictionary{{"AssetParts", 3}, {"Version", "1.0"}}));
+    EXPECT_EQ(world.journal.linesWith("files.fileExists"), Lines{});
 }
 
 TEST_F(RestorePlanning, RequestsBothWhenThePackageHasGone) {
@@ -348,6 +479,7 @@ TEST_F(RestorePlanning, RequestsOnlyThePackageOfAnAppThatIsNotRestored) {
                          Array{Dictionary{{"identifier", "a"}, {"operation", "install"}, {"version", "1.0"}}});
     remember("/kept");
     plan();
+    EXPECT_EQ(world.journal.count("log: Recovered download path for a at /kept"), 1u);
     EXPECT_EQ(*assets.front()->variantOptions, (Dictionary{{"AssetParts", 1}, {"Version", "1.0"}}));
 }
 

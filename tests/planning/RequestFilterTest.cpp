@@ -8,6 +8,29 @@ namespace {
 
 using inmemory::Lines;
 
+class InProgressFiltering : public testing::Test {
+  protected:
+    using List = std::vector<std::string>;
+    inmemory::World world;
+    const PlugInLog log{world.log};
+    Dictionary wanted{{"a", Dictionary{}}, {"b", Dictionary{}}, {"c", Dictionary{}}};
+};
+
+TEST_F(InProgressFiltering, TakesOutAppsInProgressAndKeepsThoseThatAreRestored) {
+    dropAppsInProgress(log, List{"a", "c", "unknown"}, List{"b"}, wanted);
+    EXPECT_EQ(world.journal.take(), (Lines{"log: Assets already in progress (not returning these): (a, c, unknown)",
+                                           "log: Assets currently restoring: (b)"}));
+    EXPECT_EQ(wanted, (Dictionary{{"b", Dictionary{}}}));
+}
+
+TEST_F(InProgressFiltering, GoesOnWithoutTheLists) {
+    const Dictionary before = wanted;
+    dropAppsInProgress(log, std::nullopt, std::nullopt, wanted);
+    EXPECT_EQ(world.journal.take(), (Lines{"error: Failed to get list of assets already in progress!",
+                                           "error: Failed to get list of assets currently restoring!"}));
+    EXPECT_EQ(wanted, before);
+}
+
 class RequestFiltering : public testing::Test {
   protected:
     bool admits(Dictionary entry) {
