@@ -36,6 +36,7 @@ struct Candidate;
 struct InstallPreparation;
 class NotificationCenter;
 class QRDeviceService;
+struct RestorePreparation;
 
 class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
                          public KXAppInstallObserverDelegate,
@@ -167,6 +168,29 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     /// Returns at once; the outcome is logged when it comes.
     void uninstallAppUsingCoordination(std::string_view bundleIdentifier);
 
+    // Restore through coordination: coordination/Restore.cpp, coordination/RestorePlaceholder.cpp
+    //
+    // Store metadata is untrusted: a property list with a dictionary, or a failure. True: a placeholder is in place,
+    // or another client has taken the app over.
+
+    /// Readies a coordinator for an app that a desktop restore brings back. `demotionStatus`: 0 not demoted, 1
+    /// intentionally, 2 automatically demoted before the backup.
+    bool prepareAppForRestoreUsingCoordination_TamblinMetadata_sinfData_iconData_demotionStatus(
+        std::string_view bundleIdentifier, const Data& tamblinMetadata, const std::optional<Data>& sinfData,
+        const std::optional<Data>& iconData, std::uint64_t demotionStatus);
+    /// For an app that stays offloaded: its placeholder is all there is to restore.
+    bool _prepareDemotedAppForRestoreWithBundleId_TamblinMetadata_sinfData_iconData_demotionStatus(
+        std::string_view bundleIdentifier, const Data& tamblinMetadata, const std::optional<Data>& sinfData,
+        const std::optional<Data>& iconData, std::uint64_t demotionStatus);
+    /// For an app that the store client is to fetch.
+    bool _prepareNonDemotedAppForRestoreWithBundleId_TamblinMetadata_sinfData_iconData(
+        std::string_view bundleIdentifier, const Data& tamblinMetadata, const std::optional<Data>& sinfData,
+        const std::optional<Data>& iconData);
+    /// A configured placeholder with the icon (PNG), if there is one; null when it could not be had.
+    [[nodiscard]] KXPlaceholderPtr _placeHolderForBundleIdentifier_withTamblinMetadata_sinfData_iconData_demotionStatus(
+        std::string_view bundleIdentifier, const Dictionary& metadata, const std::optional<Data>& sinfData,
+        const std::optional<Data>& iconData, std::uint64_t demotionStatus);
+
     // Callbacks of the coordinator and the registry: coordination/Callbacks.cpp
 
     void promiseDidBeginFulfillmentWithIdentifier(std::uint64_t promise) noexcept override;
@@ -252,6 +276,17 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     void _logStep(TransactionStep step, TransactionPhase phase, bool success, std::string_view bundleIdentifier,
                   std::string_view description);
     [[nodiscard]] QRAssetPtr _namelessAsset(std::string_view identifier);
+
+    bool _parseRestoreMetadata(RestorePreparation& app, const Data& tamblinMetadata);
+    [[nodiscard]] std::shared_ptr<KXRestoringAppInstallCoordinator> _restoringCoordinator(RestorePreparation& app);
+    bool _prepareRestoringCoordinator(RestorePreparation& app, KXRestoringAppInstallCoordinator& coordinator);
+    template <class Coordinator> bool _setUserDataPromise(RestorePreparation& app, Coordinator& coordinator);
+    bool _setRestoreOptions(RestorePreparation& app);
+    bool _setRestorePlaceholderPromise(RestorePreparation& app);
+    bool _handAssetToStoreClient(RestorePreparation& app, KXRestoringAppInstallCoordinator& coordinator);
+    bool _configureRestorePlaceholder(KXPlaceholder& placeholder, std::string_view bundleIdentifier,
+                                      const Dictionary& metadata, const std::optional<Data>& sinfData);
+    void _cancelRestore(const RestorePreparation& app);
 
     [[nodiscard]] static Dictionary _placeholderInfo(const QRAsset& asset, const Dictionary& appInfo);
     bool _writeInfoPlist(const Dictionary& info, std::string_view bundlePath);
