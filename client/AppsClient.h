@@ -222,6 +222,20 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     void _enumeratePlaceholdersWithBlock(const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block);
     [[nodiscard]] std::set<std::string> _getSystemAppPlaceholders();
 
+    // Desktop restore info: placeholders/RestoreInfo.cpp, placeholders/RestorePlaceholder.cpp
+
+    /// Opens a restore. One of type 2 turns the restore info that the desktop left into placeholders. Always true,
+    /// without an error.
+    bool reconcileRestoreOfType_withError(int type, ErrorPtr* error) noexcept override;
+    /// Makes a placeholder for each app of the restore info that has none yet, and moves the info away, processed or
+    /// not. The outcome of the last app that was not skipped, false when there was none; true without restore info.
+    bool _processTamblinRestoreInfo();
+    /// Builds and installs the plug-in's own placeholder for a restored app. True also when the metadata is none.
+    bool _processTamblinRestoreInfoForApp_tamblinMetaData_sinfData_iconData(std::string_view bundleIdentifier,
+                                                                            const Data& tamblinMetaData,
+                                                                            const std::optional<Data>& sinfData,
+                                                                            const std::optional<Data>& iconData);
+
     // Home screen: homescreen/SyncNotice.cpp, homescreen/IconOrder.cpp
 
     /// Tells the home screen that a sync is starting or done.
@@ -290,6 +304,17 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
 
     [[nodiscard]] static Dictionary _placeholderInfo(const QRAsset& asset, const Dictionary& appInfo);
     bool _writeInfoPlist(const Dictionary& info, std::string_view bundlePath);
+    bool _installPlaceholder(std::string_view bundlePath, const Dictionary& info, const Dictionary& options);
+    [[nodiscard]] std::optional<Dictionary> _loadRestoreInfo();
+    bool _restoreApps(const Dictionary& restoreInfo);
+    std::optional<bool> _restoreApp(std::string_view bundleIdentifier, const Value& appInfo,
+                                    std::uint64_t demotionStatus);
+    void _archiveRestoreInfo();
+    [[nodiscard]] std::optional<Dictionary> _parseTamblinMetadata(std::string_view bundleIdentifier,
+                                                                  const Data& tamblinMetaData);
+    const char* _buildRestorePlaceholder(std::string_view bundleIdentifier, const Dictionary& metadata,
+                                         const std::optional<Data>& iconData, const Dictionary& options);
+    void _logAppRestore(bool success, std::string_view bundleIdentifier, std::string_view description);
     [[nodiscard]] std::optional<Dictionary> _dictionaryAtPath(const std::optional<std::string>& path);
     [[nodiscard]] Array _fetchIconOrder();
 

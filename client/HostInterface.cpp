@@ -18,6 +18,7 @@ constexpr std::array implementedOperations = {
     QRClientOperation::prepareForSyncWithHostAnchor_progressCallback_error,
     QRClientOperation::reconcileSync_withNewAnchor_progressCallback_error,
     QRClientOperation::syncEndedWithSuccess,
+    QRClientOperation::reconcileRestoreOfType_withError,
     QRClientOperation::outstandingAssetTransfers,
     QRClientOperation::assetTransfer_succeeded_withError,
     QRClientOperation::assetTransfer_updatedProgress,

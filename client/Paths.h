@@ -20,6 +20,9 @@ inline constexpr std::string_view icons = "/var/mobile/Library/ApplicationSync/I
 inline constexpr std::string_view publicStaging = "/var/mobile/Media/PublicStaging";
 inline constexpr std::string_view stagingArea = "/var/mobile/Media/PublicStaging/ApplicationSync";
 inline constexpr std::string_view demotedApps = "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist";
+inline constexpr std::string_view restoreInfo = "/var/mobile/Media/TamblinRestore/RestoreApplications.plist";
+inline constexpr std::string_view processedRestoreInfo =
+    "/var/mobile/Library/Logs/MediaServices/RestoreApplications.plist";
 
 /// `directory` + "/" + `name`.
 inline std::string join(std::string_view directory, std::string_view name) {
@@ -30,6 +33,13 @@ inline std::string join(std::string_view directory, std::string_view name) {
 /// comes from a file and becomes part of a path, or names an app to act on, passes it first.
 inline bool isSafe(const std::optional<std::string_view>& identifierOrPath) {
     return identifierOrPath && identifierOrPath->find("/..") == std::string_view::npos;
+}
+
+/// Whether an identifier can be a file's name, so that what is named after it stays in its folder.
+inline bool isFileName(std::string_view identifier) {
+    constexpr std::string_view notInNames("/\0", 2);
+    return !identifier.empty() && identifier != "." && identifier != ".." &&
+           identifier.find_first_of(notInNames) == std::string_view::npos;
 }
 
 } // namespace appsync::paths

@@ -64,8 +64,7 @@ bool AppsClient::createPlaceHolderPath_forBundleIdentifier_withAttributes(std::s
     ErrorPtr error;
     const bool created = _platform.files.createDirectory(path, true, attributes, &error);
     if (!created || error != nullptr) {
-        _platform.transactionLog.logScenario_step_success_forBundleID_description(
-            "Tamblin App Restore", TransactionStep::none, false, bundleIdentifier, "Failed to create app directory");
+        _logAppRestore(false, bundleIdentifier, "Failed to create app directory");
     }
     _log.message("Created app directory for '%{public}@' at %{public}@ with err=%{public}@", bundleIdentifier, path,
                  error);
@@ -124,17 +123,7 @@ void AppsClient::_createPlaceHolderApplication(const QRAssetPtr& asset) {
     const Dictionary options{{PDPackageTypeKey, PDPackageTypePlaceholder},
                              {PDBundleIdentifierKey, identifier},
                              {PDInstallTypeKey, std::uint64_t{PDInstallTypeSync}}};
-    const auto url = FileURL::fileURLWithPath(bundlePath, true);
-    const bool installed = url && _workspace().installApplication_withOptions(*url, options);
-    if (installed) {
-        _log.message("Installed Placeholder app from path %{public}@: %{public}@ [%{public}@ %{public}@] [isWendral: "
-                     "%{public}@]",
-                     bundlePath, prettyName, identifier, asset->version(), info.find("UIWendralApp"));
-    } else {
-        _log.error("Placeholder app install failed from path %{public}@: %{public}@ [%{public}@ %{public}@] "
-                   "[isWendral: %{public}@]",
-                   bundlePath, prettyName, identifier, asset->version(), info.find("UIWendralApp"));
-    }
+    const bool installed = _installPlaceholder(bundlePath, info, options);
     _platform.transactionLog.logScenario_step_success_forBundleID_description(
         "Install placeholder", TransactionStep::none, installed, identifier,
         installed ? "Installed placeholder" : "Failed to install placeholder");
@@ -156,9 +145,40 @@ Dictionary AppsClient::_placeholderInfo(const QRAsset& asset, const Dictionary& 
     return info;
 }
 
+/// Null entries, which no file can hold, are left out of it.
 bool AppsClient::_writeInfoPlist(const Dictionary& info, std::string_view bundlePath) {
-    const auto bytes = _platform.propertyLists.dataWithPropertyList(info, PropertyListFormat::xml, nullptr);
+    Dictionary present;
+    present.reserve(info.size());
+    for (const auto& [key, value] : info) {
+        if (!value.isNull()) {
+            present.set(key, value);
+        }
+    }
+    const auto bytes = _platform.propertyLists.dataWithPropertyList(present, PropertyListFormat::xml, nullptr);
     return bytes && _platform.files.writeFileAtomically(paths::join(bundlePath, "Info.plist"), bytes->bytes(), nullptr);
+}
+
+/// Registers a bundle as a placeholder, and says how that went.
+bool AppsClient::_installPlaceholder(std::string_view bundlePath, const Dictionary& info, const Dictionary& options) {
+    const auto url = FileURL::fileURLWithPath(bundlePath, true);
+    const bool installed = url && _workspace().installApplication_withOptions(*url, options);
+    if (installed) {
+        _log.message("Installed Placeholder app from path %{public}@: %{public}@ [%{public}@ %{public}@] [isWendral: "
+                     "%{public}@]",
+                     bundlePath, info.find("BXBundleDisplayName"), info.find("BXBundleIdentifier"),
+                     info.find("BXBundleVersion"), info.find("UIWendralApp"));
+    } else {
+        _log.error("Placeholder app install failed from path %{public}@: %{public}@ [%{public}@ %{public}@] "
+                   "[isWendral: %{public}@]",
+                   bundlePath, info.find("BXBundleDisplayName"), info.find("BXBundleIdentifier"),
+                   info.find("BXBundleVersion"), info.find("UIWendralApp"));
+    }
+    return installed;
+}
+
+void AppsClient::_logAppRestore(bool success, std::string_view bundleIdentifier, std::string_view description) {
+    _platform.transactionLog.logScenario_step_success_forBundleID_description(
+        "Tamblin App Restore", TransactionStep::none, success, bundleIdentifier, description);
 }
 
 std::optional<Dictionary> AppsClient::_dictionaryAtPath(const std::optional<std::string>& path) {
