@@ -68,6 +68,13 @@ TEST_F(CoordinatedTransfer, ProgressMakesAMissingPromise) {
                                "promise(a-Asset).setPercentComplete(0.250000)"}));
 }
 
+TEST_F(CoordinatedTransfer, ProgressMakesAPromiseWithoutPathForAFileThatHasNoneYet) {
+    world.coordinators.add("a");
+    asset->path = std::nullopt;
+    EXPECT_TRUE(client().updateTransferProgressForApp_existingApp(asset, false));
+    EXPECT_EQ(world.journal.linesWith("promises."), Lines{"promises.transfer(a-Asset, client 3, no path, 0)"});
+}
+
 TEST_F(CoordinatedTransfer, ProgressAndCompletionSurviveAPromiseThatCannotBeMade) {
     world.coordinators.add("a");
     world.faults.fail("promises.transfer", inmemory::Faults::always);
@@ -200,7 +207,10 @@ TEST_F(Callbacks, RecordAFailedCompletion) {
     start();
     putToDoList({{"a", "DOWNLOADED"}});
     client().coordinatorDidCompleteSuccessfully(coordinator("a", inmemory::injectedError()));
-    EXPECT_EQ(journal().front(), "log: coordinatorDidCompleteSuccessfully for a with error TestDomain 7");
+    EXPECT_EQ(journal(), (Lines{"log: coordinatorDidCompleteSuccessfully for a with error TestDomain 7",
+                                "files.readFile(" + toDo + ")", "plist.parse()",
+                                "log: Changing a from DOWNLOADED to FAILED", "plist.serialise(binary)",
+                                "files.writeFileAtomically(" + toDo + ")", "files.readFile(" + restore + ")"}));
     EXPECT_EQ(operationOf("a"), "FAILED");
 }
 
@@ -249,7 +259,10 @@ TEST_F(Callbacks, SayWhenTheHostCannotCancel) {
     start();
     world.deviceService.canCancel = false;
     client().coordinator_canceledWithReason_client(coordinator("a"), nullptr, 1);
-    EXPECT_EQ(journal(), Lines{"error: Cannot cancel a as it's already cancelled 0 OR the call is not supported"});
+    world.deviceService.exists = false;
+    client().coordinator_canceledWithReason_client(coordinator("b"), nullptr, 1);
+    EXPECT_EQ(journal(), (Lines{"error: Cannot cancel a as it's already cancelled 0 OR the call is not supported",
+                                "error: Cannot cancel b as it's already cancelled 0 OR the call is not supported"}));
 }
 
 TEST_F(Callbacks, PassACancelOnOnceHoweverManyThreadsReportIt) {

@@ -45,6 +45,7 @@ std::shared_ptr<SKSApplicationTerminationAssertion>
 Screen::SKSApplicationTerminationAssertionCreateWithError(std::string_view bundleIdentifier, std::uint32_t reason,
                                                           std::uint8_t* errorCode) noexcept {
     _context.call("screen.assertion", std::string(bundleIdentifier) + ", reason " + std::to_string(reason));
+    beforeAssertion();
     const std::lock_guard lock(_mutex);
     std::uint8_t answer = SKSTerminationAssertionGranted;
     if (!assertionAnswers.empty()) {

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -33,6 +34,8 @@ class Screen final : public HomeScreen {
     std::optional<std::string> iconOrder;
     /// What the next requests for an assertion are answered; when it runs out, "granted".
     std::deque<std::uint8_t> assertionAnswers;
+    /// Runs within each request for an assertion, on the caller's thread.
+    std::function<void()> beforeAssertion = [] {};
 
   private:
     Context& _context;

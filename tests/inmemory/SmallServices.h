@@ -7,11 +7,13 @@
 #include "platform/Store.h"
 #include "tests/inmemory/Context.h"
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace appsync::inmemory {
 
@@ -66,7 +68,7 @@ class BackupService final : public HVManagerClass {
     Context& _context;
 };
 
-/// Completes a refresh at once.
+/// Completes a refresh at once, or when the test does.
 class StoreClient final : public MWSoftwareLibraryClass {
   public:
     explicit StoreClient(Context& context) : _context(context) {}
@@ -75,11 +77,20 @@ class StoreClient final : public MWSoftwareLibraryClass {
         return std::make_shared<Library>(*this);
     }
 
+    bool completesAtOnce = true;
+    /// The completions of refreshes that the test is to call. Looked at after the journal has the refresh.
+    std::vector<std::function<void(const ErrorPtr&)>> completions;
+
   private:
     struct Library final : MWSoftwareLibrary {
         explicit Library(StoreClient& owner) : client(owner) {}
         void refreshReceiptsWithCompletionBlock(std::function<void(const ErrorPtr&)> completion) noexcept override {
-            completion(client._context.call("store.refreshReceipts"));
+            if (client.completesAtOnce) {
+                completion(client._context.call("store.refreshReceipts"));
+                return;
+            }
+            client.completions.push_back(std::move(completion));
+            client._context.call("store.refreshReceipts");
         }
         StoreClient& client;
     };

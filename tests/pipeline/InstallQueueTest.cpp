@@ -3,6 +3,8 @@
 #include "tests/inmemory/ClientTest.h"
 
 #include <algorithm>
+#include <atomic>
+#include <future>
 #include <thread>
 
 namespace appsync {
@@ -159,6 +161,38 @@ TEST_F(InstallQueue, DropsRetriesAndWaitingInstallsAtTeardown) {
     world.clock.advance(30s);
     EXPECT_EQ(journal(), Lines{});
     EXPECT_TRUE(world.files.exists("/staged/a"));
+}
+
+TEST_F(InstallQueue, RunsTenInstallsAtOnceAndNoMore) {
+    std::promise<void> opened;
+    const auto gate = opened.get_future().share();
+    Semaphore arrived;
+    std::atomic<int> running = 0;
+    std::atomic<int> most = 0;
+    world.screen.beforeAssertion = [&] {
+        const int now = ++running;
+        for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {
+        }
+        arrived.signal();
+        gate.wait();
+        --running;
+    };
+    const auto enqueue = [&](int first, int end) {
+        for (int i = first; i < end; ++i) {
+            auto each = makeAsset("app" + std::to_string(i));
+            each->path = "/staged/app" + std::to_string(i);
+            client()._enqueueAssetInstall(each);
+        }
+    };
+    enqueue(0, 10);
+    for (int i = 0; i < 10; ++i) {
+        arrived.wait();
+    }
+    enqueue(10, 20);
+    opened.set_value();
+    finish();
+    EXPECT_EQ(most, 10);
+    EXPECT_EQ(world.journal.linesWith("registry.installApplication").size(), 20u);
 }
 
 TEST_F(InstallQueue, RunsManyInstallsAndCountsEach) {

@@ -31,7 +31,10 @@ TEST_F(TransferProgress, SetsTheTotalOnceOnly) {
     addProgress(100);
     client().assetTransfer_updatedProgress(makeAsset("a"), 0);
     client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
-    EXPECT_EQ(world.journal.linesWith("progress(a).setTotal"), Lines{"progress(a).setTotalUnitCount(1000)"});
+    EXPECT_EQ(world.journal.linesWith("progress("),
+              (Lines{"progress(a).setInstallState(1)", "progress(a).setTotalUnitCount(1000)",
+                     "progress(a).setCompletedUnitCount(0)", "progress(a).setInstallState(1)",
+                     "progress(a).setCompletedUnitCount(500)"}));
 }
 
 TEST_F(TransferProgress, TruncatesAndDoesNotClamp) {

@@ -2,6 +2,7 @@
 #include "tests/inmemory/ClientTest.h"
 
 #include <algorithm>
+#include <thread>
 
 namespace appsync {
 namespace {
@@ -39,6 +40,12 @@ class TransferCompletion : public inmemory::ClientTest {
         client().assetTransfer_succeeded_withError(asset, false, error);
         return journal();
     }
+    /// The first lines of the journal, before those that an install on its own thread adds.
+    Lines journalUpTo(std::size_t count) {
+        Lines lines = journal();
+        lines.resize(std::min(count, lines.size()));
+        return lines;
+    }
     static Lines ended(const QRAssetPtr& asset, bool succeeded, bool existingApp = false) {
         return {"log: transfer for asset " + asset->description() + " ended with success " + (succeeded ? "y" : "n") +
                 " error " + (succeeded ? "(null)" : "TestDomain 7") + " existingApp:" + (existingApp ? "1" : "0")};
@@ -69,6 +76,11 @@ class TransferCompletion : public inmemory::ClientTest {
     static Lines notFound(const std::string& identifier) {
         return {"registry.applicationProxyForIdentifier(" + identifier + ", placeholder 1)",
                 "error: Returning (null) progress for " + identifier};
+    }
+    void cancelOnDevice(const std::string& identifier) {
+        client().coordinator_canceledWithReason_client(std::make_shared<inmemory::Coordinator<KXAppInstallCoordinator>>(
+                                                           world.context, world.coordinators.add(identifier)),
+                                                       nullptr, 1);
     }
     /// Waits until the install queue has run dry, without the lines of the wait's end.
     void waitForInstalls() {
@@ -132,13 +144,12 @@ TEST_F(TransferCompletion, EndsTheLoadingPhaseAndInstalls) {
     const auto asset = arrived("a");
     client().assetTransfer_succeeded_withError(asset, true, nullptr);
     waitForInstalls();
-    const Lines lines = journal();
     const Lines expected =
         ended(asset, true) + lookedUp("a") +
         Lines{"log: asset transfer succeeded for a", "registry.installPhaseFinishedForProgress(<progress a>)"} +
         received("a") +
         Lines{"log: Installing synced asset " + asset->description(), "log: Enqueue install request for a"};
-    EXPECT_EQ(Lines(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(expected.size())), expected);
+    EXPECT_EQ(journalUpTo(expected.size()), expected);
     EXPECT_EQ(operationOf("a"), "INSTALLED");
 }
 
@@ -148,19 +159,22 @@ TEST_F(TransferCompletion, InstallsRestoredDataAtOnce) {
     const auto asset = restored("a", 2);
     client().assetTransfer_succeeded_withError(asset, true, nullptr);
     waitForInstalls();
-    EXPECT_EQ(world.journal.count("log: Enqueue install request for a"), 1u);
-    EXPECT_EQ(world.journal.linesWith("backup."), Lines{});
-    EXPECT_EQ(world.journal.linesWith("log: Installing synced asset"), Lines{});
+    const Lines expected = ended(asset, true) + notFound("a") + Lines{"log: asset transfer succeeded for a"} +
+                           received("a") + Lines{"log: Enqueue install request for a"};
+    EXPECT_EQ(journalUpTo(expected.size()), expected);
 }
 
 TEST_F(TransferCompletion, InstallsARestoredAppThatHasNoData) {
     start(false);
     putToDoList({{"a", "install"}});
-    client().assetTransfer_succeeded_withError(restored("a", 1), true, nullptr);
+    const auto asset = restored("a", 1);
+    client().assetTransfer_succeeded_withError(asset, true, nullptr);
     waitForInstalls();
-    EXPECT_EQ(world.journal.linesWith("backup."), Lines{"backup.restoreDataExists(a, no size)"});
-    EXPECT_EQ(world.journal.count("log: No restore data exists for Application:a"), 1u);
-    EXPECT_EQ(world.journal.count("log: Enqueue install request for a"), 1u);
+    const Lines expected = ended(asset, true) + notFound("a") + Lines{"log: asset transfer succeeded for a"} +
+                           received("a") +
+                           Lines{"backup.restoreDataExists(a, no size)",
+                                 "log: No restore data exists for Application:a", "log: Enqueue install request for a"};
+    EXPECT_EQ(journalUpTo(expected.size()), expected);
 }
 
 TEST_F(TransferCompletion, KeepsARestoredAppUntilItsDataHasCome) {
@@ -202,6 +216,16 @@ TEST_F(TransferCompletion, TakesAMissingPathFromTheRestoreState) {
     const auto asset = arrived("a", std::nullopt);
     succeed(asset);
     EXPECT_EQ(asset->path, "/kept/file");
+}
+
+TEST_F(TransferCompletion, TakesNothingButASafeStringFromTheRestoreState) {
+    start(true);
+    putToDoList({{"a", "install"}});
+    client()._setRestoreStatePropertyValue_forKey_identifier_version(7, "path", "a", "1.0");
+    EXPECT_EQ(succeed(arrived("a", std::nullopt)).back(), "log: Ignoring invalid path: (null)");
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("/x/../y", "path", "a", "1.0");
+    EXPECT_EQ(succeed(arrived("a", std::nullopt)).back(), "log: Ignoring invalid path: /x/../y");
+    EXPECT_EQ(operationOf("a"), "install");
 }
 
 TEST_F(TransferCompletion, IgnoresAPathThatCanClimb) {
@@ -319,9 +343,7 @@ TEST_F(FailedTransfer, TakesThePlaceholderBackThroughTheCoordinator) {
 TEST_F(FailedTransfer, UninstallsNothingThatThePersonCancelled) {
     start(true);
     world.registry.addPlaceholder("a");
-    inmemory::Coordinator<KXAppInstallCoordinator> coordinator(world.context, world.coordinators.add("a"));
-    client().coordinator_canceledWithReason_client(
-        std::make_shared<inmemory::Coordinator<KXAppInstallCoordinator>>(coordinator), nullptr, 1);
+    cancelOnDevice("a");
     journal();
     const auto asset = arrived("a");
     EXPECT_EQ(fail(asset), (ended(asset, false) + noProgress("a") + failedLine(asset, false) +
@@ -329,6 +351,22 @@ TEST_F(FailedTransfer, UninstallsNothingThatThePersonCancelled) {
                                   "log: Uninstalled a with install co-ordinator with error (null) with status 0"}));
     // The cancel counts once.
     EXPECT_EQ(std::ranges::count(fail(asset), "coordinators.uninstallApp(a)"), 1);
+}
+
+TEST_F(FailedTransfer, CancelsNoProgressThatThereIsNot) {
+    start(false);
+    world.registry.addPlaceholder("a");
+    const Lines lines = fail(arrived("a"));
+    EXPECT_EQ(std::ranges::count(lines, "error: Returning (null) progress for a"), 1);
+    EXPECT_EQ(lines.back(), "log: Uninstalled a without install co-ordinator with error (null) with status 1");
+}
+
+TEST_F(FailedTransfer, UninstallsWhatWasCancelledBeforeAnEarlierTransferEnded) {
+    start(true);
+    world.registry.addPlaceholder("a");
+    cancelOnDevice("a");
+    succeed(arrived("a"));
+    EXPECT_EQ(std::ranges::count(fail(arrived("a")), "coordinators.uninstallApp(a)"), 1);
 }
 
 // Which errors may work later.
@@ -369,8 +407,36 @@ TEST_F(TransferEnd, RefreshesReceiptsAfterInstalls) {
     EXPECT_EQ(journal(),
               (Lines{"log: asset transfer ended withsuccess: y"} + notice() +
                Lines{"store.init()", "store.refreshReceipts()", "log: refreshReceiptsWithCompletionBlock succeeded"}));
+}
+
+TEST_F(TransferEnd, RefreshesNoReceiptsWithoutInstallsSinceTheLastPhase) {
+    start(false);
     client().assetTransferEndedWithSuccess(true);
     EXPECT_EQ(world.journal.linesWith("store."), Lines{});
+    client()._performAssetInstall(arrived("a"));
+    client().assetTransferEndedWithSuccess(true);
+    EXPECT_EQ(world.journal.linesWith("store.").size(), 2u);
+    journal();
+    client().assetTransferEndedWithSuccess(true);
+    EXPECT_EQ(world.journal.linesWith("store."), Lines{});
+}
+
+TEST_F(TransferEnd, WaitsUntilReceiptsAreRefreshed) {
+    start(false);
+    client().assetTransfer_updatedProgress(makeAsset("b"), 0.5);
+    client()._performAssetInstall(arrived("a"));
+    world.store.completesAtOnce = false;
+    std::thread host([this] { client().assetTransferEndedWithSuccess(false); });
+    world.journal.waitFor("store.refreshReceipts()");
+    EXPECT_EQ(world.journal.linesWith("log: Setting state for outstanding"), Lines{});
+    world.store.completions.at(0)(nullptr);
+    host.join();
+    const Lines lines = journal();
+    const auto refreshedAt = std::ranges::find(lines, "log: refreshReceiptsWithCompletionBlock succeeded");
+    const auto settledAt = std::ranges::find_if(
+        lines, [](const auto& line) { return line.starts_with("log: Setting state for outstanding"); });
+    EXPECT_LT(refreshedAt, settledAt);
+    EXPECT_NE(settledAt, lines.end());
 }
 
 TEST_F(TransferEnd, SaysWhenReceiptsCannotBeRefreshed) {
@@ -418,7 +484,7 @@ TEST_F(TransferEnd, SettlesOutstandingTransfersWithTheRegistry) {
     }
 }
 
-TEST_F(TransferEnd, ForgetsUpdatesAndCancelsOnlyWithOutstandingTransfers) {
+TEST_F(TransferEnd, ForgetsUpdatesOnlyWithOutstandingTransfers) {
     start(true);
     world.registry.addInstalled("a");
     putToDoList({{"a", "install"}});
@@ -431,6 +497,18 @@ TEST_F(TransferEnd, ForgetsUpdatesAndCancelsOnlyWithOutstandingTransfers) {
     journal();
     client().assetTransfer_updatedProgress(makeAsset("a"), 0.1);
     EXPECT_EQ(world.journal.linesWith("coordinators."), Lines{"coordinators.initiating(a, client 3, create 0)"});
+}
+
+TEST_F(TransferEnd, ForgetsCancelsOnTheDeviceOnlyWithOutstandingTransfers) {
+    start(true);
+    world.registry.addPlaceholder("a");
+    cancelOnDevice("a");
+    client().assetTransferEndedWithSuccess(true);
+    EXPECT_EQ(std::ranges::count(fail(arrived("a")), "coordinators.uninstallApp(a)"), 0);
+    cancelOnDevice("a");
+    client().assetTransfer_updatedProgress(makeAsset("b"), 0.1);
+    client().assetTransferEndedWithSuccess(true);
+    EXPECT_EQ(std::ranges::count(fail(arrived("a")), "coordinators.uninstallApp(a)"), 1);
 }
 
 TEST_F(TransferEnd, ForgetsAnAssetThatHasEnded) {
