@@ -1,10 +1,11 @@
-// The plug-in's own time against services in memory: planning a sync of many apps, and one change of the to-do list
-// with real files.
+// The plug-in's own time against services in memory: planning a sync of many apps, restoring many apps, and one change
+// of the to-do list with real files.
 #include "client/AppsClient.h"
 #include "client/Paths.h"
 #include "device/Device.h"
 #include "platform/Asset.h"
 #include "platform/PropertyListSerialization.h"
+#include "propertylist/Codec.h"
 #include "propertylist/ListMemory.h"
 #include "tests/inmemory/World.h"
 
@@ -57,6 +58,42 @@ BENCHMARK(planning)
     ->Args({5000, 1})
     ->Args({5000, 0})
     ->Unit(benchmark::kMillisecond);
+
+/// Store metadata of some 4 KB.
+Data restoredMetadata() {
+    Dictionary metadata{{"title", "Application"}, {"bundleVersion", "1.0.1"}, {"launchProhibited", false}};
+    for (int i = 0; i < 60; ++i) {
+        metadata.set("key " + std::to_string(i), std::to_string(i) + std::string(56, 'v'));
+    }
+    return *PropertyListCodec().dataWithPropertyList(metadata, PropertyListFormat::binary, nullptr);
+}
+
+/// At most 1 ms for one app with an icon of 10 KB.
+void restoring(benchmark::State& state) {
+    const Data metadata = restoredMetadata();
+    const Data sinf(std::string(1000, 's'));
+    const Data icon(std::string(10'000, 'i'));
+    for (auto _ : state) {
+        state.PauseTiming();
+        {
+            inmemory::World world;
+            const auto client = AppsClient::init(world.platform());
+            world.log.enabled = false;
+            state.ResumeTiming();
+            for (std::int64_t i = 0; i < state.range(0); ++i) {
+                client->prepareAppForRestoreUsingCoordination_TamblinMetadata_sinfData_iconData_demotionStatus(
+                    "com.example.app" + std::to_string(i), metadata, sinf, icon,
+                    static_cast<std::uint64_t>(state.range(1)));
+            }
+            state.PauseTiming();
+        }
+        state.ResumeTiming();
+    }
+    state.counters["bytes of metadata"] = static_cast<double>(metadata.size());
+    state.counters["per app"] = benchmark::Counter(static_cast<double>(state.iterations() * state.range(0)),
+                                                   benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(restoring)->ArgNames({"apps", "demotion"})->Args({2000, 0})->Args({2000, 1})->Unit(benchmark::kMillisecond);
 
 /// At most 5 ms for 10,000 records: read, parse, change, serialise, durable write to a real device.
 void changeOneRecord(benchmark::State& state) {
