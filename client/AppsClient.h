@@ -98,6 +98,22 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     void syncEndedWithSuccess(bool success) noexcept override;
     void clearSyncData() noexcept override;
 
+    // Inventory: client/InstalledAssets.cpp
+
+    /// "_Deleted": an array of dictionaries, each with the "BXBundleIdentifier" of an app that has gone from the device
+    /// since the desktop last knew of it. What the to-do list still expects to install is left out.
+    [[nodiscard]] Dictionary installedAssets() noexcept override;
+
+    // Side queries: client/SideQueries.cpp
+
+    /// How many apps a person has installed, "_Count", and their bytes, "_PhysicalSize"; "_PurgeableSize" is 0.
+    [[nodiscard]] Dictionary installedAssetMetrics() noexcept override;
+    /// The accounts that the store's metadata of the apps name.
+    [[nodiscard]] std::set<std::string> zuvexIDsForAssets() noexcept override;
+    /// Brings the store's metadata of the apps up to date: whether an app is licensed to the device, and that it no
+    /// longer counts as downloaded by itself.
+    void prepareForBackup() noexcept override;
+
     // Download planning: planning/OutstandingAssetTransfers.cpp
 
     /// What the host is to fetch, in the order of the home screen's icons. Called once a sync.
@@ -254,6 +270,14 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     void _sendIconLayout();
     void _writeToDoListDebugCopy(const Array& toDoList);
     void _clearUninstalledApps();
+    void _addUninstalledApps(Dictionary& candidates);
+    void _addMissingApps(const std::optional<Array>& lastSyncedApps, Dictionary& candidates);
+    [[nodiscard]] std::optional<Array> _rememberedUninstalledApps();
+    void _addAccountsOf(PDApplicationProxy& application, std::set<std::string>& accounts);
+    // A value as the kind it should have; one of another kind is logged with its label and counts as absent.
+    [[nodiscard]] std::optional<std::string_view> _stringOf(const Value* value, std::string_view label);
+    [[nodiscard]] const Dictionary* _dictionaryOf(const Value* value, std::string_view label);
+    void _prepareMetadataForBackup(PDApplicationProxy& application);
     [[nodiscard]] Dictionary _preExistingPlaceholders();
     void _addRequestedApps(const Array& toDoList, Dictionary& wanted, std::set<std::string>& requestedByClient);
     void _dropAppsInProgress(Dictionary& wanted);

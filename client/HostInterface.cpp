@@ -25,8 +25,12 @@ constexpr std::array implementedOperations = {
     QRClientOperation::assetInstallFailed_withError,
     QRClientOperation::assetInstallSucceeded,
     QRClientOperation::assetTransferEndedWithSuccess,
+    QRClientOperation::prepareForBackup,
+    QRClientOperation::zuvexIDsForAssets,
     QRClientOperation::clearSyncData,
     QRClientOperation::disabledAssetTypes,
+    QRClientOperation::installedAssetMetrics,
+    QRClientOperation::installedAssets,
 };
 
 bool isAllowed(OLProfileConnectionClass& connections, std::string_view setting) {

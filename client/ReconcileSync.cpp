@@ -110,16 +110,17 @@ void AppsClient::syncEndedWithSuccess(bool success) noexcept {
 }
 
 void AppsClient::_clearUninstalledApps() {
-    const std::lock_guard lock(_uninstalledAppsMutex);
-    if (!_uninstalledApps) {
+    const auto uninstalled = _rememberedUninstalledApps();
+    if (!uninstalled) {
         return;
     }
-    _log.message("clearing uninstalled apps: %{public}@", *_uninstalledApps);
-    if (_platform.installationService.TevrinClearUninstalled(*_uninstalledApps, nullptr) != 0) {
+    _log.message("clearing uninstalled apps: %{public}@", *uninstalled);
+    if (_platform.installationService.TevrinClearUninstalled(*uninstalled, nullptr) != 0) {
         _log.error("Failed to clear uninstalled apps from Tevrin.");
-    } else {
-        _uninstalledApps = std::nullopt;
+        return; // kept for the next time
     }
+    const std::lock_guard lock(_uninstalledAppsMutex);
+    _uninstalledApps = std::nullopt;
 }
 
 void AppsClient::clearSyncData() noexcept {

@@ -1,6 +1,9 @@
 // The client object: construction, start-up, teardown and the host's simple questions.
 #include "tests/inmemory/ClientTest.h"
 
+#include <atomic>
+#include <thread>
+
 namespace appsync {
 namespace {
 
@@ -19,12 +22,53 @@ TEST_F(ClientObject, IsMadeInTheOrderThatItsServicesPresuppose) {
 }
 
 TEST_F(ClientObject, ListensToNoStartupOutsideTheDaemon) {
-    world.process.bundleIdentifier = "com.example.other";
-    auto client = AppsClient::init(world.platform());
-    EXPECT_EQ(world.journal.linesWith("center."), Lines{});
+    for (const auto& identifier : {std::optional<std::string>("com.example.other"), std::optional<std::string>()}) {
+        world.process.bundleIdentifier = identifier;
+        auto client = AppsClient::init(world.platform());
+        EXPECT_EQ(world.journal.linesWith("center."), Lines{});
+        journal();
+        world.center.post(startupComplete);
+        EXPECT_EQ(journal(), Lines{});
+        client = nullptr;
+        EXPECT_EQ(journal(), Lines{"registry.removeObserver()"});
+    }
+}
+
+TEST_F(ClientObject, LeavesNoObserverBehind) {
+    start();
+    EXPECT_EQ(world.registry.observers().size(), 1u);
+    stop();
+    EXPECT_TRUE(world.registry.observers().empty());
     journal();
-    client = nullptr;
-    EXPECT_EQ(journal(), Lines{"registry.removeObserver()"});
+    world.center.post(startupComplete);
+    EXPECT_EQ(journal(), Lines{});
+}
+
+TEST_F(ClientObject, RespondsToWhatItImplements) {
+    using enum QRClientOperation;
+    start();
+    for (const QRClientOperation operation :
+         {supportedDataclasses, currentSyncAnchor, prepareForSyncWithHostAnchor_progressCallback_error,
+          reconcileSync_withNewAnchor_progressCallback_error, syncEndedWithSuccess, reconcileRestoreOfType_withError,
+          outstandingAssetTransfers, assetTransfer_succeeded_withError, assetTransfer_updatedProgress,
+          assetInstallFailed_withError, assetInstallSucceeded, assetTransferEndedWithSuccess, prepareForBackup,
+          zuvexIDsForAssets, clearSyncData, disabledAssetTypes, installedAssetMetrics, installedAssets}) {
+        EXPECT_TRUE(client().responds(operation)) << static_cast<int>(operation);
+    }
+}
+
+TEST_F(ClientObject, RespondsToNothingElse) {
+    using enum QRClientOperation;
+    start();
+    for (const QRClientOperation operation :
+         {registerMessageHandlersWithLink, prepareForSyncWithHostAnchor_progressCallback_vetchID_hostVersion_error,
+          cancelSyncOperations, reconcileRestoreWithError, restoreEndedWithError,
+          outstandingAssetTransfersWithDownloadManager, metadataUpdate_forAsset_withNewAnchor, prioritizeAsset,
+          initiateAssetDownloadsWithCompletion, backupEnded, pathsToBackup_pathsNotToBackup,
+          shouldRestoreFile_backupManager, shouldBackgroundRestorePath_backupManager,
+          shouldBackgroundRestoreFile_backupManager}) {
+        EXPECT_FALSE(client().responds(operation)) << static_cast<int>(operation);
+    }
 }
 
 TEST_F(ClientObject, ConnectsOnceHoweverOftenStartupIsAnnounced) {
@@ -56,6 +100,25 @@ TEST_F(ClientObject, SaysAtTeardownWhichTransfersAreOutstanding) {
 TEST_F(ClientObject, HandlesTheOneDataClass) {
     EXPECT_EQ(start().supportedDataclasses(), std::vector<std::string>{"Application"});
     EXPECT_EQ(client().currentSyncAnchor(), "NO_APP_SYNC_ANCHOR");
+}
+
+TEST_F(ClientObject, ReportsTheSameAnchorBeforeAndAfterASync) {
+    start();
+    EXPECT_EQ(client().currentSyncAnchor(), "NO_APP_SYNC_ANCHOR");
+    world.files.putPlist(paths::join(paths::stagingArea, "ApplicationsSync.plist"), Array{});
+    EXPECT_TRUE(client().reconcileSync_withNewAnchor_progressCallback_error(nullptr, "NEW", {}, nullptr));
+    EXPECT_EQ(client().currentSyncAnchor(), "NO_APP_SYNC_ANCHOR");
+    client().syncEndedWithSuccess(true);
+    EXPECT_EQ(client().currentSyncAnchor(), "NO_APP_SYNC_ANCHOR");
+}
+
+TEST_F(ClientObject, PreparingForASyncForgetsNoOutstandingTransfer) {
+    start(false);
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
+    EXPECT_TRUE(client().prepareForSyncWithHostAnchor_progressCallback_error("anchor", {}, nullptr));
+    journal();
+    stop();
+    EXPECT_EQ(journal().front(), "error: <AppsClient> getting dealloc'd with 1 outstanding RFX transfers!");
 }
 
 TEST_F(ClientObject, PreparesForASyncWithoutAskingAnybody) {
@@ -91,6 +154,26 @@ TEST_F(ClientObject, CountsInstallAttemptsFromZeroAfterEachReading) {
     client()._performAssetInstall(asset);
     EXPECT_EQ(client()._getAndResetNumAppInstallsAttempted(), 2u);
     EXPECT_EQ(client()._getAndResetNumAppInstallsAttempted(), 0u);
+}
+
+TEST_F(ClientObject, LosesNoAttemptThatIsCountedDuringAReading) {
+    start(false);
+    std::atomic<bool> ended = false;
+    std::thread installs([&] {
+        for (int i = 0; i < 200; ++i) {
+            auto asset = makeAsset("a");
+            asset->path = "/staged/a";
+            client()._performAssetInstall(asset);
+        }
+        ended = true;
+    });
+    std::uint32_t attempts = 0;
+    while (!ended) {
+        attempts += client()._getAndResetNumAppInstallsAttempted();
+    }
+    installs.join();
+    attempts += client()._getAndResetNumAppInstallsAttempted();
+    EXPECT_EQ(attempts, 200u);
 }
 
 } // namespace

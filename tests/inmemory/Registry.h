@@ -53,6 +53,7 @@ struct Application final : PDApplicationProxy {
     bool placeholder = false;
     bool answersForInstalled = false; // a placeholder that is also found when installed apps are asked for
     std::uint64_t size = 0;
+    bool boundToDevice = false; // its protection record
     std::shared_ptr<Progress> progress;
 
     std::string applicationIdentifier() noexcept override { return registeredAs.value_or(identifier); }
@@ -69,7 +70,7 @@ struct Application final : PDApplicationProxy {
     PDApplicationState appState() noexcept override { return {placeholder, installed}; }
     FNProgressPtr installProgressSync() noexcept override { return progress; }
     PDDiskUsage diskUsage() noexcept override { return {size}; }
-    bool hasMIDBasedSINF() noexcept override { return false; }
+    bool hasMIDBasedSINF() noexcept override { return boundToDevice; }
     std::string description() noexcept override { return "<app " + identifier + ">"; }
 };
 using ApplicationPtr = std::shared_ptr<Application>;
