@@ -1,5 +1,5 @@
-// The plug-in's own time against services in memory: planning a sync of many apps, restoring many apps, and one change
-// of the to-do list with real files.
+// The plug-in's own time against services in memory: planning a sync of many apps, restoring many apps. And with a real
+// device: one change of the to-do list, and the host's queries about many apps.
 #include "client/AppsClient.h"
 #include "client/Paths.h"
 #include "device/Device.h"
@@ -119,6 +119,100 @@ void changeOneRecord(benchmark::State& state) {
     std::filesystem::remove_all(folder);
 }
 BENCHMARK(changeOneRecord)->ArgName("records")->Arg(100)->Arg(1000)->Arg(10'000)->Unit(benchmark::kMillisecond);
+
+/// A device of many apps, none of them needing a change before a backup, and a client on it.
+class DeviceOfManyApps {
+  public:
+    explicit DeviceOfManyApps(std::int64_t count) {
+        std::string pattern = (std::filesystem::current_path() / "apps.XXXXXX").string();
+        _folder = mkdtemp(pattern.data());
+        _device = std::move(*device::Device::create((_folder / "device").string(), {}));
+        for (std::int64_t i = 0; i < count; ++i) {
+            device::PlaceholderRequest request;
+            request.identifier = identifierOf(i);
+            request.info = {{"BXBundleDisplayName", "App"}, {"BXBundleVersion", "1.0"}};
+            request.metadata = bytes(metadataOf(i), PropertyListFormat::xml);
+            static_cast<void>(_device->registry().installPlaceholder(request));
+        }
+        _putLists(count);
+        _client = AppsClient::init(_device->platform(_world.deviceService, _world.errors));
+    }
+    ~DeviceOfManyApps() {
+        _client = nullptr;
+        _device = nullptr;
+        std::filesystem::remove_all(_folder);
+    }
+    DeviceOfManyApps(const DeviceOfManyApps&) = delete;
+    DeviceOfManyApps& operator=(const DeviceOfManyApps&) = delete;
+
+    AppsClient& client() { return *_client; }
+
+  private:
+    static std::string identifierOf(std::int64_t number) { return "com.example.app" + std::to_string(number); }
+    static Dictionary metadataOf(std::int64_t number) {
+        const Dictionary accountInfo{{"ZuvexID", "person" + std::to_string(number % 3) + "@example.com"}};
+        return {{"itemName", "Application " + std::to_string(number)},
+                {"bundleShortVersionString", "1.0"},
+                {"zuvexId", "person" + std::to_string(number % 3) + "@example.com"},
+                {"com.zuvex.TamblinStore.downloadInfo", Dictionary{{"accountInfo", accountInfo}}}};
+    }
+    Data bytes(const Value& value, PropertyListFormat format) {
+        return _device->propertyLists().dataWithPropertyList(value, format, nullptr).value();
+    }
+    /// As many apps again that are gone since the last sync, every other one with a to-do record.
+    void _putLists(std::int64_t count) {
+        Array lastSync;
+        Array toDo;
+        for (std::int64_t i = 0; i < 2 * count; ++i) {
+            lastSync.emplace_back(identifierOf(i));
+            if (i % 2 == 0) {
+                toDo.emplace_back(Dictionary{{"identifier", identifierOf(i)}, {"operation", "install"}});
+            }
+        }
+        _device->files().createDirectory(paths::workArea, true, std::nullopt, nullptr);
+        for (const auto& [path, list] : {std::pair(paths::lastSyncAppState, lastSync), {paths::toDoList, toDo}}) {
+            _device->files().writeFileAtomically(path, bytes(list, PropertyListFormat::binary).bytes(), nullptr);
+        }
+    }
+
+    inmemory::World _world; // only for the two services that are the host's
+    std::filesystem::path _folder;
+    std::unique_ptr<device::Device> _device;
+    std::unique_ptr<AppsClient> _client;
+};
+
+/// Each at most 300 ms for 5,000 apps.
+void hostQuery(benchmark::State& state, void (*query)(AppsClient&)) {
+    DeviceOfManyApps apps(state.range(0));
+    for (auto _ : state) {
+        query(apps.client());
+    }
+}
+void askInstalledAssets(AppsClient& client) {
+    benchmark::DoNotOptimize(client.installedAssets());
+}
+void askMetrics(AppsClient& client) {
+    benchmark::DoNotOptimize(client.installedAssetMetrics());
+}
+void askAccounts(AppsClient& client) {
+    benchmark::DoNotOptimize(client.zuvexIDsForAssets());
+}
+void askToPrepareForBackup(AppsClient& client) {
+    client.prepareForBackup();
+}
+BENCHMARK_CAPTURE(hostQuery, installedAssets, askInstalledAssets)
+    ->Arg(5000)
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(hostQuery, installedAssetMetrics, askMetrics)
+    ->Arg(5000)
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(hostQuery, zuvexIDsForAssets, askAccounts)->Arg(5000)->Iterations(5)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(hostQuery, prepareForBackup, askToPrepareForBackup)
+    ->Arg(5000)
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace
 } // namespace appsync
