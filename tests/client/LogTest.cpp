@@ -66,6 +66,10 @@ TEST_F(PlugInMessages, CarryTheirFormatCategoryAndLevel) {
     EXPECT_EQ(sink.messages[3].level, LogLevel::error);
     EXPECT_EQ(sink.messages[3].format, "unexpected type for %{public}@");
     EXPECT_EQ(sink.messages[3].text, "unexpected type for label");
+    ASSERT_EQ(sink.questions.size(), 4u);
+    for (std::size_t i = 0; i < 4; ++i) { // asked for what is then written
+        EXPECT_EQ(sink.questions[i], std::pair(sink.messages[i].category, sink.messages[i].level));
+    }
 }
 
 /// Describes itself, and tells that it was asked to.

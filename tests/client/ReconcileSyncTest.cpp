@@ -178,6 +178,9 @@ TEST_F(ReconcileSync, NeverRemovesWhatCouldLeadElsewhere) {
     stage({record("a/../b", "remove"), record(5, "remove"), record("/..", "remove"),
            Dictionary{{"operation", "remove"}}, "stray", record("..c", "remove")});
     EXPECT_TRUE(reconcile());
+    EXPECT_EQ(world.journal.linesWith("log: ..c targeted"), Lines{"log: ..c targeted for termination"});
+    EXPECT_EQ(world.journal.linesWith("log: a"), Lines{});
+    EXPECT_EQ(world.journal.linesWith("log: /"), Lines{});
     EXPECT_EQ(world.journal.linesWith("log: performing"), Lines{"log: performing 1 deletions"});
     EXPECT_EQ(world.journal.linesWith("coordinators.uninstall"),
               Lines{"coordinators.uninstallAppLater(..c, confirmation 0)"});
@@ -203,7 +206,37 @@ TEST_F(ReconcileSync, SendsNoEmptyIconLayout) {
     start();
     world.files.put(staging + "/SkellanIconState.plist", "");
     EXPECT_TRUE(reconcile());
-    EXPECT_EQ(world.journal.linesWith("screen.SKSetIconState"), Lines{});
+    EXPECT_EQ(journal(), whole(joined({"log: Nothing to do from Tamblin"}, startingNotice)));
+}
+
+TEST_F(ReconcileSync, RemovesAnAppAsOftenAsItIsListed) {
+    start();
+    stage({record("a", "remove"), record("a", "remove")});
+    EXPECT_TRUE(reconcile());
+    EXPECT_EQ(world.journal.count("log: a targeted for termination"), 2u);
+    EXPECT_EQ(world.journal.count("log: performing 2 deletions"), 1u);
+    EXPECT_EQ(world.journal.count("coordinators.uninstallAppLater(a, confirmation 0)"), 2u);
+}
+
+TEST_F(ReconcileSync, GoesOnWhenTheDebugCopyCannotBeMade) {
+    start();
+    stage({record("a", "install")});
+    world.faults.fail("plist.serialise");
+    EXPECT_TRUE(reconcile());
+    EXPECT_EQ(journal(), whole(joined(joined({"plist.parse()"}, startingNotice), {"plist.serialise(binary)"})));
+    stage({record("a", "install")});
+    world.faults.fail("files.writeFileAtomically");
+    EXPECT_TRUE(reconcile());
+    EXPECT_EQ(journal(), whole(joined(joined({"plist.parse()"}, startingNotice), debugCopy)));
+}
+
+TEST_F(ReconcileSync, SendsTheIconLayoutBeforeItCopiesTheList) {
+    start();
+    stage({});
+    world.files.put(staging + "/SkellanIconState.plist", "any bytes");
+    EXPECT_TRUE(reconcile());
+    const Lines layout{"log: Sending iconlayout to SK", "screen.port()", "screen.SKSetIconState(port 77, any bytes)"};
+    EXPECT_EQ(journal(), whole(joined(joined(joined({"plist.parse()"}, startingNotice), layout), debugCopy)));
 }
 
 TEST_F(ReconcileSync, WorksWithoutAnErrorOut) {
@@ -264,18 +297,47 @@ TEST_F(SyncEnd, ClearingRemovesFilesPlaceholdersAndTheUninstalledList) {
     EXPECT_FALSE(world.files.exists(root));
 }
 
+const Lines clearing{"log: blasting work area", "files.removeItem(" + root + ")",
+                     "log: Uninstalling all placeholder apps", "registry.enumerateBundlesOfType(0)",
+                     "tevrin.lookupUninstalled(no options)"};
+
+TEST_F(SyncEnd, ClearingGoesOnWhenThereAreNoFiles) {
+    start(false);
+    world.faults.fail("files.removeItem");
+    client().clearSyncData();
+    Lines expected = clearing;
+    expected.emplace_back("tevrin.clearUninstalled((), no options)");
+    EXPECT_EQ(journal(), expected);
+}
+
+TEST_F(SyncEnd, ClearingUninstallsPlaceholdersThroughTheRegistryOnBothPaths) {
+    for (const bool useInstallCoordinator : {false, true}) {
+        start(useInstallCoordinator);
+        world.registry.addPlaceholder("p");
+        client().clearSyncData();
+        EXPECT_EQ(world.journal.count("registry.uninstallApplication(p, no options)"), 1u);
+        EXPECT_EQ(world.journal.linesWith("coordinators."), Lines{});
+        EXPECT_EQ(world.registry.find("p", true), nullptr);
+    }
+}
+
 TEST_F(SyncEnd, ClearingSaysWhenTheUninstalledListIsNotToBeHad) {
     start();
     world.lowLevelInstaller.uninstalled = std::nullopt;
     client().clearSyncData();
-    EXPECT_EQ(journal().back(), "error: Failed to fetch uninstalled apps list to clear it");
+    Lines expected = clearing;
+    expected.emplace_back("error: Failed to fetch uninstalled apps list to clear it");
+    EXPECT_EQ(journal(), expected);
 }
 
 TEST_F(SyncEnd, ClearingSaysWhenTheUninstalledListIsNotCleared) {
     start();
     world.faults.fail("tevrin.clearUninstalled");
     client().clearSyncData();
-    EXPECT_EQ(journal().back(), "error: Failed to clear uninstalled apps list");
+    Lines expected = clearing;
+    expected.emplace_back("tevrin.clearUninstalled((), no options)");
+    expected.emplace_back("error: Failed to clear uninstalled apps list");
+    EXPECT_EQ(journal(), expected);
 }
 
 } // namespace

@@ -6,6 +6,23 @@ namespace {
 
 using inmemory::Lines;
 
+// The places are an agreement with the desktop and the host, so a test spells them out.
+TEST(WorkFilePlaces, AreTheAgreedOnes) {
+    EXPECT_EQ(paths::applicationSync, "/var/mobile/Library/ApplicationSync");
+    EXPECT_EQ(paths::workArea, "/var/mobile/Library/ApplicationSync/TamblinStuff");
+    EXPECT_EQ(paths::toDoList, "/var/mobile/Library/ApplicationSync/TamblinStuff/ApplicationsSync.plist");
+    EXPECT_EQ(paths::toDoListDebugCopy,
+              "/var/mobile/Library/ApplicationSync/TamblinStuff/ApplicationsSync.plist-debug.plist");
+    EXPECT_EQ(paths::iconState, "/var/mobile/Library/ApplicationSync/TamblinStuff/SkellanIconState.plist");
+    EXPECT_EQ(paths::lastSyncAppState, "/var/mobile/Library/ApplicationSync/LastSyncAppState.plist");
+    EXPECT_EQ(paths::restoreState, "/var/mobile/Library/ApplicationSync/RestoreState.plist");
+    EXPECT_EQ(paths::assetSortOrder, "/var/mobile/Library/ApplicationSync/AssetSortOrder.plist");
+    EXPECT_EQ(paths::icons, "/var/mobile/Library/ApplicationSync/Icons");
+    EXPECT_EQ(paths::publicStaging, "/var/mobile/Media/PublicStaging");
+    EXPECT_EQ(paths::stagingArea, "/var/mobile/Media/PublicStaging/ApplicationSync");
+    EXPECT_EQ(paths::demotedApps, "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist");
+}
+
 class WorkFiles : public inmemory::ClientTest {
   protected:
     void SetUp() override { start(); }
@@ -40,7 +57,9 @@ TEST_F(WorkFiles, PassesAReadErrorOnAndLogsNothing) {
 
 TEST_F(WorkFiles, TakesAnEmptyListFileForNoneAndLogsNothing) {
     world.files.put(toDo, "");
-    EXPECT_EQ(client()._loadPlist_withError(toDo, nullptr), std::nullopt);
+    ErrorPtr error;
+    EXPECT_EQ(client()._loadPlist_withError(toDo, &error), std::nullopt);
+    EXPECT_EQ(error, nullptr);
     EXPECT_EQ(journal(), Lines{"files.readFile(" + toDo + ")"});
 }
 
@@ -54,8 +73,11 @@ TEST_F(WorkFiles, SaysThatAListCannotBeParsed) {
 
 TEST_F(WorkFiles, SaysThatAListIsNoArray) {
     world.files.putPlist(paths::lastSyncAppState, Dictionary{});
-    EXPECT_EQ(client()._loadPlist_withError(paths::lastSyncAppState, nullptr), std::nullopt);
-    EXPECT_EQ(journal().back(), "error: todo list is not an array");
+    ErrorPtr error;
+    EXPECT_EQ(client()._loadPlist_withError(paths::lastSyncAppState, &error), std::nullopt);
+    EXPECT_EQ(error, nullptr);
+    EXPECT_EQ(journal(), (Lines{"files.readFile(" + std::string(paths::lastSyncAppState) + ")", "plist.parse()",
+                                "error: todo list is not an array"}));
 }
 
 // Loading the demoted apps.
@@ -78,14 +100,18 @@ TEST_F(WorkFiles, TakesMissingOrEmptyDemotedAppsForNone) {
 
 TEST_F(WorkFiles, SaysThatDemotedAppsCannotBeParsed) {
     world.files.put(demoted, "no property list");
-    EXPECT_EQ(client()._loadDemotedAppsPlist_withError(demoted, nullptr), std::nullopt);
-    EXPECT_EQ(journal().back(), "error: couldn't parse demoted apps list");
+    ErrorPtr error;
+    EXPECT_EQ(client()._loadDemotedAppsPlist_withError(demoted, &error), std::nullopt);
+    EXPECT_EQ(error->domain(), PropertyListErrorDomain);
+    EXPECT_EQ(journal(),
+              (Lines{"files.readFile(" + demoted + ")", "plist.parse()", "error: couldn't parse demoted apps list"}));
 }
 
 TEST_F(WorkFiles, SaysThatDemotedAppsAreNoDictionary) {
     world.files.putPlist(demoted, Array{});
     EXPECT_EQ(client()._loadDemotedAppsPlist_withError(demoted, nullptr), std::nullopt);
-    EXPECT_EQ(journal().back(), "error: demoted apps list is not a dictionary");
+    EXPECT_EQ(journal(), (Lines{"files.readFile(" + demoted + ")", "plist.parse()",
+                                "error: demoted apps list is not a dictionary"}));
 }
 
 // Restore state.
@@ -120,6 +146,26 @@ TEST_F(WorkFiles, LeavesARestoreStateThatCannotBeUnderstoodAsItIs) {
         client()._setRestoreStatePropertyValue_forKey_identifier_version("/p", "path", "a", "1");
         EXPECT_EQ(world.files.bytesAt(restore), bytes);
     }
+}
+
+TEST_F(WorkFiles, ReplacesLevelsOfRestoreStateThatAreNoDictionaries) {
+    world.files.putPlist(restore, Dictionary{{"a", "stray"}, {"b", Dictionary{{"1", 5}, {"2", Dictionary{}}}}});
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("/a", "path", "a", "1");
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("/b", "path", "b", "1");
+    EXPECT_EQ(world.files.plistAt(restore),
+              Value(Dictionary{{"a", Dictionary{{"1", Dictionary{{"path", "/a"}}}}},
+                               {"b", Dictionary{{"1", Dictionary{{"path", "/b"}}}, {"2", Dictionary{}}}}}));
+}
+
+TEST_F(WorkFiles, FailsSilentlyWhenRestoreStateCannotBeWritten) {
+    world.faults.fail("files.writeFileAtomically");
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("/p", "path", "a", "1");
+    EXPECT_EQ(journal(), (Lines{"files.readFile(" + restore + ")", "plist.serialise(xml)",
+                                "files.writeFileAtomically(" + restore + ")"}));
+    world.faults.fail("plist.serialise");
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("/p", "path", "a", "1");
+    EXPECT_EQ(journal(), (Lines{"files.readFile(" + restore + ")", "plist.serialise(xml)"}));
+    EXPECT_FALSE(world.files.exists(restore));
 }
 
 TEST_F(WorkFiles, ReadsRestoreStateByAppVersionAndKey) {
@@ -175,6 +221,24 @@ TEST_F(WorkFiles, DeletesRestoreStateWithItsLastApp) {
     EXPECT_FALSE(world.files.exists(restore));
 }
 
+TEST_F(WorkFiles, CleansAnAppThatHasNoRestoreState) {
+    const Dictionary state{{"b", Dictionary{{"1", Dictionary{{"path", "/b"}}}}}};
+    world.files.putPlist(restore, state);
+    client().cleanRestoreStateForIdentifier("a");
+    EXPECT_EQ(journal(), (Lines{"files.readFile(" + restore + ")", "plist.parse()", "plist.serialise(xml)",
+                                "files.writeFileAtomically(" + restore + ")"}));
+    EXPECT_EQ(world.files.plistAt(restore), Value(state));
+    world.files.putPlist(restore, Dictionary{});
+    client().cleanRestoreStateForIdentifier("a");
+    EXPECT_FALSE(world.files.exists(restore));
+}
+
+TEST_F(WorkFiles, CleansNothingInAFileThatIsNoDictionary) {
+    world.files.putPlist(restore, Array{"a"});
+    client().cleanRestoreStateForIdentifier("a");
+    EXPECT_EQ(journal(), (Lines{"files.readFile(" + restore + ")", "plist.parse()"}));
+}
+
 TEST_F(WorkFiles, CleansNothingWhereThereIsNoRestoreState) {
     client().cleanRestoreStateForIdentifier("a");
     world.files.put(restore, "no property list");
@@ -216,6 +280,47 @@ TEST_F(WorkFiles, ChangesARecordThatHasNoOperation) {
     client().changeAssetID_toDo("a", "SENT");
     EXPECT_EQ(world.journal.linesWith("log:"), Lines{"log: Changing a from (null) to SENT"});
     EXPECT_EQ(operationOf("a"), "SENT");
+}
+
+TEST_F(WorkFiles, PassesOverStrayElementsInSearchOfARecord) {
+    world.files.putPlist(toDo, Array{"a", 5, Dictionary{{"operation", "install"}}, Dictionary{{"identifier", 5}},
+                                     Dictionary{{"identifier", "a"}, {"operation", "install"}}});
+    EXPECT_EQ(client()._operationStateForIdentifier("a"), "install");
+    client().changeAssetID_toDo("a", "SENT");
+    EXPECT_EQ(world.files.plistAt(toDo),
+              Value(Array{"a", 5, Dictionary{{"operation", "install"}}, Dictionary{{"identifier", 5}},
+                          Dictionary{{"identifier", "a"}, {"operation", "SENT"}}}));
+}
+
+TEST_F(WorkFiles, ChangesNothingInAListThatCannotBeLoaded) {
+    client().changeAssetID_toDo("a", "SENT");
+    EXPECT_EQ(journal(), Lines{"files.readFile(" + toDo + ")"});
+    world.files.put(toDo, "no property list");
+    client().changeAssetID_toDo("a", "SENT");
+    EXPECT_EQ(journal(), (Lines{"files.readFile(" + toDo + ")", "plist.parse()", "error: couldn't parse todo list"}));
+    EXPECT_EQ(world.files.bytesAt(toDo), "no property list");
+}
+
+TEST_F(WorkFiles, FailsSilentlyWhenTheListCannotBeWritten) {
+    const Lines change{"files.readFile(" + toDo + ")", "plist.parse()", "log: Changing a from install to SENT",
+                       "plist.serialise(binary)"};
+    putToDoList({{"a", "install"}});
+    world.faults.fail("plist.serialise");
+    client().changeAssetID_toDo("a", "SENT");
+    EXPECT_EQ(journal(), change);
+    world.faults.fail("files.writeFileAtomically");
+    client().changeAssetID_toDo("a", "SENT");
+    Lines written = change;
+    written.push_back("files.writeFileAtomically(" + toDo + ")");
+    EXPECT_EQ(journal(), written);
+    EXPECT_EQ(operationOf("a"), "install");
+}
+
+TEST_F(WorkFiles, TellsNoOperationWhereARecordHasNone) {
+    world.files.putPlist(toDo, Array{Dictionary{{"identifier", "a"}}, Dictionary{{"identifier", "b"}, {"operation", 5}},
+                                     Dictionary{{"identifier", "a"}, {"operation", "SENT"}}});
+    EXPECT_EQ(client()._operationStateForIdentifier("a"), std::nullopt);
+    EXPECT_EQ(client()._operationStateForIdentifier("b"), std::nullopt);
 }
 
 TEST_F(WorkFiles, TellsTheOperationOfAnApp) {

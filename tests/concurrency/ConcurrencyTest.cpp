@@ -115,6 +115,43 @@ TEST(OperationQueue, BeginsOperationsInTheirOrder) {
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
 }
 
+TEST(OperationQueue, ReleasesWhatAnOperationHoldsBeforeTheNextBegins) {
+    Group group;
+    OperationQueue queue(1);
+    auto held = std::make_shared<int>();
+    const std::weak_ptr<int> watched = held;
+    bool wasReleased = false;
+    group.enter();
+    queue.addOperation([held = std::move(held)] {});
+    queue.addOperation([&] {
+        wasReleased = watched.expired();
+        group.leave();
+    });
+    group.wait();
+    EXPECT_TRUE(wasReleased);
+}
+
+TEST(OperationQueue, ItsEndWaitsForTheRunning) {
+    Semaphore began;
+    std::atomic<bool> mayEnd = false;
+    std::atomic<bool> ended = false;
+    std::jthread releaser;
+    {
+        OperationQueue queue(2);
+        queue.addOperation([&] {
+            began.signal();
+            mayEnd.wait(false);
+            ended = true;
+        });
+        began.wait();
+        releaser = std::jthread([&] {
+            mayEnd = true;
+            mayEnd.notify_one();
+        });
+    }
+    EXPECT_TRUE(ended);
+}
+
 TEST(OperationQueue, StoppingWaitsForTheRunningAndDropsTheRest) {
     Semaphore began;
     Semaphore mayEnd;

@@ -94,6 +94,18 @@ TEST_F(HomeScreenIntegration, PutsEverythingLastWhenTheOrderCannotBeUnderstood) 
     EXPECT_EQ(journal(), expected);
 }
 
+TEST_F(HomeScreenIntegration, OrdersItemsEvenWhenTheOrderCannotBeSaved) {
+    putIconOrder(Array{"b"});
+    world.faults.fail("files.writeFileAtomically");
+    Dictionary items{{"a", 1}, {"b", 2}};
+    EXPECT_EQ(client()._orderTheItems(items), (Array{2, 1}));
+    Lines expected = fetched;
+    expected.emplace_back("log: prioritize b");
+    expected.emplace_back("log: lastly a");
+    EXPECT_EQ(journal(), expected);
+    EXPECT_FALSE(world.files.exists(sortOrder));
+}
+
 TEST_F(HomeScreenIntegration, PassesOverIconsThatAreNoText) {
     putIconOrder(Array{5, "a", Array{"b"}});
     Dictionary items{{"a", 1}, {"b", 2}};
