@@ -44,6 +44,7 @@ Interrupt::~Interrupt() {
         std::signal(signal, SIG_DFL);
     }
     event = -1;
+    signalled = 0;
     ::close(_event);
 }
 

@@ -14,7 +14,7 @@ class Interrupt {
     Interrupt(const Interrupt&) = delete;
     Interrupt& operator=(const Interrupt&) = delete;
 
-    /// Whether one of the signals has come.
+    /// Whether one lives and one of the signals has come.
     [[nodiscard]] static bool requested() noexcept;
     /// Returns after that time, or as soon as a signal has come.
     void waitFor(std::chrono::nanoseconds time) const noexcept;

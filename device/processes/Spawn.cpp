@@ -3,6 +3,7 @@
 #include "device/root/Descriptor.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -55,6 +56,8 @@ bool writeNumber(int file, pid_t number) {
         ::signal(signal, SIG_DFL);
     }
     const int nowhere = ::open("/dev/null", O_RDWR);
+    // Nothing that the starter has open is handed on but the record, not even what was opened without O_CLOEXEC.
+    ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     if (nowhere < 0 || ::setsid() < 0 || !writeNumber(prepared.record, ::getpid()) ||
         ::fcntl(prepared.record, F_SETFD, 0) < 0 || ::chdir(prepared.folder) != 0) {
         fail(prepared);
