@@ -64,6 +64,31 @@ struct LogArguments {
 };
 [[nodiscard]] ExitCode showLog(const LogArguments& arguments);
 
+/// Of the plug-in, outside of a sync.
+struct QueryArguments {
+    std::string device = {};
+    std::string plugin = {}; // empty: the bundle beside the program
+    bool json = false;
+};
+/// Which apps were deleted on the device since the last sync.
+[[nodiscard]] ExitCode showInventory(const QueryArguments& arguments);
+[[nodiscard]] ExitCode showMetrics(const QueryArguments& arguments);
+[[nodiscard]] ExitCode showAccounts(const QueryArguments& arguments);
+
+/// As a person on the device would.
+struct UninstallArguments {
+    std::string device = {};
+    std::string app = {};
+};
+[[nodiscard]] ExitCode uninstall(const UninstallArguments& arguments);
+
+struct ResetArguments {
+    std::string device = {};
+    std::string plugin = {};
+    bool yes = false; // do not ask first
+};
+[[nodiscard]] ExitCode reset(const ResetArguments& arguments);
+
 struct ScreenArguments {
     std::string device = {};
     std::string output = {};

@@ -60,6 +60,9 @@ void printTable(std::ostream& out, const SyncReport& report) {
         }
         table.print(out);
     }
+    for (const std::string& app : report.deleted) {
+        out << "note: " << printable(app) << " was deleted on the device since the last sync\n";
+    }
     for (const std::string& problem : report.problems) {
         out << "note: " << problem << '\n';
     }
@@ -79,6 +82,7 @@ void printJson(std::ostream& out, const SyncReport& report) {
         apps.push_back(std::move(entry));
     }
     nlohmann::ordered_json root{{"done", report.allDone()}, {"interrupted", report.interrupted}, {"apps", apps}};
+    root["deleted"] = report.deleted;
     root["problems"] = report.problems;
     if (report.failure != nullptr) {
         root["failure"] = reasonOf(report.failure);

@@ -23,6 +23,7 @@ struct AppReport {
 struct SyncReport {
     std::vector<AppReport> apps;
     std::vector<std::string> problems; // what was passed over, a sentence each
+    std::vector<std::string> deleted;  // apps that were deleted on the device since the last sync
     bool interrupted = false;
     ErrorPtr failure; // why the whole sync could not go on; null when it could
 

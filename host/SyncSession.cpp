@@ -4,6 +4,7 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
 #include "device/services/DevicePolicy.h"
+#include "host/DeletedApps.h"
 #include "host/InstallOutcomes.h"
 #include "host/Interrupt.h"
 #include "host/PlugIn.h"
@@ -67,7 +68,7 @@ ErrorPtr SyncSession::_open() {
 
 std::vector<QRAssetPtr> SyncSession::_plan() {
     if (_parties.client.responds(QRClientOperation::installedAssets)) {
-        static_cast<void>(_parties.client.installedAssets());
+        _deleted = deletedApps(_parties.client.installedAssets());
     }
     auto assets = _parties.client.outstandingAssetTransfers();
     std::map<std::string_view, std::uint64_t> sizes;
@@ -135,6 +136,12 @@ void SyncSession::_close() {
     _parties.device.coordinator().waitUntilIdle();
     _parties.view.ended();
     _parties.client.syncEndedWithSuccess(_allTransferred);
+    if (!_allTransferred) {
+        return;
+    }
+    if (const ErrorPtr error = writeLastSyncApps(_parties.device)) {
+        _parties.view.note("The list of the device's apps could not be kept for the next sync: " + reasonOf(error));
+    }
 }
 
 SyncReport SyncSession::_report() const {
@@ -146,6 +153,7 @@ SyncReport SyncSession::_report() const {
         report.apps.push_back(_reportOfInstall(*app));
     }
     report.problems = _list.problems;
+    report.deleted = _deleted;
     report.interrupted = Interrupt::requested();
     return report;
 }

@@ -62,6 +62,7 @@ class SyncSession {
     std::map<std::string, std::string> _namesBefore;
     std::set<std::string> _requested;
     std::map<std::string, ErrorPtr> _transferErrors;
+    std::vector<std::string> _deleted;
     bool _allTransferred = true;
 };
 

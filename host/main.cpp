@@ -20,9 +20,14 @@ class CommandLine {
         _app.require_subcommand(1);
         _addDevice();
         _addSync();
+        _addReset();
         _addPerson();
         _addQuestions();
         _addTools();
+        _group("Bring apps to a device", {"device", "sync", "status", "prioritize", "cancel"});
+        _group("Use the device", {"launch", "uninstall", "reset"});
+        _group("Look at a device", {"apps", "screen", "log", "inventory", "metrics", "accounts"});
+        _group("Make and check files", {"pack", "plist"});
         _app.footer("Exit codes: 0 all done, 1 some app failed, 2 wrong use, 3 the device is in use (try again), "
                     "4 the device root cannot be used, 5 anything else, 130 interrupted.");
     }
@@ -44,6 +49,13 @@ class CommandLine {
             [this, &arguments, perform] { _chosen = [&arguments, perform] { return perform(arguments); }; });
     }
 
+    /// What a person wants to do with these commands; the help shows them together.
+    void _group(const char* purpose, std::initializer_list<const char*> commands) {
+        for (const char* command : commands) {
+            _app.get_subcommand(command)->group(purpose);
+        }
+    }
+
     void _addDevice() {
         auto* device = _app.add_subcommand("device", "Make a device")->require_subcommand(1);
         auto* create = device->add_subcommand("create", "Make a folder into a new device");
@@ -53,6 +65,14 @@ class CommandLine {
         create->add_flag("--forbid-install", _create.forbidInstall, "Policy: no app may be installed");
         create->add_flag("--forbid-removal", _create.forbidRemoval, "Policy: no app may be removed");
         _choose(create, _create, createDevice);
+    }
+
+    void _addReset() {
+        auto* command = _app.add_subcommand("reset", "Remove the apps on their way and all that the plug-in keeps");
+        command->add_option("DIR", _reset.device, "The device")->required();
+        command->add_flag("--yes", _reset.yes, "Do not ask first");
+        command->add_option("--plugin", _reset.plugin, "The plug-in bundle, instead of the one beside this program");
+        _choose(command, _reset, reset);
     }
 
     void _addSync() {
@@ -78,6 +98,11 @@ class CommandLine {
                             "The app holds itself busy: it cannot be ended, and so not updated");
         _choose(launching, _launch, launch);
 
+        auto* removing = _app.add_subcommand("uninstall", "Remove an app, as a person on the device would");
+        removing->add_option("DIR", _uninstall.device, "The device")->required();
+        removing->add_option("ID", _uninstall.app, "The app's bundle identifier")->required();
+        _choose(removing, _uninstall, uninstall);
+
         auto* first = _app.add_subcommand("prioritize", "Have the running sync bring an app first");
         first->add_option("DIR", _control.device, "The device")->required();
         first->add_option("ID", _control.app, "The app's bundle identifier")->required();
@@ -100,6 +125,17 @@ class CommandLine {
         apps->add_option("DIR", _apps.device, "The device")->required();
         apps->add_flag("--json", _apps.json, "Print JSON");
         _choose(apps, _apps, listApps);
+
+        const auto addQuery = [this](const char* name, const char* help, ExitCode (*perform)(const QueryArguments&)) {
+            auto* query = _app.add_subcommand(name, help);
+            query->add_option("DIR", _query.device, "The device")->required();
+            query->add_flag("--json", _query.json, "Print JSON");
+            query->add_option("--plugin", _query.plugin, "The plug-in bundle, instead of the one beside this program");
+            _choose(query, _query, perform);
+        };
+        addQuery("inventory", "Tell which apps were deleted on the device since the last sync", showInventory);
+        addQuery("metrics", "Tell how many apps there are and how much space they take", showMetrics);
+        addQuery("accounts", "List the accounts under which the apps were bought", showAccounts);
 
         auto* log = _app.add_subcommand("log", "Show what a device has logged");
         log->add_option("DIR", _log.device, "The device")->required();
@@ -141,6 +177,9 @@ class CommandLine {
     LaunchArguments _launch;
     ControlArguments _control;
     StatusArguments _status;
+    UninstallArguments _uninstall;
+    ResetArguments _reset;
+    QueryArguments _query;
     AppsArguments _apps;
     LogArguments _log;
     ScreenArguments _screen;

@@ -1,0 +1,23 @@
+// The apps that a person deletes on the device between two syncs.
+#pragma once
+
+#include "platform/Error.h"
+#include "platform/PropertyList.h"
+
+#include <string>
+#include <vector>
+
+namespace appsync::device {
+class Device;
+}
+
+namespace appsync::host {
+
+/// Their bundle identifiers, of what the plug-in answers to `installedAssets`.
+[[nodiscard]] std::vector<std::string> deletedApps(const Dictionary& installedAssets);
+
+/// Writes down which apps the device has after a sync: the list that the plug-in compares the device with in the next
+/// one. Null on success.
+[[nodiscard]] ErrorPtr writeLastSyncApps(device::Device& device);
+
+} // namespace appsync::host
