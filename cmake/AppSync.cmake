@@ -33,6 +33,10 @@ if(APPSYNC_SANITIZE)
     target_link_options(appsync_options INTERFACE -fsanitize=${APPSYNC_SANITIZE})
 endif()
 
+if(APPSYNC_FUZZ)
+    target_compile_options(appsync_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 # appsync_library(NAME SOURCES... [LINK LIBS...]): a static library of one folder.
 function(appsync_library name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
