@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <initializer_list>
@@ -12,16 +13,16 @@ namespace appsync::host {
 
 namespace {
 
-// A signal handler can reach nothing but globals.
-volatile std::sig_atomic_t signalled = 0;
-volatile std::sig_atomic_t event = -1;
+// A signal handler can reach nothing but globals; these need no lock.
+std::atomic<bool> signalled = false;
+std::atomic<int> event = -1;
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
 void handle(int signal) {
-    if (signalled != 0) {
+    if (signalled.exchange(true)) {
         std::signal(signal, SIG_DFL);
         std::raise(signal);
     }
-    signalled = 1;
     if (event >= 0) {
         const int before = errno;
         (void)::eventfd_write(event, 1);
@@ -32,7 +33,7 @@ void handle(int signal) {
 } // namespace
 
 Interrupt::Interrupt() : _event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    signalled = 0;
+    signalled = false;
     event = _event;
     for (const int signal : {SIGINT, SIGTERM}) {
         std::signal(signal, handle);
@@ -44,7 +45,7 @@ Interrupt::~Interrupt() {
         std::signal(signal, SIG_DFL);
     }
     event = -1;
-    signalled = 0;
+    signalled = false;
     ::close(_event);
 }
 
@@ -56,7 +57,7 @@ void Interrupt::waitFor(std::chrono::nanoseconds time) const noexcept {
 }
 
 bool Interrupt::requested() noexcept {
-    return signalled != 0;
+    return signalled;
 }
 
 } // namespace appsync::host
