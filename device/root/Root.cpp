@@ -22,8 +22,9 @@ constexpr unsigned layoutVersion = 1;
 
 constexpr std::array<std::string_view, 5> layoutFolders{"/tmp", "/var/db", "/var/containers/Bundle/Application",
                                                         "/var/mobile/Library", "/var/mobile/Media"};
-/// Where files are replaced by atomic writes, one and the same file over and over.
-constexpr std::string_view workFilesFolder = "/var/mobile/Library";
+/// Where an interrupted write leaves its temporary file: where files are replaced over and over, and where the icons of
+/// placeholders are copied to.
+constexpr std::array<std::string_view, 2> writtenFolders{"/var/mobile/Library", "/tmp"};
 
 ErrorPtr rootError(RootError code, const std::string& folder, const std::string& text) {
     return makeError(RootErrorDomain, static_cast<std::int64_t>(code), text, folder);
@@ -191,7 +192,9 @@ Result<std::unique_ptr<Root>> Root::open(const std::string& folder, RootOptions 
     if (ErrorPtr error = makeLayout(*files, absolute)) {
         return error;
     }
-    files->removeLeftovers(workFilesFolder);
+    for (const std::string_view path : writtenFolders) {
+        files->removeLeftovers(path);
+    }
     return std::unique_ptr<Root>(new Root(std::move(absolute), std::move(lock), std::move(files)));
 }
 

@@ -180,12 +180,16 @@ TEST(Root, OpeningRemovesWhatInterruptedWritesLeft) {
     const TemporaryFolder folder;
     ASSERT_TRUE(Root::create(folder.path()));
     std::filesystem::create_directories(folder / "var/mobile/Library/ApplicationSync/Icons");
+    std::filesystem::create_directories(folder / "tmp/Apps/org.example.app.app");
     const std::string leftover = folder / "var/mobile/Library/ApplicationSync/Icons/.00ff-1.device-tmp";
+    const std::string iconCopy = folder / "tmp/Apps/org.example.app.app/.00ff-2.device-tmp";
     const std::string file = folder / "var/mobile/Library/ApplicationSync/RestoreState.plist";
     writeHostFile(leftover, "half");
+    writeHostFile(iconCopy, "half");
     writeHostFile(file, "whole");
     ASSERT_TRUE(Root::open(folder.path()));
     EXPECT_FALSE(std::filesystem::exists(leftover));
+    EXPECT_FALSE(std::filesystem::exists(iconCopy));
     EXPECT_EQ(readHostFile(file), "whole");
 }
 
