@@ -2,6 +2,7 @@
 
 #include "desktop/Staging.h"
 #include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
 #include "device/coordinator/InstallObservers.h"
 #include "device/root/Root.h"
 #include "device/screen/DeviceHomeScreen.h"
@@ -76,6 +77,8 @@ SyncReport runSync(device::Device& device, const desktop::SyncList& list, const 
     // After the plug-in's own connection, which gets the reports that waited for one.
     const auto observer = devicePlatform.installObservers.initWithMachServiceName_forClients_delegate(
         device::ObserverServiceName, {KXClientSyncHost}, &outcomes);
+    // What ended while no plug-in ran is told to it before it opens the sync, since it notes that in its work files.
+    device.coordinator().waitUntilIdle();
     PersonOnDevice person(device, deviceService, workspace, busyApps, outcomes);
     const ControlPoint control(device.root().folder(), options.interrupt,
                                {.status = [&view] { return toJson(view.status()); },
