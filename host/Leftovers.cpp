@@ -2,6 +2,7 @@
 
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
+#include "device/services/StoreClient.h"
 #include "host/Transfer.h"
 #include "platform/PropertyListSerialization.h"
 
@@ -77,6 +78,7 @@ void clearLeftovers(device::Device& device) {
     clearPlaceholderBundles(device);
     if (!device.coordinationIsEnabled()) {
         clearPlaceholders(device);
+        (void)device.store().refreshReceipts(); // the plug-in asks for it at the end of a sync that has installed
     }
 }
 

@@ -9,8 +9,9 @@ namespace appsync::host {
 
 /// Removes received files that nobody will install, unfinished ones too, and placeholder bundles that nobody
 /// registered; on a device without coordination also the placeholders of installs that will not go on, so that their
-/// apps are asked for again. Files whose place the plug-in has noted in its restore state stay. To be called before a
-/// sync, when no install runs. What cannot be removed now is left for the next time.
+/// apps are asked for again, and the receipts that such a sync has not brought up to date. Files whose place the
+/// plug-in has noted in its restore state stay. To be called before a sync, when no install runs. What cannot be
+/// removed now is left for the next time.
 void clearLeftovers(device::Device& device);
 
 } // namespace appsync::host
