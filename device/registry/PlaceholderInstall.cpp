@@ -100,7 +100,7 @@ class Registry::Implementation::PlaceholderInstall {
             _isMoved = _files.moveItem(_request.bundlePath, bundle, &error);
             return _isMoved ? nullptr : _failure(error);
         }
-        return _build(bundle);
+        return _build(container, bundle);
     }
 
     [[nodiscard]] std::string _bundleName() const {
@@ -110,7 +110,7 @@ class Registry::Implementation::PlaceholderInstall {
         return isUsable ? std::string(own) : _request.identifier + std::string(bundleExtension);
     }
 
-    ErrorPtr _build(const std::string& bundle) {
+    ErrorPtr _build(Container& container, const std::string& bundle) {
         ErrorPtr error;
         if (!_files.createDirectory(bundle, false, std::nullopt, &error)) {
             return _failure(error);
@@ -122,9 +122,8 @@ class Registry::Implementation::PlaceholderInstall {
         if (!bytes) {
             return _failure(error);
         }
-        return _files.createFile(bundle + "/" + std::string(infoFileName), bytes->bytes(), {})
-                   ? nullptr
-                   : _invalid("its Info.plist cannot be written");
+        const auto written = container.writeFile(_bundle + "/" + std::string(infoFileName), bytes->bytes());
+        return written ? nullptr : _failure(written.error());
     }
 
     [[nodiscard]] ErrorPtr _makeRecord(const Container& container) {

@@ -119,6 +119,20 @@ TEST_F(RegistryTest, BadPlaceholderBundleIsRefusedAndLeftInItsPlace) {
     (void)refuse();
 }
 
+TEST_F(RegistryTest, FailureOfABuiltPlaceholderNamesTheFileAndTheReason) {
+    PlaceholderRequest made;
+    made.identifier = identifier;
+    faults->forget();
+    faults->failAt = 2; // after the container and the bundle's folder
+    faults->failure = ENOSPC;
+    const auto installed = registry().installPlaceholder(made);
+    faults->failAt = -1;
+    ASSERT_FALSE(installed);
+    const std::string text = errorText(installed.error());
+    EXPECT_NE(text.find("/org.example.app.app/Info.plist: No space left on device"), std::string::npos) << text;
+    EXPECT_EQ(staged(), std::vector<std::string>());
+}
+
 TEST_F(RegistryTest, FailureOfAnyStepLeavesTheBundleInItsPlaceOrInstalled) {
     const auto made = placeholder();
     for (int step = 0;; ++step) {
