@@ -140,7 +140,7 @@ Result<void> Device::Services::openApps(const DeviceEnvironment& environment) {
         return settled.error();
     }
     settlement = *settled;
-    workspace = std::make_unique<ApplicationWorkspace>(*registry);
+    workspace = std::make_unique<ApplicationWorkspace>(*registry, log.get());
     store = std::make_unique<StoreClient>(root->files(), *registry, propertyLists);
     return {};
 }

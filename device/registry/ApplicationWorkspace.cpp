@@ -87,9 +87,13 @@ bool ApplicationWorkspace::installApplication_withOptions(const FileURL& url, co
 bool ApplicationWorkspace::uninstallApplication_withOptions(std::string_view bundleIdentifier,
                                                             const Dictionary* options) noexcept {
     const bool placeholdersOnly = options && options->truth(PDUninstallPlaceholdersOnlyKey);
-    return bool(
+    const auto removed =
         _registry.uninstall(bundleIdentifier, RemovalReason::sync,
-                            placeholdersOnly ? RemovalScope::placeholderOnly : RemovalScope::placeholderElseApp));
+                            placeholdersOnly ? RemovalScope::placeholderOnly : RemovalScope::placeholderElseApp);
+    if (!removed && _log && !isError(removed.error(), TVInstallerErrorDomain, InstallerError::nothingToRemove)) {
+        _log->write(QRLogCategoryFramework, LogLevel::error, "%{public}@", errorText(removed.error()));
+    }
+    return bool(removed);
 }
 
 FNProgressPtr ApplicationWorkspace::installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,

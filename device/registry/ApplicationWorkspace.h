@@ -3,6 +3,7 @@
 
 #include "device/registry/Registry.h"
 #include "platform/ApplicationRegistry.h"
+#include "platform/Log.h"
 
 namespace appsync::device {
 
@@ -11,8 +12,9 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
                                    public PDApplicationWorkspaceClass,
                                    public PDApplicationProxyClass {
   public:
-    /// The registry must outlive the workspace and every proxy and progress object handed out.
-    explicit ApplicationWorkspace(Registry& registry) : _registry(registry) {}
+    /// The registry must outlive the workspace and every proxy and progress object handed out, `log` the workspace. The
+    /// log gets the reasons of removals that fail, for which the platform's answer has no room; it may be null.
+    explicit ApplicationWorkspace(Registry& registry, HostLog* log = nullptr) : _registry(registry), _log(log) {}
 
     void addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
     void removeObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
@@ -36,6 +38,7 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
 
   private:
     Registry& _registry;
+    HostLog* const _log;
 };
 
 } // namespace appsync::device

@@ -276,5 +276,33 @@ TEST_F(Workspace, FailedInstallShowsOnItsPlaceholder) {
     EXPECT_EQ(registry().application(identifier)->installState, std::nullopt);
 }
 
+/// Keeps the texts of errors.
+class ErrorLog final : public HostLog {
+  public:
+    bool isEnabled(QRLogCategory, LogLevel) noexcept override { return true; }
+    void write(QRLogCategory, LogLevel level, std::string_view, std::string_view text) noexcept override {
+        if (level == LogLevel::error) {
+            errors.emplace_back(text);
+        }
+    }
+    std::vector<std::string> errors;
+};
+
+TEST_F(RegistryTest, TheLogTellsWhyARemovalFailed) {
+    ASSERT_TRUE(install());
+    ErrorLog log;
+    ApplicationWorkspace logging(registry(), &log);
+    faults->forget();
+    faults->failAt = 0;
+    faults->failure = EIO;
+    EXPECT_FALSE(logging.uninstallApplication_withOptions(identifier, nullptr));
+    faults->failAt = -1;
+    ASSERT_EQ(log.errors.size(), 1U);
+    EXPECT_NE(log.errors[0].find("cannot remove org.example.app: "), std::string::npos) << log.errors[0];
+    EXPECT_TRUE(logging.uninstallApplication_withOptions(identifier, nullptr));
+    EXPECT_FALSE(logging.uninstallApplication_withOptions(identifier, nullptr)) << "it is gone";
+    EXPECT_EQ(log.errors.size(), 1U) << "nothing to remove is no failure";
+}
+
 } // namespace
 } // namespace appsync::device
