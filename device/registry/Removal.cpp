@@ -5,6 +5,8 @@
 #include "device/archive/Refusal.h"
 #include "device/registry/UninstalledList.h"
 
+#include <cerrno>
+
 namespace appsync::device {
 
 Result<void> Registry::Implementation::uninstall(std::string_view identifier, RemovalReason reason,
@@ -138,12 +140,19 @@ Result<void> Registry::Implementation::_settleRemovals(Settlement& settlement) {
     return {};
 }
 
+/// A bundle that is there but cannot be looked at just now is not gone.
+bool Registry::Implementation::_isGone(const RegistryRecord& record) {
+    ErrorPtr error;
+    const auto info = _files.attributesOfItem(record.bundlePath() + "/" + std::string(infoFileName), &error);
+    return !info && (error->code() == ENOENT || error->code() == ENOTDIR);
+}
+
 /// A record whose bundle is gone, because the power went before its files were durable, is no app any more.
 Result<void> Registry::Implementation::_settleRecords(Settlement& settlement) {
     std::vector<RegistryRecordPtr> gone;
     for (const RegistryTable::App& app : _table.all()) {
         for (const RegistryRecordPtr& record : {app.installed, app.placeholder}) {
-            if (record && !_files.fileExists(record->bundlePath() + "/" + std::string(infoFileName))) {
+            if (record && _isGone(*record)) {
                 gone.push_back(record);
             }
         }

@@ -1,5 +1,7 @@
 #include "RegistryFixture.h"
 
+#include <filesystem>
+
 namespace appsync::device {
 namespace {
 
@@ -192,6 +194,20 @@ TEST_F(Settling, RemovesStagingFoldersAndContainersOfNoApp) {
     EXPECT_EQ(staged(), std::vector<std::string>());
     EXPECT_EQ(containers().size(), 1U);
     EXPECT_TRUE(files().fileExists(registry().application(identifier)->bundlePath));
+}
+
+TEST_F(Settling, KeepsAnAppWhoseBundleCannotBeLookedAt) {
+    ASSERT_TRUE(install());
+    const std::string info = device->root->hostPath(registry().application(identifier)->bundlePath + "/Info.plist");
+    std::filesystem::remove(info);
+    std::filesystem::create_symlink("Info.plist",
+                                    info); // a link to itself: there is something, and it cannot be opened
+    open();
+    const auto settled = registry().settle();
+    ASSERT_TRUE(settled);
+    EXPECT_EQ(settled->droppedRecords, 0U);
+    EXPECT_EQ(settled->removedFolders, 0U);
+    EXPECT_TRUE(registry().isInstalled(identifier));
 }
 
 TEST_F(Settling, DropsRecordsWhoseBundleIsGone) {
