@@ -65,8 +65,12 @@ void clearPlaceholderBundles(device::Device& device) {
 void clearPlaceholders(device::Device& device) {
     for (const device::Application& app : device.registry().applications()) {
         if (app.isPlaceholder && app.installType == PDInstallTypeSync) {
-            (void)device.registry().uninstall(app.identifier, device::RemovalReason::sync,
-                                              device::RemovalScope::placeholderOnly);
+            const auto removed = device.registry().uninstall(app.identifier, device::RemovalReason::sync,
+                                                             device::RemovalScope::placeholderOnly);
+            if (!removed) { // the report of the sync will point at the log
+                device.log().write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
+                                   device::errorText(removed.error()));
+            }
         }
     }
 }

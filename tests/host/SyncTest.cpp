@@ -97,19 +97,6 @@ TEST_F(Sync, GoesOnAfterAnInterruption) {
     EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}, {"com.example.b", "1.0"}}));
 }
 
-TEST_F(Sync, BringsReceiptsUpToDateThatAnInterruptedOneLeft) {
-    createDevice({.noCoordination = true});
-    addApp("a");
-    addApp("b");
-    sync(ExitCode::done);
-    const std::set<std::string> receipts{"com.example.a.plist", "com.example.b.plist"};
-    const fs::path receiptFolder = folder / "device/var/mobile/Library/StoreReceipts";
-    ASSERT_EQ(filesBelow("var/mobile/Library/StoreReceipts"), receipts);
-    fs::rename(receiptFolder / "com.example.a.plist", receiptFolder / "com.example.gone.plist");
-    sync(ExitCode::done); // has nothing to install
-    EXPECT_EQ(filesBelow("var/mobile/Library/StoreReceipts"), receipts);
-}
-
 TEST_F(Sync, TellsWhatItWouldDo) {
     createDevice();
     addApp("a");
