@@ -1,0 +1,172 @@
+"""What must hold on a device, between a disturbed command and the next one and at the end of all."""
+import collections
+import json
+import os
+import plistlib
+import re
+import sqlite3
+
+from scenarios import data_folder, listed_apps, run
+
+CONTAINERS = "var/containers/Bundle/Application"
+UNIQUE_NAME = re.compile(r"[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")
+# A receipt goes with a sync that installs something, else when the next one begins.
+RECEIPT = re.compile(r"/var/mobile/Library/StoreReceipts/")
+# What the last sync has worked on stays until the next one, and says nothing about the others.
+WORK_AREA = re.compile(r"/var/mobile/Library/ApplicationSync/(Icons|TamblinStuff)/")
+# The words in which a disk that fails or is full shows, or a file that could not be removed before.
+SYSTEM_REASON = re.compile(r"input/output error|disk I/O error|no space left|disk is full|device is full|: File exists|"
+                           r"does not take '/", re.I)
+EMPTY_TABLES = ("application_removals", "coordinator", "coordinatorPlaceholder", "coordinatorPromise", "restoreData")
+
+
+def _query(device, sql):
+    # Closed by its last process, the database stands in its one file.
+    database = sqlite3.connect(f"file:{device}/var/db/device.sqlite?immutable=1", uri=True)
+    try:
+        return database.execute(sql).fetchall()
+    finally:
+        database.close()
+
+
+def _files_below(folder):
+    return {os.path.relpath(os.path.join(above, name), folder): os.path.join(above, name)
+            for above, _, names in os.walk(folder) for name in names}
+
+
+def _is_same(name, installed, packed):
+    if installed == packed or not name.endswith("TamblinMetadata.plist"):
+        return installed == packed
+    try: # the device writes it anew
+        return plistlib.loads(installed) == plistlib.loads(packed)
+    except (ValueError, plistlib.InvalidFileException):
+        return False
+
+
+def _wrong_files(container, app):
+    """How an installed app's files differ from those of its archive."""
+    found = _files_below(container)
+    problems = [f"{name} is missing" for name in app.files if name not in found]
+    problems += [f"{name} is none of its files" for name in found if name not in app.files]
+    for name in found.keys() & app.files.keys():
+        with open(found[name], "rb") as file:
+            if not _is_same(name, file.read(), app.files[name]):
+                problems.append(f"{name} has another content")
+    return problems
+
+
+def _check_installed(device, versions):
+    """Each installed app is whole, in one of the versions it may have."""
+    problems = []
+    for identifier, version, container in _query(
+            device, "SELECT identifier, version, container FROM applications WHERE placeholder = 0"):
+        app = next((app for app in versions.get(identifier, []) if app.version == version), None)
+        if app is None:
+            problems.append(f"{identifier} {version} is installed")
+        else:
+            problems += [f"{identifier} {version}: {wrong}"
+                         for wrong in _wrong_files(os.path.join(device, CONTAINERS, container), app)]
+    return problems
+
+
+def _check_data(device, identifiers):
+    problems = []
+    for identifier in identifiers:
+        note = os.path.join(data_folder(device, identifier), "note.txt")
+        if not os.path.exists(note) or open(note).read() != identifier:
+            problems.append(f"the data of {identifier} is gone")
+    return problems
+
+
+def check_between(scenario, device, answer):
+    """After a disturbed command: every app in its old version or its new one, and none that was said to be done is
+    not. Opening the device for this settles it."""
+    apps, problem = listed_apps(scenario.qrd, device)
+    if apps is None:
+        return [problem]
+    problems = []
+    versions = collections.defaultdict(list)
+    for app in [*scenario.before.values(), *scenario.after.values()]:
+        versions[app.identifier].append(app)
+    for identifier in scenario.before.keys() & scenario.after.keys():
+        if not apps.get(identifier, {}).get("installed"):
+            problems.append(f"{identifier} is lost")
+    for identifier, app in apps.items():
+        if app["installed"] and app["version"] not in [known.version for known in versions[identifier]]:
+            problems.append(f"{identifier} is there in version {app['version']}")
+    problems += _check_installed(device, versions)
+    problems += _check_data(device, scenario.before.keys() & scenario.after.keys())
+    if answer.code == 0:
+        problems += [f"all was said to be done, and {identifier} is not"
+                     for identifier in scenario.before | scenario.after if not _is_done(scenario, apps, identifier)]
+    return problems + _check_report(scenario, apps, answer)
+
+
+def _is_done(scenario, apps, identifier):
+    app = apps.get(identifier, {"installed": False, "version": None})
+    wanted = scenario.after.get(identifier)
+    return app["installed"] and app["version"] == wanted.version if wanted else not app["installed"]
+
+
+def _check_report(scenario, apps, answer):
+    try:
+        report = json.loads(answer.output)
+    except ValueError:
+        return []
+    return [f"{said['identifier']} was said to be {said['result']} and is not" for said in report["apps"]
+            if said["result"] in ("installed", "updated", "removed")
+            and not _is_done(scenario, apps, said["identifier"])]
+
+
+def check_failure(scenario, device, answer):
+    """A command that failed says which app it did not do and why, or why nothing could be done. The device's log tells
+    what the plug-in keeps to itself."""
+    if answer.code == 0:
+        return []
+    if answer.code not in (1, 4, 5):
+        return [f"it ended with {answer.code}: {answer.text()}"]
+    try:
+        report = json.loads(answer.output)
+    except ValueError:
+        return [] if answer.errors.startswith("qrd: ") else [f"it does not say why it failed: {answer.text()!r}"]
+    reasons = [app.get("reason", "") for app in report["apps"] if app["result"] in ("failed", "refused")]
+    reasons += [report["failure"]] if "failure" in report else []
+    if not reasons or "" in reasons:
+        return [f"it does not say why it failed: {answer.text()}"]
+    log = run([scenario.qrd, "log", device]).output if any("`qrd log`" in reason for reason in reasons) else ""
+    return [f"the reason says nothing: {reason}" for reason in reasons
+            if not SYSTEM_REASON.search(log if "`qrd log`" in reason else reason)]
+
+
+def _names(device):
+    """Every file and folder of a device, with a star for what is unique."""
+    names = collections.Counter()
+    for above, folders, files in os.walk(device):
+        for name in folders + files:
+            path = os.path.join(above, name)
+            names[UNIQUE_NAME.sub("*", path[len(device):])] += 1
+    return names
+
+
+def final_names(device):
+    """What to compare a device with at the end: its files after a command that nothing disturbed."""
+    return _names(device)
+
+
+def check_end(scenario, device, names, has_installed=True):
+    """After all: exactly the apps of the scenario, whole, and no file and no record that an undisturbed device has
+    not."""
+    found = _names(device)
+    problems = [f"{name} was left" for name in found - names if has_installed or not RECEIPT.match(name)]
+    problems += [f"{name} is missing" for name in names - found if not WORK_AREA.match(name)]
+    if "/var/db/device.sqlite-wal" in found:
+        return problems
+    problems += _check_installed(device, {identifier: [app] for identifier, app in scenario.after.items()})
+    rows = _query(device, "SELECT identifier, placeholder FROM applications")
+    problems += [f"{identifier} has a placeholder" for identifier, placeholder in rows if placeholder]
+    problems += [f"{identifier} is missing" for identifier in scenario.after if (identifier, 0) not in rows]
+    for table in EMPTY_TABLES:
+        left = _query(device, f"SELECT count(*) FROM {table}")[0][0]
+        if left:
+            problems.append(f"{left} rows are left in {table}")
+    return problems + _check_data(device, scenario.before.keys() & scenario.after.keys())

@@ -1,0 +1,181 @@
+#!/usr/bin/env -S python3 -B
+"""Kills a sync at each of its changes to the device, or lets that change fail, and looks at what is left.
+
+Each run starts from the same device. The sync is disturbed at one change; then every app must be there in its old
+version or its new one, whole. A plain sync follows: it must succeed, and leave the device as if nothing had happened.
+Several threads work on a device, so that a number stands for slightly different changes from run to run.
+"""
+import argparse
+import collections
+import concurrent.futures
+import dataclasses
+import errno
+import os
+import random
+import shutil
+import sys
+import tempfile
+import time
+
+import checks
+from scenarios import SCENARIOS, Scenario, copy_device, make_scenario, run
+
+KINDS = {"kill": None, "EIO": errno.EIO, "ENOSPC": errno.ENOSPC}
+CANNOT_SUPERVISE = 125
+KILLED = 128 + 9
+SKIPPED = 77
+
+
+@dataclasses.dataclass
+class Point:
+    scenario: Scenario
+    kind: str
+    number: int
+
+    def __str__(self):
+        return f"--path {self.scenario.name} --kind {self.kind} --point {self.number}"
+
+
+@dataclasses.dataclass
+class Outcome:
+    point: Point
+    change: str | None  # what was disturbed; None when the sync ended before it came to that number
+    problems: list[str]
+
+
+class Runner:
+    def __init__(self, arguments, folder):
+        self._arguments = arguments
+        self._folder = folder
+        self._names = {}
+
+    def can_supervise(self):
+        return self._supervised(self._folder, [], ["true"]).code != CANNOT_SUPERVISE
+
+    def measure(self, scenario):
+        """How many changes an undisturbed run makes at most, in a few runs. Its device is what others are compared
+        with."""
+        return max(self._measure_once(scenario) for _ in range(3))
+
+    def _measure_once(self, scenario):
+        folder = tempfile.mkdtemp(prefix="undisturbed-", dir=self._folder)
+        device = os.path.join(folder, "device")
+        copy_device(scenario.snapshot, device)
+        changes = os.path.join(folder, "changes")
+        answer = self._supervised(device, ["--list", changes], scenario.command(device))
+        self._names[scenario.name] = checks.final_names(device)
+        problems = checks.check_end(scenario, device, self._names[scenario.name])
+        if answer.code != 0 or problems:
+            raise SystemExit(f"crash: undisturbed, {scenario.name}: {answer.code} {problems} {answer.text()}")
+        with open(changes) as lines:
+            return sum(1 for _ in lines)
+
+    def try_point(self, point):
+        folder = tempfile.mkdtemp(prefix="point-", dir=self._folder)
+        device = os.path.join(folder, "device")
+        copy_device(point.scenario.snapshot, device)
+        changes = os.path.join(folder, "changes")
+        problems, is_reached = self._disturb(point, device, changes)
+        with open(changes) as lines:
+            change = next((line.split("\t", 1)[1].strip() for line in lines
+                           if line.startswith(f"{point.number}\t")), None)
+        if problems and self._arguments.keep:
+            print(f"the device of {point} is in {device}")
+        else:
+            shutil.rmtree(folder)
+        return Outcome(point, change if is_reached else None, problems)
+
+    def _supervised(self, device, options, command):
+        return run([self._arguments.disturb, "--under", device, *options, *command])
+
+    def _disturb(self, point, device, changes):
+        scenario, number = point.scenario, str(point.number)
+        error = KINDS[point.kind]
+        options = ["--kill", number] if error is None else ["--fail", number, "--error", str(error)]
+        answer = self._supervised(device, ["--list", changes, *options], scenario.command(device))
+        problems = []
+        if error is None:
+            if answer.code not in (0, KILLED):
+                problems.append(f"it ended with {answer.code}: {answer.text()}")
+        else:
+            problems += checks.check_failure(scenario, device, answer)
+        problems += ["after that: " + problem for problem in checks.check_between(scenario, device, answer)]
+        again = run(scenario.command(device))
+        if again.code != 0:
+            problems.append(f"the next sync ended with {again.code}: {again.text()}")
+        has_installed = '"installed"' in again.output or '"updated"' in again.output
+        problems += ["at the end: " + problem for problem in checks.check_end(
+            scenario, device, self._names[scenario.name], has_installed)]
+        return problems, error is not None or answer.code == KILLED
+
+
+def choose_points(scenarios, counts, arguments):
+    everything = [Point(scenario, kind, number) for scenario in scenarios for kind in KINDS
+                  if arguments.kind in (None, kind)
+                  for number in ([arguments.point] if arguments.point else range(1, counts[scenario.name] + 1))]
+    if not arguments.points or arguments.points >= len(everything):
+        return everything
+    step = len(everything) / arguments.points
+    start = random.Random(arguments.seed).random() * step
+    return [everything[int(start + place * step)] for place in range(arguments.points)]
+
+
+def report_outcomes(outcomes, seconds):
+    tried = collections.Counter((outcome.point.scenario.name, outcome.point.kind) for outcome in outcomes)
+    failed = collections.Counter((outcome.point.scenario.name, outcome.point.kind)
+                                 for outcome in outcomes if outcome.problems)
+    for path, kind in tried:
+        print(f"{path:20} {kind:7} {tried[path, kind]:5} points, {failed[path, kind]} with problems")
+    unreached = sum(outcome.change is None for outcome in outcomes)
+    print(f"{len(outcomes)} points in {seconds:.0f} s; {unreached} came after the end of their sync")
+
+
+def try_all(runner, points, jobs):
+    outcomes = []
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        for outcome in pool.map(runner.try_point, points):
+            outcomes.append(outcome)
+            if outcome.problems:
+                print(f"FAILED at {outcome.change}\n  repeat: tests/crash/crash.py {outcome.point}")
+                print("".join(f"    {problem}\n" for problem in outcome.problems), end="", flush=True)
+    return outcomes
+
+
+def parse_arguments():
+    home = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../build/release/bin")
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--qrd", default=os.path.join(home, "qrd"))
+    parser.add_argument("--disturb", default=os.path.join(home, "disturb"))
+    parser.add_argument("--points", type=int, help="only so many, evenly spread")
+    parser.add_argument("--seed", type=int, default=0, help="which points to begin the spread with")
+    parser.add_argument("--path", choices=SCENARIOS, help="only this scenario")
+    parser.add_argument("--kind", choices=KINDS, help="only this disturbance")
+    parser.add_argument("--point", type=int, help="only this change, counted from 1")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count())
+    parser.add_argument("--keep", action="store_true", help="keep the devices of failures")
+    return parser.parse_args()
+
+
+def main():
+    arguments = parse_arguments()
+    # Nothing here looks at what a loss of power would do, so that memory is a good place.
+    place = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+    folder = tempfile.mkdtemp(prefix="crash-", dir=place)
+    try:
+        runner = Runner(arguments, folder)
+        if not runner.can_supervise():
+            print("crash: SKIPPED, since this machine lets no process supervise the system calls of another")
+            return SKIPPED
+        scenarios = [make_scenario(name, arguments, folder) for name in SCENARIOS if arguments.path in (None, name)]
+        counts = {scenario.name: runner.measure(scenario) for scenario in scenarios}
+        begin = time.monotonic()
+        outcomes = try_all(runner, choose_points(scenarios, counts, arguments), arguments.jobs)
+        report_outcomes(outcomes, time.monotonic() - begin)
+        return 1 if any(outcome.problems for outcome in outcomes) else 0
+    finally:
+        if not arguments.keep:
+            shutil.rmtree(folder, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
