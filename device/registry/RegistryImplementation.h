@@ -69,7 +69,7 @@ class Registry::Implementation {
     void _announceCancellation(const RegistryRecordPtr& record);
     [[nodiscard]] Result<void> _endRemoval(const std::string& path);
     [[nodiscard]] Result<void> _settleRemovals(Settlement& settlement);
-    [[nodiscard]] bool _isGone(const RegistryRecord& record);
+    [[nodiscard]] bool _isGone(const std::string& path);
     [[nodiscard]] Result<void> _settleRecords(Settlement& settlement);
     [[nodiscard]] Result<void> _settleContainers(Settlement& settlement);
 

@@ -53,13 +53,19 @@ bool Registry::Implementation::cancelInstall(std::string_view identifier) {
     return true;
 }
 
+/// What is there but cannot be looked at just now is not gone.
+bool Registry::Implementation::_isGone(const std::string& path) {
+    ErrorPtr error;
+    return !_files.attributesOfItem(path, &error) && (error->code() == ENOENT || error->code() == ENOTDIR);
+}
+
 /// Durable before the first file goes: what is registered is always whole.
 Result<void> Registry::Implementation::_remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
                                                RemovalReason reason) {
     const std::string identifier = (app.installed ? app.installed : app.placeholder)->identifier;
     const std::string dataPath = dataContainerPath(identifier);
     const bool removesAll = (removesApp || !app.installed) && (removesPlaceholder || !app.placeholder);
-    const bool removesData = removesAll && _files.fileExists(dataPath);
+    const bool removesData = removesAll && !_isGone(dataPath);
     {
         Database::Transaction transaction(_database, Durability::durable);
         if (removesPlaceholder) {
@@ -140,19 +146,12 @@ Result<void> Registry::Implementation::_settleRemovals(Settlement& settlement) {
     return {};
 }
 
-/// A bundle that is there but cannot be looked at just now is not gone.
-bool Registry::Implementation::_isGone(const RegistryRecord& record) {
-    ErrorPtr error;
-    const auto info = _files.attributesOfItem(record.bundlePath() + "/" + std::string(infoFileName), &error);
-    return !info && (error->code() == ENOENT || error->code() == ENOTDIR);
-}
-
 /// A record whose bundle is gone, because the power went before its files were durable, is no app any more.
 Result<void> Registry::Implementation::_settleRecords(Settlement& settlement) {
     std::vector<RegistryRecordPtr> gone;
     for (const RegistryTable::App& app : _table.all()) {
         for (const RegistryRecordPtr& record : {app.installed, app.placeholder}) {
-            if (record && _isGone(*record)) {
+            if (record && _isGone(record->bundlePath() + "/" + std::string(infoFileName))) {
                 gone.push_back(record);
             }
         }

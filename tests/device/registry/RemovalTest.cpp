@@ -77,6 +77,16 @@ TEST_F(Removal, OfAPlaceholderWithoutAnAppTakesItsData) {
     EXPECT_EQ(dataContainers(), std::vector<std::string>());
 }
 
+TEST_F(Removal, TakesDataThatCannotBeLookedAt) {
+    ASSERT_TRUE(install());
+    makeData();
+    const std::string data = device->root->hostPath("/var/mobile/Containers/Data/Application/") + identifier;
+    std::filesystem::remove_all(data);
+    std::filesystem::create_symlink(identifier, data); // a link to itself
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
+    EXPECT_EQ(dataContainers(), std::vector<std::string>());
+}
+
 TEST_F(Removal, ByAPersonIsRememberedForTheDesktop) {
     ASSERT_TRUE(install());
     ASSERT_TRUE(remove(RemovalReason::person, RemovalScope::everything));
