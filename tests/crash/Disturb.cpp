@@ -1,11 +1,12 @@
 // Runs a command and disturbs it at one of its changes below a folder: kills it there, or lets that change fail.
 //
-//   disturb --under DIR [--list FILE] [--kill N | --fail N --error NUMBER] COMMAND…
+//   disturb --under DIR [--calls changes|reads] [--list FILE] [--kill N | --fail N --error NUMBER] COMMAND…
 //
-// Changes count from 1 over all threads and child processes, in the order in which the kernel is asked for them: each
-// of them waits here until it may go on. A killed command dies before its change is made. `--list` writes a line
-// "number<TAB>call<TAB>path below DIR" per change. The exit code is the command's, 128 + its signal, or 125 when
-// the kernel does not let a process supervise another one's calls.
+// With `--calls reads` the calls that look at files and folders count instead. Changes count from 1 over all threads
+// and child processes, in the order in which the kernel is asked for them: each of them waits here until it may go on.
+// A killed command dies before its change is made. `--list` writes a line "number<TAB>call<TAB>path below DIR" per
+// change. The exit code is the command's, 128 + its signal, or 125 when the kernel does not let a process supervise
+// another one's calls.
 #include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
@@ -55,9 +56,19 @@ struct Call {
     const char* name;
     Target target;
     unsigned place;
+    bool isRead = false; // what opens a file is one or the other
 };
 
 constexpr Call calls[] = {
+    {SYS_read, "read", Target::descriptor, 0, true},
+    {SYS_readv, "readv", Target::descriptor, 0, true},
+    {SYS_pread64, "pread64", Target::descriptor, 0, true},
+    {SYS_getdents64, "getdents64", Target::descriptor, 0, true},
+    {SYS_fstat, "fstat", Target::descriptor, 0, true},
+    {SYS_newfstatat, "newfstatat", Target::pathAt, 0, true},
+    {SYS_statx, "statx", Target::pathAt, 0, true},
+    {SYS_faccessat, "faccessat", Target::pathAt, 0, true},
+    {SYS_readlinkat, "readlinkat", Target::pathAt, 0, true},
     {SYS_openat, "openat", Target::openedAt, 2},
     {SYS_openat2, "openat2", Target::openedHow, 2},
     {SYS_write, "write", Target::descriptor, 0},
@@ -86,6 +97,10 @@ constexpr Call calls[] = {
     {SYS_utimensat, "utimensat", Target::pathAt, 0},
     {SYS_bind, "bind", Target::address, 1},
 #ifdef SYS_open // older calls, which newer processors do not have
+    {SYS_stat, "stat", Target::path, 0, true},
+    {SYS_lstat, "lstat", Target::path, 0, true},
+    {SYS_access, "access", Target::path, 0, true},
+    {SYS_readlink, "readlink", Target::path, 0, true},
     {SYS_open, "open", Target::opened, 1},
     {SYS_creat, "creat", Target::path, 0},
     {SYS_rename, "rename", Target::path, 1},
@@ -104,6 +119,7 @@ constexpr Call calls[] = {
 struct Options {
     std::string folder;
     std::string list;
+    bool reads = false;
     std::uint64_t killAt = 0;
     std::uint64_t failAt = 0;
     int error = EIO;
@@ -172,8 +188,8 @@ class Caller {
     const std::string _process;
 };
 
-bool changesWhatItOpens(std::uint64_t flags) {
-    return (flags & (O_CREAT | O_TRUNC)) != 0;
+bool isReading(std::uint64_t openFlags) {
+    return (openFlags & (O_CREAT | O_TRUNC)) == 0;
 }
 
 std::string pathOfAddress(const Caller& caller, std::uint64_t address) {
@@ -185,10 +201,15 @@ std::string pathOfAddress(const Caller& caller, std::uint64_t address) {
     return path.empty() ? path : caller.absolute(AT_FDCWD, path);
 }
 
-/// What a call is about to change; empty when it changes nothing that has a path.
-std::string changedPath(const Call& call, const seccomp_data& data, const Caller& caller) {
+/// What a call is about to change or, with `reads`, to look at; empty when that is nothing that has a path.
+std::string pathOf(const Call& call, const seccomp_data& data, const Caller& caller, bool reads) {
     const auto argument = [&](unsigned place) { return data.args[place]; };
     const auto descriptor = [&](unsigned place) { return static_cast<int>(data.args[place]); };
+    const bool isOpening =
+        call.target == Target::opened || call.target == Target::openedAt || call.target == Target::openedHow;
+    if (!isOpening && call.isRead != reads) {
+        return {};
+    }
     switch (call.target) {
     case Target::descriptor: return caller.ofDescriptor(descriptor(call.place));
     case Target::path: return caller.absolute(AT_FDCWD, caller.text(argument(call.place)));
@@ -196,12 +217,12 @@ std::string changedPath(const Call& call, const seccomp_data& data, const Caller
         return caller.absolute(descriptor(call.place),
                                argument(call.place + 1) == 0 ? "" : caller.text(argument(call.place + 1)));
     case Target::opened:
-        return changesWhatItOpens(argument(call.place)) ? caller.absolute(AT_FDCWD, caller.text(argument(0))) : "";
+        return isReading(argument(call.place)) == reads ? caller.absolute(AT_FDCWD, caller.text(argument(0))) : "";
     case Target::openedAt:
-        return changesWhatItOpens(argument(call.place)) ? caller.absolute(descriptor(0), caller.text(argument(1))) : "";
+        return isReading(argument(call.place)) == reads ? caller.absolute(descriptor(0), caller.text(argument(1))) : "";
     case Target::openedHow: {
         open_how how{};
-        if (!caller.read(argument(call.place), &how, sizeof how) || !changesWhatItOpens(how.flags)) {
+        if (!caller.read(argument(call.place), &how, sizeof how) || isReading(how.flags) != reads) {
             return {};
         }
         return caller.absolute(descriptor(0), caller.text(argument(1)), (how.resolve & RESOLVE_IN_ROOT) != 0);
@@ -302,7 +323,7 @@ class Supervisor {
         seccomp_notif_resp answer{};
         answer.id = notice.id;
         answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-        if (_isChange(notice)) {
+        if (_counts(notice)) {
             if (++_number == _options.killAt) {
                 ::kill(_command, SIGKILL);
                 return;
@@ -316,9 +337,9 @@ class Supervisor {
     }
 
   private:
-    bool _isChange(const seccomp_notif& notice) {
+    bool _counts(const seccomp_notif& notice) {
         const auto call = std::ranges::find(calls, notice.data.nr, &Call::number);
-        const std::string path = changedPath(*call, notice.data, Caller(static_cast<pid_t>(notice.pid)));
+        const std::string path = pathOf(*call, notice.data, Caller(static_cast<pid_t>(notice.pid)), _options.reads);
         if (path != _options.folder && !path.starts_with(_options.folder + "/")) {
             return false;
         }
@@ -375,6 +396,8 @@ std::optional<Options> parse(int count, char** words) {
             options.folder = std::filesystem::canonical(value).string();
         } else if (word == "--list") {
             options.list = value;
+        } else if (word == "--calls") {
+            options.reads = value == "reads";
         } else if (word == "--kill") {
             options.killAt = std::stoull(value);
         } else if (word == "--fail") {
@@ -394,7 +417,8 @@ int main(int count, char** words) {
     const auto options = parse(count, words);
     if (!options) {
         std::fputs(
-            "usage: disturb --under DIR [--list FILE] [--kill N | --fail N --error NUMBER] COMMAND [ARGUMENT]...\n",
+            "usage: disturb --under DIR [--calls changes|reads] [--list FILE] [--kill N | --fail N --error NUMBER] "
+            "COMMAND [ARGUMENT]...\n",
             stderr);
         return 2;
     }

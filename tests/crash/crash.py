@@ -20,7 +20,9 @@ import time
 import checks
 from scenarios import SCENARIOS, Scenario, copy_device, make_scenario, run
 
-KINDS = {"kill": None, "EIO": errno.EIO, "ENOSPC": errno.ENOSPC}
+# The calls that are disturbed, and the error with which they fail; None: the sync is killed there.
+KINDS = {"kill": ("changes", None), "EIO": ("changes", errno.EIO), "ENOSPC": ("changes", errno.ENOSPC),
+         "read-EIO": ("reads", errno.EIO)}
 CANNOT_SUPERVISE = 125
 KILLED = 128 + 9
 SKIPPED = 77
@@ -52,17 +54,17 @@ class Runner:
     def can_supervise(self):
         return self._supervised(self._folder, [], ["true"]).code != CANNOT_SUPERVISE
 
-    def measure(self, scenario):
-        """How many changes an undisturbed run makes at most, in a few runs. Its device is what others are compared
+    def measure(self, scenario, calls):
+        """How many such calls an undisturbed run makes at most, in a few runs. Its device is what others are compared
         with."""
-        return max(self._measure_once(scenario) for _ in range(3))
+        return max(self._measure_once(scenario, calls) for _ in range(3))
 
-    def _measure_once(self, scenario):
+    def _measure_once(self, scenario, calls):
         folder = tempfile.mkdtemp(prefix="undisturbed-", dir=self._folder)
         device = os.path.join(folder, "device")
         copy_device(scenario.snapshot, device)
         changes = os.path.join(folder, "changes")
-        answer = self._supervised(device, ["--list", changes], scenario.command(device))
+        answer = self._supervised(device, ["--calls", calls, "--list", changes], scenario.command(device))
         self._names[scenario.name] = checks.final_names(device)
         problems = checks.check_end(scenario, device, self._names[scenario.name])
         if answer.code != 0 or problems:
@@ -90,15 +92,16 @@ class Runner:
 
     def _disturb(self, point, device, changes):
         scenario, number = point.scenario, str(point.number)
-        error = KINDS[point.kind]
-        options = ["--kill", number] if error is None else ["--fail", number, "--error", str(error)]
-        answer = self._supervised(device, ["--list", changes, *options], scenario.command(device))
+        calls, error = KINDS[point.kind]
+        options = ["--calls", calls, "--list", changes]
+        options += ["--kill", number] if error is None else ["--fail", number, "--error", str(error)]
+        answer = self._supervised(device, options, scenario.command(device))
         problems = []
         if error is None:
             if answer.code not in (0, KILLED):
                 problems.append(f"it ended with {answer.code}: {answer.text()}")
         else:
-            problems += checks.check_failure(scenario, device, answer)
+            problems += checks.check_failure(scenario, device, answer, calls == "changes")
         problems += ["after that: " + problem for problem in checks.check_between(scenario, device, answer)]
         again = run(scenario.command(device))
         if again.code != 0:
@@ -109,10 +112,13 @@ class Runner:
         return problems, error is not None or answer.code == KILLED
 
 
-def choose_points(scenarios, counts, arguments):
+def choose_points(scenarios, runner, arguments):
+    counts = {(scenario.name, calls): runner.measure(scenario, calls)
+              for scenario in scenarios for calls in ("changes", "reads")}
     everything = [Point(scenario, kind, number) for scenario in scenarios for kind in KINDS
                   if arguments.kind in (None, kind)
-                  for number in ([arguments.point] if arguments.point else range(1, counts[scenario.name] + 1))]
+                  for number in ([arguments.point] if arguments.point else
+                                 range(1, counts[scenario.name, KINDS[kind][0]] + 1))]
     if not arguments.points or arguments.points >= len(everything):
         return everything
     step = len(everything) / arguments.points
@@ -125,7 +131,7 @@ def report_outcomes(outcomes, seconds):
     failed = collections.Counter((outcome.point.scenario.name, outcome.point.kind)
                                  for outcome in outcomes if outcome.problems)
     for path, kind in tried:
-        print(f"{path:20} {kind:7} {tried[path, kind]:5} points, {failed[path, kind]} with problems")
+        print(f"{path:20} {kind:8} {tried[path, kind]:5} points, {failed[path, kind]} with problems")
     unreached = sum(outcome.change is None for outcome in outcomes)
     print(f"{len(outcomes)} points in {seconds:.0f} s; {unreached} came after the end of their sync")
 
@@ -167,9 +173,9 @@ def main():
             print("crash: SKIPPED, since this machine lets no process supervise the system calls of another")
             return SKIPPED
         scenarios = [make_scenario(name, arguments, folder) for name in SCENARIOS if arguments.path in (None, name)]
-        counts = {scenario.name: runner.measure(scenario) for scenario in scenarios}
+        points = choose_points(scenarios, runner, arguments)
         begin = time.monotonic()
-        outcomes = try_all(runner, choose_points(scenarios, counts, arguments), arguments.jobs)
+        outcomes = try_all(runner, points, arguments.jobs)
         report_outcomes(outcomes, time.monotonic() - begin)
         return 1 if any(outcome.problems for outcome in outcomes) else 0
     finally:
