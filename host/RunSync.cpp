@@ -45,6 +45,14 @@ class ControlPoint {
     std::optional<ControlServer> _server;
 };
 
+/// The report points at the log for reasons; a full disk does not take them.
+void noteLostMessages(device::Device& device, SyncReport& report) {
+    device.log().flush();
+    if (const ErrorPtr failure = device.log().failure()) {
+        report.problems.push_back("The device's log is not complete: " + reasonOf(failure));
+    }
+}
+
 } // namespace
 
 SyncReport runSync(device::Device& device, const desktop::SyncList& list, const SyncOptions& options, SyncView& view) {
@@ -86,7 +94,9 @@ SyncReport runSync(device::Device& device, const desktop::SyncList& list, const 
                                 .cancel = [&person](const std::string& app) { return person.cancel(app); },
                                 .interrupted = [&busyApps] { busyApps.giveUp(); }},
                                view);
-    return SyncSession({device, *client, deviceService, outcomes, view, options.bandwidth}, list).run();
+    report = SyncSession({device, *client, deviceService, outcomes, view, options.bandwidth}, list).run();
+    noteLostMessages(device, report);
+    return report;
 }
 
 } // namespace appsync::host

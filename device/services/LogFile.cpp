@@ -114,6 +114,11 @@ void LogFile::flush() noexcept {
     _flush();
 }
 
+ErrorPtr LogFile::failure() noexcept {
+    const std::lock_guard lock(_mutex);
+    return _failure;
+}
+
 Result<void> LogFile::_open() {
     auto file = _files.open(LogPath, O_WRONLY | O_APPEND | O_CREAT);
     if (!file) {
@@ -146,18 +151,17 @@ void LogFile::_flush() {
     if (_lostMessages > 0) {
         note = makeLine(OwnSource, LogLevel::error, std::to_string(_lostMessages) + " messages could not be written");
     }
-    if (_writeAll(note + _buffer)) {
-        _lostMessages = 0;
-    } else {
-        _lostMessages += _bufferedMessages;
-    }
+    _failure = _writeAll(note + _buffer).error();
+    _lostMessages = _failure ? _lostMessages + _bufferedMessages : 0;
     _buffer.clear();
     _bufferedMessages = 0;
 }
 
-bool LogFile::_writeAll(std::string_view bytes) {
-    if (!_file.isOpen() && !_open()) {
-        return false;
+Result<void> LogFile::_writeAll(std::string_view bytes) {
+    if (!_file.isOpen()) {
+        if (auto opened = _open(); !opened) {
+            return opened;
+        }
     }
     while (!bytes.empty()) {
         const ssize_t written = ::write(_file.get(), bytes.data(), bytes.size());
@@ -165,12 +169,12 @@ bool LogFile::_writeAll(std::string_view bytes) {
             continue;
         }
         if (written <= 0) {
-            return false;
+            return makePosixError(written < 0 ? errno : EIO, "writing", LogPath);
         }
         _size += static_cast<std::uint64_t>(written);
         bytes.remove_prefix(static_cast<std::size_t>(written));
     }
-    return true;
+    return {};
 }
 
 /// When a name cannot be changed, that file stays where it is and the log grows on.

@@ -47,6 +47,8 @@ class LogFile final : public HostLog {
     /// A message of another log of the system.
     void write(const SystemLog& log, LogLevel level, std::string_view text) noexcept;
     void flush() noexcept;
+    /// Why messages have been dropped of which the log does not tell; null when there are none.
+    [[nodiscard]] ErrorPtr failure() noexcept;
 
   private:
     LogFile(DeviceFileSystem& files, LogLimits limits) : _files(files), _limits(limits) {}
@@ -54,7 +56,7 @@ class LogFile final : public HostLog {
     [[nodiscard]] Result<void> _open();
     void _append(std::string_view source, LogLevel level, std::string_view text);
     void _flush();
-    [[nodiscard]] bool _writeAll(std::string_view bytes);
+    [[nodiscard]] Result<void> _writeAll(std::string_view bytes);
     void _rotate();
 
     DeviceFileSystem& _files;
@@ -66,6 +68,7 @@ class LogFile final : public HostLog {
     std::string _buffer;
     std::size_t _bufferedMessages = 0;
     std::uint64_t _lostMessages = 0;
+    ErrorPtr _failure; // of the last flush
 };
 
 /// The category's name in the log.

@@ -97,6 +97,20 @@ TEST_F(Sync, GoesOnAfterAnInterruption) {
     EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}, {"com.example.b", "1.0"}}));
 }
 
+TEST_F(Sync, SaysThatTheLogIsNotComplete) {
+    createDevice();
+    const auto device = device::Device::open(deviceFolder(), {.faultPoint = {}, .registry = {}, .log = {1, 1}});
+    (*device)->log().write(QRLogCategoryFramework, LogLevel::error, "", "the file is full with this");
+    fs::remove_all(folder / "device" / "var" / "log"); // where the next one would stand
+    std::ostringstream shown;
+    SyncView view(shown, SyncView::Style::lines);
+    const SyncReport report = runSync(**device, {}, {.plugInPath = APPSYNC_BUNDLE}, view);
+    EXPECT_EQ(report.failure, nullptr);
+    ASSERT_EQ(report.problems.size(), 1U);
+    EXPECT_NE(report.problems[0].find("The device's log is not complete: "), std::string::npos);
+    EXPECT_NE(report.problems[0].find("/var/log/qrd.log"), std::string::npos) << report.problems[0];
+}
+
 TEST_F(Sync, TellsWhatItWouldDo) {
     createDevice();
     addApp("a");

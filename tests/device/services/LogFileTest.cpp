@@ -154,9 +154,14 @@ TEST_F(LogFileTest, SaysHowManyMessagesCouldNotBeWritten) {
     // The next flush begins a new file, for which there is no folder.
     ASSERT_TRUE(device.files().removeItem("/var/log", nullptr));
     say(*log, "lost");
+    EXPECT_EQ(log->failure(), nullptr) << "nothing has been lost yet";
     say(*log, "lost too", LogLevel::error);
+    ASSERT_NE(log->failure(), nullptr);
+    EXPECT_EQ(log->failure()->code(), ENOENT);
+    EXPECT_NE(errorText(log->failure()).find("/var/log/qrd.log"), std::string::npos);
     ASSERT_TRUE(device.files().createDirectory("/var/log", true, std::nullopt, nullptr));
     say(*log, "back", LogLevel::error);
+    EXPECT_EQ(log->failure(), nullptr) << "the log tells of it now";
     log.reset();
     EXPECT_EQ(texts(), (std::vector<std::string>{"2 messages could not be written", "back"}));
 }
