@@ -1,11 +1,13 @@
 // Runs a command and disturbs it at one of its changes below a folder: kills it there, or lets that change fail.
 //
-//   disturb --under DIR [--calls changes|reads] [--list FILE] [--kill N | --fail N --error NUMBER] COMMAND…
+//   disturb --under DIR [--calls changes|space|reads] [--list FILE]
+//           [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER] COMMAND…
 //
-// With `--calls reads` the calls that look at files and folders count instead. Changes count from 1 over all threads
-// and child processes, in the order in which the kernel is asked for them: each of them waits here until it may go on.
-// A killed command dies before its change is made. `--list` writes a line "number<TAB>call<TAB>path below DIR" per
-// change. The exit code is the command's, 128 + its signal, or 125 when the kernel does not let a process supervise
+// With `--calls space` only changes that need space count, with `reads` instead of changes the calls that look at files
+// and folders. They count from 1 over all threads and child processes, in the order in which the kernel is asked for
+// them: each of them waits here until it may go on. A killed command dies before its change is made; with
+// `--fail-from` all fail from there to the end. `--list` writes a line "number<TAB>call<TAB>path below DIR" per call.
+// The exit code is the command's, 128 + its signal, or 125 when the kernel does not let a process supervise
 // another one's calls.
 #include <fcntl.h>
 #include <linux/audit.h>
@@ -51,77 +53,80 @@ enum class Target {
     address,    // a socket's address
 };
 
+enum class Effect { reads, needsSpace, otherChange };
+
 struct Call {
     int number;
     const char* name;
     Target target;
     unsigned place;
-    bool isRead = false; // what opens a file is one or the other
+    Effect effect; // what opens a file either reads or needs space
 };
 
 constexpr Call calls[] = {
-    {SYS_read, "read", Target::descriptor, 0, true},
-    {SYS_readv, "readv", Target::descriptor, 0, true},
-    {SYS_pread64, "pread64", Target::descriptor, 0, true},
-    {SYS_getdents64, "getdents64", Target::descriptor, 0, true},
-    {SYS_fstat, "fstat", Target::descriptor, 0, true},
-    {SYS_newfstatat, "newfstatat", Target::pathAt, 0, true},
-    {SYS_statx, "statx", Target::pathAt, 0, true},
-    {SYS_faccessat, "faccessat", Target::pathAt, 0, true},
-    {SYS_readlinkat, "readlinkat", Target::pathAt, 0, true},
-    {SYS_openat, "openat", Target::openedAt, 2},
-    {SYS_openat2, "openat2", Target::openedHow, 2},
-    {SYS_write, "write", Target::descriptor, 0},
-    {SYS_writev, "writev", Target::descriptor, 0},
-    {SYS_pwrite64, "pwrite64", Target::descriptor, 0},
-    {SYS_pwritev, "pwritev", Target::descriptor, 0},
-    {SYS_copy_file_range, "copy_file_range", Target::descriptor, 2},
-    {SYS_sendfile, "sendfile", Target::descriptor, 0},
-    {SYS_truncate, "truncate", Target::path, 0},
-    {SYS_ftruncate, "ftruncate", Target::descriptor, 0},
-    {SYS_fallocate, "fallocate", Target::descriptor, 0},
-    {SYS_fsync, "fsync", Target::descriptor, 0},
-    {SYS_fdatasync, "fdatasync", Target::descriptor, 0},
-    {SYS_syncfs, "syncfs", Target::descriptor, 0},
-    {SYS_renameat2, "renameat2", Target::pathAt, 2},
-    {SYS_renameat, "renameat", Target::pathAt, 2},
-    {SYS_unlinkat, "unlinkat", Target::pathAt, 0},
-    {SYS_mkdirat, "mkdirat", Target::pathAt, 0},
-    {SYS_linkat, "linkat", Target::pathAt, 2},
-    {SYS_symlinkat, "symlinkat", Target::pathAt, 1},
-    {SYS_mknodat, "mknodat", Target::pathAt, 0},
-    {SYS_fchmod, "fchmod", Target::descriptor, 0},
-    {SYS_fchmodat, "fchmodat", Target::pathAt, 0},
-    {SYS_fchown, "fchown", Target::descriptor, 0},
-    {SYS_fchownat, "fchownat", Target::pathAt, 0},
-    {SYS_utimensat, "utimensat", Target::pathAt, 0},
-    {SYS_bind, "bind", Target::address, 1},
+    {SYS_read, "read", Target::descriptor, 0, Effect::reads},
+    {SYS_readv, "readv", Target::descriptor, 0, Effect::reads},
+    {SYS_pread64, "pread64", Target::descriptor, 0, Effect::reads},
+    {SYS_getdents64, "getdents64", Target::descriptor, 0, Effect::reads},
+    {SYS_fstat, "fstat", Target::descriptor, 0, Effect::reads},
+    {SYS_newfstatat, "newfstatat", Target::pathAt, 0, Effect::reads},
+    {SYS_statx, "statx", Target::pathAt, 0, Effect::reads},
+    {SYS_faccessat, "faccessat", Target::pathAt, 0, Effect::reads},
+    {SYS_readlinkat, "readlinkat", Target::pathAt, 0, Effect::reads},
+    {SYS_openat, "openat", Target::openedAt, 2, Effect::needsSpace},
+    {SYS_openat2, "openat2", Target::openedHow, 2, Effect::needsSpace},
+    {SYS_write, "write", Target::descriptor, 0, Effect::needsSpace},
+    {SYS_writev, "writev", Target::descriptor, 0, Effect::needsSpace},
+    {SYS_pwrite64, "pwrite64", Target::descriptor, 0, Effect::needsSpace},
+    {SYS_pwritev, "pwritev", Target::descriptor, 0, Effect::needsSpace},
+    {SYS_copy_file_range, "copy_file_range", Target::descriptor, 2, Effect::needsSpace},
+    {SYS_sendfile, "sendfile", Target::descriptor, 0, Effect::needsSpace},
+    {SYS_truncate, "truncate", Target::path, 0, Effect::otherChange},
+    {SYS_ftruncate, "ftruncate", Target::descriptor, 0, Effect::otherChange},
+    {SYS_fallocate, "fallocate", Target::descriptor, 0, Effect::needsSpace},
+    {SYS_fsync, "fsync", Target::descriptor, 0, Effect::otherChange},
+    {SYS_fdatasync, "fdatasync", Target::descriptor, 0, Effect::otherChange},
+    {SYS_syncfs, "syncfs", Target::descriptor, 0, Effect::otherChange},
+    {SYS_renameat2, "renameat2", Target::pathAt, 2, Effect::otherChange},
+    {SYS_renameat, "renameat", Target::pathAt, 2, Effect::otherChange},
+    {SYS_unlinkat, "unlinkat", Target::pathAt, 0, Effect::otherChange},
+    {SYS_mkdirat, "mkdirat", Target::pathAt, 0, Effect::needsSpace},
+    {SYS_linkat, "linkat", Target::pathAt, 2, Effect::needsSpace},
+    {SYS_symlinkat, "symlinkat", Target::pathAt, 1, Effect::needsSpace},
+    {SYS_mknodat, "mknodat", Target::pathAt, 0, Effect::needsSpace},
+    {SYS_fchmod, "fchmod", Target::descriptor, 0, Effect::otherChange},
+    {SYS_fchmodat, "fchmodat", Target::pathAt, 0, Effect::otherChange},
+    {SYS_fchown, "fchown", Target::descriptor, 0, Effect::otherChange},
+    {SYS_fchownat, "fchownat", Target::pathAt, 0, Effect::otherChange},
+    {SYS_utimensat, "utimensat", Target::pathAt, 0, Effect::otherChange},
+    {SYS_bind, "bind", Target::address, 1, Effect::needsSpace},
 #ifdef SYS_open // older calls, which newer processors do not have
-    {SYS_stat, "stat", Target::path, 0, true},
-    {SYS_lstat, "lstat", Target::path, 0, true},
-    {SYS_access, "access", Target::path, 0, true},
-    {SYS_readlink, "readlink", Target::path, 0, true},
-    {SYS_open, "open", Target::opened, 1},
-    {SYS_creat, "creat", Target::path, 0},
-    {SYS_rename, "rename", Target::path, 1},
-    {SYS_unlink, "unlink", Target::path, 0},
-    {SYS_rmdir, "rmdir", Target::path, 0},
-    {SYS_mkdir, "mkdir", Target::path, 0},
-    {SYS_link, "link", Target::path, 1},
-    {SYS_symlink, "symlink", Target::path, 1},
-    {SYS_mknod, "mknod", Target::path, 0},
-    {SYS_chmod, "chmod", Target::path, 0},
-    {SYS_chown, "chown", Target::path, 0},
-    {SYS_lchown, "lchown", Target::path, 0},
+    {SYS_stat, "stat", Target::path, 0, Effect::reads},
+    {SYS_lstat, "lstat", Target::path, 0, Effect::reads},
+    {SYS_access, "access", Target::path, 0, Effect::reads},
+    {SYS_readlink, "readlink", Target::path, 0, Effect::reads},
+    {SYS_open, "open", Target::opened, 1, Effect::needsSpace},
+    {SYS_creat, "creat", Target::path, 0, Effect::needsSpace},
+    {SYS_rename, "rename", Target::path, 1, Effect::otherChange},
+    {SYS_unlink, "unlink", Target::path, 0, Effect::otherChange},
+    {SYS_rmdir, "rmdir", Target::path, 0, Effect::otherChange},
+    {SYS_mkdir, "mkdir", Target::path, 0, Effect::needsSpace},
+    {SYS_link, "link", Target::path, 1, Effect::needsSpace},
+    {SYS_symlink, "symlink", Target::path, 1, Effect::needsSpace},
+    {SYS_mknod, "mknod", Target::path, 0, Effect::needsSpace},
+    {SYS_chmod, "chmod", Target::path, 0, Effect::otherChange},
+    {SYS_chown, "chown", Target::path, 0, Effect::otherChange},
+    {SYS_lchown, "lchown", Target::path, 0, Effect::otherChange},
 #endif
 };
 
 struct Options {
     std::string folder;
     std::string list;
-    bool reads = false;
+    std::string calls = "changes";
     std::uint64_t killAt = 0;
     std::uint64_t failAt = 0;
+    std::uint64_t failFrom = 0;
     int error = EIO;
     char** command = nullptr;
 };
@@ -188,8 +193,8 @@ class Caller {
     const std::string _process;
 };
 
-bool isReading(std::uint64_t openFlags) {
-    return (openFlags & (O_CREAT | O_TRUNC)) == 0;
+Effect effectOfOpening(std::uint64_t flags) {
+    return (flags & (O_CREAT | O_TRUNC)) == 0 ? Effect::reads : Effect::needsSpace;
 }
 
 std::string pathOfAddress(const Caller& caller, std::uint64_t address) {
@@ -201,35 +206,35 @@ std::string pathOfAddress(const Caller& caller, std::uint64_t address) {
     return path.empty() ? path : caller.absolute(AT_FDCWD, path);
 }
 
-/// What a call is about to change or, with `reads`, to look at; empty when that is nothing that has a path.
-std::string pathOf(const Call& call, const seccomp_data& data, const Caller& caller, bool reads) {
+/// What a call is about to do, and to which path; the path is empty when it is none of a file.
+struct Act {
+    Effect effect;
+    std::string path;
+};
+
+Act actOf(const Call& call, const seccomp_data& data, const Caller& caller) {
     const auto argument = [&](unsigned place) { return data.args[place]; };
     const auto descriptor = [&](unsigned place) { return static_cast<int>(data.args[place]); };
-    const bool isOpening =
-        call.target == Target::opened || call.target == Target::openedAt || call.target == Target::openedHow;
-    if (!isOpening && call.isRead != reads) {
-        return {};
-    }
     switch (call.target) {
-    case Target::descriptor: return caller.ofDescriptor(descriptor(call.place));
-    case Target::path: return caller.absolute(AT_FDCWD, caller.text(argument(call.place)));
-    case Target::pathAt:
-        return caller.absolute(descriptor(call.place),
-                               argument(call.place + 1) == 0 ? "" : caller.text(argument(call.place + 1)));
+    case Target::descriptor: return {call.effect, caller.ofDescriptor(descriptor(call.place))};
+    case Target::path: return {call.effect, caller.absolute(AT_FDCWD, caller.text(argument(call.place)))};
+    case Target::pathAt: {
+        const std::string path = argument(call.place + 1) == 0 ? "" : caller.text(argument(call.place + 1));
+        return {call.effect, caller.absolute(descriptor(call.place), path)};
+    }
     case Target::opened:
-        return isReading(argument(call.place)) == reads ? caller.absolute(AT_FDCWD, caller.text(argument(0))) : "";
+        return {effectOfOpening(argument(call.place)), caller.absolute(AT_FDCWD, caller.text(argument(0)))};
     case Target::openedAt:
-        return isReading(argument(call.place)) == reads ? caller.absolute(descriptor(0), caller.text(argument(1))) : "";
+        return {effectOfOpening(argument(call.place)), caller.absolute(descriptor(0), caller.text(argument(1)))};
     case Target::openedHow: {
         open_how how{};
-        if (!caller.read(argument(call.place), &how, sizeof how) || isReading(how.flags) != reads) {
-            return {};
-        }
-        return caller.absolute(descriptor(0), caller.text(argument(1)), (how.resolve & RESOLVE_IN_ROOT) != 0);
+        (void)caller.read(argument(call.place), &how, sizeof how);
+        return {effectOfOpening(how.flags),
+                caller.absolute(descriptor(0), caller.text(argument(1)), (how.resolve & RESOLVE_IN_ROOT) != 0)};
     }
-    case Target::address: return pathOfAddress(caller, argument(call.place));
+    case Target::address: return {call.effect, pathOfAddress(caller, argument(call.place))};
     }
-    return {};
+    return {call.effect, ""};
 }
 
 /// Lets this process's calls, and those of all that it becomes or starts, wait for an answer to the descriptor
@@ -328,7 +333,7 @@ class Supervisor {
                 ::kill(_command, SIGKILL);
                 return;
             }
-            if (_number == _options.failAt) {
+            if (_number == _options.failAt || (_options.failFrom != 0 && _number >= _options.failFrom)) {
                 answer.flags = 0;
                 answer.error = -_options.error;
             }
@@ -339,12 +344,15 @@ class Supervisor {
   private:
     bool _counts(const seccomp_notif& notice) {
         const auto call = std::ranges::find(calls, notice.data.nr, &Call::number);
-        const std::string path = pathOf(*call, notice.data, Caller(static_cast<pid_t>(notice.pid)), _options.reads);
-        if (path != _options.folder && !path.starts_with(_options.folder + "/")) {
+        const Act act = actOf(*call, notice.data, Caller(static_cast<pid_t>(notice.pid)));
+        const bool isOfTheseCalls = _options.calls == "reads"   ? act.effect == Effect::reads
+                                    : _options.calls == "space" ? act.effect == Effect::needsSpace
+                                                                : act.effect != Effect::reads;
+        if (!isOfTheseCalls || (act.path != _options.folder && !act.path.starts_with(_options.folder + "/"))) {
             return false;
         }
         if (_list.is_open()) {
-            _list << _number + 1 << '\t' << call->name << '\t' << path.substr(_options.folder.size()) << std::endl;
+            _list << _number + 1 << '\t' << call->name << '\t' << act.path.substr(_options.folder.size()) << std::endl;
         }
         return true;
     }
@@ -397,11 +405,13 @@ std::optional<Options> parse(int count, char** words) {
         } else if (word == "--list") {
             options.list = value;
         } else if (word == "--calls") {
-            options.reads = value == "reads";
+            options.calls = value;
         } else if (word == "--kill") {
             options.killAt = std::stoull(value);
         } else if (word == "--fail") {
             options.failAt = std::stoull(value);
+        } else if (word == "--fail-from") {
+            options.failFrom = std::stoull(value);
         } else if (word == "--error") {
             options.error = std::stoi(value);
         } else {
@@ -416,10 +426,10 @@ std::optional<Options> parse(int count, char** words) {
 int main(int count, char** words) {
     const auto options = parse(count, words);
     if (!options) {
-        std::fputs(
-            "usage: disturb --under DIR [--calls changes|reads] [--list FILE] [--kill N | --fail N --error NUMBER] "
-            "COMMAND [ARGUMENT]...\n",
-            stderr);
+        std::fputs("usage: disturb --under DIR [--calls changes|space|reads] [--list FILE]\n"
+                   "               [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER] COMMAND "
+                   "[ARGUMENT]...\n",
+                   stderr);
         return 2;
     }
     return run(*options);

@@ -13,7 +13,7 @@ UNIQUE_NAME = re.compile(r"[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")
 # A receipt goes with a sync that installs something, else when the next one begins.
 RECEIPT = re.compile(r"/var/mobile/Library/StoreReceipts/")
 # What the last sync has worked on stays until the next one, and says nothing about the others.
-WORK_AREA = re.compile(r"/var/mobile/Library/ApplicationSync/(Icons|TamblinStuff)/")
+WORK_AREA = re.compile(r"/var/mobile/Library/ApplicationSync/(Icons|TamblinStuff)/(?!.*\.device-tmp)")
 # The words in which a disk that fails or is full shows, or a file that could not be removed before.
 SYSTEM_REASON = re.compile(r"input/output error|disk I/O error|no space left|disk is full|device is full|: File exists|"
                            r"does not take '/", re.I)
@@ -37,7 +37,7 @@ def _files_below(folder):
 def _is_same(name, installed, packed):
     if installed == packed or not name.endswith("TamblinMetadata.plist"):
         return installed == packed
-    try: # the device writes it anew
+    try:  # the device writes it anew
         return plistlib.loads(installed) == plistlib.loads(packed)
     except (ValueError, plistlib.InvalidFileException):
         return False
@@ -120,8 +120,8 @@ def _check_report(scenario, apps, answer):
 
 def check_failure(scenario, device, answer, names_system_reason):
     """A command that failed says which app it did not do and why, or why nothing could be done. The device's log tells
-    what the plug-in keeps to itself. What cannot be read may be taken for missing or damaged, so that the system's
-    reason does not show."""
+    what the plug-in keeps to itself, unless it could not be written, which the report notes then. What cannot be read
+    may be taken for missing or damaged, so that the system's reason does not show."""
     if answer.code == 0:
         return []
     if answer.code not in (1, 4, 5):
@@ -137,6 +137,7 @@ def check_failure(scenario, device, answer, names_system_reason):
     if not names_system_reason:
         return []
     log = run([scenario.qrd, "log", device]).output if any("`qrd log`" in reason for reason in reasons) else ""
+    log += "\n".join(report["problems"])
     return [f"the reason says nothing: {reason}" for reason in reasons
             if not SYSTEM_REASON.search(log if "`qrd log`" in reason else reason)]
 
@@ -160,7 +161,8 @@ def check_end(scenario, device, names, has_installed=True):
     """After all: exactly the apps of the scenario, whole, and no file and no record that an undisturbed device has
     not."""
     found = _names(device)
-    problems = [f"{name} was left" for name in found - names if has_installed or not RECEIPT.match(name)]
+    problems = [f"{name} was left" for name in found - names
+                if not WORK_AREA.match(name) and (has_installed or not RECEIPT.match(name))]
     problems += [f"{name} is missing" for name in names - found if not WORK_AREA.match(name)]
     if "/var/db/device.sqlite-wal" in found:
         return problems

@@ -20,9 +20,16 @@ import time
 import checks
 from scenarios import SCENARIOS, Scenario, copy_device, make_scenario, run
 
-# The calls that are disturbed, and the error with which they fail; None: the sync is killed there.
-KINDS = {"kill": ("changes", None), "EIO": ("changes", errno.EIO), "ENOSPC": ("changes", errno.ENOSPC),
-         "read-EIO": ("reads", errno.EIO)}
+# The calls that are disturbed, how, and the error with which they fail. On a full disk and on one that takes no changes
+# any more all of them fail from the point on.
+KINDS = {
+    "kill": ("changes", "--kill", None),
+    "EIO": ("changes", "--fail", errno.EIO),
+    "ENOSPC": ("changes", "--fail", errno.ENOSPC),
+    "full": ("space", "--fail-from", errno.ENOSPC),
+    "dead": ("changes", "--fail-from", errno.EIO),
+    "read-EIO": ("reads", "--fail", errno.EIO),
+}
 CANNOT_SUPERVISE = 125
 KILLED = 128 + 9
 SKIPPED = 77
@@ -91,17 +98,17 @@ class Runner:
         return run([self._arguments.disturb, "--under", device, *options, *command])
 
     def _disturb(self, point, device, changes):
-        scenario, number = point.scenario, str(point.number)
-        calls, error = KINDS[point.kind]
-        options = ["--calls", calls, "--list", changes]
-        options += ["--kill", number] if error is None else ["--fail", number, "--error", str(error)]
+        scenario = point.scenario
+        calls, disturbance, error = KINDS[point.kind]
+        options = ["--calls", calls, "--list", changes, disturbance, str(point.number)]
+        options += [] if error is None else ["--error", str(error)]
         answer = self._supervised(device, options, scenario.command(device))
         problems = []
         if error is None:
             if answer.code not in (0, KILLED):
                 problems.append(f"it ended with {answer.code}: {answer.text()}")
         else:
-            problems += checks.check_failure(scenario, device, answer, calls == "changes")
+            problems += checks.check_failure(scenario, device, answer, calls != "reads")
         problems += ["after that: " + problem for problem in checks.check_between(scenario, device, answer)]
         again = run(scenario.command(device))
         if again.code != 0:
@@ -114,7 +121,7 @@ class Runner:
 
 def choose_points(scenarios, runner, arguments):
     counts = {(scenario.name, calls): runner.measure(scenario, calls)
-              for scenario in scenarios for calls in ("changes", "reads")}
+              for scenario in scenarios for calls in ("changes", "space", "reads")}
     everything = [Point(scenario, kind, number) for scenario in scenarios for kind in KINDS
                   if arguments.kind in (None, kind)
                   for number in ([arguments.point] if arguments.point else
