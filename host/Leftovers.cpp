@@ -37,17 +37,6 @@ std::set<std::string> rememberedPaths(device::Device& device) {
     return paths;
 }
 
-void clearReceived(device::Device& device) {
-    const auto remembered = rememberedPaths(device);
-    const std::string folder = receivedFolder();
-    const auto names = device.files().list(folder);
-    for (const std::string& name : names ? *names : std::vector<std::string>()) {
-        if (const std::string path = folder + "/" + name; !remembered.contains(path)) {
-            device.files().removeItem(path, nullptr);
-        }
-    }
-}
-
 void clearPlaceholderBundles(device::Device& device) {
     std::set<std::string> inUse;
     for (const device::OpenCoordinator& coordinator : device.coordinator().openCoordinators()) {
@@ -77,8 +66,19 @@ void clearPlaceholders(device::Device& device) {
 
 } // namespace
 
+void clearReceivedFiles(device::Device& device) {
+    const auto remembered = rememberedPaths(device);
+    const std::string folder = receivedFolder();
+    const auto names = device.files().list(folder);
+    for (const std::string& name : names ? *names : std::vector<std::string>()) {
+        if (const std::string path = folder + "/" + name; !remembered.contains(path)) {
+            device.files().removeItem(path, nullptr);
+        }
+    }
+}
+
 void clearLeftovers(device::Device& device) {
-    clearReceived(device);
+    clearReceivedFiles(device);
     clearPlaceholderBundles(device);
     if (!device.coordinationIsEnabled()) {
         clearPlaceholders(device);

@@ -13,5 +13,8 @@ namespace appsync::host {
 /// plug-in has noted in its restore state stay. To be called before a sync, when no install runs. What cannot be
 /// removed now is left for the next time.
 void clearLeftovers(device::Device& device);
+/// Of that, the received files alone. Also to be called after a sync: an app that a person cancels just when its transfer
+/// ends has a file that nobody takes.
+void clearReceivedFiles(device::Device& device);
 
 } // namespace appsync::host

@@ -7,6 +7,7 @@
 #include "host/DeletedApps.h"
 #include "host/InstallOutcomes.h"
 #include "host/Interrupt.h"
+#include "host/Leftovers.h"
 #include "host/PlugIn.h"
 #include "host/Transfer.h"
 #include "host/TransferQueue.h"
@@ -134,6 +135,7 @@ ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue&
 
 void SyncSession::_close() {
     _parties.device.coordinator().waitUntilIdle();
+    clearReceivedFiles(_parties.device);
     _parties.view.ended();
     _parties.client.syncEndedWithSuccess(_allTransferred);
     if (!_allTransferred) {
