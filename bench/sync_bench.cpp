@@ -1,4 +1,5 @@
-// Times whole syncs of `qrd` beside `unzip -q` of the same archives, in one run, and prints a table.
+// Times whole syncs and restores of `qrd`, the syncs beside `unzip -q` of the same archives, in one run, and prints a
+// table.
 //
 // Usage: sync_bench QRD FOLDER      FOLDER is made, filled and removed; the runs alternate, and the medians count.
 #include "desktop/ArchivePacker.h"
@@ -112,14 +113,20 @@ fs::path newFolder(const fs::path& folder) {
     return folder / ("run" + std::to_string(++runs));
 }
 
-Measured syncOnce(const std::string& qrd, const fs::path& folder, const fs::path& library, bool coordinated) {
-    const fs::path device = newFolder(folder);
+/// A device that nothing has been written to for a while.
+fs::path newDevice(const std::string& qrd, const fs::path& folder, bool coordinated) {
+    fs::path device = newFolder(folder);
     std::vector<std::string> create{qrd, "device", "create", device};
     if (!coordinated) {
         create.emplace_back("--no-coordination");
     }
     run(create);
     ::sync(); // what was written before is not this run's to flush
+    return device;
+}
+
+Measured syncOnce(const std::string& qrd, const fs::path& folder, const fs::path& library, bool coordinated) {
+    const fs::path device = newDevice(qrd, folder, coordinated);
     return run({qrd, "sync", device, "--library", library, "--json"});
 }
 
@@ -184,6 +191,55 @@ void syncManySmall(const std::string& qrd, const fs::path& folder) {
     row("coordinated sync of 1000 archives of 10 KB, time an app", median(seconds) * 1000 / apps, "ms", 5);
 }
 
+void writeList(const fs::path& path, const appsync::Value& list) {
+    appsync::PropertyListCodec propertyLists;
+    const auto bytes = propertyLists.dataWithPropertyList(list, appsync::PropertyListFormat::binary, nullptr);
+    writeFile(path, std::string(bytes->bytes()));
+}
+
+/// A backup of apps with store metadata of 4 KB and icons of 10 KB.
+void makeBackup(const fs::path& backup, int apps) {
+    using appsync::Data;
+    using appsync::Dictionary;
+    std::mt19937 random(1);
+    appsync::PropertyListCodec propertyLists;
+    Dictionary info;
+    for (int number = 0; number < apps; ++number) {
+        const Dictionary metadata{{"title", "App " + std::to_string(number)},
+                                  {"bundleVersion", "1.0"},
+                                  {"filler", Data(content(4'000, random))}};
+        info.set("com.example.bench.app" + std::to_string(number),
+                 Dictionary{{"TamblinMetadata", *propertyLists.dataWithPropertyList(
+                                                    metadata, appsync::PropertyListFormat::binary, nullptr)},
+                            {"PlaceholderIcon", Data("\x89PNG\r\n\x1a\n" + content(10'000, random))}});
+    }
+    fs::create_directories(backup);
+    writeList(backup / "RestoreApplications.plist", info);
+    writeList(backup / "DemotedApps.plist",
+              Dictionary{{"AutomaticDowngrades", appsync::Array{}}, {"IntentionalDowngrades", appsync::Array{}}});
+    writeList(backup / "IconState.plist", appsync::Array{});
+}
+
+void restoreMany(const std::string& qrd, const fs::path& folder) {
+    constexpr int apps = 2000;
+    const fs::path backup = folder / "backup";
+    makeBackup(backup, apps);
+    for (const bool coordinated : {true, false}) {
+        std::vector<double> seconds;
+        std::vector<double> peak;
+        for (int round = 0; round < 3; ++round) {
+            const fs::path device = newDevice(qrd, folder, coordinated);
+            const Measured restore = run({qrd, "restore", device, "--from", backup, "--json"});
+            seconds.push_back(restore.seconds);
+            peak.push_back(restore.peakMegabytes);
+        }
+        row(coordinated ? "restore of 2000 apps through the coordinator, time an app"
+                        : "restore of 2000 apps by the plug-in itself, time an app",
+            median(seconds) * 1000 / apps, "ms", 3);
+        row("its peak memory", median(peak), "MB", 200);
+    }
+}
+
 } // namespace
 
 int main(int count, char** words) {
@@ -196,6 +252,7 @@ int main(int count, char** words) {
     fs::create_directories(folder);
     compareWithUnzip(words[1], fs::absolute(folder));
     syncManySmall(words[1], fs::absolute(folder));
+    restoreMany(words[1], fs::absolute(folder));
     fs::remove_all(folder);
     return 0;
 }
