@@ -44,7 +44,8 @@ std::optional<PlugIn> PlugIn::load(const std::string& bundlePath, PropertyListSe
         return std::nullopt;
     }
     const std::string objectPath = bundlePath + "/" + std::string(*executable);
-    std::unique_ptr<void, Unload> handle(::dlopen(objectPath.c_str(), RTLD_NOW | RTLD_LOCAL));
+    // Its code stays: objects that it has handed to the device's services are released by its own functions.
+    std::unique_ptr<void, Unload> handle(::dlopen(objectPath.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
     void* create = handle != nullptr ? ::dlsym(handle.get(), QRCreateClientFunctionName) : nullptr;
     if (create == nullptr) {
         *error = hostError("The plug-in '" + bundlePath + "' cannot be loaded: " + ::dlerror() + ".", objectPath);

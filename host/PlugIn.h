@@ -18,7 +18,7 @@ namespace appsync::host {
 /// Domain of the host's own errors; the description says what, where and what to do.
 inline constexpr std::string_view HostErrorDomain = "SyncHost";
 
-/// A loaded bundle; its clients must go before it does.
+/// A loaded bundle; its clients must go before it does. Its code stays in the process for what clients leave behind.
 class PlugIn {
   public:
     /// Nothing, and the reason in `error`, when the bundle cannot be loaded.

@@ -6,6 +6,8 @@
 #include "host/RunSync.h"
 #include "tests/host/SyncFixture.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <csignal>
 #include <sstream>
@@ -215,6 +217,14 @@ TEST_F(Sync, LoadsThePlugInByItsInfo) {
     const auto plugIn = PlugIn::load(APPSYNC_BUNDLE, codec, &error);
     ASSERT_TRUE(plugIn.has_value());
     EXPECT_EQ(plugIn->identifier(), "com.zuvex.tzl.Quorrel.AppSync");
+}
+
+TEST_F(Sync, KeepsThePlugInsCodeForWhatItLeavesBehind) {
+    PropertyListCodec codec;
+    ErrorPtr error;
+    ASSERT_TRUE(PlugIn::load(APPSYNC_BUNDLE, codec, &error)) << "and is gone again";
+    const std::string object = std::string(APPSYNC_BUNDLE) + "/ApplicationSync";
+    EXPECT_NE(::dlopen(object.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is not in the process any more";
 }
 
 TEST(Interrupts, AreRememberedWhileSomebodyCares) {
