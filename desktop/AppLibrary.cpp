@@ -33,8 +33,14 @@ const AppArchive* AppLibrary::find(std::string_view identifier) const {
     return found != apps.end() ? &*found : nullptr;
 }
 
-std::optional<AppLibrary> readAppLibrary(const std::string& folder, PropertyListSerialization& propertyLists,
-                                         ErrorPtr* error) {
+const AppArchive* AppLibrary::find(std::string_view identifier, const std::optional<std::string>& version) const {
+    const auto found = std::ranges::find_if(
+        apps, [&](const AppArchive& app) { return app.identifier == identifier && app.version == version; });
+    return found != apps.end() ? &*found : find(identifier);
+}
+
+std::optional<AppLibrary> readAppCatalogue(const std::string& folder, PropertyListSerialization& propertyLists,
+                                           ErrorPtr* error) {
     std::error_code failure;
     const auto files = filesIn(folder, failure);
     if (failure) {
@@ -44,17 +50,31 @@ std::optional<AppLibrary> readAppLibrary(const std::string& folder, PropertyList
         return std::nullopt;
     }
     AppLibrary library;
-    std::unordered_map<std::string, std::string> pathOf;
     for (const std::string& file : files) {
         ErrorPtr problem;
-        auto app = readAppArchive(file, propertyLists, &problem);
-        if (!app) {
+        if (auto app = readAppArchive(file, propertyLists, &problem)) {
+            library.apps.push_back(std::move(*app));
+        } else {
             library.problems.push_back(sentenceOf(problem));
-        } else if (const auto [first, isFirst] = pathOf.emplace(app->identifier, file); !isFirst) {
-            library.problems.push_back("'" + file + "' holds " + app->identifier + " as '" + first->second +
+        }
+    }
+    return library;
+}
+
+std::optional<AppLibrary> readAppLibrary(const std::string& folder, PropertyListSerialization& propertyLists,
+                                         ErrorPtr* error) {
+    auto catalogue = readAppCatalogue(folder, propertyLists, error);
+    if (!catalogue) {
+        return std::nullopt;
+    }
+    AppLibrary library{.apps = {}, .problems = std::move(catalogue->problems)};
+    std::unordered_map<std::string, std::string> pathOf;
+    for (AppArchive& app : catalogue->apps) {
+        if (const auto [first, isFirst] = pathOf.emplace(app.identifier, app.path); !isFirst) {
+            library.problems.push_back("'" + app.path + "' holds " + app.identifier + " as '" + first->second +
                                        "' does; the latter is used. Keep one of the two.");
         } else {
-            library.apps.push_back(std::move(*app));
+            library.apps.push_back(std::move(app));
         }
     }
     return library;

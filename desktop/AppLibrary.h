@@ -17,11 +17,17 @@ struct AppLibrary {
     std::vector<std::string> problems;
 
     [[nodiscard]] const AppArchive* find(std::string_view identifier) const;
+    /// The archive of this version if there is one, else the first of the app.
+    [[nodiscard]] const AppArchive* find(std::string_view identifier, const std::optional<std::string>& version) const;
 };
 
 /// Reads every file of the folder (not of folders in it) whose name does not begin with a dot. Nothing, and the reason
 /// in `error`, when the folder cannot be read.
 [[nodiscard]] std::optional<AppLibrary> readAppLibrary(const std::string& folder,
                                                        PropertyListSerialization& propertyLists, ErrorPtr* error);
+
+/// The same, but with all archives of every app: a store keeps several versions.
+[[nodiscard]] std::optional<AppLibrary> readAppCatalogue(const std::string& folder,
+                                                         PropertyListSerialization& propertyLists, ErrorPtr* error);
 
 } // namespace appsync::desktop

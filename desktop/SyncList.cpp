@@ -41,11 +41,23 @@ SyncList makeSyncList(const AppLibrary& library, const std::vector<InstalledApp>
         }
     }
     for (const AppArchive& app : library.apps) {
-        if (!removed.contains(app.identifier) && isWanted(app, versions, asked)) {
+        if (wishes.restoring.contains(app.identifier)) {
+            list.restores.push_back(&app);
+        } else if (!removed.contains(app.identifier) && isWanted(app, versions, asked)) {
             list.installs.push_back(&app);
         }
     }
     return list;
+}
+
+const AppArchive* findArchive(const SyncList& list, std::string_view identifier) {
+    for (const auto* apps : {&list.installs, &list.restores}) {
+        const auto found = std::ranges::find(*apps, identifier, &AppArchive::identifier);
+        if (found != apps->end()) {
+            return *found;
+        }
+    }
+    return nullptr;
 }
 
 Array toDoRecords(const SyncList& list) {

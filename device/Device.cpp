@@ -10,6 +10,7 @@
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/screen/DeviceIconRenderer.h"
 #include "device/services/BackupService.h"
+#include "device/services/DemotedApps.h"
 #include "device/services/DevicePolicy.h"
 #include "device/services/DeviceProcess.h"
 #include "device/services/Notifications.h"
@@ -57,6 +58,23 @@ ErrorPtr deviceError(DeviceError code, const std::string& folder, const std::str
 
 } // namespace
 
+namespace {
+
+/// The backup service as the install coordinator uses it.
+class WaitingData final : public UserDataRestorer {
+  public:
+    explicit WaitingData(BackupService& backup) : _backup(backup) {}
+    Result<void> restore(std::string_view bundleID) override {
+        return _backup.restoreDataSize(bundleID) ? _backup.restoreApplicationData(bundleID) : Result<void>();
+    }
+    void giveUp(std::string_view bundleID) override { (void)_backup.cancelRestore(bundleID); }
+
+  private:
+    BackupService& _backup;
+};
+
+} // namespace
+
 /// In the order in which they are opened; closed in the reverse order.
 struct Device::Services {
     std::unique_ptr<Root> root;
@@ -67,6 +85,8 @@ struct Device::Services {
     std::unique_ptr<TransactionLog> transactionLog;
     std::unique_ptr<DevicePolicy> policy;
     std::unique_ptr<BackupService> backup;
+    std::unique_ptr<WaitingData> waitingData;
+    std::unique_ptr<DemotedApps> demotedApps;
 
     std::unique_ptr<UninstalledList> uninstalledList;
     std::unique_ptr<Registry> registry;
@@ -90,6 +110,8 @@ struct Device::Services {
                                         const std::shared_ptr<FaultPoint>& faultPoint);
     [[nodiscard]] Result<void> openRecords(const DeviceEnvironment& environment);
     [[nodiscard]] Result<void> openApps(const DeviceEnvironment& environment);
+    void followRegistry();
+    void forgetDataOfNobody();
     [[nodiscard]] Result<void> openScreen();
     [[nodiscard]] Result<void> openCoordinator();
     [[nodiscard]] Result<void> openAll(const DeviceEnvironment& environment);
@@ -125,7 +147,12 @@ Result<void> Device::Services::openRecords(const DeviceEnvironment& environment)
     if (const ErrorPtr error = place(policy, DevicePolicy::open(*database))) {
         return error;
     }
-    return place(backup, BackupService::open(*database));
+    if (const ErrorPtr error = place(backup, BackupService::open(*database, root->files()))) {
+        return error;
+    }
+    waitingData = std::make_unique<WaitingData>(*backup);
+    demotedApps = std::make_unique<DemotedApps>(root->files(), propertyLists);
+    return {};
 }
 
 Result<void> Device::Services::openApps(const DeviceEnvironment& environment) {
@@ -140,9 +167,38 @@ Result<void> Device::Services::openApps(const DeviceEnvironment& environment) {
         return settled.error();
     }
     settlement = *settled;
-    workspace = std::make_unique<ApplicationWorkspace>(*registry, log.get());
+    followRegistry();
+    workspace = std::make_unique<ApplicationWorkspace>(*registry, log.get(), coordinationIsEnabled);
     store = std::make_unique<StoreClient>(root->files(), *registry, propertyLists);
     return {};
+}
+
+/// What is kept for an app goes with it. A list that cannot be written now is put right when the device is next opened.
+void Device::Services::followRegistry() {
+    for (const Application& app : registry->applications()) {
+        if (app.isInstalled) {
+            (void)demotedApps->remove(app.identifier);
+        }
+    }
+    registry->follow(
+        {.wasInstalled = [this](std::string_view identifier) { (void)demotedApps->remove(std::string(identifier)); },
+         .isGone =
+             [this](std::string_view identifier) {
+                 (void)demotedApps->remove(std::string(identifier));
+                 (void)backup->cancelRestore(identifier);
+             }});
+}
+
+/// Data that was to be restored for apps that will not come.
+void Device::Services::forgetDataOfNobody() {
+    std::set<std::string> expected;
+    for (const Application& app : registry->applications()) {
+        expected.insert(app.identifier);
+    }
+    for (const OpenCoordinator& open : coordinator->openCoordinators()) {
+        expected.insert(open.bundleID);
+    }
+    backup->cancelAllBut(expected);
 }
 
 Result<void> Device::Services::openScreen() {
@@ -154,10 +210,11 @@ Result<void> Device::Services::openScreen() {
 }
 
 Result<void> Device::Services::openCoordinator() {
-    const CoordinatorServices services{root->files(), *registry, *database, propertyLists};
+    const CoordinatorServices services{root->files(), *registry, *database, propertyLists, waitingData.get()};
     if (const ErrorPtr error = place(coordinator, InstallCoordinator::open(services, coordinationIsEnabled))) {
         return error;
     }
+    forgetDataOfNobody();
     coordinator->resume();
     return {};
 }
@@ -308,6 +365,9 @@ DevicePolicy& Device::policy() noexcept {
 }
 BackupService& Device::backup() noexcept {
     return *_services->backup;
+}
+DemotedApps& Device::demotedApps() noexcept {
+    return *_services->demotedApps;
 }
 StoreClient& Device::store() noexcept {
     return *_services->store;

@@ -15,6 +15,7 @@
 //   homeScreen      icon layout, what there is to see            device/screen/DeviceHomeScreen.h
 //   policy          what is allowed                              device/services/DevicePolicy.h
 //   backup          data that waits to be restored               device/services/BackupService.h
+//   demotedApps     apps without their bundle                    device/services/DemotedApps.h
 //   store           receipts                                     device/services/StoreClient.h
 //   notifications   names with a state                           device/services/Notifications.h
 //   notificationCenter  notifications between processes          device/services/Notifications.h
@@ -40,6 +41,7 @@ namespace appsync::device {
 
 class BackupService;
 class Database;
+class DemotedApps;
 class DeviceHomeScreen;
 class DeviceNotificationCenter;
 class DevicePolicy;
@@ -102,6 +104,7 @@ class Device {
     [[nodiscard]] DeviceHomeScreen& homeScreen() noexcept;
     [[nodiscard]] DevicePolicy& policy() noexcept;
     [[nodiscard]] BackupService& backup() noexcept;
+    [[nodiscard]] DemotedApps& demotedApps() noexcept;
     [[nodiscard]] StoreClient& store() noexcept;
     [[nodiscard]] NotificationNames& notifications() noexcept;
     [[nodiscard]] DeviceNotificationCenter& notificationCenter() noexcept;
@@ -110,6 +113,11 @@ class Device {
     /// Starts an installed app, as a tap on its icon would; the number of its process. `busy`: it begins busy. Errors
     /// are of `ProcessErrorDomain`.
     [[nodiscard]] Result<pid_t> launch(std::string_view identifier, bool busy = false);
+    /// Lets go of an installed app's bundle. Its data stays, and a placeholder that knows its name, version, icon and
+    /// store metadata; a person demotes intentionally, the system automatically. Demoting a demoted app again changes
+    /// the list that it is on. Errors are of `ProcessErrorDomain` when the app is in use, of `TVInstallerErrorDomain`
+    /// otherwise.
+    [[nodiscard]] Result<void> demote(const std::string& identifier, bool isAutomatic);
     [[nodiscard]] bool coordinationIsEnabled() const noexcept;
     /// What the registry had to put in order when the device was opened.
     [[nodiscard]] const Settlement& settlement() const noexcept;

@@ -89,6 +89,38 @@ struct ResetArguments {
 };
 [[nodiscard]] ExitCode reset(const ResetArguments& arguments);
 
+/// Lets go of an app's bundle and keeps its data.
+struct DemoteArguments {
+    std::string device = {};
+    std::string app = {};
+    bool automatic = false; // by the system, not by a person
+};
+[[nodiscard]] ExitCode demote(const DemoteArguments& arguments);
+
+struct BackupArguments {
+    std::string device = {};
+    std::string output = {}; // a folder that does not exist yet
+    std::string plugin = {};
+};
+[[nodiscard]] ExitCode backup(const BackupArguments& arguments);
+
+struct RestoreArguments {
+    std::string device = {};
+    std::string from = {}; // a folder that `backup` has made
+    int type = 2;          // the restore type that the plug-in is told
+    std::string plugin = {};
+    bool json = false;
+};
+[[nodiscard]] ExitCode restore(const RestoreArguments& arguments);
+
+/// As the store would, brings the apps that a restore left to it.
+struct StoreArguments {
+    std::string device = {};
+    std::string catalogue = {}; // a folder of app archives
+    bool json = false;
+};
+[[nodiscard]] ExitCode store(const StoreArguments& arguments);
+
 struct ScreenArguments {
     std::string device = {};
     std::string output = {};

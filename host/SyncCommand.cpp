@@ -29,6 +29,38 @@ std::vector<desktop::InstalledApp> installedApps(const device::Registry& registr
     return installed;
 }
 
+std::set<std::string> restoringApps(const device::Registry& registry) {
+    std::set<std::string> restoring;
+    for (const device::Application& app : registry.applications()) {
+        if (app.isPlaceholder && app.installType == PDInstallTypeRestore) {
+            restoring.insert(app.identifier);
+        }
+    }
+    return restoring;
+}
+
+/// With coordination a restore is the store's.
+void leaveRestoresToStore(desktop::SyncList& list) {
+    for (const desktop::AppArchive* app : list.restores) {
+        list.problems.push_back(app->identifier + " is being restored and waits for the store; `qrd store` brings it.");
+    }
+    list.restores.clear();
+}
+
+/// Without coordination the plug-in asks for no app that has a placeholder of another's making. The data stays.
+void makeWayForDemotedApps(device::Device& device, const desktop::SyncList& list) {
+    for (const desktop::AppArchive* archive : list.installs) {
+        const auto app = device.registry().application(archive->identifier);
+        const bool isDemoted =
+            app && app->isPlaceholder &&
+            (app->installType == PDInstallTypeDowngrade || app->installType == PDInstallTypeIntentionalDowngrade);
+        if (isDemoted) {
+            (void)device.registry().uninstall(archive->identifier, device::RemovalReason::sync,
+                                              device::RemovalScope::placeholderOnly);
+        }
+    }
+}
+
 void showPlan(const desktop::SyncList& list) {
     for (const std::string& identifier : list.removals) {
         std::cout << "would remove  " << identifier << '\n';
@@ -37,7 +69,11 @@ void showPlan(const desktop::SyncList& list) {
         std::cout << "would install " << app->identifier << " " << app->version.value_or("-") << " ("
                   << sizeText(app->size) << ")\n";
     }
-    if (list.removals.empty() && list.installs.empty()) {
+    for (const desktop::AppArchive* app : list.restores) {
+        std::cout << "would restore " << app->identifier << " " << app->version.value_or("-") << " ("
+                  << sizeText(app->size) << ")\n";
+    }
+    if (list.removals.empty() && list.installs.empty() && list.restores.empty()) {
         std::cout << "nothing to do\n";
     }
     for (const std::string& problem : list.problems) {
@@ -67,12 +103,18 @@ ExitCode sync(const SyncArguments& arguments) {
     if (!library) {
         return fail(reasonOf(error), ExitCode::wrongUse);
     }
-    auto list =
-        desktop::makeSyncList(*library, installedApps(device->registry()), {arguments.install, arguments.remove});
+    auto list = desktop::makeSyncList(*library, installedApps(device->registry()),
+                                      {arguments.install, arguments.remove, restoringApps(device->registry())});
+    if (device->coordinationIsEnabled()) {
+        leaveRestoresToStore(list);
+    }
     list.problems.insert(list.problems.begin(), library->problems.begin(), library->problems.end());
     if (arguments.dryRun) {
         showPlan(list);
         return ExitCode::done;
+    }
+    if (!device->coordinationIsEnabled()) {
+        makeWayForDemotedApps(*device, list);
     }
     const Interrupt interrupt;
     SyncOptions options{.plugInPath = arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin,

@@ -17,7 +17,7 @@ struct AppReport {
     std::string name; // never empty
     std::optional<std::string> version;
     AppResult result = AppResult::failed;
-    std::string reason; // in words a person understands; empty for a success
+    std::string reason = {}; // in words a person understands; empty for a success
 };
 
 struct SyncReport {

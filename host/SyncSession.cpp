@@ -3,6 +3,7 @@
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
+#include "device/services/BackupService.h"
 #include "device/services/DevicePolicy.h"
 #include "host/DeletedApps.h"
 #include "host/InstallOutcomes.h"
@@ -73,13 +74,18 @@ std::vector<QRAssetPtr> SyncSession::_plan() {
     }
     auto assets = _parties.client.outstandingAssetTransfers();
     std::map<std::string_view, std::uint64_t> sizes;
-    for (const desktop::AppArchive* app : _list.installs) {
-        sizes[app->identifier] = app->size;
+    for (const auto* apps : {&_list.installs, &_list.restores}) {
+        for (const desktop::AppArchive* app : *apps) {
+            sizes[app->identifier] = app->size;
+        }
     }
     std::vector<AppStatus> planned;
     for (const QRAssetPtr& asset : assets) {
         _requested.insert(asset->identifier);
         planned.push_back({asset->identifier, asset->prettyName.value_or(asset->identifier), sizes[asset->identifier]});
+        if (asset->isRestore) {
+            _restores.push_back(asset);
+        }
     }
     _parties.view.began(std::move(planned));
     return assets;
@@ -89,33 +95,73 @@ void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
     const auto queue = std::make_shared<TransferQueue>(assets);
     _parties.deviceService.setQueue(queue);
     while (const QRAssetPtr asset = queue->next()) {
-        const ErrorPtr error = _transferOne(asset, *queue);
-        if (error != nullptr) {
-            _transferErrors[asset->identifier] = error;
-            _allTransferred = false;
-        } else {
-            asset->path = receivedPath(asset->identifier);
-            asset->completedAssetParts = kQRAssetPartApplicationPackage;
+        if (const ErrorPtr error = asset->isRestore ? _transferRestore(asset, *queue) : _transferOne(asset, *queue)) {
+            _failed(asset, error);
+        } else if (!asset->isRestore) {
+            _arrived(asset, kQRAssetPartApplicationPackage);
         }
-        _parties.view.transferEnded(asset->identifier, error);
-        _parties.client.assetTransfer_succeeded_withError(asset, error == nullptr, error);
     }
     _parties.deviceService.setQueue(nullptr);
     _parties.client.assetTransferEndedWithSuccess(_allTransferred);
 }
 
+void SyncSession::_arrived(const QRAssetPtr& asset, std::uint32_t part) {
+    // Where a package is that came with an earlier sync, the plug-in knows by the version.
+    const bool isHere = part == kQRAssetPartApplicationPackage || !asset->version();
+    asset->path = isHere ? std::optional(receivedPath(asset->identifier)) : std::nullopt;
+    asset->completedAssetParts = part;
+    _parties.view.transferEnded(asset->identifier, nullptr);
+    _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
+}
+
+void SyncSession::_failed(const QRAssetPtr& asset, const ErrorPtr& error) {
+    _transferErrors[asset->identifier] = error;
+    _allTransferred = false;
+    _parties.view.transferEnded(asset->identifier, error);
+    _parties.client.assetTransfer_succeeded_withError(asset, false, error);
+}
+
+/// A restored app's package, then its data, as far as the device asks for them. The plug-in installs the app once both
+/// are there; after an interruption between the two a later sync goes on with the data.
+ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQueue& queue) {
+    const Value* value = asset->variantOptions ? asset->variantOptions->find("AssetParts") : nullptr;
+    const std::uint64_t parts = value != nullptr ? value->unsignedInteger().value_or(0) : 0;
+    const bool hasData = _parties.device.backup().restoreDataSize(asset->identifier).has_value();
+    const bool needsPackage = (parts & kQRAssetPartApplicationPackage) != 0;
+    if (needsPackage) {
+        if (ErrorPtr error = _transferOne(asset, queue)) {
+            return error;
+        }
+        _arrived(asset, kQRAssetPartApplicationPackage);
+    }
+    if ((parts & kQRAssetPartApplicationData) == 0 || (needsPackage && !hasData)) {
+        return nullptr;
+    }
+    if (ErrorPtr reason = _reasonToStop(*asset, queue)) {
+        return reason;
+    }
+    if (hasData) {
+        if (const auto restored = _parties.device.backup().restoreApplicationData(asset->identifier); !restored) {
+            return transferError(TransferError::deviceFailed, device::errorText(restored.error()));
+        }
+    }
+    _arrived(asset, kQRAssetPartApplicationData);
+    return nullptr;
+}
+
+ErrorPtr SyncSession::_reasonToStop(const QRAsset& asset, const TransferQueue& queue) const {
+    if (queue.isCancelled(asset.identifier)) {
+        return cancelledByUserError();
+    }
+    return Interrupt::requested() ? interruptedError() : nullptr;
+}
+
 ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue& queue) {
-    const auto found = std::ranges::find(_list.installs, asset->identifier, &desktop::AppArchive::identifier);
-    if (found == _list.installs.end()) {
+    const desktop::AppArchive* app = desktop::findArchive(_list, asset->identifier);
+    if (app == nullptr) {
         return transferError(TransferError::sourceFailed, "The library has no '" + asset->identifier + "'.");
     }
-    const desktop::AppArchive& app = **found;
-    const auto stopReason = [&]() -> ErrorPtr {
-        if (queue.isCancelled(asset->identifier)) {
-            return cancelledByUserError();
-        }
-        return Interrupt::requested() ? interruptedError() : nullptr;
-    };
+    const auto stopReason = [&] { return _reasonToStop(*asset, queue); };
     if (ErrorPtr reason = stopReason()) {
         return reason;
     }
@@ -130,7 +176,7 @@ ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue&
         _parties.view.transferring(asset->identifier, fraction);
         _parties.client.assetTransfer_updatedProgress(asset, fraction);
     };
-    return transfer(_parties.device.files(), {app.path, asset->identifier, progress, stopReason, _parties.bandwidth});
+    return transfer(_parties.device.files(), {app->path, asset->identifier, progress, stopReason, _parties.bandwidth});
 }
 
 void SyncSession::_close() {
@@ -152,7 +198,11 @@ SyncReport SyncSession::_report() const {
         report.apps.push_back(_reportOfRemoval(identifier));
     }
     for (const desktop::AppArchive* app : _list.installs) {
-        report.apps.push_back(_reportOfInstall(*app));
+        report.apps.push_back(_reportOfInstall({app->identifier, app->name.value_or(app->identifier), app->version}));
+    }
+    for (const QRAssetPtr& asset : _restores) {
+        report.apps.push_back(
+            _reportOfInstall({asset->identifier, asset->prettyName.value_or(asset->identifier), asset->version()}));
     }
     report.problems = _list.problems;
     report.deleted = _deleted;
@@ -160,9 +210,9 @@ SyncReport SyncSession::_report() const {
     return report;
 }
 
-AppReport SyncSession::_reportOfInstall(const desktop::AppArchive& app) const {
-    AppReport report{app.identifier, app.name.value_or(app.identifier), app.version, AppResult::failed, ""};
-    if (const auto error = _transferErrors.find(app.identifier); error != _transferErrors.end()) {
+AppReport SyncSession::_reportOfInstall(AppReport report) const {
+    const std::string& identifier = report.identifier;
+    if (const auto error = _transferErrors.find(identifier); error != _transferErrors.end()) {
         report.reason = reasonOf(error->second);
         switch (static_cast<TransferError>(error->second->code())) {
         case TransferError::interrupted: report.result = AppResult::interrupted; break;
@@ -171,18 +221,18 @@ AppReport SyncSession::_reportOfInstall(const desktop::AppArchive& app) const {
         }
         return report;
     }
-    const auto outcome = _parties.outcomes.outcomeOf(app.identifier);
+    const auto outcome = _parties.outcomes.outcomeOf(identifier);
     if (outcome && *outcome == nullptr) {
-        report.result = _installedBefore.contains(app.identifier) ? AppResult::updated : AppResult::installed;
+        report.result = _installedBefore.contains(identifier) ? AppResult::updated : AppResult::installed;
     } else if (outcome) {
-        const bool isCancelled = _parties.outcomes.isCancelled(app.identifier);
+        const bool isCancelled = _parties.outcomes.isCancelled(identifier);
         report.result = isCancelled ? AppResult::cancelled : AppResult::failed;
         report.reason = reasonOf(isCancelled ? cancelledByUserError() : *outcome);
-    } else if (_requested.contains(app.identifier) && Interrupt::requested()) {
+    } else if (_requested.contains(identifier) && Interrupt::requested()) {
         report.result = AppResult::interrupted;
-        report.reason = _isWaiting(app.identifier) ? "It is in use and could not be replaced; close it and sync again."
-                                                   : reasonOf(interruptedError());
-    } else if (_requested.contains(app.identifier)) {
+        report.reason = _isWaiting(identifier) ? "It is in use and could not be replaced; close it and sync again."
+                                               : reasonOf(interruptedError());
+    } else if (_requested.contains(identifier)) {
         report.reason = "The device did not say how the install ended; `qrd log` tells more.";
     } else if (_parties.device.policy().value(OLFeatureAppInstallationAllowed) == OLBoolValue::explicitlyNo) {
         report.result = AppResult::refused;

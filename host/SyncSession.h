@@ -49,10 +49,16 @@ class SyncSession {
     [[nodiscard]] ErrorPtr _open();
     [[nodiscard]] std::vector<std::shared_ptr<QRAsset>> _plan();
     void _transferAll(const std::vector<std::shared_ptr<QRAsset>>& assets);
+    /// Null when all parts have arrived that the device asks for.
+    [[nodiscard]] ErrorPtr _transferRestore(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
+    void _arrived(const std::shared_ptr<QRAsset>& asset, std::uint32_t part);
+    void _failed(const std::shared_ptr<QRAsset>& asset, const ErrorPtr& error);
+    [[nodiscard]] ErrorPtr _reasonToStop(const QRAsset& asset, const TransferQueue& queue) const;
     [[nodiscard]] ErrorPtr _transferOne(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
     void _close();
     [[nodiscard]] SyncReport _report() const;
-    [[nodiscard]] AppReport _reportOfInstall(const desktop::AppArchive& app) const;
+    /// `report` says which app is meant.
+    [[nodiscard]] AppReport _reportOfInstall(AppReport report) const;
     [[nodiscard]] bool _isWaiting(std::string_view identifier) const;
     [[nodiscard]] AppReport _reportOfRemoval(const std::string& identifier) const;
 
@@ -61,6 +67,7 @@ class SyncSession {
     std::set<std::string> _installedBefore;
     std::map<std::string, std::string> _namesBefore;
     std::set<std::string> _requested;
+    std::vector<std::shared_ptr<QRAsset>> _restores; // of those, what a restore brings back
     std::map<std::string, ErrorPtr> _transferErrors;
     std::vector<std::string> _deleted;
     bool _allTransferred = true;

@@ -80,15 +80,18 @@ std::string receivedPath(const std::string& identifier) {
 }
 
 ErrorPtr transfer(device::DeviceFileSystem& files, const TransferRequest& request) {
+    return copyToDevice(files, request, publicStaging + receivedPath(request.identifier));
+}
+
+ErrorPtr copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request, const std::string& path) {
     ErrorPtr error;
     auto source = desktop::ArchiveSource::open(request.archivePath, &error);
     if (!source) {
         return transferError(TransferError::sourceFailed,
                              std::string(error->userInfo().string(ErrorDescriptionKey).value_or("")));
     }
-    const std::string path = publicStaging + receivedPath(request.identifier);
     const std::string unfinished = path + ".part";
-    files.createDirectory(receivedFolder(), true, std::nullopt, nullptr);
+    files.createDirectory(path.substr(0, path.rfind('/')), true, std::nullopt, nullptr);
     {
         const auto destination = files.open(unfinished, O_WRONLY | O_CREAT | O_TRUNC);
         if (!destination) {

@@ -32,6 +32,10 @@ struct TransferRequest {
 /// The received file's path relative to the public staging area.
 [[nodiscard]] std::string receivedPath(const std::string& identifier);
 
+/// Null when the archive stands at a path of the device, whole; otherwise the reason, and nothing of it is left.
+[[nodiscard]] ErrorPtr copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request,
+                                    const std::string& path);
+
 /// Null when the file stands at `receivedPath`, whole; otherwise the reason, and nothing of the file is left.
 [[nodiscard]] ErrorPtr transfer(device::DeviceFileSystem& files, const TransferRequest& request);
 

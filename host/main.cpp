@@ -21,11 +21,13 @@ class CommandLine {
         _addDevice();
         _addSync();
         _addReset();
+        _addRestore();
         _addPerson();
         _addQuestions();
         _addTools();
         _group("Bring apps to a device", {"device", "sync", "status", "prioritize", "cancel"});
-        _group("Use the device", {"launch", "uninstall", "reset"});
+        _group("Back up and restore", {"backup", "restore", "store"});
+        _group("Use the device", {"launch", "demote", "uninstall", "reset"});
         _group("Look at a device", {"apps", "screen", "log", "inventory", "metrics", "accounts"});
         _group("Make and check files", {"pack", "plist"});
         _app.footer("Exit codes: 0 all done, 1 some app failed, 2 wrong use, 3 the device is in use (try again), "
@@ -90,6 +92,29 @@ class CommandLine {
         _choose(command, _sync, sync);
     }
 
+    void _addRestore() {
+        auto* saving = _app.add_subcommand("backup", "Keep a device's apps, icons and data in a folder");
+        saving->add_option("DIR", _backup.device, "The device")->required();
+        saving->add_option("-o,--output", _backup.output, "The folder to make")->required();
+        saving->add_option("--plugin", _backup.plugin, "The plug-in bundle, instead of the one beside this program");
+        _choose(saving, _backup, backup);
+
+        auto* restoring = _app.add_subcommand("restore", "Bring a backup's apps back onto a device");
+        restoring->add_option("DIR", _restore.device, "The device")->required();
+        restoring->add_option("--from", _restore.from, "The folder that `backup` has made")->required();
+        restoring->add_option("--type", _restore.type, "The restore type that the plug-in is told (default 2)");
+        restoring->add_flag("--json", _restore.json, "Print the result as JSON");
+        restoring->add_option("--plugin", _restore.plugin,
+                              "The plug-in bundle, instead of the one beside this program");
+        _choose(restoring, _restore, restore);
+
+        auto* bringing = _app.add_subcommand("store", "Bring the apps that a restore has left to the store");
+        bringing->add_option("DIR", _store.device, "The device")->required();
+        bringing->add_option("--catalogue", _store.catalogue, "The store's folder of app archives")->required();
+        bringing->add_flag("--json", _store.json, "Print the result as JSON");
+        _choose(bringing, _store, store);
+    }
+
     void _addPerson() {
         auto* launching = _app.add_subcommand("launch", "Start an app, as a tap on its icon would");
         launching->add_option("DIR", _launch.device, "The device")->required();
@@ -102,6 +127,12 @@ class CommandLine {
         removing->add_option("DIR", _uninstall.device, "The device")->required();
         removing->add_option("ID", _uninstall.app, "The app's bundle identifier")->required();
         _choose(removing, _uninstall, uninstall);
+
+        auto* demoting = _app.add_subcommand("demote", "Let go of an app and keep its data");
+        demoting->add_option("DIR", _demote.device, "The device")->required();
+        demoting->add_option("ID", _demote.app, "The app's bundle identifier")->required();
+        demoting->add_flag("--automatic", _demote.automatic, "As the system does it, not a person");
+        _choose(demoting, _demote, demote);
 
         auto* first = _app.add_subcommand("prioritize", "Have the running sync bring an app first");
         first->add_option("DIR", _control.device, "The device")->required();
@@ -177,6 +208,10 @@ class CommandLine {
     LaunchArguments _launch;
     ControlArguments _control;
     StatusArguments _status;
+    BackupArguments _backup;
+    RestoreArguments _restore;
+    StoreArguments _store;
+    DemoteArguments _demote;
     UninstallArguments _uninstall;
     ResetArguments _reset;
     QueryArguments _query;

@@ -245,12 +245,17 @@ void CoordinatorEngine::_perform(Lock& lock, const CoordinatorStatePtr& state, S
         const PromiseRecord asset = state->asset->record();
         lock.unlock();
         error = _installApp(*state, options, asset);
+        error = error ? error : _restoreUserData(*state);
+        lock.lock();
+    } else if (step == Step::finish) {
+        lock.unlock();
+        error = _restoreUserData(*state);
         lock.lock();
     }
     if (step == Step::placeholder && !error) {
         _placeholderWasInstalled(lock, state);
     }
-    if (step == Step::finish || (step == Step::app && !error)) {
+    if ((step == Step::finish || step == Step::app) && !error) {
         _end(lock, state, {});
     } else if (state->cancelRequester) {
         _end(lock, state, {state->cancelReason, state->cancelRequester});

@@ -122,6 +122,7 @@ class CoordinatorEngine {
     [[nodiscard]] ErrorPtr _installPlaceholder(const CoordinatorState& state, const PlaceholderState& placeholder);
     [[nodiscard]] ErrorPtr _installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
                                        const PromiseRecord& asset);
+    [[nodiscard]] ErrorPtr _restoreUserData(const CoordinatorState& state);
     void _showTransfer(const CoordinatorState& state, double fraction);
     void _clearAway(const CoordinatorState& state, const Outcome& outcome);
     void _removeIcon(const PlaceholderState& placeholder);

@@ -25,6 +25,10 @@ enum class CoordinatorKind { initiating = 1, updating = 2, restoring = 3, restor
     return "unknown";
 }
 
+[[nodiscard]] constexpr bool isRestoring(CoordinatorKind kind) noexcept {
+    return kind == CoordinatorKind::restoring || kind == CoordinatorKind::restoringDemoted;
+}
+
 /// Install options in the form in which they are kept: property lists as bytes.
 struct InstallOptionsRecord {
     std::uint32_t registryInstallType = 0;

@@ -84,6 +84,13 @@ ErrorPtr CoordinatorEngine::_installApp(const CoordinatorState& state, const Ins
     return _services.registry.installArchive(request).error();
 }
 
+ErrorPtr CoordinatorEngine::_restoreUserData(const CoordinatorState& state) {
+    if (!isRestoring(state.kind) || _services.userData == nullptr) {
+        return nullptr;
+    }
+    return _services.userData->restore(state.bundleID).error();
+}
+
 /// How much of the app's file has arrived. Nothing shows as long as the app has no placeholder.
 void CoordinatorEngine::_showTransfer(const CoordinatorState& state, double fraction) {
     if (state.kind == CoordinatorKind::restoringDemoted) {
@@ -107,6 +114,10 @@ void CoordinatorEngine::_clearAway(const CoordinatorState& state, const Outcome&
     } else if (outcome.error && state.facts.isPlaceholderInstalled) {
         // That a person has removed it meanwhile is no failure.
         (void)_services.registry.uninstall(state.bundleID, RemovalReason::sync, RemovalScope::placeholderOnly);
+    }
+    if (outcome.error && isRestoring(state.kind) && _services.userData != nullptr &&
+        !_services.registry.application(state.bundleID)) {
+        _services.userData->giveUp(state.bundleID);
     }
     if (state.asset && state.asset->isComplete()) {
         removeOwnedFile(_services.files, state.asset->record().path.value_or(""));

@@ -3,7 +3,8 @@
 // Coordinators are kept in the database and found again by a later process. Each installs its app in the background:
 // first the placeholder, when that has been attached and configured and its icon is there; then the app, when the asset
 // promise is complete and install options are set. While a file arrives its progress shows on the home screen. A
-// restoring-demoted coordinator is done with its placeholder.
+// restoring-demoted coordinator is done with its placeholder. The two restoring kinds then give the app the data that
+// waits for it; that this fails is the coordinator's error, whose app or placeholder is there nevertheless.
 //
 // A coordinator ends as a success, as a failure, or by a cancel; lookups no longer find it then. A failure or cancel
 // takes the placeholder away and leaves an installed version as it is. The transferred file and the icon file belong to
@@ -49,11 +50,22 @@ struct OpenCoordinator {
     bool isInstalling = false; // a step of it runs or is about to
 };
 
+/// Data of apps that waits to be restored with them. Any thread.
+class UserDataRestorer {
+  public:
+    virtual ~UserDataRestorer() = default;
+    /// Gives an app the data that waits for it, if any does.
+    [[nodiscard]] virtual Result<void> restore(std::string_view bundleID) = 0;
+    /// The app will not come: its data waits no longer.
+    virtual void giveUp(std::string_view bundleID) = 0;
+};
+
 struct CoordinatorServices {
     DeviceFileSystem& files;
     Registry& registry;
     Database& database;
     PropertyListSerialization& propertyLists;
+    UserDataRestorer* userData = nullptr; // null: no data ever waits
 };
 
 /// Everything that the plug-in's platform needs of it. The objects that these hand out must be dropped before the

@@ -24,12 +24,13 @@ class Root;
 
 inline constexpr std::string_view ProcessErrorDomain = "DeviceProcess";
 enum class ProcessError : std::int64_t {
-    notInstalled = 1,   // the device has no such app, or a placeholder of it only
-    prohibited = 2,     // the app may not be launched
-    noExecutable = 3,   // its Info.plist names none, or one that cannot be run
-    runsAlready = 4,    //
-    beingReplaced = 5,  // somebody holds a termination assertion for it
-    cannotBeStarted = 6 // the system's reason is in the description
+    notInstalled = 1,    // the device has no such app, or a placeholder of it only
+    prohibited = 2,      // the app may not be launched
+    noExecutable = 3,    // its Info.plist names none, or one that cannot be run
+    runsAlready = 4,     //
+    beingReplaced = 5,   // somebody holds a termination assertion for it
+    cannotBeStarted = 6, // the system's reason is in the description
+    inUse = 7,           // it is busy and cannot be ended now
 };
 
 /// What to start; the paths are paths of this machine.

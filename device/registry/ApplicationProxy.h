@@ -8,11 +8,11 @@ namespace appsync::device {
 
 class ApplicationProxy final : public PDApplicationProxy {
   public:
-    /// The table must outlive the proxy.
-    ApplicationProxy(RegistryRecordPtr record, const RegistryTable& table)
-        : _record(std::move(record)), _table(table) {}
+    /// The table must outlive the proxy. `prefix` stands before the application identifier.
+    ApplicationProxy(RegistryRecordPtr record, const RegistryTable& table, std::string_view prefix)
+        : _record(std::move(record)), _table(table), _prefix(prefix) {}
 
-    [[nodiscard]] std::string applicationIdentifier() noexcept override { return _record->identifier; }
+    [[nodiscard]] std::string applicationIdentifier() noexcept override { return _prefix + _record->identifier; }
     [[nodiscard]] std::string bundleIdentifier() noexcept override { return _record->identifier; }
     [[nodiscard]] std::optional<std::string> bundleVersion() noexcept override { return _record->version; }
     [[nodiscard]] std::optional<FileURL> bundleURL() noexcept override;
@@ -30,6 +30,7 @@ class ApplicationProxy final : public PDApplicationProxy {
   private:
     const RegistryRecordPtr _record;
     const RegistryTable& _table;
+    const std::string _prefix;
 };
 
 } // namespace appsync::device

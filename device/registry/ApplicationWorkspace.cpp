@@ -7,6 +7,8 @@ namespace appsync::device {
 
 namespace {
 
+constexpr std::string_view restoreListPrefix = "restore.";
+
 bool report(const Result<void>& result, ErrorPtr* error) {
     if (!result && error) {
         *error = result.error();
@@ -98,7 +100,7 @@ bool ApplicationWorkspace::uninstallApplication_withOptions(std::string_view bun
 
 FNProgressPtr ApplicationWorkspace::installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
                                                                             std::uint64_t phase) noexcept {
-    return application ? _registry.progress(application->applicationIdentifier(), phase) : nullptr;
+    return application ? _registry.progress(application->bundleIdentifier(), phase) : nullptr;
 }
 
 void ApplicationWorkspace::installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept {
@@ -112,7 +114,9 @@ void ApplicationWorkspace::enumerateBundlesOfType_block(
     }
     bool stop = false;
     visitRecords(_registry._implementation->table().all(), type, [&](const RegistryRecordPtr& record) {
-        block(_registry._implementation->proxy(record), stop);
+        const bool isListedApart =
+            !_coordinationIsEnabled && record->isPlaceholder && record->installType == PDInstallTypeRestore;
+        block(_registry._implementation->proxy(record, isListedApart ? restoreListPrefix : ""), stop);
         return !stop;
     });
 }

@@ -14,7 +14,8 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
   public:
     /// The registry must outlive the workspace and every proxy and progress object handed out, `log` the workspace. The
     /// log gets the reasons of removals that fail, for which the platform's answer has no room; it may be null.
-    explicit ApplicationWorkspace(Registry& registry, HostLog* log = nullptr) : _registry(registry), _log(log) {}
+    explicit ApplicationWorkspace(Registry& registry, HostLog* log = nullptr, bool coordinationIsEnabled = true)
+        : _registry(registry), _log(log), _coordinationIsEnabled(coordinationIsEnabled) {}
 
     void addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
     void removeObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept override;
@@ -27,6 +28,9 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
     [[nodiscard]] FNProgressPtr installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
                                                                         std::uint64_t phase) noexcept override;
     void installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept override;
+    /// On a device without coordination a restore's placeholder is listed with the application identifier
+    /// "restore.<bundle identifier>": it stands for an app that the sync is still to bring, so it must not pass for the
+    /// app's own entry. Everywhere else, and with coordination, the two identifiers of a proxy are the same.
     void enumerateBundlesOfType_block(
         std::uint64_t type,
         const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block) noexcept override;
@@ -39,6 +43,7 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
   private:
     Registry& _registry;
     HostLog* const _log;
+    const bool _coordinationIsEnabled;
 };
 
 } // namespace appsync::device

@@ -195,6 +195,9 @@ Result<void> Registry::Implementation::installArchive(const ArchiveRequest& requ
         error = ArchiveInstall(*this, request, cancellation.get_token(), report).run();
         scope.end(error);
     }
+    if (!error && _follower.wasInstalled) {
+        _follower.wasInstalled(request.identifier);
+    }
     // After a failure a placeholder goes on showing how its install ended.
     const auto app = _table.find(request.identifier);
     if (!error || !app || !app->placeholder) {

@@ -17,7 +17,9 @@ class Registry::Implementation::PlaceholderInstall {
   public:
     PlaceholderInstall(Implementation& registry, const PlaceholderRequest& request)
         : _registry(registry), _files(registry._files), _request(request),
-          _before(registry._table.find(request.identifier).value_or(RegistryTable::App{})) {}
+          _before(registry._table.find(request.identifier).value_or(RegistryTable::App{})),
+          _continuesRestore(request.installType == PDInstallTypeSync && _before.placeholder &&
+                            _before.placeholder->installType == PDInstallTypeRestore) {}
 
     ErrorPtr run() {
         if (ErrorPtr error = _readInfo()) {
@@ -40,6 +42,10 @@ class Registry::Implementation::PlaceholderInstall {
         if (_before.placeholder) {
             _files.removeItem(_before.placeholder->containerPath(), nullptr);
         }
+        if (_replacesApp()) {
+            _registry._table.remove(_request.identifier, false);
+            _files.removeItem(_before.installed->containerPath(), nullptr);
+        }
         return nullptr;
     }
 
@@ -53,6 +59,7 @@ class Registry::Implementation::PlaceholderInstall {
                                       " cannot be installed: " + reason,
                                   _request.bundlePath);
     }
+    [[nodiscard]] bool _replacesApp() const { return _request.replacesApp && _before.installed; }
     [[nodiscard]] bool _isBuiltHere() const { return _request.bundlePath.empty(); }
 
     ErrorPtr _readInfo() {
@@ -84,8 +91,9 @@ class Registry::Implementation::PlaceholderInstall {
     }
 
     ErrorPtr _fill(Container& container) {
-        for (const auto& [name, content] :
-             {std::tie(metadataFileName, _request.metadata), std::tie(sinfFileName, _request.sinf)}) {
+        std::optional<Data> metadata = _companion(metadataFileName, _request.metadata);
+        _sinf = _companion(sinfFileName, _request.sinf);
+        for (const auto& [name, content] : {std::tie(metadataFileName, metadata), std::tie(sinfFileName, _sinf)}) {
             if (!content) {
                 continue;
             }
@@ -101,6 +109,14 @@ class Registry::Implementation::PlaceholderInstall {
             return _isMoved ? nullptr : _failure(error);
         }
         return _build(container, bundle);
+    }
+
+    /// A file beside the bundle: what a restore has brought, else what the request brings.
+    [[nodiscard]] std::optional<Data> _companion(std::string_view name, const std::optional<Data>& requested) const {
+        auto restored = _continuesRestore
+                            ? _files.readFile(_before.placeholder->containerPath() + "/" + std::string(name), nullptr)
+                            : std::nullopt;
+        return restored ? restored : requested;
     }
 
     [[nodiscard]] std::string _bundleName() const {
@@ -131,10 +147,10 @@ class Registry::Implementation::PlaceholderInstall {
         record.identifier = _request.identifier;
         record.isPlaceholder = true;
         record.isSystem = _request.isSystem || (_before.installed && _before.installed->isSystem);
-        record.installType = _request.installType;
+        record.installType = _continuesRestore ? std::uint64_t{PDInstallTypeRestore} : _request.installType;
         record.container = container.name();
         record.bundle = _bundle;
-        record.hasDeviceSinf = _registry._isDeviceSinf(_request.sinf);
+        record.hasDeviceSinf = _registry._isDeviceSinf(_sinf);
         _registry._describe(record, _info);
         auto folder = _files.open(container.path() + "/" + _bundle, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (!folder) {
@@ -156,10 +172,14 @@ class Registry::Implementation::PlaceholderInstall {
             return _failure(moved.error());
         }
         _arrival = _before.arrival != 0 ? _before.arrival : _registry._table.takeArrival();
-        const auto committed = _before.placeholder ? _registry._groupCommit.commit([this](auto& transaction) {
-            RegistryStore::put(transaction, *_record, _arrival);
-        })
-                                                   : _putSoon();
+        const auto committed = _before.placeholder || _replacesApp()
+                                   ? _registry._groupCommit.commit([this](auto& transaction) {
+                                         RegistryStore::put(transaction, *_record, _arrival);
+                                         if (_replacesApp()) {
+                                             RegistryStore::remove(transaction, _request.identifier, false);
+                                         }
+                                     })
+                                   : _putSoon();
         return committed ? nullptr : _failure(committed.error());
     }
 
@@ -179,6 +199,8 @@ class Registry::Implementation::PlaceholderInstall {
     DeviceFileSystem& _files;
     const PlaceholderRequest& _request;
     const RegistryTable::App _before;
+    const bool _continuesRestore;
+    std::optional<Data> _sinf;
     Dictionary _info;
     std::string _bundle;
     bool _isMoved = false;

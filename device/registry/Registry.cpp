@@ -104,6 +104,10 @@ FNProgressPtr Registry::existingProgress(std::string_view identifier) const {
     return _implementation->table().findProgress(identifier);
 }
 
+void Registry::follow(RegistryFollower follower) {
+    _implementation->follow(std::move(follower));
+}
+
 void Registry::phaseFinished(const FNProgressPtr& progress) {
     if (const auto own = std::dynamic_pointer_cast<InstallProgress>(progress)) {
         _implementation->phaseFinished(*own);

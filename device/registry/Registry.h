@@ -39,6 +39,7 @@ struct PlaceholderRequest {
     std::optional<Data> metadata; // content of "TamblinMetadata.plist"
     std::optional<Data> sinf;     // the app's protection record
     bool isSystem = false;
+    bool replacesApp = false; // the installed version goes in the same step; its data stays
 };
 
 /// An app to install or update from an archive. What is absent comes from the archive, else from the placeholder.
@@ -92,6 +93,13 @@ class RegistrySubscription {
     virtual ~RegistrySubscription() = default;
 };
 
+/// What another service does when apps come and go. Called on the thread of the operation once it is durable, while
+/// nothing else changes the app; must not install or remove. Either may be empty.
+struct RegistryFollower {
+    std::function<void(std::string_view identifier)> wasInstalled; // from an archive
+    std::function<void(std::string_view identifier)> isGone;       // with its data
+};
+
 struct RegistryOptions {
     ArchiveLimits limits;
 };
@@ -122,13 +130,15 @@ class Registry {
 
     // Installing and removing.
 
-    /// Registers a placeholder, in place of an older one of the app.
+    /// Registers a placeholder, in place of an older one of the app. One of a sync that replaces that of a restore goes
+    /// on as the restore's: install type, store metadata and protection record stay.
     [[nodiscard]] Result<void> installPlaceholder(const PlaceholderRequest& request);
     /// Installs or updates an app, durable when it returns, and removes its placeholder. At every moment the old
     /// version or the new one is there, whole.
     [[nodiscard]] Result<void> installArchive(const ArchiveRequest& request);
     /// Removes an app and its data, its placeholder, or both; fails with `nothingToRemove` when there is neither. A
-    /// person who removes the placeholder of an install under way cancels that install.
+    /// person who removes the placeholder of an install under way cancels that install. Data of an app of which only
+    /// the placeholder goes stays when a sync removes it: a later install finds it again.
     [[nodiscard]] Result<void> uninstall(std::string_view identifier, RemovalReason reason, RemovalScope scope);
 
     // Installs under way.
@@ -148,6 +158,9 @@ class Registry {
     bool cancelInstall(std::string_view identifier);
 
     // Following.
+
+    /// To be called before anything is installed or removed.
+    void follow(RegistryFollower follower);
 
     /// Calls `changed` on the registry's thread after apps, placeholders or progress have changed; several changes may
     /// give one call.

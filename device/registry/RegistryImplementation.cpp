@@ -70,8 +70,8 @@ Result<void> Registry::Implementation::load() {
     return transaction.error();
 }
 
-PDApplicationProxyPtr Registry::Implementation::proxy(RegistryRecordPtr record) {
-    return std::make_shared<ApplicationProxy>(std::move(record), _table);
+PDApplicationProxyPtr Registry::Implementation::proxy(RegistryRecordPtr record, std::string_view prefix) {
+    return std::make_shared<ApplicationProxy>(std::move(record), _table, prefix);
 }
 
 /// The installs under way, placeholders rather than installed versions, and those that are paused.

@@ -48,9 +48,10 @@ class Registry::Implementation {
 
     [[nodiscard]] std::shared_ptr<InstallProgress> progress(std::string_view identifier, std::uint64_t phase);
     void phaseFinished(InstallProgress& progress);
+    void follow(RegistryFollower follower) { _follower = std::move(follower); }
     [[nodiscard]] bool cancelInstall(std::string_view identifier);
 
-    [[nodiscard]] PDApplicationProxyPtr proxy(RegistryRecordPtr record);
+    [[nodiscard]] PDApplicationProxyPtr proxy(RegistryRecordPtr record, std::string_view prefix = {});
     [[nodiscard]] RegistryTable& table() noexcept { return _table; }
     [[nodiscard]] Announcer& announcer() noexcept { return _announcer; }
 
@@ -64,7 +65,7 @@ class Registry::Implementation {
     void _describe(RegistryRecord& record, const Dictionary& info) const;
     [[nodiscard]] bool _isDeviceSinf(const std::optional<Data>& sinf) const;
     [[nodiscard]] Result<void> _remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
-                                       RemovalReason reason);
+                                       RemovalReason reason, bool keepsData = false);
     [[nodiscard]] std::shared_ptr<InstallProgress> _stopInstall(std::string_view identifier);
     void _announceCancellation(const RegistryRecordPtr& record);
     [[nodiscard]] Result<void> _endRemoval(const std::string& path);
@@ -77,6 +78,7 @@ class Registry::Implementation {
     Database& _database;
     PropertyListSerialization& _propertyLists;
     const RegistryOptions _options;
+    RegistryFollower _follower;
     RegistryTable _table;
     AppLocks _locks;
     GroupCommit _groupCommit;

@@ -24,7 +24,8 @@ Result<void> Registry::Implementation::uninstall(std::string_view identifier, Re
                                   "cannot remove " + printable(identifier) + ": the device has no " +
                                       (app.installed ? "placeholder of it" : "such app"));
     }
-    return _remove(app, removesApp, removesPlaceholder, reason);
+    const bool keepsData = !removesApp && reason == RemovalReason::sync && scope != RemovalScope::everything;
+    return _remove(app, removesApp, removesPlaceholder, reason, keepsData);
 }
 
 /// Asks a running install to end; one that can no longer be stopped runs to its end.
@@ -61,10 +62,10 @@ bool Registry::Implementation::_isGone(const std::string& path) {
 
 /// Durable before the first file goes: what is registered is always whole.
 Result<void> Registry::Implementation::_remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
-                                               RemovalReason reason) {
+                                               RemovalReason reason, bool keepsData) {
     const std::string identifier = (app.installed ? app.installed : app.placeholder)->identifier;
     const std::string dataPath = dataContainerPath(identifier);
-    const bool removesAll = (removesApp || !app.installed) && (removesPlaceholder || !app.placeholder);
+    const bool removesAll = !keepsData && (removesApp || !app.installed) && (removesPlaceholder || !app.placeholder);
     const bool removesData = removesAll && !_isGone(dataPath);
     {
         Database::Transaction transaction(_database, Durability::durable);
@@ -97,6 +98,9 @@ Result<void> Registry::Implementation::_remove(const RegistryTable::App& app, bo
     if (removesApp) {
         _table.remove(identifier, false);
         _files.removeItem(app.installed->containerPath(), nullptr);
+    }
+    if (removesAll && _follower.isGone) {
+        _follower.isGone(identifier);
     }
     _announcer.announceChange();
     return removesData ? _endRemoval(dataPath) : Result<void>();

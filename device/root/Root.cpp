@@ -20,8 +20,12 @@ constexpr const char* lockName = "device-lock";
 constexpr std::string_view markerText = "application device root, layout ";
 constexpr unsigned layoutVersion = 1;
 
-constexpr std::array<std::string_view, 5> layoutFolders{"/tmp", "/var/db", "/var/containers/Bundle/Application",
-                                                        "/var/mobile/Library", "/var/mobile/Media"};
+constexpr std::array<std::string_view, 6> layoutFolders{"/tmp",
+                                                        "/var/db",
+                                                        "/var/containers/Bundle/Application",
+                                                        "/var/mobile/Library",
+                                                        "/var/mobile/Library/Logs/MediaServices",
+                                                        "/var/mobile/Media"};
 /// Where an interrupted write leaves its temporary file: where files are replaced over and over, and where the icons of
 /// placeholders are copied to.
 constexpr std::array<std::string_view, 2> writtenFolders{"/var/mobile/Library", "/tmp"};

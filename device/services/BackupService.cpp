@@ -1,13 +1,43 @@
 #include "device/services/BackupService.h"
 
+#include "device/registry/Container.h"
+#include "device/registry/RegistryRecord.h"
 #include "device/root/Database.h"
+#include "device/root/DeviceFileSystem.h"
+#include "device/root/Tree.h"
+
+#include <fcntl.h>
+
+#include <map>
 
 namespace appsync::device {
 
 namespace {
 
 constexpr std::string_view Schema[] = {
-    "CREATE TABLE restoreData (bundle TEXT PRIMARY KEY, size INTEGER NOT NULL) WITHOUT ROWID;"};
+    "CREATE TABLE restoreData (bundle TEXT PRIMARY KEY, size INTEGER NOT NULL) WITHOUT ROWID;",
+    // Rows of the first version told of data that was nowhere.
+    "DELETE FROM restoreData;"
+    "ALTER TABLE restoreData ADD COLUMN folder TEXT NOT NULL DEFAULT '';"
+    "ALTER TABLE restoreData ADD COLUMN isMoving INTEGER NOT NULL DEFAULT 0;"};
+
+constexpr std::string_view waitingFolder = "/var/mobile/Library/RestoreData";
+/// Beside the waiting data: what it takes the place of, until it has.
+constexpr std::string_view replacedExtension = ".replaced";
+
+std::string waitingPath(const std::string& name) {
+    return std::string(waitingFolder) + "/" + name;
+}
+
+ErrorPtr backupError(BackupError code, const std::string& text) {
+    return makeError(BackupErrorDomain, static_cast<std::int64_t>(code), text);
+}
+
+/// Whether an identifier can name an app's data container.
+bool isIdentifier(std::string_view text) {
+    return !text.empty() && text.size() <= 255 && text.front() != '.' && text.find('/') == std::string_view::npos &&
+           text.find('\0') == std::string_view::npos;
+}
 
 } // namespace
 
@@ -35,21 +65,114 @@ class BackupService::Manager final : public HVManager {
     BackupService& _service;
 };
 
-Result<std::unique_ptr<BackupService>> BackupService::open(Database& database) {
+Result<std::unique_ptr<BackupService>> BackupService::open(Database& database, DeviceFileSystem& files) {
     if (const auto registered = database.registerSchema("backup", Schema); !registered) {
         return registered.error();
     }
-    return std::unique_ptr<BackupService>(new BackupService(database));
+    ErrorPtr error;
+    if (!files.createDirectory(waitingFolder, true, std::nullopt, &error)) {
+        return error;
+    }
+    std::unique_ptr<BackupService> service(new BackupService(database, files));
+    if (const auto settled = service->_settle(); !settled) {
+        return settled.error();
+    }
+    service->_clearFolders();
+    return service;
 }
 
 std::shared_ptr<HVManager> BackupService::init() noexcept {
     return std::make_shared<Manager>(*this);
 }
 
-Result<void> BackupService::addRestoreData(const RestoreData& data) {
-    Database::Transaction transaction(_database, Durability::durable);
-    transaction.run("INSERT OR REPLACE INTO restoreData VALUES (?1, ?2)", data.bundleID, data.size);
-    return transaction.commit();
+/// Ends restores whose folders may have begun to move; one that cannot be ended now waits on.
+Result<void> BackupService::_settle() {
+    std::map<std::string, std::string> moving;
+    {
+        Database::Transaction transaction(_database);
+        auto rows = transaction.query("SELECT bundle, folder FROM restoreData WHERE isMoving");
+        while (rows.next()) {
+            moving.emplace(rows.text(0), rows.text(1));
+        }
+        if (transaction.error()) {
+            return transaction.error();
+        }
+    }
+    for (const auto& [bundleID, name] : moving) {
+        if (!_files.fileExists(waitingPath(name)) || !_putInPlace(bundleID, name)) {
+            if (auto ended = _endRestore(bundleID, name); !ended) {
+                return ended;
+            }
+        }
+    }
+    return {};
+}
+
+/// Removes folders that no row names, and rows whose folder is gone.
+void BackupService::_clearFolders() {
+    std::set<std::string> kept;
+    Database::Transaction transaction(_database);
+    std::vector<std::string> gone;
+    {
+        auto rows = transaction.query("SELECT bundle, folder FROM restoreData");
+        while (rows.next()) {
+            const std::string name(rows.text(1));
+            if (_files.fileExists(waitingPath(name))) {
+                kept.insert({name, name + std::string(replacedExtension)});
+            } else {
+                gone.emplace_back(rows.text(0));
+            }
+        }
+    }
+    for (const std::string& bundleID : gone) {
+        transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
+    }
+    const auto names = _files.list(waitingFolder);
+    if (!transaction.commit() || !names) {
+        return; // the next time, then
+    }
+    for (const std::string& name : *names) {
+        if (!kept.contains(name)) {
+            _files.removeItem(waitingPath(name), nullptr);
+        }
+    }
+}
+
+Result<void> BackupService::addRestoreData(std::string_view bundleID, const std::string& folder) {
+    if (!isIdentifier(bundleID)) {
+        return backupError(BackupError::invalidIdentifier,
+                           "\"" + std::string(bundleID) + "\" cannot be a bundle identifier");
+    }
+    auto opened = _files.open(folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!opened) {
+        return opened.error();
+    }
+    std::uint64_t size = 0;
+    // Of folders nested very deeply the size is that of what is above.
+    if (const int failed = treeSize(std::move(*opened), size); failed != 0 && failed != ELOOP) {
+        return makePosixError(failed, "reading", folder);
+    }
+    const std::lock_guard lock(_mutex);
+    const auto earlier = _nameOf(bundleID);
+    const std::string name = makeUniqueName();
+    ErrorPtr error;
+    if (!_files.moveItem(folder, waitingPath(name), &error)) {
+        return error;
+    }
+    auto written = _files.sync();
+    if (written) {
+        Database::Transaction transaction(_database, Durability::durable);
+        transaction.run("INSERT OR REPLACE INTO restoreData VALUES (?1, ?2, ?3, 0)", bundleID, size, name);
+        written = transaction.commit();
+    }
+    if (!written) {
+        _files.moveItem(waitingPath(name), folder, nullptr);
+        return written;
+    }
+    if (earlier) {
+        _files.removeItem(waitingPath(*earlier), nullptr);
+    }
+    return {};
 }
 
 std::optional<std::uint64_t> BackupService::restoreDataSize(std::string_view bundleID) {
@@ -58,12 +181,25 @@ std::optional<std::uint64_t> BackupService::restoreDataSize(std::string_view bun
     return rows.next() ? std::optional(static_cast<std::uint64_t>(rows.integer(0))) : std::nullopt;
 }
 
+std::optional<std::string> BackupService::_nameOf(std::string_view bundleID) {
+    Database::Transaction transaction(_database);
+    auto rows = transaction.query("SELECT folder FROM restoreData WHERE bundle = ?1", bundleID);
+    return rows.next() ? std::optional(std::string(rows.text(0))) : std::nullopt;
+}
+
+std::optional<std::string> BackupService::restoreDataFolder(std::string_view bundleID) {
+    const auto name = _nameOf(bundleID);
+    return name ? std::optional(waitingPath(*name)) : std::nullopt;
+}
+
 Result<std::vector<RestoreData>> BackupService::restoreData() {
     std::vector<RestoreData> waiting;
     Database::Transaction transaction(_database);
-    auto rows = transaction.query("SELECT bundle, size FROM restoreData ORDER BY bundle");
-    while (rows.next()) {
-        waiting.push_back({std::string(rows.text(0)), static_cast<std::uint64_t>(rows.integer(1))});
+    {
+        auto rows = transaction.query("SELECT bundle, size FROM restoreData ORDER BY bundle");
+        while (rows.next()) {
+            waiting.push_back({std::string(rows.text(0)), static_cast<std::uint64_t>(rows.integer(1))});
+        }
     }
     if (const auto read = transaction.commit(); !read) {
         return read.error();
@@ -71,16 +207,86 @@ Result<std::vector<RestoreData>> BackupService::restoreData() {
     return waiting;
 }
 
-Result<void> BackupService::cancelRestore(std::string_view bundleID) {
+Result<void> BackupService::_noteMoving(const std::string& bundleID, bool isMoving) {
+    Database::Transaction transaction(_database, Durability::durable);
+    transaction.run("UPDATE restoreData SET isMoving = ?2 WHERE bundle = ?1", bundleID, isMoving);
+    return transaction.commit();
+}
+
+/// Exchanges the data container for the waiting data; after a failure the container is what it was.
+ErrorPtr BackupService::_putInPlace(const std::string& bundleID, const std::string& name) {
+    const std::string container = dataContainerPath(bundleID);
+    const std::string replaced = waitingPath(name) + std::string(replacedExtension);
+    ErrorPtr error;
+    if (!_files.createDirectory(dataContainersFolder, true, std::nullopt, &error)) {
+        return error;
+    }
+    const bool wasCutShort = _files.fileExists(replaced);
+    if (!wasCutShort && !_files.moveItem(container, replaced, &error) && error->code() != ENOENT) {
+        return error;
+    }
+    if (_files.moveItem(waitingPath(name), container, &error)) {
+        return nullptr;
+    }
+    _files.moveItem(replaced, container, nullptr);
+    return error;
+}
+
+/// Durable before it is forgotten, so that no loss of power takes the data with it.
+Result<void> BackupService::_endRestore(const std::string& bundleID, const std::string& name) {
+    if (auto synced = _files.sync(); !synced) {
+        return synced;
+    }
     Database::Transaction transaction(_database);
     transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
-    const bool wasWaiting = transaction.changes() > 0;
     auto written = transaction.commit();
-    if (written && !wasWaiting) {
-        return makeError(BackupErrorDomain, static_cast<std::int64_t>(BackupError::nothingToCancel),
-                         "no data of " + std::string(bundleID) + " waits to be restored");
+    if (written) {
+        _files.removeItem(waitingPath(name) + std::string(replacedExtension), nullptr);
     }
     return written;
+}
+
+Result<void> BackupService::restoreApplicationData(std::string_view bundleID) {
+    const std::lock_guard lock(_mutex);
+    const std::string identifier(bundleID);
+    const auto name = _nameOf(identifier);
+    if (!name) {
+        return backupError(BackupError::nothingToRestore, "no data of " + identifier + " waits to be restored");
+    }
+    if (auto noted = _noteMoving(identifier, true); !noted) {
+        return noted;
+    }
+    if (ErrorPtr error = _putInPlace(identifier, *name)) {
+        (void)_noteMoving(identifier, false); // when this is lost too it is tried again at the next start
+        return error;
+    }
+    return _endRestore(identifier, *name);
+}
+
+Result<void> BackupService::cancelRestore(std::string_view bundleID) {
+    const std::lock_guard lock(_mutex);
+    const auto name = _nameOf(bundleID);
+    Database::Transaction transaction(_database);
+    transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
+    auto written = transaction.commit();
+    if (!written) {
+        return written;
+    }
+    if (!name) {
+        return backupError(BackupError::nothingToCancel,
+                           "no data of " + std::string(bundleID) + " waits to be restored");
+    }
+    _files.removeItem(waitingPath(*name), nullptr); // what stays is cleared away at the next start
+    return written;
+}
+
+void BackupService::cancelAllBut(const std::set<std::string>& bundleIDs) {
+    const auto waiting = restoreData();
+    for (const RestoreData& data : waiting ? *waiting : std::vector<RestoreData>()) {
+        if (!bundleIDs.contains(data.bundleID)) {
+            (void)cancelRestore(data.bundleID);
+        }
+    }
 }
 
 } // namespace appsync::device

@@ -1,0 +1,98 @@
+#include "device/services/DemotedApps.h"
+
+#include "device/root/DeviceFileSystem.h"
+#include "platform/PropertyListSerialization.h"
+
+namespace appsync::device {
+
+namespace {
+
+constexpr std::string_view automaticKey = "AutomaticDowngrades";
+constexpr std::string_view intentionalKey = "IntentionalDowngrades";
+
+std::set<std::string> textsIn(const Dictionary& root, std::string_view key) {
+    std::set<std::string> texts;
+    const Value* list = root.find(key);
+    if (list != nullptr && list->array() != nullptr) {
+        for (const Value& entry : *list->array()) {
+            if (const auto text = entry.string()) {
+                texts.emplace(*text);
+            }
+        }
+    }
+    return texts;
+}
+
+Array arrayOf(const std::set<std::string>& texts) {
+    Array list;
+    for (const std::string& text : texts) {
+        list.emplace_back(text);
+    }
+    return list;
+}
+
+} // namespace
+
+std::optional<DemotionLists> DemotionLists::fromPropertyList(const Value& root) {
+    if (root.dictionary() == nullptr) {
+        return std::nullopt;
+    }
+    return DemotionLists{textsIn(*root.dictionary(), automaticKey), textsIn(*root.dictionary(), intentionalKey)};
+}
+
+Dictionary DemotionLists::propertyList() const {
+    Dictionary root;
+    root.set(automaticKey, arrayOf(automatic));
+    root.set(intentionalKey, arrayOf(intentional));
+    return root;
+}
+
+DemotedApps::DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists)
+    : _files(files), _propertyLists(propertyLists) {
+    const auto bytes = _files.readFile(demotedAppsPath, nullptr);
+    const auto root = bytes ? _propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
+    _lists = (root ? DemotionLists::fromPropertyList(*root) : std::nullopt).value_or(DemotionLists{});
+}
+
+DemotionLists DemotedApps::lists() const {
+    const std::lock_guard lock(_mutex);
+    return _lists;
+}
+
+Result<void> DemotedApps::set(DemotionLists lists) {
+    const std::lock_guard lock(_mutex);
+    return _keep(std::move(lists));
+}
+
+Result<void> DemotedApps::add(const std::string& identifier, bool isAutomatic) {
+    const std::lock_guard lock(_mutex);
+    DemotionLists changed = _lists;
+    (isAutomatic ? changed.automatic : changed.intentional).insert(identifier);
+    (isAutomatic ? changed.intentional : changed.automatic).erase(identifier);
+    return _keep(std::move(changed));
+}
+
+Result<void> DemotedApps::remove(const std::string& identifier) {
+    const std::lock_guard lock(_mutex);
+    if (!_lists.contains(identifier)) {
+        return {};
+    }
+    DemotionLists changed = _lists;
+    changed.automatic.erase(identifier);
+    changed.intentional.erase(identifier);
+    return _keep(std::move(changed));
+}
+
+Result<void> DemotedApps::_keep(DemotionLists lists) {
+    ErrorPtr error;
+    const auto bytes = _propertyLists.dataWithPropertyList(lists.propertyList(), PropertyListFormat::binary, &error);
+    const std::string_view folder = demotedAppsPath.substr(0, demotedAppsPath.rfind('/'));
+    if (!bytes || !_files.createDirectory(folder, true, std::nullopt, &error) ||
+        !_files.writeFileAtomically(demotedAppsPath, bytes->bytes(), &error)) {
+        return error;
+    }
+    _lists = std::move(lists);
+    return {};
+}
+
+} // namespace appsync::device

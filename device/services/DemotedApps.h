@@ -1,0 +1,59 @@
+// The apps that were demoted: their bundle is gone, their data and a placeholder are there.
+//
+// The list is a property list that the sync plug-in reads: "AutomaticDowngrades" holds the identifiers of the apps that
+// the system has demoted, "IntentionalDowngrades" of those that a person has.
+#pragma once
+
+#include "device/root/Result.h"
+#include "platform/PropertyList.h"
+
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+
+namespace appsync {
+class PropertyListSerialization;
+}
+
+namespace appsync::device {
+
+class DeviceFileSystem;
+
+inline constexpr std::string_view demotedAppsPath =
+    "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist";
+
+struct DemotionLists {
+    std::set<std::string> automatic;
+    std::set<std::string> intentional;
+
+    /// What is no string in its lists is passed over. Nothing when the root is no dictionary.
+    [[nodiscard]] static std::optional<DemotionLists> fromPropertyList(const Value& root);
+    [[nodiscard]] Dictionary propertyList() const;
+    [[nodiscard]] bool contains(const std::string& identifier) const {
+        return automatic.contains(identifier) || intentional.contains(identifier);
+    }
+};
+
+/// Any thread.
+class DemotedApps {
+  public:
+    /// Reads the list; a damaged one counts as empty. Both must outlive it.
+    DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists);
+
+    [[nodiscard]] DemotionLists lists() const;
+    [[nodiscard]] Result<void> set(DemotionLists lists);
+    /// Puts an app on one list and takes it off the other.
+    [[nodiscard]] Result<void> add(const std::string& identifier, bool isAutomatic);
+    [[nodiscard]] Result<void> remove(const std::string& identifier);
+
+  private:
+    [[nodiscard]] Result<void> _keep(DemotionLists lists);
+
+    DeviceFileSystem& _files;
+    PropertyListSerialization& _propertyLists;
+    mutable std::mutex _mutex; // guards the rest
+    DemotionLists _lists;
+};
+
+} // namespace appsync::device
