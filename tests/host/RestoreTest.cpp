@@ -293,7 +293,7 @@ TEST_P(RestoresOnBothPaths, ADeviceComesBackAppByAppAndFileByFile) {
     EXPECT_EQ(states()["com.example.b"], "b 1.b");
     EXPECT_EQ(states()["com.example.c"], isOwn ? "c 1.c" : "c 1.c as type 8");
     EXPECT_EQ(allData(), dataBefore);
-    EXPECT_EQ(dataBefore.size(), 11U);
+    EXPECT_EQ(dataBefore.size(), 13U);
     EXPECT_EQ(order(), orderBefore);
     EXPECT_EQ(waitingData(), 0U);
     EXPECT_EQ(filesBelow("../b/var/mobile/Library/RestoreData"), std::set<std::string>());

@@ -4,6 +4,8 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/root/Database.h"
 #include "device/screen/DeviceHomeScreen.h"
+#include "device/services/BackupService.h"
+#include "device/services/DemotedApps.h"
 #include "device/services/DevicePolicy.h"
 #include "device/services/Notifications.h"
 #include "device/services/TransactionLog.h"
@@ -56,6 +58,43 @@ class DeviceTest : public testing::Test {
     NoDeviceService host;
     std::unique_ptr<Device> device;
 };
+
+TEST_F(DeviceTest, TheFolderOfTheMediaServicesLogsIsThereAgainWhenItIsOpened) {
+    constexpr std::string_view logs = "/var/mobile/Library/Logs/MediaServices";
+    create();
+    EXPECT_TRUE(device->files().fileExists(logs));
+    device->files().removeItem(logs, nullptr);
+    reopen();
+    EXPECT_TRUE(device->files().fileExists(logs));
+}
+
+TEST_F(DeviceTest, DataOfAppsThatWillNotComeIsForgotten) {
+    create();
+    for (const std::string app : {"x", "y"}) {
+        ASSERT_TRUE(device->files().createDirectory("/tmp/" + app, true, std::nullopt, nullptr));
+        ASSERT_TRUE(device->backup().addRestoreData(app, "/tmp/" + app));
+    }
+    PlaceholderRequest request;
+    request.identifier = "x";
+    ASSERT_TRUE(device->registry().installPlaceholder(request));
+    reopen();
+    EXPECT_TRUE(device->backup().restoreDataSize("x"));
+    EXPECT_FALSE(device->backup().restoreDataSize("y"));
+}
+
+TEST_F(DeviceTest, AnInstalledAppIsNotListedAsDemoted) {
+    create();
+    ASSERT_TRUE(device->files().createFile("/tmp/a.zip", ArchiveBuilder().app("App", A, "1").bytes(), {}));
+    ArchiveRequest request;
+    request.archivePath = "/tmp/a.zip";
+    request.identifier = A;
+    ASSERT_TRUE(device->demotedApps().add(A, false));
+    ASSERT_TRUE(device->registry().installArchive(request));
+    EXPECT_FALSE(device->demotedApps().lists().contains(A));
+    ASSERT_TRUE(device->demotedApps().add(A, false)); // as a crash in the middle of demoting leaves it
+    reopen();
+    EXPECT_FALSE(device->demotedApps().lists().contains(A));
+}
 
 TEST_F(DeviceTest, ANewDeviceIsEmptyAndAllowsEverything) {
     create();

@@ -1,4 +1,3 @@
-#include "device/services/BackupService.h"
 #include "device/services/DevicePolicy.h"
 #include "device/services/DeviceProcess.h"
 #include "tests/device/root/Faults.h"
@@ -64,46 +63,6 @@ TEST_F(DevicePolicyTest, ADamagedRowCountsAsUnset) {
         ASSERT_TRUE(transaction.commit());
     }
     EXPECT_EQ(open()->value("s"), OLBoolValue::unset);
-}
-
-class BackupServiceTest : public testing::Test {
-  protected:
-    OpenRoot device;
-    std::unique_ptr<BackupService> backup = std::move(*BackupService::open(*device.database));
-    std::shared_ptr<HVManager> manager = backup->init();
-};
-
-TEST_F(BackupServiceTest, KnowsForWhichAppsDataWaits) {
-    ASSERT_TRUE(backup->addRestoreData({"com.example.a", 5'000'000'000}));
-    std::uint64_t size = 1;
-    EXPECT_TRUE(manager->restoreDataExistsForApplicationWithBundleID_size("com.example.a", &size));
-    EXPECT_EQ(size, 5'000'000'000U);
-    EXPECT_TRUE(manager->restoreDataExistsForApplicationWithBundleID_size("com.example.a", nullptr));
-    size = 1;
-    EXPECT_FALSE(manager->restoreDataExistsForApplicationWithBundleID_size("com.example.b", &size));
-    EXPECT_EQ(size, 1U);
-}
-
-TEST_F(BackupServiceTest, ALaterNoteReplacesAnEarlierOne) {
-    ASSERT_TRUE(backup->addRestoreData({"b", 1}));
-    ASSERT_TRUE(backup->addRestoreData({"a", 2}));
-    ASSERT_TRUE(backup->addRestoreData({"b", 3}));
-    const auto all = backup->restoreData();
-    ASSERT_TRUE(all);
-    ASSERT_EQ(all->size(), 2U);
-    EXPECT_EQ((*all)[0].bundleID, "a");
-    EXPECT_EQ((*all)[1].size, 3U);
-}
-
-TEST_F(BackupServiceTest, CancellingRemovesTheDataAndASecondTimeIsAnError) {
-    ASSERT_TRUE(backup->addRestoreData({"a", 2}));
-    ErrorPtr error;
-    EXPECT_TRUE(manager->cancelApplicationRestoreWithBundleID_error("a", &error));
-    EXPECT_EQ(error, nullptr);
-    EXPECT_FALSE(backup->restoreDataSize("a"));
-    EXPECT_FALSE(manager->cancelApplicationRestoreWithBundleID_error("a", &error));
-    EXPECT_TRUE(isError(error, BackupErrorDomain, BackupError::nothingToCancel));
-    EXPECT_FALSE(manager->cancelApplicationRestoreWithBundleID_error("a", nullptr));
 }
 
 TEST(DeviceProcess, IsTheSyncHostWithTheDevicesTemporaryDirectory) {

@@ -1,0 +1,108 @@
+// Coordinators of restores give their apps the data that waits for them.
+#include "tests/device/coordinator/CoordinatorTest.h"
+
+namespace appsync::device {
+namespace {
+
+const std::string A = "com.example.a";
+
+class Restorer final : public UserDataRestorer {
+  public:
+    Result<void> restore(std::string_view bundleID) override {
+        calls.push_back("restore " + std::string(bundleID) + (isThere && isThere() ? " of an app" : ""));
+        return failure;
+    }
+    void giveUp(std::string_view bundleID) override { calls.push_back("give up " + std::string(bundleID)); }
+
+    Lines calls;
+    ErrorPtr failure;
+    std::function<bool()> isThere;
+};
+
+class UserData : public CoordinatorTest {
+  protected:
+    UserData() {
+        connection.reset();
+        coordinator.reset();
+        coordinator = std::move(
+            *InstallCoordinator::open({device.files(), *registry, *device.database, propertyLists, &restorer}, true));
+        connect();
+        coordinator->resume();
+        restorer.isThere = [this] { return registry->isInstalled(A); };
+    }
+    /// All that a restore needs but the app's file.
+    KXAppInstallCoordinatorPtr beginRestore() {
+        const auto made = lookUp(classes().restoringCoordinators, A, true);
+        TVInstallOptions options;
+        options.setRegistryInstallType(PDInstallTypeRestore);
+        EXPECT_TRUE(made->setInstallOptions_error(options, nullptr));
+        EXPECT_TRUE(made->setPlaceholderPromise_error(makePlaceholder(A), nullptr));
+        return made;
+    }
+    void deliverTo(const KXAppInstallCoordinatorPtr& made, const std::string& path) {
+        const auto asset = classes().transferPromises.initWithName_client_transferPath_diskSpaceNeeded(
+            A, KXClientCorbin, *FileURL::fileURLWithPath(path, false), 1);
+        ASSERT_TRUE(made->setAppAssetPromise_error(asset, nullptr));
+        asset->setComplete(true);
+        coordinator->waitUntilIdle();
+    }
+    static ErrorPtr noRoom() { return makeError("Test", 7, "no room"); }
+
+    Restorer restorer;
+};
+
+TEST_F(UserData, IsRestoredAfterTheAppAndBeforeTheReport) {
+    const auto made = beginRestore();
+    coordinator->waitUntilIdle();
+    EXPECT_EQ(restorer.calls, Lines());
+    (void)reports.take();
+    reports.during = [this](const std::string&) { restorer.calls.emplace_back("report"); };
+    deliverTo(made, makeArchive(A));
+    EXPECT_EQ(restorer.calls, (Lines{"restore " + A + " of an app", "report"}));
+    EXPECT_EQ(made->error(), nullptr);
+}
+
+TEST_F(UserData, ThatCannotBeRestoredIsTheCoordinatorsError) {
+    restorer.failure = noRoom();
+    const auto made = beginRestore();
+    deliverTo(made, makeArchive(A));
+    ASSERT_NE(made->error(), nullptr);
+    EXPECT_EQ(made->error()->code(), 7);
+    EXPECT_TRUE(registry->isInstalled(A));
+    EXPECT_EQ(restorer.calls, Lines{"restore " + A + " of an app"}) << "the app is there: its data waits on";
+    expectNothingLeftOf(A);
+}
+
+TEST_F(UserData, OfAnAppThatWillNotComeIsGivenUp) {
+    const auto made = beginRestore();
+    deliverTo(made, makeFile("/var/mobile/Media/PublicStaging/" + A + ".ipa", "damaged"));
+    EXPECT_NE(made->error(), nullptr);
+    EXPECT_EQ(restorer.calls, Lines{"give up " + A});
+}
+
+TEST_F(UserData, OfADemotedAppIsRestoredWithItsPlaceholder) {
+    const auto made = lookUp(classes().restoringDemotedCoordinators, A, true);
+    ASSERT_TRUE(made->setPlaceholderPromise_error(makePlaceholder(A), nullptr));
+    coordinator->waitUntilIdle();
+    EXPECT_EQ(restorer.calls, Lines{"restore " + A});
+    EXPECT_EQ(made->error(), nullptr);
+    EXPECT_TRUE(registry->hasPlaceholder(A));
+}
+
+TEST_F(UserData, OfADemotedAppThatCannotBeRestoredTakesThePlaceholderBack) {
+    restorer.failure = noRoom();
+    const auto made = lookUp(classes().restoringDemotedCoordinators, A, true);
+    ASSERT_TRUE(made->setPlaceholderPromise_error(makePlaceholder(A), nullptr));
+    coordinator->waitUntilIdle();
+    EXPECT_EQ(restorer.calls, (Lines{"restore " + A, "give up " + A}));
+    EXPECT_NE(made->error(), nullptr);
+    EXPECT_FALSE(registry->hasPlaceholder(A));
+}
+
+TEST_F(UserData, IsNoMatterOfOtherInstalls) {
+    install(A);
+    EXPECT_EQ(restorer.calls, Lines());
+}
+
+} // namespace
+} // namespace appsync::device
