@@ -26,6 +26,34 @@ std::string sentenceOf(const ErrorPtr& error) {
     return std::string(error->userInfo().string(ErrorDescriptionKey).value_or(""));
 }
 
+/// With `keepsAll`, all archives of every app; otherwise the first of each.
+std::optional<AppLibrary> readArchives(const std::string& folder, PropertyListSerialization& propertyLists,
+                                       bool keepsAll, ErrorPtr* error) {
+    std::error_code failure;
+    const auto files = filesIn(folder, failure);
+    if (failure) {
+        *error = desktopError("The library '" + folder + "' cannot be read: " + failure.message() +
+                                  ". Name a folder that holds app archives.",
+                              folder);
+        return std::nullopt;
+    }
+    AppLibrary library;
+    std::unordered_map<std::string, std::string> pathOf;
+    for (const std::string& file : files) {
+        ErrorPtr problem;
+        auto app = readAppArchive(file, propertyLists, &problem);
+        if (!app) {
+            library.problems.push_back(sentenceOf(problem));
+        } else if (const auto [first, isFirst] = pathOf.emplace(app->identifier, file); !isFirst && !keepsAll) {
+            library.problems.push_back("'" + file + "' holds " + app->identifier + " as '" + first->second +
+                                       "' does; the latter is used. Keep one of the two.");
+        } else {
+            library.apps.push_back(std::move(*app));
+        }
+    }
+    return library;
+}
+
 } // namespace
 
 const AppArchive* AppLibrary::find(std::string_view identifier) const {
@@ -39,45 +67,14 @@ const AppArchive* AppLibrary::find(std::string_view identifier, const std::optio
     return found != apps.end() ? &*found : find(identifier);
 }
 
-std::optional<AppLibrary> readAppCatalogue(const std::string& folder, PropertyListSerialization& propertyLists,
-                                           ErrorPtr* error) {
-    std::error_code failure;
-    const auto files = filesIn(folder, failure);
-    if (failure) {
-        *error = desktopError("The library '" + folder + "' cannot be read: " + failure.message() +
-                                  ". Name a folder that holds app archives.",
-                              folder);
-        return std::nullopt;
-    }
-    AppLibrary library;
-    for (const std::string& file : files) {
-        ErrorPtr problem;
-        if (auto app = readAppArchive(file, propertyLists, &problem)) {
-            library.apps.push_back(std::move(*app));
-        } else {
-            library.problems.push_back(sentenceOf(problem));
-        }
-    }
-    return library;
-}
-
 std::optional<AppLibrary> readAppLibrary(const std::string& folder, PropertyListSerialization& propertyLists,
                                          ErrorPtr* error) {
-    auto catalogue = readAppCatalogue(folder, propertyLists, error);
-    if (!catalogue) {
-        return std::nullopt;
-    }
-    AppLibrary library{.apps = {}, .problems = std::move(catalogue->problems)};
-    std::unordered_map<std::string, std::string> pathOf;
-    for (AppArchive& app : catalogue->apps) {
-        if (const auto [first, isFirst] = pathOf.emplace(app.identifier, app.path); !isFirst) {
-            library.problems.push_back("'" + app.path + "' holds " + app.identifier + " as '" + first->second +
-                                       "' does; the latter is used. Keep one of the two.");
-        } else {
-            library.apps.push_back(std::move(app));
-        }
-    }
-    return library;
+    return readArchives(folder, propertyLists, false, error);
+}
+
+std::optional<AppLibrary> readAppCatalogue(const std::string& folder, PropertyListSerialization& propertyLists,
+                                           ErrorPtr* error) {
+    return readArchives(folder, propertyLists, true, error);
 }
 
 } // namespace appsync::desktop

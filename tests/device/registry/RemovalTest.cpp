@@ -73,7 +73,7 @@ TEST_F(Removal, OfEverythingTakesBoth) {
 TEST_F(Removal, OfAPlaceholderWithoutAnAppTakesItsData) {
     ASSERT_TRUE(registry().installPlaceholder(placeholder(identifier, PDInstallTypeIntentionalDowngrade)));
     makeData();
-    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::placeholderOnly));
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
     EXPECT_EQ(dataContainers(), std::vector<std::string>());
 }
 
