@@ -85,6 +85,12 @@ std::shared_ptr<HVManager> BackupService::init() noexcept {
     return std::make_shared<Manager>(*this);
 }
 
+/// What is there but cannot be looked at just now is not gone.
+bool BackupService::_isGone(const std::string& path) {
+    ErrorPtr error;
+    return !_files.attributesOfItem(path, &error) && (error->code() == ENOENT || error->code() == ENOTDIR);
+}
+
 /// Ends restores whose folders may have begun to move; one that cannot be ended now waits on.
 Result<void> BackupService::_settle() {
     std::map<std::string, std::string> moving;
@@ -99,7 +105,7 @@ Result<void> BackupService::_settle() {
         }
     }
     for (const auto& [bundleID, name] : moving) {
-        if (!_files.fileExists(waitingPath(name)) || !_putInPlace(bundleID, name)) {
+        if (_isGone(waitingPath(name)) || !_putInPlace(bundleID, name)) {
             if (auto ended = _endRestore(bundleID, name); !ended) {
                 return ended;
             }
@@ -117,10 +123,10 @@ void BackupService::_clearFolders() {
         auto rows = transaction.query("SELECT bundle, folder FROM restoreData");
         while (rows.next()) {
             const std::string name(rows.text(1));
-            if (_files.fileExists(waitingPath(name))) {
-                kept.insert({name, name + std::string(replacedExtension)});
-            } else {
+            if (_isGone(waitingPath(name))) {
                 gone.emplace_back(rows.text(0));
+            } else {
+                kept.insert({name, name + std::string(replacedExtension)});
             }
         }
     }
@@ -221,7 +227,7 @@ ErrorPtr BackupService::_putInPlace(const std::string& bundleID, const std::stri
     if (!_files.createDirectory(dataContainersFolder, true, std::nullopt, &error)) {
         return error;
     }
-    const bool wasCutShort = _files.fileExists(replaced);
+    const bool wasCutShort = !_isGone(replaced);
     if (!wasCutShort && !_files.moveItem(container, replaced, &error) && error->code() != ENOENT) {
         return error;
     }

@@ -62,6 +62,7 @@ class BackupService final : public HVManagerClass {
     BackupService(Database& database, DeviceFileSystem& files) : _database(database), _files(files) {}
     [[nodiscard]] Result<void> _settle();
     void _clearFolders();
+    [[nodiscard]] bool _isGone(const std::string& path);
     [[nodiscard]] Result<void> _noteMoving(const std::string& bundleID, bool isMoving);
     [[nodiscard]] ErrorPtr _putInPlace(const std::string& bundleID, const std::string& name);
     [[nodiscard]] Result<void> _endRestore(const std::string& bundleID, const std::string& name);

@@ -18,7 +18,7 @@ class RestorePlaceholder : public RegistryTest {
     }
     /// "application identifier|bundle identifier" of each proxy.
     Strings listed(bool coordinationIsEnabled, std::uint64_t type = PDBundleTypeAll) {
-        ApplicationWorkspace own(registry(), coordinationIsEnabled);
+        ApplicationWorkspace own(registry(), nullptr, coordinationIsEnabled);
         Strings all;
         own.enumerateBundlesOfType_block(type, [&](const PDApplicationProxyPtr& proxy, bool&) {
             all.push_back(proxy->applicationIdentifier() + "|" + proxy->bundleIdentifier());
@@ -40,7 +40,7 @@ TEST_F(RestorePlaceholder, IsListedApartWithoutCoordination) {
 
 TEST_F(RestorePlaceholder, HasItsOwnIdentifierEverywhereElse) {
     putRestored();
-    ApplicationWorkspace own(registry(), false);
+    ApplicationWorkspace own(registry(), nullptr, false);
     EXPECT_EQ(own.applicationProxyForIdentifier_placeholder(identifier, true)->applicationIdentifier(), identifier);
     PDApplicationProxyPtr entry;
     own.enumerateBundlesOfType_block(PDBundleTypeAll,
