@@ -317,8 +317,8 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
 
     bool _parseRestoreMetadata(RestorePreparation& app, const Data& tamblinMetadata);
     [[nodiscard]] std::shared_ptr<KXRestoringAppInstallCoordinator> _restoringCoordinator(RestorePreparation& app);
-    bool _prepareRestoringCoordinator(RestorePreparation& app, KXRestoringAppInstallCoordinator& coordinator);
-    template <class Coordinator> bool _setUserDataPromise(RestorePreparation& app, Coordinator& coordinator);
+    bool _prepareRestoringCoordinator(RestorePreparation& app, KXRestoringAppInstallCoordinator* coordinator);
+    template <class Coordinator> bool _setUserDataPromise(RestorePreparation& app, Coordinator* coordinator);
     bool _setRestoreOptions(RestorePreparation& app);
     bool _setRestorePlaceholderPromise(RestorePreparation& app);
     bool _handAssetToStoreClient(RestorePreparation& app, KXRestoringAppInstallCoordinator& coordinator);

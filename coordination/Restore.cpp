@@ -40,7 +40,7 @@ bool AppsClient::_prepareDemotedAppForRestoreWithBundleId_TamblinMetadata_sinfDa
                                          bundleIdentifier, KXClientSyncHost, true, nullptr, nullptr);
         app.coordinator = coordinator;
         prepared =
-            coordinator != nullptr && _setUserDataPromise(app, *coordinator) && _setRestorePlaceholderPromise(app);
+            coordinator != nullptr && _setUserDataPromise(app, coordinator.get()) && _setRestorePlaceholderPromise(app);
     }
     _log.message("processing app restore for demoted app %{public}@ finished with status %d error %{public}@",
                  bundleIdentifier, prepared, app.error);
@@ -69,7 +69,7 @@ bool AppsClient::_prepareNonDemotedAppForRestoreWithBundleId_TamblinMetadata_sin
             _logStep(TransactionStep::restore, TransactionPhase::end, true, bundleIdentifier, "Restore app");
             return true;
         }
-        prepared = coordinator != nullptr && _prepareRestoringCoordinator(app, *coordinator);
+        prepared = _prepareRestoringCoordinator(app, coordinator.get());
     }
     _log.message("processing app restore for %{public}@ finished with status %d error %{public}@", bundleIdentifier,
                  prepared, app.error);
@@ -104,19 +104,21 @@ std::shared_ptr<KXRestoringAppInstallCoordinator> AppsClient::_restoringCoordina
     return coordinator;
 }
 
-bool AppsClient::_prepareRestoringCoordinator(RestorePreparation& app, KXRestoringAppInstallCoordinator& coordinator) {
+/// Without a coordinator the user data and the install options are tried, and fail with a message of their own.
+bool AppsClient::_prepareRestoringCoordinator(RestorePreparation& app, KXRestoringAppInstallCoordinator* coordinator) {
     bool goesOn = _setUserDataPromise(app, coordinator);
-    if (coordinator.hasInstallOptions()) {
+    if (coordinator != nullptr && coordinator->hasInstallOptions()) {
         _log.message("Coordinator for %{public}@ has a valid install options", app.bundleIdentifier);
     } else {
         goesOn = _setRestoreOptions(app); // with fresh options the app is restored even without its user data
     }
-    return goesOn && _setRestorePlaceholderPromise(app) && _handAssetToStoreClient(app, coordinator);
+    return goesOn && _setRestorePlaceholderPromise(app) && _handAssetToStoreClient(app, *coordinator);
 }
 
-/// False: the promise was refused. One that could not even be made does not count.
-template <class Coordinator> bool AppsClient::_setUserDataPromise(RestorePreparation& app, Coordinator& coordinator) {
-    if (coordinator.hasUserDataPromise()) {
+/// False: the promise was refused, or there is no coordinator to take it. One that could not even be made does not
+/// count.
+template <class Coordinator> bool AppsClient::_setUserDataPromise(RestorePreparation& app, Coordinator* coordinator) {
+    if (coordinator != nullptr && coordinator->hasUserDataPromise()) {
         _log.message("Coordinator for %{public}@ has a valid user data promise", app.bundleIdentifier);
         return true;
     }
@@ -124,7 +126,7 @@ template <class Coordinator> bool AppsClient::_setUserDataPromise(RestorePrepara
     if (promise == nullptr) {
         return true;
     }
-    if (coordinator.setUserDataPromise_error(promise, &app.error)) {
+    if (coordinator != nullptr && coordinator->setUserDataPromise_error(promise, &app.error)) {
         _log.message("Added out of band user data promise for for %{public}@", app.bundleIdentifier);
         return true;
     }
@@ -134,13 +136,14 @@ template <class Coordinator> bool AppsClient::_setUserDataPromise(RestorePrepara
     return false;
 }
 
+/// Always false without a coordinator.
 bool AppsClient::_setRestoreOptions(RestorePreparation& app) {
     TVInstallOptions options;
     options.setSinfData(app.sinfData);
     options.setRegistryInstallType(PDInstallTypeRestore);
     options.setInstallTargetType(installTargetType);
     options.setTamblinMetadata(TVStoreMetadata{app.metadata});
-    if (!app.coordinator->setInstallOptions_error(options, &app.error)) {
+    if (app.coordinator == nullptr || !app.coordinator->setInstallOptions_error(options, &app.error)) {
         _log.error("Error %{public}@ setting install options for '%{public}@'", app.error, app.bundleIdentifier);
         return false;
     }

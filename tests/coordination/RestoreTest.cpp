@@ -24,6 +24,12 @@ class Restore : public RestoreFixture {
                 "error: Error TestDomain 7 adding out of band data promise for 'a'",
                 "promise(a-UserData).cancel(QRError 29, client 3)"};
     }
+    /// The same when there is no coordinator to attach it to.
+    static Lines orphanedUserData() {
+        Lines lines = failedUserData();
+        lines.erase(lines.begin() + 3);
+        return lines;
+    }
     /// The values of metadata that no dictionary can be taken from, with the error that each gives.
     static std::vector<std::pair<Data, bool>> unusableMetadata() {
         return {{Data("no property list"), true}, {Data(""), true},          {serialized(Array{"title"}), false},
@@ -172,6 +178,7 @@ class RestoreOfAnApp : public Restore {
     const Lines begun{"log: processing app restore for non demoted bundle 'a' with install coordination",
                       step(2, 1, true, "Restore app"), "plist.parse()"};
     const Lines coordinator{"coordinators.restoring(a, client 3, create 1)"};
+    const Lines withoutCoordinator{coordinator[0], "error: Error 'TestDomain 7' creating restore coordinator for a"};
     const std::string setOptions = "coordinator(a).setInstallOptions(metadata " + metadataText +
                                    ", sinf <7 bytes>, install type 2, target type 1)";
     const Lines options{setOptions, "log: added install options for a"};
@@ -203,13 +210,27 @@ TEST_F(RestoreOfAnApp, FailsBeforeAnyCoordinatorOnMetadataThatIsNoDictionary) {
     }
 }
 
-TEST_F(RestoreOfAnApp, FailsWithoutCoordinatorAndSaysWhy) {
+TEST_F(RestoreOfAnApp, TriesUserDataAndOptionsWithoutCoordinatorAndFails) {
     world.faults.fail("coordinators.restoring");
     EXPECT_FALSE(restore());
-    EXPECT_EQ(journal(), join({begun,
-                               coordinator,
-                               {"error: Error 'TestDomain 7' creating restore coordinator for a"},
-                               finished(false, "TestDomain 7")}));
+    EXPECT_EQ(
+        journal(),
+        join({begun, withoutCoordinator, orphanedUserData(), {failedOptions[1]}, finished(false, "TestDomain 7")}));
+}
+
+TEST_F(RestoreOfAnApp, FailsOnItsOptionsWithoutCoordinatorAndUserData) {
+    world.faults.fail("coordinators.restoring");
+    world.faults.fail("promises.outOfBand");
+    EXPECT_FALSE(restore());
+    EXPECT_EQ(journal(),
+              join({begun, withoutCoordinator, {userData[0], failedOptions[1]}, finished(false, "TestDomain 7")}));
+}
+
+TEST_F(RestoreOfAnApp, TakesACoordinatorWhoeverCreatedIt) {
+    world.coordinators.add("a", "restoring")->creator = 1;
+    EXPECT_TRUE(restore());
+    EXPECT_EQ(journal(),
+              join({begun, coordinator, userData, options, wholePlaceholder(2), attached, handedOver, finished(true)}));
 }
 
 TEST_F(RestoreOfAnApp, TouchesNothingThatTheStoreClientHasTakenOver) {

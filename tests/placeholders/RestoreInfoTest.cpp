@@ -251,6 +251,19 @@ TEST_F(RestoreInfo, CountsEveryAppAsNotDemotedWithoutUsableLists) {
     }
 }
 
+TEST_F(RestoreInfo, BecomesTheSameOwnPlaceholderOfADemotedApp) {
+    start(false);
+    world.files.putPlist(demotedPath,
+                         Dictionary{{"AutomaticDowngrades", Array{"auto"}}, {"IntentionalDowngrades", Array{"user"}}});
+    putInfo(Dictionary{{"auto", app()}, {"user", app()}});
+    EXPECT_TRUE(process());
+    const Lines installs = world.journal.linesWith("registry.installPlaceholder");
+    ASSERT_EQ(installs.size(), 2u);
+    for (const std::string& install : installs) {
+        EXPECT_NE(install.find("PDInstallType = 2;"), std::string::npos) << install;
+    }
+}
+
 // The apps.
 
 TEST_F(RestoreInfo, IsProcessedInItsOrderAndAnswersForTheLastApp) {
@@ -274,6 +287,18 @@ TEST_F(RestoreInfo, AnswersForTheLastAppThatWasNotSkipped) {
     putInfo(Dictionary{{"b", app()}, {"skipped", 5}});
     world.faults.fail("registry.installPlaceholder");
     EXPECT_FALSE(process());
+}
+
+TEST_F(RestoreInfo, AnswersYesForALastAppWhoseMetadataCannotBeParsed) {
+    start(false);
+    putInfo(Dictionary{{"a", app()}, {"b", Dictionary{{"TamblinMetadata", Data("nonsense")}}}});
+    world.faults.fail("registry.installPlaceholder");
+    EXPECT_TRUE(process());
+    EXPECT_EQ(world.journal.linesWith("transactions."),
+              (Lines{"transactions.logScenario(\"Tamblin App Restore\", step 0, success 0, a, \"Failed to install "
+                     "placeholder\")",
+                     "transactions.logScenario(\"Tamblin App Restore\", step 0, success 0, b, \"Failed to parse "
+                     "tamblin metadata\")"}));
 }
 
 TEST_F(RestoreInfo, WithoutAppsOrWithSkippedOnesAnswersNoYetTheRestoreGoesOn) {

@@ -173,6 +173,15 @@ TEST_F(RestorePlaceholder, HasANullVersionWhenTheMetadataHasNone) {
                              "BXBundleIconFile = Icon.png; UIWendralApp = 0; PDApplicationLaunchProhibited = 0;}");
 }
 
+TEST_F(RestorePlaceholder, HasItsFlagsAsBooleans) {
+    metadata = {};
+    EXPECT_TRUE(process());
+    const auto info = world.files.plistAt(bundle + "/Info.plist");
+    for (const char* key : {"UIWendralApp", "PDApplicationLaunchProhibited"}) {
+        EXPECT_EQ(info->dictionary()->find(key)->kind(), Value::Kind::boolean) << key;
+    }
+}
+
 TEST_F(RestorePlaceholder, IsNamedByTheTitleBeforeTheItemName) {
     metadata = {{"itemName", "Item"}, {"title", "Title"}};
     process();
