@@ -1,6 +1,6 @@
 // Any bytes as a request on the control socket: a request that can be carried out, or a sentence.
 #include "fuzz/Fuzz.h"
-#include "host/ControlSocket.h"
+#include "host/control/ControlSocket.h"
 
 using appsync::fuzz::expect;
 

@@ -1,7 +1,7 @@
 #include "host/OpenDevice.h"
 
 #include "device/Device.h"
-#include "host/SyncReport.h"
+#include "host/view/SyncReport.h"
 
 #include <iostream>
 

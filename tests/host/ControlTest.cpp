@@ -2,10 +2,10 @@
 //
 // The pauses of a slowed transfer are where the tests act: they run on the sync's own thread, one after each piece.
 #include "device/processes/ProcessTable.h"
-#include "host/Bandwidth.h"
-#include "host/ControlServer.h"
-#include "host/Interrupt.h"
-#include "host/RunSync.h"
+#include "host/control/ControlServer.h"
+#include "host/control/Interrupt.h"
+#include "host/session/RunSync.h"
+#include "host/transfer/Bandwidth.h"
 #include "tests/host/SyncFixture.h"
 
 #include <sys/stat.h>

@@ -1,8 +1,8 @@
 // The host's parts: the transfer queue, the device service, tables, reports, progress.
-#include "host/SyncReport.h"
-#include "host/SyncView.h"
-#include "host/Table.h"
-#include "host/TransferQueue.h"
+#include "host/transfer/TransferQueue.h"
+#include "host/view/SyncReport.h"
+#include "host/view/SyncView.h"
+#include "host/view/Table.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -1,5 +1,5 @@
 // What an interrupted sync leaves, and what becomes of it when the next one begins.
-#include "host/Leftovers.h"
+#include "host/session/Leftovers.h"
 #include "device/registry/Registry.h"
 #include "device/services/LogReader.h"
 

@@ -5,7 +5,7 @@
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
 #include "device/services/DemotedApps.h"
-#include "host/Interrupt.h"
+#include "host/control/Interrupt.h"
 #include "platform/Backup.h"
 
 #include <csignal>

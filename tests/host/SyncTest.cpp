@@ -1,9 +1,9 @@
 // Whole syncs with real files, a real database, real archives and the loaded plug-in.
 #include "desktop/AppLibrary.h"
 #include "device/services/TransactionLog.h"
-#include "host/Interrupt.h"
-#include "host/PlugIn.h"
-#include "host/RunSync.h"
+#include "host/control/Interrupt.h"
+#include "host/plugin/PlugIn.h"
+#include "host/session/RunSync.h"
 #include "tests/host/SyncFixture.h"
 
 #include <dlfcn.h>

@@ -10,7 +10,7 @@
 namespace appsync::device {
 namespace {
 
-constexpr std::string_view path = "/var/mobile/Media/list";
+constexpr std::string_view path = "/tmp/list";
 
 TEST(Durability, AtomicWriteSyncsDataThenRenamesThenSyncsTheFolder) {
     const TemporaryFolder folder;
@@ -38,7 +38,7 @@ TEST(Durability, FailureOfAnyStepLeavesTheOldContentOrTheNewAndNoLitter) {
         EXPECT_FALSE(files.writeFileAtomically(path, "new", &error)) << step;
         EXPECT_EQ(error->code(), EIO);
         EXPECT_EQ(files.readFile(path, nullptr), Data(step < 4 ? "old" : "new")) << step;
-        EXPECT_EQ(*files.list("/var/mobile/Media"), std::vector<std::string>{"list"}) << step;
+        EXPECT_EQ(*files.list("/tmp"), std::vector<std::string>{"list"}) << step;
     }
 }
 
@@ -63,7 +63,7 @@ TEST(Durability, ProcessThatEndsAnywhereLeavesTheOldContentOrTheNewAndNoLitterAf
         const auto root = Root::open(folder.path());
         ASSERT_TRUE(root);
         EXPECT_EQ((*root)->files().readFile(path, nullptr), Data(step < 4 ? "old" : "new")) << step;
-        EXPECT_EQ(*(*root)->files().list("/var/mobile/Media"), std::vector<std::string>{"list"}) << step;
+        EXPECT_EQ(*(*root)->files().list("/tmp"), std::vector<std::string>{"list"}) << step;
     }
 }
 

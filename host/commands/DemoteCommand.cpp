@@ -1,0 +1,26 @@
+// `qrd demote`: frees the space that an app takes, and keeps its data.
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "host/Commands.h"
+#include "host/OpenDevice.h"
+#include "host/view/SyncReport.h"
+
+#include <iostream>
+
+namespace appsync::host {
+
+ExitCode demote(const DemoteArguments& arguments) {
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    device->coordinator().waitUntilIdle();
+    if (const auto demoted = device->demote(arguments.app, arguments.automatic); !demoted) {
+        return fail(reasonOf(demoted.error()), ExitCode::someAppFailed);
+    }
+    std::cout << "demoted " << arguments.app << '\n';
+    return ExitCode::done;
+}
+
+} // namespace appsync::host

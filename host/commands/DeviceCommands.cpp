@@ -1,0 +1,163 @@
+// The commands about one device: making it, listing its apps, its logs, its home screen.
+#include "device/Device.h"
+#include "device/processes/ProcessTable.h"
+#include "device/screen/DeviceHomeScreen.h"
+#include "device/services/LogReader.h"
+#include "device/services/TransactionLog.h"
+#include "host/Commands.h"
+#include "host/OpenDevice.h"
+#include "host/view/SyncReport.h"
+#include "host/view/Table.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+namespace appsync::host {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+void printJsonLine(const Json& object) {
+    std::cout << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+const char* levelName(LogLevel level) {
+    return level == LogLevel::error ? "error" : "default";
+}
+
+std::string stateOf(const device::Application& app, bool isRunning) {
+    if (!app.isPlaceholder) {
+        return isRunning ? "running" : "installed";
+    }
+    std::string state = app.isInstalled ? "updating" : "waiting";
+    if (app.progress) {
+        state += " " + std::to_string(static_cast<int>(*app.progress * 100)) + "%";
+    }
+    return state;
+}
+
+Json toJson(const device::Application& app, bool isRunning) {
+    Json entry{
+        {"identifier", app.identifier},     {"name", app.name},    {"version", nullptr}, {"installed", app.isInstalled},
+        {"placeholder", app.isPlaceholder}, {"running", isRunning}};
+    if (app.version) {
+        entry["version"] = *app.version;
+    }
+    if (app.progress) {
+        entry["progress"] = *app.progress;
+    }
+    return entry;
+}
+
+ExitCode showTransactions(device::Device& device, const LogArguments& arguments) {
+    const auto show = [&](const device::TransactionRecord& record) {
+        if (arguments.json) {
+            Json entry{{"number", record.number},
+                       {"microsecondsSince1970", record.time},
+                       {"step", static_cast<unsigned>(record.step)},
+                       {"success", record.success},
+                       {"app", record.bundleID},
+                       {"description", record.description}};
+            if (record.scenario) {
+                entry["scenario"] = *record.scenario;
+            } else {
+                entry["phase"] = static_cast<unsigned>(record.phase);
+            }
+            printJsonLine(entry);
+        } else {
+            std::cout << record.text() << '\n';
+        }
+        return std::cout.good();
+    };
+    const auto app = arguments.app.empty() ? std::nullopt : std::optional<std::string_view>(arguments.app);
+    const auto visited = device.transactionLog().visit(show, app);
+    return visited ? ExitCode::done : fail(reasonOf(visited.error()));
+}
+
+ExitCode showMessages(device::Device& device, const LogArguments& arguments) {
+    const auto show = [&](const device::LogEntry& entry) {
+        if (arguments.json) {
+            printJsonLine(Json{{"time", entry.time},
+                               {"level", levelName(entry.level)},
+                               {"source", entry.source},
+                               {"text", entry.text}});
+        } else {
+            std::cout << entry.time << ' ' << levelName(entry.level) << ' ' << printable(entry.text) << '\n';
+        }
+        return std::cout.good();
+    };
+    const auto read = device::readLog(device.files(), show);
+    return read ? ExitCode::done : fail(reasonOf(read.error()));
+}
+
+} // namespace
+
+ExitCode createDevice(const DeviceCreateArguments& arguments) {
+    const auto created = device::Device::create(arguments.device, {.coordinationIsEnabled = !arguments.noCoordination,
+                                                                   .forbidsInstalling = arguments.forbidInstall,
+                                                                   .forbidsRemoving = arguments.forbidRemoval});
+    if (!created) {
+        return fail(reasonOf(created.error()), exitCodeOf(created.error()));
+    }
+    std::cout << "made the device " << arguments.device << '\n';
+    return ExitCode::done;
+}
+
+ExitCode listApps(const AppsArguments& arguments) {
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    Json list = Json::array();
+    Table table({"App", "Version", "State", "Identifier"});
+    for (const device::Application& app : device->registry().applications()) {
+        const bool isRunning = device->processes().isRunning(app.identifier);
+        list.push_back(toJson(app, isRunning));
+        table.add({app.name, app.version.value_or("-"), stateOf(app, isRunning), app.identifier});
+    }
+    if (arguments.json) {
+        std::cout << list.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+    } else if (list.empty()) {
+        std::cout << "The device has no apps.\n";
+    } else {
+        table.print(std::cout);
+    }
+    return ExitCode::done;
+}
+
+ExitCode showLog(const LogArguments& arguments) {
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    return arguments.transactions ? showTransactions(*device, arguments) : showMessages(*device, arguments);
+}
+
+ExitCode drawScreen(const ScreenArguments& arguments) {
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    const auto picture = device::drawHomeScreen(device->homeScreen().contents());
+    device::releaseFonts();
+    if (!picture) {
+        return fail("The home screen cannot be drawn: there is not enough memory.");
+    }
+    std::ofstream out(arguments.output, std::ios::binary);
+    out << picture->bytes();
+    if (!out.flush()) {
+        return fail("'" + arguments.output + "' cannot be written: " + std::strerror(errno) + ".");
+    }
+    std::cout << "drew " << arguments.output << '\n';
+    return ExitCode::done;
+}
+
+} // namespace appsync::host

@@ -1,0 +1,134 @@
+// The host's questions about a device's apps, and the two ways to empty it: app by app, and the plug-in's own data.
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "device/processes/ProcessTable.h"
+#include "device/services/DevicePolicy.h"
+#include "host/Commands.h"
+#include "host/OpenDevice.h"
+#include "host/plugin/ClientOnDevice.h"
+#include "host/session/DeletedApps.h"
+#include "host/view/SyncReport.h"
+#include "host/view/Table.h"
+
+#include <nlohmann/json.hpp>
+
+#include <unistd.h>
+
+#include <iostream>
+
+namespace appsync::host {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+void printJson(const Json& json) {
+    std::cout << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+/// Opens the device, starts the plug-in on it and has `ask` ask it.
+template <class Ask> ExitCode askClient(const QueryArguments& arguments, Ask&& ask) {
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    ErrorPtr error;
+    const auto plugIn = ClientOnDevice::start(*device, arguments.plugin, &error);
+    if (plugIn == nullptr) {
+        return fail(reasonOf(error));
+    }
+    ask(plugIn->client());
+    return ExitCode::done;
+}
+
+bool isConfirmed(const std::string& device) {
+    std::cout << "This removes every app of " << device
+              << " that is still on its way, and what the plug-in keeps of earlier syncs. Go on? [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+} // namespace
+
+ExitCode showInventory(const QueryArguments& arguments) {
+    return askClient(arguments, [&](QRClient& client) {
+        const auto deleted = deletedApps(client.installedAssets());
+        if (arguments.json) {
+            printJson({{"deleted", deleted}});
+        } else if (deleted.empty()) {
+            std::cout << "No app was deleted on the device since the last sync.\n";
+        }
+        for (const std::string& app : arguments.json ? std::vector<std::string>() : deleted) {
+            std::cout << "deleted  " << printable(app) << '\n';
+        }
+    });
+}
+
+ExitCode showMetrics(const QueryArguments& arguments) {
+    return askClient(arguments, [&](QRClient& client) {
+        const Dictionary metrics = client.installedAssetMetrics();
+        const auto number = [&](std::string_view key) {
+            const Value* value = metrics.find(key);
+            return value != nullptr ? value->unsignedInteger().value_or(0) : 0;
+        };
+        if (arguments.json) {
+            printJson({{"count", number("_Count")},
+                       {"physicalSize", number("_PhysicalSize")},
+                       {"purgeableSize", number("_PurgeableSize")}});
+        } else {
+            std::cout << number("_Count") << " apps take " << sizeText(number("_PhysicalSize")) << ", of which "
+                      << sizeText(number("_PurgeableSize")) << " can be purged\n";
+        }
+    });
+}
+
+ExitCode showAccounts(const QueryArguments& arguments) {
+    return askClient(arguments, [&](QRClient& client) {
+        const auto accounts = client.zuvexIDsForAssets();
+        if (arguments.json) {
+            printJson({{"accounts", accounts}});
+        } else if (accounts.empty()) {
+            std::cout << "No app of the device names an account.\n";
+        }
+        for (const std::string& account : arguments.json ? std::set<std::string>() : accounts) {
+            std::cout << printable(account) << '\n';
+        }
+    });
+}
+
+ExitCode uninstall(const UninstallArguments& arguments) {
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    if (device->policy().value(OLFeatureAppRemovalAllowed) == OLBoolValue::explicitlyNo) {
+        return fail("This device does not allow removing apps.", ExitCode::someAppFailed);
+    }
+    if (device->processes().endAndHold(arguments.app) == device::RunningApps::Answer::busy) {
+        return fail("'" + arguments.app + "' is in use and cannot be ended now; close it and try again.",
+                    ExitCode::someAppFailed);
+    }
+    if (const auto removed = device->coordinator().uninstallByUser(arguments.app); !removed) {
+        return fail(reasonOf(removed.error()), ExitCode::someAppFailed);
+    }
+    std::cout << "removed " << arguments.app << '\n';
+    return ExitCode::done;
+}
+
+ExitCode reset(const ResetArguments& arguments) {
+    if (!arguments.yes && ::isatty(STDIN_FILENO) == 0) {
+        return fail("Say --yes to reset without being asked.", ExitCode::wrongUse);
+    }
+    if (!arguments.yes && !isConfirmed(arguments.device)) {
+        return fail("Nothing was changed.", ExitCode::wrongUse);
+    }
+    return askClient({.device = arguments.device, .plugin = arguments.plugin}, [&](QRClient& client) {
+        client.clearSyncData();
+        std::cout << "reset " << arguments.device << '\n';
+    });
+}
+
+} // namespace appsync::host

@@ -1,0 +1,243 @@
+// `qrd restore`: puts a backup onto a device and has the plug-in make a placeholder of each app in it.
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "device/screen/DeviceHomeScreen.h"
+#include "device/services/BackupService.h"
+#include "host/Commands.h"
+#include "host/OpenDevice.h"
+#include "host/backup/BackupFolder.h"
+#include "host/backup/CopyTree.h"
+#include "host/plugin/ClientOnDevice.h"
+#include "host/view/SyncReport.h"
+#include "host/view/Table.h"
+#include "propertylist/Codec.h"
+
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+
+namespace appsync::host {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int desktopRestore = 2; // the type for which the plug-in reads the restore info
+const std::string restoreFolder = "/var/mobile/Media/TamblinRestore";
+const std::string restoreInfoPath = restoreFolder + "/" + std::string(RestoreInfoName);
+/// Where an app's data arrives before the backup service takes it.
+const std::string incomingFolder = "/tmp/com.zuvex.qrd.RestoreData";
+
+struct Row {
+    std::string identifier;
+    std::string name;
+    std::string version;
+    std::string result;
+    std::string reason;
+};
+
+class Restore {
+  public:
+    Restore(device::Device& device, BackupContent content, std::string folder)
+        : _device(device), _content(std::move(content)), _folder(std::move(folder)) {}
+
+    ErrorPtr run(int type, const std::string& plugInPath) {
+        _type = type;
+        _arrangeIcons();
+        _putDemotedApps();
+        for (BackupApp& app : _content.apps) {
+            if (app.problem.empty()) {
+                app.problem = _problemOnDevice(app);
+            }
+            if (app.problem.empty()) {
+                app.problem = reasonOf(_putData(app.identifier));
+            }
+        }
+        ErrorPtr error = _putRestoreInfo();
+        const auto plugIn = error == nullptr ? ClientOnDevice::start(_device, plugInPath, &error) : nullptr;
+        if (plugIn != nullptr) {
+            plugIn->client().reconcileRestoreOfType_withError(type, &error);
+            _device.coordinator().waitUntilIdle();
+        }
+        if (error != nullptr || type != desktopRestore) {
+            _device.files().removeItem(restoreInfoPath, nullptr); // nobody will read it
+        }
+        _findOutcomes();
+        return error;
+    }
+
+    [[nodiscard]] const std::vector<Row>& rows() const noexcept { return _rows; }
+    [[nodiscard]] const std::vector<std::string>& problems() const noexcept { return _content.problems; }
+    [[nodiscard]] bool isAllDone() const {
+        return problems().empty() && std::ranges::all_of(_rows, [](const Row& row) { return row.reason.empty(); });
+    }
+
+  private:
+    void _arrangeIcons() {
+        const auto bytes =
+            _content.iconState
+                ? _device.propertyLists().dataWithPropertyList(*_content.iconState, PropertyListFormat::binary, nullptr)
+                : std::nullopt;
+        if (bytes) {
+            _device.homeScreen().SKSetIconState(device::DeviceHomeScreen::Port, bytes->bytes());
+        }
+    }
+
+    void _putDemotedApps() {
+        if (!_content.demoted) {
+            return;
+        }
+        if (const auto set = _device.demotedApps().set(*_content.demoted); !set) {
+            _content.problems.push_back("The list of demoted apps could not be put on the device: " +
+                                        reasonOf(set.error()));
+        }
+    }
+
+    /// What on the device keeps an app from being restored; empty when nothing does.
+    std::string _problemOnDevice(const BackupApp& app) {
+        const auto present = _device.registry().application(app.identifier);
+        if (present && present->isInstalled) {
+            return "The device has it already; remove it first.";
+        }
+        return "";
+    }
+
+    ErrorPtr _putData(const std::string& identifier) {
+        const std::string source = _folder + "/" + std::string(BackupDataName) + "/" + identifier;
+        device::Descriptor from(::open(source.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!from.isOpen()) {
+            return errno == ENOENT ? nullptr
+                                   : hostError("'" + source + "' cannot be read: " + std::strerror(errno) + ".");
+        }
+        const std::string incoming = incomingFolder + "/" + identifier;
+        _device.files().removeItem(incoming, nullptr);
+        ErrorPtr error;
+        if (!_device.files().createDirectory(incoming, true, std::nullopt, &error)) {
+            return error;
+        }
+        auto to = _device.files().open(incoming, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        error = to ? copyTree(std::move(from), std::move(*to), source) : to.error();
+        if (error == nullptr) {
+            error = _device.backup().addRestoreData(identifier, incoming).error();
+        }
+        if (error != nullptr) {
+            _device.files().removeItem(incoming, nullptr);
+        }
+        return error;
+    }
+
+    ErrorPtr _putRestoreInfo() {
+        Dictionary info;
+        for (BackupApp& app : _content.apps) {
+            if (app.problem.empty()) {
+                info.set(app.identifier, std::move(app.entry));
+            }
+        }
+        ErrorPtr error;
+        const auto bytes =
+            _device.propertyLists().dataWithPropertyList(std::move(info), PropertyListFormat::binary, &error);
+        if (bytes && _device.files().createDirectory(restoreFolder, true, std::nullopt, &error)) {
+            _device.files().writeFileAtomically(restoreInfoPath, bytes->bytes(), &error);
+        }
+        return error;
+    }
+
+    void _findOutcomes() {
+        const auto open = _device.coordinator().openCoordinators();
+        for (const BackupApp& app : _content.apps) {
+            Row row{app.identifier, app.name, app.version.value_or("-"), "failed", app.problem};
+            if (app.problem.empty()) {
+                row.result = _resultOf(app.identifier, open);
+                row.reason = app.remark;
+            }
+            if (row.result == "failed" && row.reason.empty()) {
+                row.reason = _type == desktopRestore
+                                 ? "The device could not prepare it; `qrd log` tells why."
+                                 : "A restore of type " + std::to_string(_type) + " brings no apps back.";
+                (void)_device.backup().cancelRestore(app.identifier);
+            }
+            _rows.push_back(std::move(row));
+        }
+    }
+
+    std::string _resultOf(const std::string& identifier, const std::vector<device::OpenCoordinator>& open) {
+        const auto coordinator = std::ranges::find(open, identifier, &device::OpenCoordinator::bundleID);
+        if (coordinator != open.end() && coordinator->responsibleClient == KXClientCorbin) {
+            return "waits for the store";
+        }
+        const auto app = _device.registry().application(identifier);
+        if (!app || !app->isPlaceholder) {
+            return "failed";
+        }
+        switch (app->installType) {
+        case PDInstallTypeRestore: return _device.coordinationIsEnabled() ? "failed" : "waits for a sync";
+        case PDInstallTypeDowngrade:
+        case PDInstallTypeIntentionalDowngrade: return "demoted";
+        default: return "failed";
+        }
+    }
+
+    device::Device& _device;
+    BackupContent _content;
+    const std::string _folder;
+    int _type = desktopRestore;
+    std::vector<Row> _rows;
+};
+
+void show(const Restore& restore) {
+    if (restore.rows().empty()) {
+        std::cout << "The backup holds no apps.\n";
+    } else {
+        Table table({"App", "Version", "Result", "Reason"});
+        for (const Row& row : restore.rows()) {
+            table.add({printable(row.name), printable(row.version), row.result, printable(row.reason)});
+        }
+        table.print(std::cout);
+    }
+    for (const std::string& problem : restore.problems()) {
+        std::cout << "note: " << printable(problem) << '\n';
+    }
+}
+
+void showJson(const Restore& restore) {
+    Json apps = Json::array();
+    for (const Row& row : restore.rows()) {
+        apps.push_back({{"identifier", row.identifier},
+                        {"name", row.name},
+                        {"version", row.version},
+                        {"result", row.result},
+                        {"reason", row.reason}});
+    }
+    const Json root{{"done", restore.isAllDone()}, {"apps", apps}, {"problems", restore.problems()}};
+    std::cout << root.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+} // namespace
+
+ExitCode restore(const RestoreArguments& arguments) {
+    PropertyListCodec codec;
+    ErrorPtr error;
+    auto content = readBackup(arguments.from, codec, &error);
+    if (!content) {
+        return fail(reasonOf(error), ExitCode::someAppFailed);
+    }
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    device->coordinator().waitUntilIdle();
+    Restore restore(*device, std::move(*content), arguments.from);
+    error = restore.run(arguments.type, arguments.plugin);
+    if (error != nullptr) {
+        return fail(reasonOf(error));
+    }
+    arguments.json ? showJson(restore) : show(restore);
+    return restore.isAllDone() ? ExitCode::done : ExitCode::someAppFailed;
+}
+
+} // namespace appsync::host

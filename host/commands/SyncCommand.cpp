@@ -1,0 +1,147 @@
+// `qrd sync`: what the person asked for becomes a sync list, and its report becomes text and an exit code.
+#include "desktop/SyncList.h"
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "host/Commands.h"
+#include "host/OpenDevice.h"
+#include "host/control/Interrupt.h"
+#include "host/plugin/PlugIn.h"
+#include "host/session/Leftovers.h"
+#include "host/session/RunSync.h"
+#include "host/transfer/Bandwidth.h"
+#include "host/view/Table.h"
+
+#include <unistd.h>
+
+#include <iostream>
+
+namespace appsync::host {
+
+namespace {
+
+std::vector<desktop::InstalledApp> installedApps(const device::Registry& registry) {
+    std::vector<desktop::InstalledApp> installed;
+    for (const device::Application& app : registry.applications()) {
+        if (app.isInstalled) {
+            installed.push_back({app.identifier, app.version});
+        }
+    }
+    return installed;
+}
+
+std::set<std::string> restoringApps(const device::Registry& registry) {
+    std::set<std::string> restoring;
+    for (const device::Application& app : registry.applications()) {
+        if (app.isPlaceholder && app.installType == PDInstallTypeRestore) {
+            restoring.insert(app.identifier);
+        }
+    }
+    return restoring;
+}
+
+/// With coordination a restore is the store's.
+void leaveRestoresToStore(desktop::SyncList& list) {
+    for (const desktop::AppArchive* app : list.restores) {
+        list.problems.push_back(app->identifier + " is being restored and waits for the store; `qrd store` brings it.");
+    }
+    list.restores.clear();
+}
+
+/// Without coordination the plug-in asks for no app that has a placeholder of another's making. The data stays.
+void makeWayForDemotedApps(device::Device& device, const desktop::SyncList& list) {
+    for (const desktop::AppArchive* archive : list.installs) {
+        const auto app = device.registry().application(archive->identifier);
+        const bool isDemoted =
+            app && app->isPlaceholder &&
+            (app->installType == PDInstallTypeDowngrade || app->installType == PDInstallTypeIntentionalDowngrade);
+        if (isDemoted) {
+            (void)device.registry().uninstall(archive->identifier, device::RemovalReason::sync,
+                                              device::RemovalScope::placeholderOnly);
+        }
+    }
+}
+
+void showPlan(const desktop::SyncList& list) {
+    for (const std::string& identifier : list.removals) {
+        std::cout << "would remove  " << identifier << '\n';
+    }
+    for (const desktop::AppArchive* app : list.installs) {
+        std::cout << "would install " << app->identifier << " " << app->version.value_or("-") << " ("
+                  << sizeText(app->size) << ")\n";
+    }
+    for (const desktop::AppArchive* app : list.restores) {
+        std::cout << "would restore " << app->identifier << " " << app->version.value_or("-") << " ("
+                  << sizeText(app->size) << ")\n";
+    }
+    if (list.removals.empty() && list.installs.empty() && list.restores.empty()) {
+        std::cout << "nothing to do\n";
+    }
+    for (const std::string& problem : list.problems) {
+        std::cout << "note: " << problem << '\n';
+    }
+}
+
+ExitCode exitCodeOf(const SyncReport& report) {
+    if (report.failure != nullptr) {
+        return ExitCode::failed;
+    }
+    return report.interrupted ? ExitCode::interrupted : report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
+}
+
+} // namespace
+
+ExitCode sync(const SyncArguments& arguments) {
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code);
+    if (device == nullptr) {
+        return code;
+    }
+    device->coordinator().waitUntilIdle(); // what an interrupted sync left to install is installed first
+    clearLeftovers(*device);
+    ErrorPtr error;
+    const auto library = desktop::readAppLibrary(arguments.library, device->propertyLists(), &error);
+    if (!library) {
+        return fail(reasonOf(error), ExitCode::wrongUse);
+    }
+    auto list = desktop::makeSyncList(*library, installedApps(device->registry()),
+                                      {arguments.install, arguments.remove, restoringApps(device->registry())});
+    if (device->coordinationIsEnabled()) {
+        leaveRestoresToStore(list);
+    }
+    list.problems.insert(list.problems.begin(), library->problems.begin(), library->problems.end());
+    if (arguments.dryRun) {
+        showPlan(list);
+        return ExitCode::done;
+    }
+    if (!device->coordinationIsEnabled()) {
+        makeWayForDemotedApps(*device, list);
+    }
+    const Interrupt interrupt;
+    SyncOptions options{.plugInPath = arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin,
+                        .interrupt = &interrupt};
+    std::optional<Bandwidth> bandwidth;
+    if (!arguments.bandwidth.empty()) {
+        const auto bytesPerSecond = parseBandwidth(arguments.bandwidth);
+        if (!bytesPerSecond) {
+            return fail("'" + arguments.bandwidth + "' is no bandwidth; write one like 10MB/s.", ExitCode::wrongUse);
+        }
+        bandwidth.emplace(*bytesPerSecond, [&](std::chrono::nanoseconds time) { interrupt.waitFor(time); });
+        options.bandwidth = &*bandwidth;
+    }
+    SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(STDOUT_FILENO));
+    const SyncReport report = runSync(*device, list, options, view);
+    if (arguments.json) {
+        printJson(std::cout, report);
+    } else if (report.failure == nullptr) {
+        printTable(std::cout, report);
+    }
+    if (report.failure != nullptr) {
+        fail(reasonOf(report.failure));
+    }
+    if (report.interrupted) {
+        std::cerr << "qrd: interrupted; sync again to go on\n";
+    }
+    return exitCodeOf(report);
+}
+
+} // namespace appsync::host

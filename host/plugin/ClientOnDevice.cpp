@@ -1,0 +1,27 @@
+#include "host/plugin/ClientOnDevice.h"
+
+#include "device/Device.h"
+#include "device/services/Notifications.h"
+#include "platform/Platform.h"
+
+namespace appsync::host {
+
+std::unique_ptr<ClientOnDevice> ClientOnDevice::start(device::Device& device, const std::string& plugInPath,
+                                                      ErrorPtr* error) {
+    auto plugIn = PlugIn::load(plugInPath.empty() ? PlugIn::defaultPath() : plugInPath, device.propertyLists(), error);
+    if (!plugIn) {
+        return nullptr;
+    }
+    std::unique_ptr<ClientOnDevice> started(new ClientOnDevice(std::move(*plugIn)));
+    started->_client =
+        started->_plugIn.createClient(device.platform(started->_deviceService, started->_errorClassification));
+    if (started->_client == nullptr) {
+        *error = hostError("The plug-in '" + started->_plugIn.identifier() + "' did not start.");
+        return nullptr;
+    }
+    device.notificationCenter().post(device::StartupCompleteName);
+    device.notificationCenter().waitUntilDelivered();
+    return started;
+}
+
+} // namespace appsync::host

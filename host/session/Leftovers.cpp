@@ -1,0 +1,89 @@
+#include "host/session/Leftovers.h"
+
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "device/services/StoreClient.h"
+#include "host/transfer/Transfer.h"
+#include "platform/PropertyListSerialization.h"
+
+#include <set>
+#include <string>
+
+namespace appsync::host {
+
+namespace {
+
+constexpr std::string_view restoreStatePath = "/var/mobile/Library/ApplicationSync/RestoreState.plist";
+constexpr std::string_view placeholderFolder = "/tmp/com.zuvex.qrd.Apps";
+
+/// The paths that the plug-in will ask for again: root[identifier][version]["path"].
+std::set<std::string> rememberedPaths(device::Device& device) {
+    std::set<std::string> paths;
+    const auto bytes = device.files().readFile(restoreStatePath, nullptr);
+    const auto root = bytes ? device.propertyLists().propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
+    if (!root || root->dictionary() == nullptr) {
+        return paths;
+    }
+    for (const auto& [identifier, versions] : *root->dictionary()) {
+        if (versions.dictionary() == nullptr) {
+            continue;
+        }
+        for (const auto& [version, properties] : *versions.dictionary()) {
+            if (properties.dictionary() != nullptr) {
+                paths.emplace(properties.dictionary()->string("path").value_or(""));
+            }
+        }
+    }
+    return paths;
+}
+
+void clearPlaceholderBundles(device::Device& device) {
+    std::set<std::string> inUse;
+    for (const device::OpenCoordinator& coordinator : device.coordinator().openCoordinators()) {
+        inUse.insert(coordinator.bundleID + ".app");
+    }
+    const auto names = device.files().list(placeholderFolder);
+    for (const std::string& name : names ? *names : std::vector<std::string>()) {
+        if (!inUse.contains(name)) {
+            device.files().removeItem(std::string(placeholderFolder) + "/" + name, nullptr);
+        }
+    }
+}
+
+/// The plug-in never asks again for an app that has a placeholder of its own making.
+void clearPlaceholders(device::Device& device) {
+    for (const device::Application& app : device.registry().applications()) {
+        if (app.isPlaceholder && app.installType == PDInstallTypeSync) {
+            const auto removed = device.registry().uninstall(app.identifier, device::RemovalReason::sync,
+                                                             device::RemovalScope::placeholderOnly);
+            if (!removed) { // the report of the sync will point at the log
+                device.log().write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
+                                   device::errorText(removed.error()));
+            }
+        }
+    }
+}
+
+} // namespace
+
+void clearReceivedFiles(device::Device& device) {
+    const auto remembered = rememberedPaths(device);
+    const std::string folder = receivedFolder();
+    const auto names = device.files().list(folder);
+    for (const std::string& name : names ? *names : std::vector<std::string>()) {
+        if (const std::string path = folder + "/" + name; !remembered.contains(path)) {
+            device.files().removeItem(path, nullptr);
+        }
+    }
+}
+
+void clearLeftovers(device::Device& device) {
+    clearReceivedFiles(device);
+    clearPlaceholderBundles(device);
+    if (!device.coordinationIsEnabled()) {
+        clearPlaceholders(device);
+        (void)device.store().refreshReceipts(); // the plug-in asks for it at the end of a sync that has installed
+    }
+}
+
+} // namespace appsync::host

@@ -1,0 +1,102 @@
+#include "host/session/RunSync.h"
+
+#include "desktop/Staging.h"
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "device/coordinator/InstallObservers.h"
+#include "device/root/Root.h"
+#include "device/screen/DeviceHomeScreen.h"
+#include "device/services/Notifications.h"
+#include "host/control/ControlServer.h"
+#include "host/control/Interrupt.h"
+#include "host/control/PersonOnDevice.h"
+#include "host/plugin/HostPlatform.h"
+#include "host/plugin/PlugIn.h"
+#include "host/session/BusyApps.h"
+#include "host/session/InstallOutcomes.h"
+#include "host/session/SyncSession.h"
+#include "host/transfer/TransferQueue.h"
+#include "platform/Client.h"
+
+namespace appsync::host {
+
+namespace {
+
+constexpr const char* inUse = "it is in use and cannot be ended now";
+
+/// The control socket's end, taken away when the sync is over.
+class ControlPoint {
+  public:
+    ControlPoint(const std::string& deviceFolder, const Interrupt* interrupt, ControlHandlers handlers, SyncView& view)
+        : _folder(deviceFolder) {
+        ErrorPtr problem;
+        auto listening = listenForControl(deviceFolder, &problem);
+        if (problem != nullptr) {
+            view.note(reasonOf(problem));
+        }
+        _server.emplace(std::move(listening), interrupt != nullptr ? interrupt->descriptor() : -1, std::move(handlers));
+    }
+    ~ControlPoint() { removeControlSocket(_folder); }
+    ControlPoint(const ControlPoint&) = delete;
+    ControlPoint& operator=(const ControlPoint&) = delete;
+
+  private:
+    const std::string _folder;
+    std::optional<ControlServer> _server;
+};
+
+/// The report points at the log for reasons; a full disk does not take them.
+void noteLostMessages(device::Device& device, SyncReport& report) {
+    device.log().flush();
+    if (const ErrorPtr failure = device.log().failure()) {
+        report.problems.push_back("The device's log is not complete: " + reasonOf(failure));
+    }
+}
+
+} // namespace
+
+SyncReport runSync(device::Device& device, const desktop::SyncList& list, const SyncOptions& options, SyncView& view) {
+    SyncReport report;
+    const auto layout = desktop::iconLayout(device.homeScreen().flattenedOrder(), list);
+    if (!desktop::writeStagingArea(device.files(), device.propertyLists(), list, layout, &report.failure)) {
+        return report;
+    }
+    const auto plugIn = PlugIn::load(options.plugInPath, device.propertyLists(), &report.failure);
+    if (!plugIn) {
+        return report;
+    }
+    InstallOutcomes outcomes(
+        [&view](std::string_view identifier, const ErrorPtr& error) { view.installEnded(identifier, error); });
+    DeviceService deviceService;
+    ErrorClassification errorClassification;
+    const Platform devicePlatform = device.platform(deviceService, errorClassification);
+    ObservedWorkspace workspace(devicePlatform.workspaces.defaultWorkspace(), outcomes);
+    BusyApps busyApps(devicePlatform.homeScreen, devicePlatform.scheduler,
+                      [&view](const std::string& identifier, BusyApps::Time nextTry) {
+                          view.installWaits(identifier, inUse, nextTry);
+                      });
+    const auto client = plugIn->createClient(withHostServices(devicePlatform, {workspace, busyApps, busyApps}));
+    if (client == nullptr) {
+        report.failure = hostError("The plug-in '" + plugIn->identifier() + "' did not start.");
+        return report;
+    }
+    device.notificationCenter().post(device::StartupCompleteName);
+    device.notificationCenter().waitUntilDelivered();
+    // After the plug-in's own connection, which gets the reports that waited for one.
+    const auto observer = devicePlatform.installObservers.initWithMachServiceName_forClients_delegate(
+        device::ObserverServiceName, {KXClientSyncHost}, &outcomes);
+    // What ended while no plug-in ran is told to it before it opens the sync, since it notes that in its work files.
+    device.coordinator().waitUntilIdle();
+    PersonOnDevice person(device, deviceService, workspace, busyApps, outcomes);
+    const ControlPoint control(device.root().folder(), options.interrupt,
+                               {.status = [&view] { return toJson(view.status()); },
+                                .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
+                                .cancel = [&person](const std::string& app) { return person.cancel(app); },
+                                .interrupted = [&busyApps] { busyApps.giveUp(); }},
+                               view);
+    report = SyncSession({device, *client, deviceService, outcomes, view, options.bandwidth}, list).run();
+    noteLostMessages(device, report);
+    return report;
+}
+
+} // namespace appsync::host

@@ -1,0 +1,30 @@
+// One sync from its list to its report.
+#pragma once
+
+#include "desktop/SyncList.h"
+#include "host/view/SyncReport.h"
+#include "host/view/SyncView.h"
+
+#include <string>
+
+namespace appsync::device {
+class Device;
+}
+
+namespace appsync::host {
+
+class Bandwidth;
+class Interrupt;
+
+struct SyncOptions {
+    std::string plugInPath;
+    Bandwidth* bandwidth = nullptr;       // of the transfers; null: as fast as it goes
+    const Interrupt* interrupt = nullptr; // ends the sync early, and cleanly; may be null
+};
+
+/// Writes the staging area as the desktop would, loads the plug-in from its bundle, announces that the host is ready,
+/// and lets a session drive the sync. What prevents all of it stands in the report's `failure`.
+[[nodiscard]] SyncReport runSync(device::Device& device, const desktop::SyncList& list, const SyncOptions& options,
+                                 SyncView& view);
+
+} // namespace appsync::host

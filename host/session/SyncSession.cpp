@@ -1,0 +1,270 @@
+#include "host/session/SyncSession.h"
+
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "device/registry/Registry.h"
+#include "device/services/BackupService.h"
+#include "device/services/DevicePolicy.h"
+#include "host/control/Interrupt.h"
+#include "host/plugin/PlugIn.h"
+#include "host/session/DeletedApps.h"
+#include "host/session/InstallOutcomes.h"
+#include "host/session/Leftovers.h"
+#include "host/transfer/Transfer.h"
+#include "host/transfer/TransferQueue.h"
+#include "platform/Client.h"
+#include "platform/DevicePolicy.h"
+
+#include <algorithm>
+
+namespace appsync::host {
+
+namespace {
+
+/// A change smaller than this is not worth telling the device.
+constexpr double progressStep = 0.02;
+
+ErrorPtr interruptedError() {
+    return transferError(TransferError::interrupted, "The sync was interrupted; sync again to go on.");
+}
+
+} // namespace
+
+SyncSession::SyncSession(const SyncParties& parties, const desktop::SyncList& list) : _parties(parties), _list(list) {
+    for (const device::Application& app : parties.device.registry().applications()) {
+        _namesBefore[app.identifier] = app.name;
+        if (app.isInstalled) {
+            _installedBefore.insert(app.identifier);
+        }
+    }
+}
+
+SyncReport SyncSession::run() {
+    if (ErrorPtr failure = _open()) {
+        SyncReport report;
+        report.failure = std::move(failure);
+        return report;
+    }
+    _transferAll(_plan());
+    _close();
+    return _report();
+}
+
+ErrorPtr SyncSession::_open() {
+    QRClient& client = _parties.client;
+    const auto dataclasses = client.supportedDataclasses();
+    if (std::ranges::find(dataclasses, "Application") == dataclasses.end()) {
+        return hostError("The plug-in does not handle the data class \"Application\".");
+    }
+    if (const auto disabled = client.disabledAssetTypes(); disabled && disabled->contains("Application")) {
+        return hostError("This device allows neither installing nor removing apps.");
+    }
+    const std::string anchor = client.currentSyncAnchor();
+    ErrorPtr error;
+    if (!client.prepareForSyncWithHostAnchor_progressCallback_error(anchor, {}, &error) ||
+        !client.reconcileSync_withNewAnchor_progressCallback_error(nullptr, anchor, {}, &error)) {
+        return error != nullptr ? error : hostError("The plug-in could not begin the sync; `qrd log` tells why.");
+    }
+    return nullptr;
+}
+
+std::vector<QRAssetPtr> SyncSession::_plan() {
+    if (_parties.client.responds(QRClientOperation::installedAssets)) {
+        _deleted = deletedApps(_parties.client.installedAssets());
+    }
+    auto assets = _parties.client.outstandingAssetTransfers();
+    std::map<std::string_view, std::uint64_t> sizes;
+    for (const auto* apps : {&_list.installs, &_list.restores}) {
+        for (const desktop::AppArchive* app : *apps) {
+            sizes[app->identifier] = app->size;
+        }
+    }
+    std::vector<AppStatus> planned;
+    for (const QRAssetPtr& asset : assets) {
+        _requested.insert(asset->identifier);
+        planned.push_back({asset->identifier, asset->prettyName.value_or(asset->identifier), sizes[asset->identifier]});
+        if (asset->isRestore) {
+            _restores.push_back(asset);
+        }
+    }
+    _parties.view.began(std::move(planned));
+    return assets;
+}
+
+void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
+    const auto queue = std::make_shared<TransferQueue>(assets);
+    _parties.deviceService.setQueue(queue);
+    while (const QRAssetPtr asset = queue->next()) {
+        if (const ErrorPtr error = asset->isRestore ? _transferRestore(asset, *queue) : _transferOne(asset, *queue)) {
+            _failed(asset, error);
+        } else if (!asset->isRestore) {
+            _arrived(asset, kQRAssetPartApplicationPackage);
+        }
+    }
+    _parties.deviceService.setQueue(nullptr);
+    _parties.client.assetTransferEndedWithSuccess(_allTransferred);
+}
+
+void SyncSession::_arrived(const QRAssetPtr& asset, std::uint32_t part) {
+    // Where a package is that came with an earlier sync, the plug-in knows by the version.
+    const bool isHere = part == kQRAssetPartApplicationPackage || !asset->version();
+    asset->path = isHere ? std::optional(receivedPath(asset->identifier)) : std::nullopt;
+    asset->completedAssetParts = part;
+    _parties.view.transferEnded(asset->identifier, nullptr);
+    _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
+}
+
+void SyncSession::_failed(const QRAssetPtr& asset, const ErrorPtr& error) {
+    _transferErrors[asset->identifier] = error;
+    _allTransferred = false;
+    _parties.view.transferEnded(asset->identifier, error);
+    _parties.client.assetTransfer_succeeded_withError(asset, false, error);
+}
+
+/// A restored app's package, then its data, as far as the device asks for them. The plug-in installs the app once both
+/// are there; after an interruption between the two a later sync goes on with the data.
+ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQueue& queue) {
+    const Value* value = asset->variantOptions ? asset->variantOptions->find("AssetParts") : nullptr;
+    const std::uint64_t parts = value != nullptr ? value->unsignedInteger().value_or(0) : 0;
+    const bool hasData = _parties.device.backup().restoreDataSize(asset->identifier).has_value();
+    const bool needsPackage = (parts & kQRAssetPartApplicationPackage) != 0;
+    if (needsPackage) {
+        if (ErrorPtr error = _transferOne(asset, queue)) {
+            return error;
+        }
+        _arrived(asset, kQRAssetPartApplicationPackage);
+    }
+    if ((parts & kQRAssetPartApplicationData) == 0 || (needsPackage && !hasData)) {
+        return nullptr;
+    }
+    if (ErrorPtr reason = _reasonToStop(*asset, queue)) {
+        return reason;
+    }
+    if (hasData) {
+        if (const auto restored = _parties.device.backup().restoreApplicationData(asset->identifier); !restored) {
+            return transferError(TransferError::deviceFailed, device::errorText(restored.error()));
+        }
+    }
+    _arrived(asset, kQRAssetPartApplicationData);
+    return nullptr;
+}
+
+ErrorPtr SyncSession::_reasonToStop(const QRAsset& asset, const TransferQueue& queue) const {
+    if (queue.isCancelled(asset.identifier)) {
+        return cancelledByUserError();
+    }
+    return Interrupt::requested() ? interruptedError() : nullptr;
+}
+
+ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue& queue) {
+    const desktop::AppArchive* app = desktop::findArchive(_list, asset->identifier);
+    if (app == nullptr) {
+        return transferError(TransferError::sourceFailed, "The library has no '" + asset->identifier + "'.");
+    }
+    const auto stopReason = [&] { return _reasonToStop(*asset, queue); };
+    if (ErrorPtr reason = stopReason()) {
+        return reason;
+    }
+    _parties.view.transferBegan(asset->identifier);
+    double told = 0;
+    const auto progress = [&](double fraction) {
+        if (fraction - told < progressStep && fraction < 1) {
+            return;
+        }
+        told = fraction;
+        asset->downloadProgress = fraction;
+        _parties.view.transferring(asset->identifier, fraction);
+        _parties.client.assetTransfer_updatedProgress(asset, fraction);
+    };
+    return transfer(_parties.device.files(), {app->path, asset->identifier, progress, stopReason, _parties.bandwidth});
+}
+
+void SyncSession::_close() {
+    _parties.device.coordinator().waitUntilIdle();
+    clearReceivedFiles(_parties.device);
+    _parties.view.ended();
+    _parties.client.syncEndedWithSuccess(_allTransferred);
+    if (!_allTransferred) {
+        return;
+    }
+    if (const ErrorPtr error = writeLastSyncApps(_parties.device)) {
+        _parties.view.note("The list of the device's apps could not be kept for the next sync: " + reasonOf(error));
+    }
+}
+
+SyncReport SyncSession::_report() const {
+    SyncReport report;
+    for (const std::string& identifier : _list.removals) {
+        report.apps.push_back(_reportOfRemoval(identifier));
+    }
+    for (const desktop::AppArchive* app : _list.installs) {
+        report.apps.push_back(_reportOfInstall({app->identifier, app->name.value_or(app->identifier), app->version}));
+    }
+    for (const QRAssetPtr& asset : _restores) {
+        report.apps.push_back(
+            _reportOfInstall({asset->identifier, asset->prettyName.value_or(asset->identifier), asset->version()}));
+    }
+    report.problems = _list.problems;
+    report.deleted = _deleted;
+    report.interrupted = Interrupt::requested();
+    return report;
+}
+
+AppReport SyncSession::_reportOfInstall(AppReport report) const {
+    const std::string& identifier = report.identifier;
+    if (const auto error = _transferErrors.find(identifier); error != _transferErrors.end()) {
+        report.reason = reasonOf(error->second);
+        switch (static_cast<TransferError>(error->second->code())) {
+        case TransferError::interrupted: report.result = AppResult::interrupted; break;
+        case TransferError::cancelledByUser: report.result = AppResult::cancelled; break;
+        default: break;
+        }
+        return report;
+    }
+    const auto outcome = _parties.outcomes.outcomeOf(identifier);
+    if (outcome && *outcome == nullptr) {
+        report.result = _installedBefore.contains(identifier) ? AppResult::updated : AppResult::installed;
+    } else if (outcome) {
+        const bool isCancelled = _parties.outcomes.isCancelled(identifier);
+        report.result = isCancelled ? AppResult::cancelled : AppResult::failed;
+        report.reason = reasonOf(isCancelled ? cancelledByUserError() : *outcome);
+    } else if (_requested.contains(identifier) && Interrupt::requested()) {
+        report.result = AppResult::interrupted;
+        report.reason = _isWaiting(identifier) ? "It is in use and could not be replaced; close it and sync again."
+                                               : reasonOf(interruptedError());
+    } else if (_requested.contains(identifier)) {
+        report.reason = "The device did not say how the install ended; `qrd log` tells more.";
+    } else if (_parties.device.policy().value(OLFeatureAppInstallationAllowed) == OLBoolValue::explicitlyNo) {
+        report.result = AppResult::refused;
+        report.reason = "This device does not allow installing apps.";
+    } else {
+        report.result = AppResult::refused;
+        report.reason = "The device did not ask for it; `qrd log` tells why.";
+    }
+    return report;
+}
+
+bool SyncSession::_isWaiting(std::string_view identifier) const {
+    const SyncStatus status = _parties.view.status();
+    const auto app = std::ranges::find(status.apps, identifier, &AppStatus::identifier);
+    return app != status.apps.end() && app->stage == AppStage::waiting;
+}
+
+AppReport SyncSession::_reportOfRemoval(const std::string& identifier) const {
+    const auto name = _namesBefore.find(identifier);
+    AppReport report{identifier, name != _namesBefore.end() ? name->second : identifier, std::nullopt,
+                     AppResult::removed, ""};
+    if (!_parties.device.registry().isInstalled(identifier)) {
+        return report;
+    }
+    if (_parties.device.policy().value(OLFeatureAppRemovalAllowed) == OLBoolValue::explicitlyNo) {
+        report.result = AppResult::refused;
+        report.reason = "This device does not allow removing apps.";
+    } else {
+        report.result = AppResult::failed;
+        report.reason = "The device could not remove it; `qrd log` tells why.";
+    }
+    return report;
+}
+
+} // namespace appsync::host

@@ -1,0 +1,112 @@
+#include "host/transfer/Transfer.h"
+
+#include "desktop/ArchiveSource.h"
+#include "device/root/DeviceFileSystem.h"
+#include "host/transfer/Bandwidth.h"
+#include "host/transfer/TransferQueue.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace appsync::host {
+
+namespace {
+
+constexpr std::size_t pieceSize = std::size_t{1} << 20;
+const std::string publicStaging = "/var/mobile/Media/PublicStaging/";
+
+ErrorPtr deviceError(int number, const std::string& path) {
+    if (number == ENOSPC || number == EDQUOT) {
+        return transferError(TransferError::noSpace, "The device is full: there is no room for '" + path +
+                                                         "'. Remove something from it and sync again.");
+    }
+    return transferError(TransferError::deviceFailed,
+                         "The device cannot take '" + path + "': " + std::strerror(number) + ".");
+}
+
+ErrorPtr writeAll(int descriptor, std::span<const char> bytes, const std::string& path) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) {
+            return deviceError(errno, path);
+        }
+        if (written > 0) {
+            bytes = bytes.subspan(static_cast<std::size_t>(written));
+        }
+    }
+    return nullptr;
+}
+
+ErrorPtr copyPieces(desktop::ArchiveSource& source, int destination, const std::string& path,
+                    const TransferRequest& request) {
+    std::vector<char> buffer(request.bandwidth != nullptr ? request.bandwidth->pieceSize(pieceSize) : pieceSize);
+    std::uint64_t sent = 0;
+    for (;;) {
+        if (ErrorPtr reason = request.stopReason()) {
+            return reason;
+        }
+        ErrorPtr error;
+        const auto length = source.read(buffer, &error);
+        if (!length) {
+            return transferError(TransferError::sourceFailed,
+                                 std::string(error->userInfo().string(ErrorDescriptionKey).value_or("")));
+        }
+        if (*length == 0) {
+            return nullptr;
+        }
+        if (ErrorPtr failure = writeAll(destination, std::span(buffer).first(*length), path)) {
+            return failure;
+        }
+        sent += *length;
+        if (request.bandwidth != nullptr) {
+            request.bandwidth->sent(*length);
+        }
+        request.progress(static_cast<double>(sent) / static_cast<double>(source.size()));
+    }
+}
+
+} // namespace
+
+std::string receivedFolder() {
+    return publicStaging + std::string(ReceivedFolder);
+}
+
+std::string receivedPath(const std::string& identifier) {
+    return std::string(ReceivedFolder) + "/" + identifier + ".archive";
+}
+
+ErrorPtr transfer(device::DeviceFileSystem& files, const TransferRequest& request) {
+    return copyToDevice(files, request, publicStaging + receivedPath(request.identifier));
+}
+
+ErrorPtr copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request, const std::string& path) {
+    ErrorPtr error;
+    auto source = desktop::ArchiveSource::open(request.archivePath, &error);
+    if (!source) {
+        return transferError(TransferError::sourceFailed,
+                             std::string(error->userInfo().string(ErrorDescriptionKey).value_or("")));
+    }
+    const std::string unfinished = path + ".part";
+    files.createDirectory(path.substr(0, path.rfind('/')), true, std::nullopt, nullptr);
+    {
+        const auto destination = files.open(unfinished, O_WRONLY | O_CREAT | O_TRUNC);
+        if (!destination) {
+            return transferError(TransferError::deviceFailed, device::errorText(destination.error()));
+        }
+        error = copyPieces(*source, destination->get(), unfinished, request);
+    }
+    if (error == nullptr) {
+        files.removeItem(path, nullptr);
+        files.moveItem(unfinished, path, &error);
+    }
+    if (error != nullptr) {
+        files.removeItem(unfinished, nullptr);
+    }
+    return error;
+}
+
+} // namespace appsync::host

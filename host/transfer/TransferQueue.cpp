@@ -1,0 +1,108 @@
+#include "host/transfer/TransferQueue.h"
+
+#include "host/control/Interrupt.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace appsync::host {
+
+QRAssetPtr TransferQueue::next() {
+    const std::lock_guard lock(_mutex);
+    if (_waiting.empty()) {
+        _underWay.clear();
+        return nullptr;
+    }
+    QRAssetPtr asset = _waiting.front();
+    _waiting.pop_front();
+    _underWay = asset->identifier;
+    return asset;
+}
+
+bool TransferQueue::prioritize(std::string_view identifier) {
+    const std::lock_guard lock(_mutex);
+    const auto found = std::ranges::find(_waiting, identifier, [](const auto& asset) { return asset->identifier; });
+    if (found == _waiting.end()) {
+        return false;
+    }
+    std::rotate(_waiting.begin(), found, found + 1);
+    return true;
+}
+
+bool TransferQueue::cancel(std::string_view identifier) {
+    const std::lock_guard lock(_mutex);
+    const bool waits =
+        std::ranges::any_of(_waiting, [&](const auto& asset) { return asset->identifier == identifier; });
+    if (!waits && _underWay != identifier) {
+        return false;
+    }
+    _cancelled.emplace(identifier);
+    return true;
+}
+
+bool TransferQueue::isCancelled(std::string_view identifier) const {
+    const std::lock_guard lock(_mutex);
+    return _cancelled.contains(identifier);
+}
+
+void DeviceService::setQueue(std::shared_ptr<TransferQueue> queue) {
+    const std::lock_guard lock(_mutex);
+    _queue = std::move(queue);
+}
+
+bool DeviceService::prioritize(std::string_view identifier) {
+    const auto queue = _currentQueue();
+    return queue != nullptr && queue->prioritize(identifier);
+}
+
+bool DeviceService::cancel(std::string_view identifier) {
+    const auto queue = _currentQueue();
+    return queue != nullptr && queue->cancel(identifier);
+}
+
+std::shared_ptr<QRDeviceService> DeviceService::sharedInstance() noexcept {
+    return {std::shared_ptr<void>(), this}; // owned by the host, which outlives the plug-in
+}
+
+void DeviceService::prioritizeAsset_withCompletion(const QRAssetPtr& asset,
+                                                   std::function<void(const ErrorPtr&)> completion) noexcept {
+    completion(prioritize(asset->identifier)
+                   ? nullptr
+                   : transferError(TransferError::interrupted, "'" + asset->identifier +
+                                                                   "' cannot be moved to the front: it does not "
+                                                                   "wait for its transfer."));
+}
+
+void DeviceService::cancelAssetTransferForFailedAsset(const QRAssetPtr& asset) noexcept {
+    cancel(asset->identifier);
+}
+
+std::shared_ptr<TransferQueue> DeviceService::_currentQueue() {
+    const std::lock_guard lock(_mutex);
+    return _queue;
+}
+
+bool ErrorClassification::QRIsRecoverableError(const ErrorPtr& error) noexcept {
+    if (error == nullptr) {
+        return false;
+    }
+    if (error->domain() == PosixErrorDomain) {
+        // The plug-in answers with EINVAL when it could not learn whether a busy app may be ended, as at an interrupt.
+        return error->code() == ENOSPC || error->code() == EDQUOT ||
+               (error->code() == EINVAL && Interrupt::requested());
+    }
+    return error->domain() == HostTransferErrorDomain &&
+           (error->code() == static_cast<int>(TransferError::interrupted) ||
+            error->code() == static_cast<int>(TransferError::noSpace));
+}
+
+ErrorPtr cancelledByUserError() {
+    return transferError(TransferError::cancelledByUser, "Cancelled on the device.");
+}
+
+ErrorPtr transferError(TransferError code, std::string description) {
+    return Error::make(HostTransferErrorDomain, static_cast<int>(code),
+                       Dictionary{{ErrorDescriptionKey, std::move(description)}});
+}
+
+} // namespace appsync::host

@@ -1,0 +1,77 @@
+#include "host/view/SyncStatus.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+
+namespace appsync::host {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json toJsonObject(const AppStatus& app) {
+    Json entry{{"identifier", app.identifier},
+               {"name", app.name},
+               {"stage", nameOf(app.stage)},
+               {"bytes", app.bytes},
+               {"fraction", app.fraction}};
+    if (!app.reason.empty()) {
+        entry["reason"] = app.reason;
+    }
+    if (app.stage == AppStage::waiting) {
+        entry["nextTry"] = clockText(app.nextTry);
+    }
+    return entry;
+}
+
+} // namespace
+
+double SyncStatus::fraction() const {
+    double all = 0;
+    double done = 0;
+    for (const AppStatus& app : apps) {
+        all += static_cast<double>(app.bytes);
+        done += static_cast<double>(app.bytes) * std::clamp(app.fraction, 0.0, 1.0);
+    }
+    return all == 0 ? 0 : done / all;
+}
+
+std::size_t SyncStatus::finished() const {
+    return static_cast<std::size_t>(std::ranges::count_if(
+        apps, [](const AppStatus& app) { return app.stage == AppStage::done || app.stage == AppStage::failed; }));
+}
+
+const char* nameOf(AppStage stage) {
+    switch (stage) {
+    case AppStage::queued: return "queued";
+    case AppStage::transferring: return "transferring";
+    case AppStage::installing: return "installing";
+    case AppStage::waiting: return "waiting";
+    case AppStage::done: return "done";
+    case AppStage::failed: return "failed";
+    }
+    return "queued";
+}
+
+std::string toJson(const SyncStatus& status) {
+    Json apps = Json::array();
+    for (const AppStatus& app : status.apps) {
+        apps.push_back(toJsonObject(app));
+    }
+    const Json root{
+        {"running", true}, {"fraction", status.fraction()}, {"finished", status.finished()}, {"apps", std::move(apps)}};
+    return root.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string clockText(std::chrono::system_clock::time_point time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm parts{};
+    ::localtime_r(&seconds, &parts);
+    std::array<char, 16> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%H:%M:%S", &parts)};
+}
+
+} // namespace appsync::host

@@ -1,0 +1,172 @@
+#include "host/view/SyncView.h"
+
+#include "host/view/SyncReport.h"
+#include "host/view/Table.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <ostream>
+
+namespace appsync::host {
+
+namespace {
+
+constexpr std::size_t barWidth = 28;
+constexpr std::size_t nameWidth = 22;
+constexpr std::size_t mostBars = 8;
+
+std::string bar(double fraction) {
+    const auto filled = static_cast<std::size_t>(std::clamp(fraction, 0.0, 1.0) * static_cast<double>(barWidth));
+    return "[" + std::string(filled, '#') + std::string(barWidth - filled, '.') + "]";
+}
+
+std::string padded(const std::string& name) {
+    const std::size_t width = displayWidth(name);
+    return width >= nameWidth ? name : name + std::string(nameWidth - width, ' ');
+}
+
+std::string percent(double fraction) {
+    const std::string number = std::to_string(static_cast<int>(std::clamp(fraction, 0.0, 1.0) * 100));
+    return std::string(number.size() < 3 ? 3 - number.size() : 0, ' ') + number + "%";
+}
+
+/// What stands behind an app's bar.
+std::string stageText(const AppStatus& app) {
+    switch (app.stage) {
+    case AppStage::installing: return "installing";
+    case AppStage::waiting: return "waiting: " + app.reason + "; next try at " + clockText(app.nextTry);
+    default: return percent(app.fraction);
+    }
+}
+
+} // namespace
+
+SyncView::Style SyncView::styleFor(int descriptor) {
+    return ::isatty(descriptor) != 0 ? Style::bars : Style::lines;
+}
+
+void SyncView::began(std::vector<AppStatus> apps) {
+    const std::lock_guard lock(_mutex);
+    _status.apps = std::move(apps);
+    for (std::size_t place = 0; place < _status.apps.size(); ++place) {
+        _places[_status.apps[place].identifier] = place;
+    }
+}
+
+void SyncView::transferBegan(std::string_view identifier) {
+    const std::lock_guard lock(_mutex);
+    AppStatus& app = _app(identifier);
+    app.stage = AppStage::transferring;
+    _underWay.emplace_back(identifier);
+    if (_style == Style::lines) {
+        _line("sending " + printable(app.name) + " (" + sizeText(app.bytes) + ")");
+    }
+    _drawBars();
+}
+
+void SyncView::transferring(std::string_view identifier, double fraction) {
+    const std::lock_guard lock(_mutex);
+    _app(identifier).fraction = fraction;
+    _drawBars();
+}
+
+void SyncView::transferEnded(std::string_view identifier, const ErrorPtr& error) {
+    const std::lock_guard lock(_mutex);
+    AppStatus& app = _app(identifier);
+    app.fraction = 1;
+    app.stage = AppStage::installing;
+    if (error != nullptr) {
+        _end(app, error);
+    }
+    _drawBars();
+}
+
+void SyncView::installWaits(std::string_view identifier, const std::string& reason,
+                            std::chrono::system_clock::time_point nextTry) {
+    const std::lock_guard lock(_mutex);
+    AppStatus& app = _app(identifier);
+    app.stage = AppStage::waiting;
+    app.reason = reason;
+    app.nextTry = nextTry;
+    if (_style == Style::lines) {
+        _line("waiting " + printable(app.name) + ": " + reason + "; next try at " + clockText(nextTry));
+    }
+    _drawBars();
+}
+
+void SyncView::installEnded(std::string_view identifier, const ErrorPtr& error) {
+    const std::lock_guard lock(_mutex);
+    _end(_app(identifier), error);
+    _drawBars();
+}
+
+void SyncView::note(const std::string& sentence) {
+    const std::lock_guard lock(_mutex);
+    _line("note: " + sentence);
+    _drawBars();
+}
+
+void SyncView::ended() {
+    const std::lock_guard lock(_mutex);
+    _eraseBars();
+    _out.flush();
+}
+
+SyncStatus SyncView::status() const {
+    const std::lock_guard lock(_mutex);
+    return _status;
+}
+
+/// An app that nobody has planned is one all the same: a coordinator may end one of an earlier sync.
+AppStatus& SyncView::_app(std::string_view identifier) {
+    const auto [place, isNew] = _places.try_emplace(std::string(identifier), _status.apps.size());
+    if (!isNew) {
+        return _status.apps[place->second];
+    }
+    return _status.apps.emplace_back(AppStatus{std::string(identifier), std::string(identifier)});
+}
+
+void SyncView::_end(AppStatus& app, const ErrorPtr& error) {
+    app.stage = error == nullptr ? AppStage::done : AppStage::failed;
+    app.reason = reasonOf(error);
+    std::erase(_underWay, app.identifier);
+    _line(error == nullptr ? "done    " + printable(app.name) : "failed  " + printable(app.name) + ": " + app.reason);
+}
+
+void SyncView::_line(const std::string& text) {
+    if (_style == Style::quiet) {
+        return;
+    }
+    _eraseBars();
+    _out << text << '\n' << std::flush;
+}
+
+void SyncView::_drawBars() {
+    if (_style != Style::bars) {
+        return;
+    }
+    _eraseBars();
+    std::size_t drawn = 0;
+    for (const std::string& identifier : _underWay) {
+        if (drawn < mostBars) {
+            const AppStatus& app = _app(identifier);
+            _out << padded(printable(app.name)) << ' ' << bar(app.fraction) << ' ' << stageText(app) << '\n';
+            ++drawn;
+        }
+    }
+    const double whole = _status.fraction();
+    _out << padded("All apps") << ' ' << bar(whole) << ' ' << percent(whole) << "  " << _status.finished() << " of "
+         << _status.apps.size() << '\n'
+         << std::flush;
+    _drawnLines = drawn + 1;
+}
+
+void SyncView::_eraseBars() {
+    if (_drawnLines > 0) {
+        _out << "\x1b[" << _drawnLines << "A\x1b[J";
+        _drawnLines = 0;
+    }
+}
+
+} // namespace appsync::host

@@ -1,0 +1,62 @@
+#include "host/view/Table.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <ostream>
+
+namespace appsync::host {
+
+Table::Table(std::vector<std::string> headings) : _rows{std::move(headings)} {}
+
+void Table::add(std::vector<std::string> cells) {
+    std::ranges::transform(cells, cells.begin(), [](const std::string& cell) { return printable(cell); });
+    _rows.push_back(std::move(cells));
+}
+
+void Table::print(std::ostream& out) const {
+    const std::size_t columns = _rows.front().size();
+    std::vector<std::size_t> widths(columns);
+    for (const auto& row : _rows) {
+        for (std::size_t column = 0; column < columns; ++column) {
+            widths[column] = std::max(widths[column], displayWidth(row[column]));
+        }
+    }
+    for (const auto& row : _rows) {
+        std::string line;
+        for (std::size_t column = 0; column < columns; ++column) {
+            line += row[column];
+            line.append(widths[column] - displayWidth(row[column]) + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        out << line << '\n';
+    }
+}
+
+std::size_t displayWidth(std::string_view text) {
+    return static_cast<std::size_t>(
+        std::ranges::count_if(text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U; }));
+}
+
+std::string printable(std::string_view text) {
+    std::string clean(text);
+    std::ranges::replace_if(
+        clean, [](char byte) { return static_cast<unsigned char>(byte) < 0x20U || byte == 0x7F; }, ' ');
+    return clean;
+}
+
+std::string sizeText(std::uint64_t bytes) {
+    constexpr std::array units = {"bytes", "kB", "MB", "GB", "TB"};
+    auto size = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    while (size >= 1000 && unit + 1 < units.size()) {
+        size /= 1000;
+        ++unit;
+    }
+    char text[32];
+    std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", size, units[unit]);
+    return text;
+}
+
+} // namespace appsync::host
