@@ -30,9 +30,17 @@ const char* levelName(LogLevel level) {
     return level == LogLevel::error ? "error" : "default";
 }
 
+bool isDemoted(const device::Application& app) {
+    return app.isPlaceholder && !app.isInstalled &&
+           (app.installType == PDInstallTypeDowngrade || app.installType == PDInstallTypeIntentionalDowngrade);
+}
+
 std::string stateOf(const device::Application& app, bool isRunning) {
     if (!app.isPlaceholder) {
         return isRunning ? "running" : "installed";
+    }
+    if (isDemoted(app) && !app.progress) {
+        return "demoted";
     }
     std::string state = app.isInstalled ? "updating" : "waiting";
     if (app.progress) {
@@ -42,9 +50,13 @@ std::string stateOf(const device::Application& app, bool isRunning) {
 }
 
 Json toJson(const device::Application& app, bool isRunning) {
-    Json entry{
-        {"identifier", app.identifier},     {"name", app.name},    {"version", nullptr}, {"installed", app.isInstalled},
-        {"placeholder", app.isPlaceholder}, {"running", isRunning}};
+    Json entry{{"identifier", app.identifier},
+               {"name", app.name},
+               {"version", nullptr},
+               {"installed", app.isInstalled},
+               {"placeholder", app.isPlaceholder},
+               {"running", isRunning},
+               {"demoted", isDemoted(app)}};
     if (app.version) {
         entry["version"] = *app.version;
     }

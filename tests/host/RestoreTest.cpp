@@ -220,6 +220,9 @@ TEST_F(Restores, ADemotedAppKeepsItsDataNameVersionAndIcon) {
               (std::pair<std::set<std::string>, std::set<std::string>>{{"com.example.c"}, {"com.example.d"}}));
     EXPECT_EQ(iconOf("c"), png("icon of c"));
     EXPECT_EQ(contentOf(dataOf("c") / "Documents" / "note"), "kept while demoted");
+    const Said listed = run([&] { return listApps({.device = device()}); });
+    EXPECT_NE(listed.out.find("demoted    com.example.c"), std::string::npos) << listed.out;
+    EXPECT_NE(listed.out.find("installed  com.example.a"), std::string::npos) << listed.out;
     demoteApp("c", true);
     EXPECT_EQ(demotedApps().second, (std::set<std::string>{"com.example.c", "com.example.d"}));
     EXPECT_EQ(states()["com.example.c"], "c 1.c as type 7");
