@@ -50,6 +50,27 @@ TEST_P(SyncOnBothPaths, UpdatesRemovesAndReportsWhatIsDamaged) {
     EXPECT_TRUE(filesBelow("tmp").empty());
 }
 
+TEST_P(SyncOnBothPaths, LeavesEachOutcomeInTheToDoList) {
+    addApp("a");
+    addApp("b");
+    sync(ExitCode::done);
+    addApp("c");
+    addApp("d");
+    damage("d");
+    sync(ExitCode::someAppFailed, {.remove = {"com.example.b"}});
+    std::ifstream file(deviceFolder() + "/var/mobile/Library/ApplicationSync/TamblinStuff/ApplicationsSync.plist");
+    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    PropertyListCodec codec;
+    const auto list = codec.propertyListWithData(bytes, nullptr);
+    ASSERT_TRUE(list && list->array() != nullptr);
+    Results operations;
+    for (const Value& record : *list->array()) {
+        operations[std::string(*record.dictionary()->string("identifier"))] = *record.dictionary()->string("operation");
+    }
+    EXPECT_EQ(operations,
+              (Results{{"com.example.b", "remove"}, {"com.example.c", "INSTALLED"}, {"com.example.d", "FAILED"}}));
+}
+
 TEST_P(SyncOnBothPaths, KeepsTheOldVersionWhenAnUpdateIsDamaged) {
     addApp("a");
     sync(ExitCode::done);
