@@ -74,10 +74,11 @@ void SyncView::transferring(std::string_view identifier, double fraction) {
 void SyncView::transferEnded(std::string_view identifier, const ErrorPtr& error) {
     const std::lock_guard lock(_mutex);
     AppStatus& app = _app(identifier);
-    app.fraction = 1;
-    app.stage = AppStage::installing;
     if (error != nullptr) {
         _end(app, error);
+    } else {
+        app.fraction = 1;
+        app.stage = AppStage::installing;
     }
     _drawBars();
 }
@@ -127,7 +128,11 @@ AppStatus& SyncView::_app(std::string_view identifier) {
     return _status.apps.emplace_back(AppStatus{std::string(identifier), std::string(identifier)});
 }
 
+/// Of a cancelled app both the coordinator and the transfer tell; the first word counts.
 void SyncView::_end(AppStatus& app, const ErrorPtr& error) {
+    if (app.stage == AppStage::done || app.stage == AppStage::failed) {
+        return;
+    }
     app.stage = error == nullptr ? AppStage::done : AppStage::failed;
     app.reason = reasonOf(error);
     std::erase(_underWay, app.identifier);

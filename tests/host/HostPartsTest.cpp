@@ -202,6 +202,21 @@ TEST(Views, TellPlainLines) {
                          "failed  x: D 1\n");
 }
 
+TEST(Views, TellOnceThatAnAppHasFailed) {
+    std::ostringstream out;
+    SyncView view(out, SyncView::Style::lines);
+    view.began({{"a", "A", 1000}});
+    view.transferBegan("a");
+    view.transferring("a", 0.25);
+    view.installEnded("a", Error::make("D", 1));
+    view.transferEnded("a", transferError(TransferError::noSpace, "Full."));
+    EXPECT_EQ(out.str(), "sending A (1.0 kB)\nfailed  A: D 1\n");
+    const SyncStatus status = view.status();
+    EXPECT_EQ(status.finished(), 1U);
+    EXPECT_EQ(status.apps[0].reason, "D 1");
+    EXPECT_EQ(status.fraction(), 0.25);
+}
+
 TEST(Views, DrawBarsAndTakeThemAway) {
     std::ostringstream out;
     SyncView view(out, SyncView::Style::bars);
