@@ -112,6 +112,7 @@ struct Device::Services {
     [[nodiscard]] Result<void> openApps(const DeviceEnvironment& environment);
     void followRegistry();
     void forgetDataOfNobody();
+    void giveInstalledAppsTheirData();
     [[nodiscard]] Result<void> openScreen();
     [[nodiscard]] Result<void> openCoordinator();
     [[nodiscard]] Result<void> openAll(const DeviceEnvironment& environment);
@@ -201,6 +202,22 @@ void Device::Services::forgetDataOfNobody() {
     backup->cancelAllBut(expected);
 }
 
+/// An app may have been installed whose data could not be put in place then. Where that fails again, it waits on.
+void Device::Services::giveInstalledAppsTheirData() {
+    std::set<std::string> onTheirWay;
+    for (const OpenCoordinator& open : coordinator->openCoordinators()) {
+        onTheirWay.insert(open.bundleID);
+    }
+    const auto waiting = backup->restoreData();
+    for (const RestoreData& data : waiting ? *waiting : std::vector<RestoreData>()) {
+        const auto app = registry->application(data.bundleID);
+        const bool isThere = app && app->isInstalled && !app->isPlaceholder;
+        if (isThere && !onTheirWay.contains(data.bundleID) && !processes->isRunning(data.bundleID)) {
+            (void)backup->restoreApplicationData(data.bundleID);
+        }
+    }
+}
+
 Result<void> Device::Services::openScreen() {
     processes = std::make_unique<ProcessTable>(*root);
     bundles = std::make_unique<AppBundles>(root->files(), propertyLists);
@@ -215,6 +232,7 @@ Result<void> Device::Services::openCoordinator() {
         return error;
     }
     forgetDataOfNobody();
+    giveInstalledAppsTheirData();
     coordinator->resume();
     return {};
 }
