@@ -91,7 +91,9 @@ ErrorPtr copyToDevice(device::DeviceFileSystem& files, const TransferRequest& re
                              std::string(error->userInfo().string(ErrorDescriptionKey).value_or("")));
     }
     const std::string unfinished = path + ".part";
-    files.createDirectory(path.substr(0, path.rfind('/')), true, std::nullopt, nullptr);
+    if (!files.createDirectory(path.substr(0, path.rfind('/')), true, std::nullopt, &error)) {
+        return transferError(TransferError::deviceFailed, device::errorText(error));
+    }
     {
         const auto destination = files.open(unfinished, O_WRONLY | O_CREAT | O_TRUNC);
         if (!destination) {
