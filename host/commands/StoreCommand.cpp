@@ -5,6 +5,7 @@
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/plugin/PlugIn.h"
+#include "host/session/Leftovers.h"
 #include "host/transfer/Transfer.h"
 #include "host/transfer/TransferQueue.h"
 #include "host/view/SyncReport.h"
@@ -43,6 +44,7 @@ class StoreClient {
             }
         }
         _device.coordinator().waitUntilIdle();
+        clearPlaceholderBundles(_device); // of restored apps, as a sync does it
     }
 
     [[nodiscard]] std::vector<AppReport> reports() {

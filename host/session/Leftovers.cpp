@@ -16,6 +16,12 @@ namespace {
 constexpr std::string_view restoreStatePath = "/var/mobile/Library/ApplicationSync/RestoreState.plist";
 constexpr std::string_view placeholderFolder = "/tmp/com.zuvex.qrd.Apps";
 
+/// Whether the app is still to be restored; the plug-in may not have come to forget one that is there.
+bool isAwaited(device::Device& device, std::string_view identifier) {
+    const auto app = device.registry().application(identifier);
+    return app && app->isPlaceholder;
+}
+
 /// The paths that the plug-in will ask for again: root[identifier][version]["path"].
 std::set<std::string> rememberedPaths(device::Device& device) {
     std::set<std::string> paths;
@@ -25,7 +31,7 @@ std::set<std::string> rememberedPaths(device::Device& device) {
         return paths;
     }
     for (const auto& [identifier, versions] : *root->dictionary()) {
-        if (versions.dictionary() == nullptr) {
+        if (versions.dictionary() == nullptr || !isAwaited(device, identifier)) {
             continue;
         }
         for (const auto& [version, properties] : *versions.dictionary()) {
@@ -35,19 +41,6 @@ std::set<std::string> rememberedPaths(device::Device& device) {
         }
     }
     return paths;
-}
-
-void clearPlaceholderBundles(device::Device& device) {
-    std::set<std::string> inUse;
-    for (const device::OpenCoordinator& coordinator : device.coordinator().openCoordinators()) {
-        inUse.insert(coordinator.bundleID + ".app");
-    }
-    const auto names = device.files().list(placeholderFolder);
-    for (const std::string& name : names ? *names : std::vector<std::string>()) {
-        if (!inUse.contains(name)) {
-            device.files().removeItem(std::string(placeholderFolder) + "/" + name, nullptr);
-        }
-    }
 }
 
 /// The plug-in never asks again for an app that has a placeholder of its own making.
@@ -65,6 +58,19 @@ void clearPlaceholders(device::Device& device) {
 }
 
 } // namespace
+
+void clearPlaceholderBundles(device::Device& device) {
+    std::set<std::string> inUse;
+    for (const device::OpenCoordinator& coordinator : device.coordinator().openCoordinators()) {
+        inUse.insert(coordinator.bundleID + ".app");
+    }
+    const auto names = device.files().list(placeholderFolder);
+    for (const std::string& name : names ? *names : std::vector<std::string>()) {
+        if (!inUse.contains(name)) {
+            device.files().removeItem(std::string(placeholderFolder) + "/" + name, nullptr);
+        }
+    }
+}
 
 void clearReceivedFiles(device::Device& device) {
     const auto remembered = rememberedPaths(device);

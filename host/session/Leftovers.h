@@ -17,4 +17,7 @@ void clearLeftovers(device::Device& device);
 /// transfer ends has a file that nobody takes.
 void clearReceivedFiles(device::Device& device);
 
+/// Of that, the placeholder bundles alone.
+void clearPlaceholderBundles(device::Device& device);
+
 } // namespace appsync::host

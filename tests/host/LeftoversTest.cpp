@@ -2,6 +2,7 @@
 #include "host/session/Leftovers.h"
 #include "device/registry/Registry.h"
 #include "device/services/LogReader.h"
+#include "host/transfer/Transfer.h"
 
 #include "../device/root/Faults.h"
 #include "SyncFixture.h"
@@ -56,6 +57,28 @@ TEST_F(Leftovers, TheLogTellsWhyAPlaceholderCouldNotBeRemoved) {
     ASSERT_TRUE(read);
     ASSERT_EQ(errors.size(), 1U);
     EXPECT_NE(errors[0].find("cannot remove com.example.a: "), std::string::npos) << errors[0];
+}
+
+TEST_F(Leftovers, AReceivedFileStaysAsLongAsItsAppIsToBeRestored) {
+    const auto device = open();
+    const fs::path received = folder / "device/var/mobile/Media/PublicStaging/Received/com.example.a.archive";
+    write(received, "a package");
+    PropertyListCodec codec;
+    const Dictionary state{
+        {"com.example.a",
+         Dictionary{{"1.0", Dictionary{{"path", receivedFolder() + "/" + received.filename().string()}}}}}};
+    write(folder / "device/var/mobile/Library/ApplicationSync/RestoreState.plist",
+          std::string(codec.dataWithPropertyList(state, PropertyListFormat::xml, nullptr)->bytes()));
+    device::PlaceholderRequest request;
+    request.identifier = "com.example.a";
+    request.installType = PDInstallTypeRestore;
+    ASSERT_TRUE(device->registry().installPlaceholder(request));
+    clearReceivedFiles(*device);
+    EXPECT_TRUE(fs::exists(received));
+    ASSERT_TRUE(device->registry().uninstall("com.example.a", device::RemovalReason::sync,
+                                             device::RemovalScope::placeholderOnly));
+    clearReceivedFiles(*device);
+    EXPECT_FALSE(fs::exists(received)) << "the plug-in has not forgotten it, and nobody will install it";
 }
 
 TEST_F(Leftovers, ReceiptsAreBroughtUpToDate) {
