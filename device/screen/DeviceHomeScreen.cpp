@@ -89,8 +89,8 @@ void DeviceHomeScreen::SKSetIconState(SKPort port, std::string_view iconState) n
     if (!layout) {
         return _reject(problem);
     }
-    if (const auto kept = _keep(std::move(*layout)); !kept) {
-        _reject(errorText(kept.error()));
+    if (const auto arranged = arrange(std::move(*layout)); !arranged) {
+        _reject(errorText(arranged.error()));
     }
 }
 
@@ -102,7 +102,7 @@ void DeviceHomeScreen::_reject(const std::string& problem) {
     }
 }
 
-Result<void> DeviceHomeScreen::_keep(IconLayout layout) {
+Result<void> DeviceHomeScreen::arrange(IconLayout layout) {
     ErrorPtr error;
     const auto bytes =
         _services.propertyLists.dataWithPropertyList(layout.propertyList(), PropertyListFormat::binary, &error);

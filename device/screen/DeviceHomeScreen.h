@@ -48,6 +48,8 @@ class DeviceHomeScreen final : public HomeScreen {
     /// Keeps the layout (device/screen/IconLayout.h says which), for apps too that are not there yet. What is none is
     /// logged and changes nothing.
     void SKSetIconState(SKPort port, std::string_view iconState) noexcept override;
+    /// Keeps a layout; after a failure the earlier one stands.
+    [[nodiscard]] Result<void> arrange(IconLayout layout);
     /// All identifiers of the layout, then the apps that have no place in it in the order in which they came. Null for
     /// another port or format.
     void SKGetFlattenedIconState(SKPort port, std::uint32_t format, const char** buffer,
@@ -68,7 +70,6 @@ class DeviceHomeScreen final : public HomeScreen {
   private:
     explicit DeviceHomeScreen(const HomeScreenServices& services) : _services(services) {}
     [[nodiscard]] Result<void> _load();
-    [[nodiscard]] Result<void> _keep(IconLayout layout);
     void _reject(const std::string& problem);
 
     const HomeScreenServices _services;

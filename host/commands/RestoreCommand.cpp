@@ -47,6 +47,7 @@ class Restore {
 
     ErrorPtr run(int type, const std::string& plugInPath) {
         _type = type;
+        _clearAway();
         _arrangeIcons();
         _putDemotedApps();
         for (BackupApp& app : _content.apps) {
@@ -63,27 +64,38 @@ class Restore {
             plugIn->client().reconcileRestoreOfType_withError(type, &error);
             _device.coordinator().waitUntilIdle();
         }
-        if (error != nullptr || type != desktopRestore) {
-            _device.files().removeItem(restoreInfoPath, nullptr); // nobody will read it
-        }
+        _device.files().removeItem(restoreInfoPath, nullptr); // where the plug-in has left it nobody will read it
         _findOutcomes();
+        _isAllDone =
+            problems().empty() && std::ranges::all_of(_rows, [](const Row& row) { return row.reason.empty(); });
+        _device.log().flush();
+        if (const ErrorPtr failure = _device.log().failure()) {
+            _content.problems.push_back("The device's log is not complete: " + reasonOf(failure));
+        }
         return error;
     }
 
     [[nodiscard]] const std::vector<Row>& rows() const noexcept { return _rows; }
     [[nodiscard]] const std::vector<std::string>& problems() const noexcept { return _content.problems; }
-    [[nodiscard]] bool isAllDone() const {
-        return problems().empty() && std::ranges::all_of(_rows, [](const Row& row) { return row.reason.empty(); });
-    }
+    [[nodiscard]] bool isAllDone() const noexcept { return _isAllDone; }
 
   private:
+    /// What a restore that was cut short has left.
+    void _clearAway() {
+        _device.files().removeItem(incomingFolder, nullptr);
+        _device.files().removeItem(restoreFolder, nullptr);
+    }
+
     void _arrangeIcons() {
-        const auto bytes =
-            _content.iconState
-                ? _device.propertyLists().dataWithPropertyList(*_content.iconState, PropertyListFormat::binary, nullptr)
-                : std::nullopt;
-        if (bytes) {
-            _device.homeScreen().SKSetIconState(device::DeviceHomeScreen::Port, bytes->bytes());
+        std::string problem; // of what is no layout, which the reading of the backup has told
+        auto layout =
+            _content.iconState ? device::IconLayout::fromPropertyList(*_content.iconState, problem) : std::nullopt;
+        if (!layout) {
+            return;
+        }
+        if (const auto arranged = _device.homeScreen().arrange(std::move(*layout)); !arranged) {
+            _content.problems.push_back("The icons could not be arranged as in the backup: " +
+                                        reasonOf(arranged.error()));
         }
     }
 
@@ -91,10 +103,23 @@ class Restore {
         if (!_content.demoted) {
             return;
         }
-        if (const auto set = _device.demotedApps().set(*_content.demoted); !set) {
-            _content.problems.push_back("The list of demoted apps could not be put on the device: " +
-                                        reasonOf(set.error()));
+        const auto set = _device.demotedApps().set(*_content.demoted);
+        if (set) {
+            return;
         }
+        const std::string problem = "The list of demoted apps could not be put on the device: " + reasonOf(set.error());
+        _content.problems.push_back(problem);
+        for (BackupApp& app : _content.apps) {
+            if (app.problem.empty() && _comesBackDemoted(app.identifier)) {
+                app.problem = problem; // it would come back as an app for the store
+            }
+        }
+    }
+
+    bool _comesBackDemoted(const std::string& identifier) const {
+        const device::DemotionLists& lists = *_content.demoted;
+        return _device.coordinationIsEnabled() &&
+               (lists.intentional.contains(identifier) || lists.automatic.contains(identifier));
     }
 
     /// What on the device keeps an app from being restored; empty when nothing does.
@@ -185,6 +210,7 @@ class Restore {
     BackupContent _content;
     const std::string _folder;
     int _type = desktopRestore;
+    bool _isAllDone = false;
     std::vector<Row> _rows;
 };
 

@@ -299,8 +299,8 @@ TEST_P(RestoresOnBothPaths, ADeviceComesBackAppByAppAndFileByFile) {
     EXPECT_EQ(dataBefore.size(), 13U);
     EXPECT_EQ(order(), orderBefore);
     EXPECT_EQ(waitingData(), 0U);
-    EXPECT_EQ(filesBelow("../b/var/mobile/Library/RestoreData"), std::set<std::string>());
-    EXPECT_EQ(filesBelow("../b/var/mobile/Library/StoreDownloads"), std::set<std::string>());
+    EXPECT_EQ(treeOf(fs::path(device()) / "var/mobile/Library/RestoreData"), Results());
+    EXPECT_EQ(treeOf(fs::path(device()) / "var/mobile/Library/StoreDownloads"), Results());
     EXPECT_TRUE(fs::exists(fs::path(device()) / "var/mobile/Library/Logs/MediaServices/RestoreApplications.plist"));
 }
 
@@ -397,6 +397,55 @@ TEST_P(RestoresOnBothPaths, BadEntriesFailWithAReasonAndTheOthersAreRestored) {
     EXPECT_EQ(results(report)["com.example.e"], waiting);
     EXPECT_EQ(states().size(), 2U);
     EXPECT_EQ(waitingData(), 0U) << "of the apps that were not restored";
+}
+
+TEST_F(Restores, ADemotedAppWaitsForTheListThatSaysSo) {
+    create("a");
+    fill();
+    backUp();
+    create("b");
+    const fs::path lists = fs::path(device()) / "var/mobile/Library/Preferences";
+    fs::remove_all(lists);
+    write(lists, "no folder");
+    const Json report = bringBack(ExitCode::someAppFailed);
+    EXPECT_EQ(results(report), (Results{{"com.example.a", "waits for the store"},
+                                        {"com.example.b", "waits for the store"},
+                                        {"com.example.c", "failed"},
+                                        {"com.example.d", "failed"}}));
+    EXPECT_NE(reasonOf(report, "c").find("The list of demoted apps could not be put on the device: "),
+              std::string::npos);
+    fs::remove(lists);
+    EXPECT_EQ(results(bringBack(ExitCode::done))["com.example.c"], "demoted");
+    EXPECT_EQ(states()["com.example.c"], "c 1.c as type 8");
+}
+
+TEST_F(Restores, DataThatCouldNotBePutInPlaceComesWhenTheDeviceIsOpenedAgain) {
+    create("a");
+    fill();
+    const Results expected = treeOf(dataOf("a"));
+    backUp();
+    create("b");
+    bringBack(ExitCode::done);
+    const fs::path containers = fs::path(device()) / dataFolder;
+    fs::rename(containers, folder / "aside");
+    write(containers, "no folder");
+    const Json report = visitStore(ExitCode::someAppFailed);
+    EXPECT_EQ(results(report)["com.example.a"], "failed");
+    fs::remove(containers);
+    fs::rename(folder / "aside", containers);
+    EXPECT_EQ(states()["com.example.a"], "a 1.a");
+    EXPECT_EQ(treeOf(dataOf("a")), expected);
+    EXPECT_EQ(waitingData(), 0U);
+}
+
+TEST_P(RestoresOnBothPaths, WhatARestoreThatWasCutShortHasLeftGoesWithTheNext) {
+    fillAndBackUp();
+    const fs::path root = device();
+    write(root / "tmp/com.zuvex.qrd.RestoreData/com.example.gone/note", "half");
+    write(root / "var/mobile/Media/TamblinRestore/.unfinished", "half");
+    bringBack(ExitCode::done);
+    EXPECT_EQ(treeOf(fs::path(device()) / "tmp/com.zuvex.qrd.RestoreData"), Results());
+    EXPECT_EQ(treeOf(fs::path(device()) / "var/mobile/Media/TamblinRestore"), Results());
 }
 
 TEST_P(RestoresOnBothPaths, RestoreInfoThatCannotBeUsedEndsTheRestore) {
