@@ -6,17 +6,27 @@ import plistlib
 import re
 import sqlite3
 
-from scenarios import data_folder, listed_apps, run
+from scenarios import data_folder, listed_apps, run, tree
 
 CONTAINERS = "var/containers/Bundle/Application"
 UNIQUE_NAME = re.compile(r"[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")
 # A receipt goes with a sync that installs something, else when the next one begins.
 RECEIPT = re.compile(r"/var/mobile/Library/StoreReceipts/")
 # What the last sync has worked on stays until the next one, and says nothing about the others.
-WORK_AREA = re.compile(r"/var/mobile/Library/ApplicationSync/(Icons|TamblinStuff)/(?!.*\.device-tmp)")
+# The restore state may name a file that is gone, and no log may take the restore info.
+WORK_AREA = re.compile(r"/var/mobile/Library/ApplicationSync($|/(Icons|TamblinStuff)/(?!.*\.device-tmp)|"
+                       r"/RestoreState\.plist$)|/var/mobile/Library/Logs/MediaServices/RestoreApplications\.plist$")
+# A placeholder comes without its icon when that cannot be copied, or once more after a kill: it has no file of it then.
+PLACEHOLDER_ICON = re.compile(r"/var/containers/Bundle/Application/\*/org[.]example[.]\w+[.]app/Icon[.]png")
 # The words in which a disk that fails or is full shows, or a file that could not be removed before.
 SYSTEM_REASON = re.compile(r"input/output error|disk I/O error|no space left|disk is full|device is full|: File exists|"
                            r"does not take '/", re.I)
+# What is only on its way stands there.
+EMPTY_FOLDERS = ("/tmp", "/var/mobile/Library/RestoreData", "/var/mobile/Library/StoreDownloads",
+                 "/var/mobile/Media/PublicStaging", "/var/mobile/Media/TamblinRestore")
+DEMOTED_APPS = "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist"
+DEMOTED_BY_PERSON = 8  # its install type
+REPORTING = 2  # how far a coordinator's end has come when the plug-in alone is still to be told of it
 EMPTY_TABLES = ("application_removals", "coordinator", "coordinatorPlaceholder", "coordinatorPromise", "restoreData")
 
 
@@ -69,11 +79,14 @@ def _check_installed(device, versions):
     return problems
 
 
-def _check_data(device, identifiers):
+def _check_data(scenario, device, needed):
+    """An app has all of its data or none, and those that are needed have it."""
     problems = []
-    for identifier in identifiers:
-        note = os.path.join(data_folder(device, identifier), "note.txt")
-        if not os.path.exists(note) or open(note).read() != identifier:
+    for identifier, data in scenario.data.items():
+        folder = data_folder(device, identifier)
+        if os.path.exists(folder) and tree(folder) != data:
+            problems.append(f"the data of {identifier} is not whole")
+        elif identifier in needed and not os.path.exists(folder):
             problems.append(f"the data of {identifier} is gone")
     return problems
 
@@ -95,17 +108,12 @@ def check_between(scenario, device, answer):
         if app["installed"] and app["version"] not in [known.version for known in versions[identifier]]:
             problems.append(f"{identifier} is there in version {app['version']}")
     problems += _check_installed(device, versions)
-    problems += _check_data(device, scenario.before.keys() & scenario.after.keys())
+    problems += _check_data(scenario, device, scenario.kept)
     if answer.code == 0:
         problems += [f"all was said to be done, and {identifier} is not"
-                     for identifier in scenario.before | scenario.after if not _is_done(scenario, apps, identifier)]
-    return problems + _check_report(scenario, apps, answer)
-
-
-def _is_done(scenario, apps, identifier):
-    app = apps.get(identifier, {"installed": False, "version": None})
-    wanted = scenario.after.get(identifier)
-    return app["installed"] and app["version"] == wanted.version if wanted else not app["installed"]
+                     for identifier in scenario.before.keys() | scenario.after.keys() | scenario.demoted
+                     if not scenario.is_done(apps, identifier)]
+    return problems + _check_report(scenario, apps, answer) + scenario.check_failures(apps, answer)
 
 
 def _check_report(scenario, apps, answer):
@@ -114,8 +122,7 @@ def _check_report(scenario, apps, answer):
     except ValueError:
         return []
     return [f"{said['identifier']} was said to be {said['result']} and is not" for said in report["apps"]
-            if said["result"] in ("installed", "updated", "removed")
-            and not _is_done(scenario, apps, said["identifier"])]
+            if said["result"] in scenario.done_results and not scenario.is_done(apps, said["identifier"])]
 
 
 def check_failure(scenario, device, answer, names_system_reason):
@@ -130,8 +137,7 @@ def check_failure(scenario, device, answer, names_system_reason):
         report = json.loads(answer.output)
     except ValueError:
         return [] if answer.errors.startswith("qrd: ") else [f"it does not say why it failed: {answer.text()!r}"]
-    reasons = [app.get("reason", "") for app in report["apps"] if app["result"] in ("failed", "refused")]
-    reasons += [report["failure"]] if "failure" in report else []
+    reasons = scenario.reasons(report)
     if not reasons or "" in reasons:
         return [f"it does not say why it failed: {answer.text()}"]
     if not names_system_reason:
@@ -139,7 +145,8 @@ def check_failure(scenario, device, answer, names_system_reason):
     log = run([scenario.qrd, "log", device]).output if any("`qrd log`" in reason for reason in reasons) else ""
     log += "\n".join(report["problems"])
     return [f"the reason says nothing: {reason}" for reason in reasons
-            if not SYSTEM_REASON.search(log if "`qrd log`" in reason else reason)]
+            if reason not in scenario.silent_reasons
+            and not SYSTEM_REASON.search(log if "`qrd log`" in reason else reason)]
 
 
 def _names(device):
@@ -163,15 +170,50 @@ def check_end(scenario, device, names, has_installed=True):
     found = _names(device)
     problems = [f"{name} was left" for name in found - names
                 if not WORK_AREA.match(name) and (has_installed or not RECEIPT.match(name))]
-    problems += [f"{name} is missing" for name in names - found if not WORK_AREA.match(name)]
+    problems += [f"{name} is missing" for name in names - found
+                 if not WORK_AREA.match(name) and not PLACEHOLDER_ICON.fullmatch(name)]
     if "/var/db/device.sqlite-wal" in found:
         return problems
     problems += _check_installed(device, {identifier: [app] for identifier, app in scenario.after.items()})
     rows = _query(device, "SELECT identifier, placeholder FROM applications")
-    problems += [f"{identifier} has a placeholder" for identifier, placeholder in rows if placeholder]
+    problems += [f"{identifier} has a placeholder" for identifier, placeholder in rows
+                 if placeholder and identifier not in scenario.demoted]
     problems += [f"{identifier} is missing" for identifier in scenario.after if (identifier, 0) not in rows]
+    problems += [f"{path} was left" for folder in EMPTY_FOLDERS for path in _files_below(device + folder)]
+    problems += _check_demoted(scenario, device) + _check_layout(scenario, device)
     for table in EMPTY_TABLES:
-        left = _query(device, f"SELECT count(*) FROM {table}")[0][0]
+        kept = f"WHERE ending <> {REPORTING}" if table == "coordinator" and scenario.leaves_reports else ""
+        left = _query(device, f"SELECT count(*) FROM {table} {kept}")[0][0]
         if left:
             problems.append(f"{left} rows are left in {table}")
-    return problems + _check_data(device, scenario.before.keys() & scenario.after.keys())
+    return problems + _check_data(scenario, device, scenario.data.keys())
+
+
+def _check_demoted(scenario, device):
+    """A demoted app has a placeholder of its kind alone, and stands in the list, with no other."""
+    found = _query(device, f"SELECT identifier FROM applications WHERE install_type = {DEMOTED_BY_PERSON} "
+                           "AND placeholder = 1")
+    problems = [] if {identifier for identifier, in found} == scenario.demoted else [f"demoted are {found}"]
+    lists = {}
+    if os.path.exists(device + DEMOTED_APPS):
+        with open(device + DEMOTED_APPS, "rb") as file:
+            lists = plistlib.load(file)
+    if set(lists.get("IntentionalDowngrades", [])) != scenario.demoted or lists.get("AutomaticDowngrades"):
+        problems.append(f"the list of demoted apps has {lists}")
+    return problems
+
+
+def _check_layout(scenario, device):
+    if scenario.layout is None:
+        return []
+    rows = _query(device, "SELECT value FROM homeScreen WHERE name = 'layout'")
+    found = plistlib.loads(rows[0][0]) if rows else "nothing says"
+    return [] if found == scenario.layout else [f"the icons stand as {found}"]
+
+
+def check_not_sent(identifiers, changes):
+    """No archive arrived during a command, according to the list of its changes, that had arrived before."""
+    with open(changes) as lines:
+        opened = {os.path.basename(line.split("\t")[-1].strip()) for line in lines}
+    return [f"the package of {identifier} was sent again" for identifier in identifiers
+            if identifier + ".archive.part" in opened]

@@ -18,7 +18,8 @@ import tempfile
 import time
 
 import checks
-from scenarios import SCENARIOS, Scenario, copy_device, make_scenario, run
+from restores import Delivery, Restore
+from scenarios import KILLED, Resumed, Scenario, copy_device, run
 
 # The calls that are disturbed, how, and the error with which they fail. On a full disk and on one that takes no changes
 # any more all of them fail from the point on.
@@ -30,8 +31,17 @@ KINDS = {
     "dead": ("changes", "--fail-from", errno.EIO),
     "read-EIO": ("reads", "--fail", errno.EIO),
 }
+# By name: how a scenario is made, and the options of its device.
+SCENARIOS = {
+    "coordinated": (Scenario, []),
+    "own": (Scenario, ["--no-coordination"]),
+    "coordinated-resumed": (Resumed, []),
+    "own-resumed": (Resumed, ["--no-coordination"]),
+    "restore-coordinated": (Restore, []),
+    "store": (Delivery, []),
+    "restore-own": (Delivery, ["--no-coordination"]),
+}
 CANNOT_SUPERVISE = 125
-KILLED = 128 + 9
 SKIPPED = 77
 
 
@@ -72,10 +82,12 @@ class Runner:
         copy_device(scenario.snapshot, device)
         changes = os.path.join(folder, "changes")
         answer = self._supervised(device, ["--calls", calls, "--list", changes], scenario.command(device))
+        answers = [answer] if answer.code else [answer, *map(run, scenario.next_commands(device, answer))]
         self._names[scenario.name] = checks.final_names(device)
         problems = checks.check_end(scenario, device, self._names[scenario.name])
-        if answer.code != 0 or problems:
-            raise SystemExit(f"crash: undisturbed, {scenario.name}: {answer.code} {problems} {answer.text()}")
+        if problems or any(answer.code for answer in answers):
+            said = "".join(f"\n{answer.code} {answer.text()}" for answer in answers)
+            raise SystemExit(f"crash: undisturbed, {scenario.name}: {problems}{said}")
         with open(changes) as lines:
             return sum(1 for _ in lines)
 
@@ -110,20 +122,29 @@ class Runner:
         else:
             problems += checks.check_failure(scenario, device, answer, calls != "reads")
         problems += ["after that: " + problem for problem in checks.check_between(scenario, device, answer)]
-        again = run(scenario.command(device))
-        if again.code != 0:
-            problems.append(f"the next sync ended with {again.code}: {again.text()}")
-        has_installed = '"installed"' in again.output or '"updated"' in again.output
-        problems += ["at the end: " + problem for problem in checks.check_end(
-            scenario, device, self._names[scenario.name], has_installed)]
+        problems += self._put_in_order(scenario, device, changes + "-next", answer)
         return problems, error is not None or answer.code == KILLED
+
+    def _put_in_order(self, scenario, device, changes, disturbed):
+        problems = []
+        at_hand = scenario.packages_at_hand(device)
+        has_installed = False
+        for command in scenario.next_commands(device, disturbed):
+            answer = self._supervised(device, ["--list", changes], command) if at_hand else run(command)
+            if not scenario.is_all_right(command, answer):
+                problems.append(f"after that `qrd {command[1]}` ended with {answer.code}: {answer.text()}")
+            has_installed |= '"installed"' in answer.output or '"updated"' in answer.output
+        if at_hand:
+            problems += checks.check_not_sent(at_hand, changes)
+        return problems + ["at the end: " + problem for problem in checks.check_end(
+            scenario, device, self._names[scenario.name], has_installed)]
 
 
 def choose_points(scenarios, runner, arguments):
     counts = {(scenario.name, calls): runner.measure(scenario, calls)
               for scenario in scenarios for calls in ("changes", "space", "reads")}
     everything = [Point(scenario, kind, number) for scenario in scenarios for kind in KINDS
-                  if arguments.kind in (None, kind)
+                  if arguments.kind in (None, kind) and kind not in scenario.left_out
                   for number in ([arguments.point] if arguments.point else
                                  range(1, counts[scenario.name, KINDS[kind][0]] + 1))]
     if not arguments.points or arguments.points >= len(everything):
@@ -179,7 +200,8 @@ def main():
         if not runner.can_supervise():
             print("crash: SKIPPED, since this machine lets no process supervise the system calls of another")
             return SKIPPED
-        scenarios = [make_scenario(name, arguments, folder) for name in SCENARIOS if arguments.path in (None, name)]
+        scenarios = [kind(name, arguments, folder, device_options)
+                     for name, (kind, device_options) in SCENARIOS.items() if arguments.path in (None, name)]
         points = choose_points(scenarios, runner, arguments)
         begin = time.monotonic()
         outcomes = try_all(runner, points, arguments.jobs)

@@ -6,6 +6,7 @@ import shutil
 import subprocess
 import zipfile
 
+KILLED = 128 + 9
 TIME_LIMIT = 60  # seconds; a command that takes longer hangs
 
 
@@ -60,7 +61,15 @@ def copy_device(device, copy):
 class Scenario:
     """A device that has three apps, and a library by which one of them is updated and two are added; one is removed.
 
-    `before` and `after` hold the apps of the device by identifier; an app that is in neither has no business there."""
+    `before` and `after` hold the apps of the device by identifier; an app that is in neither has no business there.
+    `data` holds each app's data, as `tree` shows it, and `kept` names those whose data is there at every moment."""
+
+    done_results = ("installed", "updated", "removed")  # what a report calls an app that is done
+    demoted = frozenset()  # the apps that have a placeholder at the end
+    layout = None  # the icons in their order, in pages, where they have one to keep
+    silent_reasons = ()  # reasons that stand for one of the system's which the plug-in does not log
+    left_out = ()  # kinds of disturbance
+    leaves_reports = False  # whether the plug-in may still have to be told of installs that have ended
 
     def __init__(self, name, tools, folder, device_options):
         self.name = name
@@ -75,18 +84,45 @@ class Scenario:
         """What is disturbed, and what is run again after that. It answers with a report in JSON."""
         return [self.qrd, "sync", device, "--library", self.library, "--remove", "org.example.dune", "--json"]
 
+    def next_commands(self, device, answer):
+        """What is run after the disturbed command, which ended so, until all is in order."""
+        return [self.command(device)]
+
+    def is_done(self, apps, identifier):
+        """Whether the listed apps show what the command was to do with one of them."""
+        app = apps.get(identifier, {"installed": False, "version": None})
+        wanted = self.after.get(identifier)
+        return app["installed"] and app["version"] == wanted.version if wanted else not app["installed"]
+
+    def reasons(self, report):
+        """Why a command failed, according to its report."""
+        reasons = [app.get("reason", "") for app in report["apps"] if app["result"] in ("failed", "refused")]
+        return reasons + ([report["failure"]] if "failure" in report else [])
+
+    def is_all_right(self, command, answer):
+        """Whether a command that followed the disturbed one ended as it must."""
+        return answer.code == 0
+
+    def check_failures(self, apps, answer):
+        """What else must hold after the disturbed command, according to the device's list of apps."""
+        return []
+
+    def packages_at_hand(self, device):
+        """The apps whose archive has arrived, so that it is not sent again."""
+        return set()
+
     def _prepare(self, device_options):
         before = [self._pack("Anise", "1.0"), self._pack("Dune", "1.0"), self._pack("Elder", "1.0")]
         must_run([self.qrd, "device", "create", self.snapshot, *device_options])
         must_run([self.qrd, "sync", self.snapshot, "--library", self.library])
         for app in before:
-            os.makedirs(data_folder(self.snapshot, app.identifier))
-            with open(os.path.join(data_folder(self.snapshot, app.identifier), "note.txt"), "w") as note:
-                note.write(app.identifier)
+            write_data(self.snapshot, app.identifier, {"note.txt": app.identifier.encode()})
         os.remove(self._archive("Dune"))
         after = [self._pack("Anise", "2.0"), self._pack("Birch", "1.0"), self._pack("Cedar", "1.0"), before[2]]
         self.before = {app.identifier: app for app in before}
         self.after = {app.identifier: app for app in after}
+        self.kept = self.before.keys() & self.after.keys()
+        self.data = {identifier: tree(data_folder(self.snapshot, identifier)) for identifier in self.kept}
 
     def _archive(self, name):
         return os.path.join(self.library, name + ".archive")
@@ -116,6 +152,26 @@ def data_folder(device, identifier):
     return os.path.join(device, "var/mobile/Containers/Data/Application", identifier)
 
 
+def write_data(device, identifier, files):
+    """Gives an app data: contents by path."""
+    for path, content in files.items():
+        file = os.path.join(data_folder(device, identifier), path)
+        os.makedirs(os.path.dirname(file), exist_ok=True)
+        with open(file, "wb") as opened:
+            opened.write(content)
+
+
+def tree(folder):
+    """What is below a folder: the contents of files, and None for folders, by path."""
+    found = {}
+    for above, folders, names in os.walk(folder):
+        found.update({os.path.relpath(os.path.join(above, name), folder): None for name in folders})
+        for name in names:
+            with open(os.path.join(above, name), "rb") as file:
+                found[os.path.relpath(os.path.join(above, name), folder)] = file.read()
+    return found
+
+
 def listed_apps(qrd, device):
     """The device's apps as `qrd apps` shows them, by identifier; None when it cannot, with the reason."""
     answer = run([qrd, "apps", device, "--json"])
@@ -138,17 +194,3 @@ class Resumed(Scenario):
             fetches = [line.split("\t")[0] for line in lines if line.endswith(".archive.part\n")]
         shutil.rmtree(rehearsal)
         run([tools.disturb, "--under", self.snapshot, "--kill", fetches[-1], *self.command(self.snapshot)])
-
-
-# By name: how a scenario is made, and the options of its device.
-SCENARIOS = {
-    "coordinated": (Scenario, []),
-    "own": (Scenario, ["--no-coordination"]),
-    "coordinated-resumed": (Resumed, []),
-    "own-resumed": (Resumed, ["--no-coordination"]),
-}
-
-
-def make_scenario(name, tools, folder):
-    kind, device_options = SCENARIOS[name]
-    return kind(name, tools, folder, device_options)
