@@ -1,5 +1,5 @@
 #!/usr/bin/env -S python3 -B
-"""Kills a sync at each of its changes to the device, or lets that change fail, and looks at what is left.
+"""Kills a sync or restore at each of its changes to the device, or lets that change fail, and looks at what is left.
 
 Each run starts from the same device. The sync is disturbed at one change; then every app must be there in its old
 version or its new one, whole. A plain sync follows: it must succeed, and leave the device as if nothing had happened.
