@@ -17,6 +17,8 @@ class Restore(Scenario):
     done_results = ("waits for the store", "waits for a sync", "demoted")
     # Where the list of demoted apps cannot be read there is none for the plug-in, and such an app waits for the store.
     left_out = ("read-EIO",)
+    # Of a demoted app whose coordinator cannot be made the plug-in logs that alone.
+    silent_reasons = ("The device could not prepare it; `qrd log` tells why.",)
 
     def command(self, device):
         return [self.qrd, "restore", device, "--from", self._backup, "--json"]
