@@ -39,15 +39,6 @@ class BusyApps::Retry final : public ScheduledTask {
     std::shared_ptr<ScheduledTask> _timer;
 };
 
-std::map<std::string, BusyApps::Time> BusyApps::waiting() const {
-    const std::lock_guard lock(_mutex);
-    std::map<std::string, Time> waiting;
-    for (const auto& retry : _retries) {
-        waiting[retry->identifier] = retry->time;
-    }
-    return waiting;
-}
-
 void BusyApps::cancel(std::string_view identifier) {
     {
         const std::lock_guard lock(_mutex);

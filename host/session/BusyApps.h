@@ -30,8 +30,6 @@ class BusyApps final : public HomeScreen, public Scheduler {
     BusyApps(HomeScreen& homeScreen, Scheduler& scheduler, Listener listener)
         : _homeScreen(homeScreen), _scheduler(scheduler), _listener(std::move(listener)) {}
 
-    /// When each app that waits is tried next.
-    [[nodiscard]] std::map<std::string, Time> waiting() const;
     /// A person takes an app's install back: if it waits it is tried now, and the app is not asked to end.
     void cancel(std::string_view identifier);
     /// The sync ends: who waits is tried now, and every request to end an app is answered with an unknown error, so
