@@ -68,6 +68,31 @@ CoordinatorStatePtr Coordinators::find(std::string_view identifier) const {
     return found != _states.end() ? found->second : nullptr;
 }
 
+CoordinatorStatePtr Coordinators::findOrAdd(std::string_view identifier, const std::string& kind,
+                                            KXClientIdentifier client, bool makesOne, bool& isNew, ErrorPtr* error) {
+    const std::lock_guard lock(_mutex);
+    const auto found = _states.find(identifier);
+    const bool isThere = found != _states.end() && !found->second->cancelled;
+    if (isThere && (kind == "any" || found->second->kind == kind)) {
+        return found->second;
+    }
+    if (!makesOne) {
+        return nullptr;
+    }
+    if (isThere || kind == "any") {
+        if (error != nullptr) {
+            *error = Error::make("CoordinatorInMemory", 1, {{ErrorDescriptionKey, "of another kind, or of none"}});
+        }
+        return nullptr;
+    }
+    auto state = std::make_shared<CoordinatorState>();
+    state->identifier = identifier;
+    state->kind = kind;
+    state->creator = client;
+    isNew = true;
+    return _states[state->identifier] = state;
+}
+
 KXPlaceholderPtr Factories::initAppPlaceholderWithBundleName_bundleID_installType_client(
     std::string_view bundleName, std::string_view bundleID, std::uint64_t installType,
     KXClientIdentifier client) noexcept {

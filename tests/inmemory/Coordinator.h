@@ -120,7 +120,7 @@ template <class Interface> class Coordinator : public Interface {
     bool hasAppAssetPromise() noexcept override { return _state->assetPromise != nullptr; }
     KXPromisedTransferToPathPtr appAssetPromiseWithError(ErrorPtr*) noexcept override { return _state->assetPromise; }
     bool setAppAssetPromise_error(const KXPromisedTransferToPathPtr& promise, ErrorPtr* error) noexcept override {
-        if (!_call("setAppAssetPromise", promise->description(), error)) {
+        if (!_take("setAppAssetPromise", promise, _state->assetPromise != nullptr, error)) {
             return false;
         }
         _state->assetPromise = promise;
@@ -135,8 +135,12 @@ template <class Interface> class Coordinator : public Interface {
     }
     bool cancelForReason_client_error(const ErrorPtr& reason, KXClientIdentifier client,
                                       ErrorPtr* error) noexcept override {
+        const bool isTaken = _call("cancel", reason->description() + ", client " + std::to_string(client), error);
+        if (isTaken) {
+            _state->error = reason;
+        }
         _state->cancelled = true;
-        return _call("cancel", reason->description() + ", client " + std::to_string(client), error);
+        return isTaken;
     }
     std::string description() noexcept override { return "<" + _state->kind + " " + _state->identifier + ">"; }
 
@@ -144,11 +148,22 @@ template <class Interface> class Coordinator : public Interface {
     /// Writes the call; its fault is named as in "coordinator.setInstallOptions".
     bool _call(const std::string& name, const std::string& arguments, ErrorPtr* error) {
         _context.journal.add("coordinator(" + _state->identifier + ")." + name + "(" + arguments + ")");
-        const ErrorPtr fault = _context.faults.take("coordinator." + name);
+        ErrorPtr fault = _context.faults.take("coordinator." + name);
+        if (fault == nullptr && _state->cancelled) {
+            fault = Error::make("CoordinatorInMemory", 3, {{ErrorDescriptionKey, "it has ended"}});
+        }
         if (fault != nullptr && error != nullptr) {
             *error = fault;
         }
         return fault == nullptr;
+    }
+    /// The same for a promise, of which there can be one.
+    bool _take(const std::string& name, const std::shared_ptr<KXPromise>& promise, bool hasOne, ErrorPtr* error) {
+        const bool isTaken = _call(name, promise != nullptr ? promise->description() : "(null)", error);
+        if (isTaken && (promise == nullptr || hasOne) && error != nullptr) {
+            *error = Error::make("CoordinatorInMemory", 2, {{ErrorDescriptionKey, "null, or there is one already"}});
+        }
+        return isTaken && promise != nullptr && !hasOne;
     }
     static std::string _optionsText(const TVInstallOptions& options) {
         return "metadata " +
@@ -167,7 +182,9 @@ template <class Interface> class RestoringCoordinator : public Coordinator<Inter
     using Coordinator<Interface>::Coordinator;
     bool hasUserDataPromise() noexcept override { return this->_state->hasUserDataPromise; }
     bool setUserDataPromise_error(const KXPromisedOutOfBandTransferPtr& promise, ErrorPtr* error) noexcept override {
-        return this->_state->hasUserDataPromise = this->_call("setUserDataPromise", promise->description(), error);
+        const bool isTaken = this->_take("setUserDataPromise", promise, this->_state->hasUserDataPromise, error);
+        this->_state->hasUserDataPromise = this->_state->hasUserDataPromise || isTaken;
+        return isTaken;
     }
 };
 
@@ -231,8 +248,12 @@ class Coordinators {
 
     /// Adds a coordinator as if it had been made before, and gives its state to the test.
     CoordinatorStatePtr add(std::string identifier, std::string kind = "initiating");
-    /// The state of an app's coordinator; null when there is none.
+    /// The state of an app's coordinator, one that was cancelled included; null when there is none.
     [[nodiscard]] CoordinatorStatePtr find(std::string_view identifier) const;
+    /// What a lookup of a kind finds, or makes: a coordinator of that kind that has not ended. "any" finds every kind
+    /// and makes none.
+    CoordinatorStatePtr findOrAdd(std::string_view identifier, const std::string& kind, KXClientIdentifier client,
+                                  bool makesOne, bool& isNew, ErrorPtr* error);
 
     AnyCoordinatorLookup any;
     CoordinatorLookup<KXInitiatingAppInstallCoordinator, Coordinator<KXInitiatingAppInstallCoordinator>> initiating;
@@ -263,13 +284,10 @@ std::shared_ptr<Interface> CoordinatorLookup<Interface, Implementation, Base>::
                        error)) {
         return nullptr;
     }
-    CoordinatorStatePtr state = _all.find(bundleID);
-    if (state == nullptr && createIfNotExisting) {
-        state = _all.add(std::string(bundleID), _kind);
-        state->creator = client;
-        if (created != nullptr) {
-            *created = true;
-        }
+    bool isNew = false;
+    const CoordinatorStatePtr state = _all.findOrAdd(bundleID, _kind, client, createIfNotExisting, isNew, error);
+    if (created != nullptr) {
+        *created = isNew;
     }
     return state != nullptr ? std::make_shared<Implementation>(_context, state) : nullptr;
 }

@@ -3,13 +3,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <sstream>
+#include <vector>
 
 namespace appsync::inmemory {
 
 namespace {
 
-ErrorPtr posix(int number, std::string_view path) {
-    return Error::make(PosixErrorDomain, number, {{ErrorPathKey, path}});
+bool report(int failed, std::string_view path, ErrorPtr* error) {
+    if (failed != 0 && error != nullptr) {
+        *error = Error::make(PosixErrorDomain, failed, {{ErrorPathKey, path}});
+    }
+    return failed == 0;
 }
 
 bool isBelow(std::string_view path, std::string_view folder) {
@@ -37,17 +42,8 @@ bool Files::createDirectory(std::string_view path, bool withIntermediateDirector
         return false;
     }
     const std::lock_guard lock(_mutex);
-    if (!withIntermediateDirectories && _exists(path)) {
-        if (error != nullptr) {
-            *error = posix(EEXIST, path);
-        }
+    if (!report(_createDirectory(path, withIntermediateDirectories), path, error)) {
         return false;
-    }
-    if (!withIntermediateDirectories && _missing(parentOf(path), error)) {
-        return false;
-    }
-    for (std::string folder(path); folder != "/"; folder = parentOf(folder)) {
-        _folders.insert(folder);
     }
     if (error != nullptr && complaintOfCreateDirectory != nullptr) {
         *error = complaintOfCreateDirectory;
@@ -55,16 +51,33 @@ bool Files::createDirectory(std::string_view path, bool withIntermediateDirector
     return true;
 }
 
+int Files::_createDirectory(std::string_view path, bool withIntermediateDirectories) {
+    std::string place;
+    if (const int failed = _resolve(path, place)) {
+        return failed;
+    }
+    if (_exists(place)) {
+        return withIntermediateDirectories && _folders.contains(place) ? 0 : EEXIST;
+    }
+    const int failed = _checkFolder(parentOf(place));
+    if (failed != 0 && (failed != ENOENT || !withIntermediateDirectories)) {
+        return failed;
+    }
+    _addFolders(place);
+    return 0;
+}
+
 bool Files::removeItem(std::string_view path, ErrorPtr* error) noexcept {
     if (_context.fails("files.removeItem", std::string(path), error)) {
         return false;
     }
     const std::lock_guard lock(_mutex);
-    if (_missing(path, error)) {
+    std::string place;
+    if (!report(_find(path, place), path, error)) {
         return false;
     }
-    std::erase_if(_files, [&](const auto& file) { return file.first == path || isBelow(file.first, path); });
-    std::erase_if(_folders, [&](const auto& folder) { return folder == path || isBelow(folder, path); });
+    std::erase_if(_files, [&](const auto& file) { return file.first == place || isBelow(file.first, place); });
+    std::erase_if(_folders, [&](const auto& folder) { return folder == place || isBelow(folder, place); });
     return true;
 }
 
@@ -73,17 +86,20 @@ bool Files::moveItem(std::string_view from, std::string_view to, ErrorPtr* error
         return false;
     }
     const std::lock_guard lock(_mutex);
-    if (_missing(from, error)) {
+    std::string source;
+    std::string target;
+    if (!report(_find(from, source), from, error) || !report(_findPlace(to, target), to, error) ||
+        !report(_exists(target) ? EEXIST : 0, to, error)) {
         return false;
     }
-    const auto moved = [&](const std::string& path) { return std::string(to) + path.substr(from.size()); };
+    const auto moved = [&](const std::string& path) { return target + path.substr(source.size()); };
     std::map<std::string, std::string, std::less<>> files;
     for (auto& [path, bytes] : _files) {
-        files[path == from || isBelow(path, from) ? moved(path) : path] = std::move(bytes);
+        files[path == source || isBelow(path, source) ? moved(path) : path] = std::move(bytes);
     }
     std::set<std::string, std::less<>> folders;
     for (const std::string& path : _folders) {
-        folders.insert(path == from || isBelow(path, from) ? moved(path) : path);
+        folders.insert(path == source || isBelow(path, source) ? moved(path) : path);
     }
     _files = std::move(files);
     _folders = std::move(folders);
@@ -95,13 +111,11 @@ bool Files::copyItem(std::string_view from, std::string_view to, ErrorPtr* error
         return false;
     }
     const std::lock_guard lock(_mutex);
-    const auto file = _files.find(from);
-    if (file == _files.end()) {
-        _missing(from, error);
+    std::string source;
+    if (!report(_findFile(from, source), from, error)) {
         return false;
     }
-    _files[std::string(to)] = file->second;
-    return true;
+    return report(_write(to, std::string(_files.find(source)->second)), to, error);
 }
 
 bool Files::fileExists(std::string_view path) noexcept {
@@ -114,30 +128,27 @@ std::optional<Data> Files::readFile(std::string_view path, ErrorPtr* error) noex
         return std::nullopt;
     }
     const std::lock_guard lock(_mutex);
-    const auto file = _files.find(path);
-    if (file == _files.end()) {
-        if (error != nullptr) {
-            *error = posix(ENOENT, path);
-        }
+    std::string place;
+    if (!report(_findFile(path, place), path, error)) {
         return std::nullopt;
     }
-    return Data(file->second);
+    return Data(_files.find(place)->second);
 }
 
 bool Files::writeFileAtomically(std::string_view path, std::string_view bytes, ErrorPtr* error) noexcept {
     if (_context.fails("files.writeFileAtomically", std::string(path), error)) {
         return false;
     }
-    put(path, bytes);
-    return true;
+    const std::lock_guard lock(_mutex);
+    return report(_write(path, std::string(bytes)), path, error);
 }
 
 bool Files::createFile(std::string_view path, std::string_view bytes, const FileAttributes& attributes) noexcept {
     if (_context.fails("files.createFile", std::string(path) + attributesText(attributes), nullptr)) {
         return false;
     }
-    put(path, bytes);
-    return true;
+    const std::lock_guard lock(_mutex);
+    return _write(path, std::string(bytes)) == 0;
 }
 
 std::optional<FileInformation> Files::attributesOfItem(std::string_view path, ErrorPtr* error) noexcept {
@@ -145,12 +156,12 @@ std::optional<FileInformation> Files::attributesOfItem(std::string_view path, Er
         return std::nullopt;
     }
     const std::lock_guard lock(_mutex);
-    const auto file = _files.find(path);
-    if (file == _files.end()) {
-        _missing(path, error);
+    std::string place;
+    if (!report(_find(path, place), path, error)) {
         return std::nullopt;
     }
-    return FileInformation{file->second.size()};
+    const auto file = _files.find(place);
+    return FileInformation{file != _files.end() ? file->second.size() : 0};
 }
 
 int Files::utimes(std::string_view path) noexcept {
@@ -165,9 +176,7 @@ std::string Files::errorText(int errorNumber) noexcept {
 void Files::put(std::string_view path, std::string_view bytes) {
     const std::lock_guard lock(_mutex);
     _files[std::string(path)] = bytes;
-    for (std::string folder = parentOf(path); folder != "/"; folder = parentOf(folder)) {
-        _folders.insert(folder);
-    }
+    _addFolders(parentOf(path));
 }
 
 void Files::putPlist(std::string_view path, const Value& value) {
@@ -176,9 +185,7 @@ void Files::putPlist(std::string_view path, const Value& value) {
 
 void Files::putFolder(std::string_view path) {
     const std::lock_guard lock(_mutex);
-    for (std::string folder(path); folder != "/"; folder = parentOf(folder)) {
-        _folders.insert(folder);
-    }
+    _addFolders(path);
 }
 
 std::optional<std::string> Files::bytesAt(std::string_view path) const {
@@ -194,7 +201,13 @@ std::optional<Value> Files::plistAt(std::string_view path) const {
 
 bool Files::exists(std::string_view path) const {
     const std::lock_guard lock(_mutex);
-    return _exists(path);
+    std::string place;
+    return _find(path, place) == 0;
+}
+
+bool Files::hasFolder(std::string_view path) const {
+    const std::lock_guard lock(_mutex);
+    return _folders.contains(path);
 }
 
 std::set<std::string> Files::paths() const {
@@ -210,14 +223,84 @@ bool Files::_exists(std::string_view path) const {
     return _files.contains(path) || _folders.contains(path);
 }
 
-bool Files::_missing(std::string_view path, ErrorPtr* error) const {
-    if (_exists(path)) {
-        return false;
+int Files::_resolve(std::string_view path, std::string& place) const {
+    if (!path.starts_with('/') || path.find('\0') != std::string_view::npos) {
+        return EINVAL;
     }
-    if (error != nullptr) {
-        *error = posix(ENOENT, path);
+    if (path.find("/.") == std::string_view::npos) {
+        place = path;
+        return 0;
     }
-    return true;
+    std::vector<std::string> names;
+    const auto joined = [&] {
+        std::string text;
+        for (const std::string& name : names) {
+            text += "/" + name;
+        }
+        return text.empty() ? "/" : text;
+    };
+    std::istringstream rest{std::string(path)};
+    for (std::string name; std::getline(rest, name, '/');) {
+        if (name != "..") {
+            if (!name.empty() && name != ".") {
+                names.push_back(name);
+            }
+            continue;
+        }
+        if (const int failed = _checkFolder(joined())) {
+            return failed;
+        }
+        if (!names.empty()) { // above the top is the top
+            names.pop_back();
+        }
+    }
+    place = joined();
+    return 0;
+}
+
+int Files::_find(std::string_view path, std::string& place) const {
+    const int failed = _resolve(path, place);
+    return failed != 0 ? failed : _exists(place) ? 0 : ENOENT;
+}
+
+int Files::_findFile(std::string_view path, std::string& place) const {
+    const int failed = _find(path, place);
+    return failed != 0 ? failed : _folders.contains(place) ? EISDIR : 0;
+}
+
+int Files::_findPlace(std::string_view path, std::string& place) const {
+    const int failed = _resolve(path, place);
+    return failed != 0 ? failed : _checkFolder(parentOf(place));
+}
+
+int Files::_checkFolder(std::string_view folder) const {
+    if (_folders.contains(folder)) {
+        return 0;
+    }
+    for (std::string above(folder); above != "/"; above = parentOf(above)) {
+        if (_files.contains(above)) {
+            return ENOTDIR;
+        }
+    }
+    return ENOENT;
+}
+
+int Files::_write(std::string_view path, std::string bytes) {
+    std::string place;
+    if (const int failed = _findPlace(path, place)) {
+        return failed;
+    }
+    if (_folders.contains(place)) {
+        return EISDIR;
+    }
+    _files[place] = std::move(bytes);
+    return 0;
+}
+
+void Files::_addFolders(std::string_view path) {
+    for (std::string folder(path); folder != "/"; folder = parentOf(folder)) {
+        _folders.insert(folder);
+    }
 }
 
 std::optional<Value> PropertyLists::propertyListWithData(std::string_view bytes, ErrorPtr* error) noexcept {

@@ -15,8 +15,8 @@
 
 namespace appsync::inmemory {
 
-/// Files and folders by path. The root folder "/" and "/tmp" are there from the start; a folder that a file stands in
-/// counts as existing.
+/// Files and folders by path; it has no links. The folders of a device on which a sync has run are there from the
+/// start.
 class Files final : public FileSystem {
   public:
     explicit Files(Context& context) : _context(context) {}
@@ -47,16 +47,34 @@ class Files final : public FileSystem {
     /// The property list at a path; nothing when there is none.
     [[nodiscard]] std::optional<Value> plistAt(std::string_view path) const;
     [[nodiscard]] bool exists(std::string_view path) const;
+    [[nodiscard]] bool hasFolder(std::string_view path) const;
     [[nodiscard]] std::set<std::string> paths() const;
 
   private:
     [[nodiscard]] bool _exists(std::string_view path) const;
-    bool _missing(std::string_view path, ErrorPtr* error) const;
+
+    // Each answers zero or an errno number; `place` is the path without "." and "..".
+    int _resolve(std::string_view path, std::string& place) const;
+    int _find(std::string_view path, std::string& place) const;
+    int _findFile(std::string_view path, std::string& place) const;
+    int _findPlace(std::string_view path, std::string& place) const;
+    int _checkFolder(std::string_view folder) const;
+    int _createDirectory(std::string_view path, bool withIntermediateDirectories);
+    int _write(std::string_view path, std::string bytes);
+    void _addFolders(std::string_view path);
 
     Context& _context;
     mutable std::mutex _mutex;
     std::map<std::string, std::string, std::less<>> _files;
-    std::set<std::string, std::less<>> _folders{"/", "/tmp"};
+    std::set<std::string, std::less<>> _folders{"/",
+                                                "/tmp",
+                                                "/var",
+                                                "/var/mobile",
+                                                "/var/mobile/Library",
+                                                "/var/mobile/Library/ApplicationSync",
+                                                "/var/mobile/Library/Logs",
+                                                "/var/mobile/Library/Logs/MediaServices",
+                                                "/var/mobile/Media"};
 };
 
 /// The real codec behind a journal: "plist.parse()" and "plist.serialise(binary)".

@@ -10,9 +10,11 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,16 +32,26 @@ class Screen final : public HomeScreen {
     SKSApplicationTerminationAssertionCreateWithError(std::string_view bundleIdentifier, std::uint32_t reason,
                                                       std::uint8_t* errorCode) noexcept override;
 
-    /// The bytes of the icon order; nothing when the home screen has no answer.
+    /// The bytes of the icon order; nothing when the home screen has no answer. A layout of identifiers or of pages of
+    /// them replaces it.
     std::optional<std::string> iconOrder;
-    /// What the next requests for an assertion are answered; when it runs out, "granted".
+    /// What the next requests for an assertion are answered; when it runs out, the running apps count.
     std::deque<std::uint8_t> assertionAnswers;
+    /// The apps that run, and whether they are busy; nothing: every app runs and is not busy.
+    std::optional<std::map<std::string, bool, std::less<>>> runningApps;
+    /// Has an app run; false when an assertion keeps it from that.
+    bool start(const std::string& identifier, bool busy);
+    [[nodiscard]] bool isRunning(std::string_view identifier);
     /// Runs within each request for an assertion, on the caller's thread.
     std::function<void()> beforeAssertion = [] {};
 
   private:
+    class Assertion;
+    std::uint8_t _answer(std::string_view identifier);
+
     Context& _context;
     std::mutex _mutex;
+    std::multiset<std::string, std::less<>> _held;
 };
 
 class NoticeService final : public NotificationService {
@@ -49,8 +61,21 @@ class NoticeService final : public NotificationService {
     std::uint32_t notify_set_state(int token, std::uint64_t state) noexcept override;
     std::uint32_t notify_post(std::string_view name) noexcept override;
 
+    [[nodiscard]] std::uint64_t stateOf(std::string_view name) const;
+    [[nodiscard]] std::uint64_t postsOf(std::string_view name) const;
+
   private:
+    struct Name {
+        std::string name;
+        std::uint64_t state = 0;
+        std::uint64_t posts = 0;
+    };
+    std::size_t _indexOf(std::string_view name);
+    [[nodiscard]] Name _find(std::string_view name) const;
+
     Context& _context;
+    mutable std::mutex _mutex;
+    std::vector<Name> _names;
 };
 
 class Center final : public NotificationCenter {
@@ -59,17 +84,21 @@ class Center final : public NotificationCenter {
     void addObserver(void* observer, NotificationCallback callback, std::string_view name, const void* object,
                      NotificationSuspensionBehavior suspensionBehavior) noexcept override;
     void removeObserver(void* observer, std::string_view name) noexcept override;
-    /// Calls the observers of a name on the caller's thread.
-    void post(std::string_view name);
+    /// Calls the observers of a name on the caller's thread, which is the center's then.
+    void post(std::string_view name, const void* object = nullptr, const Dictionary* userInfo = nullptr);
 
   private:
-    struct Observer {
-        void* object;
+    struct Observation {
+        void* observer;
         NotificationCallback callback;
         std::string name;
+        const void* object; // null: whoever posts
+        bool isRemoved = false;
+        std::recursive_mutex calling; // held during a call, which may remove its own observer
     };
     Context& _context;
-    std::vector<Observer> _observers;
+    std::mutex _mutex;
+    std::vector<std::shared_ptr<Observation>> _observations;
 };
 
 /// Bundles of the in-memory files; an image is the name of its bundle, and its encoding is "PNG of " with that name.

@@ -1,6 +1,8 @@
 #include "tests/inmemory/HostServices.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <thread>
 #include <utility>
 
 namespace appsync::inmemory {
@@ -97,19 +99,41 @@ class Clock::Task final : public ScheduledTask {
   public:
     Task(std::chrono::milliseconds time, std::function<void()> work) : due(time), _work(std::move(work)) {}
     bool cancel() noexcept override {
-        const std::lock_guard lock(_running); // waits while the task runs
-        return std::exchange(_work, nullptr) != nullptr;
+        std::function<void()> dropped;
+        std::unique_lock lock(_mutex);
+        if (_state == State::waiting) {
+            _state = State::cancelled;
+            dropped = std::exchange(_work, nullptr);
+        }
+        if (_state != State::cancelled && _runner != std::this_thread::get_id()) {
+            _hasEnded.wait(lock, [this] { return _state == State::ended; });
+        }
+        return _state == State::cancelled;
     }
     void run() {
-        const std::lock_guard lock(_running);
-        if (const auto work = std::exchange(_work, nullptr)) {
-            work();
+        std::unique_lock lock(_mutex);
+        if (_state != State::waiting) {
+            return;
         }
+        _state = State::running;
+        _runner = std::this_thread::get_id();
+        auto work = std::exchange(_work, nullptr);
+        lock.unlock();
+        work();
+        work = nullptr;
+        lock.lock();
+        _state = State::ended;
+        _runner = {};
+        _hasEnded.notify_all();
     }
     const std::chrono::milliseconds due;
 
   private:
-    std::mutex _running;
+    enum class State { waiting, running, ended, cancelled };
+    std::mutex _mutex;
+    std::condition_variable _hasEnded;
+    State _state = State::waiting;
+    std::thread::id _runner;
     std::function<void()> _work;
 };
 
@@ -120,17 +144,17 @@ std::shared_ptr<ScheduledTask> Clock::runAfter(std::chrono::milliseconds delay, 
     return _tasks.back();
 }
 
-void Clock::advance(std::chrono::milliseconds by) {
-    std::chrono::milliseconds until;
-    {
-        const std::lock_guard lock(_mutex);
-        until = _now + by;
-    }
-    while (const auto task = _nextDue(until)) {
+void Clock::advanceTo(std::chrono::milliseconds time) {
+    while (const auto task = _nextDue(time)) {
         task->run();
     }
     const std::lock_guard lock(_mutex);
-    _now = until;
+    _now = std::max(_now, time);
+}
+
+std::chrono::milliseconds Clock::now() const {
+    const std::lock_guard lock(_mutex);
+    return _now;
 }
 
 std::shared_ptr<Clock::Task> Clock::_nextDue(std::chrono::milliseconds until) {
@@ -140,7 +164,7 @@ std::shared_ptr<Clock::Task> Clock::_nextDue(std::chrono::milliseconds until) {
         return nullptr;
     }
     auto task = *next;
-    _now = task->due;
+    _now = std::max(_now, task->due);
     _tasks.erase(next);
     return task;
 }

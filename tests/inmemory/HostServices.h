@@ -101,7 +101,10 @@ class Clock final : public Scheduler {
     std::shared_ptr<ScheduledTask> runAfter(std::chrono::milliseconds delay,
                                             std::function<void()> task) noexcept override;
     /// Lets time pass and runs what has become due, in the order of their times, on the caller's thread.
-    void advance(std::chrono::milliseconds by);
+    void advance(std::chrono::milliseconds by) { advanceTo(now() + by); }
+    /// The same up to a point in time. Several threads that do so share the tasks.
+    void advanceTo(std::chrono::milliseconds time);
+    [[nodiscard]] std::chrono::milliseconds now() const;
     [[nodiscard]] std::size_t pending() const;
 
   private:

@@ -1,5 +1,7 @@
 #include "tests/inmemory/Registry.h"
 
+#include "platform/InstallationService.h"
+
 #include <algorithm>
 
 namespace appsync::inmemory {
@@ -11,6 +13,7 @@ std::uint64_t Progress::installState() noexcept {
 void Progress::setInstallState(std::uint64_t newState) noexcept {
     state = newState;
     _record("setInstallState", static_cast<std::int64_t>(newState));
+    changed();
 }
 
 std::uint64_t Progress::installPhase() noexcept {
@@ -39,6 +42,7 @@ void Progress::setCompletedUnitCount(std::int64_t units) noexcept {
 void Progress::cancel() noexcept {
     state = PDInstallStateCanceled;
     _context.journal.add("progress(" + _identifier + ").cancel()");
+    changed();
 }
 
 void Progress::_record(std::string_view setter, std::int64_t value) {
@@ -46,8 +50,9 @@ void Progress::_record(std::string_view setter, std::int64_t value) {
 }
 
 Registry::~Registry() {
-    for (std::thread& report : _reports) {
-        report.join();
+    _reports.stop();
+    for (std::thread& answer : _answers) {
+        answer.join();
     }
 }
 
@@ -64,31 +69,116 @@ PDApplicationProxyPtr Registry::applicationProxyForIdentifier_placeholder(std::s
 
 void Registry::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
     _context.call("registry.addObserver");
-    const std::lock_guard lock(_mutex);
-    _observers.push_back(observer);
-    if (dynamic_cast<PDApplicationWorkspaceObserver*>(observer) == nullptr || !answersQueries) {
-        return;
+    auto observation = std::make_shared<Observation>();
+    observation->observer = observer;
+    {
+        const std::lock_guard lock(_mutex);
+        _observations.push_back(std::move(observation));
+        auto* query = dynamic_cast<PDApplicationWorkspaceObserver*>(observer);
+        if (query != nullptr && answersQueries && !reportsChanges) {
+            _answerQuery(query);
+        }
     }
-    _reports.emplace_back([this, observer] {
+    _reportChange();
+}
+
+void Registry::_answerQuery(PDApplicationWorkspaceObserver* query) {
+    _answers.emplace_back([this, query] {
         // Reported once the query waits, so that the journal has one order.
         _context.journal.waitFor("log: Waiting for -applicationInstallsArePrioritized:arePaused: to complete...");
-        observer->applicationInstallsArePrioritized_arePaused(prioritized, paused);
+        query->applicationInstallsArePrioritized_arePaused(prioritized, paused);
     });
 }
 
 void Registry::removeObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
     _context.call("registry.removeObserver");
-    std::vector<std::thread> reports;
+    std::vector<std::thread> answers;
+    std::vector<ObservationPtr> removed;
     {
         const std::lock_guard lock(_mutex);
-        std::erase(_observers, observer);
+        std::erase_if(_observations, [&](const ObservationPtr& each) {
+            if (each->observer == observer) {
+                removed.push_back(each);
+            }
+            return each->observer == observer;
+        });
         if (dynamic_cast<PDApplicationWorkspaceObserver*>(observer) != nullptr) {
-            reports.swap(_reports);
+            answers.swap(_answers);
         }
     }
-    for (std::thread& report : reports) {
-        report.join();
+    for (const ObservationPtr& each : removed) {
+        const std::lock_guard lock(each->calling); // waits for a running call
+        each->isRemoved = true;
     }
+    for (std::thread& answer : answers) {
+        answer.join();
+    }
+}
+
+/// Tells every observer that has not been told so what is under way now.
+void Registry::_reportChange() {
+    if (!reportsChanges) {
+        return;
+    }
+    _reports.addOperation([this] {
+        for (const ObservationPtr& each : _observationList()) {
+            const auto lists = _underWay();
+            const std::lock_guard lock(each->calling);
+            if (!each->isRemoved && each->told != lists) {
+                each->told = lists;
+                each->observer->applicationInstallsArePrioritized_arePaused(lists.first, lists.second);
+            }
+        }
+    });
+}
+
+std::vector<Registry::ObservationPtr> Registry::_observationList() const {
+    const std::lock_guard lock(_mutex);
+    return _observations;
+}
+
+std::pair<PDApplicationProxies, PDApplicationProxies> Registry::_underWay() const {
+    std::pair<PDApplicationProxies, PDApplicationProxies> lists;
+    const std::lock_guard lock(_mutex);
+    for (const ApplicationPtr& application : _applications) {
+        const std::uint64_t state = application->progress != nullptr ? application->progress->state.load() : 0;
+        if (application->progress == nullptr) {
+            continue;
+        }
+        if (state == PDInstallStateWaiting || state == PDInstallStateActive) {
+            lists.first.push_back(application);
+        } else if (state == PDInstallStatePaused) {
+            lists.second.push_back(application);
+        }
+    }
+    return lists;
+}
+
+void Registry::remove(std::string_view identifier) {
+    const std::lock_guard lock(_mutex);
+    std::erase_if(_applications, [&](const auto& application) { return application->identifier == identifier; });
+}
+
+void Registry::cancelInstall(std::string_view identifier) {
+    const auto application = find(identifier, true);
+    if (application == nullptr) {
+        return;
+    }
+    if (application->progress != nullptr) {
+        application->progress->cancel();
+    }
+    {
+        const std::lock_guard lock(_mutex);
+        std::erase(_applications, application);
+    }
+    _reports.addOperation([this, application] {
+        for (const ObservationPtr& each : _observationList()) {
+            const std::lock_guard lock(each->calling);
+            if (!each->isRemoved) {
+                each->observer->applicationInstallsDidCancel({application});
+            }
+        }
+    });
 }
 
 bool Registry::applicationIsInstalled(std::string_view bundleIdentifier) noexcept {
@@ -102,13 +192,7 @@ bool Registry::installApplication_withOptions_error(const FileURL& url, const Di
     if (_context.fails("registry.installApplication", url.description() + ", " + Value(options).description(), error)) {
         return false;
     }
-    const std::string identifier(options.string(PDBundleIdentifierKey).value_or(""));
-    const std::lock_guard lock(_mutex);
-    std::erase_if(_applications, [&](const auto& application) { return application->identifier == identifier; });
-    auto application = std::make_shared<Application>();
-    application->identifier = identifier;
-    _applications.push_back(std::move(application));
-    return true;
+    return _install(url, options, error);
 }
 
 bool Registry::installApplication_withOptions(const FileURL& url, const Dictionary& options) noexcept {
@@ -116,10 +200,32 @@ bool Registry::installApplication_withOptions(const FileURL& url, const Dictiona
                        nullptr)) {
         return false;
     }
-    const Value* type = options.find(PDInstallTypeKey);
-    const auto placeholder = addPlaceholder(std::string(options.string(PDBundleIdentifierKey).value_or("")),
-                                            type != nullptr ? type->unsignedInteger().value_or(0) : 0);
-    placeholder->bundlePath = url.path();
+    return _install(url, options, nullptr);
+}
+
+bool Registry::_install(const FileURL& url, const Dictionary& options, ErrorPtr* error) {
+    const auto package = options.string(PDPackageTypeKey);
+    const std::string identifier(options.string(PDBundleIdentifierKey).value_or(""));
+    const bool isPlaceholder = package == PDPackageTypePlaceholder;
+    if (identifier.empty() || (!isPlaceholder && package != PDPackageTypeCustomer)) {
+        if (error != nullptr) {
+            *error = Error::make(TVInstallerErrorDomain, 1, {{ErrorDescriptionKey, "no package type or identifier"}});
+        }
+        return false;
+    }
+    {
+        const std::lock_guard lock(_mutex);
+        std::erase_if(_applications, [&](const auto& application) {
+            return application->identifier == identifier && (application->placeholder || !isPlaceholder);
+        });
+        const ApplicationPtr application = _add(identifier, isPlaceholder);
+        const Value* type = options.find(PDInstallTypeKey);
+        application->type = type != nullptr ? type->unsignedInteger().value_or(0) : 0;
+        if (isPlaceholder) {
+            application->bundlePath = url.path();
+        }
+    }
+    _reportChange();
     return true;
 }
 
@@ -140,12 +246,40 @@ bool Registry::uninstallApplication_withOptions(std::string_view bundleIdentifie
 FNProgressPtr Registry::installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
                                                                 std::uint64_t phase) noexcept {
     _context.call("registry.installProgressForApplication",
-                  application->applicationIdentifier() + ", phase " + std::to_string(phase));
-    return application->installProgressSync();
+                  (application != nullptr ? application->applicationIdentifier() : "(null)") + ", phase " +
+                      std::to_string(phase));
+    if (application == nullptr) {
+        return nullptr;
+    }
+    const auto waiting = makesProgress ? find(application->bundleIdentifier(), true) : nullptr;
+    if (waiting == nullptr || waiting->progress != nullptr) {
+        return application->installProgressSync();
+    }
+    const auto progress = addProgress(waiting, PDInstallStateWaiting, phase);
+    _reportChange();
+    return progress;
 }
 
 void Registry::installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept {
-    _context.call("registry.installPhaseFinishedForProgress", progress->description());
+    _context.call("registry.installPhaseFinishedForProgress", progress != nullptr ? progress->description() : "(null)");
+    const auto ended = std::dynamic_pointer_cast<Progress>(progress);
+    if (ended == nullptr || !makesProgress) {
+        return;
+    }
+    const bool isFinal = ended->state >= PDInstallStateCanceled;
+    if (ended->phase == PDInstallPhaseLoading && !isFinal) {
+        ended->phase = PDInstallPhaseInstalling;
+        return;
+    }
+    {
+        const std::lock_guard lock(_mutex);
+        for (const ApplicationPtr& application : _applications) {
+            if (application->progress == ended) {
+                application->progress = nullptr;
+            }
+        }
+    }
+    _reportChange();
 }
 
 void Registry::enumerateBundlesOfType_block(
@@ -159,29 +293,49 @@ void Registry::enumerateBundlesOfType_block(
     bool stop = false;
     for (const ApplicationPtr& application : applications) {
         const bool isSystem = application->kind == "System";
-        const bool selected = type == PDBundleTypeAll || (type == PDBundleTypeSystem) == isSystem;
-        if (selected && !stop) {
+        // On the home screen an app has one icon, whether or not an update of it is under way.
+        const bool isShownAlready = application->placeholder && find(application->identifier, false) != nullptr &&
+                                    !application->answersForInstalled;
+        const bool selected = type == PDBundleTypeAll || (type == PDBundleTypeSystem && isSystem) ||
+                              (type == PDBundleTypeInstalled && !isSystem && !isShownAlready);
+        if (!selected || stop) {
+            continue;
+        }
+        const bool isApart =
+            listsRestoresApart && application->placeholder && application->type == PDInstallTypeRestore;
+        if (isApart) {
+            const auto listed = std::make_shared<Application>(*application);
+            listed->registeredAs = "restore." + application->identifier;
+            block(listed, stop);
+        } else {
             block(application, stop);
         }
     }
 }
 
 ApplicationPtr Registry::addInstalled(std::string identifier, std::string version) {
-    auto application = std::make_shared<Application>();
-    application->containerPath = "/var/containers/" + identifier;
-    application->bundlePath = application->containerPath + "/App.app";
-    application->identifier = std::move(identifier);
-    application->version = std::move(version);
     const std::lock_guard lock(_mutex);
-    _applications.push_back(application);
+    const auto application = _add(std::move(identifier), false);
+    application->version = std::move(version);
     return application;
 }
 
 ApplicationPtr Registry::addPlaceholder(std::string identifier, std::uint64_t installType) {
-    auto application = addInstalled(std::move(identifier));
-    application->installed = false;
-    application->placeholder = true;
+    const std::lock_guard lock(_mutex);
+    const auto application = _add(std::move(identifier), true);
     application->type = installType;
+    return application;
+}
+
+ApplicationPtr Registry::_add(std::string identifier, bool isPlaceholder) {
+    auto application = std::make_shared<Application>();
+    application->containerPath = "/var/containers/" + identifier;
+    application->bundlePath = application->containerPath + "/App.app";
+    application->identifier = std::move(identifier);
+    application->version = "1.0";
+    application->installed = !isPlaceholder;
+    application->placeholder = isPlaceholder;
+    _applications.push_back(application);
     return application;
 }
 
@@ -190,6 +344,8 @@ std::shared_ptr<Progress> Registry::addProgress(const ApplicationPtr& applicatio
     auto progress = std::make_shared<Progress>(_context, application->identifier);
     progress->state = state;
     progress->phase = phase;
+    progress->changed = [this] { _reportChange(); };
+    const std::lock_guard lock(_mutex);
     application->progress = progress;
     return progress;
 }
@@ -200,8 +356,11 @@ ApplicationPtr Registry::find(std::string_view identifier, bool placeholder) con
 }
 
 std::vector<PDApplicationWorkspaceObserverProtocol*> Registry::observers() const {
-    const std::lock_guard lock(_mutex);
-    return _observers;
+    std::vector<PDApplicationWorkspaceObserverProtocol*> observers;
+    for (const ObservationPtr& each : _observationList()) {
+        observers.push_back(each->observer);
+    }
+    return observers;
 }
 
 ApplicationPtr Registry::_find(std::string_view identifier, bool placeholder) const {

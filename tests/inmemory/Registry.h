@@ -1,10 +1,12 @@
 // The application registry in memory.
 #pragma once
 
+#include "concurrency/OperationQueue.h"
 #include "platform/ApplicationRegistry.h"
 #include "tests/inmemory/Context.h"
 
-#include <map>
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -28,10 +30,12 @@ class Progress final : public FNProgress {
     void cancel() noexcept override;
     std::string description() noexcept override { return "<progress " + _identifier + ">"; }
 
-    std::uint64_t state = 0;
-    std::uint64_t phase = 0;
-    std::int64_t total = 0;
-    std::int64_t completed = 0;
+    std::atomic<std::uint64_t> state = 0;
+    std::atomic<std::uint64_t> phase = 0;
+    std::atomic<std::int64_t> total = 0;
+    std::atomic<std::int64_t> completed = 0;
+    /// Runs when the state has changed.
+    std::function<void()> changed = [] {};
 
   private:
     void _record(std::string_view setter, std::int64_t value);
@@ -75,7 +79,8 @@ struct Application final : PDApplicationProxy {
 };
 using ApplicationPtr = std::shared_ptr<Application>;
 
-/// Delivers the first report to an `InProgressAssetQuery` from a thread of its own, once the query waits for it.
+/// Tells a query once what is under way, from a thread of its own and when the query waits for it, so that the journal
+/// has one order; with `reportsChanges` it tells every observer, from the first moment on.
 class Registry final : public PDApplicationWorkspace,
                        public PDApplicationWorkspaceClass,
                        public PDApplicationProxyClass {
@@ -108,7 +113,16 @@ class Registry final : public PDApplicationWorkspace,
     std::shared_ptr<Progress> addProgress(const ApplicationPtr& application, std::uint64_t state, std::uint64_t phase);
     [[nodiscard]] ApplicationPtr find(std::string_view identifier, bool placeholder) const;
     [[nodiscard]] std::vector<PDApplicationWorkspaceObserverProtocol*> observers() const;
+    /// What a person does on the home screen.
+    void remove(std::string_view identifier);
+    void cancelInstall(std::string_view identifier);
 
+    /// Whether an app that waits gets a progress object when it is asked for; otherwise only `addProgress` makes one.
+    bool makesProgress = false;
+    /// Whether observers are told of the installs under way and of cancels, on the registry's thread.
+    bool reportsChanges = false;
+    /// Whether a restore's placeholder is listed under an application identifier of its own.
+    bool listsRestoresApart = false;
     /// Whether a query is ever answered.
     bool answersQueries = true;
     /// The lists of the first report; null proxies are allowed in neither.
@@ -116,13 +130,28 @@ class Registry final : public PDApplicationWorkspace,
     PDApplicationProxies paused;
 
   private:
+    struct Observation {
+        PDApplicationWorkspaceObserverProtocol* observer;
+        std::mutex calling; // held during a call; guards the rest
+        bool isRemoved = false;
+        std::optional<std::pair<PDApplicationProxies, PDApplicationProxies>> told;
+    };
+    using ObservationPtr = std::shared_ptr<Observation>;
+
     ApplicationPtr _find(std::string_view identifier, bool placeholder) const;
+    ApplicationPtr _add(std::string identifier, bool isPlaceholder);
+    bool _install(const FileURL& url, const Dictionary& options, ErrorPtr* error);
+    void _answerQuery(PDApplicationWorkspaceObserver* query);
+    void _reportChange();
+    std::pair<PDApplicationProxies, PDApplicationProxies> _underWay() const;
+    std::vector<ObservationPtr> _observationList() const;
 
     Context& _context;
     mutable std::mutex _mutex;
     std::vector<ApplicationPtr> _applications;
-    std::vector<PDApplicationWorkspaceObserverProtocol*> _observers;
-    std::vector<std::thread> _reports;
+    std::vector<ObservationPtr> _observations;
+    std::vector<std::thread> _answers;
+    OperationQueue _reports{1};
 };
 
 } // namespace appsync::inmemory

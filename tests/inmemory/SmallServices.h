@@ -10,8 +10,8 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -47,7 +47,8 @@ class BackupService final : public HVManagerClass {
         return std::make_shared<Manager>(*this);
     }
 
-    std::set<std::string, std::less<>> withRestoreData;
+    /// The sizes of the data that waits, by app.
+    std::map<std::string, std::uint64_t, std::less<>> withRestoreData;
 
   private:
     struct Manager final : HVManager {
@@ -56,16 +57,33 @@ class BackupService final : public HVManagerClass {
                                                               std::uint64_t* size) noexcept override {
             service._context.call("backup.restoreDataExists",
                                   std::string(bundleID) + (size == nullptr ? ", no size" : ", size"));
-            return service.withRestoreData.contains(bundleID);
+            const std::lock_guard lock(service._mutex);
+            const auto waiting = service.withRestoreData.find(bundleID);
+            if (waiting != service.withRestoreData.end() && size != nullptr) {
+                *size = waiting->second;
+            }
+            return waiting != service.withRestoreData.end();
         }
         bool cancelApplicationRestoreWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
-            return !service._context.fails("backup.cancelApplicationRestore",
-                                           std::string(bundleID) + (error == nullptr ? ", no error" : ", error"),
-                                           error);
+            if (service._context.fails("backup.cancelApplicationRestore",
+                                       std::string(bundleID) + (error == nullptr ? ", no error" : ", error"), error)) {
+                return false;
+            }
+            const std::lock_guard lock(service._mutex);
+            const auto waiting = service.withRestoreData.find(bundleID);
+            if (waiting != service.withRestoreData.end()) {
+                service.withRestoreData.erase(waiting);
+                return true;
+            }
+            if (error != nullptr) {
+                *error = Error::make("BackupServiceInMemory", 1, {{ErrorDescriptionKey, "nothing waits"}});
+            }
+            return false;
         }
         BackupService& service;
     };
     Context& _context;
+    std::mutex _mutex;
 };
 
 /// Completes a refresh at once, or when the test does.

@@ -180,7 +180,7 @@ TEST_F(TransferCompletion, InstallsARestoredAppThatHasNoData) {
 TEST_F(TransferCompletion, KeepsARestoredAppUntilItsDataHasCome) {
     start(false);
     const auto progress = placeholderWithProgress("a");
-    world.backup.withRestoreData.insert("a");
+    world.backup.withRestoreData["a"] = 5;
     putToDoList({{"a", "install"}});
     const auto asset = restored("a", 3);
     EXPECT_EQ(succeed(asset),
@@ -195,7 +195,7 @@ TEST_F(TransferCompletion, KeepsARestoredAppUntilItsDataHasCome) {
 
 TEST_F(TransferCompletion, NeedsNoProgressObjectToKeepARestoredApp) {
     start(false);
-    world.backup.withRestoreData.insert("a");
+    world.backup.withRestoreData["a"] = 5;
     client().assetTransfer_succeeded_withError(restored("a", 3), true, nullptr);
     EXPECT_EQ(world.journal.linesWith("progress("), Lines{});
     EXPECT_EQ(world.journal.count("log: Restore data exists for Application:a"), 1u);

@@ -67,7 +67,10 @@ TEST_F(IconRendering, SaysAtWhichStepItFailed) {
 
 class PlaceholderParts : public inmemory::ClientTest {
   protected:
-    void SetUp() override { start(); }
+    void SetUp() override {
+        world.files.putFolder("/p");
+        start();
+    }
 };
 
 TEST_F(PlaceholderParts, StandInTheTemporaryDirectory) {
