@@ -1,0 +1,210 @@
+// What the registry tells its observers, when, and until when.
+#include "tests/contract/Apps.h"
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+namespace appsync::contract {
+namespace {
+
+using Names = std::vector<std::string>;
+
+Names namesOf(const PDApplicationProxies& applications) {
+    Names names;
+    for (const PDApplicationProxyPtr& application : applications) {
+        names.push_back(application->bundleIdentifier());
+    }
+    return names;
+}
+
+/// Keeps what it is told. `Base` is either of the two that an observer may derive from.
+template <class Base> class Listener final : public Base {
+  public:
+    void applicationInstallsArePrioritized_arePaused(const PDApplicationProxies& prioritized,
+                                                     const PDApplicationProxies& paused) noexcept override {
+        _tell([&] {
+            _prioritized = namesOf(prioritized);
+            _paused = namesOf(paused);
+            ++_lists;
+        });
+        during();
+    }
+    void applicationInstallsDidCancel(const PDApplicationProxies& applications) noexcept override {
+        _tell([&] { _cancelled.push_back(namesOf(applications)); });
+    }
+
+    [[nodiscard]] bool waitForLists(const Names& prioritized, const Names& paused) {
+        return _wait([&] { return _lists > 0 && _prioritized == prioritized && _paused == paused; });
+    }
+    [[nodiscard]] bool waitForCancel(const Names& applications) {
+        return _wait([&] { return std::ranges::find(_cancelled, applications) != _cancelled.end(); });
+    }
+    [[nodiscard]] bool isToldAnything() {
+        return _wait([&] { return _lists > 0; });
+    }
+    [[nodiscard]] std::thread::id thread() {
+        const std::lock_guard lock(_mutex);
+        return _thread;
+    }
+    [[nodiscard]] int lists() {
+        const std::lock_guard lock(_mutex);
+        return _lists;
+    }
+    /// Runs within each call with lists.
+    std::function<void()> during = [] {};
+
+  private:
+    void _tell(const std::function<void()>& note) {
+        EXPECT_EQ(_running.fetch_add(1), 0) << "one call at a time";
+        {
+            const std::lock_guard lock(_mutex);
+            note();
+            _thread = std::this_thread::get_id();
+            _told.notify_all();
+        }
+        _running.fetch_sub(1);
+    }
+    [[nodiscard]] bool _wait(const std::function<bool()>& condition) {
+        std::unique_lock lock(_mutex);
+        return _told.wait_for(lock, watchdog, condition);
+    }
+
+    std::atomic<int> _running = 0;
+    std::mutex _mutex;
+    std::condition_variable _told;
+    Names _prioritized;
+    Names _paused;
+    std::vector<Names> _cancelled;
+    int _lists = 0;
+    std::thread::id _thread;
+};
+using Observer = Listener<PDApplicationWorkspaceObserverProtocol>;
+using Query = Listener<PDApplicationWorkspaceObserver>;
+
+} // namespace
+
+TEST_P(RegistryObserverContract, EveryNewObserverIsToldTheListsOnAThreadOfTheRegistryAlsoWhenTheyAreEmpty) {
+    const Apps apps(device(), platform());
+    Observer first;
+    Query second;
+    apps.workspace().addObserver(&first);
+    EXPECT_TRUE(first.waitForLists({}, {}));
+    apps.workspace().addObserver(&second);
+    EXPECT_TRUE(second.waitForLists({}, {}));
+    EXPECT_NE(first.thread(), std::this_thread::get_id());
+    EXPECT_NE(second.thread(), std::this_thread::get_id());
+    apps.workspace().removeObserver(&first);
+    apps.workspace().removeObserver(&second);
+}
+
+TEST_P(RegistryObserverContract, AnObserverThatIsAddedAgainIsToldAgain) {
+    const Apps apps(device(), platform());
+    for (int time = 0; time < 3; ++time) {
+        Query query;
+        apps.workspace().addObserver(&query);
+        EXPECT_TRUE(query.isToldAnything());
+        apps.workspace().removeObserver(&query);
+        EXPECT_EQ(query.lists(), 1) << "once, while nothing changes";
+    }
+}
+
+TEST_P(RegistryObserverContract, InstallsUnderWayAreToldAndSoAreThosePaused) {
+    const Apps apps(device(), platform());
+    ASSERT_TRUE(apps.installPlaceholder(A));
+    ASSERT_TRUE(apps.installPlaceholder(B));
+    Observer observer;
+    apps.workspace().addObserver(&observer);
+    EXPECT_TRUE(observer.waitForLists({}, {}));
+    apps.progress(A)->setInstallState(PDInstallStateActive);
+    EXPECT_TRUE(observer.waitForLists({A}, {}));
+    apps.progress(B)->setInstallState(PDInstallStatePaused);
+    EXPECT_TRUE(observer.waitForLists({A}, {B}));
+    Query late;
+    apps.workspace().addObserver(&late);
+    EXPECT_TRUE(late.waitForLists({A}, {B})) << "a new observer is told how things stand";
+    const auto progress = apps.progress(A);
+    progress->setInstallState(PDInstallStateFailed);
+    EXPECT_TRUE(observer.waitForLists({}, {B}));
+    EXPECT_TRUE(late.waitForLists({}, {B}));
+    apps.workspace().removeObserver(&late);
+    apps.workspace().removeObserver(&observer);
+}
+
+TEST_P(RegistryObserverContract, ACancelByAPersonIsToldAndEndsTheInstall) {
+    const Apps apps(device(), platform());
+    ASSERT_TRUE(apps.install(A));
+    ASSERT_TRUE(apps.installPlaceholder(A));
+    const auto progress = apps.progress(A);
+    Observer observer;
+    apps.workspace().addObserver(&observer);
+    device().cancelByPerson(A);
+    EXPECT_TRUE(observer.waitForCancel({A}));
+    EXPECT_EQ(progress->installState(), PDInstallStateCanceled);
+    EXPECT_FALSE(apps.appOrPlaceholder(A)->isPlaceholder()) << "the installed version stays";
+    apps.workspace().removeObserver(&observer);
+}
+
+TEST_P(RegistryObserverContract, RemovingAnObserverWaitsForARunningCallAndNoneFollows) {
+    const Apps apps(device(), platform());
+    ASSERT_TRUE(apps.installPlaceholder(A));
+    Signal inside;
+    Signal proceed;
+    std::atomic<bool> hasLeft = false;
+    Observer observer;
+    observer.during = [&] {
+        inside.raise();
+        EXPECT_TRUE(proceed.wait());
+        hasLeft = true;
+    };
+    apps.workspace().addObserver(&observer);
+    ASSERT_TRUE(inside.wait());
+    std::thread helper([&] { proceed.raise(); });
+    apps.workspace().removeObserver(&observer);
+    EXPECT_TRUE(hasLeft);
+    helper.join();
+    const int told = observer.lists();
+    Query witness;
+    apps.workspace().addObserver(&witness);
+    apps.progress(A)->setInstallState(PDInstallStateActive);
+    EXPECT_TRUE(witness.waitForLists({A}, {}));
+    apps.workspace().removeObserver(&witness);
+    EXPECT_EQ(observer.lists(), told);
+}
+
+TEST_P(RegistryObserverContract, AnObserverMayUseTheRegistryWithinACall) {
+    const Apps apps(device(), platform());
+    ASSERT_TRUE(apps.installPlaceholder(A));
+    Signal looked;
+    Observer observer;
+    observer.during = [&] {
+        EXPECT_TRUE(apps.workspace().applicationIsInstalled(A));
+        EXPECT_EQ(apps.visited(PDBundleTypeAll), Names{A + "?"});
+        looked.raise();
+    };
+    apps.workspace().addObserver(&observer);
+    EXPECT_TRUE(looked.wait());
+    apps.workspace().removeObserver(&observer);
+}
+
+TEST_P(RegistryObserverContract, ObserversMayComeAndGoOnSeveralThreads) {
+    const Apps apps(device(), platform());
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 3; ++thread) {
+        threads.emplace_back([&apps, thread] {
+            for (int i = 0; i < 20; ++i) {
+                Query query;
+                apps.workspace().addObserver(&query);
+                if ((i + thread) % 2 == 0) {
+                    EXPECT_TRUE(query.isToldAnything());
+                }
+                apps.workspace().removeObserver(&query);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+} // namespace appsync::contract
