@@ -60,6 +60,8 @@ class UninstalledListContract : public Contract {};
 /// Within namespace `appsync::contract`, once per port.
 #define APPSYNC_INSTANTIATE_CONTRACT(Port, factory)                                                                    \
     APPSYNC_INSTANTIATE_RULES(Port, BackupContract, factory);                                                          \
+    APPSYNC_INSTANTIATE_RULES(Port, CoordinatorContract, factory);                                                     \
+    APPSYNC_INSTANTIATE_RULES(Port, CoordinatorReportContract, factory);                                               \
     APPSYNC_INSTANTIATE_RULES(Port, FileSystemContract, factory);                                                      \
     APPSYNC_INSTANTIATE_RULES(Port, HomeScreenContract, factory);                                                      \
     APPSYNC_INSTANTIATE_RULES(Port, HostContract, factory);                                                            \
