@@ -54,10 +54,10 @@ enum PDInstallPhase : std::uint64_t {
     PDInstallPhaseInstallingPlaceholder = 3,
 };
 
-/// Selectors of `enumerateBundlesOfType_block`.
+/// Selectors of `enumerateBundlesOfType_block`; another number selects nothing.
 enum PDBundleType : std::uint64_t {
-    PDBundleTypeAll = 0,       // all applications, placeholders included
-    PDBundleTypeInstalled = 1, // the apps of the home screen: what is installed or has a placeholder
+    PDBundleTypeAll = 0,       // every installed app and every placeholder; an app under update is listed as both
+    PDBundleTypeInstalled = 1, // the home screen's apps, once each: the installed version, else the placeholder
     PDBundleTypeSystem = 7,    // system apps and their placeholders
 };
 
@@ -91,6 +91,8 @@ struct PDDiskUsage {
 class PDApplicationProxy {
   public:
     virtual ~PDApplicationProxy() = default;
+    /// The bundle identifier. Only on a device without coordination, and only in an enumeration, the placeholder of a
+    /// restore has another one: it stands for an app that is still to come, and must not pass for the app's own entry.
     [[nodiscard]] virtual std::string applicationIdentifier() noexcept = 0;
     [[nodiscard]] virtual std::string bundleIdentifier() noexcept = 0;
     [[nodiscard]] virtual std::optional<std::string> bundleVersion() noexcept = 0;
@@ -115,8 +117,8 @@ using PDApplicationProxies = std::vector<PDApplicationProxyPtr>;
 class PDApplicationWorkspaceObserverProtocol {
   public:
     virtual ~PDApplicationWorkspaceObserverProtocol() = default;
-    /// The installs that go first and those that are paused; delivered once after an observer was added, then when
-    /// either changes.
+    /// The installs under way (waiting or active), those that go first first, and those that are paused. Delivered once
+    /// after an observer was added, also when there are none, then when either changes.
     virtual void applicationInstallsArePrioritized_arePaused(const PDApplicationProxies& /*prioritized*/,
                                                              const PDApplicationProxies& /*paused*/) noexcept {}
     /// The installs of these apps were cancelled by a person on the device.
@@ -136,7 +138,9 @@ class PDApplicationWorkspace {
     virtual void removeObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept = 0;
     /// Whether the registry has the app, be it installed or a placeholder.
     [[nodiscard]] virtual bool applicationIsInstalled(std::string_view bundleIdentifier) noexcept = 0;
-    /// Installs an archive or a placeholder bundle. Options: the keys above.
+    /// Installs an archive, which ends the app's placeholder, or a placeholder bundle, beside an installed version.
+    /// Options: the keys above; package type and bundle identifier are required. Errors are the low-level installer's
+    /// (`TVInstallerErrorDomain`); after one the installed version is as it was. Several installs may run at once.
     virtual bool installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
                                                       ErrorPtr* error) noexcept = 0;
     virtual bool installApplication_withOptions(const FileURL& url, const Dictionary& options) noexcept = 0;
@@ -145,10 +149,11 @@ class PDApplicationWorkspace {
     virtual bool uninstallApplication_withOptions(std::string_view bundleIdentifier,
                                                   const Dictionary* options) noexcept = 0;
     /// The progress object of an app's install, made when there is none yet; null for an app that is not a placeholder
-    /// and has no install under way. `phase` is the phase that a new object starts in.
+    /// and has no install under way, and for null. `phase` is the phase that a new object starts in.
     [[nodiscard]] virtual FNProgressPtr
     installProgressForApplication_withPhase(const PDApplicationProxyPtr& application, std::uint64_t phase) noexcept = 0;
-    /// Tells that the progress object's present phase is over.
+    /// Tells that the progress object's present phase is over: loading leads to installing, any other phase to the end
+    /// of the install, and so does a final state in any phase. Null is passed over.
     virtual void installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept = 0;
     /// Calls `block` once per app of the type, on the caller's thread, until it sets `stop`.
     virtual void enumerateBundlesOfType_block(

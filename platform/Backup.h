@@ -16,7 +16,7 @@ class HVManager {
     /// Whether data of this app waits to be restored; its size in bytes goes to `size` unless that is null.
     [[nodiscard]] virtual bool restoreDataExistsForApplicationWithBundleID_size(std::string_view bundleID,
                                                                                 std::uint64_t* size) noexcept = 0;
-    /// Gives up the restore of this app's data.
+    /// Gives up the restore of this app's data; fails when none waits.
     virtual bool cancelApplicationRestoreWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept = 0;
 };
 

@@ -1,4 +1,8 @@
-// The device's file system. All paths are absolute paths of the device; none can lead outside it.
+// The device's file system. All paths are absolute paths of the device, without a zero byte; none can lead outside it:
+// above the top is the top, an absolute link begins at the top, and one that would lead outside leads nowhere.
+//
+// The temporary folder, "/var/mobile/Library", "/var/mobile/Library/Logs/MediaServices" and "/var/mobile/Media" are
+// there from the start; any other folder is made before something is written into it.
 #pragma once
 
 #include "platform/Error.h"
@@ -11,6 +15,7 @@
 namespace appsync {
 
 /// Attributes that a created file or folder gets. What is absent takes the system's default.
+/// An account that the device does not have is passed over.
 struct FileAttributes {
     std::optional<std::string> ownerAccountName;
     std::optional<std::string> groupOwnerAccountName;
@@ -21,7 +26,9 @@ struct FileInformation {
 };
 
 /// Every operation may be called on any thread at any time. One that fails answers false or nothing and puts the
-/// reason, with its path, into `error` unless that is null.
+/// reason, with its path, into `error` unless that is null: the POSIX error of what stands in the way (nothing there
+/// ENOENT, something there EEXIST, a folder where a file is meant EISDIR, a file where a folder is meant ENOTDIR). What
+/// is removed, moved or written over is a link itself, not what it names.
 class FileSystem {
   public:
     virtual ~FileSystem() = default;
@@ -34,7 +41,7 @@ class FileSystem {
     virtual bool removeItem(std::string_view path, ErrorPtr* error) noexcept = 0;
     /// Moves a file or folder to a place where nothing is yet.
     virtual bool moveItem(std::string_view from, std::string_view to, ErrorPtr* error) noexcept = 0;
-    /// Copies a file; one that stands at the destination is replaced.
+    /// Copies a file, not a folder; a file that stands at the destination is replaced.
     virtual bool copyItem(std::string_view from, std::string_view to, ErrorPtr* error) noexcept = 0;
     [[nodiscard]] virtual bool fileExists(std::string_view path) noexcept = 0;
     /// The whole content, read past any cache of earlier reads.

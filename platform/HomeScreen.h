@@ -29,14 +29,17 @@ class HomeScreen {
     virtual ~HomeScreen() = default;
     /// The port of the home screen's service; 0 when it does not run.
     [[nodiscard]] virtual SKPort SKSSkellanBlockableServerPort() noexcept = 0;
-    /// Applies an icon layout: the bytes of a property list from the desktop, untrusted.
+    /// Applies an icon layout: the bytes of a property list from the desktop, untrusted. Its root is an array of bundle
+    /// identifiers or of pages, which are such arrays; what is none changes nothing.
     virtual void SKSetIconState(SKPort port, std::string_view iconState) noexcept = 0;
-    /// The order of the icons: the bytes of a property list whose root is an array of bundle identifiers. On success
-    /// `*buffer` points to `*length` bytes, which the caller frees with `SKDeallocate`; otherwise it is null.
+    /// The order of the icons: the bytes of a property list (`format` 1: binary) whose root is an array of bundle
+    /// identifiers, those of the layout first. On success `*buffer` points to `*length` bytes, which the caller frees
+    /// with `SKDeallocate`; otherwise, as for another port or format, it is null.
     virtual void SKGetFlattenedIconState(SKPort port, std::uint32_t format, const char** buffer,
                                          std::size_t* length) noexcept = 0;
     virtual void SKDeallocate(const char* buffer, std::size_t length) noexcept = 0;
-    /// Asks that the app be ended and kept from running. Waits while the app ends.
+    /// Asks that the app be ended and kept from running. Waits while the app ends. An object that comes with another
+    /// answer than "granted" holds nothing.
     [[nodiscard]] virtual std::shared_ptr<SKSApplicationTerminationAssertion>
     SKSApplicationTerminationAssertionCreateWithError(std::string_view bundleIdentifier, std::uint32_t reason,
                                                       std::uint8_t* errorCode) noexcept = 0;

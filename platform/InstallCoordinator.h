@@ -1,9 +1,12 @@
 // The install coordinator: durable coordinators that install one app each, from promises of what they need.
 //
 // A coordinator belongs to the client that created it and survives its process. It installs the placeholder once that
-// is configured, and the app once the app asset promise is complete. Class operations, factories included, stand in
-// the `…Class` interfaces. Every operation may be called on any thread at any time; one that fails answers false or
-// null and puts the reason into `error` unless that is null.
+// is configured, and the app once the app asset promise is complete; one for a demoted app ends with its placeholder.
+// An app has one coordinator at a time. One that has ended, with or without success or by a cancel, is not found any
+// more and takes nothing more. A failure or a cancel takes the placeholder away and leaves an installed version.
+//
+// Class operations, factories included, stand in the `…Class` interfaces. Every operation may be called on any thread
+// at any time; one that fails answers false or null and puts the reason into `error` unless that is null.
 #pragma once
 
 #include "platform/Error.h"
@@ -32,7 +35,7 @@ class KXPromise {
   public:
     virtual ~KXPromise() = default;
     [[nodiscard]] virtual bool isComplete() noexcept = 0;
-    virtual void setPercentComplete(double fraction) noexcept = 0; // 1.0 is done
+    virtual void setPercentComplete(double fraction) noexcept = 0; // 0 to 1; makes nothing complete by itself
     virtual void setComplete(bool complete) noexcept = 0;
     virtual bool cancelForReason_client_error(const ErrorPtr& reason, KXClientIdentifier client,
                                               ErrorPtr* error) noexcept = 0;
@@ -103,9 +106,10 @@ class KXAppInstallCoordinator {
                                                   ErrorPtr* error) noexcept = 0;
     [[nodiscard]] virtual bool hasAppAssetPromise() noexcept = 0;
     [[nodiscard]] virtual KXPromisedTransferToPathPtr appAssetPromiseWithError(ErrorPtr* error) noexcept = 0;
+    /// Takes one promise; null and a second one are refused.
     virtual bool setAppAssetPromise_error(const KXPromisedTransferToPathPtr& promise, ErrorPtr* error) noexcept = 0;
     [[nodiscard]] virtual bool hasPlaceholderPromise() noexcept = 0;
-    /// Whether a null placeholder is taken is the service's to decide.
+    /// Whether a null placeholder is taken is the service's to decide; there is none afterwards.
     virtual bool setPlaceholderPromise_error(const KXPlaceholderPtr& placeholder, ErrorPtr* error) noexcept = 0;
     virtual bool cancelForReason_client_error(const ErrorPtr& reason, KXClientIdentifier client,
                                               ErrorPtr* error) noexcept = 0;
@@ -149,6 +153,7 @@ class KXAppInstallObserverDelegate {
     virtual void coordinatorDidInstallPlaceholder(const KXAppInstallCoordinatorPtr& /*coordinator*/) noexcept {}
     /// The coordinator has ended; its `error` says how.
     virtual void coordinatorDidCompleteSuccessfully(const KXAppInstallCoordinatorPtr& /*coordinator*/) noexcept {}
+    /// Somebody else than the client that created the coordinator has cancelled it.
     virtual void coordinator_canceledWithReason_client(const KXAppInstallCoordinatorPtr& /*coordinator*/,
                                                        const ErrorPtr& /*reason*/,
                                                        KXClientIdentifier /*client*/) noexcept {}
@@ -178,7 +183,8 @@ template <class Coordinator> class KXCoordinatorClass {
   public:
     virtual ~KXCoordinatorClass() = default;
     /// The app's coordinator of this kind, whoever created it; with `createIfNotExisting` a new one of `client` when
-    /// there is none (`*created` tells, unless null). Without, null and no error when there is none.
+    /// the app has none (`*created` tells, unless null), and an error when it has one of another kind. Without, null
+    /// and no error when there is none of this kind.
     [[nodiscard]] virtual std::shared_ptr<Coordinator>
     coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(std::string_view bundleID,
                                                                                  KXClientIdentifier client,
@@ -191,7 +197,7 @@ using KXUpdatingAppInstallCoordinatorClass = KXCoordinatorClass<KXUpdatingAppIns
 using KXRestoringAppInstallCoordinatorClass = KXCoordinatorClass<KXRestoringAppInstallCoordinator>;
 using KXRestoringDemotedAppInstallCoordinatorClass = KXCoordinatorClass<KXRestoringDemotedAppInstallCoordinator>;
 
-/// Looks up coordinators of any kind.
+/// Looks up coordinators of any kind; asked to create one, it fails.
 class KXAppInstallCoordinatorClass : public KXCoordinatorClass<KXAppInstallCoordinator> {
   public:
     /// Whether installs on this device go through coordinators.
@@ -200,7 +206,7 @@ class KXAppInstallCoordinatorClass : public KXCoordinatorClass<KXAppInstallCoord
     /// version stays. False, with an error, when the app has neither.
     virtual bool uninstallAppWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept = 0;
     /// Uninstalls an app with its placeholder and coordinator. Returns at once; `completion` runs once, on a thread of
-    /// the service, with an error or null.
+    /// the service, with an error (also when nothing was there) or null.
     virtual void uninstallAppWithBundleID_requestUserConfirmation_completion(
         std::string_view bundleID, bool requestUserConfirmation,
         std::function<void(const ErrorPtr& error)> completion) noexcept = 0;

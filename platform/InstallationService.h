@@ -35,9 +35,11 @@ struct TVInstallOptions {
 class TevrinInstallationService {
   public:
     virtual ~TevrinInstallationService() = default;
-    /// A dictionary keyed by the bundle identifiers of uninstalled apps; nothing when the service cannot answer.
+    /// A dictionary keyed by the bundle identifiers of the apps that a person, not the sync, has uninstalled; nothing
+    /// when the service cannot answer.
     [[nodiscard]] virtual std::optional<Dictionary> TevrinLookupUninstalled(const Dictionary* options) noexcept = 0;
-    /// Forgets the uninstalled apps with these bundle identifiers (strings). Zero, or the number of the failure.
+    /// Forgets the uninstalled apps with these bundle identifiers (strings); those that it does not have are passed
+    /// over. Zero, or the number of the failure.
     virtual int TevrinClearUninstalled(const Array& bundleIdentifiers, const Dictionary* options) noexcept = 0;
 };
 

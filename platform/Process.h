@@ -12,7 +12,7 @@ class HostProcess {
     virtual ~HostProcess() = default;
     /// The bundle identifier of the process's main bundle, if it has one.
     [[nodiscard]] virtual std::optional<std::string> mainBundleIdentifier() noexcept = 0;
-    /// The process's temporary folder, a path of the device without a trailing slash.
+    /// The process's temporary folder, a path of the device without a trailing slash. It is there.
     [[nodiscard]] virtual std::string temporaryDirectory() noexcept = 0;
 };
 

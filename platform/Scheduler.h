@@ -11,8 +11,8 @@ namespace appsync {
 class ScheduledTask {
   public:
     virtual ~ScheduledTask() = default;
-    /// Takes the task back. True: it will never run. False: it has run or is running; then this call returns only
-    /// after it has ended, unless the task itself makes the call.
+    /// Takes the task back. True: it will never run, also when this is asked again. False: it has run or is running;
+    /// then this call returns only after it has ended, unless the task itself makes the call.
     virtual bool cancel() noexcept = 0;
 };
 

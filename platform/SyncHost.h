@@ -13,8 +13,8 @@ class QRDeviceService {
   public:
     virtual ~QRDeviceService() = default;
     [[nodiscard]] virtual bool respondsToPrioritizeAsset() noexcept = 0;
-    /// Moves the asset's transfer to the front. Returns at once; `completion` runs once, on a thread of the host, with
-    /// an error or null.
+    /// Moves the asset's transfer to the front. Returns at once; `completion` runs once, on any thread and possibly
+    /// before this returns, with an error or null.
     virtual void prioritizeAsset_withCompletion(const QRAssetPtr& asset,
                                                 std::function<void(const ErrorPtr& error)> completion) noexcept = 0;
     [[nodiscard]] virtual bool respondsToCancelAssetTransferForFailedAsset() noexcept = 0;
