@@ -8,18 +8,26 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <ostream>
 
 namespace appsync::contract {
 
+/// What the rules are tried on.
+struct Port {
+    const char* name;
+    DeviceFactory makeDevice;
+    friend std::ostream& operator<<(std::ostream& out, const Port& port) { return out << port.name; }
+};
+
 /// A fresh device for each rule.
-class Contract : public testing::TestWithParam<DeviceFactory> {
+class Contract : public testing::TestWithParam<Port> {
   protected:
     void SetUp() override { makeDevice({}); }
     /// In place of the device that there is.
     void makeDevice(const Conditions& conditions) {
         _platform.reset();
         _device.reset();
-        _device = GetParam()(conditions);
+        _device = GetParam().makeDevice(conditions);
         _platform.emplace(_device->platform());
     }
     void restart() {
@@ -54,24 +62,24 @@ class UninstalledListContract : public Contract {};
 
 } // namespace appsync::contract
 
-#define APPSYNC_INSTANTIATE_RULES(Port, Rules, factory)                                                                \
-    INSTANTIATE_TEST_SUITE_P(Port, Rules, testing::Values(factory), [](const auto&) { return "device"; })
+#define APPSYNC_INSTANTIATE_RULES(name, Rules, factory)                                                                \
+    INSTANTIATE_TEST_SUITE_P(name, Rules, testing::Values(Port{#name, factory}))
 
 /// Within namespace `appsync::contract`, once per port.
-#define APPSYNC_INSTANTIATE_CONTRACT(Port, factory)                                                                    \
-    APPSYNC_INSTANTIATE_RULES(Port, BackupContract, factory);                                                          \
-    APPSYNC_INSTANTIATE_RULES(Port, CoordinatorContract, factory);                                                     \
-    APPSYNC_INSTANTIATE_RULES(Port, CoordinatorReportContract, factory);                                               \
-    APPSYNC_INSTANTIATE_RULES(Port, FileSystemContract, factory);                                                      \
-    APPSYNC_INSTANTIATE_RULES(Port, HomeScreenContract, factory);                                                      \
-    APPSYNC_INSTANTIATE_RULES(Port, HostContract, factory);                                                            \
-    APPSYNC_INSTANTIATE_RULES(Port, IconContract, factory);                                                            \
-    APPSYNC_INSTANTIATE_RULES(Port, LogContract, factory);                                                             \
-    APPSYNC_INSTANTIATE_RULES(Port, NotificationContract, factory);                                                    \
-    APPSYNC_INSTANTIATE_RULES(Port, PolicyContract, factory);                                                          \
-    APPSYNC_INSTANTIATE_RULES(Port, PropertyListContract, factory);                                                    \
-    APPSYNC_INSTANTIATE_RULES(Port, RegistryContract, factory);                                                        \
-    APPSYNC_INSTANTIATE_RULES(Port, RegistryObserverContract, factory);                                                \
-    APPSYNC_INSTANTIATE_RULES(Port, SchedulerContract, factory);                                                       \
-    APPSYNC_INSTANTIATE_RULES(Port, StoreContract, factory);                                                           \
-    APPSYNC_INSTANTIATE_RULES(Port, UninstalledListContract, factory)
+#define APPSYNC_INSTANTIATE_CONTRACT(name, factory)                                                                    \
+    APPSYNC_INSTANTIATE_RULES(name, BackupContract, factory);                                                          \
+    APPSYNC_INSTANTIATE_RULES(name, CoordinatorContract, factory);                                                     \
+    APPSYNC_INSTANTIATE_RULES(name, CoordinatorReportContract, factory);                                               \
+    APPSYNC_INSTANTIATE_RULES(name, FileSystemContract, factory);                                                      \
+    APPSYNC_INSTANTIATE_RULES(name, HomeScreenContract, factory);                                                      \
+    APPSYNC_INSTANTIATE_RULES(name, HostContract, factory);                                                            \
+    APPSYNC_INSTANTIATE_RULES(name, IconContract, factory);                                                            \
+    APPSYNC_INSTANTIATE_RULES(name, LogContract, factory);                                                             \
+    APPSYNC_INSTANTIATE_RULES(name, NotificationContract, factory);                                                    \
+    APPSYNC_INSTANTIATE_RULES(name, PolicyContract, factory);                                                          \
+    APPSYNC_INSTANTIATE_RULES(name, PropertyListContract, factory);                                                    \
+    APPSYNC_INSTANTIATE_RULES(name, RegistryContract, factory);                                                        \
+    APPSYNC_INSTANTIATE_RULES(name, RegistryObserverContract, factory);                                                \
+    APPSYNC_INSTANTIATE_RULES(name, SchedulerContract, factory);                                                       \
+    APPSYNC_INSTANTIATE_RULES(name, StoreContract, factory);                                                           \
+    APPSYNC_INSTANTIATE_RULES(name, UninstalledListContract, factory)
