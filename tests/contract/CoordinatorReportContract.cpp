@@ -32,7 +32,7 @@ class Reports final : public KXAppInstallObserverDelegate {
 
     [[nodiscard]] bool waitFor(const std::string& line) {
         std::unique_lock lock(_mutex);
-        return _told.wait_for(lock, watchdog, [&] { return std::ranges::find(_lines, line) != _lines.end(); });
+        return _told.wait_for(lock, watchdog(), [&] { return std::ranges::find(_lines, line) != _lines.end(); });
     }
     [[nodiscard]] bool has(const std::string& line) {
         const std::lock_guard lock(_mutex);

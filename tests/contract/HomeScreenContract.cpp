@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 
 namespace appsync::contract {
 namespace {
@@ -175,15 +176,33 @@ void hear(NotificationCenter* /*center*/, void* observer, std::string_view name,
     heard.signal.raise();
 }
 
-void observe(const Platform& platform, Heard& heard, const std::string& name, const void* object = nullptr) {
-    platform.notificationCenter.addObserver(&heard, &hear, name, object, NotificationSuspensionBehavior::drop);
-}
+/// Has an observer hear a name, at most as long as this lives.
+class Hearing {
+  public:
+    Hearing(const Platform& platform, Heard& heard, std::string name, const void* object = nullptr)
+        : _center(platform.notificationCenter), _heard(&heard), _name(std::move(name)) {
+        _center.addObserver(_heard, &hear, _name, object, NotificationSuspensionBehavior::drop);
+    }
+    ~Hearing() { end(); }
+    Hearing(const Hearing&) = delete;
+    Hearing& operator=(const Hearing&) = delete;
+    void end() {
+        if (Heard* heard = std::exchange(_heard, nullptr)) {
+            _center.removeObserver(heard, _name);
+        }
+    }
+
+  private:
+    NotificationCenter& _center;
+    Heard* _heard;
+    const std::string _name;
+};
 
 } // namespace
 
 TEST_P(NotificationContract, AnObserverHearsItsNameWithObjectAndFactsOnAThreadOfTheCenter) {
     Heard heard;
-    observe(platform(), heard, "com.example.name");
+    const Hearing hearing(platform(), heard, "com.example.name");
     device().postNotification("com.example.other", nullptr, {});
     device().postNotification("com.example.name", &heard, {{"key", "value"}});
     ASSERT_TRUE(heard.signal.wait());
@@ -194,7 +213,6 @@ TEST_P(NotificationContract, AnObserverHearsItsNameWithObjectAndFactsOnAThreadOf
     device().postNotification("com.example.name", nullptr, {});
     ASSERT_TRUE(heard.signal.wait());
     EXPECT_EQ(heard.calls, 2);
-    platform().notificationCenter.removeObserver(&heard, "com.example.name");
 }
 
 TEST_P(NotificationContract, AnObserverOfOneSenderHearsThatOneOnly) {
@@ -202,15 +220,15 @@ TEST_P(NotificationContract, AnObserverOfOneSenderHearsThatOneOnly) {
     const int other = 0;
     Heard ofOne;
     Heard ofAll;
-    observe(platform(), ofOne, "com.example.name", &sender);
-    observe(platform(), ofAll, "com.example.name");
+    Hearing one(platform(), ofOne, "com.example.name", &sender);
+    Hearing all(platform(), ofAll, "com.example.name");
     for (const void* object : {static_cast<const void*>(&other), static_cast<const void*>(&sender)}) {
         device().postNotification("com.example.name", object, {});
         ASSERT_TRUE(ofAll.signal.wait());
     }
     ASSERT_TRUE(ofOne.signal.wait());
-    platform().notificationCenter.removeObserver(&ofOne, "com.example.name");
-    platform().notificationCenter.removeObserver(&ofAll, "com.example.name");
+    one.end();
+    all.end();
     EXPECT_EQ(ofOne.calls, 1);
     EXPECT_EQ(ofOne.object, &sender);
     EXPECT_EQ(ofAll.calls, 2);
@@ -227,29 +245,27 @@ TEST_P(NotificationContract, RemovingAnObserverWaitsForARunningCallAndNoneFollow
         EXPECT_TRUE(proceed.wait());
         hasLeft = true;
     };
-    observe(platform(), heard, "com.example.name");
+    Hearing hearing(platform(), heard, "com.example.name");
     device().postNotification("com.example.name", nullptr, {});
     ASSERT_TRUE(inside.wait());
     std::thread helper([&] { proceed.raise(); });
-    platform().notificationCenter.removeObserver(&heard, "com.example.name");
+    hearing.end();
     EXPECT_TRUE(hasLeft);
     helper.join();
-    observe(platform(), witness, "com.example.name");
+    const Hearing other(platform(), witness, "com.example.name");
     device().postNotification("com.example.name", nullptr, {});
     EXPECT_TRUE(witness.signal.wait());
-    platform().notificationCenter.removeObserver(&witness, "com.example.name");
     EXPECT_EQ(heard.calls, 1);
 }
 
 TEST_P(NotificationContract, RemovingIsByName) {
     Heard heard;
-    observe(platform(), heard, "com.example.kept");
-    observe(platform(), heard, "com.example.dropped");
-    platform().notificationCenter.removeObserver(&heard, "com.example.dropped");
+    const Hearing kept(platform(), heard, "com.example.kept");
+    Hearing dropped(platform(), heard, "com.example.dropped");
+    dropped.end();
     platform().notificationCenter.removeObserver(&heard, "com.example.unknown");
     device().postNotification("com.example.kept", nullptr, {});
     EXPECT_TRUE(heard.signal.wait());
-    platform().notificationCenter.removeObserver(&heard, "com.example.kept");
 }
 
 // Icons.

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 #include <thread>
+#include <utility>
 
 namespace appsync::contract {
 namespace {
@@ -67,7 +68,7 @@ template <class Base> class Listener final : public Base {
     }
     [[nodiscard]] bool _wait(const std::function<bool()>& condition) {
         std::unique_lock lock(_mutex);
-        return _told.wait_for(lock, watchdog, condition);
+        return _told.wait_for(lock, watchdog(), condition);
     }
 
     std::atomic<int> _running = 0;
@@ -82,29 +83,47 @@ template <class Base> class Listener final : public Base {
 using Observer = Listener<PDApplicationWorkspaceObserverProtocol>;
 using Query = Listener<PDApplicationWorkspaceObserver>;
 
+/// Has an observer listen, at most as long as this lives.
+class Listening {
+  public:
+    Listening(const Apps& apps, PDApplicationWorkspaceObserverProtocol& observer) : _apps(apps), _observer(&observer) {
+        _apps.workspace().addObserver(_observer);
+    }
+    ~Listening() { end(); }
+    Listening(const Listening&) = delete;
+    Listening& operator=(const Listening&) = delete;
+    void end() {
+        if (auto* observer = std::exchange(_observer, nullptr)) {
+            _apps.workspace().removeObserver(observer);
+        }
+    }
+
+  private:
+    const Apps& _apps;
+    PDApplicationWorkspaceObserverProtocol* _observer;
+};
+
 } // namespace
 
 TEST_P(RegistryObserverContract, EveryNewObserverIsToldTheListsOnAThreadOfTheRegistryAlsoWhenTheyAreEmpty) {
     const Apps apps(device(), platform());
     Observer first;
     Query second;
-    apps.workspace().addObserver(&first);
+    const Listening firstListens(apps, first);
     EXPECT_TRUE(first.waitForLists({}, {}));
-    apps.workspace().addObserver(&second);
+    const Listening secondListens(apps, second);
     EXPECT_TRUE(second.waitForLists({}, {}));
     EXPECT_NE(first.thread(), std::this_thread::get_id());
     EXPECT_NE(second.thread(), std::this_thread::get_id());
-    apps.workspace().removeObserver(&first);
-    apps.workspace().removeObserver(&second);
 }
 
 TEST_P(RegistryObserverContract, AnObserverThatIsAddedAgainIsToldAgain) {
     const Apps apps(device(), platform());
     for (int time = 0; time < 3; ++time) {
         Query query;
-        apps.workspace().addObserver(&query);
-        EXPECT_TRUE(query.isToldAnything());
-        apps.workspace().removeObserver(&query);
+        Listening listening(apps, query);
+        ASSERT_TRUE(query.isToldAnything());
+        listening.end();
         EXPECT_EQ(query.lists(), 1) << "once, while nothing changes";
     }
 }
@@ -114,21 +133,19 @@ TEST_P(RegistryObserverContract, InstallsUnderWayAreToldAndSoAreThosePaused) {
     ASSERT_TRUE(apps.installPlaceholder(A));
     ASSERT_TRUE(apps.installPlaceholder(B));
     Observer observer;
-    apps.workspace().addObserver(&observer);
+    const Listening observerListens(apps, observer);
     EXPECT_TRUE(observer.waitForLists({}, {}));
     apps.progress(A)->setInstallState(PDInstallStateActive);
     EXPECT_TRUE(observer.waitForLists({A}, {}));
     apps.progress(B)->setInstallState(PDInstallStatePaused);
     EXPECT_TRUE(observer.waitForLists({A}, {B}));
     Query late;
-    apps.workspace().addObserver(&late);
+    const Listening lateListens(apps, late);
     EXPECT_TRUE(late.waitForLists({A}, {B})) << "a new observer is told how things stand";
     const auto progress = apps.progress(A);
     progress->setInstallState(PDInstallStateFailed);
     EXPECT_TRUE(observer.waitForLists({}, {B}));
     EXPECT_TRUE(late.waitForLists({}, {B}));
-    apps.workspace().removeObserver(&late);
-    apps.workspace().removeObserver(&observer);
 }
 
 TEST_P(RegistryObserverContract, ACancelByAPersonIsToldAndEndsTheInstall) {
@@ -137,12 +154,11 @@ TEST_P(RegistryObserverContract, ACancelByAPersonIsToldAndEndsTheInstall) {
     ASSERT_TRUE(apps.installPlaceholder(A));
     const auto progress = apps.progress(A);
     Observer observer;
-    apps.workspace().addObserver(&observer);
+    const Listening observerListens(apps, observer);
     device().cancelByPerson(A);
     EXPECT_TRUE(observer.waitForCancel({A}));
     EXPECT_EQ(progress->installState(), PDInstallStateCanceled);
     EXPECT_FALSE(apps.appOrPlaceholder(A)->isPlaceholder()) << "the installed version stays";
-    apps.workspace().removeObserver(&observer);
 }
 
 TEST_P(RegistryObserverContract, RemovingAnObserverWaitsForARunningCallAndNoneFollows) {
@@ -157,18 +173,17 @@ TEST_P(RegistryObserverContract, RemovingAnObserverWaitsForARunningCallAndNoneFo
         EXPECT_TRUE(proceed.wait());
         hasLeft = true;
     };
-    apps.workspace().addObserver(&observer);
+    Listening listening(apps, observer);
     ASSERT_TRUE(inside.wait());
     std::thread helper([&] { proceed.raise(); });
-    apps.workspace().removeObserver(&observer);
+    listening.end();
     EXPECT_TRUE(hasLeft);
     helper.join();
     const int told = observer.lists();
     Query witness;
-    apps.workspace().addObserver(&witness);
+    const Listening witnessListens(apps, witness);
     apps.progress(A)->setInstallState(PDInstallStateActive);
     EXPECT_TRUE(witness.waitForLists({A}, {}));
-    apps.workspace().removeObserver(&witness);
     EXPECT_EQ(observer.lists(), told);
 }
 
@@ -182,9 +197,8 @@ TEST_P(RegistryObserverContract, AnObserverMayUseTheRegistryWithinACall) {
         EXPECT_EQ(apps.visited(PDBundleTypeAll), Names{A + "?"});
         looked.raise();
     };
-    apps.workspace().addObserver(&observer);
+    const Listening observerListens(apps, observer);
     EXPECT_TRUE(looked.wait());
-    apps.workspace().removeObserver(&observer);
 }
 
 TEST_P(RegistryObserverContract, ObserversMayComeAndGoOnSeveralThreads) {
@@ -194,11 +208,10 @@ TEST_P(RegistryObserverContract, ObserversMayComeAndGoOnSeveralThreads) {
         threads.emplace_back([&apps, thread] {
             for (int i = 0; i < 20; ++i) {
                 Query query;
-                apps.workspace().addObserver(&query);
+                const Listening listening(apps, query);
                 if ((i + thread) % 2 == 0) {
-                    EXPECT_TRUE(query.isToldAnything());
+                    ASSERT_TRUE(query.isToldAnything());
                 }
-                apps.workspace().removeObserver(&query);
             }
         });
     }
