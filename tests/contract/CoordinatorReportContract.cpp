@@ -290,12 +290,14 @@ TEST_P(CoordinatorReportContract, DroppingAConnectionWaitsForARunningCallAndNone
     APPSYNC_NEEDS(runsCoordinators);
     Signal inside;
     Signal proceed;
+    Signal left;
     std::atomic<bool> hasLeft = false;
     Reports reports;
     reports.during = [&](const auto&) {
         inside.raise();
         EXPECT_TRUE(proceed.wait());
         hasLeft = true;
+        left.raise();
     };
     auto connection = connect(platform(), reports);
     const Install first(platform(), platform().initiatingCoordinators, A);
@@ -305,6 +307,7 @@ TEST_P(CoordinatorReportContract, DroppingAConnectionWaitsForARunningCallAndNone
     connection = nullptr;
     EXPECT_TRUE(hasLeft);
     helper.join();
+    EXPECT_TRUE(left.wait());
     Reports witness;
     const auto other = connect(platform(), witness);
     const Install second(platform(), platform().initiatingCoordinators, B);

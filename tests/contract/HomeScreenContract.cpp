@@ -237,6 +237,7 @@ TEST_P(NotificationContract, AnObserverOfOneSenderHearsThatOneOnly) {
 TEST_P(NotificationContract, RemovingAnObserverWaitsForARunningCallAndNoneFollows) {
     Signal inside;
     Signal proceed;
+    Signal left;
     std::atomic<bool> hasLeft = false;
     Heard heard;
     Heard witness;
@@ -244,6 +245,7 @@ TEST_P(NotificationContract, RemovingAnObserverWaitsForARunningCallAndNoneFollow
         inside.raise();
         EXPECT_TRUE(proceed.wait());
         hasLeft = true;
+        left.raise();
     };
     Hearing hearing(platform(), heard, "com.example.name");
     device().postNotification("com.example.name", nullptr, {});
@@ -252,6 +254,7 @@ TEST_P(NotificationContract, RemovingAnObserverWaitsForARunningCallAndNoneFollow
     hearing.end();
     EXPECT_TRUE(hasLeft);
     helper.join();
+    EXPECT_TRUE(left.wait());
     const Hearing other(platform(), witness, "com.example.name");
     device().postNotification("com.example.name", nullptr, {});
     EXPECT_TRUE(witness.signal.wait());

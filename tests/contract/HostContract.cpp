@@ -147,11 +147,13 @@ TEST_P(SchedulerContract, ATaskThatWasTakenBackNeverRuns) {
 TEST_P(SchedulerContract, TakingBackATaskThatRunsWaitsForItsEnd) {
     Signal started;
     Signal cancelling;
+    Signal left;
     std::atomic<bool> hasEnded = false;
     const auto task = platform().scheduler.runAfter(0ms, [&] {
         started.raise();
         EXPECT_TRUE(cancelling.wait());
         hasEnded = true;
+        left.raise();
     });
     device().letPass(0ms);
     ASSERT_TRUE(started.wait());
@@ -159,6 +161,7 @@ TEST_P(SchedulerContract, TakingBackATaskThatRunsWaitsForItsEnd) {
     EXPECT_FALSE(task->cancel());
     EXPECT_TRUE(hasEnded);
     helper.join();
+    EXPECT_TRUE(left.wait());
 }
 
 TEST_P(SchedulerContract, ATaskMayTryToTakeItselfBack) {

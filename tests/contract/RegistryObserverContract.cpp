@@ -166,12 +166,14 @@ TEST_P(RegistryObserverContract, RemovingAnObserverWaitsForARunningCallAndNoneFo
     ASSERT_TRUE(apps.installPlaceholder(A));
     Signal inside;
     Signal proceed;
+    Signal left;
     std::atomic<bool> hasLeft = false;
     Observer observer;
     observer.during = [&] {
         inside.raise();
         EXPECT_TRUE(proceed.wait());
         hasLeft = true;
+        left.raise();
     };
     Listening listening(apps, observer);
     ASSERT_TRUE(inside.wait());
@@ -179,6 +181,7 @@ TEST_P(RegistryObserverContract, RemovingAnObserverWaitsForARunningCallAndNoneFo
     listening.end();
     EXPECT_TRUE(hasLeft);
     helper.join();
+    EXPECT_TRUE(left.wait());
     const int told = observer.lists();
     Query witness;
     const Listening witnessListens(apps, witness);

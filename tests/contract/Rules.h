@@ -19,7 +19,7 @@ namespace appsync::contract {
 /// A wait that nothing ends fails after this time, which no working device comes near; once a rule is known to be
 /// broken, its other waits need not be that patient.
 inline std::chrono::seconds watchdog() {
-    return std::chrono::seconds(testing::Test::HasFailure() ? 1 : 60);
+    return std::chrono::seconds(testing::Test::HasFailure() ? 1 : 30);
 }
 
 /// Counts what happens on other threads.
