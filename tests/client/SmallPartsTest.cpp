@@ -85,5 +85,17 @@ TEST_F(Retries, MayRunBeforeTheSchedulerHasAnswered) {
     EXPECT_EQ(scheduler.cancels, 0);
 }
 
+TEST_F(Retries, MayBeDroppedBeforeTheSchedulerHasAnswered) {
+    HastyScheduler scheduler;
+    PendingRetries retries(scheduler);
+    retries.runAfter(1s, [&retries, this] {
+        retries.dropAll();
+        ++ran;
+    });
+    EXPECT_EQ(ran, 1);
+    retries.dropAll();
+    EXPECT_EQ(scheduler.cancels, 0);
+}
+
 } // namespace
 } // namespace appsync
