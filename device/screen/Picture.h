@@ -44,8 +44,8 @@ inline constexpr std::size_t MostScreens = 12;
 /// screen. Names are untrusted: what is no UTF-8 shows as a replacement character.
 [[nodiscard]] std::optional<Data> drawHomeScreen(const ScreenContents& contents);
 
-/// Gives back the fonts that drawing keeps for the rest of the process. For the end of a program, when nothing draws any
-/// more on any thread; without it leak checkers report them.
+/// Gives back the fonts that drawing keeps for the rest of the process. For the end of a program, when nothing draws
+/// any more on any thread; without it leak checkers report them.
 void releaseFonts() noexcept;
 
 } // namespace appsync::device
