@@ -9,6 +9,7 @@
 #include "platform/Log.h"
 
 #include <array>
+#include <concepts>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -51,13 +52,16 @@ constexpr Specifier nextSpecifier(std::string_view format, std::size_t from) {
     throw "a log format holds an unknown conversion";
 }
 
+template <class Type>
+concept SmallNumber = std::integral<Type> && sizeof(Type) <= 4 && !std::same_as<Type, char>;
+
 template <class Argument> constexpr bool accepts(Conversion conversion) {
     using Type = std::remove_cvref_t<Argument>;
     switch (conversion) {
     case Conversion::object: return Describable<Type>;
     case Conversion::text: return std::is_convertible_v<Type, std::string_view>;
     case Conversion::character: return std::is_same_v<Type, char>;
-    case Conversion::smallNumber: return std::is_integral_v<Type> && sizeof(Type) <= 4 && !std::is_same_v<Type, char>;
+    case Conversion::smallNumber: return SmallNumber<Type>;
     case Conversion::unsignedNumber: return std::is_unsigned_v<Type> && !std::is_same_v<Type, bool>;
     case Conversion::signedNumber: return std::is_signed_v<Type> && std::is_integral_v<Type>;
     case Conversion::real: return std::is_same_v<Type, double>;

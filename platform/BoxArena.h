@@ -33,7 +33,7 @@ class BoxArena {
     ~BoxArena() { leaveSlab(); }
 
     [[nodiscard]] Memory make(std::size_t size) {
-        const std::size_t taken = (size + sizeof(Slab*) + alignof(Slab*) - 1) & ~(alignof(Slab*) - 1);
+        const std::size_t taken = (size + slabPointerSize + alignof(Slab*) - 1) & ~(alignof(Slab*) - 1);
         if (taken > _left) {
             if (size > largestBox) {
                 return {allocate(size), false};
@@ -45,10 +45,11 @@ class BoxArena {
         _left -= taken;
         _slab->users.store(_slab->users.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         *reinterpret_cast<Slab**>(memory) = _slab;
-        return {memory + sizeof(Slab*), true};
+        return {memory + slabPointerSize, true};
     }
 
   private:
+    static constexpr std::size_t slabPointerSize = sizeof(void*);
     static constexpr std::size_t largestBox = 480;
     static constexpr std::size_t largestSlab = 4096 - 16; // with what the allocator adds, a page
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -51,17 +52,13 @@ class Cell {
     static constexpr std::size_t inlineCapacity = 14;
 
     Cell() noexcept = default;
-    Cell(const Cell& other) noexcept {
-        std::memcpy(static_cast<void*>(this), &other, sizeof(Cell));
+    Cell(const Cell& other) noexcept : _content(other._content) {
         if (isBoxed()) {
             box()->references.fetch_add(1, std::memory_order_relaxed);
         }
     }
     /// The other cell becomes null; as a text it is empty.
-    Cell(Cell&& other) noexcept {
-        std::memcpy(static_cast<void*>(this), &other, sizeof(Cell));
-        static_cast<void>(new (&other) Cell);
-    }
+    Cell(Cell&& other) noexcept : _content(std::exchange(other._content, Content{})) {}
     Cell& operator=(const Cell& other) noexcept {
         Cell(other).swap(*this);
         return *this;
@@ -76,11 +73,7 @@ class Cell {
         }
     }
 
-    void swap(Cell& other) noexcept {
-        const Words held = words();
-        std::memcpy(static_cast<void*>(this), &other, sizeof(Cell));
-        std::memcpy(static_cast<void*>(&other), &held, sizeof(Cell));
-    }
+    void swap(Cell& other) noexcept { std::swap(_content, other._content); }
 
     /// The cell's bits. Cells with the same bits are equal; two inline texts are equal only then.
     struct Words {
@@ -88,11 +81,7 @@ class Cell {
         std::uint64_t second;
         friend bool operator==(Words, Words) = default;
     };
-    [[nodiscard]] Words words() const noexcept {
-        Words bits;
-        std::memcpy(&bits, this, sizeof(Cell));
-        return bits;
-    }
+    [[nodiscard]] Words words() const noexcept { return std::bit_cast<Words>(_content); }
     /// An inline text of at most `inlineCapacity` bytes; `bits` holds them, followed by zeros.
     static Cell inlineText(std::string_view text) noexcept {
         Words bits{};
@@ -101,24 +90,24 @@ class Cell {
     }
     static Cell inlineText(Words bits, std::size_t length) noexcept {
         Cell cell;
-        std::memcpy(static_cast<void*>(&cell), &bits, sizeof(Cell));
-        cell._inlineLength = static_cast<std::uint8_t>(length);
-        cell._tag = Tag::inlineText;
+        cell._content = std::bit_cast<Content>(bits);
+        cell._content.inlineLength = static_cast<std::uint8_t>(length);
+        cell._content.tag = Tag::inlineText;
         return cell;
     }
 
     template <class Scalar> static Cell scalar(Tag tag, Scalar datum) noexcept {
         static_assert(sizeof(Scalar) <= 8);
         Cell cell;
-        cell._tag = tag;
-        std::memcpy(cell._bytes, &datum, sizeof(Scalar));
+        cell._content.tag = tag;
+        std::memcpy(cell._content.bytes, &datum, sizeof(Scalar));
         return cell;
     }
     /// Takes over the caller's reference to `box`.
-    static Cell boxed(Tag tag, Box* box) noexcept { return scalar(tag, box); }
+    static Cell boxed(Tag tag, Box* box) noexcept { return scalar<void*>(tag, box); }
     /// Gives the caller the reference that this cell owned; the cell becomes null.
     [[nodiscard]] Box* releaseBox() noexcept {
-        _tag = Tag::null;
+        _content.tag = Tag::null;
         return box();
     }
     /// A copy of a cell whose box no other thread can know of yet.
@@ -127,23 +116,25 @@ class Cell {
             box()->retainUnpublished();
         }
         Cell copy;
-        std::memcpy(static_cast<void*>(&copy), this, sizeof(Cell));
+        copy._content = _content;
         return copy;
     }
     /// Copies the text: inline when it fits, else into a box of its own.
     static Cell text(std::string_view text);
     static Cell text(std::string_view text, BoxArena& arena);
 
-    [[nodiscard]] Tag tag() const noexcept { return _tag; }
-    [[nodiscard]] bool isBoxed() const noexcept { return _tag >= Tag::sharedText; }
-    [[nodiscard]] bool isContainer() const noexcept { return _tag >= Tag::array; }
-    [[nodiscard]] bool isText() const noexcept { return _tag == Tag::inlineText || _tag == Tag::sharedText; }
+    [[nodiscard]] Tag tag() const noexcept { return _content.tag; }
+    [[nodiscard]] bool isBoxed() const noexcept { return _content.tag >= Tag::sharedText; }
+    [[nodiscard]] bool isContainer() const noexcept { return _content.tag >= Tag::array; }
+    [[nodiscard]] bool isText() const noexcept {
+        return _content.tag == Tag::inlineText || _content.tag == Tag::sharedText;
+    }
     template <class Scalar> [[nodiscard]] Scalar as() const noexcept {
         Scalar datum;
-        std::memcpy(&datum, _bytes, sizeof(Scalar));
+        std::memcpy(&datum, _content.bytes, sizeof(Scalar));
         return datum;
     }
-    [[nodiscard]] Box* box() const noexcept { return as<Box*>(); }
+    [[nodiscard]] Box* box() const noexcept { return static_cast<Box*>(as<void*>()); }
     /// True when no other cell refers to the box, so that it may be changed in place.
     [[nodiscard]] bool isUnique() const noexcept { return box()->references.load(std::memory_order_acquire) == 1; }
     /// The text of a text cell; lives as long as the cell is neither changed nor moved.
@@ -152,13 +143,16 @@ class Cell {
   private:
     void release() noexcept {
         if (box()->dropReference()) {
-            destroyBox(box(), _tag);
+            destroyBox(box(), _content.tag);
         }
     }
 
-    alignas(8) unsigned char _bytes[inlineCapacity] = {};
-    std::uint8_t _inlineLength = 0;
-    Tag _tag = Tag::null;
+    struct Content {
+        alignas(8) unsigned char bytes[inlineCapacity] = {};
+        std::uint8_t inlineLength = 0;
+        Tag tag = Tag::null;
+    };
+    Content _content;
 };
 
 static_assert(sizeof(Cell) == 16);
@@ -186,10 +180,10 @@ class TextBox : public Box {
 };
 
 inline std::string_view Cell::textView() const noexcept {
-    if (_tag == Tag::sharedText) {
+    if (_content.tag == Tag::sharedText) {
         return static_cast<const TextBox*>(box())->view();
     }
-    return {reinterpret_cast<const char*>(_bytes), _inlineLength};
+    return {reinterpret_cast<const char*>(_content.bytes), _content.inlineLength};
 }
 
 } // namespace appsync::detail

@@ -97,6 +97,7 @@ class PendingBoxes {
         if (box != nullptr) {
             std::uintptr_t link = 0;
             std::memcpy(&link, static_cast<const void*>(box), sizeof link);
+            // NOLINTNEXTLINE(performance-no-int-to-ptr): an address whose lowest bit kept `inSlab`
             _first = reinterpret_cast<ContainerBox*>(link & ~std::uintptr_t{1});
             box->inSlab = (link & 1) != 0;
         }

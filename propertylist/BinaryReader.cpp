@@ -27,7 +27,6 @@ using detail::Cell;
 using detail::DataBox;
 using detail::DictionaryBox;
 using detail::Tag;
-using detail::TextBox;
 using Entries = std::span<Dictionary::Entry>;
 
 class BinaryReader {

@@ -81,7 +81,7 @@ std::optional<Date> dateFromText(std::string_view text) noexcept {
         return std::nullopt;
     }
     const std::int64_t days = (sys_days(date) - referenceDay).count();
-    return Date{static_cast<double>(days * daySeconds + hour * 3600 + minute * 60 + second)};
+    return Date{static_cast<double>(days * daySeconds + hour * 3600L + minute * 60L + second)};
 }
 
 } // namespace appsync::propertylist

@@ -48,7 +48,7 @@ CoordinatorEngine::~CoordinatorEngine() {
 }
 
 Result<void> CoordinatorEngine::load() {
-    if (const auto registered = _store.registerSchema(); !registered) {
+    if (auto registered = _store.registerSchema(); !registered) {
         return registered;
     }
     std::uint64_t lastPromise = 0;
@@ -135,6 +135,7 @@ std::vector<OpenCoordinator> CoordinatorEngine::openCoordinators() {
     }
     std::sort(states.begin(), states.end(), [](const auto& a, const auto& b) { return a->id < b->id; });
     std::vector<OpenCoordinator> open;
+    open.reserve(states.size());
     for (const auto& state : states) {
         open.push_back({state->bundleID, std::string(nameOf(state->kind)), state->creator,
                         state->facts.responsibleClient, state->facts.isPlaceholderInstalled,

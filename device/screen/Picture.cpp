@@ -32,7 +32,8 @@ struct Point {
 /// The middle of an icon, seen from the upper left of its screen.
 Point middleOf(std::size_t place) {
     const auto column = static_cast<double>(place % Columns);
-    const auto row = static_cast<double>(place / Columns);
+    const std::size_t line = place / Columns;
+    const auto row = static_cast<double>(line);
     return {ColumnGap + Side / 2 + column * (Side + ColumnGap), TopOfGrid + Side / 2 + row * RowHeight};
 }
 
@@ -235,7 +236,8 @@ class Pen {
         constexpr double step = 34;
         for (std::size_t i = 0; i < std::min<std::size_t>(folder.icons.size(), 9); ++i) {
             const double column = static_cast<double>(i % 3) - 1;
-            const double row = static_cast<double>(i / 3) - 1;
+            const std::size_t line = i / 3;
+            const double row = static_cast<double>(line) - 1;
             drawIcon(folder.icons[i], {middle.x + column * step, middle.y + row * step}, 28 / Side);
         }
     }
