@@ -31,7 +31,7 @@ FNProgressPtr AppsClient::_progressForAssetIdentifier(std::string_view identifie
         return nullptr;
     }
     const auto proxy = _platform.applicationProxies.applicationProxyForIdentifier_placeholder(identifier, true);
-    const FNProgressPtr progress =
+    FNProgressPtr progress =
         proxy != nullptr ? _workspace().installProgressForApplication_withPhase(proxy, PDInstallPhaseLoading) : nullptr;
     _log.error("Returning %{public}@ progress for %{public}@", progress, identifier);
     return progress;
