@@ -152,7 +152,7 @@ bool isUsableIdentifier(std::string_view identifier) {
 }
 
 ErrorPtr desktopError(std::string description, std::string_view path) {
-    Dictionary facts{{ErrorDescriptionKey, std::move(description)}};
+    Dictionary facts{{ErrorDescriptionKey, description}};
     if (!path.empty()) {
         facts.set(ErrorPathKey, path);
     }

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <map>
+#include <new>
 #include <unordered_set>
 
 namespace appsync::device {
@@ -129,8 +130,7 @@ void DeviceHomeScreen::SKGetFlattenedIconState(SKPort port, std::uint32_t format
     const IdentifierList order = flattenedOrder();
     const auto bytes = _services.propertyLists.dataWithPropertyList(Array(order.begin(), order.end()),
                                                                     PropertyListFormat::binary, nullptr);
-    if (bytes) {
-        auto* copy = new char[bytes->size()];
+    if (auto* copy = bytes ? new (std::nothrow) char[bytes->size()] : nullptr; copy != nullptr) {
         std::copy(bytes->bytes().begin(), bytes->bytes().end(), copy);
         *buffer = copy;
         *length = bytes->size();

@@ -61,11 +61,12 @@ Result<std::vector<std::string>> logFiles(DeviceFileSystem& files) {
             file.size() > name.size() + 1 && file.starts_with(std::string(name) + ".") &&
             std::from_chars(&file[name.size() + 1], file.data() + file.size(), age).ptr == file.data() + file.size();
         if (file == name || isOlder) {
-            found.emplace_back(age, folder + "/" + file);
+            found.emplace_back(age, folder).second.append("/").append(file);
         }
     }
     std::sort(found.begin(), found.end(), std::greater<>());
     std::vector<std::string> paths;
+    paths.reserve(found.size());
     for (auto& [age, path] : found) {
         paths.push_back(std::move(path));
     }
