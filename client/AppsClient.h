@@ -264,7 +264,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
 
     [[nodiscard]] bool _runsInDaemon();
     [[nodiscard]] PDApplicationWorkspace& _workspace() const;
-    [[nodiscard]] std::optional<Value> _readPlist(std::string_view path, ErrorPtr* error);
+    [[nodiscard]] std::optional<Value> _readPlist(std::string_view path);
     bool _reconcileStagedSync(ErrorPtr* error);
     void _performRemovals(const Array& toDoList);
     void _sendIconLayout();
@@ -355,7 +355,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     IdentifierSet _outstandingRFXTransfers; // assets whose files the host is still sending
     OperationQueue _installOperationQueue;
     std::shared_ptr<HVManager> _backupManager;
-    IdentifierSet _kplAppsToIgnore;                        // volume-licensed apps that this sync leaves alone
+    IdentifierSet _kplAppsToIgnore; // volume-licensed apps that this sync leaves alone; none is recognised today
     std::set<std::string, std::less<>> _updatingApps;      // on the access queue: updates of installed apps
     std::set<std::string, std::less<>> _userCancelledApps; // on the access queue: cancelled on the device
     std::atomic<bool> _useInstallCoordinator = false;      // never changes after construction

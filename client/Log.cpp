@@ -1,7 +1,5 @@
 #include "client/Log.h"
 
-#include <cstdio>
-
 namespace appsync {
 
 namespace detail {
@@ -15,9 +13,7 @@ void appendSigned(std::string& out, std::int64_t number) {
 }
 
 void appendReal(std::string& out, double number) {
-    char digits[400];
-    const int length = std::snprintf(digits, sizeof digits, "%f", number);
-    out.append(digits, static_cast<std::size_t>(length));
+    out += std::to_string(number); // six decimals
 }
 
 } // namespace detail

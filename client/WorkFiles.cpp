@@ -70,7 +70,7 @@ std::optional<Dictionary> AppsClient::_loadDemotedAppsPlist_withError(std::strin
 std::optional<Value>
 AppsClient::_restoreStatePropertyForKey_identifier_version(std::string_view key, std::string_view identifier,
                                                            const std::optional<std::string>& version) {
-    const auto root = _readPlist(paths::restoreState, nullptr);
+    const auto root = _readPlist(paths::restoreState);
     if (!root || root->dictionary() == nullptr || !version) {
         return std::nullopt;
     }
@@ -105,7 +105,7 @@ void AppsClient::_setRestoreStatePropertyValue_forKey_identifier_version(const V
 
 void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
     const std::lock_guard lock(_restoreStateMutex);
-    auto root = _readPlist(paths::restoreState, nullptr);
+    auto root = _readPlist(paths::restoreState);
     Dictionary* state = root ? root->mutableDictionary() : nullptr;
     if (state == nullptr) {
         return;
@@ -144,9 +144,9 @@ std::optional<std::string> AppsClient::_operationStateForIdentifier(std::string_
     return operation ? std::optional<std::string>(*operation) : std::nullopt;
 }
 
-std::optional<Value> AppsClient::_readPlist(std::string_view path, ErrorPtr* error) {
-    const auto bytes = _platform.files.readFile(path, error);
-    return bytes ? _platform.propertyLists.propertyListWithData(bytes->bytes(), error) : std::nullopt;
+std::optional<Value> AppsClient::_readPlist(std::string_view path) {
+    const auto bytes = _platform.files.readFile(path, nullptr);
+    return bytes ? _platform.propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
 }
 
 } // namespace appsync

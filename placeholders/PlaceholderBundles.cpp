@@ -182,7 +182,7 @@ void AppsClient::_logAppRestore(bool success, std::string_view bundleIdentifier,
 }
 
 std::optional<Dictionary> AppsClient::_dictionaryAtPath(const std::optional<std::string>& path) {
-    const auto root = path ? _readPlist(*path, nullptr) : std::nullopt;
+    const auto root = path ? _readPlist(*path) : std::nullopt;
     const Dictionary* dictionary = root ? root->dictionary() : nullptr;
     return dictionary != nullptr ? std::optional(*dictionary) : std::nullopt;
 }

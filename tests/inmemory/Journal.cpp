@@ -14,9 +14,26 @@ auto beginsWith(std::string_view prefix) {
 } // namespace
 
 void Journal::add(std::string line) {
+    std::function<void()> task;
+    {
+        const std::lock_guard lock(_mutex);
+        const auto planned =
+            std::ranges::find_if(_tasks, [&](const auto& entry) { return line.starts_with(entry.first); });
+        if (planned != _tasks.end()) {
+            task = std::move(planned->second);
+            _tasks.erase(planned);
+        }
+        _lines.push_back(std::move(line));
+        _added.notify_all();
+    }
+    if (task) {
+        task();
+    }
+}
+
+void Journal::whenAdded(std::string prefix, std::function<void()> task) {
     const std::lock_guard lock(_mutex);
-    _lines.push_back(std::move(line));
-    _added.notify_all();
+    _tasks.emplace_back(std::move(prefix), std::move(task));
 }
 
 std::vector<std::string> Journal::take() {

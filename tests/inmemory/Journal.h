@@ -3,9 +3,11 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace appsync::inmemory {
@@ -20,6 +22,9 @@ class Journal {
     /// The lines so far that begin with a prefix.
     [[nodiscard]] std::vector<std::string> linesWith(std::string_view prefix) const;
     [[nodiscard]] std::size_t count(std::string_view line) const;
+    /// Runs the task once, when the next line that begins with the prefix is added: on the adder's thread, after the
+    /// line and before the call that it stands for.
+    void whenAdded(std::string prefix, std::function<void()> task);
     /// Returns when a line that begins with the prefix has been added `times` times.
     void waitFor(std::string_view prefix, std::size_t times = 1) const;
 
@@ -27,6 +32,7 @@ class Journal {
     mutable std::mutex _mutex;
     mutable std::condition_variable _added;
     std::vector<std::string> _lines;
+    std::vector<std::pair<std::string, std::function<void()>>> _tasks; // by prefix
 };
 
 } // namespace appsync::inmemory

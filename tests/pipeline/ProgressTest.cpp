@@ -60,6 +60,15 @@ TEST_F(TransferProgress, CountsAnAssetWithoutPlaceholderAsOutstanding) {
     EXPECT_EQ(world.journal.count("error: Called with success == YES but with 1 outstanding RFX transfers!"), 1u);
 }
 
+TEST_F(TransferProgress, CountsAnAssetAsOutstandingOnceItsProgressIsShown) {
+    start(true);
+    world.journal.whenAdded("coordinators.initiating(a", [this] { client().assetTransferEndedWithSuccess(true); });
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
+    EXPECT_EQ(world.journal.linesWith("error: Called with success"), Lines{});
+    client().assetTransferEndedWithSuccess(true);
+    EXPECT_EQ(world.journal.linesWith("error: Called with success").size(), 1u);
+}
+
 TEST_F(TransferProgress, GoesToTheCoordinator) {
     start(true);
     client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);

@@ -1,0 +1,129 @@
+"""Builds the plug-in with one change in it and asks its tests whether they notice."""
+import json
+import os
+import pathlib
+import re
+import shlex
+import subprocess
+
+TESTS = ['client', 'planning', 'pipeline', 'coordination', 'placeholders', 'homescreen']
+# A changed plug-in may wait for ever. The tests take a tenth of a second.
+PATIENCE = {'debug': 30, 'tsan': 120}
+
+
+class DoesNotCompile(Exception):
+    pass
+
+
+class Build:
+    """A finished build of the plug-in's tests, whose commands are taken over."""
+
+    def __init__(self, root, folder, patience):
+        self.root, self.folder, self.patience = root, folder, patience
+        entries = json.loads((folder / 'compile_commands.json').read_text())
+        self.commands = {}
+        for entry in entries:
+            if 'appsync_plugin.dir' in entry['command']:
+                file = os.path.relpath(entry['file'], root)
+                self.commands[file] = [word for word in shlex.split(entry['command']) if word != '-Werror']
+        self.dependencies = self._dependencies()
+        self.links = {test: self._link(test) for test in TESTS}
+
+    def sources(self):
+        return sorted(self.commands)
+
+    def _ninja(self, *arguments):
+        return subprocess.run(['ninja', '-C', str(self.folder), *arguments], check=True, text=True,
+                              capture_output=True).stdout
+
+    def _dependencies(self):
+        """Which sources include which file of the project."""
+        users, source = {}, None
+        for line in self._ninja('-t', 'deps').splitlines():
+            if not line.startswith(' '):
+                found = re.search(r'appsync_plugin\.dir/(.*)\.o:', line)
+                source = found and (found.group(1)[3:] if found.group(1).startswith('__/') else 'client/' + found.group(1))
+            elif source is not None and source in self.commands and line.strip():
+                file = os.path.relpath(self.folder / line.strip(), self.root)
+                users.setdefault(file, set()).add(source)
+        return users
+
+    def _link(self, test):
+        command = self._ninja('-t', 'commands', f'bin/{test}_test').splitlines()[-1]
+        command = next(part for part in command.split('&&') if f' -o bin/{test}_test' in part)
+        return shlex.split(command)
+
+    def headers(self):
+        folders = tuple(f'{test}/' for test in TESTS)
+        return sorted(file for file in self.dependencies if file.endswith('.h') and file.startswith(folders))
+
+    def flags(self, source):
+        """What a parser must know to read this source."""
+        return [word for word in self.commands[source] if word.startswith(('-I', '-std', '-D'))]
+
+
+class Trial:
+    """One worker with a folder of its own."""
+
+    def __init__(self, build, folder):
+        self.build, self.folder = build, folder
+        (folder / 'include').mkdir(parents=True, exist_ok=True)
+
+    def run(self, place):
+        """The name of the test that noticed the change, or null."""
+        text = (self.build.root / place.file).read_bytes()
+        changed = text[:place.begin] + place.new.encode() + text[place.end:]
+        objects = self._compile(place.file, changed)
+        own = place.file.split('/')[0]
+        for test in sorted(TESTS, key=lambda name: name != own):
+            noticed = self._ask(test, objects)
+            if noticed is not None:
+                return noticed
+        return None
+
+    def _compile(self, file, changed):
+        if file in self.build.commands:
+            copy = self.folder / pathlib.Path(file).name
+            copy.write_bytes(changed)
+            return [self._compile_one(file, copy, [])]
+        overlay = self.folder / 'include'
+        copy = overlay / file
+        copy.parent.mkdir(parents=True, exist_ok=True)
+        copy.write_bytes(changed)
+        try:
+            return [self._compile_one(source, self.build.root / source, ['-I' + str(overlay)])
+                    for source in sorted(self.build.dependencies[file])]
+        finally:
+            copy.unlink()
+
+    def _compile_one(self, source, text, include):
+        words = list(self.build.commands[source])
+        while not words[0].endswith(('++', 'c++')):
+            words.pop(0)  # a compiler cache
+        target = self.folder / (source.replace('/', '_') + '.o')
+        words[words.index('-o') + 1] = str(target)
+        words[words.index('-c') + 1] = str(text)
+        result = subprocess.run([words[0], '-w', *include, *words[1:]], cwd=self.build.folder, capture_output=True)
+        if result.returncode != 0:
+            raise DoesNotCompile
+        return str(target)
+
+    def _ask(self, test, objects):
+        program = self.folder / f'{test}_test'
+        words = list(self.build.links[test])
+        words[words.index('-o') + 1] = str(program)
+        # In front of everything else, so that changed inline functions win too.
+        words[1:1] = objects
+        result = subprocess.run(words, cwd=self.build.folder, capture_output=True, text=True)
+        if result.returncode != 0:
+            raise DoesNotCompile
+        try:
+            run = subprocess.run([str(program), '--gtest_brief=1', '--gtest_fail_fast'], cwd=self.folder,
+                                 capture_output=True, text=True, errors='replace', timeout=self.build.patience,
+                                 env={**os.environ, 'TSAN_OPTIONS': 'halt_on_error=1'})
+        except subprocess.TimeoutExpired:
+            return f'{test}_test, which never ended'
+        if run.returncode == 0:
+            return None
+        failed = re.search(r'\[  FAILED  \] ([\w/.]+)', run.stdout)
+        return failed.group(1) if failed else f'{test}_test, which ended with {run.returncode}'
