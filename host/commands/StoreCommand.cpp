@@ -89,7 +89,7 @@ class StoreClient {
         const auto names = _device.files().list(downloadFolder);
         for (const std::string& name : names ? *names : std::vector<std::string>()) {
             if (!wanted.contains(name)) {
-                _device.files().removeItem(downloadFolder + "/" + name, nullptr);
+                _device.files().removeItem(std::string(downloadFolder).append("/").append(name), nullptr);
             }
         }
     }
