@@ -4,6 +4,7 @@
 #include "platform/Error.h"
 #include "tests/inmemory/Journal.h"
 
+#include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -58,11 +59,25 @@ class Faults {
 struct Context {
     Journal journal;
     Faults faults;
+    /// Sees each call on its caller's thread before it is done, and may answer the error with which it is to fail. A
+    /// call on an object has the name "coordinator.setInstallOptions" and begins its arguments with the object's name.
+    std::function<ErrorPtr(std::string_view call, std::string_view arguments)> interceptor;
 
     /// Writes "call(arguments)" to the journal; the error with which the call is to fail, or null.
     ErrorPtr call(std::string_view name, const std::string& arguments = {}) {
-        journal.add(std::string(name) + "(" + arguments + ")");
-        return faults.take(name);
+        if (journal.isRecording()) {
+            journal.add(std::string(name) + "(" + arguments + ")");
+        }
+        return _fault(name, arguments);
+    }
+    /// Writes "kind(object).name(arguments)"; the fault has the name "kind.name".
+    ErrorPtr callOn(std::string_view kind, const std::string& object, std::string_view name,
+                    const std::string& arguments = {}) {
+        if (journal.isRecording()) {
+            journal.add(std::string(kind) + "(" + object + ")." + std::string(name) + "(" + arguments + ")");
+        }
+        const std::string call = std::string(kind) + "." + std::string(name);
+        return interceptor ? _fault(call, object + ", " + arguments) : faults.take(call);
     }
     /// The same for a call with an error out-argument: true when it is to fail, with the error stored.
     bool fails(std::string_view name, const std::string& arguments, ErrorPtr* error) {
@@ -71,6 +86,16 @@ struct Context {
             *error = fault;
         }
         return fault != nullptr;
+    }
+
+  private:
+    ErrorPtr _fault(std::string_view name, std::string_view arguments) {
+        if (interceptor) {
+            if (ErrorPtr fault = interceptor(name, arguments)) {
+                return fault;
+            }
+        }
+        return faults.take(name);
     }
 };
 

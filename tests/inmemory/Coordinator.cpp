@@ -3,8 +3,7 @@
 namespace appsync::inmemory {
 
 bool Placeholder::_call(std::string_view name, const std::string& arguments, ErrorPtr* error) {
-    _context.journal.add("placeholder(" + identifier + ")." + std::string(name) + "(" + arguments + ")");
-    const ErrorPtr fault = _context.faults.take("placeholder." + std::string(name));
+    const ErrorPtr fault = _context.callOn("placeholder", identifier, name, arguments);
     if (fault != nullptr && error != nullptr) {
         *error = fault;
     }
@@ -91,6 +90,22 @@ CoordinatorStatePtr Coordinators::findOrAdd(std::string_view identifier, const s
     state->creator = client;
     isNew = true;
     return _states[state->identifier] = state;
+}
+
+void Coordinators::remove(std::string_view identifier) {
+    const std::lock_guard lock(_mutex);
+    if (const auto found = _states.find(identifier); found != _states.end()) {
+        _states.erase(found);
+    }
+}
+
+std::vector<CoordinatorStatePtr> Coordinators::all() const {
+    const std::lock_guard lock(_mutex);
+    std::vector<CoordinatorStatePtr> states;
+    for (const auto& [identifier, state] : _states) {
+        states.push_back(state);
+    }
+    return states;
 }
 
 KXPlaceholderPtr Factories::initAppPlaceholderWithBundleName_bundleID_installType_client(

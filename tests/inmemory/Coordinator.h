@@ -4,6 +4,7 @@
 #include "platform/InstallCoordinator.h"
 #include "tests/inmemory/Context.h"
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -21,26 +22,25 @@ template <class Interface> class Promise : public Interface {
     bool isComplete() noexcept override { return complete; }
     void setPercentComplete(double fraction) noexcept override {
         percent = fraction;
-        _context.journal.add(_self() + "setPercentComplete(" + std::to_string(fraction) + ")");
+        _context.callOn("promise", name, "setPercentComplete", std::to_string(fraction));
     }
     void setComplete(bool isDone) noexcept override {
         complete = isDone;
-        _context.journal.add(_self() + "setComplete(" + (isDone ? "1" : "0") + ")");
+        _context.callOn("promise", name, "setComplete", isDone ? "1" : "0");
     }
     bool cancelForReason_client_error(const ErrorPtr& reason, KXClientIdentifier client, ErrorPtr*) noexcept override {
         cancelled = reason;
-        _context.journal.add(_self() + "cancel(" + reason->description() + ", client " + std::to_string(client) + ")");
+        _context.callOn("promise", name, "cancel", reason->description() + ", client " + std::to_string(client));
         return true;
     }
     std::string description() noexcept override { return "<promise " + name + ">"; }
 
     const std::string name;
     double percent = 0;
-    bool complete = false;
+    std::atomic<bool> complete = false;
     ErrorPtr cancelled;
 
   protected:
-    [[nodiscard]] std::string _self() const { return "promise(" + name + ")."; }
     Context& _context;
 };
 
@@ -49,7 +49,7 @@ class TransferPromise final : public Promise<KXPromisedTransferToPath> {
     using Promise::Promise;
     void setTransferPath(const std::optional<FileURL>& newPath) noexcept override {
         path = newPath;
-        _context.journal.add(_self() + "setTransferPath(" + (newPath ? newPath->description() : "(null)") + ")");
+        _context.callOn("promise", name, "setTransferPath", newPath ? newPath->description() : "(null)");
     }
     std::optional<FileURL> path;
 };
@@ -147,8 +147,7 @@ template <class Interface> class Coordinator : public Interface {
   protected:
     /// Writes the call; its fault is named as in "coordinator.setInstallOptions".
     bool _call(const std::string& name, const std::string& arguments, ErrorPtr* error) {
-        _context.journal.add("coordinator(" + _state->identifier + ")." + name + "(" + arguments + ")");
-        ErrorPtr fault = _context.faults.take("coordinator." + name);
+        ErrorPtr fault = _context.callOn("coordinator", _state->identifier, name, arguments);
         if (fault == nullptr && _state->cancelled) {
             fault = Error::make("CoordinatorInMemory", 3, {{ErrorDescriptionKey, "it has ended"}});
         }
@@ -254,6 +253,9 @@ class Coordinators {
     /// and makes none.
     CoordinatorStatePtr findOrAdd(std::string_view identifier, const std::string& kind, KXClientIdentifier client,
                                   bool makesOne, bool& isNew, ErrorPtr* error);
+    /// Takes an app's coordinator away, as when it has ended.
+    void remove(std::string_view identifier);
+    [[nodiscard]] std::vector<CoordinatorStatePtr> all() const;
 
     AnyCoordinatorLookup any;
     CoordinatorLookup<KXInitiatingAppInstallCoordinator, Coordinator<KXInitiatingAppInstallCoordinator>> initiating;

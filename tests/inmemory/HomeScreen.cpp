@@ -80,10 +80,11 @@ void Screen::SKDeallocate(const char* buffer, std::size_t length) noexcept {
 std::shared_ptr<SKSApplicationTerminationAssertion>
 Screen::SKSApplicationTerminationAssertionCreateWithError(std::string_view bundleIdentifier, std::uint32_t reason,
                                                           std::uint8_t* errorCode) noexcept {
-    _context.call("screen.assertion", std::string(bundleIdentifier) + ", reason " + std::to_string(reason));
+    const ErrorPtr fault =
+        _context.call("screen.assertion", std::string(bundleIdentifier) + ", reason " + std::to_string(reason));
     beforeAssertion();
     const std::lock_guard lock(_mutex);
-    const std::uint8_t answer = _answer(bundleIdentifier);
+    const std::uint8_t answer = fault != nullptr ? static_cast<std::uint8_t>(fault->code()) : _answer(bundleIdentifier);
     *errorCode = answer;
     if (answer == SKSTerminationAssertionNotFound) {
         return nullptr;

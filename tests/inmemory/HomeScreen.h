@@ -35,7 +35,8 @@ class Screen final : public HomeScreen {
     /// The bytes of the icon order; nothing when the home screen has no answer. A layout of identifiers or of pages of
     /// them replaces it.
     std::optional<std::string> iconOrder;
-    /// What the next requests for an assertion are answered; when it runs out, the running apps count.
+    /// What the next requests for an assertion are answered; when it runs out, the running apps count. The code
+    /// of a fault goes before it.
     std::deque<std::uint8_t> assertionAnswers;
     /// The apps that run, and whether they are busy; nothing: every app runs and is not busy.
     std::optional<std::map<std::string, bool, std::less<>>> runningApps;

@@ -26,6 +26,9 @@ bool Log::isEnabled(QRLogCategory /*category*/, LogLevel /*level*/) noexcept {
 }
 
 void Log::write(QRLogCategory category, LogLevel level, std::string_view format, std::string_view text) noexcept {
+    if (!_context.journal.isRecording()) {
+        return;
+    }
     {
         const std::lock_guard lock(_mutex);
         _formats.emplace_back(format);
@@ -81,6 +84,7 @@ std::shared_ptr<QRDeviceService> DeviceService::sharedInstance() noexcept {
 void DeviceService::prioritizeAsset_withCompletion(const QRAssetPtr& asset,
                                                    std::function<void(const ErrorPtr&)> completion) noexcept {
     _context.call("host.prioritizeAsset", asset->description());
+    const std::lock_guard lock(_mutex);
     completions.push_back(std::move(completion));
 }
 

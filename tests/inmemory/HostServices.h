@@ -72,6 +72,7 @@ class DeviceService final : public QRDeviceService, public QRDeviceServiceClass 
 
   private:
     Context& _context;
+    std::mutex _mutex;
 };
 
 /// Counts an error as recoverable when the test has named its domain.

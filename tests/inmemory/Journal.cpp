@@ -14,6 +14,9 @@ auto beginsWith(std::string_view prefix) {
 } // namespace
 
 void Journal::add(std::string line) {
+    if (!_records) {
+        return;
+    }
     std::function<void()> task;
     {
         const std::lock_guard lock(_mutex);

@@ -1,6 +1,7 @@
 // What happened, in order: every platform call and every message of the code under test, one line each.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -16,6 +17,9 @@ namespace appsync::inmemory {
 class Journal {
   public:
     void add(std::string line);
+    /// While it does not record, what is added is dropped.
+    void setRecording(bool records) { _records = records; }
+    [[nodiscard]] bool isRecording() const { return _records; }
     /// The lines so far; the journal is empty afterwards.
     std::vector<std::string> take();
     [[nodiscard]] std::vector<std::string> lines() const;
@@ -29,6 +33,7 @@ class Journal {
     void waitFor(std::string_view prefix, std::size_t times = 1) const;
 
   private:
+    std::atomic<bool> _records = true;
     mutable std::mutex _mutex;
     mutable std::condition_variable _added;
     std::vector<std::string> _lines;

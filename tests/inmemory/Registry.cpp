@@ -41,12 +41,12 @@ void Progress::setCompletedUnitCount(std::int64_t units) noexcept {
 
 void Progress::cancel() noexcept {
     state = PDInstallStateCanceled;
-    _context.journal.add("progress(" + _identifier + ").cancel()");
+    _context.callOn("progress", _identifier, "cancel");
     changed();
 }
 
 void Progress::_record(std::string_view setter, std::int64_t value) {
-    _context.journal.add("progress(" + _identifier + ")." + std::string(setter) + "(" + std::to_string(value) + ")");
+    _context.callOn("progress", _identifier, setter, std::to_string(value));
 }
 
 Registry::~Registry() {
@@ -75,9 +75,12 @@ void Registry::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noe
         const std::lock_guard lock(_mutex);
         _observations.push_back(std::move(observation));
         auto* query = dynamic_cast<PDApplicationWorkspaceObserver*>(observer);
-        if (query != nullptr && answersQueries && !reportsChanges) {
+        if (query != nullptr && answersQueries && !reportsChanges && !answersAtOnce) {
             _answerQuery(query);
         }
+    }
+    if (answersAtOnce) {
+        observer->applicationInstallsArePrioritized_arePaused(prioritized, paused);
     }
     _reportChange();
 }
@@ -348,6 +351,18 @@ std::shared_ptr<Progress> Registry::addProgress(const ApplicationPtr& applicatio
     const std::lock_guard lock(_mutex);
     application->progress = progress;
     return progress;
+}
+
+void Registry::remove(std::string_view identifier, bool placeholder) {
+    const std::lock_guard lock(_mutex);
+    std::erase_if(_applications, [&](const auto& application) {
+        return application->identifier == identifier && application->placeholder == placeholder;
+    });
+}
+
+std::vector<ApplicationPtr> Registry::applications() const {
+    const std::lock_guard lock(_mutex);
+    return _applications;
 }
 
 ApplicationPtr Registry::find(std::string_view identifier, bool placeholder) const {

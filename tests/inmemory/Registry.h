@@ -111,6 +111,9 @@ class Registry final : public PDApplicationWorkspace,
     ApplicationPtr addInstalled(std::string identifier, std::string version = "1.0");
     ApplicationPtr addPlaceholder(std::string identifier, std::uint64_t installType = PDInstallTypeSync);
     std::shared_ptr<Progress> addProgress(const ApplicationPtr& application, std::uint64_t state, std::uint64_t phase);
+    /// Takes an app's placeholder, or the app itself, away.
+    void remove(std::string_view identifier, bool placeholder);
+    [[nodiscard]] std::vector<ApplicationPtr> applications() const;
     [[nodiscard]] ApplicationPtr find(std::string_view identifier, bool placeholder) const;
     [[nodiscard]] std::vector<PDApplicationWorkspaceObserverProtocol*> observers() const;
     /// What a person does on the home screen.
@@ -125,6 +128,8 @@ class Registry final : public PDApplicationWorkspace,
     bool listsRestoresApart = false;
     /// Whether a query is ever answered.
     bool answersQueries = true;
+    /// Whether a query is answered before it has been added, on the caller's thread.
+    bool answersAtOnce = false;
     /// The lists of the first report; null proxies are allowed in neither.
     PDApplicationProxies prioritized;
     PDApplicationProxies paused;

@@ -1,0 +1,35 @@
+#include "tests/simulation/InstallStage.h"
+
+#include <utility>
+
+namespace appsync::simulation {
+
+InstallStage& InstallStage::instance() {
+    static InstallStage stage;
+    return stage;
+}
+
+void InstallStage::add(const OperationQueue* queue, std::function<void()> operation) {
+    ++added;
+    Label itsLabel = label;
+    if (retrying && !retries.empty()) {
+        itsLabel = retries.front();
+        retries.pop_front();
+    }
+    _waiting.push_back({queue, itsLabel, std::move(operation)});
+}
+
+std::size_t InstallStage::drop(const OperationQueue* queue) {
+    const std::size_t count =
+        std::erase_if(_waiting, [queue](const Operation& operation) { return operation.queue == queue; });
+    dropped += count;
+    return count;
+}
+
+void InstallStage::run(std::size_t position) {
+    const auto operation = std::move(_waiting[position].work);
+    _waiting.erase(_waiting.begin() + static_cast<std::ptrdiff_t>(position));
+    operation();
+}
+
+} // namespace appsync::simulation

@@ -1,0 +1,53 @@
+// The install queue of a simulated life: operations wait here until the life lets one run.
+//
+// The program that lives lives one step at a time has these definitions of `OperationQueue` instead of the plug-in's.
+// With the plug-in's own, the operations run on its threads, and nothing ever waits here.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+
+namespace appsync {
+class OperationQueue;
+}
+
+namespace appsync::simulation {
+
+/// Used by one thread at a time.
+class InstallStage {
+  public:
+    /// A number that the caller of `addOperation` wants to find with the operation.
+    using Label = std::size_t;
+
+    [[nodiscard]] static InstallStage& instance();
+
+    void add(const OperationQueue* queue, std::function<void()> operation);
+    /// Drops what waits in a queue; returns how many that were.
+    std::size_t drop(const OperationQueue* queue);
+    [[nodiscard]] std::size_t size() const { return _waiting.size(); }
+    [[nodiscard]] Label labelOf(std::size_t position) const { return _waiting[position].label; }
+    /// Runs one and forgets it.
+    void run(std::size_t position);
+
+    /// The label of what is added next, or of what runs.
+    Label label = 0;
+    /// The labels of installs that wait for their retry, the next one first. While `retrying`, what is added takes its
+    /// label from there.
+    std::deque<Label> retries;
+    bool retrying = false;
+    /// How many operations have been added.
+    std::size_t added = 0;
+    /// How many operations have been dropped because their queue was stopped.
+    std::size_t dropped = 0;
+
+  private:
+    struct Operation {
+        const OperationQueue* queue;
+        Label label;
+        std::function<void()> work;
+    };
+    std::deque<Operation> _waiting;
+};
+
+} // namespace appsync::simulation
