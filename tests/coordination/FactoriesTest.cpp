@@ -64,6 +64,20 @@ TEST_F(Factories, PassTheLookupsErrorOn) {
     EXPECT_EQ(error->domain(), "TestDomain");
 }
 
+TEST_F(Factories, ClearTheErrorOfAnEarlierLookup) {
+    world.coordinators.add("a", "initiating")->creator = 1;
+    ErrorPtr found = inmemory::injectedError();
+    EXPECT_EQ(
+        client()._initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existingApp_createIfNotExisting_error(
+            "a", false, true, &found),
+        nullptr);
+    EXPECT_EQ(found, nullptr);
+    found = inmemory::injectedError();
+    EXPECT_NE(client()._restoringAppInstallCoordinatorForBundleIdentifier_createIfNotExisting_error("b", true, &found),
+              nullptr);
+    EXPECT_EQ(found, nullptr);
+}
+
 TEST_F(Factories, RefuseAnothersCoordinatorWithoutAnError) {
     world.coordinators.add("a", "initiating")->creator = 1;
     EXPECT_EQ(coordinator(false, true), nullptr);

@@ -83,6 +83,17 @@ TEST_F(CoordinatedTransfer, ProgressAndCompletionSurviveAPromiseThatCannotBeMade
     EXPECT_EQ(world.journal.linesWith("promise("), Lines{});
 }
 
+TEST_F(CoordinatedTransfer, ProgressAndCompletionGoOnWithoutAPromise) {
+    world.coordinators.add("a");
+    world.faults.fail("promises.transfer", inmemory::Faults::always);
+    const Lines tried = join(lookedUp("initiating", true), {"promises.transfer(a-Asset, client 3, file:///file, 0)",
+                                                            "error: Error creating asset promise for 'a'"});
+    EXPECT_TRUE(client().updateTransferProgressForApp_existingApp(asset, false));
+    EXPECT_EQ(journal(), join(tried, {"log: Updating download progress: 0.250000 install progress:0.125000 for a"}));
+    EXPECT_TRUE(client().transferCompleteForApp_existingApp(asset, false));
+    EXPECT_EQ(journal(), join(tried, {"log: Satisfying asset promise for a"}));
+}
+
 TEST_F(CoordinatedTransfer, ProgressNeedsAWorkingCoordinator) {
     EXPECT_FALSE(client().updateTransferProgressForApp_existingApp(asset, false));
     EXPECT_EQ(journal(), lookedUp("initiating", false));

@@ -87,6 +87,19 @@ TEST_F(InstallQueue, ReportsTheRegistrysErrorAndRemovesTheFile) {
     EXPECT_EQ(client()._getAndResetNumAppInstallsAttempted(), 1u);
 }
 
+TEST_F(InstallQueue, CountsAnAttemptOnceItsOutcomeIsKnown) {
+    for (const std::string outcome : {"log: a install succeeded", "log: a install failed"}) {
+        std::uint32_t before = 7;
+        std::uint32_t after = 7;
+        world.journal.whenAdded(outcome, [&] { before = client()._getAndResetNumAppInstallsAttempted(); });
+        world.journal.whenAdded(released, [&] { after = client()._getAndResetNumAppInstallsAttempted(); });
+        client()._performAssetInstall(asset);
+        EXPECT_EQ(before, 0u);
+        EXPECT_EQ(after, 1u);
+        world.faults.fail("registry.installApplication");
+    }
+}
+
 TEST_F(InstallQueue, ComesBackAfterADenial) {
     world.screen.assertionAnswers = {1};
     client()._performAssetInstall(asset);

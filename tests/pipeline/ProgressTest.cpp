@@ -81,6 +81,16 @@ TEST_F(TransferProgress, GoesToTheCoordinator) {
     EXPECT_EQ(world.journal.linesWith("coordinators.any"), Lines{"coordinators.any(a, client 3, create 0)"});
 }
 
+TEST_F(TransferProgress, GoesToTheCoordinatorWithoutHoldingUpCancels) {
+    start(true);
+    const auto cancelled =
+        std::make_shared<inmemory::Coordinator<KXAppInstallCoordinator>>(world.context, world.coordinators.add("b"));
+    world.journal.whenAdded("coordinators.initiating(a",
+                            [&] { client().coordinator_canceledWithReason_client(cancelled, nullptr, 1); });
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
+    EXPECT_EQ(world.journal.count("log: Cancelling asset sync for b"), 1u);
+}
+
 TEST_F(TransferProgress, FindsNoProgressObjectWithTheCoordinator) {
     start(true);
     addProgress();

@@ -121,6 +121,30 @@ TEST_F(TransferCompletion, KnowsAnUpdateOnceAndThenForgetsIt) {
     EXPECT_EQ(succeed(asset).front(), ended(asset, true, false).front());
 }
 
+TEST_F(TransferCompletion, HandsAnUpdateToItsUpdatingCoordinator) {
+    start(true);
+    world.registry.addInstalled("a");
+    putToDoList({{"a", "install"}});
+    ASSERT_EQ(client().outstandingAssetTransfers().size(), 1u);
+    journal();
+    client().assetTransfer_succeeded_withError(arrived("a"), true, nullptr);
+    EXPECT_EQ(world.journal.linesWith("coordinators."), Lines{"coordinators.updating(a, client 3, create 0)"});
+}
+
+TEST_F(TransferCompletion, ForgetsTheAssetBeforeItSaysSo) {
+    start(true);
+    cancelOnDevice("a");
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
+    journal();
+    world.journal.whenAdded("log: transfer for asset", [this] {
+        client().assetTransferEndedWithSuccess(true);
+        cancelOnDevice("a");
+    });
+    const Lines lines = fail(arrived("a"));
+    EXPECT_EQ(std::ranges::count(lines, "coordinators.any(a, client 3, create 0)"), 0);
+    EXPECT_EQ(std::ranges::count(lines, "log: Cancelling asset sync for a"), 1);
+}
+
 TEST_F(TransferCompletion, LeavesRestoreAssetsToTheCoordinator) {
     start(true);
     putToDoList({{"a", "install"}, {"b", "install"}});
@@ -249,6 +273,16 @@ TEST_F(TransferCompletion, IgnoresAPathThatNobodyKnows) {
     EXPECT_EQ(operationOf("a"), "install");
 }
 
+TEST_F(TransferCompletion, IgnoresASentFileWhosePathIsInvalid) {
+    start(true);
+    putToDoList({{"a", "install"}});
+    const auto asset = arrived("a", "/x/../y");
+    asset->isDownload = false;
+    EXPECT_EQ(succeed(asset), (ended(asset, true) + noProgress("a") +
+                               Lines{"log: asset transfer succeeded for a", "log: Ignoring invalid path: /x/../y"}));
+    EXPECT_EQ(operationOf("a"), "install");
+}
+
 TEST_F(TransferCompletion, OnlyRecordsWhatWasSentFromTheDevice) {
     start(true);
     putToDoList({{"a", "install"}});
@@ -369,7 +403,24 @@ TEST_F(FailedTransfer, UninstallsWhatWasCancelledBeforeAnEarlierTransferEnded) {
     EXPECT_EQ(std::ranges::count(fail(arrived("a")), "coordinators.uninstallApp(a)"), 1);
 }
 
+TEST_F(FailedTransfer, UninstallsThroughTheRegistryWhoeverCancelled) {
+    start(false);
+    placeholderWithProgress("a");
+    cancelOnDevice("a");
+    EXPECT_EQ(fail(arrived("a")).back(),
+              "log: Uninstalled a without install co-ordinator with error (null) with status 1");
+    EXPECT_EQ(world.registry.find("a", true), nullptr);
+}
+
 // Which errors may work later.
+
+TEST_F(FailedTransfer, UninstallsWhatAnInstallerHasRefused) {
+    start(true);
+    world.registry.addPlaceholder("a");
+    world.errors.recoverableDomains = {"PendryError"};
+    const Lines lines = fail(arrived("a"), Error::make("PendryError", 1));
+    EXPECT_EQ(std::ranges::count(lines, "coordinators.uninstallApp(a)"), 1);
+}
 
 TEST_F(FailedTransfer, CountsErrorsOfInstallersAsFinal) {
     start();
@@ -484,6 +535,42 @@ TEST_F(TransferEnd, SettlesOutstandingTransfersWithTheRegistry) {
     }
 }
 
+TEST_F(TransferEnd, CancelsNoCoordinatorAfterASuccess) {
+    start(true);
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
+    world.coordinators.add("a");
+    journal();
+    client().assetTransferEndedWithSuccess(true);
+    EXPECT_EQ(journal(), (Lines{"log: asset transfer ended withsuccess: y"} + notice() +
+                          Lines{"coordinators.any(a, client 3, create 0)",
+                                "error: Called with success == YES but with 1 outstanding RFX transfers!"}));
+}
+
+TEST_F(TransferEnd, LooksAtEachThingWhenItComesToIt) {
+    start(false);
+    world.journal.whenAdded("notify.post(", [this] { client()._performAssetInstall(arrived("a")); });
+    world.journal.whenAdded("store.refreshReceipts()",
+                            [this] { client().assetTransfer_updatedProgress(makeAsset("late"), 0.5); });
+    client().assetTransferEndedWithSuccess(true);
+    EXPECT_EQ(world.journal.count("log: refreshReceiptsWithCompletionBlock succeeded"), 1u);
+    EXPECT_EQ(journal().back(), "error: Called with success == YES but with 1 outstanding RFX transfers!");
+}
+
+TEST_F(TransferEnd, ForgetsEverythingAfterItHasSaidSo) {
+    start(true);
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
+    world.journal.whenAdded("error: Called with success", [this] {
+        client().assetTransfer_updatedProgress(makeAsset("late"), 0.5);
+        cancelOnDevice("late");
+    });
+    client().assetTransferEndedWithSuccess(true);
+    journal();
+    client().assetTransferEndedWithSuccess(true);
+    EXPECT_EQ(world.journal.linesWith("coordinators."), Lines{});
+    cancelOnDevice("late");
+    EXPECT_EQ(world.journal.count("log: Cancelling asset sync for late"), 1u);
+}
+
 TEST_F(TransferEnd, ForgetsUpdatesOnlyWithOutstandingTransfers) {
     start(true);
     world.registry.addInstalled("a");
@@ -541,6 +628,14 @@ TEST_F(InstallOutcome, LeavesTheRecordAfterAFailureThatMayPass) {
                                 "recoverably\")"}) +
                              cleaned());
     EXPECT_EQ(operationOf("a"), "DOWNLOADED");
+}
+
+TEST_F(InstallOutcome, RecordsWhatTheInstallerHasRefusedAsFailed) {
+    start(false);
+    world.errors.recoverableDomains.insert("TVInstallerErrorDomain");
+    putToDoList({{"a", "DOWNLOADED"}});
+    client().assetInstallFailed_withError(arrived("a"), Error::make("TVInstallerErrorDomain", 1));
+    EXPECT_EQ(operationOf("a"), "FAILED");
 }
 
 TEST_F(InstallOutcome, CountsEveryFailureOfARestoreAsPassing) {
