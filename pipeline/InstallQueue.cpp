@@ -59,7 +59,8 @@ void AppsClient::_performAssetInstall(const QRAssetPtr& asset) {
         return;
     }
     _installArchive(asset);
-    ++_numAppInstallsAttempted;
+    // Who asks for the number has waited for this install, which orders the two.
+    _numAppInstallsAttempted.fetch_add(1, std::memory_order_relaxed);
     assertion = nullptr;
     _platform.files.removeItem(*asset->path, nullptr);
 }
