@@ -352,7 +352,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     std::optional<Array> _uninstalledApps; // bundle identifiers; nothing until the inventory has been asked for
     Group _installGroup;                   // queued installs and pending retries
     std::atomic<std::uint32_t> _numAppInstallsAttempted = 0;
-    IdentifierSet _outstandingRFXTransfers; // assets whose files the host is still sending
+    IdentifierSet _outstandingRFXTransfers; // assets of which progress was told and whose transfer has not ended
     OperationQueue _installOperationQueue;
     std::shared_ptr<HVManager> _backupManager;
     IdentifierSet _kplAppsToIgnore; // volume-licensed apps that this sync leaves alone; none is recognised today

@@ -16,7 +16,8 @@
 // itself made it, so that a client's own cancel does not come back as another's.
 //
 // Promises and placeholders may be made by any client and become durable when they are attached. A promise that is
-// cancelled cancels the coordinator it is attached to. This device has no on-demand resources and takes none.
+// cancelled cancels the coordinator it is attached to. A null promise or placeholder is refused, null store metadata is
+// taken: there is none beside the app then. This device has no on-demand resources and takes none.
 #pragma once
 
 #include "device/root/Result.h"
