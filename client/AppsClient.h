@@ -175,9 +175,10 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
 
     /// Readies a coordinator for an app that is to come. True: its placeholder promise is in place.
     bool prepareAppForInstallUsingCoordination_existingApp(const QRAssetPtr& asset, bool existingApp);
-    /// Hands the asset's download progress to its promise. True: an update was made.
+    /// Hands the asset's download progress to its promise. False when no coordinator works on the app, or when its
+    /// promise is satisfied already; a promise that could not be made is passed over.
     bool updateTransferProgressForApp_existingApp(const QRAssetPtr& asset, bool existingApp);
-    /// Hands the received file to the app's promise. True: the promise was satisfied by this call.
+    /// Hands the received file to the app's promise and satisfies it. False as above.
     bool transferCompleteForApp_existingApp(const QRAssetPtr& asset, bool existingApp);
     /// Cancels the coordinators of what has not arrived when a sync has failed.
     void assetSyncFinishedWithStatus_outstandingItems(bool success, const std::vector<std::string>& outstandingItems);
