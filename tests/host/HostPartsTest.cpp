@@ -1,4 +1,5 @@
 // The host's parts: the transfer queue, the device service, tables, reports, progress.
+#include "host/control/Interrupt.h"
 #include "host/transfer/TransferQueue.h"
 #include "host/view/SyncReport.h"
 #include "host/view/SyncView.h"
@@ -8,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cerrno>
+#include <csignal>
 #include <sstream>
 
 namespace appsync::host {
@@ -88,6 +90,17 @@ TEST(ErrorClasses, CountAnEndedSyncAndAFullDiskAsPassing) {
     EXPECT_FALSE(errors.QRIsRecoverableError(Error::make(PosixErrorDomain, EACCES)));
     EXPECT_FALSE(errors.QRIsRecoverableError(Error::make("Other", 1)));
     EXPECT_FALSE(errors.QRIsRecoverableError(nullptr));
+}
+
+TEST(ErrorClasses, CountAnAppThatMayBeBusyAsPassingWhileTheSyncIsInterrupted) {
+    ErrorClassification errors;
+    const ErrorPtr unknownAnswer = Error::make(PosixErrorDomain, EINVAL);
+    EXPECT_FALSE(errors.QRIsRecoverableError(unknownAnswer));
+    const Interrupt interrupt;
+    EXPECT_FALSE(errors.QRIsRecoverableError(unknownAnswer));
+    std::raise(SIGINT);
+    EXPECT_TRUE(errors.QRIsRecoverableError(unknownAnswer));
+    EXPECT_FALSE(errors.QRIsRecoverableError(Error::make(PosixErrorDomain, EACCES)));
 }
 
 // What a person sees.
