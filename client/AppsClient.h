@@ -232,7 +232,8 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
                                                                                    std::uint64_t* fileSize,
                                                                                    std::string_view bundleIdentifier,
                                                                                    const FileAttributes& attributes);
-    /// Builds and installs the plug-in's own placeholder for an asset.
+    /// Builds and installs the plug-in's own placeholder for an asset; none without a name or an identifier. An asset
+    /// without a version has a placeholder without one.
     void _createPlaceHolderApplication(const QRAssetPtr& asset);
     /// Always false with install coordination.
     [[nodiscard]] bool _placeholderExistsForApplication(std::string_view bundleIdentifier);
@@ -245,9 +246,11 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     /// without an error.
     bool reconcileRestoreOfType_withError(int type, ErrorPtr* error) noexcept override;
     /// Makes a placeholder for each app of the restore info that has none yet, and moves the info away, processed or
-    /// not. The outcome of the last app that was not skipped, false when there was none; true without restore info.
+    /// not. An app whose identifier cannot be a file's name is skipped. The outcome of the last app that was not
+    /// skipped, false when there was none; true without restore info.
     bool _processTamblinRestoreInfo();
-    /// Builds and installs the plug-in's own placeholder for a restored app. True also when the metadata is none.
+    /// Builds and installs the plug-in's own placeholder for a restored app. What the metadata lacks is null in the
+    /// Info dictionary and left out of its file, which can hold no null. True also when the metadata is none.
     bool _processTamblinRestoreInfoForApp_tamblinMetaData_sinfData_iconData(std::string_view bundleIdentifier,
                                                                             const Data& tamblinMetaData,
                                                                             const std::optional<Data>& sinfData,
