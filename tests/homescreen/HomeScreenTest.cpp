@@ -45,6 +45,22 @@ TEST_F(HomeScreenIntegration, PostsNothingWithoutRegistration) {
                                 "screen.port()", "error: Uh Oh...can't send notification to SK:9"}));
 }
 
+TEST_F(HomeScreenIntegration, AnnouncesASyncAlsoWhileTheHomeScreenDoesNotRun) {
+    world.faults.fail("screen.port");
+    client()._notifySkellan(true);
+    EXPECT_EQ(journal(), (Lines{"notify.register(" + notice + ")", "log: Notifying SK we are starting syncing",
+                                "screen.port()", "notify.setState(token 5, 1)", "notify.post(" + notice + ")"}));
+}
+
+TEST_F(HomeScreenIntegration, AsksForTheOrderAlsoWhileTheHomeScreenDoesNotRun) {
+    putIconOrder(Array{"b"});
+    world.faults.fail("screen.port");
+    Dictionary items{{"a", 1}, {"b", 2}};
+    EXPECT_EQ(client()._orderTheItems(items), (Array{1, 2}));
+    EXPECT_EQ(journal(), (Lines{"screen.port()", "screen.SKGetFlattenedIconState(port 0, format 1)",
+                                "log: got no icon sort order from SK", "log: lastly a", "log: lastly b"}));
+}
+
 TEST_F(HomeScreenIntegration, OrdersItemsByTheirIconsAndPutsTheRestLast) {
     putIconOrder(Array{"c", "unknown", "a"});
     Dictionary items{{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}};
@@ -92,6 +108,17 @@ TEST_F(HomeScreenIntegration, PutsEverythingLastWhenTheOrderCannotBeUnderstood) 
     putIconOrder(Dictionary{{"a", "b"}});
     EXPECT_EQ(client()._orderTheItems(items), Array{1});
     EXPECT_EQ(journal(), expected);
+}
+
+TEST_F(HomeScreenIntegration, SavesAndFreesAnOrderWithoutASingleByte) {
+    world.files.put(sortOrder, "of before");
+    world.screen.iconOrder = "";
+    Dictionary items{{"a", 1}};
+    EXPECT_EQ(client()._orderTheItems(items), Array{1});
+    Lines expected = fetched;
+    expected.emplace_back("log: lastly a");
+    EXPECT_EQ(journal(), expected);
+    EXPECT_EQ(world.files.bytesAt(sortOrder), "");
 }
 
 TEST_F(HomeScreenIntegration, OrdersItemsEvenWhenTheOrderCannotBeSaved) {

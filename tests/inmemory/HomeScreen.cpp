@@ -45,8 +45,7 @@ class Screen::Assertion final : public SKSApplicationTerminationAssertion {
 };
 
 SKPort Screen::SKSSkellanBlockableServerPort() noexcept {
-    _context.call("screen.port");
-    return port;
+    return _context.call("screen.port") != nullptr ? 0 : port;
 }
 
 void Screen::SKSetIconState(SKPort usedPort, std::string_view iconState) noexcept {

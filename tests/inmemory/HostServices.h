@@ -90,9 +90,10 @@ class ErrorClassification final : public QRErrorClassification {
 class Process final : public HostProcess {
   public:
     std::optional<std::string> mainBundleIdentifier() noexcept override { return bundleIdentifier; }
-    std::string temporaryDirectory() noexcept override { return "/tmp"; }
+    std::string temporaryDirectory() noexcept override { return temporaryFolder; }
 
     std::optional<std::string> bundleIdentifier = "com.zuvex.qrd";
+    std::string temporaryFolder = "/tmp";
 };
 
 /// A scheduler whose time passes only when the test says so.

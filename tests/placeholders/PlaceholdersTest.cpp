@@ -76,6 +76,9 @@ class PlaceholderParts : public inmemory::ClientTest {
 TEST_F(PlaceholderParts, StandInTheTemporaryDirectory) {
     EXPECT_EQ(client().placeholderAppPathForBundleIdentifier("com.example.a"),
               "/tmp/com.zuvex.qrd.Apps/com.example.a.app");
+    world.process.temporaryFolder = "/p";
+    EXPECT_EQ(client().placeholderAppPathForBundleIdentifier("com.example.a"),
+              "/p/com.zuvex.qrd.Apps/com.example.a.app");
 }
 
 TEST_F(PlaceholderParts, DirectoryIsCreatedWithItsAttributes) {
@@ -310,6 +313,17 @@ TEST_F(PlaceholderQueries, TakeAnInstalledAppForAPlaceholder) {
     world.registry.addInstalled("a");
     EXPECT_TRUE(client()._placeholderExistsForApplication("a"));
     EXPECT_EQ(journal(), (Lines{"registry.enumerateBundlesOfType(1)", "log: Found placeholder for bundle a"}));
+}
+
+TEST_F(PlaceholderQueries, KnowAnAppByItsBundleIdentifier) {
+    start(false);
+    world.registry.addPlaceholder("b")->registeredAs = "restore.b";
+    const auto system = world.registry.addPlaceholder("s");
+    system->registeredAs = "restore.s";
+    system->kind = "System";
+    EXPECT_TRUE(client()._placeholderExistsForApplication("b"));
+    EXPECT_FALSE(client()._placeholderExistsForApplication("restore.b"));
+    EXPECT_EQ(client()._getSystemAppPlaceholders(), std::set<std::string>{"s"});
 }
 
 TEST_F(PlaceholderQueries, StopAtTheFirstFind) {

@@ -173,6 +173,16 @@ TEST_F(RestorePlaceholder, HasANullVersionWhenTheMetadataHasNone) {
                              "BXBundleIconFile = Icon.png; UIWendralApp = 0; PDApplicationLaunchProhibited = 0;}");
 }
 
+TEST_F(RestorePlaceholder, HasAllItsKeysWhenTheMetadataHasNone) {
+    metadata = {};
+    EXPECT_TRUE(process());
+    EXPECT_EQ(world.journal.linesWith("log: creating"),
+              Lines{"log: creating placeholder for '" + bundle +
+                    "'. info.plist={BXBundleIdentifier = a; BXBundleVersion = (null); BXBundleExecutable = (null); "
+                    "BXBundleDisplayName = (null); BXBundleIconFile = Icon.png; UIWendralApp = 0; "
+                    "PDApplicationLaunchProhibited = 0;}"});
+}
+
 TEST_F(RestorePlaceholder, HasItsFlagsAsBooleans) {
     metadata = {};
     EXPECT_TRUE(process());
