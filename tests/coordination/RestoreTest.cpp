@@ -119,6 +119,16 @@ TEST_F(RestoreOfADemotedApp, KeepsPromisesThatAreThere) {
     EXPECT_EQ(journal(), join({begun, coordinator, {hasUserData, hasPlaceholder}, finished(true)}));
 }
 
+TEST_F(RestoreOfADemotedApp, AddsThePromiseThatIsMissing) {
+    const auto state = world.coordinators.add("a", "restoringDemoted");
+    state->hasUserDataPromise = true;
+    EXPECT_TRUE(restore(1));
+    EXPECT_EQ(journal(), join({begun, coordinator, {hasUserData}, wholePlaceholder(8), attached, finished(true)}));
+    state->hasUserDataPromise = false;
+    EXPECT_TRUE(restore(1));
+    EXPECT_EQ(journal(), join({begun, coordinator, userData, {hasPlaceholder}, finished(true)}));
+}
+
 TEST_F(RestoreOfADemotedApp, TakesACoordinatorWhoeverCreatedIt) {
     world.coordinators.add("a", "restoringDemoted")->creator = 1;
     EXPECT_TRUE(restore(1));
@@ -258,6 +268,20 @@ TEST_F(RestoreOfAnApp, KeepsPromisesAndOptionsThatAreThere) {
     EXPECT_TRUE(restore());
     EXPECT_EQ(journal(),
               join({begun, coordinator, {hasUserData, hasOptions, hasPlaceholder}, handedOver, finished(true)}));
+}
+
+TEST_F(RestoreOfAnApp, AddsThePromiseThatIsMissing) {
+    const auto state = world.coordinators.add("a", "restoring");
+    state->hasUserDataPromise = true;
+    EXPECT_TRUE(restore());
+    EXPECT_EQ(
+        journal(),
+        join({begun, coordinator, {hasUserData}, options, wholePlaceholder(2), attached, handedOver, finished(true)}));
+    state->hasUserDataPromise = false;
+    state->responsibleClient = 0;
+    EXPECT_TRUE(restore());
+    EXPECT_EQ(journal(),
+              join({begun, coordinator, userData, {hasOptions, hasPlaceholder}, handedOver, finished(true)}));
 }
 
 TEST_F(RestoreOfAnApp, WorksWithoutProtectionRecordAndIcon) {

@@ -225,6 +225,18 @@ TEST_F(Callbacks, RecordAFailedCompletion) {
     EXPECT_EQ(operationOf("a"), "FAILED");
 }
 
+TEST_F(Callbacks, RecordACompletionOnTheirCallersThread) {
+    start();
+    putToDoList({{"a", "DOWNLOADED"}});
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("/p", "path", "a", "1");
+    std::vector<std::thread::id> writers;
+    for (const std::string& change : {"files.writeFileAtomically(" + toDo, "files.removeItem(" + restore}) {
+        world.journal.whenAdded(change, [&writers] { writers.push_back(std::this_thread::get_id()); });
+    }
+    client().coordinatorDidCompleteSuccessfully(coordinator("a"));
+    EXPECT_EQ(writers, std::vector<std::thread::id>(2, std::this_thread::get_id()));
+}
+
 TEST_F(Callbacks, RecordNothingForANamelessCoordinator) {
     start();
     putToDoList({{"a", "DOWNLOADED"}});
@@ -290,6 +302,28 @@ TEST_F(Callbacks, PassACancelOnOnceHoweverManyThreadsReportIt) {
     EXPECT_EQ(world.journal.linesWith("error: Cannot cancel a as it's already cancelled 1").size(), 3u);
 }
 
+TEST_F(Callbacks, RememberACancelThatTheHostCouldNotTake) {
+    start();
+    world.deviceService.canCancel = false;
+    client().coordinator_canceledWithReason_client(coordinator("a"), nullptr, 1);
+    world.deviceService.canCancel = true;
+    journal();
+    client().coordinator_canceledWithReason_client(coordinator("a"), nullptr, 1);
+    EXPECT_EQ(journal(), Lines{"error: Cannot cancel a as it's already cancelled 1 OR the call is not supported"});
+}
+
+TEST_F(Callbacks, LetTheHostEndACancelledTransferWithinTheirCall) {
+    start();
+    world.registry.addPlaceholder("a");
+    world.journal.whenAdded("host.cancelAssetTransferForFailedAsset", [this] {
+        client().assetTransfer_succeeded_withError(makeAsset("a"), false, inmemory::injectedError());
+    });
+    client().coordinator_canceledWithReason_client(coordinator("a"), nullptr, 1);
+    EXPECT_EQ(world.journal.linesWith("log: transfer for asset").size(), 1u);
+    // The transfer knows that the person has cancelled it.
+    EXPECT_EQ(world.journal.linesWith("coordinators.uninstallApp("), Lines{});
+}
+
 TEST_F(Callbacks, LeaveTheRegistrysCancelsToTheCoordinator) {
     start(true);
     client().applicationInstallsDidCancel({world.registry.addPlaceholder("a", 2)});
@@ -306,6 +340,16 @@ TEST_F(Callbacks, FailTheTransfersOfCancelledRestores) {
                      "QRError 2 existingApp:0",
                      "log: transfer for asset <Application:c (null) download path=(null)> ended with success n error "
                      "QRError 2 existingApp:0"}));
+}
+
+TEST_F(Callbacks, FailTheTransferOfTheAppThatTheRegistryCallsCancelled) {
+    start(false);
+    const auto cancelled = world.registry.addPlaceholder("a", 2);
+    cancelled->registeredAs = "registered";
+    client().applicationInstallsDidCancel({cancelled});
+    EXPECT_EQ(world.journal.linesWith("log: transfer for asset"),
+              Lines{"log: transfer for asset <Application:registered (null) download path=(null)> ended with success n "
+                    "error QRError 2 existingApp:0"});
 }
 
 TEST_F(Callbacks, IgnoreOtherCancelledInstalls) {
