@@ -255,7 +255,7 @@ TEST_F(SyncLists, LeaveNothingStagedWhenTheyCannotBeWritten) {
             EXPECT_FALSE(writeStagingArea(world.files, world.propertyLists, list, {}, &error));
             EXPECT_NE(error, nullptr);
             EXPECT_TRUE(std::ranges::none_of(world.files.paths(), [](const std::string& path) {
-                return path.find("ApplicationSync") != std::string::npos;
+                return path.find("Staging/ApplicationSync") != std::string::npos;
             }));
         }
     }
