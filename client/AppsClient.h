@@ -101,7 +101,8 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     // Inventory: client/InstalledAssets.cpp
 
     /// "_Deleted": an array of dictionaries, each with the "BXBundleIdentifier" of an app that has gone from the device
-    /// since the desktop last knew of it. What the to-do list still expects to install is left out.
+    /// since the desktop last knew of it, once each and in no particular order. What the to-do list still expects to
+    /// install is left out.
     [[nodiscard]] Dictionary installedAssets() noexcept override;
 
     // Side queries: client/SideQueries.cpp

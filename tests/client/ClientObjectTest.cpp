@@ -21,6 +21,14 @@ TEST_F(ClientObject, IsMadeInTheOrderThatItsServicesPresuppose) {
                                 "center.addObserver(" + startupComplete + ", no object, suspension 1)"}));
 }
 
+TEST_F(ClientObject, LeavesTheSystemLogToTheTransactionLog) {
+    std::shared_ptr<const SystemLog> kept;
+    world.journal.whenAdded("transactions.initializeWithLog", [&] { kept = world.transactionLog.mirror.lock(); });
+    start();
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept.use_count(), 1);
+}
+
 TEST_F(ClientObject, ListensToNoStartupOutsideTheDaemon) {
     for (const auto& identifier : {std::optional<std::string>("com.example.other"), std::optional<std::string>()}) {
         world.process.bundleIdentifier = identifier;
@@ -79,6 +87,15 @@ TEST_F(ClientObject, ConnectsOnceHoweverOftenStartupIsAnnounced) {
     stop();
     EXPECT_EQ(journal(), (Lines{"registry.removeObserver()", "center.removeObserver(" + startupComplete + ")",
                                 "observers.close()"}));
+}
+
+TEST_F(ClientObject, ConnectsAtTheNextAnnouncementWhenItCouldNotBefore) {
+    start();
+    world.faults.fail("observers.init");
+    for (int i = 0; i < 3; ++i) {
+        world.center.post(startupComplete);
+    }
+    EXPECT_EQ(journal(), Lines(2, "observers.init(com.zuvex.qrd.kpc.icappobserverdelegate, clients 3, delegate)"));
 }
 
 TEST_F(ClientObject, IgnoresAStartupCallWithoutObserver) {

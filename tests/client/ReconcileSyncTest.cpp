@@ -64,6 +64,13 @@ TEST_F(ReconcileSync, MovesTheStagingAreaInAndCopiesItsList) {
     EXPECT_TRUE(world.files.bytesAt(paths::toDoListDebugCopy)->starts_with("bplist00"));
 }
 
+TEST_F(ReconcileSync, IgnoresThatThereWasNoWorkArea) {
+    start();
+    stage({});
+    EXPECT_TRUE(reconcile());
+    EXPECT_EQ(error, nullptr);
+}
+
 TEST_F(ReconcileSync, EndsWhenTheWorkAreaCannotBeMade) {
     start();
     stage({});
@@ -319,6 +326,14 @@ TEST_F(SyncEnd, ClearingUninstallsPlaceholdersThroughTheRegistryOnBothPaths) {
         EXPECT_EQ(world.journal.linesWith("coordinators."), Lines{});
         EXPECT_EQ(world.registry.find("p", true), nullptr);
     }
+}
+
+TEST_F(SyncEnd, ClearingNamesAPlaceholderByItsBundle) {
+    start(false);
+    world.registry.addPlaceholder("p")->registeredAs = "TEAM.p";
+    client().clearSyncData();
+    EXPECT_EQ(world.journal.linesWith("registry.uninstall"), Lines{"registry.uninstallApplication(p, no options)"});
+    EXPECT_EQ(world.journal.linesWith("log: Uninstall "), Lines{"log: Uninstall p = y"});
 }
 
 TEST_F(SyncEnd, ClearingSaysWhenTheUninstalledListIsNotToBeHad) {

@@ -55,6 +55,7 @@ std::vector<std::string> Log::formats() const {
 }
 
 void TransactionLog::initializeWithLog(const SystemLogPtr& log) noexcept {
+    mirror = log;
     _context.call("transactions.initializeWithLog", log->subsystem + ", " + log->category);
 }
 

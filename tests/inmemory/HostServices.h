@@ -50,6 +50,9 @@ class TransactionLog final : public AITransactionLog {
                                                           std::string_view bundleID,
                                                           std::string_view description) noexcept override;
 
+    /// The log that records were to be mirrored to, which is not kept here.
+    std::weak_ptr<const SystemLog> mirror;
+
   private:
     Context& _context;
 };

@@ -204,6 +204,19 @@ TEST_F(Planning, MarksAnAppThatCannotBePreparedAsFailed) {
     EXPECT_EQ(operationOf("b"), "install");
 }
 
+TEST_F(Planning, TakesNoUpdateForOneThatCouldNotBePrepared) {
+    start(true);
+    world.registry.addInstalled("a");
+    putToDoList({{"a", "install"}});
+    world.faults.fail("coordinators.updating");
+    EXPECT_EQ(plan(), Lines{});
+    EXPECT_EQ(world.journal.count("log: App a is already installed and will be updated."), 1u);
+    EXPECT_EQ(operationOf("a"), "FAILED");
+    journal();
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
+    EXPECT_EQ(world.journal.linesWith("coordinators."), Lines{"coordinators.initiating(a, client 3, create 0)"});
+}
+
 TEST_F(Planning, RequestsNothingForAnEmptyOrMissingList) {
     start(true);
     EXPECT_EQ(plan(), Lines{});
@@ -226,6 +239,30 @@ TEST_F(Planning, PassesOverEveryOtherRecord) {
               (Lines{"log: Ignoring invalid path: (null)", "log: Ignoring invalid path: 5",
                      "log: Ignoring invalid path: d/../e"}));
     EXPECT_EQ(world.journal.linesWith("bundles."), Lines{});
+}
+
+TEST_F(Planning, SaysNothingOfARecordThatIsNoInstall) {
+    start(true);
+    Array records;
+    for (const char* operation : {"remove", "SENT", "DOWNLOADED", "INSTALLED", "FAILED", "Install", ""}) {
+        records.emplace_back(Dictionary{{"identifier", "a/../b"}, {"operation", operation}});
+    }
+    world.files.putPlist(paths::toDoList, records);
+    EXPECT_EQ(plan(), Lines{});
+    EXPECT_EQ(journal(), join({start_(Value(records).description(), "{}", "{}", {}), iconDirectory}));
+}
+
+TEST_F(Planning, RequestsAnAppOnceByItsFirstRecord) {
+    start(true);
+    world.files.putPlist(
+        paths::toDoList,
+        Array{Dictionary{{"identifier", "a"}, {"operation", "remove"}, {"version", "0.9"}},
+              Dictionary{{"identifier", "a"}, {"operation", "install"}, {"version", "1.0"}, {"name", "One"}},
+              Dictionary{{"identifier", "a"}, {"operation", "install"}, {"version", "2.0"}, {"name", "Two"}}});
+    EXPECT_EQ(plan(), Lines{"a"});
+    EXPECT_EQ(assets.front()->prettyName, "One");
+    EXPECT_EQ(assets.front()->version(), "1.0");
+    EXPECT_EQ(world.journal.count("log: a already has a placeholder - skipping"), 1u);
 }
 
 TEST_F(Planning, RequestsNoAppUnderAnIdentifierThatClimbs) {
@@ -391,6 +428,16 @@ TEST_F(Planning, GoesOnWithoutIconDirectory) {
     EXPECT_EQ(plan(), Lines{"a"});
     EXPECT_EQ(world.journal.linesWith("error: Can't create icon"),
               Lines{"error: Can't create icon scratch dir! TestDomain 7"});
+}
+
+TEST_F(Planning, FallsBackToTheArtworkWithoutIconDirectory) {
+    start(true);
+    putToDoList({{"a", "install"}});
+    stageApp("a");
+    world.faults.fail("files.createDirectory", 1);
+    EXPECT_EQ(plan(), Lines{"a"});
+    EXPECT_EQ(world.journal.count("error: Couldn't save image file to " + icons + "/a.png"), 1u);
+    EXPECT_EQ(assets.front()->icon, FileURL::fileURLWithPath(work + "/a/TamblinArtwork", false));
 }
 
 TEST_F(Planning, FallsBackToTheArtwork) {
