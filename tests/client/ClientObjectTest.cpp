@@ -173,6 +173,17 @@ TEST_F(ClientObject, CountsInstallAttemptsFromZeroAfterEachReading) {
     EXPECT_EQ(client()._getAndResetNumAppInstallsAttempted(), 0u);
 }
 
+TEST_F(ClientObject, CountsInstallAttemptsAcrossSyncsUntilTheyAreRead) {
+    start(false);
+    auto asset = makeAsset("a");
+    asset->path = "/staged/a";
+    client()._performAssetInstall(asset);
+    client().syncEndedWithSuccess(true);
+    EXPECT_TRUE(client().prepareForSyncWithHostAnchor_progressCallback_error("anchor", {}, nullptr));
+    client().reconcileSync_withNewAnchor_progressCallback_error(nullptr, "NEW", {}, nullptr);
+    EXPECT_EQ(client()._getAndResetNumAppInstallsAttempted(), 1u);
+}
+
 TEST_F(ClientObject, LosesNoAttemptThatIsCountedDuringAReading) {
     start(false);
     std::atomic<bool> ended = false;

@@ -145,6 +145,14 @@ TEST_F(ReconcileSync, RemovesNothingWhenPolicyForbidsIt) {
                            debugCopy)));
 }
 
+TEST_F(ReconcileSync, SaysNothingOfPolicyWithoutAList) {
+    start();
+    world.policy.settings["allowAppRemoval"] = OLBoolValue::explicitlyNo;
+    world.files.putFolder(staging);
+    EXPECT_TRUE(reconcile());
+    EXPECT_EQ(journal(), whole(joined({"log: Nothing to do from Tamblin"}, startingNotice)));
+}
+
 TEST_F(ReconcileSync, RemovesThroughTheCoordinator) {
     start(true);
     stage({record("a", "remove"), record("b", "install"), record("c", "remove")});

@@ -1,4 +1,4 @@
-// The restore state when its file cannot be written.
+// The restore state when its file cannot be read or written.
 #include "tests/inmemory/ClientTest.h"
 
 namespace appsync {
@@ -30,6 +30,12 @@ TEST_F(RestoreStateFailures, KeepTheFileWhenItCannotBeReplaced) {
     EXPECT_EQ(journal(), (Lines{"files.readFile(" + file + ")", "plist.parse()", "plist.serialise(xml)",
                                 "files.writeFileAtomically(" + file + ")"}));
     EXPECT_EQ(world.files.plistAt(file), Value(state));
+}
+
+TEST_F(RestoreStateFailures, BeginAnewWhenTheFileCannotBeRead) {
+    world.faults.fail("files.readFile");
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("/c", "path", "c", "1");
+    EXPECT_EQ(world.files.plistAt(file), Value(Dictionary{{"c", Dictionary{{"1", Dictionary{{"path", "/c"}}}}}}));
 }
 
 } // namespace

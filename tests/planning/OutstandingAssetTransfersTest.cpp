@@ -217,6 +217,18 @@ TEST_F(Planning, TakesNoUpdateForOneThatCouldNotBePrepared) {
     EXPECT_EQ(world.journal.linesWith("coordinators."), Lines{"coordinators.initiating(a, client 3, create 0)"});
 }
 
+TEST_F(Planning, TakesAnAppForAnUpdateAcrossSyncs) {
+    start(true);
+    world.registry.addInstalled("a");
+    putToDoList({{"a", "install"}});
+    EXPECT_EQ(plan(), Lines{"a"});
+    client().syncEndedWithSuccess(true);
+    EXPECT_TRUE(client().prepareForSyncWithHostAnchor_progressCallback_error("anchor", {}, nullptr));
+    journal();
+    client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
+    EXPECT_EQ(world.journal.linesWith("coordinators."), Lines{"coordinators.updating(a, client 3, create 0)"});
+}
+
 TEST_F(Planning, RequestsNothingForAnEmptyOrMissingList) {
     start(true);
     EXPECT_EQ(plan(), Lines{});
@@ -339,6 +351,19 @@ TEST_F(Planning, RequestsNoAppThatHasAPlaceholderWithoutTheCoordinator) {
     putToDoList({{"a", "install"}});
     EXPECT_EQ(plan(), Lines{});
     EXPECT_EQ(journal().back(), "log: Not creating a placeholder app for a because we already have one");
+}
+
+TEST_F(Planning, ReadiesTheAssetBeforeItLooksForAPlaceholder) {
+    start(false);
+    world.registry.addPlaceholder("a");
+    world.files.putFolder("/var/containers/a/App.app");
+    EXPECT_EQ(plan(), Lines{});
+    const Lines lines = journal();
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_EQ(*(lines.end() - 4), "files.writeFileAtomically(" + icons + "/a.png)");
+    EXPECT_EQ(*(lines.end() - 3), "files.readFile(" + restore + ")");
+    EXPECT_TRUE((lines.end() - 2)->starts_with("log: Asset a (pretty=a, version=1.0) prepped"));
+    EXPECT_EQ(lines.back(), "log: Not creating a placeholder app for a because we already have one");
 }
 
 TEST_F(Planning, ChecksNoDemotionWithoutTheCoordinator) {

@@ -124,6 +124,26 @@ TEST_F(RequestFiltering, ChecksInItsOrder) {
     EXPECT_TRUE(said().front().ends_with("is system app placeholder - skipping"));
 }
 
+TEST_F(RequestFiltering, RefusesTheSameWithoutTheCoordinator) {
+    useInstallCoordinator = false;
+    kplAppsToIgnore.add("a");
+    EXPECT_FALSE(admits({{"IsRestore", 1}}));
+    EXPECT_EQ(said(), Lines{"log: a is currenlty marked as to be ignored for download - skipping"});
+    installationAllowed = false;
+    EXPECT_FALSE(admits({}));
+    EXPECT_EQ(said(), Lines{"log: skipping a - its not a restore and app installation is disabled"});
+}
+
+TEST_F(RequestFiltering, RefusesTheSameWhenTheListAsksForTheApp) {
+    requested.insert("a");
+    EXPECT_FALSE(admits({{"IsRestore", 1}}));
+    EXPECT_FALSE(admits({{"system_app", true}, {"auto_demoted_app", 1}}));
+    systemPlaceholders.insert("a");
+    EXPECT_FALSE(admits({}));
+    installationAllowed = false;
+    EXPECT_FALSE(admits({}));
+}
+
 TEST_F(RequestFiltering, ReadsFlagsLeniently) {
     EXPECT_TRUE(admits({{"IsRestore", "1"}, {"system_app", Array{}}, {"auto_demoted_app", Dictionary{}}}));
     EXPECT_FALSE(admits({{"IsRestore", 0.5}}));
