@@ -89,7 +89,7 @@ class Run:
             trials = {name: trial.Trial(build, build.folder / 'mutate' / str(number))
                       for name, build in self.builds.items()}
             while (place := self.next()) is not None:
-                self.one(trials['tsan' if place.kind == 'lock' else 'debug'], place)
+                self.one(trials['tsan' if place.kind == 'lock' else 'mutate'], place)
         except Exception as problem:  # a worker that dies must not pass for one that found nothing
             self.failures.put(problem)
 
@@ -132,9 +132,8 @@ def report(run, known, seed, seconds):
 
 def main():
     options = arguments()
-    builds = {name: trial.Build(ROOT, ROOT / 'build' / f'mutate-{name}', trial.PATIENCE[name])
-              for name in trial.PATIENCE}
-    everything = all_places(builds['debug'])
+    builds = {name: trial.Build(ROOT, ROOT / 'build' / name, patience) for name, patience in trial.PATIENCE.items()}
+    everything = all_places(builds['mutate'])
     known = reasons()
     for key in known.keys() - {place.key() for place in everything}:
         raise SystemExit(f'mutate: unobservable.txt gives a reason for what is not there any more; take it out: {key}')
