@@ -33,13 +33,10 @@ def arguments():
 
 
 def all_places(build):
-    found = []
-    for source in build.sources():
-        found += places.find(ROOT, source, source, build.flags(source))
+    met = {source: [source] for source in build.sources()}
     for header in build.headers():
-        through = min(build.dependencies[header])
-        found += places.find(ROOT, header, through, build.flags(through))
-    return found
+        met[min(build.dependencies[header])].append(header)
+    return [place for source, files in met.items() for place in places.find(ROOT, source, files, build.flags(source))]
 
 
 def chosen(found, seed):

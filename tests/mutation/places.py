@@ -33,6 +33,7 @@ class Place:
     new: str
     line: int
     function: str
+    context: str  # the line that it begins in
 
     def key(self):
         """Stays the same when lines move."""
@@ -72,7 +73,7 @@ class Finder:
         if old == new or not old.strip() or b'.reserve(' in whole_line:
             return  # room that is made beforehand changes nothing but speed
         line = self.text.count(b'\n', 0, begin) + 1
-        self.places.append(Place(kind, self.file, begin, end, old, new, line, function))
+        self.places.append(Place(kind, self.file, begin, end, old, new, line, function, whole_line.decode()))
 
     def _source(self, cursor):
         return self.text[cursor.extent.start.offset:cursor.extent.end.offset].decode()
@@ -266,13 +267,14 @@ def cursor_arity(source, arguments):
     return len(arguments) if source.endswith(')') or source.endswith('}') else -1
 
 
-def find(root, file, through, flags):
-    """The places of `file`, parsed as part of the source `through` (itself, for a source)."""
+def find(root, through, files, flags):
+    """The places of `files`, which are met when the source `through` is parsed: itself, headers that it includes."""
     unit = Index.create().parse(str(root / through), args=flags)
     worst = [d for d in unit.diagnostics if d.severity >= 3]
     if worst:
         raise SystemExit(f'mutate: {through} cannot be parsed: {worst[0]}')
     seen = {}
-    for place in Finder(root, file, unit).places:
-        seen.setdefault((place.begin, place.end, place.new), place)
+    for file in files:
+        for place in Finder(root, file, unit).places:
+            seen.setdefault((place.file, place.begin, place.end, place.new), place)
     return list(seen.values())

@@ -73,28 +73,41 @@ class Trial:
         """The name of the test that noticed the change, or null."""
         text = (self.build.root / place.file).read_bytes()
         changed = text[:place.begin] + place.new.encode() + text[place.end:]
-        objects = self._compile(place.file, changed)
         own = place.file.split('/')[0]
-        for test in sorted(TESTS, key=lambda name: name != own):
-            noticed = self._ask(test, objects)
-            if noticed is not None:
-                return noticed
+        for objects in self._compile(place, changed):
+            for test in sorted(TESTS, key=lambda name: name != own):
+                noticed = self._ask(test, objects)
+                if noticed is not None:
+                    return noticed
         return None
 
-    def _compile(self, file, changed):
-        if file in self.build.commands:
-            copy = self.folder / pathlib.Path(file).name
+    def _compile(self, place, changed):
+        """The objects that have the change in them: of a header more and more, since the first often suffice."""
+        if place.file in self.build.commands:
+            copy = self.folder / pathlib.Path(place.file).name
             copy.write_bytes(changed)
-            return [self._compile_one(file, copy, [])]
+            yield [self._compile_one(place.file, copy, [])]
+            return
         overlay = self.folder / 'include'
-        copy = overlay / file
+        copy = overlay / place.file
         copy.parent.mkdir(parents=True, exist_ok=True)
         copy.write_bytes(changed)
         try:
-            return [self._compile_one(source, self.build.root / source, ['-I' + str(overlay)])
-                    for source in sorted(self.build.dependencies[file])]
+            objects, waiting = [], self._users(place)
+            while waiting:
+                size = max(1, 3 * len(objects))
+                objects += [self._compile_one(source, self.build.root / source, ['-I' + str(overlay)])
+                            for source in waiting[:size]]
+                waiting = waiting[size:]
+                yield objects
         finally:
             copy.unlink()
+
+    def _users(self, place):
+        """The sources that include a header, first those that mention what stands at the place."""
+        names = re.findall(r'\w{4,}', f'{place.function} {place.context}')
+        texts = {source: (self.build.root / source).read_text() for source in self.build.dependencies[place.file]}
+        return sorted(texts, key=lambda source: (-sum(name in texts[source] for name in names), source))
 
     def _compile_one(self, source, text, include):
         words = list(self.build.commands[source])
