@@ -1,6 +1,5 @@
 // The client's small parts: identifier sets and pending retries.
 #include "client/IdentifierSet.h"
-#include "client/Paths.h"
 #include "client/PendingRetries.h"
 #include "tests/inmemory/World.h"
 
@@ -10,24 +9,6 @@ namespace appsync {
 namespace {
 
 using namespace std::chrono_literals;
-
-TEST(FixedPlaces, AreWhereTheDesktopAndTheDeviceLookForThem) {
-    EXPECT_EQ(paths::applicationSync, "/var/mobile/Library/ApplicationSync");
-    EXPECT_EQ(paths::workArea, "/var/mobile/Library/ApplicationSync/TamblinStuff");
-    EXPECT_EQ(paths::toDoList, "/var/mobile/Library/ApplicationSync/TamblinStuff/ApplicationsSync.plist");
-    EXPECT_EQ(paths::toDoListDebugCopy,
-              "/var/mobile/Library/ApplicationSync/TamblinStuff/ApplicationsSync.plist-debug.plist");
-    EXPECT_EQ(paths::iconState, "/var/mobile/Library/ApplicationSync/TamblinStuff/SkellanIconState.plist");
-    EXPECT_EQ(paths::lastSyncAppState, "/var/mobile/Library/ApplicationSync/LastSyncAppState.plist");
-    EXPECT_EQ(paths::restoreState, "/var/mobile/Library/ApplicationSync/RestoreState.plist");
-    EXPECT_EQ(paths::assetSortOrder, "/var/mobile/Library/ApplicationSync/AssetSortOrder.plist");
-    EXPECT_EQ(paths::icons, "/var/mobile/Library/ApplicationSync/Icons");
-    EXPECT_EQ(paths::publicStaging, "/var/mobile/Media/PublicStaging");
-    EXPECT_EQ(paths::stagingArea, "/var/mobile/Media/PublicStaging/ApplicationSync");
-    EXPECT_EQ(paths::demotedApps, "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist");
-    EXPECT_EQ(paths::restoreInfo, "/var/mobile/Media/TamblinRestore/RestoreApplications.plist");
-    EXPECT_EQ(paths::processedRestoreInfo, "/var/mobile/Library/Logs/MediaServices/RestoreApplications.plist");
-}
 
 TEST(IdentifierSets, HoldEachIdentifierOnceInTheOrderOfAdding) {
     IdentifierSet set;

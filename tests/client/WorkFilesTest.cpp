@@ -21,6 +21,8 @@ TEST(WorkFilePlaces, AreTheAgreedOnes) {
     EXPECT_EQ(paths::publicStaging, "/var/mobile/Media/PublicStaging");
     EXPECT_EQ(paths::stagingArea, "/var/mobile/Media/PublicStaging/ApplicationSync");
     EXPECT_EQ(paths::demotedApps, "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist");
+    EXPECT_EQ(paths::restoreInfo, "/var/mobile/Media/TamblinRestore/RestoreApplications.plist");
+    EXPECT_EQ(paths::processedRestoreInfo, "/var/mobile/Library/Logs/MediaServices/RestoreApplications.plist");
 }
 
 class WorkFiles : public inmemory::ClientTest {
