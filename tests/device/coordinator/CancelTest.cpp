@@ -9,9 +9,6 @@
 namespace appsync::device {
 namespace {
 
-const std::string A = "com.example.a";
-const std::string B = "com.example.b";
-
 ErrorPtr reason() {
     return Error::make(QRErrorDomain, 30);
 }

@@ -4,9 +4,6 @@
 namespace appsync::device {
 namespace {
 
-const std::string A = "com.example.a";
-const std::string B = "com.example.b";
-
 TEST_F(CoordinatorTest, IsFoundByItsKindAndByTheBaseClassOnly) {
     ASSERT_TRUE(lookUp(classes().initiatingCoordinators, A, true));
     ErrorPtr error;

@@ -19,6 +19,10 @@ namespace appsync::device {
 
 using Lines = std::vector<std::string>;
 
+// The apps that the tests install.
+inline const std::string A = "com.example.a";
+inline const std::string B = "com.example.b";
+
 /// A delegate that writes down what it is told.
 class Reports final : public KXAppInstallObserverDelegate {
   public:

@@ -5,9 +5,6 @@
 namespace appsync::device {
 namespace {
 
-const std::string A = "com.example.a";
-const std::string B = "com.example.b";
-
 TEST_F(CoordinatorTest, InstallsThePlaceholderOnceItIsAttachedAndConfigured) {
     const auto app = prepare(A);
     coordinator->waitUntilIdle();

@@ -7,8 +7,6 @@
 namespace appsync::device {
 namespace {
 
-const std::string A = "com.example.a";
-
 class InstallObserversTest : public testing::Test {
   protected:
     ~InstallObserversTest() override { undelivered.wait(); }

@@ -10,9 +10,6 @@
 namespace appsync::device {
 namespace {
 
-const std::string A = "com.example.a";
-const std::string B = "com.example.b";
-
 TEST_F(CoordinatorTest, IsFoundByALaterProcessWithEverythingThatWasSet) {
     (void)prepare(A, true);
     const auto restoring = lookUp(classes().restoringCoordinators, B, true, KXClientCorbin);

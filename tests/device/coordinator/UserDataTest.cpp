@@ -4,8 +4,6 @@
 namespace appsync::device {
 namespace {
 
-const std::string A = "com.example.a";
-
 class Restorer final : public UserDataRestorer {
   public:
     Result<void> restore(std::string_view bundleID) override {
