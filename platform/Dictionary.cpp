@@ -203,11 +203,10 @@ Value* Dictionary::find(std::string_view key) noexcept {
 }
 
 void Dictionary::set(Text key, Value value) {
-    const std::size_t i = indexOf(key);
-    if (i == absent) {
-        append(std::move(key), std::move(value));
+    if (Value* const known = find(key)) {
+        *known = std::move(value);
     } else {
-        _entries[i].value = std::move(value);
+        append(std::move(key), std::move(value));
     }
 }
 

@@ -124,7 +124,7 @@ Descriptor connectToControl(const std::string& deviceFolder) {
 }
 
 bool readLine(int connection, std::string& buffer, std::string& line) {
-    for (std::size_t end = 0; (end = buffer.find('\n')) == std::string::npos;) {
+    while (buffer.find('\n') == std::string::npos) {
         std::array<char, 4096> piece{};
         const ssize_t length = ::recv(connection, piece.data(), piece.size(), 0);
         if (length < 0 && errno == EINTR) {

@@ -65,8 +65,8 @@ std::unique_ptr<QRClient> PlugIn::createClient(const Platform& platform) const {
     return std::unique_ptr<QRClient>(create(platform));
 }
 
-ErrorPtr hostError(std::string description, std::string_view path) {
-    Dictionary facts{{ErrorDescriptionKey, std::move(description)}};
+ErrorPtr hostError(std::string_view description, std::string_view path) {
+    Dictionary facts{{ErrorDescriptionKey, description}};
     if (!path.empty()) {
         facts.set(ErrorPathKey, path);
     }

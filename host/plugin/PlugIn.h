@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace appsync {
 class PropertyListSerialization;
@@ -43,6 +44,6 @@ class PlugIn {
 };
 
 /// An error of `HostErrorDomain` with its sentence.
-[[nodiscard]] ErrorPtr hostError(std::string description, std::string_view path = {});
+[[nodiscard]] ErrorPtr hostError(std::string_view description, std::string_view path = {});
 
 } // namespace appsync::host

@@ -100,19 +100,16 @@ BusyApps::SKSApplicationTerminationAssertionCreateWithError(std::string_view bun
 
 std::shared_ptr<ScheduledTask> BusyApps::runAfter(std::chrono::milliseconds delay,
                                                   std::function<void()> task) noexcept {
-    std::shared_ptr<Retry> retry;
-    {
-        const std::lock_guard lock(_mutex);
-        auto denied = _justDenied.extract(std::this_thread::get_id());
-        if (!denied.empty()) {
-            retry = std::make_shared<Retry>(std::move(denied.mapped()), std::chrono::system_clock::now() + delay,
-                                            std::move(task));
-            _retries.push_back(retry);
-        }
-    }
-    if (retry == nullptr) {
+    std::unique_lock lock(_mutex);
+    auto denied = _justDenied.extract(std::this_thread::get_id());
+    if (denied.empty()) {
+        lock.unlock();
         return _scheduler.runAfter(delay, std::move(task));
     }
+    const auto retry =
+        std::make_shared<Retry>(std::move(denied.mapped()), std::chrono::system_clock::now() + delay, std::move(task));
+    _retries.push_back(retry);
+    lock.unlock();
     _listener(retry->identifier, retry->time);
     _wait(retry, delay);
     if (_isGivingUp() || _isCancelled(retry->identifier)) { // perhaps since before its timer could be found

@@ -16,6 +16,10 @@ namespace {
 constexpr std::string_view restoreStatePath = "/var/mobile/Library/ApplicationSync/RestoreState.plist";
 constexpr std::string_view placeholderFolder = "/tmp/com.zuvex.qrd.Apps";
 
+std::string joined(std::string_view folder, std::string_view name) {
+    return std::string(folder).append("/").append(name);
+}
+
 /// Whether the app is still to be restored; the plug-in may not have come to forget one that is there.
 bool isAwaited(device::Device& device, std::string_view identifier) {
     const auto app = device.registry().application(identifier);
@@ -67,7 +71,7 @@ void clearPlaceholderBundles(device::Device& device) {
     const auto names = device.files().list(placeholderFolder);
     for (const std::string& name : names ? *names : std::vector<std::string>()) {
         if (!inUse.contains(name)) {
-            device.files().removeItem(std::string(placeholderFolder) + "/" + name, nullptr);
+            device.files().removeItem(joined(placeholderFolder, name), nullptr);
         }
     }
 }
@@ -77,7 +81,7 @@ void clearReceivedFiles(device::Device& device) {
     const std::string folder = receivedFolder();
     const auto names = device.files().list(folder);
     for (const std::string& name : names ? *names : std::vector<std::string>()) {
-        if (const std::string path = folder + "/" + name; !remembered.contains(path)) {
+        if (const std::string path = joined(folder, name); !remembered.contains(path)) {
             device.files().removeItem(path, nullptr);
         }
     }

@@ -100,9 +100,8 @@ ErrorPtr cancelledByUserError() {
     return transferError(TransferError::cancelledByUser, "Cancelled on the device.");
 }
 
-ErrorPtr transferError(TransferError code, std::string description) {
-    return Error::make(HostTransferErrorDomain, static_cast<int>(code),
-                       Dictionary{{ErrorDescriptionKey, std::move(description)}});
+ErrorPtr transferError(TransferError code, std::string_view description) {
+    return Error::make(HostTransferErrorDomain, static_cast<int>(code), Dictionary{{ErrorDescriptionKey, description}});
 }
 
 } // namespace appsync::host

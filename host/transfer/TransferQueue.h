@@ -77,7 +77,7 @@ class ErrorClassification final : public QRErrorClassification {
 };
 
 /// An error of `HostTransferErrorDomain` with its sentence.
-[[nodiscard]] ErrorPtr transferError(TransferError code, std::string description);
+[[nodiscard]] ErrorPtr transferError(TransferError code, std::string_view description);
 [[nodiscard]] ErrorPtr cancelledByUserError();
 
 } // namespace appsync::host

@@ -113,6 +113,23 @@ std::shared_ptr<KXAppInstallObserver> connect(const Platform& platform, Reports&
     return connection;
 }
 
+/// An installed app whose update shows its placeholder; connected as long as this lives.
+class BegunUpdate {
+  public:
+    BegunUpdate(DeviceUnderTest& device, const Platform& platform, Reports& reports) {
+        device.install({A, "1.0"});
+        _connection = connect(platform, reports);
+        _update.emplace(platform, platform.updatingCoordinators, A);
+        _update->showPlaceholder();
+        EXPECT_TRUE(reports.waitFor("placeholder " + A));
+    }
+    [[nodiscard]] const KXAppInstallCoordinatorPtr& coordinator() const { return _update->coordinator; }
+
+  private:
+    std::shared_ptr<KXAppInstallObserver> _connection;
+    std::optional<Install> _update;
+};
+
 bool hasCoordinator(const Platform& platform, const std::string& identifier) {
     return platform.coordinators.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
                identifier, KXClientSyncHost, false, nullptr, nullptr) != nullptr;
@@ -217,15 +234,11 @@ TEST_P(CoordinatorReportContract, SeveralAppsAreInstalledSideBySide) {
 TEST_P(CoordinatorReportContract, APersonsCancelIsReportedAndTakesThePlaceholderAway) {
     APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
-    device().install({A, "1.0"});
     Reports reports;
-    const auto connection = connect(platform(), reports);
-    const Install update(platform(), platform().updatingCoordinators, A);
-    update.showPlaceholder();
-    ASSERT_TRUE(reports.waitFor("placeholder " + A));
+    const BegunUpdate update(device(), platform(), reports);
     device().cancelByPerson(A);
     ASSERT_TRUE(reports.waitFor("cancelled " + A));
-    EXPECT_NE(update.coordinator->error(), nullptr);
+    EXPECT_NE(update.coordinator()->error(), nullptr);
     EXPECT_FALSE(hasCoordinator(platform(), A));
     ASSERT_NE(apps.appOrPlaceholder(A), nullptr);
     EXPECT_FALSE(apps.appOrPlaceholder(A)->isPlaceholder());
@@ -338,12 +351,8 @@ TEST_P(CoordinatorReportContract, ADelegateMayUseTheCoordinatorWithinACall) {
 TEST_P(CoordinatorReportContract, TakingAnInstallBackEndsItsCoordinatorAndLeavesTheInstalledVersion) {
     APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
-    device().install({A, "1.0"});
     Reports reports;
-    const auto connection = connect(platform(), reports);
-    const Install update(platform(), platform().updatingCoordinators, A);
-    update.showPlaceholder();
-    ASSERT_TRUE(reports.waitFor("placeholder " + A));
+    const BegunUpdate update(device(), platform(), reports);
     ErrorPtr error;
     EXPECT_TRUE(platform().coordinators.uninstallAppWithBundleID_error(A, &error)) << textOf(error);
     EXPECT_EQ(error, nullptr);
@@ -363,12 +372,8 @@ TEST_P(CoordinatorReportContract, TakingBackWhatIsNotThereIsAnError) {
 TEST_P(CoordinatorReportContract, AnUninstallTakesTheAppItsPlaceholderAndItsCoordinator) {
     APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
-    device().install({A, "1.0"});
     Reports reports;
-    const auto connection = connect(platform(), reports);
-    const Install update(platform(), platform().updatingCoordinators, A);
-    update.showPlaceholder();
-    ASSERT_TRUE(reports.waitFor("placeholder " + A));
+    const BegunUpdate update(device(), platform(), reports);
     Signal completed;
     const auto uninstall = [&](ErrorPtr& answer) {
         platform().coordinators.uninstallAppWithBundleID_requestUserConfirmation_completion(A, false,

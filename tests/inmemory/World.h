@@ -38,8 +38,10 @@ struct World {
     Center center{context};
     Icons icons{context, files};
 
-    [[nodiscard]] Platform platform() {
-        return {.log = log,
+    [[nodiscard]] Platform platform() { return platform(log); }
+    /// With another log than the journal's.
+    [[nodiscard]] Platform platform(HostLog& hostLog) {
+        return {.log = hostLog,
                 .transactionLog = transactionLog,
                 .deviceService = deviceService,
                 .errorClassification = errors,

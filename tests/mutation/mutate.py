@@ -6,6 +6,7 @@ change cannot be observed stand in unobservable.txt; such a change counts as unn
 """
 import argparse
 import collections
+import concurrent.futures
 import pathlib
 import queue
 import random
@@ -36,7 +37,9 @@ def all_places(build):
     met = {source: [source] for source in build.sources()}
     for header in build.headers():
         met[min(build.dependencies[header])].append(header)
-    return [place for source, files in met.items() for place in places.find(ROOT, source, files, build.flags(source))]
+    with concurrent.futures.ProcessPoolExecutor() as pool:
+        found = [pool.submit(places.find, ROOT, source, files, build.flags(source)) for source, files in met.items()]
+        return [place for each in found for place in each.result()]
 
 
 def chosen(found, seed):

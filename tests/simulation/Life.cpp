@@ -62,37 +62,7 @@ std::optional<Violation> Life::live() {
 
 void Life::_beBorn() {
     auto& world = _state.world;
-    const Platform services = world.platform();
-    // A platform is made of references, so the log has to be given when it is put together.
-    _state.client = AppsClient::init({.log = _log,
-                                      .transactionLog = services.transactionLog,
-                                      .deviceService = services.deviceService,
-                                      .errorClassification = services.errorClassification,
-                                      .process = services.process,
-                                      .scheduler = services.scheduler,
-                                      .files = services.files,
-                                      .propertyLists = services.propertyLists,
-                                      .workspaces = services.workspaces,
-                                      .applicationProxies = services.applicationProxies,
-                                      .installationService = services.installationService,
-                                      .coordinators = services.coordinators,
-                                      .initiatingCoordinators = services.initiatingCoordinators,
-                                      .updatingCoordinators = services.updatingCoordinators,
-                                      .restoringCoordinators = services.restoringCoordinators,
-                                      .restoringDemotedCoordinators = services.restoringDemotedCoordinators,
-                                      .placeholders = services.placeholders,
-                                      .transferPromises = services.transferPromises,
-                                      .outOfBandPromises = services.outOfBandPromises,
-                                      .installObservers = services.installObservers,
-                                      .profileConnections = services.profileConnections,
-                                      .backupManagers = services.backupManagers,
-                                      .softwareLibraries = services.softwareLibraries,
-                                      .homeScreen = services.homeScreen,
-                                      .notifications = services.notifications,
-                                      .notificationCenter = services.notificationCenter,
-                                      .bundles = services.bundles,
-                                      .iconRenderer = services.iconRenderer,
-                                      .imageDestinations = services.imageDestinations});
+    _state.client = AppsClient::init(world.platform(_log));
     for (std::size_t times = _state.chance.below(3); times > 0; --times) {
         world.center.post(startUpComplete);
     }
