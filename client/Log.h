@@ -65,7 +65,7 @@ template <class Argument> constexpr bool accepts(Conversion conversion) {
     case Conversion::unsignedNumber: return std::is_unsigned_v<Type> && !std::is_same_v<Type, bool>;
     case Conversion::signedNumber: return std::is_signed_v<Type> && std::is_integral_v<Type>;
     case Conversion::real: return std::is_same_v<Type, double>;
-    case Conversion::none: return false;
+    case Conversion::none: break;
     }
     return false;
 }

@@ -5,8 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 #include <set>
+#include <string>
+#include <type_traits>
 #include <vector>
 
 namespace appsync {
@@ -33,6 +36,37 @@ class Sink final : public HostLog {
     std::vector<std::pair<QRLogCategory, LogLevel>> questions;
     std::vector<Message> messages;
 };
+
+template <std::size_t size> struct Text {
+    constexpr Text(const char (&literal)[size]) { std::ranges::copy(literal, text); }
+    char text[size];
+};
+
+/// Whether a message of that format is built for these arguments.
+template <Text format, class... Arguments>
+concept Fits = requires {
+    typename std::bool_constant<(LogFormat<Arguments...>(format.text), true)>;
+};
+
+static_assert(Fits<"plain">);
+static_assert(Fits<"%d %{public}@", int, std::string>);
+static_assert(!Fits<"plain", int>);
+static_assert(!Fits<"%d">);
+static_assert(!Fits<"%d %d", int>);
+static_assert(!Fits<"%d", int, int>);
+static_assert(!Fits<"%x", int>);
+static_assert(!Fits<"100%", int>);
+static_assert(!Fits<"%d", std::string>);
+static_assert(!Fits<"%d", std::int64_t>);
+static_assert(!Fits<"%d", char>);
+static_assert(!Fits<"%s", int>);
+static_assert(!Fits<"%c", int>);
+static_assert(!Fits<"%lu", int>);
+static_assert(!Fits<"%lu", bool>);
+static_assert(!Fits<"%ld", unsigned>);
+static_assert(!Fits<"%ld", double>);
+static_assert(!Fits<"%f", int>);
+static_assert(!Fits<"%{public}@", Text<1>>);
 
 class PlugInMessages : public testing::Test {
   protected:

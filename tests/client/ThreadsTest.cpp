@@ -12,6 +12,13 @@
 namespace appsync {
 namespace {
 
+/// Waits without putting the threads in order.
+void waitFor(const std::atomic<bool>& flag) {
+    while (!flag.load(std::memory_order_relaxed)) {
+        std::this_thread::yield();
+    }
+}
+
 /// Runs one after the other, on two threads that nothing orders but the locks of what they call: the thread sanitizer
 /// sees every access that these do not guard, whatever the machine does.
 void inTurn(const std::function<void()>& first, const std::function<void()>& second) {
@@ -21,9 +28,7 @@ void inTurn(const std::function<void()>& first, const std::function<void()>& sec
         ended.store(true, std::memory_order_relaxed);
     });
     std::thread other([&] {
-        while (!ended.load(std::memory_order_relaxed)) {
-            std::this_thread::yield();
-        }
+        waitFor(ended);
         second();
     });
     one.join();
@@ -99,6 +104,28 @@ TEST_F(Threads, RememberAndForgetUninstalledApps) {
     inTurn(syncEnds, takeInventory);
     inTurn(takeInventory, takeInventory);
     inTurn(takeInventory, syncEnds);
+    EXPECT_EQ(world.lowLevelInstaller.uninstalled, Dictionary{});
+}
+
+TEST_F(Threads, RememberUninstalledAppsWhileASyncEnds) {
+    world.lowLevelInstaller.uninstalled = Dictionary{{"gone", Dictionary{}}};
+    startQuietly(true);
+    const auto takeInventory = [this] { EXPECT_NE(client().installedAssets().array("_Deleted"), nullptr); };
+    takeInventory();
+    // The other inventory comes in the midst of the end, again without putting the threads in order.
+    std::atomic<bool> isClearing = false;
+    std::atomic<bool> isTaken = false;
+    world.journal.whenAdded("tevrin.clearUninstalled", [&] {
+        isClearing.store(true, std::memory_order_relaxed);
+        waitFor(isTaken);
+    });
+    std::thread inventory([&] {
+        waitFor(isClearing);
+        takeInventory();
+        isTaken.store(true, std::memory_order_relaxed);
+    });
+    client().syncEndedWithSuccess(true);
+    inventory.join();
     EXPECT_EQ(world.lowLevelInstaller.uninstalled, Dictionary{});
 }
 

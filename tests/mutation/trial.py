@@ -5,6 +5,7 @@ import pathlib
 import re
 import shlex
 import subprocess
+from dataclasses import dataclass
 
 TESTS = ['client', 'planning', 'pipeline', 'coordination', 'placeholders', 'homescreen']
 # The builds, and how many seconds each test program gets: a changed plug-in may wait for ever.
@@ -15,17 +16,32 @@ class DoesNotCompile(Exception):
     pass
 
 
+@dataclass(frozen=True)
+class Unit:
+    """Tests that are compiled together."""
+    test: str
+    source: str
+    command: list
+
+    def names(self, header):
+        """Whether one of the tests includes the header itself."""
+        files = re.findall(r'^#include "(/[^"]+)"', pathlib.Path(self.source).read_text(), re.MULTILINE)
+        return any(f'#include "{header}"' in pathlib.Path(file).read_text() for file in files)
+
+
 class Build:
     """A finished build of the plug-in's tests, whose commands are taken over."""
 
     def __init__(self, root, folder, patience):
         self.root, self.folder, self.patience = root, folder, patience
         entries = json.loads((folder / 'compile_commands.json').read_text())
-        self.commands = {}
+        self.commands, self.units = {}, {}
         for entry in entries:
+            command = [word for word in shlex.split(entry['command']) if word != '-Werror']
             if 'appsync_plugin.dir' in entry['command']:
-                file = os.path.relpath(entry['file'], root)
-                self.commands[file] = [word for word in shlex.split(entry['command']) if word != '-Werror']
+                self.commands[os.path.relpath(entry['file'], root)] = command
+            elif found := re.search(r' -o (tests/(\w+)/CMakeFiles/\2_test\.dir/\S+)', entry['command']):
+                self.units[found.group(1)] = Unit(found.group(2), entry['file'], command)
         self.dependencies = self._dependencies()
         self.links = {test: self._link(test) for test in TESTS}
 
@@ -74,34 +90,45 @@ class Trial:
         text = (self.build.root / place.file).read_bytes()
         changed = text[:place.begin] + place.new.encode() + text[place.end:]
         own = place.file.split('/')[0]
-        for objects in self._compile(place, changed):
-            for test in sorted(TESTS, key=lambda name: name != own):
-                noticed = self._ask(test, objects)
+        tests = sorted(TESTS, key=lambda name: name != own)
+        if place.file in self.build.commands:
+            copy = self.folder / pathlib.Path(place.file).name
+            copy.write_bytes(changed)
+            command = self.build.commands[place.file]
+            return self._first_to_notice(tests, [self._compile(command, copy, place.file, [])])
+        copy = self.folder / 'include' / place.file
+        copy.parent.mkdir(parents=True, exist_ok=True)
+        copy.write_bytes(changed)
+        try:
+            return self._with_header(place, tests)
+        finally:
+            copy.unlink()
+
+    def _with_header(self, place, tests):
+        """A changed header is compiled into more and more sources, since the first often suffice; at last into tests."""
+        overlay = ['-I' + str(self.folder / 'include')]
+        objects, waiting = [], self._users(place)
+        while waiting:
+            size = max(1, 3 * len(objects))
+            objects += [self._compile(self.build.commands[source], self.build.root / source, source, overlay)
+                        for source in waiting[:size]]
+            waiting = waiting[size:]
+            noticed = self._first_to_notice(tests, objects)
+            if noticed is not None:
+                return noticed
+        for built, unit in self.build.units.items():
+            if unit.names(place.file):
+                try:
+                    new = self._compile(unit.command, unit.source, built, overlay)
+                except DoesNotCompile:
+                    return f'{unit.test}_test, which does not compile'
+                noticed = self._ask(unit.test, objects, {built: new})
                 if noticed is not None:
                     return noticed
         return None
 
-    def _compile(self, place, changed):
-        """The objects that have the change in them: of a header more and more, since the first often suffice."""
-        if place.file in self.build.commands:
-            copy = self.folder / pathlib.Path(place.file).name
-            copy.write_bytes(changed)
-            yield [self._compile_one(place.file, copy, [])]
-            return
-        overlay = self.folder / 'include'
-        copy = overlay / place.file
-        copy.parent.mkdir(parents=True, exist_ok=True)
-        copy.write_bytes(changed)
-        try:
-            objects, waiting = [], self._users(place)
-            while waiting:
-                size = max(1, 3 * len(objects))
-                objects += [self._compile_one(source, self.build.root / source, ['-I' + str(overlay)])
-                            for source in waiting[:size]]
-                waiting = waiting[size:]
-                yield objects
-        finally:
-            copy.unlink()
+    def _first_to_notice(self, tests, objects):
+        return next((noticed for test in tests if (noticed := self._ask(test, objects, {})) is not None), None)
 
     def _users(self, place):
         """The sources that include a header, first those that mention what stands at the place."""
@@ -109,11 +136,12 @@ class Trial:
         texts = {source: (self.build.root / source).read_text() for source in self.build.dependencies[place.file]}
         return sorted(texts, key=lambda source: (-sum(name in texts[source] for name in names), source))
 
-    def _compile_one(self, source, text, include):
-        words = list(self.build.commands[source])
+    def _compile(self, command, text, name, include):
+        """The object of a text that is compiled as the command says; it is called after the name."""
+        words = list(command)
         while not words[0].endswith(('++', 'c++')):
             words.pop(0)  # a compiler cache
-        target = self.folder / (source.replace('/', '_') + '.o')
+        target = self.folder / (name.replace('/', '_') + '.o')
         words[words.index('-o') + 1] = str(target)
         words[words.index('-c') + 1] = str(text)
         result = subprocess.run([words[0], '-w', *include, *words[1:]], cwd=self.build.folder, capture_output=True)
@@ -121,9 +149,10 @@ class Trial:
             raise DoesNotCompile
         return str(target)
 
-    def _ask(self, test, objects):
+    def _ask(self, test, objects, instead):
+        """The name of the test that fails with these objects of the plug-in, and some of the tests' own exchanged."""
         program = self.folder / f'{test}_test'
-        words = list(self.build.links[test])
+        words = [instead.get(word, word) for word in self.build.links[test]]
         words[words.index('-o') + 1] = str(program)
         # In front of everything else, so that changed inline functions win too.
         words[1:1] = objects

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <set>
+#include <string>
 #include <thread>
 
 namespace appsync {
@@ -163,6 +165,25 @@ TEST_F(InstallQueue, RunsAQueuedInstallFromItsFirstToItsLastStep) {
         {released, removed, "log: Finished install for a", "files.readFile(" + std::string(paths::restoreState) + ")"});
     ASSERT_GE(lines.size(), expected.size());
     EXPECT_EQ(Lines(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(expected.size())), expected);
+}
+
+TEST_F(InstallQueue, AnnouncesEachInstallBeforeItBegins) {
+    constexpr int installs = 500; // of which some begin at once
+    for (int i = 0; i < installs; ++i) {
+        client()._enqueueAssetInstall(makeAsset("app" + std::to_string(i)));
+    }
+    finish();
+    std::set<std::string> announced;
+    const std::string announcement = "log: Enqueue install request for ";
+    const std::string beginning = "log: Performing install for ";
+    for (const std::string& line : journal()) {
+        if (line.starts_with(announcement)) {
+            announced.insert(line.substr(announcement.size()));
+        } else if (line.starts_with(beginning)) {
+            EXPECT_TRUE(announced.contains(line.substr(beginning.size()))) << line;
+        }
+    }
+    EXPECT_EQ(announced.size(), std::size_t{installs});
 }
 
 TEST_F(InstallQueue, DropsRetriesAndWaitingInstallsAtTeardown) {

@@ -617,6 +617,20 @@ TEST_F(InstallOutcome, RecordsASuccess) {
     EXPECT_EQ(journal(), Lines{"log: a install succeeded"} + changed("a", "DOWNLOADED", "INSTALLED") + cleaned());
 }
 
+TEST_F(InstallOutcome, LeavesNothingInTheRestoreStateHoweverItEnds) {
+    start(false);
+    const auto remember = [this](std::string_view identifier) {
+        client()._setRestoreStatePropertyValue_forKey_identifier_version("/files/app", "path", identifier, "1.0");
+    };
+    remember("a");
+    remember("b");
+    client().assetInstallSucceeded(arrived("a"));
+    EXPECT_EQ(world.files.plistAt(paths::restoreState),
+              Value(Dictionary{{"b", Dictionary{{"1.0", Dictionary{{"path", "/files/app"}}}}}}));
+    client().assetInstallFailed_withError(arrived("b"), inmemory::injectedError());
+    EXPECT_EQ(world.files.plistAt(paths::restoreState), std::nullopt);
+}
+
 TEST_F(InstallOutcome, LeavesTheRecordAfterAFailureThatMayPass) {
     start(false);
     world.errors.recoverableDomains.insert("TestDomain");
