@@ -4,7 +4,7 @@ namespace appsync {
 
 void IdentifierSet::add(std::string_view identifier) {
     const std::lock_guard lock(_mutex);
-    _members.insert(identifier, true);
+    _members.insert(identifier, {});
 }
 
 void IdentifierSet::remove(std::string_view identifier) {

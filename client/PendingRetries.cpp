@@ -11,12 +11,7 @@ PendingRetries::~PendingRetries() {
 }
 
 void PendingRetries::runAfter(std::chrono::milliseconds delay, std::function<void()> task) {
-    std::uint64_t number = 0;
-    {
-        const std::lock_guard lock(_mutex);
-        number = ++_lastNumber;
-        _tasks[number] = nullptr;
-    }
+    const std::uint64_t number = _expect();
     auto handle = _scheduler.runAfter(delay, [this, number, task = std::move(task)] {
         task();
         _forget(number);
@@ -38,6 +33,12 @@ void PendingRetries::dropAll() {
             task->cancel();
         }
     }
+}
+
+std::uint64_t PendingRetries::_expect() {
+    const std::lock_guard lock(_mutex);
+    _tasks[++_lastNumber] = nullptr;
+    return _lastNumber;
 }
 
 void PendingRetries::_forget(std::uint64_t number) {

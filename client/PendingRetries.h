@@ -28,6 +28,8 @@ class PendingRetries {
     void dropAll();
 
   private:
+    /// The number of the task that comes next.
+    std::uint64_t _expect();
     void _forget(std::uint64_t number);
 
     Scheduler& _scheduler;

@@ -4,6 +4,8 @@
 #include "client/Paths.h"
 #include "platform/PropertyListSerialization.h"
 
+#include <algorithm>
+
 namespace appsync {
 
 namespace {
@@ -18,16 +20,12 @@ Dictionary& dictionaryAt(Dictionary& parent, std::string_view key) {
     return *child->mutableDictionary();
 }
 
-/// The first record of an app in the to-do list; null when there is none.
-const Dictionary* recordOf(std::string_view identifier, const Array& toDoList, std::size_t* position) {
-    for (std::size_t i = 0; i < toDoList.size(); ++i) {
-        const Dictionary* record = toDoList[i].dictionary();
-        if (record != nullptr && record->string("identifier") == identifier) {
-            *position = i;
-            return record;
-        }
-    }
-    return nullptr;
+/// Whether an item of the to-do list is a record of that app.
+auto isRecordOf(std::string_view identifier) {
+    return [identifier](const Value& item) {
+        const Dictionary* record = item.dictionary();
+        return record != nullptr && record->string("identifier") == identifier;
+    };
 }
 
 } // namespace
@@ -121,26 +119,25 @@ void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
 
 void AppsClient::changeAssetID_toDo(std::string_view identifier, std::string_view operation) {
     const std::lock_guard lock(_toDoListMutex);
-    auto toDoList = _loadPlist_withError(paths::toDoList, nullptr);
-    std::size_t position = 0;
-    const Dictionary* record = toDoList ? recordOf(identifier, *toDoList, &position) : nullptr;
-    if (record == nullptr) {
+    Array toDoList = _loadPlist_withError(paths::toDoList, nullptr).value_or(Array{});
+    const auto item = std::ranges::find_if(toDoList, isRecordOf(identifier));
+    if (item == toDoList.end()) {
         return;
     }
-    _log.message("Changing %{public}@ from %{public}@ to %{public}@", identifier, record->find("operation"), operation);
-    (*toDoList)[position].mutableDictionary()->set("operation", operation);
+    Dictionary& record = *item->mutableDictionary();
+    _log.message("Changing %{public}@ from %{public}@ to %{public}@", identifier, record.find("operation"), operation);
+    record.set("operation", operation);
     const auto bytes =
-        _platform.propertyLists.dataWithPropertyList(std::move(*toDoList), PropertyListFormat::binary, nullptr);
+        _platform.propertyLists.dataWithPropertyList(std::move(toDoList), PropertyListFormat::binary, nullptr);
     if (bytes) {
         _platform.files.writeFileAtomically(paths::toDoList, bytes->bytes(), nullptr);
     }
 }
 
 std::optional<std::string> AppsClient::_operationStateForIdentifier(std::string_view identifier) {
-    const auto toDoList = _loadPlist_withError(paths::toDoList, nullptr);
-    std::size_t position = 0;
-    const Dictionary* record = toDoList ? recordOf(identifier, *toDoList, &position) : nullptr;
-    const auto operation = record != nullptr ? record->string("operation") : std::nullopt;
+    const Array toDoList = _loadPlist_withError(paths::toDoList, nullptr).value_or(Array{});
+    const auto item = std::ranges::find_if(toDoList, isRecordOf(identifier));
+    const auto operation = item != toDoList.end() ? item->dictionary()->string("operation") : std::nullopt;
     return operation ? std::optional<std::string>(*operation) : std::nullopt;
 }
 

@@ -1,11 +1,21 @@
 // The progress of a transfer, shown on the app's placeholder.
 #include "client/AppsClient.h"
 
+#include <algorithm>
+#include <cmath>
+
 namespace appsync {
 
 namespace {
 
 constexpr std::int64_t progressUnits = 1000;
+
+/// Not clamped, but for what no number of units can say: that becomes the nearest one, and what is no number 0.
+std::int64_t completedUnits(double fraction) {
+    constexpr double highest = 0x1.fffffffffffffp62;
+    const double units = fraction * static_cast<double>(progressUnits);
+    return std::isnan(units) ? 0 : static_cast<std::int64_t>(std::clamp(units, -0x1p63, highest));
+}
 
 } // namespace
 
@@ -20,7 +30,7 @@ void AppsClient::assetTransfer_updatedProgress(const QRAssetPtr& asset, double f
         if (progress->totalUnitCount() != progressUnits) {
             progress->setTotalUnitCount(progressUnits);
         }
-        progress->setCompletedUnitCount(static_cast<std::int64_t>(fraction * static_cast<double>(progressUnits)));
+        progress->setCompletedUnitCount(completedUnits(fraction));
     }
     _outstandingRFXTransfers.add(identifier);
 }

@@ -129,7 +129,7 @@ void AppsClient::_createPlaceHolderApplication(const QRAssetPtr& asset) {
         installed ? "Installed placeholder" : "Failed to install placeholder");
 }
 
-/// The placeholder's Info dictionary; without a version it has no version entry.
+/// The placeholder's Info dictionary, for an asset with a name; without a version it has no version entry.
 Dictionary AppsClient::_placeholderInfo(const QRAsset& asset, const Dictionary& appInfo) {
     const Value* wendral = appInfo.find("UIWendralApp");
     Dictionary info;
@@ -137,8 +137,8 @@ Dictionary AppsClient::_placeholderInfo(const QRAsset& asset, const Dictionary& 
     if (const auto version = asset.version()) {
         info.set("BXBundleVersion", *version);
     }
-    info.set("BXBundleExecutable", asset.prettyName.value_or(""));
-    info.set("BXBundleDisplayName", asset.prettyName.value_or(""));
+    info.set("BXBundleExecutable", *asset.prettyName);
+    info.set("BXBundleDisplayName", *asset.prettyName);
     info.set("BXBundleIconFile", "Icon.png");
     info.set("UIWendralApp", wendral != nullptr ? *wendral : Value(false));
     info.set("PDApplicationLaunchProhibited", appInfo.truth("PDApplicationLaunchProhibited"));

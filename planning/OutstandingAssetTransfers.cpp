@@ -72,12 +72,11 @@ void AppsClient::_addRequestedApps(const Array& toDoList, Dictionary& wanted,
             _log.message("Ignoring invalid path: %{public}@", record->find("identifier"));
             continue;
         }
+        requestedByClient.emplace(*identifier);
         if (wanted.contains(*identifier)) {
-            requestedByClient.emplace(*identifier);
             _log.message("%{public}@ already has a placeholder - skipping", *identifier);
         } else {
             wanted.set(*identifier, candidate::fromToDoRecord(*identifier, *record));
-            requestedByClient.emplace(*identifier);
         }
     }
 }

@@ -108,10 +108,13 @@ TEST_F(ClientObject, SaysAtTeardownWhichTransfersAreOutstanding) {
     start(false);
     client().assetTransfer_updatedProgress(makeAsset("a"), 0.5);
     client().assetTransfer_updatedProgress(makeAsset("b"), 0.5);
+    world.screen.assertionAnswers = {SKSTerminationAssertionDenied};
+    client()._performAssetInstall(makeAsset("c")); // to be tried again
     journal();
     stop();
-    EXPECT_EQ(journal(), (Lines{"error: <AppsClient> getting dealloc'd with 2 outstanding RFX transfers!",
-                                "registry.removeObserver()", "center.removeObserver(" + startupComplete + ")"}));
+    EXPECT_EQ(journal(),
+              (Lines{"scheduler.cancel()", "error: <AppsClient> getting dealloc'd with 2 outstanding RFX transfers!",
+                     "registry.removeObserver()", "center.removeObserver(" + startupComplete + ")"}));
 }
 
 TEST_F(ClientObject, HandlesTheOneDataClass) {

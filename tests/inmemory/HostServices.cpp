@@ -102,8 +102,10 @@ bool ErrorClassification::QRIsRecoverableError(const ErrorPtr& error) noexcept {
 
 class Clock::Task final : public ScheduledTask {
   public:
-    Task(std::chrono::milliseconds time, std::function<void()> work) : due(time), _work(std::move(work)) {}
+    Task(Context& context, std::chrono::milliseconds time, std::function<void()> work)
+        : due(time), _context(context), _work(std::move(work)) {}
     bool cancel() noexcept override {
+        _context.call("scheduler.cancel", "");
         std::function<void()> dropped;
         std::unique_lock lock(_mutex);
         if (_state == State::waiting) {
@@ -135,6 +137,7 @@ class Clock::Task final : public ScheduledTask {
 
   private:
     enum class State { waiting, running, ended, cancelled };
+    Context& _context;
     std::mutex _mutex;
     std::condition_variable _hasEnded;
     State _state = State::waiting;
@@ -145,7 +148,7 @@ class Clock::Task final : public ScheduledTask {
 std::shared_ptr<ScheduledTask> Clock::runAfter(std::chrono::milliseconds delay, std::function<void()> task) noexcept {
     _context.call("scheduler.runAfter", std::to_string(delay.count()) + " ms");
     const std::lock_guard lock(_mutex);
-    _tasks.push_back(std::make_shared<Task>(_now + delay, std::move(task)));
+    _tasks.push_back(std::make_shared<Task>(_context, _now + delay, std::move(task)));
     return _tasks.back();
 }
 

@@ -135,14 +135,16 @@ def main():
     builds = {name: trial.Build(ROOT, ROOT / 'build' / name, patience) for name, patience in trial.PATIENCE.items()}
     everything = all_places(builds['mutate'])
     known = reasons()
-    for key in known.keys() - {place.key() for place in everything}:
-        raise SystemExit(f'mutate: unobservable.txt gives a reason for what is not there any more; take it out: {key}')
     found = [place for place in everything if options.only in str(place)]
     seed = options.seed if options.seed is not None else random.SystemRandom().randrange(1 << 32)
     if options.list:
         for place in found:
             print(place.key())
         return 0
+    stale = known.keys() - {place.key() for place in everything}
+    if stale:
+        raise SystemExit('mutate: unobservable.txt gives reasons for what is not there any more; take them out:\n' +
+                         '\n'.join(sorted(stale)))
     print(f'seed {seed}: {options.count} of {len(found)} places', flush=True)
     begin = time.monotonic()
     run = Run(options, builds, chosen(found, seed))

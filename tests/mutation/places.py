@@ -142,7 +142,8 @@ class Finder:
             file = target.location.file.name
             alike = [c for c in target.semantic_parent.get_children()
                      if c.kind == target.kind and c.type.spelling == target.type.spelling and
-                     c.location.file is not None and c.location.file.name == file]
+                     c.location.file is not None and c.location.file.name == file and
+                     (c.kind != Kind.ENUM_CONSTANT_DECL or c.get_usr() == key or c.enum_value != target.enum_value)]
             names = [c.spelling for c in alike]
             at = names.index(target.spelling) if target.spelling in names else 0
             following = names[(at + 1) % len(names)] if len(names) > 1 else None
@@ -205,11 +206,16 @@ class Finder:
         source = self._source(statement)
         if statement.kind in (Kind.RETURN_STMT, Kind.BREAK_STMT) or LABEL.match(source) or '.reserve(' in source.split(';')[0]:
             return False
+        if statement.kind == Kind.DECL_STMT and re.search(r'= \[', source):
+            return False  # a lambda does nothing yet
         return statement.kind != Kind.DECL_STMT or bool(re.search(r'_platform\.|_workspace\(|_log\.|\b_[a-z]\w*\(', source))
 
     def _commute(self, first, second):
-        """One of them only fills a local container that the other does not mention."""
+        """One of them only fills a local container that the other does not mention, or both set fields of one value."""
         sources = [self._source(first), self._source(second)]
+        fields = [re.match(r'([a-z]\w*)\.set(\w*\("?\w*)', source) for source in sources]
+        if all(fields) and fields[0].group(1) == fields[1].group(1) and fields[0].group(2) != fields[1].group(2):
+            return not any(re.search(r'\b_[a-z]\w*[.(]', source) for source in sources)
         for one, other in (sources, reversed(sources)):
             filled = re.match(r'([a-z]\w*)(\.|->)(push_back|emplace_back|set|insert|emplace|reserve)\(', one)
             if filled and not re.search(rf'\b{filled.group(1)}\b', other):
@@ -245,7 +251,7 @@ class Finder:
         kind = argument.type.get_canonical().kind
         name = argument.type.get_canonical().spelling
         if argument.kind in (Kind.STRING_LITERAL, Kind.LAMBDA_EXPR, Kind.INTEGER_LITERAL, Kind.CXX_BOOL_LITERAL_EXPR,
-                             Kind.CXX_NULL_PTR_LITERAL_EXPR) or re.match(r'["\[\d]|std::move|true$|false$|nullptr$', source):
+                             Kind.CXX_NULL_PTR_LITERAL_EXPR) or re.match(r'["\[\d]|std::move|true$|false$|nullptr$|std::nullopt$', source):
             return
         if kind == TypeKind.BOOL:
             new = f'!({source})'

@@ -1,6 +1,9 @@
 // The progress of a transfer.
 #include "tests/inmemory/ClientTest.h"
 
+#include <cstdint>
+#include <limits>
+
 namespace appsync {
 namespace {
 
@@ -44,6 +47,22 @@ TEST_F(TransferProgress, TruncatesAndDoesNotClamp) {
         double fraction;
         std::int64_t units;
     } cases[] = {{0, 0}, {0.0019, 1}, {0.9999, 999}, {1.0, 1000}, {1.2, 1200}, {-0.0015, -1}};
+    for (const auto& [fraction, units] : cases) {
+        client().assetTransfer_updatedProgress(makeAsset("a"), fraction);
+        EXPECT_EQ(progress->completed, units);
+    }
+}
+
+TEST_F(TransferProgress, StaysWithWhatCanBeCounted) {
+    start(false);
+    const auto progress = addProgress();
+    const struct {
+        double fraction;
+        std::int64_t units;
+    } cases[] = {{1e300, 9'223'372'036'854'774'784},
+                 {-1e300, std::numeric_limits<std::int64_t>::min()},
+                 {std::numeric_limits<double>::infinity(), 9'223'372'036'854'774'784},
+                 {std::numeric_limits<double>::quiet_NaN(), 0}};
     for (const auto& [fraction, units] : cases) {
         client().assetTransfer_updatedProgress(makeAsset("a"), fraction);
         EXPECT_EQ(progress->completed, units);
