@@ -37,7 +37,8 @@ class Place:
 
     def key(self):
         """Stays the same when lines move."""
-        return ' | '.join([self.file, self.function, self.kind, _one_line(self.old), _one_line(self.new)])
+        return ' | '.join([self.file, self.function, self.kind, _one_line(self.context), _one_line(self.old),
+                           _one_line(self.new)])
 
     def __str__(self):
         return f'{self.file}:{self.line}: {self.kind} in {self.function}: {_one_line(self.old)} -> ' \
