@@ -331,7 +331,8 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
                                       const Dictionary& metadata, const std::optional<Data>& sinfData);
     void _cancelRestore(const RestorePreparation& app);
 
-    [[nodiscard]] static Dictionary _placeholderInfo(const QRAsset& asset, const Dictionary& appInfo);
+    [[nodiscard]] static Dictionary _placeholderInfo(const QRAsset& asset, std::string_view prettyName,
+                                                     const Dictionary& appInfo);
     bool _writeInfoPlist(const Dictionary& info, std::string_view bundlePath);
     bool _installPlaceholder(std::string_view bundlePath, const Dictionary& info, const Dictionary& options);
     [[nodiscard]] std::optional<Dictionary> _loadRestoreInfo();

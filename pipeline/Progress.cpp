@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::int64_t progressUnits = 1000;
 
-/// Not clamped, but for what no number of units can say: that becomes the nearest one, and what is no number 0.
+/// Not clamped, but for what no count can hold: that becomes the nearest real number, and what is no number 0.
 std::int64_t completedUnits(double fraction) {
     constexpr double highest = 0x1.fffffffffffffp62;
     const double units = fraction * static_cast<double>(progressUnits);

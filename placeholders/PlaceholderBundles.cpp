@@ -115,7 +115,7 @@ void AppsClient::_createPlaceHolderApplication(const QRAssetPtr& asset) {
                        destination, error);
         }
     }
-    const Dictionary info = _placeholderInfo(*asset, appInfo);
+    const Dictionary info = _placeholderInfo(*asset, prettyName, appInfo);
     if (!_writeInfoPlist(info, bundlePath)) {
         return;
     }
@@ -129,16 +129,16 @@ void AppsClient::_createPlaceHolderApplication(const QRAssetPtr& asset) {
         installed ? "Installed placeholder" : "Failed to install placeholder");
 }
 
-/// The placeholder's Info dictionary, for an asset with a name; without a version it has no version entry.
-Dictionary AppsClient::_placeholderInfo(const QRAsset& asset, const Dictionary& appInfo) {
+/// The placeholder's Info dictionary; without a version it has no version entry.
+Dictionary AppsClient::_placeholderInfo(const QRAsset& asset, std::string_view prettyName, const Dictionary& appInfo) {
     const Value* wendral = appInfo.find("UIWendralApp");
     Dictionary info;
     info.set("BXBundleIdentifier", asset.identifier);
     if (const auto version = asset.version()) {
         info.set("BXBundleVersion", *version);
     }
-    info.set("BXBundleExecutable", *asset.prettyName);
-    info.set("BXBundleDisplayName", *asset.prettyName);
+    info.set("BXBundleExecutable", prettyName);
+    info.set("BXBundleDisplayName", prettyName);
     info.set("BXBundleIconFile", "Icon.png");
     info.set("UIWendralApp", wendral != nullptr ? *wendral : Value(false));
     info.set("PDApplicationLaunchProhibited", appInfo.truth("PDApplicationLaunchProhibited"));

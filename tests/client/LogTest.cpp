@@ -37,13 +37,13 @@ class Sink final : public HostLog {
     std::vector<Message> messages;
 };
 
-template <std::size_t size> struct Text {
-    constexpr Text(const char (&literal)[size]) { std::ranges::copy(literal, text); }
+template <std::size_t size> struct Literal {
+    constexpr Literal(const char (&literal)[size]) { std::ranges::copy(literal, text); }
     char text[size];
 };
 
 /// Whether a message of that format is built for these arguments.
-template <Text format, class... Arguments>
+template <Literal format, class... Arguments>
 concept Fits = requires {
     typename std::bool_constant<(LogFormat<Arguments...>(format.text), true)>;
 };
@@ -66,7 +66,7 @@ static_assert(!Fits<"%lu", bool>);
 static_assert(!Fits<"%ld", unsigned>);
 static_assert(!Fits<"%ld", double>);
 static_assert(!Fits<"%f", int>);
-static_assert(!Fits<"%{public}@", Text<1>>);
+static_assert(!Fits<"%{public}@", Literal<1>>);
 
 class PlugInMessages : public testing::Test {
   protected:

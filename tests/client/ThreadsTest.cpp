@@ -115,7 +115,9 @@ TEST_F(Threads, RememberUninstalledAppsWhileASyncEnds) {
     // The other inventory comes in the midst of the end, again without putting the threads in order.
     std::atomic<bool> isClearing = false;
     std::atomic<bool> isTaken = false;
+    bool wasInTheMidst = false;
     world.journal.whenAdded("tevrin.clearUninstalled", [&] {
+        wasInTheMidst = true;
         isClearing.store(true, std::memory_order_relaxed);
         waitFor(isTaken);
     });
@@ -125,7 +127,9 @@ TEST_F(Threads, RememberUninstalledAppsWhileASyncEnds) {
         isTaken.store(true, std::memory_order_relaxed);
     });
     client().syncEndedWithSuccess(true);
+    isClearing.store(true, std::memory_order_relaxed);
     inventory.join();
+    EXPECT_TRUE(wasInTheMidst);
     EXPECT_EQ(world.lowLevelInstaller.uninstalled, Dictionary{});
 }
 

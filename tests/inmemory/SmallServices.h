@@ -120,6 +120,7 @@ class LowLevelInstaller final : public TevrinInstallationService {
     explicit LowLevelInstaller(Context& context) : _context(context) {}
     std::optional<Dictionary> TevrinLookupUninstalled(const Dictionary* options) noexcept override {
         _context.call("tevrin.lookupUninstalled", options == nullptr ? "no options" : "options");
+        const std::lock_guard lock(_mutex);
         return uninstalled;
     }
     int TevrinClearUninstalled(const Array& bundleIdentifiers, const Dictionary* options) noexcept override {
@@ -129,6 +130,7 @@ class LowLevelInstaller final : public TevrinInstallationService {
         if (fault != nullptr) {
             return static_cast<int>(fault->code());
         }
+        const std::lock_guard lock(_mutex);
         for (const Value& identifier : bundleIdentifiers) {
             if (uninstalled && identifier.string()) {
                 uninstalled->erase(*identifier.string());
@@ -142,6 +144,7 @@ class LowLevelInstaller final : public TevrinInstallationService {
 
   private:
     Context& _context;
+    std::mutex _mutex; // around `uninstalled` during calls
 };
 
 } // namespace appsync::inmemory

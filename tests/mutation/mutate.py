@@ -33,11 +33,11 @@ def arguments():
     return parser.parse_args()
 
 
-def all_places(build):
+def all_places(build, jobs):
     met = {source: [source] for source in build.sources()}
     for header in build.headers():
         met[min(build.dependencies[header])].append(header)
-    with concurrent.futures.ProcessPoolExecutor() as pool:
+    with concurrent.futures.ProcessPoolExecutor(jobs) as pool:
         found = [pool.submit(places.find, ROOT, source, files, build.flags(source)) for source, files in met.items()]
         return [place for each in found for place in each.result()]
 
@@ -133,7 +133,7 @@ def report(run, known, seed, seconds):
 def main():
     options = arguments()
     builds = {name: trial.Build(ROOT, ROOT / 'build' / name, patience) for name, patience in trial.PATIENCE.items()}
-    everything = all_places(builds['mutate'])
+    everything = all_places(builds['mutate'], options.jobs)
     known = reasons()
     found = [place for place in everything if options.only in str(place)]
     seed = options.seed if options.seed is not None else random.SystemRandom().randrange(1 << 32)
@@ -147,6 +147,9 @@ def main():
                          '\n'.join(sorted(stale)))
     print(f'seed {seed}: {options.count} of {len(found)} places', flush=True)
     begin = time.monotonic()
+    for name, build in builds.items():
+        if any((place.kind == 'lock') == (name == 'tsan') for place in found):
+            trial.Trial(build, build.folder / 'mutate' / 'unchanged').check_unchanged()
     run = Run(options, builds, chosen(found, seed))
     workers = [threading.Thread(target=run.work, args=(number,)) for number in range(options.jobs)]
     for worker in workers:

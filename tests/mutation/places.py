@@ -10,7 +10,8 @@ A place is a span of a file and what to write there instead. Kinds:
   argument   an argument exchanged with its neighbour, or replaced
   lock       a lock that is not taken
 """
-from dataclasses import dataclass
+from collections import Counter
+from dataclasses import dataclass, replace
 import re
 
 from clang.cindex import CursorKind as Kind, Index, TypeKind
@@ -34,11 +35,12 @@ class Place:
     line: int
     function: str
     context: str  # the line that it begins in
+    number: int = 1  # of those that would have the same key
 
     def key(self):
         """Stays the same when lines move."""
         return ' | '.join([self.file, self.function, self.kind, _one_line(self.context), _one_line(self.old),
-                           _one_line(self.new)])
+                           _one_line(self.new)]) + (f' #{self.number}' if self.number > 1 else '')
 
     def __str__(self):
         return f'{self.file}:{self.line}: {self.kind} in {self.function}: {_one_line(self.old)} -> ' \
@@ -207,14 +209,15 @@ class Finder:
         source = self._source(statement)
         if statement.kind in (Kind.RETURN_STMT, Kind.BREAK_STMT) or LABEL.match(source) or '.reserve(' in source.split(';')[0]:
             return False
-        if statement.kind == Kind.DECL_STMT and re.search(r'= \[', source):
+        if statement.kind == Kind.DECL_STMT and re.match(r'[^(=]*= \[', source) and \
+                re.search(r'\};?$', source):
             return False  # a lambda does nothing yet
         return statement.kind != Kind.DECL_STMT or bool(re.search(r'_platform\.|_workspace\(|_log\.|\b_[a-z]\w*\(', source))
 
     def _commute(self, first, second):
         """One of them only fills a local container that the other does not mention, or both set fields of one value."""
         sources = [self._source(first), self._source(second)]
-        fields = [re.match(r'([a-z]\w*)\.set(\w*\("?\w*)', source) for source in sources]
+        fields = [re.match(r'([a-z]\w*)\.set([A-Z]\w*)\(', source) for source in sources]
         if all(fields) and fields[0].group(1) == fields[1].group(1) and fields[0].group(2) != fields[1].group(2):
             return not any(re.search(r'\b_[a-z]\w*[.(]', source) for source in sources)
         for one, other in (sources, reversed(sources)):
@@ -284,4 +287,9 @@ def find(root, through, files, flags):
     for file in files:
         for place in Finder(root, file, unit).places:
             seen.setdefault((place.file, place.begin, place.end, place.new), place)
-    return list(seen.values())
+    numbers = Counter()
+    numbered = []
+    for place in sorted(seen.values(), key=lambda p: (p.file, p.begin)):
+        numbers[place.key()] += 1
+        numbered.append(replace(place, number=numbers[place.key()]))
+    return numbered

@@ -40,7 +40,8 @@ class Build:
             command = [word for word in shlex.split(entry['command']) if word != '-Werror']
             if 'appsync_plugin.dir' in entry['command']:
                 self.commands[os.path.relpath(entry['file'], root)] = command
-            elif found := re.search(r' -o (tests/(\w+)/CMakeFiles/\2_test\.dir/\S+)', entry['command']):
+            elif (found := re.search(r' -o (tests/(\w+)/CMakeFiles/\2_test\.dir/\S+)', entry['command'])) and \
+                    found.group(2) in TESTS:
                 self.units[found.group(1)] = Unit(found.group(2), entry['file'], command)
         self.dependencies = self._dependencies()
         self.links = {test: self._link(test) for test in TESTS}
@@ -84,6 +85,18 @@ class Trial:
     def __init__(self, build, folder):
         self.build, self.folder = build, folder
         (folder / 'include').mkdir(parents=True, exist_ok=True)
+
+    def check_unchanged(self):
+        """Stops when a test fails without any change: then everything would count as noticed."""
+        for test in TESTS:
+            noticed = self._ask(test, [], {})
+            if noticed is not None:
+                raise SystemExit(f'mutate: {noticed} fails in {self.build.folder} although nothing is changed')
+        for built, unit in self.build.units.items():
+            if any(unit.names(header) for header in self.build.headers()):
+                noticed = self._ask(unit.test, [], {built: self._compile(unit.command, unit.source, built, [])})
+                if noticed is not None:
+                    raise SystemExit(f'mutate: {noticed} fails when it is compiled anew, although nothing is changed')
 
     def run(self, place):
         """The name of the test that noticed the change, or null."""
@@ -152,6 +165,7 @@ class Trial:
     def _ask(self, test, objects, instead):
         """The name of the test that fails with these objects of the plug-in, and some of the tests' own exchanged."""
         program = self.folder / f'{test}_test'
+        assert instead.keys() <= set(self.build.links[test])
         words = [instead.get(word, word) for word in self.build.links[test]]
         words[words.index('-o') + 1] = str(program)
         # In front of everything else, so that changed inline functions win too.

@@ -170,10 +170,13 @@ TEST_F(InstallQueue, RunsAQueuedInstallFromItsFirstToItsLastStep) {
 TEST_F(InstallQueue, AnnouncesEachInstallBeforeItBegins) {
     constexpr int installs = 500; // of which some begin at once
     for (int i = 0; i < installs; ++i) {
-        client()._enqueueAssetInstall(makeAsset("app" + std::to_string(i)));
+        const auto each = makeAsset("app" + std::to_string(i));
+        each->path = "/staged/app" + std::to_string(i);
+        client()._enqueueAssetInstall(each);
     }
     finish();
     std::set<std::string> announced;
+    int begun = 0;
     const std::string announcement = "log: Enqueue install request for ";
     const std::string beginning = "log: Performing install for ";
     for (const std::string& line : journal()) {
@@ -181,9 +184,11 @@ TEST_F(InstallQueue, AnnouncesEachInstallBeforeItBegins) {
             announced.insert(line.substr(announcement.size()));
         } else if (line.starts_with(beginning)) {
             EXPECT_TRUE(announced.contains(line.substr(beginning.size()))) << line;
+            ++begun;
         }
     }
     EXPECT_EQ(announced.size(), std::size_t{installs});
+    EXPECT_EQ(begun, installs);
 }
 
 TEST_F(InstallQueue, DropsRetriesAndWaitingInstallsAtTeardown) {
