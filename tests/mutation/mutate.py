@@ -116,7 +116,7 @@ class Run:
                     print(f'noticed   {place} by {noticed}', flush=True)
 
 
-def report(run, known, seed, seconds):
+def report(run, known, seed, seconds, operations):
     tried, noticed = sum(run.tried.values()), sum(run.noticed.values())
     print(f'\n{"kind":<10} {"noticed":>7} {"tried":>6}')
     for kind in sorted(run.tried):
@@ -125,8 +125,8 @@ def report(run, known, seed, seconds):
     for place in sorted(run.survivors, key=lambda p: (p.file, p.line)):
         print(f'unnoticed: {place}\n           {known.get(place.key(), "no reason is known")}')
     print(f'seed {seed}: {noticed} of {tried} changes noticed ({100 * noticed / max(tried, 1):.1f} %), in '
-          f'{len(run.operations)} operations; {len(run.survivors) - len(unexplained)} of the others are explained; '
-          f'{run.refused} more did not compile; {seconds:.0f} s')
+          f'{len(run.operations)} of {operations} operations; {len(run.survivors) - len(unexplained)} of the others '
+          f'are explained; {run.refused} more did not compile; {seconds:.0f} s')
     return 0 if tried and 100 * noticed >= run.options.goal * tried and not unexplained else 1
 
 
@@ -158,7 +158,7 @@ def main():
         worker.join()
     if not run.failures.empty():
         raise run.failures.get()
-    return report(run, known, seed, time.monotonic() - begin)
+    return report(run, known, seed, time.monotonic() - begin, len({(place.file, place.function) for place in found}))
 
 
 if __name__ == '__main__':
