@@ -4,8 +4,10 @@
 #include "device/root/Root.h"
 #include "device/root/Syscalls.h"
 
-#include <sys/file.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <ctime>
@@ -32,14 +34,29 @@ bool isFileName(std::string_view identifier) {
            identifier.find('\0') == std::string_view::npos;
 }
 
+/// The lock is the open file's: children that inherit it hold it, too.
+bool askForLock(int record, int command, struct flock& lock) {
+    lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET; // from the beginning, of any length
+    return ::fcntl(record, command, &lock) == 0;
+}
+
 bool takeLock(int record) {
-    return ::flock(record, LOCK_EX | LOCK_NB) == 0;
+    struct flock lock {};
+    return askForLock(record, F_OFD_SETLK, lock);
+}
+
+/// Whether another open file holds the lock. It is not taken for that, or one who looks would pass for the app.
+bool isLocked(int record) {
+    struct flock lock {};
+    return askForLock(record, F_OFD_GETLK, lock) && lock.l_type != F_UNLCK;
 }
 
 /// Waits until no process holds the record any more. The system's own wait for a lock knows no time-out.
-bool waitForLock(int record, std::chrono::milliseconds longest) {
+bool waitUntilFree(int record, std::chrono::milliseconds longest) {
     constexpr timespec pause{0, 2'000'000};
-    for (const auto deadline = Clock::now() + longest; !takeLock(record);) {
+    for (const auto deadline = Clock::now() + longest; isLocked(record);) {
         if (Clock::now() >= deadline) {
             return false;
         }
@@ -57,10 +74,6 @@ ErrorPtr processError(ProcessError code, std::string_view identifier, const std:
 
 Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     const std::string& identifier = request.identifier;
-    if (_isHeld(identifier)) {
-        return processError(ProcessError::beingReplaced, identifier,
-                            "it is being replaced; try again when that is done");
-    }
     ErrorPtr error;
     if (!_root.files().createDirectory(RunFolder, true, std::nullopt, &error)) {
         return error;
@@ -71,6 +84,15 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     }
     if (!takeLock(record.get())) {
         return processError(ProcessError::runsAlready, identifier, "it runs already");
+    }
+    // Asked for with the lock in hand: who holds the app now has seen the lock, or will not look for it any more.
+    if (_isHeld(identifier)) {
+        return processError(ProcessError::beingReplaced, identifier,
+                            "it is being replaced; try again when that is done");
+    }
+    // The number of a process that has ended may be another's by now.
+    if (::ftruncate(record.get(), 0) != 0) {
+        return processError(ProcessError::cannotBeStarted, identifier, "its record: " + systemText(errno));
     }
     if (error = _setBusy(identifier, request.busy); error) {
         return error;
@@ -89,21 +111,33 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
 }
 
 bool ProcessTable::isRunning(std::string_view identifier) {
-    const Descriptor record = isFileName(identifier) ? _openRecord(identifier, O_RDWR) : Descriptor();
-    return record.isOpen() && !takeLock(record.get());
+    const Descriptor record = isFileName(identifier) ? _openRecord(identifier, O_RDONLY) : Descriptor();
+    return record.isOpen() && isLocked(record.get());
 }
 
 RunningApps::Answer ProcessTable::endAndHold(std::string_view identifier) noexcept {
-    const Descriptor record = isFileName(identifier) ? _openRecord(identifier, O_RDWR) : Descriptor();
-    if (!record.isOpen() || takeLock(record.get())) {
+    const Descriptor record = isFileName(identifier) ? _openRecord(identifier, O_RDONLY) : Descriptor();
+    if (!record.isOpen()) {
         return Answer::notRunning;
     }
-    if (_root.files().fileExists(busyPath(identifier)) || !_end(record.get())) {
-        return Answer::busy;
+    _hold(identifier); // before the look, so that the app cannot be launched after it
+    const Answer answer = _endIfIdle(identifier, record.get());
+    if (answer != Answer::ended) {
+        letGo(identifier);
     }
+    return answer;
+}
+
+RunningApps::Answer ProcessTable::_endIfIdle(std::string_view identifier, int record) {
+    if (!isLocked(record)) {
+        return Answer::notRunning;
+    }
+    return !_root.files().fileExists(busyPath(identifier)) && _end(record) ? Answer::ended : Answer::busy;
+}
+
+void ProcessTable::_hold(std::string_view identifier) {
     const std::lock_guard lock(_mutex);
     _held.emplace(identifier);
-    return Answer::ended;
 }
 
 void ProcessTable::letGo(std::string_view identifier) noexcept {
@@ -131,11 +165,11 @@ bool ProcessTable::_end(int record) const {
         return false;
     }
     ::kill(-group, SIGTERM);
-    if (waitForLock(record, _grace)) {
+    if (waitUntilFree(record, _grace)) {
         return true;
     }
     ::kill(-group, SIGKILL);
-    return waitForLock(record, _grace);
+    return waitUntilFree(record, _grace);
 }
 
 bool ProcessTable::_isHeld(const std::string& identifier) {

@@ -59,6 +59,8 @@ class ProcessTable final : public RunningApps {
   private:
     [[nodiscard]] Descriptor _openRecord(std::string_view identifier, int flags);
     [[nodiscard]] bool _end(int record) const;
+    [[nodiscard]] Answer _endIfIdle(std::string_view identifier, int record);
+    void _hold(std::string_view identifier);
     [[nodiscard]] bool _isHeld(const std::string& identifier);
     [[nodiscard]] ErrorPtr _setBusy(const std::string& identifier, bool busy);
 

@@ -6,8 +6,10 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <csignal>
 #include <thread>
+#include <vector>
 
 namespace appsync::device {
 namespace {
@@ -97,6 +99,54 @@ TEST_F(ProcessTableTest, AnAppEndsWhenItIsAskedAndIsNotStartedBeforeItIsLetGo) {
     EXPECT_TRUE(isError(refused.error(), ProcessErrorDomain, ProcessError::beingReplaced));
     table.letGo("a");
     EXPECT_EQ(start(table, Obedient), "ready");
+}
+
+TEST_F(ProcessTableTest, AnAppIsNotStartedBetweenItsEndAndItsHold) {
+    ProcessTable table(*root);
+    const std::string program = script(Obedient);
+    for (int round = 0; round < 20; ++round) {
+        start(table, Obedient);
+        // Tries over and over, so that some try is under way when the app ends.
+        ErrorPtr refusal;
+        std::thread impatient([&] {
+            do {
+                refusal = launch(table, program).error();
+            } while (isError(refusal, ProcessErrorDomain, ProcessError::runsAlready));
+        });
+        EXPECT_EQ(table.endAndHold("a"), Answer::ended);
+        impatient.join();
+        ASSERT_TRUE(isError(refusal, ProcessErrorDomain, ProcessError::beingReplaced)) << errorText(refusal);
+        ASSERT_FALSE(table.isRunning("a"));
+        table.letGo("a");
+    }
+}
+
+TEST_F(ProcessTableTest, LookingAtAnAppThatHasEndedDoesNotMakeItRun) {
+    ProcessTable table(*root);
+    start(table, Obedient);
+    ASSERT_EQ(table.endAndHold("a"), Answer::ended);
+    table.letGo("a");
+    std::atomic<int> running = 0;
+    std::vector<std::jthread> onlookers;
+    for (int onlooker = 0; onlooker < 4; ++onlooker) {
+        onlookers.emplace_back([&] {
+            for (int look = 0; look < 5'000; ++look) {
+                running += table.isRunning("a") ? 1 : 0;
+            }
+        });
+    }
+    onlookers.clear();
+    EXPECT_EQ(running, 0);
+}
+
+TEST_F(ProcessTableTest, ANumberThatAnEarlierProcessLeftIsForgotten) {
+    ProcessTable table(*root);
+    start(table, Obedient);
+    ASSERT_EQ(table.endAndHold("a"), Answer::ended);
+    table.letGo("a");
+    fs::create_directory(busyFile()); // so that it fails before there is a process with a number of its own
+    EXPECT_FALSE(launch(table, script(Obedient), true));
+    EXPECT_EQ(fs::file_size(folder / "device/var/run/apps/a.run"), 0U);
 }
 
 TEST_F(ProcessTableTest, HoldsAddUp) {
