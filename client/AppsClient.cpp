@@ -23,7 +23,7 @@ std::unique_ptr<AppsClient> AppsClient::init(const Platform& platform) {
     return std::unique_ptr<AppsClient>(new (std::nothrow) AppsClient(platform));
 }
 
-AppsClient::AppsClient(const Platform& platform)
+AppsClient::AppsClient(const Platform& platform) noexcept
     : _platform(platform), _log(platform.log), _pendingRetries(platform.scheduler),
       _installOperationQueue(concurrentInstalls), _backupManager(platform.backupManagers.init()),
       _accessQueue(std::string(plugInIdentifier)) {

@@ -265,7 +265,8 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     [[nodiscard]] Array _orderTheItems(Dictionary& items);
 
   private:
-    explicit AppsClient(const Platform& platform);
+    /// Where memory runs out the process ends, or services would go on calling a client that is gone.
+    explicit AppsClient(const Platform& platform) noexcept;
 
     [[nodiscard]] bool _runsInDaemon();
     [[nodiscard]] PDApplicationWorkspace& _workspace() const;

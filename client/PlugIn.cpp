@@ -5,9 +5,5 @@
 
 extern "C" __attribute__((visibility("default"))) appsync::QRClient*
 QRCreateClient(const appsync::Platform& platform) noexcept {
-    try {
-        return appsync::AppsClient::init(platform).release();
-    } catch (...) {
-        return nullptr; // there was no memory for a client
-    }
+    return appsync::AppsClient::init(platform).release();
 }
