@@ -144,8 +144,11 @@ class PDApplicationWorkspace {
     virtual bool installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
                                                       ErrorPtr* error) noexcept = 0;
     virtual bool installApplication_withOptions(const FileURL& url, const Dictionary& options) noexcept = 0;
-    /// Removes the app's placeholder if it has one, otherwise the app: what is installed is not lost because an update
-    /// failed. With `PDUninstallPlaceholdersOnlyKey` the app is never removed. False when nothing was there to remove.
+    /// Takes an install back, or removes an app. An install is under way from the moment that its placeholder or its
+    /// archive is handed over, or its progress object is asked for, until it has succeeded or was taken back here.
+    /// While one is, only the app's placeholder goes: what is installed is not lost because an update failed, whether
+    /// or not that update ever had a placeholder. Otherwise the placeholder goes if there is one, else the app. With
+    /// `PDUninstallPlaceholdersOnlyKey` the app is never removed. False when there was nothing to remove.
     virtual bool uninstallApplication_withOptions(std::string_view bundleIdentifier,
                                                   const Dictionary* options) noexcept = 0;
     /// The progress object of an app's install, made when there is none yet; null for an app that is not a placeholder

@@ -110,7 +110,7 @@ Result<void> CoordinatorEngine::attachPlaceholder(const CoordinatorStatePtr& sta
                                                                            placeholder->bundleID);
     }
     if (placeholder->isCancelled || placeholder->isAttached ||
-        (placeholder->icon && placeholder->icon->isCancelled())) {
+        (placeholder->facts.icon && placeholder->facts.icon->isCancelled())) {
         return makeCoordinatorError(CoordinatorError::alreadySet,
                                     "the placeholder for " + state->bundleID + " is in use already, or was cancelled");
     }
@@ -121,32 +121,36 @@ Result<void> CoordinatorEngine::attachPlaceholder(const CoordinatorStatePtr& sta
     }
     placeholder->isAttached = true;
     placeholder->owner = state;
-    if (placeholder->icon) {
-        placeholder->icon->setOwner(state);
+    if (placeholder->facts.icon) {
+        placeholder->facts.icon->setOwner(state);
     }
     _advance(state);
     return {};
 }
 
 Result<void> CoordinatorEngine::changePlaceholder(const PlaceholderPtr& placeholder,
-                                                  const std::function<Result<void>(PlaceholderState&)>& change) {
+                                                  const std::function<Result<void>(PlaceholderFacts&)>& change) {
     const std::lock_guard lock(_mutex);
     const auto owner = placeholder->owner.lock();
-    if (placeholder->isConfigured || placeholder->isCancelled || (owner && !_checkOpen(*owner))) {
+    if (placeholder->facts.isConfigured || placeholder->isCancelled || (owner && !_checkOpen(*owner))) {
         return endedPlaceholder(*placeholder);
     }
-    PlaceholderState before = *placeholder;
-    auto changed = change(*placeholder);
+    PlaceholderFacts& facts = placeholder->facts;
+    PlaceholderFacts before = facts;
+    auto changed = change(facts);
     if (changed && owner) {
         changed = _store.updatePlaceholder(*owner);
     }
     if (!changed) {
-        *placeholder = std::move(before);
+        if (facts.icon && facts.icon != before.icon) {
+            facts.icon->release();
+        }
+        facts = std::move(before);
         return changed;
     }
     if (owner) {
-        if (placeholder->icon) {
-            placeholder->icon->setOwner(owner);
+        if (facts.icon) {
+            facts.icon->setOwner(owner);
         }
         _advance(owner);
     }
@@ -207,29 +211,34 @@ void CoordinatorEngine::complete(Promise& promise) {
 
 Result<void> CoordinatorEngine::cancel(const PlaceholderPtr& placeholder, const ErrorPtr& reason,
                                        KXClientIdentifier client) {
-    {
-        const std::lock_guard lock(_mutex);
-        if (placeholder->isCancelled) {
-            return endedPlaceholder(*placeholder);
-        }
-        placeholder->isCancelled = !placeholder->isAttached;
+    Lock lock(_mutex);
+    const bool isAttached = placeholder->isAttached;
+    const auto owner = placeholder->owner.lock();
+    if (placeholder->isCancelled || (isAttached && !owner)) {
+        return endedPlaceholder(*placeholder);
     }
-    if (!placeholder->isCancelled) {
-        const auto owner = placeholder->owner.lock();
-        return owner ? cancel(owner, reason, client) : endedPlaceholder(*placeholder);
+    placeholder->isCancelled = !isAttached;
+    const PromisePtr icon = placeholder->facts.icon;
+    lock.unlock();
+    if (isAttached) {
+        return cancel(owner, reason, client);
     }
-    _removeIcon(*placeholder);
+    _removeIcon(icon);
     return {};
 }
 
+/// Under the lock, so that the promise is not attached between the look at its owner and the cancel.
 Result<void> CoordinatorEngine::cancel(Promise& promise, const ErrorPtr& reason, KXClientIdentifier client) {
-    if (const auto owner = promise.owner()) {
-        return cancel(owner, reason, client);
-    }
-    if (promise.cancel()) {
+    Lock lock(_mutex);
+    const auto owner = promise.owner();
+    const bool isCancelled = !owner && promise.cancel();
+    lock.unlock();
+    if (isCancelled) {
         return {};
     }
-    return makeCoordinatorError(CoordinatorError::ended, "the promise " + promise.name() + " was cancelled already");
+    return owner ? cancel(owner, reason, client)
+                 : makeCoordinatorError(CoordinatorError::ended,
+                                        "the promise " + promise.name() + " was cancelled already");
 }
 
 } // namespace appsync::device

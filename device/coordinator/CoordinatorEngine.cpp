@@ -206,8 +206,8 @@ CoordinatorEngine::Step CoordinatorEngine::_nextStep(const CoordinatorState& sta
         return Step::none;
     }
     const PlaceholderState* placeholder = state.placeholder.get();
-    if (placeholder && placeholder->isConfigured && !state.facts.isPlaceholderInstalled &&
-        (!placeholder->icon || placeholder->icon->isComplete())) {
+    if (placeholder && placeholder->facts.isConfigured && !state.facts.isPlaceholderInstalled &&
+        (!placeholder->facts.icon || placeholder->facts.icon->isComplete())) {
         return Step::placeholder;
     }
     const bool hasUserData = !state.userData || state.userData->isComplete();
@@ -272,10 +272,10 @@ void CoordinatorEngine::_placeholderWasInstalled(Lock& lock, const CoordinatorSt
     _report(state, [handle = makeCoordinatorHandle(*this, state)](KXAppInstallObserverDelegate& delegate) {
         delegate.coordinatorDidInstallPlaceholder(handle);
     });
-    const PlaceholderPtr placeholder = state->placeholder;
+    const PromisePtr icon = state->placeholder->facts.icon;
     const double fraction = state->asset ? state->asset->fraction() : 0;
     lock.unlock();
-    _removeIcon(*placeholder);
+    _removeIcon(icon);
     _showTransfer(*state, fraction);
     lock.lock();
 }

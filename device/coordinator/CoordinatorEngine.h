@@ -64,7 +64,7 @@ class CoordinatorEngine {
     /// Applies `change` to a placeholder that has been neither configured nor cancelled, and writes it if it is
     /// attached.
     [[nodiscard]] Result<void> changePlaceholder(const PlaceholderPtr& placeholder,
-                                                 const std::function<Result<void>(PlaceholderState&)>& change);
+                                                 const std::function<Result<void>(PlaceholderFacts&)>& change);
     /// Store metadata in the form in which a placeholder keeps it.
     [[nodiscard]] Result<std::optional<Data>> metadataBytes(const std::optional<TVStoreMetadata>& metadata);
 
@@ -88,7 +88,11 @@ class CoordinatorEngine {
     // Of the whole device.
 
     [[nodiscard]] bool prioritize(std::string_view bundleID);
-    [[nodiscard]] Result<void> uninstall(std::string_view bundleID, RemovalReason reason, RemovalScope scope);
+    /// Ends an app's install and removes its placeholder; an installed version stays. Fails when the app has neither
+    /// coordinator nor placeholder, and with `tooLate` when it has been installed meanwhile.
+    [[nodiscard]] Result<void> takeBack(std::string_view bundleID);
+    /// Removes an app with its placeholder and coordinator. Fails when it has none of them.
+    [[nodiscard]] Result<void> uninstall(std::string_view bundleID, RemovalReason reason);
     /// `completion` runs on the observers' thread.
     void uninstallInBackground(std::string_view bundleID, std::function<void(const ErrorPtr&)> completion);
     void waitUntilIdle();
@@ -125,9 +129,9 @@ class CoordinatorEngine {
     [[nodiscard]] ErrorPtr _restoreUserData(const CoordinatorState& state);
     void _showTransfer(const CoordinatorState& state, double fraction);
     void _clearAway(const CoordinatorState& state, const Outcome& outcome);
-    void _removeIcon(const PlaceholderState& placeholder);
-    void _removeTransferredFile(const std::string& path);
+    void _removeIcon(const PromisePtr& icon);
     [[nodiscard]] ErrorPtr _problemAfterRestart(const CoordinatorState& state);
+    [[nodiscard]] Result<void> _remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope);
 
     const CoordinatorServices _services;
     CoordinatorStore _store;

@@ -39,12 +39,8 @@ struct InstallOptionsRecord {
 
 struct CoordinatorState;
 
-struct PlaceholderState {
-    // Set when it is made.
-    std::string bundleName;
-    std::string bundleID;
-    std::uint64_t installType = 0;
-
+/// What a client says of a placeholder, until it is configured.
+struct PlaceholderFacts {
     std::optional<Dictionary> infoPlist;
     bool launchProhibited = false;
     std::optional<std::string> bundleVersion;
@@ -52,6 +48,15 @@ struct PlaceholderState {
     std::optional<Data> sinf;
     PromisePtr icon;
     bool isConfigured = false;
+};
+
+struct PlaceholderState {
+    // Set when it is made.
+    std::string bundleName;
+    std::string bundleID;
+    std::uint64_t installType = 0;
+
+    PlaceholderFacts facts;
     bool isCancelled = false;
     bool isAttached = false;
     std::weak_ptr<CoordinatorState> owner; // that it is attached to

@@ -1,4 +1,5 @@
 // What the steps of an install do outside of the coordinator's own state: registry, files, home screen.
+#include "device/archive/InstallerError.h"
 #include "device/coordinator/CoordinatorEngine.h"
 #include "device/coordinator/CoordinatorError.h"
 #include "device/registry/Registry.h"
@@ -35,17 +36,17 @@ void removeOwnedFile(DeviceFileSystem& files, const std::string& path) {
 
 /// The Info dictionary of a placeholder's bundle.
 Dictionary placeholderInfo(const PlaceholderState& placeholder) {
-    Dictionary info = placeholder.infoPlist.value_or(Dictionary{});
+    Dictionary info = placeholder.facts.infoPlist.value_or(Dictionary{});
     info.set("BXBundleDisplayName", placeholder.bundleName);
-    if (placeholder.bundleVersion) {
-        info.set("BXBundleVersion", *placeholder.bundleVersion);
+    if (placeholder.facts.bundleVersion) {
+        info.set("BXBundleVersion", *placeholder.facts.bundleVersion);
     }
-    if (placeholder.icon) {
+    if (placeholder.facts.icon) {
         info.set("BXBundleIconFile", "Icon.png");
     } else {
         info.erase("BXBundleIconFile"); // it names a file of the app that the placeholder does not have
     }
-    info.set("PDApplicationLaunchProhibited", placeholder.launchProhibited);
+    info.set("PDApplicationLaunchProhibited", placeholder.facts.launchProhibited);
     return info;
 }
 
@@ -56,12 +57,12 @@ ErrorPtr CoordinatorEngine::_installPlaceholder(const CoordinatorState& state, c
     PlaceholderRequest request;
     request.identifier = state.bundleID;
     request.info = placeholderInfo(placeholder);
-    if (placeholder.icon) {
-        request.iconPath = placeholder.icon->record().path;
+    if (placeholder.facts.icon) {
+        request.iconPath = placeholder.facts.icon->record().path;
     }
     request.installType = placeholder.installType;
-    request.metadata = placeholder.metadata;
-    request.sinf = placeholder.sinf;
+    request.metadata = placeholder.facts.metadata;
+    request.sinf = placeholder.facts.sinf;
     request.isSystem = known && known->isSystem;
     return _services.registry.installPlaceholder(request).error();
 }
@@ -123,16 +124,16 @@ void CoordinatorEngine::_clearAway(const CoordinatorState& state, const Outcome&
         removeOwnedFile(_services.files, state.asset->record().path.value_or(""));
     }
     if (state.placeholder) {
-        _removeIcon(*state.placeholder);
+        _removeIcon(state.placeholder->facts.icon);
     }
 }
 
 /// Removes the icon file, and in the temporary directory the folder that held nothing else.
-void CoordinatorEngine::_removeIcon(const PlaceholderState& placeholder) {
-    if (!placeholder.icon || !placeholder.icon->isComplete()) {
+void CoordinatorEngine::_removeIcon(const PromisePtr& icon) {
+    if (!icon || !icon->isComplete()) {
         return;
     }
-    const std::string path = placeholder.icon->record().path.value_or("");
+    const std::string path = icon->record().path.value_or("");
     removeOwnedFile(_services.files, path);
     const std::string folder = path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/'));
     if (!isBelow(folder, TemporaryFolder)) {
@@ -157,31 +158,33 @@ ErrorPtr CoordinatorEngine::_problemAfterRestart(const CoordinatorState& state) 
 
 // Uninstalling.
 
-Result<void> CoordinatorEngine::uninstall(std::string_view bundleID, RemovalReason reason, RemovalScope scope) {
+Result<void> CoordinatorEngine::takeBack(std::string_view bundleID) {
+    return _remove(bundleID, RemovalReason::sync, RemovalScope::placeholderOnly);
+}
+
+Result<void> CoordinatorEngine::uninstall(std::string_view bundleID, RemovalReason reason) {
+    return _remove(bundleID, reason, RemovalScope::everything);
+}
+
+/// That there was a coordinator to end is enough: it need not have come as far as its placeholder.
+Result<void> CoordinatorEngine::_remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope) {
     const auto state = find(bundleID);
-    bool isPlaceholderGone = false;
+    Result<void> ended;
     if (state) {
         const auto error = makeCoordinatorError(CoordinatorError::uninstalled,
                                                 state->bundleID + " was uninstalled while it was being installed");
-        const auto client = reason == RemovalReason::person ? KXClientPerson : state->creator;
-        const bool hadPlaceholder = _services.registry.hasPlaceholder(bundleID);
-        (void)cancel(state, error, client); // too late: the app is there to be uninstalled
-        isPlaceholderGone = hadPlaceholder && !_services.registry.hasPlaceholder(bundleID);
+        ended = cancel(state, error, reason == RemovalReason::person ? KXClientPerson : state->creator);
     }
-    if (isPlaceholderGone && scope != RemovalScope::everything) {
-        return {};
-    }
-    if (isPlaceholderGone && !_services.registry.isInstalled(bundleID)) {
-        return {};
-    }
-    return _services.registry.uninstall(bundleID, reason, scope);
+    auto removed = _services.registry.uninstall(bundleID, reason, scope);
+    const bool wasNothing = isError(removed.error(), TVInstallerErrorDomain, InstallerError::nothingToRemove);
+    return state && wasNothing ? ended : removed;
 }
 
 void CoordinatorEngine::uninstallInBackground(std::string_view bundleID,
                                               std::function<void(const ErrorPtr&)> completion) {
     _busy.enter();
     _workers.addOperation([this, identifier = std::string(bundleID), completion = std::move(completion)] {
-        const auto removed = uninstall(identifier, RemovalReason::sync, RemovalScope::everything);
+        const auto removed = uninstall(identifier, RemovalReason::sync);
         _observers.run([completion, error = removed.error()] { completion(error); });
         _busy.leave();
     });

@@ -108,12 +108,12 @@ void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, con
         placeholder->bundleName = rows.text(1);
         placeholder->bundleID = owner->bundleID;
         placeholder->installType = unsignedOf(rows.integer(2));
-        placeholder->infoPlist = _parse(rows.optionalData(3));
-        placeholder->launchProhibited = rows.integer(4) != 0;
-        placeholder->bundleVersion = rows.optionalText(5);
-        placeholder->metadata = rows.optionalData(6);
-        placeholder->sinf = rows.optionalData(7);
-        placeholder->isConfigured = rows.integer(8) != 0;
+        placeholder->facts.infoPlist = _parse(rows.optionalData(3));
+        placeholder->facts.launchProhibited = rows.integer(4) != 0;
+        placeholder->facts.bundleVersion = rows.optionalText(5);
+        placeholder->facts.metadata = rows.optionalData(6);
+        placeholder->facts.sinf = rows.optionalData(7);
+        placeholder->facts.isConfigured = rows.integer(8) != 0;
         placeholder->isAttached = true;
         placeholder->owner = owner;
         owner->placeholder = std::move(placeholder);
@@ -142,7 +142,7 @@ void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const F
         } else if (owner && role == PromiseRole::userData) {
             owner->userData = std::move(promise);
         } else if (owner && role == PromiseRole::icon && owner->placeholder) {
-            owner->placeholder->icon = std::move(promise);
+            owner->placeholder->facts.icon = std::move(promise);
         }
     }
 }
@@ -172,8 +172,8 @@ Result<void> CoordinatorStore::update(const CoordinatorState& coordinator) {
 Result<void> CoordinatorStore::updatePlaceholder(const CoordinatorState& coordinator) {
     const PlaceholderState& placeholder = *coordinator.placeholder;
     std::optional<Data> info;
-    if (placeholder.infoPlist) {
-        const auto bytes = serialize(*placeholder.infoPlist);
+    if (placeholder.facts.infoPlist) {
+        const auto bytes = serialize(*placeholder.facts.infoPlist);
         if (!bytes) {
             return bytes.error();
         }
@@ -184,10 +184,10 @@ Result<void> CoordinatorStore::updatePlaceholder(const CoordinatorState& coordin
                     " launchProhibited, version, metadata, sinf, configured)"
                     " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)",
                     coordinator.id, placeholder.bundleName, signedOf(placeholder.installType), info,
-                    placeholder.launchProhibited, placeholder.bundleVersion, placeholder.metadata, placeholder.sinf,
-                    placeholder.isConfigured);
-    if (placeholder.icon) {
-        writePromise(transaction, coordinator, *placeholder.icon);
+                    placeholder.facts.launchProhibited, placeholder.facts.bundleVersion, placeholder.facts.metadata,
+                    placeholder.facts.sinf, placeholder.facts.isConfigured);
+    if (placeholder.facts.icon) {
+        writePromise(transaction, coordinator, *placeholder.facts.icon);
     }
     return transaction.commit();
 }

@@ -63,8 +63,7 @@ class BaseClass final : public KXAppInstallCoordinatorClass {
     }
     bool coordinationIsEnabled() noexcept override { return _isEnabled; }
     bool uninstallAppWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
-        return hasSucceeded(_engine.uninstall(bundleID, RemovalReason::sync, RemovalScope::placeholderElseApp).error(),
-                            error);
+        return hasSucceeded(_engine.takeBack(bundleID).error(), error);
     }
     void uninstallAppWithBundleID_requestUserConfirmation_completion(
         std::string_view bundleID, bool requestUserConfirmation,
@@ -195,7 +194,7 @@ bool InstallCoordinator::prioritizeByUser(std::string_view bundleID) {
 }
 
 Result<void> InstallCoordinator::uninstallByUser(std::string_view bundleID) {
-    return _engine->uninstall(bundleID, RemovalReason::person, RemovalScope::everything);
+    return _engine->uninstall(bundleID, RemovalReason::person);
 }
 
 std::vector<OpenCoordinator> InstallCoordinator::openCoordinators() const {

@@ -54,44 +54,44 @@ class PlaceholderHandle final : public KXPlaceholder {
         : _engine(engine), _placeholder(std::move(placeholder)) {}
 
     bool setPlaceholderAttributes_error(const KXPlaceholderAttributes& attributes, ErrorPtr* error) noexcept override {
-        return _change(error, [&](PlaceholderState& placeholder) {
-            placeholder.infoPlist = attributes.infoPlist;
-            placeholder.launchProhibited = attributes.launchProhibited;
-            placeholder.bundleVersion = attributes.bundleVersion;
+        return _change(error, [&](PlaceholderFacts& facts) {
+            facts.infoPlist = attributes.infoPlist;
+            facts.launchProhibited = attributes.launchProhibited;
+            facts.bundleVersion = attributes.bundleVersion;
             return Result<void>();
         });
     }
     bool setMetadata_error(const std::optional<TVStoreMetadata>& metadata, ErrorPtr* error) noexcept override {
-        return _change(error, [&](PlaceholderState& placeholder) -> Result<void> {
+        return _change(error, [&](PlaceholderFacts& facts) -> Result<void> {
             auto bytes = _engine.metadataBytes(metadata);
             if (!bytes) {
                 return bytes.error();
             }
-            placeholder.metadata = std::move(*bytes);
+            facts.metadata = std::move(*bytes);
             return {};
         });
     }
     bool setSinfData_error(const Data& sinf, ErrorPtr* error) noexcept override {
-        return _change(error, [&](PlaceholderState& placeholder) {
-            placeholder.sinf = sinf;
+        return _change(error, [&](PlaceholderFacts& facts) {
+            facts.sinf = sinf;
             return Result<void>();
         });
     }
     bool setIconPromise_error(const KXPromisedTransferToPathPtr& promise, ErrorPtr* error) noexcept override {
         const PromisePtr icon = promiseBehind(promise);
-        return _change(error, [&](PlaceholderState& placeholder) -> Result<void> {
-            if (!icon || placeholder.icon || !icon->take(PromiseRole::icon)) {
+        return _change(error, [&](PlaceholderFacts& facts) -> Result<void> {
+            if (!icon || facts.icon || !icon->take(PromiseRole::icon)) {
                 return makeCoordinatorError(CoordinatorError::alreadySet,
-                                            "the icon promise for " + placeholder.bundleID +
+                                            "the icon promise for " + _placeholder->bundleID +
                                                 " is null or in use already, or there is one already");
             }
-            placeholder.icon = icon;
+            facts.icon = icon;
             return {};
         });
     }
     bool setConfigurationCompleteWithError(ErrorPtr* error) noexcept override {
-        return _change(error, [](PlaceholderState& placeholder) {
-            placeholder.isConfigured = true;
+        return _change(error, [](PlaceholderFacts& facts) {
+            facts.isConfigured = true;
             return Result<void>();
         });
     }
@@ -105,7 +105,7 @@ class PlaceholderHandle final : public KXPlaceholder {
     [[nodiscard]] const PlaceholderPtr& placeholder() const noexcept { return _placeholder; }
 
   private:
-    bool _change(ErrorPtr* error, const std::function<Result<void>(PlaceholderState&)>& change) {
+    bool _change(ErrorPtr* error, const std::function<Result<void>(PlaceholderFacts&)>& change) {
         return hasSucceeded(_engine.changePlaceholder(_placeholder, change).error(), error);
     }
 

@@ -42,6 +42,22 @@ void visitRecords(const std::vector<RegistryTable::App>& apps, std::uint64_t typ
 
 } // namespace
 
+void ApplicationWorkspace::_begin(std::string_view bundleIdentifier) {
+    const std::lock_guard lock(_mutex);
+    _underWay.emplace(bundleIdentifier);
+}
+
+/// The app's install is not under way any more; whether it was.
+bool ApplicationWorkspace::_end(std::string_view bundleIdentifier) {
+    const std::lock_guard lock(_mutex);
+    const auto found = _underWay.find(bundleIdentifier);
+    const bool wasUnderWay = found != _underWay.end();
+    if (wasUnderWay) {
+        _underWay.erase(found);
+    }
+    return wasUnderWay;
+}
+
 void ApplicationWorkspace::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
     _registry._implementation->announcer().addObserver(observer);
 }
@@ -58,6 +74,7 @@ bool ApplicationWorkspace::installApplication_withOptions_error(const FileURL& u
                                                                 ErrorPtr* error) noexcept {
     const auto package = options.string(PDPackageTypeKey);
     const std::string identifier(options.string(PDBundleIdentifierKey).value_or(""));
+    _begin(identifier);
     if (package == PDPackageTypePlaceholder) {
         PlaceholderRequest request;
         request.identifier = identifier;
@@ -74,7 +91,11 @@ bool ApplicationWorkspace::installApplication_withOptions_error(const FileURL& u
         request.installType = installTypeIn(options);
         request.metadata = options.data(PDTamblinMetadataKey);
         request.sinf = options.data(PDApplicationSINFKey);
-        return report(_registry.installArchive(request), error);
+        const auto installed = _registry.installArchive(request);
+        if (installed) {
+            _end(identifier);
+        }
+        return report(installed, error);
     }
     return report(makeInstallerError(InstallerError::invalidRequest,
                                      "cannot install " + url.path() + ": the options name no known package type",
@@ -88,7 +109,8 @@ bool ApplicationWorkspace::installApplication_withOptions(const FileURL& url, co
 
 bool ApplicationWorkspace::uninstallApplication_withOptions(std::string_view bundleIdentifier,
                                                             const Dictionary* options) noexcept {
-    const bool placeholdersOnly = options && options->truth(PDUninstallPlaceholdersOnlyKey);
+    const bool isTakenBack = _end(bundleIdentifier);
+    const bool placeholdersOnly = isTakenBack || (options && options->truth(PDUninstallPlaceholdersOnlyKey));
     const auto removed =
         _registry.uninstall(bundleIdentifier, RemovalReason::sync,
                             placeholdersOnly ? RemovalScope::placeholderOnly : RemovalScope::placeholderElseApp);
@@ -100,7 +122,12 @@ bool ApplicationWorkspace::uninstallApplication_withOptions(std::string_view bun
 
 FNProgressPtr ApplicationWorkspace::installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
                                                                             std::uint64_t phase) noexcept {
-    return application ? _registry.progress(application->bundleIdentifier(), phase) : nullptr;
+    if (!application) {
+        return nullptr;
+    }
+    const std::string identifier = application->bundleIdentifier();
+    _begin(identifier);
+    return _registry.progress(identifier, phase);
 }
 
 void ApplicationWorkspace::installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept {

@@ -5,6 +5,10 @@
 #include "platform/ApplicationRegistry.h"
 #include "platform/Log.h"
 
+#include <mutex>
+#include <set>
+#include <string>
+
 namespace appsync::device {
 
 /// Removals made through it count as the sync's, not a person's.
@@ -41,9 +45,14 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
                                                                                   bool placeholder) noexcept override;
 
   private:
+    void _begin(std::string_view bundleIdentifier);
+    bool _end(std::string_view bundleIdentifier);
+
     Registry& _registry;
     HostLog* const _log;
     const bool _coordinationIsEnabled;
+    std::mutex _mutex;                            // guards the rest
+    std::set<std::string, std::less<>> _underWay; // apps that have an install under way
 };
 
 } // namespace appsync::device

@@ -361,12 +361,45 @@ TEST_P(CoordinatorReportContract, TakingAnInstallBackEndsItsCoordinatorAndLeaves
     EXPECT_FALSE(apps.appOrPlaceholder(A)->isPlaceholder());
 }
 
-TEST_P(CoordinatorReportContract, TakingBackWhatIsNotThereIsAnError) {
+/// How far an install has come when it is taken back.
+enum class Stage { placeholderIsUp, placeholderIsNotUpYet, noCoordinator, nothing };
+
+TEST_P(CoordinatorReportContract, TakingAnInstallBackLeavesAnInstalledVersionAtEveryStage) {
     APPSYNC_NEEDS(runsCoordinators);
-    ErrorPtr error;
-    EXPECT_FALSE(platform().coordinators.uninstallAppWithBundleID_error(B, &error));
-    EXPECT_NE(error, nullptr);
-    EXPECT_FALSE(platform().coordinators.uninstallAppWithBundleID_error(B, nullptr));
+    const Apps apps(device(), platform());
+    Reports reports;
+    const auto connection = connect(platform(), reports);
+    int number = 0;
+    for (const bool isInstalled : {false, true}) {
+        for (const Stage stage :
+             {Stage::placeholderIsUp, Stage::placeholderIsNotUpYet, Stage::noCoordinator, Stage::nothing}) {
+            const std::string app = "com.example.n" + std::to_string(++number);
+            SCOPED_TRACE(app);
+            if (isInstalled) {
+                device().install({app, "1.0"});
+            }
+            std::optional<Install> install;
+            if (stage == Stage::noCoordinator) {
+                ASSERT_TRUE(apps.installPlaceholder(app));
+            } else if (stage != Stage::nothing && isInstalled) {
+                install.emplace(platform(), platform().updatingCoordinators, app);
+            } else if (stage != Stage::nothing) {
+                install.emplace(platform(), platform().initiatingCoordinators, app);
+            }
+            if (stage == Stage::placeholderIsUp) {
+                install->showPlaceholder();
+                ASSERT_TRUE(reports.waitFor("placeholder " + app));
+            }
+            ErrorPtr error;
+            EXPECT_EQ(platform().coordinators.uninstallAppWithBundleID_error(app, &error), stage != Stage::nothing);
+            EXPECT_EQ(error == nullptr, stage != Stage::nothing) << textOf(error);
+            EXPECT_FALSE(hasCoordinator(platform(), app));
+            EXPECT_EQ(apps.app(app) != nullptr, isInstalled);
+            const auto shown = apps.appOrPlaceholder(app);
+            EXPECT_TRUE(shown == nullptr || !shown->isPlaceholder());
+            EXPECT_FALSE(platform().coordinators.uninstallAppWithBundleID_error(app, nullptr)) << "nothing is left";
+        }
+    }
 }
 
 TEST_P(CoordinatorReportContract, AnUninstallTakesTheAppItsPlaceholderAndItsCoordinator) {

@@ -165,6 +165,36 @@ TEST_P(RegistryContract, AnUninstallTakesThePlaceholderFirst) {
     EXPECT_FALSE(apps.workspace().uninstallApplication_withOptions(A, nullptr)) << "nothing is there to remove";
 }
 
+/// An update that ended badly after it had begun so: the uninstall that follows finds no placeholder of it.
+void expectUninstallLeavesApp(const Apps& apps, const std::string& beginning) {
+    EXPECT_FALSE(apps.workspace().uninstallApplication_withOptions(A, nullptr)) << beginning;
+    ASSERT_NE(apps.app(A), nullptr) << beginning;
+    EXPECT_TRUE(apps.workspace().uninstallApplication_withOptions(A, nullptr)) << "nothing is under way any more";
+    EXPECT_EQ(apps.app(A), nullptr);
+}
+
+TEST_P(RegistryContract, AnUninstallLeavesAnAppWhoseUpdateHasNoPlaceholder) {
+    const Apps apps(device(), platform());
+    ASSERT_TRUE(apps.install(A));
+    (void)apps.progress(A);
+    expectUninstallLeavesApp(apps, "its progress was asked for");
+    ASSERT_TRUE(apps.install(A));
+    ASSERT_TRUE(apps.installPlaceholder(A));
+    device().cancelByPerson(A);
+    expectUninstallLeavesApp(apps, "its placeholder was cancelled");
+}
+
+TEST_P(RegistryContract, AnUninstallLeavesAnAppWhoseArchiveOrPlaceholderWasRefused) {
+    APPSYNC_NEEDS(unpacksApps);
+    const Apps apps(device(), platform());
+    const auto nothing = *FileURL::fileURLWithPath("/var/mobile/Media/nothing", false);
+    for (const Dictionary& options : {Apps::customer(A), Apps::placeholder(A, PDInstallTypeSync)}) {
+        ASSERT_TRUE(apps.install(A));
+        ASSERT_FALSE(apps.workspace().installApplication_withOptions_error(nothing, options, nullptr));
+        expectUninstallLeavesApp(apps, Value(options).description());
+    }
+}
+
 TEST_P(RegistryContract, AnUninstallOfPlaceholdersOnlyNeverTakesTheApp) {
     const Apps apps(device(), platform());
     const Dictionary placeholdersOnly{{PDUninstallPlaceholdersOnlyKey, true}};

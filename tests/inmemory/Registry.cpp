@@ -192,6 +192,10 @@ bool Registry::applicationIsInstalled(std::string_view bundleIdentifier) noexcep
 
 bool Registry::installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
                                                     ErrorPtr* error) noexcept {
+    {
+        const std::lock_guard lock(_mutex);
+        _begun.emplace(options.string(PDBundleIdentifierKey).value_or(""));
+    }
     if (_context.fails("registry.installApplication", url.description() + ", " + Value(options).description(), error)) {
         return false;
     }
@@ -218,6 +222,7 @@ bool Registry::_install(const FileURL& url, const Dictionary& options, ErrorPtr*
     }
     {
         const std::lock_guard lock(_mutex);
+        isPlaceholder ? void(_begun.insert(identifier)) : void(_begun.erase(identifier));
         std::erase_if(_applications, [&](const auto& application) {
             return application->identifier == identifier && (application->placeholder || !isPlaceholder);
         });
@@ -237,8 +242,9 @@ bool Registry::uninstallApplication_withOptions(std::string_view bundleIdentifie
     if (_context.fails("registry.uninstallApplication", std::string(bundleIdentifier) + ", " + given, nullptr)) {
         return false;
     }
-    const bool placeholderOnly = options != nullptr && options->truth(PDUninstallPlaceholdersOnlyKey);
     const std::lock_guard lock(_mutex);
+    const bool isTakenBack = _begun.erase(std::string(bundleIdentifier)) > 0;
+    const bool placeholderOnly = isTakenBack || (options != nullptr && options->truth(PDUninstallPlaceholdersOnlyKey));
     auto found = _find(bundleIdentifier, true);
     if (found == nullptr && !placeholderOnly) {
         found = _find(bundleIdentifier, false);
@@ -253,6 +259,10 @@ FNProgressPtr Registry::installProgressForApplication_withPhase(const PDApplicat
                       std::to_string(phase));
     if (application == nullptr) {
         return nullptr;
+    }
+    {
+        const std::lock_guard lock(_mutex);
+        _begun.insert(application->bundleIdentifier());
     }
     const auto waiting = makesProgress ? find(application->bundleIdentifier(), true) : nullptr;
     if (waiting == nullptr || waiting->progress != nullptr) {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -154,6 +155,7 @@ class Registry final : public PDApplicationWorkspace,
     Context& _context;
     mutable std::mutex _mutex;
     std::vector<ApplicationPtr> _applications;
+    std::set<std::string> _begun; // apps that have an install under way
     std::vector<ObservationPtr> _observations;
     std::vector<std::thread> _answers;
     OperationQueue _reports{1};

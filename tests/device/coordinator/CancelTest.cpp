@@ -211,6 +211,25 @@ TEST_F(CoordinatorTest, WhatIsCancelledBeforeItIsAttachedCannotBeAttached) {
     EXPECT_EQ(made->error(), nullptr);
 }
 
+TEST_F(CoordinatorTest, APlaceholderMayBeDescribedAndCancelledWhileItsChangesAreRefused) {
+    const auto made = lookUp(classes().initiatingCoordinators, A, true);
+    const auto placeholder = makePlaceholder(A);
+    ASSERT_TRUE(made->setPlaceholderPromise_error(placeholder, nullptr));
+    std::atomic<bool> isDone = false;
+    std::thread changing([&] {
+        while (!isDone) {
+            EXPECT_FALSE(placeholder->setIconPromise_error(nullptr, nullptr));
+        }
+    });
+    const std::string description = placeholder->description();
+    for (int time = 0; time < 1'000; ++time) {
+        EXPECT_EQ(placeholder->description(), description);
+    }
+    EXPECT_TRUE(placeholder->cancelForReason_client_error(reason(), KXClientSyncHost, nullptr));
+    isDone = true;
+    changing.join();
+}
+
 TEST_F(CoordinatorTest, APersonsWishForAnAppToComeFirstIsReported) {
     (void)prepare(A);
     coordinator->waitUntilIdle();
@@ -296,16 +315,7 @@ TEST_F(CoordinatorTest, AnAppThatAPersonWantsFirstOvertakesThoseThatWaitForAWork
     EXPECT_EQ(registry->applications().size(), workers + 2);
 }
 
-TEST_F(CoordinatorTest, UninstallingAnInstalledAppRemovesIt) {
-    install(A);
-    ErrorPtr error;
-    EXPECT_TRUE(classes().coordinators.uninstallAppWithBundleID_error(A, &error));
-    EXPECT_FALSE(registry->application(A));
-    EXPECT_FALSE(classes().coordinators.uninstallAppWithBundleID_error(A, &error));
-    EXPECT_TRUE(isError(error, TVInstallerErrorDomain, InstallerError::nothingToRemove));
-}
-
-TEST_F(CoordinatorTest, UninstallingAnAppUnderUpdateEndsTheUpdateAndLeavesTheApp) {
+TEST_F(CoordinatorTest, TakingAnInstallBackEndsItAndLeavesTheApp) {
     install(A, "1.0");
     const auto app = prepare(A, true);
     coordinator->waitUntilIdle();
@@ -316,6 +326,29 @@ TEST_F(CoordinatorTest, UninstallingAnAppUnderUpdateEndsTheUpdateAndLeavesTheApp
     coordinator->waitUntilIdle();
     EXPECT_TRUE(reports.lines().empty());
     expectNothingLeftOf(A);
+}
+
+TEST_F(CoordinatorTest, AnInstallThatHasSucceededMeanwhileCannotBeTakenBack) {
+    // The last thing before the app is registered: the way back is closed then.
+    const auto gate = std::make_shared<Gate>("rename", "/var/containers/Bundle/Application");
+    reopen(gate);
+    const auto app = prepare(A);
+    coordinator->waitUntilIdle();
+    app.asset->setTransferPath(FileURL::fileURLWithPath(makeArchive(A), false));
+    gate->close();
+    app.asset->setComplete(true);
+    gate->waitForArrival();
+    ErrorPtr error;
+    bool isTakenBack = true;
+    std::thread client([&] { isTakenBack = classes().coordinators.uninstallAppWithBundleID_error(A, &error); });
+    while (!app.coordinator->error()) {
+        std::this_thread::yield();
+    }
+    gate->open();
+    client.join();
+    EXPECT_FALSE(isTakenBack);
+    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::tooLate));
+    EXPECT_TRUE(registry->isInstalled(A));
 }
 
 class Completion {
@@ -357,6 +390,15 @@ TEST_F(CoordinatorTest, UninstallingAPlaceholderInTheBackgroundIsASuccess) {
     completion.wait();
     EXPECT_EQ(completion.outcome, nullptr);
     EXPECT_FALSE(registry->application(A));
+}
+
+TEST_F(CoordinatorTest, UninstallingInTheBackgroundAnAppWhosePlaceholderIsNotUpYetIsASuccess) {
+    (void)lookUp(classes().initiatingCoordinators, A, true);
+    Completion completion;
+    classes().coordinators.uninstallAppWithBundleID_requestUserConfirmation_completion(A, false, completion.callback());
+    completion.wait();
+    EXPECT_EQ(completion.outcome, nullptr);
+    EXPECT_EQ(find(A), nullptr);
 }
 
 TEST_F(CoordinatorTest, UninstallingWhatIsNotThereOrNeedsAPersonsWordCompletesWithAnError) {

@@ -173,14 +173,16 @@ TEST_F(CoordinatorTest, APlaceholderHasOneIcon) {
     EXPECT_FALSE(makePlaceholder(B, false)->setIconPromise_error(icon, nullptr));
 }
 
+/// Takes no commits while it is full.
+class FullDisk final : public FaultPoint {
+  public:
+    int before(std::string_view operation, std::string_view) noexcept override {
+        return isFull && operation == "commit" ? ENOSPC : 0;
+    }
+    std::atomic<bool> isFull = false;
+};
+
 TEST_F(CoordinatorTest, AChangeThatCannotBeWrittenDownIsNotMade) {
-    class FullDisk final : public FaultPoint {
-      public:
-        int before(std::string_view operation, std::string_view) noexcept override {
-            return isFull && operation == "commit" ? ENOSPC : 0;
-        }
-        std::atomic<bool> isFull = false;
-    };
     const auto disk = std::make_shared<FullDisk>();
     reopen(disk);
     const auto made = lookUp(classes().restoringCoordinators, A, true);
@@ -208,24 +210,21 @@ TEST_F(CoordinatorTest, AChangeThatCannotBeWrittenDownIsNotMade) {
 }
 
 TEST_F(CoordinatorTest, AnAttachedPlaceholderWhoseConfigurationCannotBeWrittenDownIsNotConfigured) {
-    class FullDisk final : public FaultPoint {
-      public:
-        int before(std::string_view operation, std::string_view) noexcept override {
-            return isFull && operation == "commit" ? ENOSPC : 0;
-        }
-        std::atomic<bool> isFull = false;
-    };
     const auto disk = std::make_shared<FullDisk>();
     reopen(disk);
     const auto made = lookUp(classes().initiatingCoordinators, A, true);
     const auto placeholder = classes().placeholders.initAppPlaceholderWithBundleName_bundleID_installType_client(
         "n", A, 4, KXClientSyncHost);
+    const auto icon = classes().transferPromises.initWithName_client_diskSpaceNeeded("i", KXClientSyncHost, 0);
     ASSERT_TRUE(made->setPlaceholderPromise_error(placeholder, nullptr));
     disk->isFull = true;
+    EXPECT_FALSE(placeholder->setIconPromise_error(icon, nullptr));
     EXPECT_FALSE(placeholder->setConfigurationCompleteWithError(nullptr));
     disk->isFull = false;
     coordinator->waitUntilIdle();
     EXPECT_FALSE(registry->hasPlaceholder(A));
+    EXPECT_TRUE(placeholder->setIconPromise_error(icon, nullptr)) << "it can be tried again";
+    icon->setComplete(true);
     EXPECT_TRUE(placeholder->setConfigurationCompleteWithError(nullptr));
     coordinator->waitUntilIdle();
     EXPECT_TRUE(registry->hasPlaceholder(A));
