@@ -1,12 +1,14 @@
-// Runs a command and disturbs it at one of its changes below a folder: kills it there, or lets that change fail.
+// Runs a command and disturbs it at one of its changes below a folder: kills it there, lets that change fail, or does
+// something to the file behind its back.
 //
 //   disturb --under DIR [--calls changes|space|reads] [--list FILE]
-//           [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER] COMMAND…
+//           [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER | --at N --do WORDS] COMMAND…
 //
 // With `--calls space` only changes that need space count, with `reads` instead of changes the calls that look at files
 // and folders. They count from 1 over all threads and child processes, in the order in which the kernel is asked for
 // them: each of them waits here until it may go on. A killed command dies before its change is made; with
-// `--fail-from` all fail from there to the end. `--list` writes a line "number<TAB>call<TAB>path below DIR" per call.
+// `--fail-from` all fail from there to the end. `--do` runs the words as a shell does, with the call's path in the
+// variable DISTURBED, and lets the call go on then. `--list` writes a line "number<TAB>call<TAB>path below DIR" per call.
 // The exit code is the command's, 128 + its signal, or 125 when the kernel does not let a process supervise
 // another one's calls.
 #include <fcntl.h>
@@ -30,6 +32,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -127,6 +130,8 @@ struct Options {
     std::uint64_t killAt = 0;
     std::uint64_t failAt = 0;
     std::uint64_t failFrom = 0;
+    std::uint64_t doAt = 0;
+    std::string words; // of a shell
     int error = EIO;
     char** command = nullptr;
 };
@@ -337,6 +342,10 @@ class Supervisor {
                 answer.flags = 0;
                 answer.error = -_options.error;
             }
+            if (_number == _options.doAt) {
+                ::setenv("DISTURBED", _path.c_str(), 1);
+                (void)!std::system(_options.words.c_str());
+            }
         }
         ::ioctl(_listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);
     }
@@ -351,6 +360,7 @@ class Supervisor {
         if (!isOfTheseCalls || (act.path != _options.folder && !act.path.starts_with(_options.folder + "/"))) {
             return false;
         }
+        _path = act.path;
         if (_list.is_open()) {
             _list << _number + 1 << '\t' << call->name << '\t' << act.path.substr(_options.folder.size()) << std::endl;
         }
@@ -362,6 +372,7 @@ class Supervisor {
     const int _listener;
     std::ofstream _list;
     std::uint64_t _number = 0;
+    std::string _path; // of the last call that counted
 };
 
 int run(const Options& options) {
@@ -412,6 +423,10 @@ std::optional<Options> parse(int count, char** words) {
             options.failAt = std::stoull(value);
         } else if (word == "--fail-from") {
             options.failFrom = std::stoull(value);
+        } else if (word == "--at") {
+            options.doAt = std::stoull(value);
+        } else if (word == "--do") {
+            options.words = value;
         } else if (word == "--error") {
             options.error = std::stoi(value);
         } else {
@@ -427,8 +442,8 @@ int main(int count, char** words) {
     const auto options = parse(count, words);
     if (!options) {
         std::fputs("usage: disturb --under DIR [--calls changes|space|reads] [--list FILE]\n"
-                   "               [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER] COMMAND "
-                   "[ARGUMENT]...\n",
+                   "               [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER | --at N --do WORDS]\n"
+                   "               COMMAND [ARGUMENT]...\n",
                    stderr);
         return 2;
     }

@@ -3,6 +3,7 @@
 
 Each run starts from the same device. The sync is disturbed at one change; then every app must be there in its old
 version or its new one, whole. A plain sync follows: it must succeed, and leave the device as if nothing had happened.
+The library (or backup) fails the same way: each look at it, or its file is changed under the sync's hands.
 Several threads work on a device, so that a number stands for slightly different changes from run to run.
 """
 import argparse
@@ -21,15 +22,39 @@ import checks
 from restores import Delivery, Restore
 from scenarios import KILLED, Resumed, Scenario, copy_device, run
 
-# The calls that are disturbed, how, and the error with which they fail. On a full disk and on one that takes no changes
-# any more all of them fail from the point on.
+
+
+@dataclasses.dataclass
+class Kind:
+    calls: str  # that are disturbed
+    how: str  # they are
+    error: int | None = None  # with which they fail
+    words: str | None = None  # what a shell does instead to the file "$DISTURBED"
+    of_source: bool = False  # calls that read the library, not those on the device
+
+    def options(self, number):
+        options = [self.how, str(number)]
+        options += ["--error", str(self.error)] if self.error else []
+        return options + (["--do", self.words] if self.words else [])
+
+
+def _changed(words):
+    return Kind("reads", "--at", words=f'[ ! -f "$DISTURBED" ] || {words}', of_source=True)
+
+
+# How a call is disturbed. On a full disk and on one that takes no changes any more all of them fail from the point on.
 KINDS = {
-    "kill": ("changes", "--kill", None),
-    "EIO": ("changes", "--fail", errno.EIO),
-    "ENOSPC": ("changes", "--fail", errno.ENOSPC),
-    "full": ("space", "--fail-from", errno.ENOSPC),
-    "dead": ("changes", "--fail-from", errno.EIO),
-    "read-EIO": ("reads", "--fail", errno.EIO),
+    "kill": Kind("changes", "--kill"),
+    "EIO": Kind("changes", "--fail", errno.EIO),
+    "ENOSPC": Kind("changes", "--fail", errno.ENOSPC),
+    "full": Kind("space", "--fail-from", errno.ENOSPC),
+    "dead": Kind("changes", "--fail-from", errno.EIO),
+    "read-EIO": Kind("reads", "--fail", errno.EIO),
+    "source-EIO": Kind("reads", "--fail", errno.EIO, of_source=True),
+    "source-shrinks": _changed('truncate -s 200 "$DISTURBED"'),
+    "source-grows": _changed('truncate -s +200 "$DISTURBED"'),
+    "source-goes": _changed('rm "$DISTURBED"'),
+    "source-replaced": _changed('{ head -c 200 "$DISTURBED" >"$DISTURBED.new" && mv "$DISTURBED.new" "$DISTURBED"; }'),
 }
 # By name: how a scenario is made, and the options of its device.
 SCENARIOS = {
@@ -71,17 +96,18 @@ class Runner:
     def can_supervise(self):
         return self._supervised(self._folder, [], ["true"]).code != CANNOT_SUPERVISE
 
-    def measure(self, scenario, calls):
+    def measure(self, scenario, calls, of_source):
         """How many such calls an undisturbed run makes at most, in a few runs. Its device is what others are compared
         with."""
-        return max(self._measure_once(scenario, calls) for _ in range(3))
+        return max(self._measure_once(scenario, calls, of_source) for _ in range(3))
 
-    def _measure_once(self, scenario, calls):
+    def _measure_once(self, scenario, calls, of_source):
         folder = tempfile.mkdtemp(prefix="undisturbed-", dir=self._folder)
         device = os.path.join(folder, "device")
         copy_device(scenario.snapshot, device)
         changes = os.path.join(folder, "changes")
-        answer = self._supervised(device, ["--calls", calls, "--list", changes], scenario.command(device))
+        answer = self._supervised(scenario.source() if of_source else device, ["--calls", calls, "--list", changes],
+                                  scenario.command(device))
         answers = [answer] if answer.code else [answer, *map(run, scenario.next_commands(device, answer))]
         self._names[scenario.name] = checks.final_names(device)
         problems = checks.check_end(scenario, device, self._names[scenario.name])
@@ -106,24 +132,31 @@ class Runner:
             shutil.rmtree(folder)
         return Outcome(point, change if is_reached else None, problems)
 
-    def _supervised(self, device, options, command):
-        return run([self._arguments.disturb, "--under", device, *options, *command])
+    def _supervised(self, folder, options, command):
+        return run([self._arguments.disturb, "--under", folder, *options, *command])
 
     def _disturb(self, point, device, changes):
         scenario = point.scenario
-        calls, disturbance, error = KINDS[point.kind]
-        options = ["--calls", calls, "--list", changes, disturbance, str(point.number)]
-        options += [] if error is None else ["--error", str(error)]
-        answer = self._supervised(device, options, scenario.command(device))
+        kind = KINDS[point.kind]
+        source = scenario.source()
+        if kind.of_source:
+            source = os.path.join(os.path.dirname(device), "source")
+            copy_device(scenario.source(), source)
+        answer = self._supervised(source if kind.of_source else device,
+                                  ["--calls", kind.calls, "--list", changes, *kind.options(point.number)],
+                                  scenario.command(device, source))
         problems = []
-        if error is None:
+        if kind.how == "--kill":
             if answer.code not in (0, KILLED):
                 problems.append(f"it ended with {answer.code}: {answer.text()}")
         else:
-            problems += checks.check_failure(scenario, device, answer, calls != "reads")
-        problems += ["after that: " + problem for problem in checks.check_between(scenario, device, answer)]
+            # A library that cannot be read at all is none for the person who named it.
+            codes = (1, 2, 4, 5) if kind.of_source else (1, 4, 5)
+            problems += checks.check_failure(scenario, device, answer, kind.calls != "reads", codes)
+        between = checks.check_between(scenario, device, answer, has_all_apps=not kind.of_source)
+        problems += ["after that: " + problem for problem in between]
         problems += self._put_in_order(scenario, device, changes + "-next", answer)
-        return problems, error is not None or answer.code == KILLED
+        return problems, kind.how != "--kill" or answer.code == KILLED
 
     def _put_in_order(self, scenario, device, changes, disturbed):
         problems = []
@@ -141,12 +174,14 @@ class Runner:
 
 
 def choose_points(scenarios, runner, arguments):
-    counts = {(scenario.name, calls): runner.measure(scenario, calls)
-              for scenario in scenarios for calls in ("changes", "space", "reads")}
-    everything = [Point(scenario, kind, number) for scenario in scenarios for kind in KINDS
-                  if arguments.kind in (None, kind) and kind not in scenario.left_out
+    kinds = {name: kind for name, kind in KINDS.items() if arguments.kind in (None, name)}
+    counts = {(scenario.name, calls, of_source): runner.measure(scenario, calls, of_source)
+              for scenario in scenarios
+              for calls, of_source in {(kind.calls, kind.of_source) for kind in kinds.values()}}
+    everything = [Point(scenario, name, number) for scenario in scenarios for name, kind in kinds.items()
+                  if name not in scenario.left_out
                   for number in ([arguments.point] if arguments.point else
-                                 range(1, counts[scenario.name, KINDS[kind][0]] + 1))]
+                                 range(1, counts[scenario.name, kind.calls, kind.of_source] + 1))]
     if not arguments.points or arguments.points >= len(everything):
         return everything
     step = len(everything) / arguments.points
@@ -159,7 +194,7 @@ def report_outcomes(outcomes, seconds):
     failed = collections.Counter((outcome.point.scenario.name, outcome.point.kind)
                                  for outcome in outcomes if outcome.problems)
     for path, kind in tried:
-        print(f"{path:20} {kind:8} {tried[path, kind]:5} points, {failed[path, kind]} with problems")
+        print(f"{path:20} {kind:15} {tried[path, kind]:5} points, {failed[path, kind]} with problems")
     unreached = sum(outcome.change is None for outcome in outcomes)
     print(f"{len(outcomes)} points in {seconds:.0f} s; {unreached} came after the end of their sync")
 

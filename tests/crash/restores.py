@@ -16,12 +16,16 @@ class Restore(Scenario):
 
     done_results = ("waits for the store", "waits for a sync", "demoted")
     # Where the list of demoted apps cannot be read there is none for the plug-in, and such an app waits for the store.
-    left_out = ("read-EIO",)
+    # What is changed in a backup is what comes back from it.
+    left_out = ("read-EIO", "source-shrinks", "source-grows", "source-replaced")
     # Of a demoted app whose coordinator cannot be made the plug-in logs that alone.
     silent_reasons = ("The device could not prepare it; `qrd log` tells why.",)
 
-    def command(self, device):
-        return [self.qrd, "restore", device, "--from", self._backup, "--json"]
+    def source(self):
+        return self._backup
+
+    def command(self, device, source=None):
+        return [self.qrd, "restore", device, "--from", source or self._backup, "--json"]
 
     def next_commands(self, device, answer):
         """A restore that was done need not be repeated, and all has to be there for the delivery."""
@@ -42,9 +46,9 @@ class Restore(Scenario):
         """A list of the backup that could not be put on the device is a problem of no app."""
         return super().reasons(report) or report["problems"]
 
-    def _delivery(self, device):
+    def _delivery(self, device, source=None):
         words = ["sync", device, "--library"] if self._is_own else ["store", device, "--catalogue"]
-        return [self.qrd, *words, self.library, "--json"]
+        return [self.qrd, *words, source or self.library, "--json"]
 
     def _prepare(self, device_options):
         self._is_own = "--no-coordination" in device_options
@@ -85,8 +89,11 @@ class Delivery(Restore):
     # Where the restore state cannot be written the plug-in does not know the package any more.
     silent_reasons = ("The device did not say how the install ended; `qrd log` tells more.",)
 
-    def command(self, device):
-        return self._delivery(device)
+    def source(self):
+        return self.library
+
+    def command(self, device, source=None):
+        return self._delivery(device, source)
 
     def next_commands(self, device, answer):
         """The data of an app whose install failed in the store's hands is given up with it: it is restored anew."""

@@ -80,9 +80,14 @@ class Scenario:
         os.makedirs(self.library)
         self._prepare(device_options)
 
-    def command(self, device):
-        """What is disturbed, and what is run again after that. It answers with a report in JSON."""
-        return [self.qrd, "sync", device, "--library", self.library, "--remove", "org.example.dune", "--json"]
+    def source(self):
+        """The folder that the disturbed command reads the apps from."""
+        return self.library
+
+    def command(self, device, source=None):
+        """What is disturbed, and what is run again after that. It answers with a report in JSON. `source` is a copy of
+        the folder to read from instead."""
+        return [self.qrd, "sync", device, "--library", source or self.library, "--remove", "org.example.dune", "--json"]
 
     def next_commands(self, device, answer):
         """What is run after the disturbed command, which ended so, until all is in order."""

@@ -124,10 +124,13 @@ class World:
     def sync(self, *options, **limits):
         return run("sync", self.device, "--library", self.library, "--json", *options, **limits)
 
+    def listed(self):
+        """What `qrd apps` says of each app, by identifier."""
+        return {app["identifier"]: app for app in run("apps", self.device, "--json").report()}
+
     def apps(self):
         """The versions of the apps that are installed, by identifier."""
-        listed = run("apps", self.device, "--json").report()
-        return {app["identifier"]: app["version"] for app in listed if app["installed"]}
+        return {identifier: app["version"] for identifier, app in self.listed().items() if app["installed"]}
 
 
 @pytest.fixture(params=[[], ["--no-coordination"]], ids=["coordinated", "own"])
