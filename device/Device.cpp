@@ -182,7 +182,9 @@ void Device::Services::followRegistry() {
         }
     }
     registry->follow(
-        {.wasInstalled = [this](std::string_view identifier) { (void)demotedApps->remove(std::string(identifier)); },
+        {.demotion =
+             [this](std::string_view identifier) { return demotedApps->installTypeOf(std::string(identifier)); },
+         .wasInstalled = [this](std::string_view identifier) { (void)demotedApps->remove(std::string(identifier)); },
          .isGone =
              [this](std::string_view identifier) {
                  (void)demotedApps->remove(std::string(identifier));

@@ -58,7 +58,7 @@ struct ArchiveRequest {
 enum class RemovalReason { sync, person };
 enum class RemovalScope {
     placeholderElseApp, // the placeholder if there is one, else the app
-    placeholderOnly,
+    placeholderOnly,    // of an app on its way; that of a demoted one stays
     everything,
 };
 
@@ -94,10 +94,13 @@ class RegistrySubscription {
 };
 
 /// What another service does when apps come and go. Called on the thread of the operation once it is durable, while
-/// nothing else changes the app; must not install or remove. Either may be empty.
+/// nothing else changes the app; must not install or remove. Each may be empty.
 struct RegistryFollower {
-    std::function<void(std::string_view identifier)> wasInstalled; // from an archive
-    std::function<void(std::string_view identifier)> isGone;       // with its data
+    /// The install type of the placeholder that a demoted app has; nothing for an app that is not demoted. May be asked
+    /// at any time.
+    std::function<std::optional<std::uint64_t>(std::string_view identifier)> demotion = nullptr;
+    std::function<void(std::string_view identifier)> wasInstalled = nullptr; // from an archive
+    std::function<void(std::string_view identifier)> isGone = nullptr;       // with its data
 };
 
 struct RegistryOptions {
@@ -138,7 +141,8 @@ class Registry {
     [[nodiscard]] Result<void> installArchive(const ArchiveRequest& request);
     /// Removes an app and its data, its placeholder, or both; fails with `nothingToRemove` when there is neither. A
     /// person who removes the placeholder of an install under way cancels that install. Data of an app of which only
-    /// the placeholder goes stays when a sync removes it: a later install finds it again.
+    /// the placeholder goes stays when a sync removes it: a later install finds it again. A demoted app whose return is
+    /// taken back or cancelled is demoted again.
     [[nodiscard]] Result<void> uninstall(std::string_view identifier, RemovalReason reason, RemovalScope scope);
 
     // Installs under way.

@@ -66,6 +66,10 @@ class Registry::Implementation {
     [[nodiscard]] bool _isDeviceSinf(const std::optional<Data>& sinf) const;
     [[nodiscard]] Result<void> _remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
                                        RemovalReason reason, bool keepsData = false);
+    [[nodiscard]] std::optional<std::uint64_t> _typeToFallBackTo(const RegistryTable::App& app) const;
+    [[nodiscard]] Result<void> _demoteAgain(const RegistryTable::App& app, std::uint64_t installType,
+                                            RemovalReason reason);
+    void _endPlaceholderOf(const RegistryTable::App& app, RemovalReason reason);
     [[nodiscard]] std::shared_ptr<InstallProgress> _stopInstall(std::string_view identifier);
     void _announceCancellation(const RegistryRecordPtr& record);
     [[nodiscard]] Result<void> _endRemoval(const std::string& path);

@@ -9,6 +9,15 @@
 
 namespace appsync::device {
 
+namespace {
+
+bool isDemoted(const RegistryRecordPtr& placeholder) {
+    return placeholder && (placeholder->installType == PDInstallTypeDowngrade ||
+                           placeholder->installType == PDInstallTypeIntentionalDowngrade);
+}
+
+} // namespace
+
 Result<void> Registry::Implementation::uninstall(std::string_view identifier, RemovalReason reason,
                                                  RemovalScope scope) {
     if (reason == RemovalReason::person) {
@@ -16,13 +25,17 @@ Result<void> Registry::Implementation::uninstall(std::string_view identifier, Re
     }
     const AppLocks::Held held(_locks, std::string(identifier));
     const auto app = _table.find(identifier).value_or(RegistryTable::App{});
-    const bool removesPlaceholder = app.placeholder != nullptr;
+    const bool removesPlaceholder =
+        app.placeholder && !(scope == RemovalScope::placeholderOnly && isDemoted(app.placeholder));
     const bool removesApp = app.installed && (scope == RemovalScope::everything ||
                                               (scope == RemovalScope::placeholderElseApp && !app.placeholder));
     if (!removesPlaceholder && !removesApp) {
         return makeInstallerError(InstallerError::nothingToRemove,
                                   "cannot remove " + printable(identifier) + ": the device has no " +
                                       (app.installed ? "placeholder of it" : "such app"));
+    }
+    if (const auto installType = _typeToFallBackTo(app); installType && scope != RemovalScope::everything) {
+        return _demoteAgain(app, *installType, reason);
     }
     const bool keepsData = !removesApp && reason == RemovalReason::sync && scope != RemovalScope::everything;
     return _remove(app, removesApp, removesPlaceholder, reason, keepsData);
@@ -41,6 +54,9 @@ bool Registry::Implementation::cancelInstall(std::string_view identifier) {
     const auto progress = _stopInstall(identifier);
     const AppLocks::Held held(_locks, std::string(identifier));
     const auto app = _table.find(identifier).value_or(RegistryTable::App{});
+    if (const auto installType = _typeToFallBackTo(app)) {
+        return bool(_demoteAgain(app, *installType, RemovalReason::person));
+    }
     if (app.placeholder) {
         return bool(_remove(app, false, true, RemovalReason::person));
     }
@@ -52,6 +68,38 @@ bool Registry::Implementation::cancelInstall(std::string_view identifier) {
         _announceCancellation(app.installed);
     }
     return true;
+}
+
+/// What an app becomes again whose placeholder stands for its return; nothing for one that was not demoted.
+std::optional<std::uint64_t> Registry::Implementation::_typeToFallBackTo(const RegistryTable::App& app) const {
+    const bool isReturning = app.placeholder && !app.installed && !isDemoted(app.placeholder);
+    return isReturning && _follower.demotion ? _follower.demotion(app.placeholder->identifier) : std::nullopt;
+}
+
+/// The placeholder stays, and with it the app's data; it stands for no install any more.
+Result<void> Registry::Implementation::_demoteAgain(const RegistryTable::App& app, std::uint64_t installType,
+                                                    RemovalReason reason) {
+    RegistryRecord record = *app.placeholder;
+    record.installType = installType;
+    Database::Transaction transaction(_database, Durability::durable);
+    RegistryStore::put(transaction, record, app.arrival);
+    if (const auto committed = transaction.commit(); !committed) {
+        return installerFailure("take back the install of " + record.identifier, committed.error());
+    }
+    _table.put(std::make_shared<const RegistryRecord>(record), app.arrival);
+    _endPlaceholderOf(app, reason);
+    _announcer.announceChange();
+    return {};
+}
+
+/// The install that a placeholder stood for is over.
+void Registry::Implementation::_endPlaceholderOf(const RegistryTable::App& app, RemovalReason reason) {
+    if (const auto progress = _table.findProgress(app.placeholder->identifier)) {
+        _table.endProgress(*progress);
+    }
+    if (reason == RemovalReason::person) {
+        _announceCancellation(app.placeholder);
+    }
 }
 
 /// What is there but cannot be looked at just now is not gone.
@@ -87,12 +135,7 @@ Result<void> Registry::Implementation::_remove(const RegistryTable::App& app, bo
     }
     if (removesPlaceholder) {
         _table.remove(identifier, true);
-        if (const auto progress = _table.findProgress(identifier)) {
-            _table.endProgress(*progress);
-        }
-        if (reason == RemovalReason::person) {
-            _announceCancellation(app.placeholder);
-        }
+        _endPlaceholderOf(app, reason);
         _files.removeItem(app.placeholder->containerPath(), nullptr);
     }
     if (removesApp) {

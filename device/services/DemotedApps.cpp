@@ -1,6 +1,7 @@
 #include "device/services/DemotedApps.h"
 
 #include "device/root/DeviceFileSystem.h"
+#include "platform/ApplicationRegistry.h"
 #include "platform/PropertyListSerialization.h"
 
 namespace appsync::device {
@@ -57,6 +58,14 @@ DemotedApps::DemotedApps(DeviceFileSystem& files, PropertyListSerialization& pro
 DemotionLists DemotedApps::lists() const {
     const std::lock_guard lock(_mutex);
     return _lists;
+}
+
+std::optional<std::uint64_t> DemotedApps::installTypeOf(const std::string& identifier) const {
+    const std::lock_guard lock(_mutex);
+    if (!_lists.contains(identifier)) {
+        return std::nullopt;
+    }
+    return _lists.automatic.contains(identifier) ? PDInstallTypeDowngrade : PDInstallTypeIntentionalDowngrade;
 }
 
 Result<void> DemotedApps::set(DemotionLists lists) {

@@ -7,7 +7,9 @@
 #include "device/root/Result.h"
 #include "platform/PropertyList.h"
 
+#include <cstdint>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -42,6 +44,8 @@ class DemotedApps {
     DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists);
 
     [[nodiscard]] DemotionLists lists() const;
+    /// The install type of a demoted app's placeholder; nothing for an app that stands on neither list.
+    [[nodiscard]] std::optional<std::uint64_t> installTypeOf(const std::string& identifier) const;
     [[nodiscard]] Result<void> set(DemotionLists lists);
     /// Puts an app on one list and takes it off the other.
     [[nodiscard]] Result<void> add(const std::string& identifier, bool isAutomatic);

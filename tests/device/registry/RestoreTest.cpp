@@ -119,10 +119,39 @@ TEST_F(DemotedPlaceholder, ThatCannotBeRegisteredLeavesTheApp) {
 
 TEST_F(DemotedPlaceholder, WhenASyncTakesItBackLeavesTheDataForALaterInstall) {
     ASSERT_TRUE(demote());
-    ASSERT_TRUE(registry().uninstall(identifier, RemovalReason::sync, RemovalScope::placeholderOnly));
+    ASSERT_TRUE(registry().uninstall(identifier, RemovalReason::sync, RemovalScope::placeholderElseApp));
     EXPECT_EQ(content(data + "/file"), "data");
     ASSERT_TRUE(install());
     EXPECT_EQ(content(data + "/file"), "data");
+}
+
+TEST_F(DemotedPlaceholder, StaysWhenAnInstallIsTakenBackOfWhichThereIsNoPlaceholder) {
+    ASSERT_TRUE(demote());
+    EXPECT_FALSE(registry().uninstall(identifier, RemovalReason::sync, RemovalScope::placeholderOnly));
+    EXPECT_TRUE(registry().hasPlaceholder(identifier));
+}
+
+TEST_F(DemotedPlaceholder, ComesBackWithItsDataWhenTheAppsReturnIsTakenBackOrCancelled) {
+    const std::vector<std::function<bool()>> endings{
+        [&] { return bool(registry().uninstall(identifier, RemovalReason::sync, RemovalScope::placeholderOnly)); },
+        [&] { return bool(registry().uninstall(identifier, RemovalReason::sync, RemovalScope::placeholderElseApp)); },
+        [&] { return registry().cancelInstall(identifier); }};
+    ASSERT_TRUE(demote());
+    for (const auto& end : endings) {
+        registry().follow({.demotion = [](std::string_view) { return std::optional(PDInstallTypeDowngrade); }});
+        ASSERT_TRUE(registry().installPlaceholder(placeholder()));
+        ASSERT_NE(registry().progress(identifier), nullptr);
+        EXPECT_TRUE(end());
+        for (int look = 0; look < 2; ++look) { // as it is, and as it was written down
+            EXPECT_EQ(registry().application(identifier)->installType, PDInstallTypeDowngrade);
+            EXPECT_EQ(registry().application(identifier)->installState, std::nullopt);
+            EXPECT_EQ(content(data + "/file"), "data");
+            look == 0 ? open() : void();
+        }
+    }
+    ASSERT_TRUE(registry().installPlaceholder(placeholder()));
+    EXPECT_TRUE(registry().uninstall(identifier, RemovalReason::person, RemovalScope::everything));
+    EXPECT_FALSE(registry().application(identifier));
 }
 
 TEST_F(DemotedPlaceholder, GoesWithItsDataWhenAPersonRemovesIt) {
