@@ -132,6 +132,10 @@ ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQu
         if (ErrorPtr error = _transferOne(asset, queue)) {
             return error;
         }
+        // The plug-in notes durably where the package is that waits for its data.
+        if (const auto durable = hasData ? _parties.device.files().sync() : device::Result<void>(); !durable) {
+            return transferError(TransferError::deviceFailed, device::errorText(durable.error()));
+        }
         _arrived(asset, kQRAssetPartApplicationPackage);
     }
     if ((parts & kQRAssetPartApplicationData) == 0 || (needsPackage && !hasData)) {

@@ -205,7 +205,7 @@ def try_all(runner, points, jobs):
         for outcome in pool.map(runner.try_point, points):
             outcomes.append(outcome)
             if outcome.problems:
-                print(f"FAILED at {outcome.change}\n  repeat: tests/crash/crash.py {outcome.point}")
+                print(f"FAILED at {outcome.change}\n  repeat: {os.path.relpath(sys.argv[0])} {outcome.point}")
                 print("".join(f"    {problem}\n" for problem in outcome.problems), end="", flush=True)
     return outcomes
 
