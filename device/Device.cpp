@@ -311,6 +311,10 @@ Result<std::unique_ptr<Device>> Device::open(const std::string& folder, const De
     return std::unique_ptr<Device>(new Device(std::move(services)));
 }
 
+void Device::letReturn(const std::string& identifier) {
+    _services->workspace->letReturn(identifier);
+}
+
 Platform Device::platform(QRDeviceServiceClass& deviceService, QRErrorClassification& errorClassification) {
     Services& s = *_services;
     const CoordinatorClasses installs = s.coordinator->classes();

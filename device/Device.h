@@ -118,6 +118,9 @@ class Device {
     /// the list that it is on. Errors are of `ProcessErrorDomain` when the app is in use, of `TVInstallerErrorDomain`
     /// otherwise.
     [[nodiscard]] Result<void> demote(const std::string& identifier, bool isAutomatic);
+    /// A sync may bring a demoted app back: until the device is closed its placeholder is hidden from the sync's
+    /// plug-in, which asks for no app that has one. The app stays demoted unless it is installed.
+    void letReturn(const std::string& identifier);
     [[nodiscard]] bool coordinationIsEnabled() const noexcept;
     /// What the registry had to put in order when the device was opened.
     [[nodiscard]] const Settlement& settlement() const noexcept;

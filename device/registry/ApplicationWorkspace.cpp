@@ -42,6 +42,16 @@ void visitRecords(const std::vector<RegistryTable::App>& apps, std::uint64_t typ
 
 } // namespace
 
+void ApplicationWorkspace::letReturn(std::string_view bundleIdentifier) {
+    const std::lock_guard lock(_mutex);
+    _returning.emplace(bundleIdentifier);
+}
+
+bool ApplicationWorkspace::_isListed(const RegistryRecord& record) {
+    const std::lock_guard lock(_mutex);
+    return !record.isDemoted() || !_returning.contains(record.identifier);
+}
+
 void ApplicationWorkspace::_begin(std::string_view bundleIdentifier) {
     const std::lock_guard lock(_mutex);
     _underWay.emplace(bundleIdentifier);
@@ -141,6 +151,9 @@ void ApplicationWorkspace::enumerateBundlesOfType_block(
     }
     bool stop = false;
     visitRecords(_registry._implementation->table().all(), type, [&](const RegistryRecordPtr& record) {
+        if (!_isListed(*record)) {
+            return true;
+        }
         const bool isListedApart =
             !_coordinationIsEnabled && record->isPlaceholder && record->installType == PDInstallTypeRestore;
         block(_registry._implementation->proxy(record, isListedApart ? restoreListPrefix : ""), stop);

@@ -11,6 +11,8 @@
 
 namespace appsync::device {
 
+struct RegistryRecord;
+
 /// Removals made through it count as the sync's, not a person's.
 class ApplicationWorkspace final : public PDApplicationWorkspace,
                                    public PDApplicationWorkspaceClass,
@@ -39,20 +41,25 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
         std::uint64_t type,
         const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block) noexcept override;
 
+    /// A demoted app is to come back: from now on its placeholder is not listed, so that a sync plans its install.
+    void letReturn(std::string_view bundleIdentifier);
+
     [[nodiscard]] PDApplicationWorkspace& defaultWorkspace() noexcept override { return *this; }
     /// With `placeholder`, an app that has both is answered by its placeholder.
     [[nodiscard]] PDApplicationProxyPtr applicationProxyForIdentifier_placeholder(std::string_view bundleIdentifier,
                                                                                   bool placeholder) noexcept override;
 
   private:
+    [[nodiscard]] bool _isListed(const RegistryRecord& record);
     void _begin(std::string_view bundleIdentifier);
     bool _end(std::string_view bundleIdentifier);
 
     Registry& _registry;
     HostLog* const _log;
     const bool _coordinationIsEnabled;
-    std::mutex _mutex;                            // guards the rest
-    std::set<std::string, std::less<>> _underWay; // apps that have an install under way
+    std::mutex _mutex;                             // guards the rest
+    std::set<std::string, std::less<>> _underWay;  // apps that have an install under way
+    std::set<std::string, std::less<>> _returning; // demoted apps that are to come back
 };
 
 } // namespace appsync::device

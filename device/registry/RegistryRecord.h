@@ -2,6 +2,7 @@
 #pragma once
 
 #include "device/archive/Extraction.h"
+#include "platform/ApplicationRegistry.h"
 
 #include <cstdint>
 #include <memory>
@@ -29,6 +30,11 @@ struct RegistryRecord {
     std::uint64_t bytes = 0;             // of the files in the bundle
     bool hasDeviceSinf = false;          // its protection record is bound to this device
 
+    /// Whether it is the placeholder of a demoted app.
+    [[nodiscard]] bool isDemoted() const noexcept {
+        return isPlaceholder &&
+               (installType == PDInstallTypeDowngrade || installType == PDInstallTypeIntentionalDowngrade);
+    }
     [[nodiscard]] std::string containerPath() const { return std::string(containersFolder) + "/" + container; }
     [[nodiscard]] std::string bundlePath() const { return containerPath() + "/" + bundle; }
     [[nodiscard]] std::optional<std::string> iconPath() const {

@@ -9,15 +9,6 @@
 
 namespace appsync::device {
 
-namespace {
-
-bool isDemoted(const RegistryRecordPtr& placeholder) {
-    return placeholder && (placeholder->installType == PDInstallTypeDowngrade ||
-                           placeholder->installType == PDInstallTypeIntentionalDowngrade);
-}
-
-} // namespace
-
 Result<void> Registry::Implementation::uninstall(std::string_view identifier, RemovalReason reason,
                                                  RemovalScope scope) {
     if (reason == RemovalReason::person) {
@@ -26,7 +17,7 @@ Result<void> Registry::Implementation::uninstall(std::string_view identifier, Re
     const AppLocks::Held held(_locks, std::string(identifier));
     const auto app = _table.find(identifier).value_or(RegistryTable::App{});
     const bool removesPlaceholder =
-        app.placeholder && !(scope == RemovalScope::placeholderOnly && isDemoted(app.placeholder));
+        app.placeholder && !(scope == RemovalScope::placeholderOnly && app.placeholder->isDemoted());
     const bool removesApp = app.installed && (scope == RemovalScope::everything ||
                                               (scope == RemovalScope::placeholderElseApp && !app.placeholder));
     if (!removesPlaceholder && !removesApp) {
@@ -72,7 +63,7 @@ bool Registry::Implementation::cancelInstall(std::string_view identifier) {
 
 /// What an app becomes again whose placeholder stands for its return; nothing for one that was not demoted.
 std::optional<std::uint64_t> Registry::Implementation::_typeToFallBackTo(const RegistryTable::App& app) const {
-    const bool isReturning = app.placeholder && !app.installed && !isDemoted(app.placeholder);
+    const bool isReturning = app.placeholder && !app.installed && !app.placeholder->isDemoted();
     return isReturning && _follower.demotion ? _follower.demotion(app.placeholder->identifier) : std::nullopt;
 }
 

@@ -47,16 +47,15 @@ void leaveRestoresToStore(desktop::SyncList& list) {
     list.restores.clear();
 }
 
-/// Without coordination the plug-in asks for no app that has a placeholder of another's making. The data stays.
-void makeWayForDemotedApps(device::Device& device, const desktop::SyncList& list) {
+/// Without coordination the plug-in asks for no app that has a placeholder of another's making.
+void letDemotedAppsReturn(device::Device& device, const desktop::SyncList& list) {
     for (const desktop::AppArchive* archive : list.installs) {
         const auto app = device.registry().application(archive->identifier);
         const bool isDemoted =
             app && app->isPlaceholder &&
             (app->installType == PDInstallTypeDowngrade || app->installType == PDInstallTypeIntentionalDowngrade);
         if (isDemoted) {
-            (void)device.registry().uninstall(archive->identifier, device::RemovalReason::sync,
-                                              device::RemovalScope::placeholderOnly);
+            device.letReturn(archive->identifier);
         }
     }
 }
@@ -114,7 +113,7 @@ ExitCode sync(const SyncArguments& arguments) {
         return ExitCode::done;
     }
     if (!device->coordinationIsEnabled()) {
-        makeWayForDemotedApps(*device, list);
+        letDemotedAppsReturn(*device, list);
     }
     const Interrupt interrupt;
     SyncOptions options{.plugInPath = arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin,

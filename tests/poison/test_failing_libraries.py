@@ -55,3 +55,12 @@ def test_a_demoted_app_that_cannot_come_back_stays_demoted(world, name):
     answer = world.sync("--install", KETTLE)
     assert answer.code == 1, answer.text
     assert world.listed().get(KETTLE, {}).get("demoted"), answer.text
+
+
+def test_a_demoted_app_comes_back_from_a_whole_archive(world):
+    world.add("Kettle", "1.0")
+    world.sync()
+    assert run("demote", world.device, KETTLE).code == 0
+    answer = world.sync("--install", KETTLE)
+    assert answer.results() == {KETTLE: "installed"}, answer.text
+    assert world.apps() == {KETTLE: "1.0"}
