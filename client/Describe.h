@@ -43,31 +43,34 @@ template <class Object>
 concept Describable = isDescribable<std::remove_cv_t<Object>>();
 
 /// Text as it is, arrays as "(a, b)", other objects as they describe themselves.
-template <Describable Object> void describe(std::string& out, Object& object) {
+template <Describable Object> void describe(Description& out, Object& object) {
     using Type = std::remove_cv_t<Object>;
     if constexpr (TextLike<Type>) {
-        out += std::string_view(object);
+        out.append(object);
     } else if constexpr (std::same_as<Type, Value>) {
         object.appendDescription(out);
     } else if constexpr (std::same_as<Type, Dictionary>) {
         Value(object).appendDescription(out);
     } else if constexpr (SelfDescribing<Object>) {
-        out += object.description();
+        out.append(object.description());
     } else if constexpr (Absentable<Type>) {
         if (object) {
             describe(out, *object);
         } else {
-            out += "(null)";
+            out.append("(null)");
         }
     } else {
-        out += '(';
+        out.append("(");
         const char* separator = "";
         for (const auto& item : object) {
-            out += separator;
+            out.append(separator);
             describe(out, item);
             separator = ", ";
+            if (out.isFull()) {
+                return;
+            }
         }
-        out += ')';
+        out.append(")");
     }
 }
 

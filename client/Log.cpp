@@ -4,16 +4,16 @@ namespace appsync {
 
 namespace detail {
 
-void appendUnsigned(std::string& out, std::uint64_t number) {
-    out += std::to_string(number);
+void appendUnsigned(Description& out, std::uint64_t number) {
+    out.append(std::to_string(number));
 }
 
-void appendSigned(std::string& out, std::int64_t number) {
-    out += std::to_string(number);
+void appendSigned(Description& out, std::int64_t number) {
+    out.append(std::to_string(number));
 }
 
-void appendReal(std::string& out, double number) {
-    out += std::to_string(number); // six decimals
+void appendReal(Description& out, double number) {
+    out.append(std::to_string(number)); // six decimals
 }
 
 } // namespace detail

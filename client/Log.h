@@ -3,11 +3,15 @@
 //
 // Conversions: %{public}@ prints any describable object, %s text, %c a character, %d a small number or flag, %lu %llu
 // an unsigned number, %ld %lld a signed one, %f %lf a real with six decimals.
+//
+// An argument is rendered up to its limit and no further (platform/Description.h), since it may come from a small file
+// that expands beyond measure.
 #pragma once
 
 #include "client/Describe.h"
 #include "platform/Log.h"
 
+#include <algorithm>
 #include <array>
 #include <concepts>
 #include <cstdint>
@@ -19,6 +23,15 @@ namespace appsync {
 
 /// The plug-in's bundle identifier; it begins every message.
 inline constexpr std::string_view plugInIdentifier = "com.zuvex.tzl.Quorrel.AppSync";
+
+/// The bytes that the arguments of a message take up at most, but for the marks of what was cut.
+struct MessageLimits {
+    std::size_t argument; // each
+    std::size_t message;  // all together, the format's text before them included
+};
+inline constexpr MessageLimits UsualMessageLimits = {DescriptionLimit, 4 * DescriptionLimit};
+/// A payload is logged for its content: the to-do list of thousands of apps fits.
+inline constexpr MessageLimits OversizeMessageLimits = {std::size_t{2} << 20, std::size_t{4} << 20};
 
 namespace detail {
 
@@ -70,14 +83,14 @@ template <class Argument> constexpr bool accepts(Conversion conversion) {
     return false;
 }
 
-void appendUnsigned(std::string& out, std::uint64_t number);
-void appendSigned(std::string& out, std::int64_t number);
-void appendReal(std::string& out, double number);
+void appendUnsigned(Description& out, std::uint64_t number);
+void appendSigned(Description& out, std::int64_t number);
+void appendReal(Description& out, double number);
 
-template <class Argument> void appendArgument(std::string& out, const Argument& argument) {
+template <class Argument> void appendArgument(Description& out, const Argument& argument) {
     using Type = std::remove_cvref_t<Argument>;
     if constexpr (std::is_same_v<Type, char>) {
-        out += argument;
+        out.append({&argument, 1});
     } else if constexpr (std::is_integral_v<Type>) {
         std::is_signed_v<Type> ? appendSigned(out, static_cast<std::int64_t>(argument))
                                : appendUnsigned(out, static_cast<std::uint64_t>(argument));
@@ -145,6 +158,8 @@ class PlugInLog {
         if (!_sink.isEnabled(category, level)) {
             return;
         }
+        const MessageLimits& limits =
+            category == QRLogCategorySyncBundle_Oversize ? OversizeMessageLimits : UsualMessageLimits;
         std::string text;
         if (withIdentifier) {
             text.append(plugInIdentifier).append("|");
@@ -153,7 +168,9 @@ class PlugInLog {
         [[maybe_unused]] const auto append = [&](const auto& argument) {
             const auto specifier = detail::nextSpecifier(format, from);
             text.append(format.substr(from, specifier.begin - from));
-            detail::appendArgument(text, argument);
+            Description description(text,
+                                    std::min(limits.argument, limits.message - std::min(limits.message, text.size())));
+            detail::appendArgument(description, argument);
             from = specifier.end;
         };
         (append(arguments), ...);

@@ -6,7 +6,8 @@ std::string Error::description() const {
     std::string out = _domain + " " + std::to_string(_code);
     if (!_userInfo.empty()) {
         out += ' ';
-        Value(_userInfo).appendDescription(out);
+        Description userInfo(out);
+        Value(_userInfo).appendDescription(userInfo);
     }
     return out;
 }

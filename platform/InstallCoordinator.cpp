@@ -6,8 +6,7 @@ std::string KXPlaceholderAttributes::description() const {
     std::string out = "<launchProhibited=";
     out += launchProhibited ? '1' : '0';
     out += " bundleVersion=" + bundleVersion.value_or("(null)") + " infoPlist=";
-    (infoPlist ? Value(*infoPlist) : Value()).appendDescription(out);
-    return out + ">";
+    return out + (infoPlist ? Value(*infoPlist) : Value()).description() + ">";
 }
 
 } // namespace appsync

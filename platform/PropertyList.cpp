@@ -203,57 +203,63 @@ bool operator==(const Dictionary& a, const Dictionary& b) noexcept {
 
 namespace {
 
-template <class Number> void appendNumber(std::string& out, Number number) {
+template <class Number> void appendNumber(Description& out, Number number) {
     char digits[32];
     const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
-    out.append(digits, end);
+    out.append({digits, end});
 }
 
-void append(std::string& out, const Value& value, std::size_t depth);
+void append(Description& out, const Value& value, std::size_t depth);
 
-void append(std::string& out, const Array& items, std::size_t depth) {
-    out += '(';
+void append(Description& out, const Array& items, std::size_t depth) {
+    out.append("(");
     const char* separator = "";
     for (const Value& item : items) {
-        out += separator;
+        out.append(separator);
         append(out, item, depth);
         separator = ", ";
+        if (out.isFull()) {
+            return;
+        }
     }
-    out += ')';
+    out.append(")");
 }
 
-void append(std::string& out, const Dictionary& entries, std::size_t depth) {
-    out += '{';
+void append(Description& out, const Dictionary& entries, std::size_t depth) {
+    out.append("{");
     const char* separator = "";
     for (const auto& [key, value] : entries) {
-        out += separator;
-        out += key.view();
-        out += " = ";
+        out.append(separator);
+        out.append(key);
+        out.append(" = ");
         append(out, value, depth);
-        out += ';';
+        out.append(";");
         separator = " ";
+        if (out.isFull()) {
+            return;
+        }
     }
-    out += '}';
+    out.append("}");
 }
 
-void append(std::string& out, const Value& value, std::size_t depth) {
+void append(Description& out, const Value& value, std::size_t depth) {
     switch (value.kind()) {
-    case Value::Kind::null: out += "(null)"; break;
-    case Value::Kind::boolean: out += *value.truth() ? '1' : '0'; break;
+    case Value::Kind::null: out.append("(null)"); break;
+    case Value::Kind::boolean: out.append(*value.truth() ? "1" : "0"); break;
     case Value::Kind::integer: appendNumber(out, *value.integer()); break;
     case Value::Kind::unsignedInteger: appendNumber(out, *value.unsignedInteger()); break;
     case Value::Kind::real: appendNumber(out, *value.real()); break;
     case Value::Kind::date: appendNumber(out, value.date()->secondsSinceReference); break;
-    case Value::Kind::string: out += *value.string(); break;
+    case Value::Kind::string: out.append(*value.string()); break;
     case Value::Kind::data:
-        out += '<';
+        out.append("<");
         appendNumber(out, value.data()->size());
-        out += " bytes>";
+        out.append(" bytes>");
         break;
     case Value::Kind::array:
     case Value::Kind::dictionary:
         if (depth == depthLimit) {
-            out += "...";
+            out.append("...");
         } else if (const Array* items = value.array()) {
             append(out, *items, depth + 1);
         } else {
@@ -267,11 +273,12 @@ void append(std::string& out, const Value& value, std::size_t depth) {
 
 std::string Value::description() const {
     std::string out;
-    appendDescription(out);
+    Description description(out);
+    appendDescription(description);
     return out;
 }
 
-void Value::appendDescription(std::string& out) const {
+void Value::appendDescription(Description& out) const {
     append(out, *this, 0);
 }
 

@@ -5,6 +5,7 @@
 // Different objects may be used on different threads at the same time, also when they share storage.
 #pragma once
 
+#include "platform/Description.h"
 #include "platform/ValueCell.h"
 
 #include <cstddef>
@@ -119,9 +120,9 @@ class Value {
 
     /// On one line: strings as they are, arrays "(a, b)", dictionaries "{k = v; l = w;}", data as its length
     /// ("<5 bytes>"), booleans as 1 and 0, dates as their seconds, null "(null)". Containers more than 512 levels down
-    /// are left out ("...").
+    /// are left out ("..."), and so is what would go beyond the description's limit.
     [[nodiscard]] std::string description() const;
-    void appendDescription(std::string& out) const;
+    void appendDescription(Description& out) const;
 
     /// Same kind and content; whole numbers are compared by value, dictionaries without regard to order. Containers
     /// more than 512 levels down, where no file reaches, are equal only when they share storage.

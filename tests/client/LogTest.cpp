@@ -159,6 +159,39 @@ TEST_F(PlugInMessages, PrintObjectsOnOneLine) {
               "<launchProhibited=0 bundleVersion=(null) infoPlist=(null)>");
 }
 
+/// What stands behind `bytes` bytes of a message of which the rest was cut.
+std::string cutAfter(std::size_t bytes) {
+    return "... (cut after " + std::to_string(bytes) + " bytes)";
+}
+
+TEST_F(PlugInMessages, CutAnArgumentAtItsLimit) {
+    const std::size_t limit = UsualMessageLimits.argument;
+    const std::string longest(limit, 'x');
+    EXPECT_EQ(render("%{public}@|%{public}@", longest, std::string("b")), longest + "|b");
+    EXPECT_EQ(render("a %{public}@ b", longest + "y"), "a " + longest + cutAfter(limit) + " b");
+    EXPECT_EQ(render("%s", longest + "y"), longest + cutAfter(limit));
+    EXPECT_EQ(render("%{public}@", std::vector(3, longest)), "(" + longest.substr(1) + cutAfter(limit));
+    EXPECT_EQ(render("%{public}@", Array(700, longest)), "(" + longest.substr(1) + cutAfter(limit));
+}
+
+TEST_F(PlugInMessages, CutTheirArgumentsTogetherAtALimit) {
+    const std::string half(UsualMessageLimits.argument, 'x');
+    log.message("%s%s%s%s%s%d", half, half, half, half, half, 7);
+    const std::string& text = sink.messages.back().text;
+    EXPECT_LT(text.size(), UsualMessageLimits.message + 100);
+    EXPECT_TRUE(text.ends_with(cutAfter(0))) << text.substr(text.size() - 100);
+}
+
+TEST_F(PlugInMessages, HoldMoreOfALargePayload) {
+    const std::size_t limit = OversizeMessageLimits.argument;
+    const std::string longest(limit, 'x');
+    log.oversize("%{public}@", longest);
+    EXPECT_TRUE(sink.messages.back().text.ends_with("|" + longest));
+    log.oversize("%{public}@", Array(700, longest));
+    EXPECT_TRUE(sink.messages.back().text.ends_with("x" + cutAfter(limit)));
+    EXPECT_LT(sink.messages.back().text.size(), limit + 100);
+}
+
 TEST_F(PlugInMessages, KeepPercentSignsOfArguments) {
     EXPECT_EQ(render("a %{public}@ b %d", std::string("%d %{public}@"), 5), "a %d %{public}@ b 5");
 }

@@ -1,3 +1,4 @@
+#include "platform/Error.h"
 #include "platform/PropertyList.h"
 
 #include <gtest/gtest.h>
@@ -232,8 +233,29 @@ TEST(Value, DescribesItselfOnOneLine) {
     EXPECT_EQ(Value(Dictionary{{"k", "v"}}).description(), "{k = v;}");
     EXPECT_EQ(Value(Dictionary{{"k", "v"}, {"l", Dictionary{{"m", 1}}}}).description(), "{k = v; l = {m = 1;};}");
     std::string out = "list: ";
-    Value(Array{1, 2}).appendDescription(out);
+    Description description(out);
+    Value(Array{1, 2}).appendDescription(description);
     EXPECT_EQ(out, "list: (1, 2)");
+}
+
+TEST(Value, DescribesNoMoreThanTheLimit) {
+    const std::string mark = "... (cut after " + std::to_string(DescriptionLimit) + " bytes)";
+    const std::string longest(DescriptionLimit, 'x');
+    EXPECT_EQ(Value(longest).description(), longest);
+    EXPECT_EQ(Value(longest + "x").description(), longest + mark);
+    EXPECT_EQ(Value(Array{longest, 1}).description(), "(" + longest.substr(1) + mark);
+    EXPECT_EQ(Value(Array{longest.substr(2)}).description(), "(" + longest.substr(2) + ")");
+    EXPECT_EQ(Value(Dictionary{{"k", longest}, {"l", 1}}).description(), "{k = " + longest.substr(5) + mark);
+    EXPECT_EQ(Value(longest.substr(1) + "\xE2\x82\xAC").description(), longest.substr(1) + mark); // no half characters
+}
+
+TEST(Value, DescribesWhatExpandsBeyondMeasureInNoTime) {
+    Value value = std::string(std::size_t{1} << 20, 'x');
+    for (int i = 0; i < 200; ++i) { // a description of all of it would never end
+        value = Array{value, Dictionary{{"", value}}};
+    }
+    EXPECT_LT(value.description().size(), DescriptionLimit + 100);
+    EXPECT_LT(Error("Domain", 1, {{"list", value}}).description().size(), DescriptionLimit + 100);
 }
 
 /// `depth` containers in one another, arrays and dictionaries in turn.
