@@ -40,6 +40,13 @@ struct DictionaryBox : ContainerBox {
     [[nodiscard]] static DictionaryBox* make(std::size_t capacity, BoxArena& arena);
 };
 
+/// The bytes of a text or datum in a box, which many cells can share; 0 for anything else.
+[[nodiscard]] inline std::size_t boxedSize(const Cell& cell) noexcept {
+    return cell.tag() == Tag::sharedText ? cell.textView().size()
+           : cell.tag() == Tag::data     ? static_cast<const DataBox*>(cell.box())->size
+                                         : 0;
+}
+
 static_assert(sizeof(DictionaryBox) == sizeof(ContainerBox) + sizeof(Dictionary), "entries begin right behind both");
 
 } // namespace detail

@@ -23,6 +23,7 @@ namespace {
 using Code = PropertyListErrorCode;
 using detail::ArrayBox;
 using detail::Box;
+using detail::boxedSize;
 using detail::Cell;
 using detail::DataBox;
 using detail::DictionaryBox;
@@ -41,7 +42,7 @@ class BinaryReader {
         std::size_t offset;
         std::size_t count;
     };
-    /// The keys of the dictionary last read, how long they are together, and how the file refers to them.
+    /// The keys of a dictionary, how long those in boxes are together, and how the file refers to them.
     struct Keys {
         std::string_view references;
         const Dictionary::Entry* entries = nullptr;
@@ -71,8 +72,8 @@ class BinaryReader {
 
     [[nodiscard]] Content content(std::size_t at, std::size_t width);
     void chargeContent(std::size_t size, std::size_t at);
-    void chargeKeys(std::size_t size, std::size_t at);
     void chargeElements(std::size_t count, std::size_t at);
+    void chargeRepetition(std::size_t size, std::size_t at);
     void chargeShared(const Cell& cell, std::size_t at, std::size_t depth);
 
     [[nodiscard]] std::uint8_t byteAt(std::size_t at) const { return static_cast<std::uint8_t>(_bytes[at]); }
@@ -94,9 +95,9 @@ class BinaryReader {
     std::uint64_t _largestReference = 0;
     std::uint64_t _objectCount = 0;
     std::uint64_t _root = 0;
-    std::size_t _elementsLeft = 0; // that all references, followed, may still lead to
-    std::size_t _contentLeft = 0;  // bytes that boxes may still be made from
-    std::size_t _keyBytesLeft = 0; // that the keys of all dictionaries may still have
+    std::size_t _elementsLeft = 0;   // that all references, followed, may still lead to
+    std::size_t _contentLeft = 0;    // bytes that boxes may still be made from
+    std::size_t _repetitionLeft = 0; // bytes that keys, texts and data may still have where they are met again
     detail::BoxArena _arena;
     std::vector<Box*> _boxes;       // by object number; the values own them
     Box _beingRead;                 // stands for a container that has not been read to its end
@@ -130,7 +131,7 @@ void BinaryReader::readTrailer() {
     _largestReference = largestOfWidth(_referenceWidth);
     _elementsLeft = _bytes.size() * PropertyListExpansionFactor;
     _contentLeft = _bytes.size();
-    _keyBytesLeft = _bytes.size() * PropertyListKeyFactor;
+    _repetitionLeft = _bytes.size() * PropertyListRepetitionFactor + PropertyListRepetitionAllowance;
     _boxes.resize(static_cast<std::size_t>(_objectCount));
 }
 
@@ -388,7 +389,7 @@ void BinaryReader::readKeys(Dictionary& dictionary, std::size_t at, std::size_t 
         for (std::size_t i = 0; i < entries.size(); ++i) {
             new (&ValueAccess::cell(entries[i].key)) Cell(ValueAccess::cell(last.entries[i].key).unpublishedCopy());
         }
-        chargeKeys(last.bytes, at);
+        chargeRepetition(last.bytes, at);
         ValueAccess::indexEntries(dictionary);
         return;
     }
@@ -399,10 +400,9 @@ void BinaryReader::readKeys(Dictionary& dictionary, std::size_t at, std::size_t 
         if (!key.isText()) {
             failReading(Code::invalidKey, reference, "a key that is no text");
         }
-        size += key.textView().size();
+        size += boxedSize(key);
         new (&ValueAccess::cell(entries[i].key)) Cell(std::move(key));
     }
-    chargeKeys(size, at);
     rejectDuplicateKeys(dictionary, at);
     last = {references, entries.data(), size};
 }
@@ -426,14 +426,6 @@ void BinaryReader::chargeContent(std::size_t size, std::size_t at) {
     _contentLeft -= size;
 }
 
-/// Counts the bytes of keys that have to be compared or indexed.
-void BinaryReader::chargeKeys(std::size_t size, std::size_t at) {
-    if (size > _keyBytesLeft) {
-        failReading(Code::tooLarge, at, "dictionaries with keys that are too long for their number");
-    }
-    _keyBytesLeft -= size;
-}
-
 void BinaryReader::chargeElements(std::size_t count, std::size_t at) {
     if (count > _elementsLeft) {
         failReading(Code::tooLarge, at, "containers that are referred to so often that they expand beyond measure");
@@ -441,9 +433,18 @@ void BinaryReader::chargeElements(std::size_t count, std::size_t at) {
     _elementsLeft -= count;
 }
 
-/// Walks through a container that is referred to once more, as whoever follows the references will.
+/// Counts what whoever follows the references will copy, compare or write once more.
+void BinaryReader::chargeRepetition(std::size_t size, std::size_t at) {
+    if (size > _repetitionLeft) {
+        failReading(Code::tooLarge, at, "texts or data that are referred to so often that they expand beyond measure");
+    }
+    _repetitionLeft -= size;
+}
+
+/// Walks through an object that is referred to once more, as whoever follows the references will.
 void BinaryReader::chargeShared(const Cell& cell, std::size_t at, std::size_t depth) {
     if (!cell.isContainer()) {
+        chargeRepetition(boxedSize(cell), at);
         return;
     }
     if (depth >= PropertyListDepthLimit) {
@@ -459,6 +460,7 @@ void BinaryReader::chargeShared(const Cell& cell, std::size_t at, std::size_t de
         const Dictionary& entries = static_cast<const DictionaryBox*>(cell.box())->entries;
         chargeElements(2 * entries.size(), at);
         for (const Dictionary::Entry& entry : entries) {
+            chargeRepetition(boxedSize(ValueAccess::cell(entry.key)), at);
             chargeShared(ValueAccess::cell(entry.value), at, depth + 1);
         }
     }

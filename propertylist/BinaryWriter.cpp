@@ -23,6 +23,7 @@ namespace appsync::propertylist {
 namespace {
 
 using Code = PropertyListErrorCode;
+using detail::boxedSize;
 using detail::Cell;
 using detail::Tag;
 
@@ -51,7 +52,7 @@ class BinaryWriter {
     Data write(const Value& root);
 
   private:
-    /// The dictionary whose keys were added last, where their numbers stand, and how long the keys are together.
+    /// A dictionary, where the numbers of its keys stand, and how long those in boxes are together.
     struct Keys {
         const Dictionary* dictionary = nullptr;
         std::size_t position = 0;
@@ -65,6 +66,7 @@ class BinaryWriter {
     static constexpr std::size_t headSize = 10;
 
     std::uint32_t addScalar(const Cell& cell, std::uint64_t hash);
+    bool mayRepeat(std::size_t size);
     std::uint32_t addContainer(const Cell& cell, std::size_t depth);
     void addItems(const Array& items, std::size_t depth);
     void addEntries(const Dictionary& entries, std::size_t depth);
@@ -98,7 +100,8 @@ class BinaryWriter {
     std::vector<std::uint32_t> _keys;       // lists of keys
     std::array<Keys, 16> _lastKeys;         // by number of keys
     std::uint32_t _containerCount = 0;
-    std::size_t _keyBytes = 0; // of all dictionaries
+    std::size_t _repeated = 0; // bytes of keys, texts and data where they are referred to again
+    std::uint64_t _copies = 0; // of objects that would have been referred to too often
 };
 
 BinaryWriter::BinaryWriter(const Estimate& expected, std::size_t limit)
@@ -138,12 +141,28 @@ std::uint32_t BinaryWriter::addScalar(const Cell& cell, std::uint64_t hash) {
     const std::size_t size = writeScalar(cell);
     // No object is the beginning of another one, so that the size needs no comparison.
     const auto isSame = [&](std::uint32_t number) { return _out.at(_offsets[number], size) == _out.written(size); };
-    const auto [number, isNew] = _index.findOrAdd(hash, isSame);
+    auto [number, isNew] = _index.findOrAdd(hash, isSame);
+    if (!isNew && cell.isBoxed() && !mayRepeat(boxedSize(cell))) {
+        // Under another hash, so that looking the object up does not lead past all copies of it.
+        number = _index.findOrAdd(hash + ++_copies * 0x9E3779B97F4A7C15, [](std::uint32_t) { return false; }).number;
+        isNew = true;
+    }
     if (isNew) {
         _offsets.push_back(static_cast<std::uint32_t>(_out.size()));
         _out.advance(size);
     }
     return number;
+}
+
+/// True, and counted, when the reader accepts so many repeated bytes more in a file that is no smaller than by now:
+/// each number that is noted takes at least one byte.
+bool BinaryWriter::mayRepeat(std::size_t size) {
+    const std::size_t least = _out.size() + _containers.size() + _keys.size() + _pending.size();
+    if (_repeated + size > least * PropertyListRepetitionFactor + PropertyListRepetitionAllowance) {
+        return false;
+    }
+    _repeated += size;
+    return true;
 }
 
 /// The same for all cells that are written as the same object.
@@ -231,8 +250,8 @@ std::size_t BinaryWriter::addKeys(const Dictionary& entries, std::size_t& i) {
     };
     Keys& last = _lastKeys[entries.size() % _lastKeys.size()];
     if (last.dictionary != nullptr &&
-        std::equal(entries.begin(), entries.end(), last.dictionary->begin(), last.dictionary->end(), sameBits)) {
-        _keyBytes += last.bytes;
+        std::equal(entries.begin(), entries.end(), last.dictionary->begin(), last.dictionary->end(), sameBits) &&
+        mayRepeat(last.bytes)) {
         return last.position;
     }
     const std::size_t position = _keys.size();
@@ -241,9 +260,8 @@ std::size_t BinaryWriter::addKeys(const Dictionary& entries, std::size_t& i) {
     movePending(firstPending, _keys);
     last = {&entries, position, 0};
     for (const Dictionary::Entry& entry : entries) {
-        last.bytes += entry.key.view().size();
+        last.bytes += boxedSize(ValueAccess::cell(entry.key));
     }
-    _keyBytes += last.bytes;
     return position;
 }
 
@@ -381,9 +399,6 @@ Data BinaryWriter::write(const Value& root) {
     const std::size_t referenceWidth = widthOf(_index.size() + _containerCount - 1);
     writeContainers(referenceWidth);
     writeTable(number, referenceWidth);
-    if (_keyBytes > _out.size() * PropertyListKeyFactor) { // which the reader would not accept
-        failWriting(Code::tooLarge, "dictionaries with keys that are too long for their number");
-    }
     return _out.finish();
 }
 

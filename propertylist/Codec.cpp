@@ -67,8 +67,17 @@ std::optional<Data> PropertyListCodec::dataWithPropertyList(const Value& value, 
                                                             ErrorPtr* error) noexcept {
     return guarded(error, false, [&] {
         return format == PropertyListFormat::binary ? propertylist::writeBinary(value, PropertyListSizeLimit)
-                                                    : propertylist::writeXml(value, PropertyListSizeLimit);
+                                                    : propertylist::writeXml(value, PropertyListXmlLimit);
     });
+}
+
+bool PropertyListCodec::writeXml(const Value& value, const std::function<bool(std::string_view)>& take,
+                                 ErrorPtr* error) noexcept {
+    const auto written = guarded(error, false, [&] {
+        propertylist::writeXml(value, take);
+        return true;
+    });
+    return written.has_value();
 }
 
 } // namespace appsync

@@ -29,7 +29,7 @@ std::size_t asciiPrefix(std::string_view text, std::size_t from) noexcept {
 }
 
 /// The length of the well-formed character that starts with a byte above 0x7F; 0 when there is none.
-std::size_t characterLength(std::string_view text, std::size_t i) noexcept {
+std::size_t longCharacterLength(std::string_view text, std::size_t i) noexcept {
     const unsigned lead = byteAt(text, i);
     const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
     if (lead < 0xC2 || lead > 0xF4 || text.size() - i < length) {
@@ -77,13 +77,17 @@ void appendCharacter(std::string& out, std::uint32_t c) {
 
 } // namespace
 
+std::size_t characterLength(std::string_view text) noexcept {
+    return byteAt(text, 0) < 0x80 ? 1 : longCharacterLength(text, 0);
+}
+
 bool isAscii(std::string_view text) noexcept {
     return asciiPrefix(text, 0) == text.size();
 }
 
 std::size_t invalidUtf8(std::string_view text) noexcept {
     for (std::size_t i = asciiPrefix(text, 0); i < text.size(); i = asciiPrefix(text, i)) {
-        const std::size_t length = characterLength(text, i);
+        const std::size_t length = longCharacterLength(text, i);
         if (length == 0) {
             return i;
         }

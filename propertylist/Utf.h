@@ -9,6 +9,13 @@ namespace appsync::propertylist {
 
 inline constexpr std::size_t allValid = static_cast<std::size_t>(-1);
 
+/// U+FFFD, which stands for what is no character or cannot be held.
+inline constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
+
+/// How many bytes the character at the front of a text that is not empty takes; 0 when the first byte is not part of
+/// one.
+[[nodiscard]] std::size_t characterLength(std::string_view text) noexcept;
+
 [[nodiscard]] bool isAscii(std::string_view text) noexcept;
 
 /// Where the first byte stands that is not part of a character: overlong forms, surrogates, values above U+10FFFF and

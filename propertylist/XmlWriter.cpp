@@ -1,14 +1,16 @@
 #include "propertylist/XmlWriter.h"
 
 #include "propertylist/Base64.h"
+#include "propertylist/ByteBuffer.h"
 #include "propertylist/Codec.h"
 #include "propertylist/Failure.h"
 #include "propertylist/IsoDate.h"
-#include "propertylist/Utf.h"
 #include "propertylist/XmlText.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <set>
 
 namespace appsync::propertylist {
 
@@ -16,30 +18,39 @@ namespace {
 
 using Code = PropertyListErrorCode;
 
+using Take = std::function<bool(std::string_view)>;
+
 class XmlWriter {
   public:
-    explicit XmlWriter(std::size_t limit) : _limit(limit) {}
+    explicit XmlWriter(const Take& take) : _take(take) {}
 
-    Data write(const Value& root);
+    void write(const Value& root);
 
   private:
+    struct NotWanted {}; // thrown when nobody takes what was written
+
     void append(const Value& value, std::size_t depth);
     void appendText(std::string_view text);
     void appendArray(const Array& items, std::size_t depth);
     void appendDictionary(const Dictionary& entries, std::size_t depth);
+    void appendEntry(const Dictionary::Entry& entry, std::size_t depth);
     template <class Number> void appendNumber(Number number);
     void startLine(std::size_t depth) {
-        checkLimit();
+        constexpr std::size_t pieceSize = std::size_t{32} << 10;
+        if (_out.size() >= pieceSize) {
+            handOver();
+        }
         _out += '\n';
         _out.append(depth, '\t');
     }
-    void checkLimit() const {
-        if (_out.size() > _limit) {
-            failWriting(Code::tooLarge, "more than " + std::to_string(_limit) + " bytes");
+    void handOver() {
+        if (!_take(_out)) {
+            throw NotWanted();
         }
+        _out.clear();
     }
 
-    std::size_t _limit;
+    const Take& _take;
     std::string _out;
 };
 
@@ -55,14 +66,12 @@ std::string_view escaped(char c) {
 }
 
 void XmlWriter::appendText(std::string_view text) {
-    if (invalidUtf8(text) != allValid) {
-        failWriting(Code::invalidText, "a text that is not valid UTF-8, " + quoted(text) + ",");
+    if (!isXmlText(text)) {
+        appendText(xmlTextFrom(text));
+        return;
     }
     std::size_t written = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        if (isForbiddenInXml(text, i)) {
-            failWriting(Code::invalidText, "a text with a character that XML cannot hold, " + quoted(text) + ",");
-        }
         const std::string_view replacement = escaped(text[i]);
         if (!replacement.empty()) {
             _out += text.substr(written, i - written);
@@ -155,34 +164,56 @@ void XmlWriter::appendDictionary(const Dictionary& entries, std::size_t depth) {
         return;
     }
     _out += "<dict>";
-    for (const auto& [key, value] : entries) {
-        try {
-            startLine(depth + 1);
-            _out += "<key>";
-            appendText(key);
-            _out += "</key>";
-            append(value, depth + 1);
-        } catch (Failure& failure) {
-            prependKey(failure, key);
-            throw;
+    const bool allAreHeld =
+        std::ranges::all_of(entries, [](const Dictionary::Entry& entry) { return isXmlText(entry.key); });
+    std::set<std::string> written; // keys, when some of them may become the same
+    for (const Dictionary::Entry& entry : entries) {
+        if (allAreHeld || written.insert(xmlTextFrom(entry.key)).second) {
+            appendEntry(entry, depth + 1);
         }
     }
     startLine(depth);
     _out += "</dict>";
 }
 
-Data XmlWriter::write(const Value& root) {
-    _out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">";
-    append(root, 0);
-    _out += "\n</plist>\n";
-    checkLimit();
-    return Data(std::move(_out));
+void XmlWriter::appendEntry(const Dictionary::Entry& entry, std::size_t depth) {
+    try {
+        startLine(depth);
+        _out += "<key>";
+        appendText(entry.key);
+        _out += "</key>";
+        append(entry.value, depth);
+    } catch (Failure& failure) {
+        prependKey(failure, entry.key);
+        throw;
+    }
+}
+
+void XmlWriter::write(const Value& root) {
+    try {
+        _out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">";
+        append(root, 0);
+        _out += "\n</plist>\n";
+        handOver();
+    } catch (const NotWanted&) {
+        // Whoever took no more knows why.
+    }
 }
 
 } // namespace
 
 Data writeXml(const Value& root, std::size_t limit) {
-    return XmlWriter(limit).write(root);
+    ByteBuffer file(limit);
+    writeXml(root, [&](std::string_view piece) {
+        piece.copy(file.room(piece.size()), piece.size());
+        file.advance(piece.size());
+        return true;
+    });
+    return file.finish();
+}
+
+void writeXml(const Value& root, const Take& take) {
+    XmlWriter(take).write(root);
 }
 
 } // namespace appsync::propertylist

@@ -59,6 +59,13 @@ class RestorePlaceholder : public inmemory::ClientTest {
                                 std::to_string(plist(metadata).size()) + " bytes>; ApplicationSINF = <4 bytes>;})";
 };
 
+TEST_F(RestorePlaceholder, IsInstalledWhateverItsTitleIs) {
+    metadata.set("title", "N\x01\x1b[m\xEF\xBF\xBE"); // which XML cannot hold
+    EXPECT_TRUE(process());
+    EXPECT_EQ(world.files.plistAt(bundle + "/Info.plist")->dictionary()->string("BXBundleDisplayName"),
+              "N\uFFFD\uFFFD[m\uFFFD");
+}
+
 TEST_F(RestorePlaceholder, IsBuiltAndInstalled) {
     EXPECT_TRUE(process());
     EXPECT_EQ(

@@ -233,17 +233,57 @@ std::string dictionariesWithKey(std::size_t count, std::size_t size) {
     return file.file();
 }
 
+/// How many repeated bytes a file of this size may lead to.
+std::size_t allowedRepetition(std::size_t fileSize) {
+    return PropertyListRepetitionFactor * fileSize + PropertyListRepetitionAllowance;
+}
+
 TEST(HostileBinary, RefusesLongKeysThatAreUsedAgainAndAgain) {
     // The work of comparing and indexing keys grows with their length, though each is in the file only once.
-    constexpr std::size_t size = 20'000;
+    constexpr std::size_t size = 200'000;
     std::size_t count = 1;
-    while (count * size <= PropertyListKeyFactor * dictionariesWithKey(count, size).size()) {
+    while ((count - 1) * size <= allowedRepetition(dictionariesWithKey(count, size).size())) {
         ++count;
     }
     EXPECT_EQ(mustRead(dictionariesWithKey(count - 1, size)).array()->size(), count - 1);
     const std::string file = dictionariesWithKey(count, size);
     const std::size_t lastDictionary = file.size() - 32 - 3 * (count + 3) - 5;
     expectReadError(file, Code::tooLarge, lastDictionary + 1);
+}
+
+/// An array that refers `count` times to one object.
+std::string repeating(const std::string& object, std::size_t count) {
+    BinaryFile file;
+    file.offsetWidth = 4;
+    file.objects = {bytes({0xAF, 0x12}) + bigEndian(count, 4) + std::string(count, '\x01'), object};
+    return file.file();
+}
+
+TEST(HostileBinary, RefusesTextsAndDataThatAreReferredToAgainAndAgain) {
+    constexpr std::size_t size = 1'000'000; // of each; in UTF-8
+    const std::string objects[] = {bytes({0x5F, 0x12}) + bigEndian(size, 4) + std::string(size, 'x'),
+                                   bytes({0x4F, 0x12}) + bigEndian(size, 4) + std::string(size, 'x')};
+    for (const std::string& object : objects) {
+        std::size_t count = 1;
+        while (count * size <= allowedRepetition(repeating(object, count + 1).size())) {
+            ++count;
+        }
+        EXPECT_EQ(mustRead(repeating(object, count)).array()->size(), count);
+        expectReadError(repeating(object, count + 1), Code::tooLarge, 8 + 6 + count);
+    }
+}
+
+TEST(HostileBinary, CountsTheTextsOfSharedContainers) {
+    // 100 times a dictionary with a key and a text of 300,000 bytes each.
+    const std::string text = bytes({0x5F, 0x12}) + bigEndian(300'000, 4) + std::string(300'000, 'x');
+    BinaryFile file;
+    file.offsetWidth = 4;
+    file.objects = {bytes({0xAF, 0x10, 100}) + std::string(100, '\x01'), bytes({0xD1, 2, 2}), text};
+    ErrorPtr error;
+    EXPECT_FALSE(PropertyListCodec().propertyListWithData(file.file(), &error));
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(Code::tooLarge)) << error->description();
+    file.objects[0] = bytes({0xAF, 0x10, 20}) + std::string(20, '\x01');
+    EXPECT_EQ(mustRead(file.file()).array()->size(), 20U);
 }
 
 TEST(HostileBinary, RefusesMoreBytesThanTheLimitWithoutLookingAtThem) {

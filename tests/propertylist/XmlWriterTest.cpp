@@ -84,18 +84,70 @@ TEST(XmlWriter, EveryCharacterThatXmlCanHoldIsReadBack) {
     EXPECT_EQ(mustRead(written(value)), value);
 }
 
+TEST(XmlWriter, ReplacesCharactersThatXmlCannotHold) {
+    const auto text = [](std::string_view content) {
+        return document("<string>" + std::string(content) + "</string>");
+    };
+    EXPECT_EQ(written("a\x01"
+                      "b\x1F"),
+              text("a\uFFFDb\uFFFD"));
+    EXPECT_EQ(written("a\0b<"s), text("a\uFFFDb&lt;"));
+    EXPECT_EQ(written("\xEF\xBF\xBE|\xEF\xBF\xBF"), text("\uFFFD|\uFFFD"));
+    EXPECT_EQ(written("\xEF\xBF\xBD\xEF\xB7\x90"), text("\xEF\xBF\xBD\xEF\xB7\x90")); // U+FDD0 it can
+    EXPECT_EQ(written("a\xFF\xE2\x82"
+                      "b\xED\xA0\x80"),
+              text("a\uFFFD\uFFFD\uFFFDb\uFFFD\uFFFD\uFFFD"));
+}
+
+TEST(XmlWriter, KeepsTheFirstOfTheKeysThatBecomeTheSame) {
+    EXPECT_EQ(mustRead(written(Dictionary{{"a\x01", 1}, {"a\x02", 2}, {"a", 3}, {"a\uFFFD", 4}})),
+              Value(Dictionary{{"a\uFFFD", 1}, {"a", 3}}));
+}
+
+TEST(XmlWriter, HandsTheTextOverPieceByPiece) {
+    const Value list = Array(100'000, "a text of some length");
+    std::string whole;
+    std::size_t largest = 0;
+    ErrorPtr error;
+    EXPECT_TRUE(PropertyListCodec().writeXml(
+        list,
+        [&](std::string_view piece) {
+            whole += piece;
+            largest = std::max(largest, piece.size());
+            return true;
+        },
+        &error));
+    EXPECT_EQ(whole, written(list));
+    EXPECT_LT(largest, 100'000U);
+}
+
+TEST(XmlWriter, StopsWhenNobodyTakesTheText) {
+    int pieces = 0;
+    EXPECT_TRUE(PropertyListCodec().writeXml(
+        Array(100'000, "a text of some length"), [&](std::string_view) { return ++pieces < 2; }, nullptr));
+    EXPECT_EQ(pieces, 2);
+}
+
+TEST(XmlWriter, MakesNoFileOfAListThatExpandsBeyondMeasure) {
+    const Value list = Array(2000, std::string(100'000, 'x'));
+    ErrorPtr error;
+    EXPECT_FALSE(PropertyListCodec().dataWithPropertyList(list, PropertyListFormat::xml, &error));
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(Code::tooLarge));
+    std::size_t size = 0;
+    const auto count = [&](std::string_view piece) {
+        size += piece.size();
+        return true;
+    };
+    EXPECT_TRUE(PropertyListCodec().writeXml(list, count, nullptr));
+    EXPECT_GT(size, PropertyListXmlLimit);
+}
+
 TEST(XmlWriter, RefusesWhatXmlCannotHold) {
     const auto refuse = [](const Value& value, Code code, std::string_view keyPath) {
         expectWriteError(value, PropertyListFormat::xml, code, keyPath);
     };
     refuse(Value(), Code::nullValue, "");
     refuse(Dictionary{{"a", Array{Dictionary{{"b", 1}, {"c", Value()}}}}}, Code::nullValue, "a[0].c");
-    refuse(Array{"\xFF"}, Code::invalidText, "[0]");
-    refuse(Array{1, "a\x01"}, Code::invalidText, "[1]");
-    refuse(Array{1, 2, "a\0"s}, Code::invalidText, "[2]");
-    refuse("\xEF\xBF\xBE", Code::invalidText, "");
-    refuse("\xEF\xBF\xBF", Code::invalidText, "");
-    refuse(Dictionary{{"a\x1F", 1}}, Code::invalidText, "a\x1F");
     refuse(Array{std::numeric_limits<double>::quiet_NaN()}, Code::numberOutOfRange, "[0]");
     refuse(-std::numeric_limits<double>::infinity(), Code::numberOutOfRange, "");
     refuse(Array{Date{1e300}}, Code::invalidDate, "[0]");
