@@ -1,6 +1,7 @@
 #include "host/OpenDevice.h"
 
 #include "device/Device.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 
 #include <iostream>
@@ -22,7 +23,7 @@ ExitCode exitCodeOf(const ErrorPtr& error) {
 }
 
 ExitCode fail(const std::string& sentence, ExitCode code) {
-    std::cerr << "qrd: " << sentence << '\n';
+    printLine(std::cerr, "qrd: " + sentence);
     return code;
 }
 

@@ -1,5 +1,8 @@
 // The command line of `qrd`.
+#include "device/text/Printable.h"
 #include "host/Commands.h"
+#include "host/OpenDevice.h"
+#include "host/view/Print.h"
 #include "propertylist/ListMemory.h"
 
 #include <CLI/CLI.hpp>
@@ -18,6 +21,9 @@ class CommandLine {
         : _app("Syncs applications to a device.\n\nA device is a folder; a library is a folder of app archives.") {
         _app.name("qrd");
         _app.require_subcommand(1);
+        _app.failure_message([](const CLI::App*, const CLI::Error& problem) {
+            return appsync::device::printable(problem.what(), LineLimit) + "\nRun with --help for more information.\n";
+        });
         _addDevice();
         _addSync();
         _addReset();
@@ -229,7 +235,6 @@ int main(int count, char** words) {
     try {
         return CommandLine().run(count, words);
     } catch (const std::exception& failure) {
-        std::cerr << "qrd: " << failure.what() << '\n';
-        return static_cast<int>(ExitCode::failed);
+        return static_cast<int>(fail(failure.what()));
     }
 }

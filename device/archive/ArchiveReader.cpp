@@ -1,4 +1,5 @@
 #include "device/archive/ArchiveReader.h"
+#include "device/text/Printable.h"
 
 #include <archive.h>
 #include <archive_entry.h>

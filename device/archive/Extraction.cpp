@@ -5,6 +5,7 @@
 #include "device/archive/EntryPath.h"
 #include "device/archive/ZipDirectory.h"
 #include "device/root/Syscalls.h"
+#include "device/text/Printable.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <sys/stat.h>

@@ -21,7 +21,4 @@ class Refusal {
     const std::string& _archive;
 };
 
-/// A text from an untrusted file, fit to be shown on one line: of bounded length, and valid UTF-8.
-[[nodiscard]] std::string printable(std::string_view text);
-
 } // namespace appsync::device

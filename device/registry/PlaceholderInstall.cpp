@@ -3,8 +3,8 @@
 
 #include "device/archive/EntryPath.h"
 #include "device/archive/InstallerError.h"
-#include "device/archive/Refusal.h"
 #include "device/root/Tree.h"
+#include "device/text/Printable.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <fcntl.h>

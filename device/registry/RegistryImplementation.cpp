@@ -2,9 +2,9 @@
 
 #include "device/archive/EntryPath.h"
 #include "device/archive/InstallerError.h"
-#include "device/archive/Refusal.h"
 #include "device/registry/ApplicationProxy.h"
 #include "device/registry/UninstalledList.h"
+#include "device/text/Printable.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <algorithm>

@@ -2,8 +2,8 @@
 #include "device/registry/RegistryImplementation.h"
 
 #include "device/archive/InstallerError.h"
-#include "device/archive/Refusal.h"
 #include "device/registry/UninstalledList.h"
+#include "device/text/Printable.h"
 
 #include <cerrno>
 

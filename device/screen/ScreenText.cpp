@@ -1,40 +1,17 @@
 #include "device/screen/ScreenText.h"
 
-#include <cstdint>
+#include "device/text/Printable.h"
 
 namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view Replacement = "\xEF\xBF\xBD";
 constexpr std::string_view Ellipsis = "\xE2\x80\xA6";
 /// No name that fits on a screen has more characters.
 constexpr std::size_t LongestName = 80;
 
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80;
-}
-
-/// How many bytes the well-formed character at the front takes; 0 when there is none.
-std::size_t characterLength(std::string_view text) {
-    const auto first = static_cast<unsigned char>(text.front());
-    if (first < 0x80) {
-        return 1;
-    }
-    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || text.size() < length) {
-        return 0;
-    }
-    std::uint32_t point = first & (0xFFU >> (length + 1));
-    for (std::size_t i = 1; i < length; ++i) {
-        if (!isContinuation(text[i])) {
-            return 0;
-        }
-        point = point << 6 | (static_cast<unsigned char>(text[i]) & 0x3FU);
-    }
-    constexpr std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    const bool isSurrogate = point >= 0xD800 && point <= 0xDFFF;
-    return point >= smallest[length] && point <= 0x10FFFF && !isSurrogate ? length : 0;
 }
 
 double widthOf(cairo_t* context, const std::string& text) {
@@ -54,23 +31,12 @@ void dropLastCharacter(std::string& text) {
 
 } // namespace
 
-std::string wellFormed(std::string_view text, std::size_t limit) {
-    std::string out;
-    for (std::size_t count = 0; count < limit && !text.empty(); ++count) {
-        const std::size_t length = characterLength(text);
-        const auto first = static_cast<unsigned char>(text.front());
-        if (length == 1 && (first < 0x20 || first == 0x7F)) {
-            out += ' ';
-        } else {
-            out += length == 0 ? Replacement : text.substr(0, length);
-        }
-        text.remove_prefix(length == 0 ? 1 : length);
-    }
-    return out;
-}
-
 std::string firstLetter(std::string_view text) {
-    std::string letter = wellFormed(text, 1);
+    std::string_view rest = text;
+    if (!rest.empty()) {
+        (void)takeCharacter(rest);
+    }
+    std::string letter = printable(text.substr(0, text.size() - rest.size()));
     if (letter.empty() || letter == " ") {
         return "?";
     }
@@ -81,9 +47,8 @@ std::string firstLetter(std::string_view text) {
 }
 
 std::string shortened(cairo_t* context, std::string_view text, double width) {
-    std::string whole = wellFormed(text, LongestName);
-    const bool isCut = wellFormed(text, LongestName + 1).size() > whole.size();
-    if (!isCut && widthOf(context, whole) <= width) {
+    std::string whole = printable(text, LongestName);
+    if (widthOf(context, whole) <= width) {
         return whole;
     }
     const double room = width - widthOf(context, std::string(Ellipsis));

@@ -1,15 +1,12 @@
-// Texts that fit: what a picture shows of names that come from files.
+// Texts that fit: what a picture shows of names that come from files, of which it draws what is printable
+// (device/text/Printable.h).
 #pragma once
 
 #include <cairo.h>
-#include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace appsync::device {
-
-/// The first `limit` characters, as well-formed UTF-8: broken sequences become U+FFFD, control characters blanks.
-[[nodiscard]] std::string wellFormed(std::string_view text, std::size_t limit);
 
 /// The first character as a capital letter where ASCII has one; "?" when there is none.
 [[nodiscard]] std::string firstLetter(std::string_view text);

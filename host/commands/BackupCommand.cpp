@@ -9,6 +9,7 @@
 #include "host/backup/BackupFolder.h"
 #include "host/backup/CopyTree.h"
 #include "host/plugin/ClientOnDevice.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "platform/PropertyListSerialization.h"
 
@@ -212,8 +213,8 @@ ExitCode backup(const BackupArguments& arguments) {
     if (const ErrorPtr error = folder.keep()) {
         return fail(reasonOf(error));
     }
-    std::cout << "backed up " << writer.count() << (writer.count() == 1 ? " app" : " apps") << " to "
-              << arguments.output << '\n';
+    printLine(std::cout, "backed up " + std::to_string(writer.count()) + (writer.count() == 1 ? " app" : " apps") +
+                             " to " + arguments.output);
     return ExitCode::done;
 }
 

@@ -3,6 +3,7 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 
 #include <iostream>
@@ -19,7 +20,7 @@ ExitCode demote(const DemoteArguments& arguments) {
     if (const auto demoted = device->demote(arguments.app, arguments.automatic); !demoted) {
         return fail(reasonOf(demoted.error()), ExitCode::someAppFailed);
     }
-    std::cout << "demoted " << arguments.app << '\n';
+    printLine(std::cout, "demoted " + arguments.app);
     return ExitCode::done;
 }
 

@@ -6,6 +6,7 @@
 #include "device/services/TransactionLog.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
 
@@ -21,10 +22,6 @@ namespace appsync::host {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-void printJsonLine(const Json& object) {
-    std::cout << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
-}
 
 const char* levelName(LogLevel level) {
     return level == LogLevel::error ? "error" : "default";
@@ -80,9 +77,9 @@ ExitCode showTransactions(device::Device& device, const LogArguments& arguments)
             } else {
                 entry["phase"] = static_cast<unsigned>(record.phase);
             }
-            printJsonLine(entry);
+            printJson(std::cout, entry);
         } else {
-            std::cout << record.text() << '\n';
+            printLine(std::cout, record.text());
         }
         return std::cout.good();
     };
@@ -94,12 +91,12 @@ ExitCode showTransactions(device::Device& device, const LogArguments& arguments)
 ExitCode showMessages(device::Device& device, const LogArguments& arguments) {
     const auto show = [&](const device::LogEntry& entry) {
         if (arguments.json) {
-            printJsonLine(Json{{"time", entry.time},
-                               {"level", levelName(entry.level)},
-                               {"source", entry.source},
-                               {"text", entry.text}});
+            printJson(std::cout, {{"time", entry.time},
+                                  {"level", levelName(entry.level)},
+                                  {"source", entry.source},
+                                  {"text", entry.text}});
         } else {
-            std::cout << entry.time << ' ' << levelName(entry.level) << ' ' << printable(entry.text) << '\n';
+            printLine(std::cout, entry.time + " " + levelName(entry.level) + " " + entry.text, std::string::npos);
         }
         return std::cout.good();
     };
@@ -116,7 +113,7 @@ ExitCode createDevice(const DeviceCreateArguments& arguments) {
     if (!created) {
         return fail(reasonOf(created.error()), exitCodeOf(created.error()));
     }
-    std::cout << "made the device " << arguments.device << '\n';
+    printLine(std::cout, "made the device " + arguments.device);
     return ExitCode::done;
 }
 
@@ -134,9 +131,9 @@ ExitCode listApps(const AppsArguments& arguments) {
         table.add({app.name, app.version.value_or("-"), stateOf(app, isRunning), app.identifier});
     }
     if (arguments.json) {
-        std::cout << list.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+        printJson(std::cout, list, 2);
     } else if (list.empty()) {
-        std::cout << "The device has no apps.\n";
+        printLine(std::cout, "The device has no apps.");
     } else {
         table.print(std::cout);
     }
@@ -168,7 +165,7 @@ ExitCode drawScreen(const ScreenArguments& arguments) {
     if (!out.flush()) {
         return fail("'" + arguments.output + "' cannot be written: " + std::strerror(errno) + ".");
     }
-    std::cout << "drew " << arguments.output << '\n';
+    printLine(std::cout, "drew " + arguments.output);
     return ExitCode::done;
 }
 

@@ -3,6 +3,7 @@
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/control/ControlSocket.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
 
@@ -42,7 +43,8 @@ ExitCode act(const ControlArguments& arguments, const char* command) {
 
 void showStatus(const Json& status, bool json) {
     if (json) {
-        std::cout << status.dump() << std::endl;
+        printJson(std::cout, status);
+        std::cout.flush();
         return;
     }
     Table table({"App", "Stage", "Sent", "Reason"});
@@ -51,13 +53,14 @@ void showStatus(const Json& status, bool json) {
         if (app.contains("nextTry")) {
             reason += "; next try at " + app.value("nextTry", "");
         }
-        table.add({printable(app.value("name", "")), app.value("stage", ""),
-                   std::to_string(static_cast<int>(app.value("fraction", 0.0) * 100)) + "%", printable(reason)});
+        table.add({app.value("name", ""), app.value("stage", ""),
+                   std::to_string(static_cast<int>(app.value("fraction", 0.0) * 100)) + "%", reason});
     }
     table.print(std::cout);
-    std::cout << status.value("finished", 0) << " of " << status.value("apps", Json::array()).size()
-              << " apps are done, " << static_cast<int>(status.value("fraction", 0.0) * 100) << "% is sent"
-              << std::endl;
+    printLine(std::cout, std::to_string(status.value("finished", 0)) + " of " +
+                             std::to_string(status.value("apps", Json::array()).size()) + " apps are done, " +
+                             std::to_string(static_cast<int>(status.value("fraction", 0.0) * 100)) + "% is sent");
+    std::cout.flush();
 }
 
 } // namespace
@@ -72,7 +75,7 @@ ExitCode launch(const LaunchArguments& arguments) {
     if (!process) {
         return fail(reasonOf(process.error()), ExitCode::someAppFailed);
     }
-    std::cout << "launched " << arguments.app << " (process " << *process << ")\n";
+    printLine(std::cout, "launched " + arguments.app + " (process " + std::to_string(*process) + ")");
     return ExitCode::done;
 }
 
@@ -87,8 +90,11 @@ ExitCode cancel(const ControlArguments& arguments) {
 ExitCode showSyncStatus(const StatusArguments& arguments) {
     const auto connection = connectToControl(arguments.device);
     if (!connection.isOpen()) {
-        std::cout << (arguments.json ? "{\"running\":false}" : "No sync is running on " + arguments.device + ".")
-                  << '\n';
+        if (arguments.json) {
+            printJson(std::cout, {{"running", false}});
+        } else {
+            printLine(std::cout, "No sync is running on " + arguments.device + ".");
+        }
         return ExitCode::done;
     }
     std::string buffer;

@@ -7,6 +7,7 @@
 #include "host/OpenDevice.h"
 #include "host/plugin/ClientOnDevice.h"
 #include "host/session/DeletedApps.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
 
@@ -19,12 +20,6 @@
 namespace appsync::host {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-void printJson(const Json& json) {
-    std::cout << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
-}
 
 /// Opens the device, starts the plug-in on it and has `ask` ask it.
 template <class Ask> ExitCode askClient(const QueryArguments& arguments, Ask&& ask) {
@@ -43,8 +38,9 @@ template <class Ask> ExitCode askClient(const QueryArguments& arguments, Ask&& a
 }
 
 bool isConfirmed(const std::string& device) {
-    std::cout << "This removes every app of " << device
-              << " that is still on its way, and what the plug-in keeps of earlier syncs. Go on? [y/N] " << std::flush;
+    printQuestion(std::cout,
+                  "This removes every app of " + device +
+                      " that is still on its way, and what the plug-in keeps of earlier syncs. Go on? [y/N]");
     std::string answer;
     std::getline(std::cin, answer);
     return answer == "y" || answer == "Y" || answer == "yes";
@@ -56,12 +52,12 @@ ExitCode showInventory(const QueryArguments& arguments) {
     return askClient(arguments, [&](QRClient& client) {
         const auto deleted = deletedApps(client.installedAssets());
         if (arguments.json) {
-            printJson({{"deleted", deleted}});
+            printJson(std::cout, {{"deleted", deleted}}, 2);
         } else if (deleted.empty()) {
-            std::cout << "No app was deleted on the device since the last sync.\n";
+            printLine(std::cout, "No app was deleted on the device since the last sync.");
         }
         for (const std::string& app : arguments.json ? std::vector<std::string>() : deleted) {
-            std::cout << "deleted  " << printable(app) << '\n';
+            printLine(std::cout, "deleted  " + app);
         }
     });
 }
@@ -74,12 +70,14 @@ ExitCode showMetrics(const QueryArguments& arguments) {
             return value != nullptr ? value->unsignedInteger().value_or(0) : 0;
         };
         if (arguments.json) {
-            printJson({{"count", number("_Count")},
+            printJson(std::cout,
+                      {{"count", number("_Count")},
                        {"physicalSize", number("_PhysicalSize")},
-                       {"purgeableSize", number("_PurgeableSize")}});
+                       {"purgeableSize", number("_PurgeableSize")}},
+                      2);
         } else {
-            std::cout << number("_Count") << " apps take " << sizeText(number("_PhysicalSize")) << ", of which "
-                      << sizeText(number("_PurgeableSize")) << " can be purged\n";
+            printLine(std::cout, std::to_string(number("_Count")) + " apps take " + sizeText(number("_PhysicalSize")) +
+                                     ", of which " + sizeText(number("_PurgeableSize")) + " can be purged");
         }
     });
 }
@@ -88,12 +86,12 @@ ExitCode showAccounts(const QueryArguments& arguments) {
     return askClient(arguments, [&](QRClient& client) {
         const auto accounts = client.zuvexIDsForAssets();
         if (arguments.json) {
-            printJson({{"accounts", accounts}});
+            printJson(std::cout, {{"accounts", accounts}}, 2);
         } else if (accounts.empty()) {
-            std::cout << "No app of the device names an account.\n";
+            printLine(std::cout, "No app of the device names an account.");
         }
         for (const std::string& account : arguments.json ? std::set<std::string>() : accounts) {
-            std::cout << printable(account) << '\n';
+            printLine(std::cout, account);
         }
     });
 }
@@ -114,7 +112,7 @@ ExitCode uninstall(const UninstallArguments& arguments) {
     if (const auto removed = device->coordinator().uninstallByUser(arguments.app); !removed) {
         return fail(reasonOf(removed.error()), ExitCode::someAppFailed);
     }
-    std::cout << "removed " << arguments.app << '\n';
+    printLine(std::cout, "removed " + arguments.app);
     return ExitCode::done;
 }
 
@@ -127,7 +125,7 @@ ExitCode reset(const ResetArguments& arguments) {
     }
     return askClient({.device = arguments.device, .plugin = arguments.plugin}, [&](QRClient& client) {
         client.clearSyncData();
-        std::cout << "reset " << arguments.device << '\n';
+        printLine(std::cout, "reset " + arguments.device);
     });
 }
 

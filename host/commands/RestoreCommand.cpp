@@ -8,6 +8,7 @@
 #include "host/backup/BackupFolder.h"
 #include "host/backup/CopyTree.h"
 #include "host/plugin/ClientOnDevice.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
 #include "propertylist/Codec.h"
@@ -216,16 +217,16 @@ class Restore {
 
 void show(const Restore& restore) {
     if (restore.rows().empty()) {
-        std::cout << "The backup holds no apps.\n";
+        printLine(std::cout, "The backup holds no apps.");
     } else {
         Table table({"App", "Version", "Result", "Reason"});
         for (const Row& row : restore.rows()) {
-            table.add({printable(row.name), printable(row.version), row.result, printable(row.reason)});
+            table.add({row.name, row.version, row.result, row.reason});
         }
         table.print(std::cout);
     }
     for (const std::string& problem : restore.problems()) {
-        std::cout << "note: " << printable(problem) << '\n';
+        printLine(std::cout, "note: " + problem);
     }
 }
 
@@ -239,7 +240,7 @@ void showJson(const Restore& restore) {
                         {"reason", row.reason}});
     }
     const Json root{{"done", restore.isAllDone()}, {"apps", apps}, {"problems", restore.problems()}};
-    std::cout << root.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+    printJson(std::cout, root, 2);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include "host/session/Leftovers.h"
 #include "host/transfer/Transfer.h"
 #include "host/transfer/TransferQueue.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
 #include "platform/Platform.h"
@@ -159,7 +160,7 @@ ExitCode store(const StoreArguments& arguments) {
     if (arguments.json) {
         printJson(std::cout, report);
     } else if (report.apps.empty()) {
-        std::cout << "No app waits for the store.\n";
+        printLine(std::cout, "No app waits for the store.");
     } else {
         printTable(std::cout, report);
     }

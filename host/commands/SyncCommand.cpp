@@ -9,6 +9,7 @@
 #include "host/session/Leftovers.h"
 #include "host/session/RunSync.h"
 #include "host/transfer/Bandwidth.h"
+#include "host/view/Print.h"
 #include "host/view/Table.h"
 
 #include <unistd.h>
@@ -60,23 +61,25 @@ void letDemotedAppsReturn(device::Device& device, const desktop::SyncList& list)
     }
 }
 
+void showPlanned(const std::string& what, const desktop::AppArchive& app) {
+    printLine(std::cout, what + app.identifier + " " + app.version.value_or("-") + " (" + sizeText(app.size) + ")");
+}
+
 void showPlan(const desktop::SyncList& list) {
     for (const std::string& identifier : list.removals) {
-        std::cout << "would remove  " << identifier << '\n';
+        printLine(std::cout, "would remove  " + identifier);
     }
     for (const desktop::AppArchive* app : list.installs) {
-        std::cout << "would install " << app->identifier << " " << app->version.value_or("-") << " ("
-                  << sizeText(app->size) << ")\n";
+        showPlanned("would install ", *app);
     }
     for (const desktop::AppArchive* app : list.restores) {
-        std::cout << "would restore " << app->identifier << " " << app->version.value_or("-") << " ("
-                  << sizeText(app->size) << ")\n";
+        showPlanned("would restore ", *app);
     }
     if (list.removals.empty() && list.installs.empty() && list.restores.empty()) {
-        std::cout << "nothing to do\n";
+        printLine(std::cout, "nothing to do");
     }
     for (const std::string& problem : list.problems) {
-        std::cout << "note: " << problem << '\n';
+        printLine(std::cout, "note: " + problem);
     }
 }
 
@@ -138,7 +141,7 @@ ExitCode sync(const SyncArguments& arguments) {
         fail(reasonOf(report.failure));
     }
     if (report.interrupted) {
-        std::cerr << "qrd: interrupted; sync again to go on\n";
+        fail("interrupted; sync again to go on");
     }
     return exitCodeOf(report);
 }

@@ -2,8 +2,11 @@
 #include "desktop/ArchivePacker.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "propertylist/Codec.h"
+
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -71,17 +74,24 @@ ExitCode pack(const PackArguments& arguments) {
     if (!desktop::packApp(arguments.app, arguments.output, propertyLists, &error)) {
         return fail(reasonOf(error));
     }
-    std::cout << "packed " << arguments.output << '\n';
+    printLine(std::cout, "packed " + arguments.output);
     return ExitCode::done;
 }
 
 ExitCode printPlist(const PlistArguments& arguments) {
     const auto value = readPlist(arguments.file);
-    const auto bytes = value ? serialise(*value, PropertyListFormat::xml, arguments.file) : std::nullopt;
-    if (!bytes) {
+    if (!value) {
         return ExitCode::failed;
     }
-    std::cout << bytes->bytes();
+    const bool forTerminal = ::isatty(STDOUT_FILENO) != 0;
+    const auto print = [&](std::string_view piece) {
+        printXml(std::cout, piece, forTerminal);
+        return std::cout.good();
+    };
+    ErrorPtr error;
+    if (!PropertyListCodec().writeXml(*value, print, &error)) {
+        return fail("'" + arguments.file + "' cannot be written in this format: " + reasonOf(error));
+    }
     return ExitCode::done;
 }
 
@@ -97,7 +107,7 @@ ExitCode checkPlist(const PlistArguments& arguments) {
     if (!readPlist(arguments.file)) {
         return ExitCode::failed;
     }
-    std::cout << arguments.file << " is a property list\n";
+    printLine(std::cout, arguments.file + " is a property list");
     return ExitCode::done;
 }
 

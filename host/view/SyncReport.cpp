@@ -1,11 +1,12 @@
 #include "host/view/SyncReport.h"
 
+#include "device/text/Printable.h"
+#include "host/view/Print.h"
 #include "host/view/Table.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <ostream>
 
 namespace appsync::host {
 
@@ -52,7 +53,7 @@ std::string reasonOf(const ErrorPtr& error) {
 
 void printTable(std::ostream& out, const SyncReport& report) {
     if (report.apps.empty()) {
-        out << "Nothing to do: the device has every app of the library.\n";
+        printLine(out, "Nothing to do: the device has every app of the library.");
     } else {
         Table table({"App", "Version", "Result", "Reason"});
         for (const AppReport& app : report.apps) {
@@ -61,10 +62,10 @@ void printTable(std::ostream& out, const SyncReport& report) {
         table.print(out);
     }
     for (const std::string& app : report.deleted) {
-        out << "note: " << printable(app) << " was deleted on the device since the last sync\n";
+        printLine(out, "note: " + device::printable(app) + " was deleted on the device since the last sync");
     }
     for (const std::string& problem : report.problems) {
-        out << "note: " << problem << '\n';
+        printLine(out, "note: " + problem);
     }
 }
 
@@ -87,7 +88,7 @@ void printJson(std::ostream& out, const SyncReport& report) {
     if (report.failure != nullptr) {
         root["failure"] = reasonOf(report.failure);
     }
-    out << root.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+    printJson(out, root, 2);
 }
 
 } // namespace appsync::host

@@ -1,5 +1,7 @@
 #include "host/view/SyncView.h"
 
+#include "device/text/Printable.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
 
@@ -12,6 +14,8 @@ namespace appsync::host {
 
 namespace {
 
+using device::printable;
+
 constexpr std::size_t barWidth = 28;
 constexpr std::size_t nameWidth = 22;
 constexpr std::size_t mostBars = 8;
@@ -22,8 +26,9 @@ std::string bar(double fraction) {
 }
 
 std::string padded(const std::string& name) {
-    const std::size_t width = displayWidth(name);
-    return width >= nameWidth ? name : name + std::string(nameWidth - width, ' ');
+    const std::string shown = printable(name, 2 * nameWidth);
+    const std::size_t width = device::displayWidth(shown);
+    return width >= nameWidth ? shown : shown + std::string(nameWidth - width, ' ');
 }
 
 std::string percent(double fraction) {
@@ -144,7 +149,8 @@ void SyncView::_line(const std::string& text) {
         return;
     }
     _eraseBars();
-    _out << text << '\n' << std::flush;
+    printLine(_out, text);
+    _out.flush();
 }
 
 void SyncView::_drawBars() {
@@ -156,20 +162,20 @@ void SyncView::_drawBars() {
     for (const std::string& identifier : _underWay) {
         if (drawn < mostBars) {
             const AppStatus& app = _app(identifier);
-            _out << padded(printable(app.name)) << ' ' << bar(app.fraction) << ' ' << stageText(app) << '\n';
+            printLine(_out, padded(app.name) + " " + bar(app.fraction) + " " + stageText(app));
             ++drawn;
         }
     }
     const double whole = _status.fraction();
-    _out << padded("All apps") << ' ' << bar(whole) << ' ' << percent(whole) << "  " << _status.finished() << " of "
-         << _status.apps.size() << '\n'
-         << std::flush;
+    printLine(_out, padded("All apps") + " " + bar(whole) + " " + percent(whole) + "  " +
+                        std::to_string(_status.finished()) + " of " + std::to_string(_status.apps.size()));
+    _out.flush();
     _drawnLines = drawn + 1;
 }
 
 void SyncView::_eraseBars() {
     if (_drawnLines > 0) {
-        _out << "\x1b[" << _drawnLines << "A\x1b[J";
+        eraseLines(_out, _drawnLines);
         _drawnLines = 0;
     }
 }

@@ -1,17 +1,27 @@
 #include "host/view/Table.h"
 
+#include "device/text/Printable.h"
+#include "host/view/Print.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <ostream>
 
 namespace appsync::host {
+
+namespace {
+
+constexpr std::size_t CellLimit = 60; // characters of a cell that has cells behind it
+
+} // namespace
 
 Table::Table(std::vector<std::string> headings) : _rows{std::move(headings)} {}
 
 void Table::add(std::vector<std::string> cells) {
-    std::ranges::transform(cells, cells.begin(), [](const std::string& cell) { return printable(cell); });
+    for (std::string& cell : cells) {
+        cell = device::printable(cell, &cell == &cells.back() ? LineLimit : CellLimit);
+    }
     _rows.push_back(std::move(cells));
 }
 
@@ -20,30 +30,18 @@ void Table::print(std::ostream& out) const {
     std::vector<std::size_t> widths(columns);
     for (const auto& row : _rows) {
         for (std::size_t column = 0; column < columns; ++column) {
-            widths[column] = std::max(widths[column], displayWidth(row[column]));
+            widths[column] = std::max(widths[column], device::displayWidth(row[column]));
         }
     }
     for (const auto& row : _rows) {
         std::string line;
         for (std::size_t column = 0; column < columns; ++column) {
             line += row[column];
-            line.append(widths[column] - displayWidth(row[column]) + 2, ' ');
+            line.append(widths[column] - device::displayWidth(row[column]) + 2, ' ');
         }
         line.erase(line.find_last_not_of(' ') + 1);
-        out << line << '\n';
+        printLine(out, line, std::string::npos);
     }
-}
-
-std::size_t displayWidth(std::string_view text) {
-    return static_cast<std::size_t>(
-        std::ranges::count_if(text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U; }));
-}
-
-std::string printable(std::string_view text) {
-    std::string clean(text);
-    std::ranges::replace_if(
-        clean, [](char byte) { return static_cast<unsigned char>(byte) < 0x20U || byte == 0x7F; }, ' ');
-    return clean;
 }
 
 std::string sizeText(std::uint64_t bytes) {

@@ -1,6 +1,7 @@
 // The host's parts: the transfer queue, the device service, tables, reports, progress.
 #include "host/control/Interrupt.h"
 #include "host/transfer/TransferQueue.h"
+#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/SyncView.h"
 #include "host/view/Table.h"
@@ -116,9 +117,54 @@ TEST(Tables, LineUpTheirColumns) {
                          "Long name  done\n");
 }
 
-TEST(Tables, KeepNamesFromSteeringTheTerminal) {
-    EXPECT_EQ(printable("a\x1b[2Jb\x7f\r\n"), "a [2Jb   ");
-    EXPECT_EQ(displayWidth("\xE2\x82\xAC 5"), 3u);
+TEST(Tables, CountTheColumnsThatAreShown) {
+    Table table({"App", "Version"});
+    table.add({"日本", "1"});
+    table.add({"e\u0301\u0301", "2"});
+    table.add({"a\u202Eb\x1b[", "3"});
+    std::ostringstream out;
+    table.print(out);
+    EXPECT_EQ(out.str(), "App    Version\n"
+                         "日本   1\n"
+                         "e\u0301\u0301      2\n"
+                         "a\uFFFDb\uFFFD[  3\n");
+}
+
+TEST(Tables, CutLongNames) {
+    Table table({"App", "Reason"});
+    table.add({std::string(1'000'000, 'x'), std::string(300, 'y')});
+    std::ostringstream out;
+    table.print(out);
+    EXPECT_NE(out.str().find("\n" + std::string(60, 'x') + "…  " + std::string(300, 'y') + "\n"), std::string::npos);
+}
+
+TEST(Printing, MakesAWholeLinePrintable) {
+    std::ostringstream out;
+    printLine(out, "a\nb\x1b[2J\xFF\u202E");
+    printLine(out, std::string(1'000'000, 'x'));
+    EXPECT_EQ(out.str(), "a b\uFFFD[2J\uFFFD\uFFFD\n" + std::string(LineLimit, 'x') + "…\n");
+}
+
+TEST(Printing, WritesJsonExactlyAndInAscii) {
+    const nlohmann::ordered_json json{{"name", "a\n\u202E\u009B\x7Fü\x1b\"日\U0001F600"}};
+    std::ostringstream out;
+    printJson(out, json);
+    EXPECT_TRUE(std::ranges::all_of(out.str(), [](char c) { return c == '\n' || (c >= ' ' && c < 0x7F); }))
+        << out.str();
+    EXPECT_EQ(nlohmann::ordered_json::parse(out.str()), json);
+    out.str("");
+    printJson(out, nlohmann::ordered_json{{"name", "\xFF"}}); // what is no UTF-8
+    EXPECT_EQ(nlohmann::ordered_json::parse(out.str())["name"], "\uFFFD");
+}
+
+TEST(Printing, WritesXmlForATerminalWithReferencesForWhatItShouldNotGet) {
+    const std::string xml = "<string>\n\tü\u202E\u009B\u2028</string>";
+    std::ostringstream out;
+    printXml(out, xml, true);
+    EXPECT_EQ(out.str(), "<string>\n\tü&#x202E;&#x9B;&#x2028;</string>");
+    out.str("");
+    printXml(out, xml, false);
+    EXPECT_EQ(out.str(), xml);
 }
 
 TEST(Tables, TellSizesInTheUnitThatFits) {

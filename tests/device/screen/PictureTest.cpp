@@ -140,25 +140,13 @@ TEST(Picture, AFolderShowsNineOfItsIcons) {
 }
 
 TEST(Picture, NamesOfAnyKindAreDrawn) {
-    for (const std::string& name : {std::string("\xFF\xFE\xC0"), std::string(100'000, 'W'), std::string("\0x\n", 3),
-                                    std::string("Übersicht Карты 日本語"), std::string()}) {
+    for (const std::string& name :
+         {std::string("\xFF\xFE\xC0"), std::string(100'000, 'W'), std::string("\0x\n", 3),
+          std::string("Übersicht Карты 日本語"), std::string(), std::string("\uFDD0"), std::string("a\uFFFF"),
+          std::string("\U0010FFFE"), std::string("\xED\xA0\x80"), std::string("\u202Eabc\u2066\u200F"),
+          std::string("\u0085\u009B"), std::string("\u0301\u0301")}) {
         EXPECT_TRUE(drawHomeScreen(one({name, nullptr}))) << name.substr(0, 20);
     }
-}
-
-TEST(ScreenText, BrokenTextBecomesWellFormed) {
-    const std::string bad = "\xEF\xBF\xBD";
-    EXPECT_EQ(wellFormed("aü日😀", 10), "aü日😀");
-    EXPECT_EQ(wellFormed("\xFF", 10), bad);
-    EXPECT_EQ(wellFormed("\xC3", 10), bad);
-    EXPECT_EQ(wellFormed("\xE6\x97", 10), bad + bad);
-    EXPECT_EQ(wellFormed("\xC0\x80", 10), bad + bad);           // a form that is too long
-    EXPECT_EQ(wellFormed("\xE0\x80\x80", 10), bad + bad + bad); // likewise
-    EXPECT_EQ(wellFormed("\xED\xA0\x80", 10), bad + bad + bad); // half of a pair
-    EXPECT_EQ(wellFormed("\xF4\x90\x80\x80", 10), bad + bad + bad + bad);
-    EXPECT_EQ(wellFormed("a\tb\x7F", 10), "a b ");
-    EXPECT_EQ(wellFormed(std::string_view("\0a", 2), 10), " a");
-    EXPECT_EQ(wellFormed("日本語", 2), "日本");
 }
 
 TEST(ScreenText, TheFirstLetterIsACapital) {
@@ -167,6 +155,8 @@ TEST(ScreenText, TheFirstLetterIsACapital) {
     EXPECT_EQ(firstLetter(""), "?");
     EXPECT_EQ(firstLetter("\n"), "?");
     EXPECT_EQ(firstLetter("7"), "7");
+    EXPECT_EQ(firstLetter("\uFFFF"), "\uFFFD");
+    EXPECT_EQ(firstLetter("\xE6\x97"), "\uFFFD");
 }
 
 TEST(ScreenText, ATextThatIsTooWideIsShortenedToWhatFits) {

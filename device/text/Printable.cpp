@@ -1,0 +1,81 @@
+#include "device/text/Printable.h"
+
+#include "propertylist/Utf.h"
+
+#include <utf8proc.h>
+
+namespace appsync::device {
+
+namespace {
+
+using propertylist::characterLength;
+using propertylist::replacementCharacter;
+
+constexpr std::string_view ellipsis = "\xE2\x80\xA6";
+
+bool isNoCharacter(char32_t c) {
+    return (c & 0xFFFE) == 0xFFFE || (c >= 0xFDD0 && c <= 0xFDEF);
+}
+
+/// What stands between words or lines, or their ends.
+bool isSeparator(char32_t c) {
+    return (c >= '\t' && c <= '\r') || c == 0x85 || c == 0x2028 || c == 0x2029;
+}
+
+} // namespace
+
+bool isPrintable(char32_t c) noexcept {
+    constexpr char32_t nonJoiner = 0x200C;
+    constexpr char32_t joiner = 0x200D;
+    switch (utf8proc_category(static_cast<utf8proc_int32_t>(c))) {
+    case UTF8PROC_CATEGORY_CC:
+    case UTF8PROC_CATEGORY_CS:
+    case UTF8PROC_CATEGORY_ZL:
+    case UTF8PROC_CATEGORY_ZP: return false;
+    case UTF8PROC_CATEGORY_CF: return c == nonJoiner || c == joiner;
+    case UTF8PROC_CATEGORY_CN: return !isNoCharacter(c); // a later standard may have it
+    default: return true;
+    }
+}
+
+char32_t takeCharacter(std::string_view& text) noexcept {
+    constexpr char32_t replacement = 0xFFFD;
+    const std::size_t length = characterLength(text);
+    utf8proc_int32_t character = replacement;
+    if (length != 0) {
+        utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()), static_cast<utf8proc_ssize_t>(length),
+                         &character);
+    }
+    text.remove_prefix(length == 0 ? 1 : length);
+    return static_cast<char32_t>(character);
+}
+
+std::string printable(std::string_view text, std::size_t limit) {
+    std::string out;
+    for (std::size_t count = 0; !text.empty(); ++count) {
+        if (count == limit) {
+            return out.append(ellipsis);
+        }
+        const std::string_view from = text;
+        const std::size_t length = characterLength(from);
+        const char32_t character = takeCharacter(text);
+        if (isSeparator(character)) {
+            out += ' ';
+        } else {
+            out += length != 0 && isPrintable(character) ? from.substr(0, length) : replacementCharacter;
+        }
+    }
+    return out;
+}
+
+std::size_t displayWidth(std::string_view text) noexcept {
+    std::size_t width = 0;
+    while (!text.empty()) {
+        const auto character = static_cast<utf8proc_int32_t>(takeCharacter(text));
+        const bool isUnknown = utf8proc_category(character) == UTF8PROC_CATEGORY_CN;
+        width += isUnknown ? 1 : static_cast<std::size_t>(utf8proc_charwidth(character));
+    }
+    return width;
+}
+
+} // namespace appsync::device
