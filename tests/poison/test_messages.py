@@ -16,11 +16,11 @@ def scalar(kind, content):
 def repeating_list(facts, kind, size, count):
     """A binary list: a dictionary with these facts and "poison", an array of `count` references to one object."""
     keys = [*facts, "poison"]
-    keys_and_values = [scalar(0x50, text.encode()) for text in [*keys, *facts.values()]]
-    repeated = 1 + len(keys_and_values)
-    array = bytes([0xAF, 0x12]) + struct.pack(">I", count) + struct.pack(">H", repeated) * count
-    root = bytes([0xD0 | len(keys)]) + b"".join(struct.pack(">H", number) for number in [*range(1, repeated), repeated + 1])
-    objects = [root, *keys_and_values, scalar(kind, b"x" * size), array]
+    scalars = [scalar(0x50, text.encode()) for text in [*keys, *facts.values()]] + [scalar(kind, b"x" * size)]
+    array = bytes([0xAF, 0x12]) + struct.pack(">I", count) + struct.pack(">H", len(scalars)) * count
+    values = [*range(1 + len(keys), len(scalars)), 1 + len(scalars)]
+    root = bytes([0xD0 | len(keys)]) + b"".join(struct.pack(">H", number) for number in [*range(1, 1 + len(keys)), *values])
+    objects = [root, *scalars, array]
     made, offsets = b"bplist00", []
     for content in objects:
         offsets.append(len(made))
@@ -30,8 +30,7 @@ def repeating_list(facts, kind, size, count):
 
 
 def log_size(world):
-    folder = world.device / "var/log"
-    return sum(entry.stat().st_size for entry in os.scandir(folder))
+    return sum(entry.stat().st_size for entry in os.scandir(world.device / "var/log"))
 
 
 # kind, size and number of references, and what comes of an app with such an Info.plist
@@ -66,16 +65,15 @@ def test_a_list_that_is_printed_takes_its_own_memory_and_not_that_of_its_text(tm
     if answer.code == 0:
         assert answer.out.count("<string>") == count
     else:
-        assert "expand beyond measure" in answer.err
+        assert size * count > 1 << 30 and "expand beyond measure" in answer.err
 
 
 def test_a_long_name_takes_no_more_than_a_line(world):
     world.add("Kettle", info={"BXBundleDisplayName": "x" * (3 * MEBIBYTE)})
     world.add("Marrow", info={"BXBundleDisplayName": "y" * (3 * MEBIBYTE)}, files={"../outside": b"no"})
-    for command in ("--dry-run",), ():
-        answer = run("sync", world.device, "--library", world.library, *command)
+    for options in ["--dry-run"], []:
+        answer = run("sync", world.device, "--library", world.library, *options)
         assert max(map(len, answer.text.splitlines())) < 5000
     assert len(run("apps", world.device).out) < 5000
-    assert len(run("log", world.device).out) < 4 * MEBIBYTE
     assert log_size(world) < 40 * MEBIBYTE
     assert run("screen", world.device, "-o", world.folder / "screen.png").code == 0

@@ -1,14 +1,14 @@
 """Names that steer a terminal: nothing of them is printed raw, wherever they come from, and the home screen is drawn."""
 import json
 import os
-import pathlib
 import plistlib
 import pty
 import subprocess
 import unicodedata
+import zipfile
 
 import pytest
-from conftest import QRD, run
+from conftest import QRD, run, zip_of
 
 # What a name is, as it stands in a list.
 NAMES = {
@@ -42,6 +42,13 @@ def expect_harmless(answer, lines=None):
     if lines is not None:
         assert answer.text.count("\n") == lines, answer.text[:2000]
     return answer
+
+
+def poison(path, changes):
+    """Puts other files into an archive."""
+    with zipfile.ZipFile(path) as archive:
+        files = {entry: archive.read(entry) for entry in archive.namelist()}
+    path.write_bytes(zip_of({**files, **changes}))
 
 
 def info(name):
@@ -157,11 +164,3 @@ def read(terminal):
     except OSError:
         return b""
 
-
-def poison(path, changes):
-    """Puts other files into an archive."""
-    import zipfile
-    from conftest import zip_of
-    with zipfile.ZipFile(path) as archive:
-        files = {entry: archive.read(entry) for entry in archive.namelist()}
-    pathlib.Path(path).write_bytes(zip_of({**files, **changes}))
