@@ -109,7 +109,7 @@ file_names = pytest.mark.parametrize("name", FILE_NAMES.values(), ids=FILE_NAMES
 @file_names
 def test_the_name_of_a_file_in_a_library(world, name):
     (world.library / os.fsdecode(name + b".archive")).write_bytes(b"no archive")
-    os.mkfifo(world.library / os.fsdecode(name))
+    (world.library / os.fsdecode(name)).mkdir()
     for options in ("--dry-run",), ():
         expect_harmless(run("sync", world.device, "--library", world.library, *options), lines=None)
     answer = run("sync", world.device, "--library", world.library, "--json")
