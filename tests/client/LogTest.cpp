@@ -192,6 +192,20 @@ TEST_F(PlugInMessages, HoldMoreOfALargePayload) {
     EXPECT_LT(sink.messages.back().text.size(), limit + 100);
 }
 
+TEST_F(PlugInMessages, HoldTheWholeToDoListOfFiveThousandApps) {
+    Array toDoList;
+    for (int i = 0; i < 5000; ++i) {
+        toDoList.push_back(Dictionary{{"identifier", "com.example.some.publisher.application" + std::to_string(i)},
+                                      {"operation", "install"},
+                                      {"version", "10.20.30.40"},
+                                      {"name", "An application with a long name"},
+                                      {"size", 4'000'000'000 + i},
+                                      {"accountName", "somebody@example.com"}});
+    }
+    log.oversize("%{public}@", toDoList);
+    EXPECT_TRUE(sink.messages.back().text.ends_with("size = 4000004999; accountName = somebody@example.com;})"));
+}
+
 TEST_F(PlugInMessages, KeepPercentSignsOfArguments) {
     EXPECT_EQ(render("a %{public}@ b %d", std::string("%d %{public}@"), 5), "a %d %{public}@ b 5");
 }

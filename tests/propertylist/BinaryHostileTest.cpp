@@ -274,16 +274,20 @@ TEST(HostileBinary, RefusesTextsAndDataThatAreReferredToAgainAndAgain) {
 }
 
 TEST(HostileBinary, CountsTheTextsOfSharedContainers) {
-    // 100 times a dictionary with a key and a text of 300,000 bytes each.
+    // Many times a dictionary with a key, or an array with a text, of 300,000 bytes.
     const std::string text = bytes({0x5F, 0x12}) + bigEndian(300'000, 4) + std::string(300'000, 'x');
-    BinaryFile file;
-    file.offsetWidth = 4;
-    file.objects = {bytes({0xAF, 0x10, 100}) + std::string(100, '\x01'), bytes({0xD1, 2, 2}), text};
-    ErrorPtr error;
-    EXPECT_FALSE(PropertyListCodec().propertyListWithData(file.file(), &error));
-    EXPECT_EQ(error->code(), static_cast<std::int64_t>(Code::tooLarge)) << error->description();
-    file.objects[0] = bytes({0xAF, 0x10, 20}) + std::string(20, '\x01');
-    EXPECT_EQ(mustRead(file.file()).array()->size(), 20U);
+    for (const std::string& container : {bytes({0xD1, 2, 3}), bytes({0xA1, 2})}) {
+        const auto fileWith = [&](unsigned count) {
+            BinaryFile file;
+            file.offsetWidth = 4;
+            file.objects = {bytes({0xAF, 0x10, count}) + std::string(count, '\x01'), container, text, bytes({0x09})};
+            return file.file();
+        };
+        EXPECT_EQ(mustRead(fileWith(50)).array()->size(), 50U);
+        ErrorPtr error;
+        EXPECT_FALSE(PropertyListCodec().propertyListWithData(fileWith(100), &error));
+        EXPECT_EQ(error->code(), static_cast<std::int64_t>(Code::tooLarge)) << error->description();
+    }
 }
 
 TEST(HostileBinary, RefusesMoreBytesThanTheLimitWithoutLookingAtThem) {
