@@ -3,6 +3,7 @@ import json
 import os
 import plistlib
 import pty
+import re
 import subprocess
 import unicodedata
 import zipfile
@@ -42,6 +43,22 @@ def expect_harmless(answer, lines=None):
     if lines is not None:
         assert answer.text.count("\n") == lines, answer.text[:2000]
     return answer
+
+
+def on_terminal(*words):
+    """What `qrd` shows on a terminal."""
+    master, slave = pty.openpty()
+    shown = b""
+    with subprocess.Popen([QRD, *words], stdout=slave, stderr=slave) as process:
+        os.close(slave)
+        try:
+            while True:
+                shown += os.read(master, 65536)
+        except OSError:
+            pass  # the program has ended
+    os.close(master)
+    assert process.returncode == 0, shown
+    return shown.decode().replace("\r\n", "\n")
 
 
 def poison(path, changes):
@@ -92,6 +109,15 @@ def test_the_title_of_an_app_that_is_restored(world, name):
     assert answer.code == 0 and "waits for" in answer.out, answer.text
     expect_harmless(run("apps", world.device), lines=2)
     expect_harmless(run("screen", world.device, "-o", world.folder / "screen.png"), lines=1)
+
+
+@names
+def test_the_bars_of_a_sync(world, name):
+    poison(world.add("Kettle"), {"Kettle.app/Info.plist": info(name), "TamblinMetadata.plist": metadata(name)})
+    shown = on_terminal("sync", world.device, "--library", world.library)
+    bars = re.split(r"\x1b\[[0-9]+A\x1b\[J", shown)  # which take themselves away
+    assert len(bars) > 1 and not harmful("".join(bars)), shown[:2000]
+    assert all(len(line) < 5000 for line in shown.split("\n"))
 
 
 # What is given on the command line, or lies in a library: bytes that a file's name can hold.
@@ -145,22 +171,6 @@ def test_a_list_on_a_terminal_and_in_a_pipe(tmp_path, name):
     piped = run("plist", "print", path)
     expected = "".join("\ufffd" if c < " " and c not in "\t\r\n" or c in "\ufffe\uffff" else c for c in name)
     assert plistlib.loads(piped.out.encode()) == {"name": expected}
-    master, slave = pty.openpty()
-    with subprocess.Popen([QRD, "plist", "print", path], stdout=slave) as process:
-        os.close(slave)
-        shown = b""
-        while piece := read(master):
-            shown += piece
-    assert process.returncode == 0
-    shown = shown.decode().replace("\r\n", "\n")
+    shown = on_terminal("plist", "print", path)
     assert not harmful(shown.replace("\t", " "))
     assert plistlib.loads(shown.encode()) == {"name": expected}
-
-
-def read(terminal):
-    """The next bytes; none when the program on the other side has ended."""
-    try:
-        return os.read(terminal, 65536)
-    except OSError:
-        return b""
-
