@@ -135,7 +135,9 @@ Result<void> Device::Services::openRoot(Result<std::unique_ptr<Root>> opened,
     if (const ErrorPtr error = place(root, std::move(opened))) {
         return error;
     }
-    return place(database, Database::open(root->databasePath(), faultPoint));
+    auto folder = root->openDatabaseFolder();
+    return folder ? place(database, Database::open(std::move(*folder), root->databasePath(), faultPoint))
+                  : folder.error();
 }
 
 Result<void> Device::Services::openRecords(const DeviceEnvironment& environment) {
@@ -430,10 +432,13 @@ Result<pid_t> Device::launch(std::string_view identifier, bool busy) {
     if (!s.root->files().createDirectory(app->dataContainerPath, true, std::nullopt, &error)) {
         return error;
     }
-    return s.processes->launch({.identifier = app->identifier,
-                                .executable = s.root->hostPath(app->bundlePath + "/" + executable),
-                                .dataFolder = s.root->hostPath(app->dataContainerPath),
-                                .busy = busy});
+    const auto program = s.root->hostPath(app->bundlePath + "/" + executable);
+    const auto data = s.root->hostPath(app->dataContainerPath);
+    if (!program || !data) {
+        return refuse(ProcessError::cannotBeStarted, errorText(program ? data.error() : program.error()));
+    }
+    return s.processes->launch(
+        {.identifier = app->identifier, .executable = *program, .dataFolder = *data, .busy = busy});
 }
 
 bool Device::coordinationIsEnabled() const noexcept {

@@ -24,8 +24,12 @@ std::string recordPath(std::string_view identifier) {
     return std::string(RunFolder) + "/" + std::string(identifier) + ".run";
 }
 
+std::string busyName(std::string_view identifier) {
+    return std::string(identifier) + ".busy";
+}
+
 std::string busyPath(std::string_view identifier) {
-    return std::string(RunFolder) + "/" + std::string(identifier) + ".busy";
+    return std::string(RunFolder) + "/" + busyName(identifier);
 }
 
 /// Identifiers become names of files.
@@ -97,11 +101,15 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     if (error = _setBusy(identifier, request.busy); error) {
         return error;
     }
+    const auto folder = _root.hostPath(RunFolder);
+    if (!folder) {
+        return folder.error();
+    }
     pid_t process = 0;
     const int failed = spawnDetached(
         {.executable = request.executable,
          .folder = request.dataFolder,
-         .variables = {"HOME=" + request.dataFolder, "APP_BUSY_FILE=" + _root.hostPath(busyPath(identifier))},
+         .variables = {"HOME=" + request.dataFolder, "APP_BUSY_FILE=" + *folder + "/" + busyName(identifier)},
          .record = record.get()},
         process);
     if (failed != 0) {

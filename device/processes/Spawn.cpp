@@ -52,7 +52,7 @@ bool writeNumber(int file, pid_t number) {
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const int signal : {SIGINT, SIGTERM, SIGPIPE}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
         ::signal(signal, SIG_DFL);
     }
     const int nowhere = ::open("/dev/null", O_RDWR);

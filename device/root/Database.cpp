@@ -1,11 +1,22 @@
 #include "device/root/Database.h"
 
 #include "device/root/DatabaseConnection.h"
+#include "device/root/Syscalls.h"
 
 namespace appsync::device {
 
 Result<std::unique_ptr<Database>> Database::open(const std::string& path, std::shared_ptr<FaultPoint> faultPoint) {
-    auto connection = std::make_unique<DatabaseConnection>(path, std::move(faultPoint));
+    Descriptor folder;
+    const std::string parent = path.substr(0, path.rfind('/') + 1);
+    if (const int failed = openWithoutLinks(parent.empty() ? "." : parent, O_PATH | O_DIRECTORY, folder)) {
+        return makePosixError(failed, "opening the folder of the database", path);
+    }
+    return open(std::move(folder), path, std::move(faultPoint));
+}
+
+Result<std::unique_ptr<Database>> Database::open(Descriptor folder, const std::string& path,
+                                                 std::shared_ptr<FaultPoint> faultPoint) {
+    auto connection = std::make_unique<DatabaseConnection>(std::move(folder), path, std::move(faultPoint));
     if (ErrorPtr error = connection->open()) {
         return error;
     }

@@ -1,6 +1,7 @@
 // The device's database: one SQLite file, one connection, typed access.
 #pragma once
 
+#include "device/root/Descriptor.h"
 #include "device/root/FaultPoint.h"
 #include "device/root/Result.h"
 #include "platform/PropertyList.h"
@@ -126,6 +127,9 @@ class Database {
     /// Opens the database at a path of this machine, which must not lead through symbolic links, and makes it when
     /// there is none. Other processes cannot use it meanwhile.
     [[nodiscard]] static Result<std::unique_ptr<Database>> open(const std::string& path,
+                                                                std::shared_ptr<FaultPoint> faultPoint = nullptr);
+    /// Likewise, in an opened folder: it stays there whatever becomes of the path, whose last part is the file's name.
+    [[nodiscard]] static Result<std::unique_ptr<Database>> open(Descriptor folder, const std::string& path,
                                                                 std::shared_ptr<FaultPoint> faultPoint = nullptr);
     ~Database();
     Database(const Database&) = delete;

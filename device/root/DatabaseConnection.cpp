@@ -1,5 +1,6 @@
 #include "device/root/DatabaseConnection.h"
 
+#include "device/root/DatabaseFiles.h"
 #include "device/root/Syscalls.h"
 
 #include <unistd.h>
@@ -36,6 +37,10 @@ DatabaseError classify(int code) {
 }
 
 std::string_view remedy(int code) {
+    if (code == SQLITE_CANTOPEN_ISDIR) {
+        return "; the file, or one beside it whose name begins alike, is a link, a pipe or something else that is no "
+               "file: move that away";
+    }
     switch (code & 0xff) {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
@@ -63,10 +68,12 @@ DatabaseConnection::~DatabaseConnection() {
 }
 
 ErrorPtr DatabaseConnection::open() noexcept {
-    const bool wasInterrupted = ::access((_path + "-wal").c_str(), F_OK) == 0; // closing removes the log
+    const std::string path =
+        "/proc/self/fd/" + std::to_string(_folder.get()) + "/" + _path.substr(_path.rfind('/') + 1);
+    const bool wasInterrupted = ::access((path + "-wal").c_str(), F_OK) == 0; // closing removes the log
     constexpr int flags =
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
-    if (const int code = sqlite3_open_v2(_path.c_str(), &_handle, flags, nullptr); code != SQLITE_OK) {
+    if (const int code = sqlite3_open_v2(path.c_str(), &_handle, flags, databaseFiles()); code != SQLITE_OK) {
         return _makeFailure(code, "opening it");
     }
     if (ErrorPtr error = _configure()) {

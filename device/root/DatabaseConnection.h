@@ -14,8 +14,9 @@ namespace appsync::device {
 /// Used by one thread at a time. After a failure of the present transaction its operations do nothing.
 class DatabaseConnection {
   public:
-    DatabaseConnection(std::string path, std::shared_ptr<FaultPoint> faultPoint)
-        : _path(std::move(path)), _faultPoint(std::move(faultPoint)) {}
+    /// The last part of `path` is the file's name in the opened folder; the rest is for messages.
+    DatabaseConnection(Descriptor folder, std::string path, std::shared_ptr<FaultPoint> faultPoint)
+        : _folder(std::move(folder)), _path(std::move(path)), _faultPoint(std::move(faultPoint)) {}
     ~DatabaseConnection();
     DatabaseConnection(const DatabaseConnection&) = delete;
     DatabaseConnection& operator=(const DatabaseConnection&) = delete;
@@ -54,6 +55,7 @@ class DatabaseConnection {
     [[nodiscard]] ErrorPtr _makeFailure(int code, std::string_view what) const;
     [[nodiscard]] int _bind(sqlite3_stmt* statement, std::span<const SqlValue> arguments, bool copy) noexcept;
 
+    const Descriptor _folder;
     const std::string _path;
     const std::shared_ptr<FaultPoint> _faultPoint;
     sqlite3* _handle = nullptr;

@@ -15,23 +15,9 @@ namespace appsync::device {
 
 namespace {
 
-/// What is opened for its bytes must not block, become the terminal, or be anything but a file.
-constexpr int readFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
-
 /// Whether the path can mean anything: absolute, without a zero byte.
 int checkPath(std::string_view path) {
     return path.starts_with('/') && path.find('\0') == std::string_view::npos ? 0 : EINVAL;
-}
-
-int checkIsFile(int file) {
-    struct stat status {};
-    if (::fstat(file, &status) != 0) {
-        return errno;
-    }
-    if (S_ISDIR(status.st_mode)) {
-        return EISDIR;
-    }
-    return S_ISREG(status.st_mode) ? 0 : EINVAL;
 }
 
 bool report(int failed, std::string_view operation, std::string_view path, ErrorPtr* error) {
@@ -163,8 +149,12 @@ int DeviceFileSystem::_findPlace(std::string_view path, int flags, Place& place)
 }
 
 int DeviceFileSystem::_open(std::string_view path, int flags, mode_t mode, Descriptor& opened) {
-    const int failed = checkPath(path);
-    return failed != 0 ? failed : openInRoot(_root.get(), std::string(path), flags, mode, opened);
+    const bool wantsBytes = (flags & (O_DIRECTORY | O_PATH)) == 0;
+    int failed = checkPath(path);
+    if (failed == 0) {
+        failed = openInRoot(_root.get(), std::string(path), flags | (wantsBytes ? withoutWaiting : 0), mode, opened);
+    }
+    return failed == 0 && wantsBytes ? checkIsFile(opened.get()) : failed;
 }
 
 void DeviceFileSystem::_setOwner(int folder, const char* name, const FileAttributes& attributes) {
@@ -247,10 +237,7 @@ bool DeviceFileSystem::moveItem(std::string_view from, std::string_view to, Erro
 
 bool DeviceFileSystem::copyItem(std::string_view from, std::string_view to, ErrorPtr* error) noexcept {
     Descriptor source;
-    int failed = _open(from, readFlags, 0, source);
-    if (failed == 0) {
-        failed = checkIsFile(source.get());
-    }
+    int failed = _open(from, O_RDONLY, 0, source);
     if (failed != 0) {
         return report(failed, "copying", from, error);
     }
@@ -275,10 +262,7 @@ bool DeviceFileSystem::fileExists(std::string_view path) noexcept {
 
 std::optional<Data> DeviceFileSystem::readFile(std::string_view path, ErrorPtr* error) noexcept {
     Descriptor file;
-    int failed = _open(path, readFlags, 0, file);
-    if (failed == 0) {
-        failed = checkIsFile(file.get());
-    }
+    int failed = _open(path, O_RDONLY, 0, file);
     std::string bytes;
     if (failed == 0) {
         failed = readAll(file.get(), largestReadFile, bytes);

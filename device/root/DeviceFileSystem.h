@@ -48,7 +48,8 @@ class DeviceFileSystem final : public FileSystem {
 
     // For the device's own services.
 
-    /// Opens what stands at a path, with the flags of `open`; the descriptor is closed on exec.
+    /// Opens what stands at a path, with the flags of `open`; the descriptor is closed on exec. Without O_DIRECTORY and
+    /// O_PATH that is a regular file: anything else is refused at once, not waited for.
     [[nodiscard]] Result<Descriptor> open(std::string_view path, int flags, mode_t mode = 0644) noexcept;
     /// The names in a folder, sorted, without "." and "..".
     [[nodiscard]] Result<std::vector<std::string>> list(std::string_view path) noexcept;

@@ -27,6 +27,13 @@ class FolderReader {
     [[nodiscard]] std::optional<Entry> next() noexcept;
     /// The folder's descriptor.
     [[nodiscard]] int folder() const noexcept { return _stream ? ::dirfd(_stream) : -1; }
+    /// How far it has been read, for a later reader of the same folder.
+    [[nodiscard]] long position() const noexcept { return _stream ? ::telldir(_stream) : 0; }
+    void goTo(long position) noexcept {
+        if (_stream) {
+            ::seekdir(_stream, position);
+        }
+    }
     /// Zero, or the errno number of the failure.
     [[nodiscard]] int error() const noexcept { return _error; }
 

@@ -16,6 +16,7 @@ std::string_view remedy(int errorNumber) {
     case EMFILE:
     case ENFILE: return "; raise the limit of open files (ulimit -n)";
     case ENOSYS: return "; a device needs Linux 5.6 or later";
+    case EISDIR: return "; a file belongs there: move the folder away";
     case EXDEV: return "; the path leaves the device, or source and destination are on different file systems";
     default: return {};
     }
@@ -38,7 +39,9 @@ std::string systemText(int errorNumber) {
 
 ErrorPtr makePosixError(int errorNumber, std::string_view operation, std::string_view path) {
     std::string text(operation);
-    text.append(" ").append(path).append(": ").append(systemText(errorNumber)).append(remedy(errorNumber));
+    const std::string reason =
+        errorNumber == ENXIO ? "it is a pipe, a socket or a device and no file; move it away" : systemText(errorNumber);
+    text.append(" ").append(path).append(": ").append(reason).append(remedy(errorNumber));
     return makeError(PosixErrorDomain, errorNumber, text, path);
 }
 

@@ -7,7 +7,6 @@
 
 #include <array>
 #include <charconv>
-#include <cstdlib>
 #include <filesystem>
 
 namespace appsync::device {
@@ -15,7 +14,8 @@ namespace appsync::device {
 namespace {
 
 constexpr std::string_view markerPath = "/device-root";
-constexpr const char* lockName = "device-lock";
+constexpr std::string_view lockPath = "/device-lock";
+constexpr std::string_view databaseFolder = "/var/db";
 /// The marker file: this text, the number of the layout, a line end.
 constexpr std::string_view markerText = "application device root, layout ";
 constexpr unsigned layoutVersion = 1;
@@ -34,8 +34,12 @@ ErrorPtr rootError(RootError code, const std::string& folder, const std::string&
     return makeError(RootErrorDomain, static_cast<std::int64_t>(code), text, folder);
 }
 
+bool isPermission(int failed) {
+    return failed == EACCES || failed == EROFS || failed == EPERM;
+}
+
 ErrorPtr systemError(int failed, const std::string& folder, const std::string& text) {
-    if (failed == EACCES || failed == EROFS || failed == EPERM) {
+    if (isPermission(failed)) {
         return rootError(RootError::notWritable, folder,
                          text + " " + folder + ": " + systemText(failed) +
                              "; use a folder that this account may write, or change its permissions");
@@ -83,11 +87,15 @@ ErrorPtr inUseError(int lock, const std::string& folder) {
 }
 
 /// Takes the device for this process until the lock's descriptor is closed.
-ErrorPtr takeLock(int root, const std::string& folder, Descriptor& lock) {
-    lock = Descriptor(::openat(root, lockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!lock.isOpen()) {
-        return systemError(errno, folder, "cannot lock the device");
+ErrorPtr takeLock(DeviceFileSystem& files, const std::string& folder, Descriptor& lock) {
+    auto opened = files.open(lockPath, O_RDWR | O_CREAT | O_NOFOLLOW, 0644);
+    if (!opened) {
+        const int failed = static_cast<int>(opened.error()->code());
+        return isPermission(failed) ? systemError(failed, folder, "cannot lock the device")
+                                    : rootError(RootError::failed, folder,
+                                                "cannot lock the device " + folder + ": " + errorText(opened.error()));
     }
+    lock = std::move(*opened);
     int failed = 0;
     do {
         failed = errnoOf(::flock(lock.get(), LOCK_EX | LOCK_NB));
@@ -125,14 +133,12 @@ bool isVacant(const std::vector<std::string>& names) {
     return true;
 }
 
-/// Opens a folder of this machine and finds its absolute path without symbolic links.
+/// Opens a folder of this machine and finds its absolute path without symbolic links. From here on the descriptor is
+/// the device, whatever becomes of the path.
 ErrorPtr openHostFolder(const std::string& folder, Descriptor& opened, std::string& absolute) {
-    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(folder.c_str(), nullptr), &std::free);
-    if (resolved) {
-        absolute = resolved.get();
-        opened = Descriptor(::open(absolute.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    }
+    opened = Descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (opened.isOpen()) {
+        absolute = hostPathOf(opened.get());
         return nullptr;
     }
     if (errno == ENOENT || errno == ENOTDIR) {
@@ -158,7 +164,7 @@ Result<std::unique_ptr<Root>> Root::create(const std::string& folder, RootOption
         return failed ? systemError(failed.value(), folder, "cannot create the folder") : error;
     }
     {
-        DeviceFileSystem files(std::move(opened), options.faultPoint);
+        DeviceFileSystem files(Descriptor(::fcntl(opened.get(), F_DUPFD_CLOEXEC, 0)), options.faultPoint);
         if (!files.fileExists(markerPath)) {
             const auto names = files.list("/");
             if (!names) {
@@ -175,7 +181,7 @@ Result<std::unique_ptr<Root>> Root::create(const std::string& folder, RootOption
             }
         }
     }
-    return open(folder, std::move(options));
+    return _open(std::move(opened), std::move(absolute), std::move(options));
 }
 
 Result<std::unique_ptr<Root>> Root::open(const std::string& folder, RootOptions options) {
@@ -184,13 +190,16 @@ Result<std::unique_ptr<Root>> Root::open(const std::string& folder, RootOptions 
     if (ErrorPtr error = openHostFolder(folder, opened, absolute)) {
         return error;
     }
-    const int root = opened.get();
+    return _open(std::move(opened), std::move(absolute), std::move(options));
+}
+
+Result<std::unique_ptr<Root>> Root::_open(Descriptor opened, std::string absolute, RootOptions options) {
     auto files = std::make_unique<DeviceFileSystem>(std::move(opened), std::move(options.faultPoint));
     if (ErrorPtr error = checkMarker(*files, absolute)) {
         return error;
     }
     Descriptor lock;
-    if (ErrorPtr error = takeLock(root, absolute, lock)) {
+    if (ErrorPtr error = takeLock(*files, absolute, lock)) {
         return error;
     }
     if (ErrorPtr error = makeLayout(*files, absolute)) {
@@ -202,8 +211,21 @@ Result<std::unique_ptr<Root>> Root::open(const std::string& folder, RootOptions 
     return std::unique_ptr<Root>(new Root(std::move(absolute), std::move(lock), std::move(files)));
 }
 
-std::string Root::hostPath(std::string_view devicePath) const {
-    return _folder + std::string(devicePath);
+Result<std::string> Root::hostPath(std::string_view devicePath) {
+    const auto found = _files->open(devicePath, O_PATH);
+    if (!found) {
+        return found.error();
+    }
+    std::string path = hostPathOf(found->get());
+    return path.empty() ? Result<std::string>(makePosixError(ENOENT, "looking for", devicePath)) : std::move(path);
+}
+
+std::string Root::databasePath() const {
+    return _folder + std::string(databaseFolder) + "/device.sqlite";
+}
+
+Result<Descriptor> Root::openDatabaseFolder() noexcept {
+    return _files->open(databaseFolder, O_PATH | O_DIRECTORY | O_NOFOLLOW);
 }
 
 } // namespace appsync::device

@@ -48,12 +48,15 @@ class Root {
     [[nodiscard]] std::string temporaryDirectory() const { return "/tmp"; }
     /// The root folder's absolute path on this machine.
     [[nodiscard]] const std::string& folder() const noexcept { return _folder; }
-    /// Where a path of the device stands on this machine, for messages.
-    [[nodiscard]] std::string hostPath(std::string_view devicePath) const;
-    /// The database file's path on this machine.
-    [[nodiscard]] std::string databasePath() const { return hostPath("/var/db/device.sqlite"); }
+    /// Where what stands at a path of the device stands on this machine, for other processes.
+    [[nodiscard]] Result<std::string> hostPath(std::string_view devicePath);
+    /// The database file's path on this machine, for messages.
+    [[nodiscard]] std::string databasePath() const;
+    /// The folder of the database, opened; never one outside of the root.
+    [[nodiscard]] Result<Descriptor> openDatabaseFolder() noexcept;
 
   private:
+    static Result<std::unique_ptr<Root>> _open(Descriptor opened, std::string absolute, RootOptions options);
     Root(std::string folder, Descriptor lock, std::unique_ptr<DeviceFileSystem> files);
 
     std::string _folder;

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <climits>
 
 namespace appsync::device {
 
@@ -35,8 +36,30 @@ int openInRoot(int root, const std::string& path, int flags, mode_t mode, Descri
     return openResolved(root, path, flags, mode, RESOLVE_IN_ROOT, opened);
 }
 
-int openBeneath(int folder, const std::string& path, int flags, Descriptor& opened) noexcept {
-    return openResolved(folder, path, flags, 0, RESOLVE_BENEATH, opened);
+int openBeneath(int folder, const std::string& path, int flags, Descriptor& opened, unsigned resolve) noexcept {
+    return openResolved(folder, path, flags, 0, RESOLVE_BENEATH | resolve, opened);
+}
+
+int openWithoutLinks(const std::string& path, int flags, Descriptor& opened) noexcept {
+    return openResolved(AT_FDCWD, path, flags, 0, RESOLVE_NO_SYMLINKS, opened);
+}
+
+int checkIsFile(int file) noexcept {
+    struct stat status {};
+    if (::fstat(file, &status) != 0) {
+        return errno;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return EISDIR;
+    }
+    return S_ISREG(status.st_mode) ? 0 : ENXIO;
+}
+
+std::string hostPathOf(int opened) {
+    std::string path(PATH_MAX, '\0');
+    const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(opened)).c_str(), path.data(), path.size());
+    path.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return path;
 }
 
 int writeAll(int file, std::string_view bytes) noexcept {

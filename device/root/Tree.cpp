@@ -2,6 +2,7 @@
 
 #include "device/root/FolderReader.h"
 #include "device/root/Syscalls.h"
+#include "device/root/TreeWalk.h"
 
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -101,45 +102,35 @@ class TreeRemover {
     bool _movedUp = false;
 };
 
-void removeTemporaryFilesBelow(Descriptor folder, FaultPoint* faultPoint, int depth) {
-    FolderReader reader(std::move(folder));
-    while (const auto entry = reader.next()) {
-        const std::string name(entry->name);
-        if (entry->isFolder && depth < maximumDepth) {
-            Descriptor below;
-            if (openFolder(reader.folder(), name, below) == 0) {
-                removeTemporaryFilesBelow(std::move(below), faultPoint, depth + 1);
-            }
-        } else if (isTemporaryName(name) && beforeChange(faultPoint, "unlink", name) == 0) {
-            ::unlinkat(reader.folder(), name.c_str(), 0);
+class TemporaryFileRemover final : public TreeVisitor {
+  public:
+    explicit TemporaryFileRemover(FaultPoint* faultPoint) : _faultPoint(faultPoint) {}
+    int visitFile(int parent, const std::string& name) override {
+        if (isTemporaryName(name) && beforeChange(_faultPoint, "unlink", name) == 0) {
+            ::unlinkat(parent, name.c_str(), 0);
         }
+        return 0;
     }
-}
+    int failedToEnter(int /*failed*/, const std::string& /*name*/) override { return 0; }
 
-int addTreeSize(Descriptor folder, std::uint64_t& bytes, int depth) {
-    FolderReader reader(std::move(folder));
-    while (const auto entry = reader.next()) {
-        const std::string name(entry->name);
-        if (!entry->isFolder) {
-            struct stat status {};
-            if (::fstatat(reader.folder(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-                bytes += static_cast<std::uint64_t>(status.st_size);
-            }
-        } else if (depth == maximumDepth) {
-            return ELOOP;
-        } else {
-            Descriptor below;
-            int failed = openFolder(reader.folder(), name, below);
-            if (failed == 0) {
-                failed = addTreeSize(std::move(below), bytes, depth + 1);
-            }
-            if (failed != 0) {
-                return failed;
-            }
+  private:
+    FaultPoint* _faultPoint;
+};
+
+class SizeAdder final : public TreeVisitor {
+  public:
+    explicit SizeAdder(std::uint64_t& bytes) : _bytes(bytes) {}
+    int visitFile(int parent, const std::string& name) override {
+        struct stat status {};
+        if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+            _bytes += static_cast<std::uint64_t>(status.st_size);
         }
+        return 0;
     }
-    return reader.error();
-}
+
+  private:
+    std::uint64_t& _bytes;
+};
 
 } // namespace
 
@@ -167,11 +158,13 @@ int removeTree(int folder, const std::string& name, FaultPoint* faultPoint, std:
 }
 
 void removeTemporaryFiles(Descriptor folder, FaultPoint* faultPoint) {
-    removeTemporaryFilesBelow(std::move(folder), faultPoint, 0);
+    TemporaryFileRemover remover(faultPoint);
+    (void)walkTree(std::move(folder), remover); // what stays is found the next time
 }
 
 int treeSize(Descriptor folder, std::uint64_t& bytes) {
-    return addTreeSize(std::move(folder), bytes, 0);
+    SizeAdder adder(bytes);
+    return walkTree(std::move(folder), adder);
 }
 
 } // namespace appsync::device

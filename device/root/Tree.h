@@ -20,7 +20,7 @@ namespace appsync::device {
 [[nodiscard]] int removeTree(int folder, const std::string& name, FaultPoint* faultPoint, std::string_view path);
 /// Removes files with a temporary name in a folder, opened for reading, and below it.
 void removeTemporaryFiles(Descriptor folder, FaultPoint* faultPoint);
-/// Adds up the sizes of the files in a folder, opened for reading, and below it. ELOOP for one nested too deeply.
+/// Adds up the sizes of the files in a folder, opened for reading, and below it.
 [[nodiscard]] int treeSize(Descriptor folder, std::uint64_t& bytes);
 
 } // namespace appsync::device

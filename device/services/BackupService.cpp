@@ -154,8 +154,7 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
         return opened.error();
     }
     std::uint64_t size = 0;
-    // Of folders nested very deeply the size is that of what is above.
-    if (const int failed = treeSize(std::move(*opened), size); failed != 0 && failed != ELOOP) {
+    if (const int failed = treeSize(std::move(*opened), size)) {
         return makePosixError(failed, "reading", folder);
     }
     const std::lock_guard lock(_mutex);
