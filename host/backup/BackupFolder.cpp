@@ -1,10 +1,11 @@
 #include "host/backup/BackupFolder.h"
 
 #include "desktop/AppArchive.h"
-#include "device/root/Descriptor.h"
 #include "device/root/Syscalls.h"
 #include "host/plugin/PlugIn.h"
 #include "platform/PropertyListSerialization.h"
+
+#include <linux/openat2.h>
 
 #include <cstring>
 
@@ -12,33 +13,63 @@ namespace appsync::host {
 
 namespace {
 
-constexpr std::size_t largestList = std::size_t{1} << 30;
+constexpr std::size_t largestList = std::size_t{256} << 20;
 
 std::string textOf(const ErrorPtr& error) {
     const auto text = error != nullptr ? error->userInfo().string(ErrorDescriptionKey) : std::nullopt;
     return text ? ": " + std::string(*text) : std::string(".");
 }
 
-/// The property list in a file; nothing, and a sentence in `problem`, when there is none.
-std::optional<Value> readList(const std::string& path, PropertyListSerialization& propertyLists, std::string& problem) {
-    const device::Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    std::string bytes;
-    const int failed = file.isOpen() ? device::readAll(file.get(), largestList, bytes) : errno;
-    if (failed != 0) {
-        problem = "'" + path + "' cannot be read: " + std::strerror(failed) + ".";
-        return std::nullopt;
+/// A backup's lists.
+class ListReader {
+  public:
+    ListReader(int folder, const std::string& path, PropertyListSerialization& propertyLists)
+        : _folder(folder), _path(path), _propertyLists(propertyLists) {}
+
+    /// The property list in a file; nothing, and a sentence in `problem`, when there is none.
+    std::optional<Value> read(std::string_view name, std::string& problem) {
+        const std::string shown = pathOf(name);
+        device::Descriptor file;
+        std::string bytes;
+        int failed = device::openBeneath(_folder, std::string(name), O_RDONLY | device::withoutWaiting, file,
+                                         RESOLVE_NO_SYMLINKS);
+        if (failed == 0) {
+            failed = device::checkIsFile(file.get());
+        }
+        if (failed == 0) {
+            failed = device::readAll(file.get(), largestList, bytes);
+        }
+        if (failed != 0) {
+            problem = "'" + shown + "' cannot be read: " + reasonOf(failed) + ".";
+            return std::nullopt;
+        }
+        if (bytes.empty()) {
+            problem = "'" + shown + "' is empty.";
+            return std::nullopt;
+        }
+        ErrorPtr error;
+        auto list = _propertyLists.propertyListWithData(bytes, &error);
+        if (!list) {
+            problem = "'" + shown + "' is no property list" + textOf(error);
+        }
+        return list;
     }
-    if (bytes.empty()) {
-        problem = "'" + path + "' is empty.";
-        return std::nullopt;
+    [[nodiscard]] std::string pathOf(std::string_view name) const { return _path + "/" + std::string(name); }
+
+  private:
+    static std::string reasonOf(int failed) {
+        switch (failed) {
+        case ELOOP: return "it is a symbolic link, and a backup has none";
+        case ENXIO: return "it is no file";
+        case EFBIG: return "it is larger than 256 MB";
+        default: return std::strerror(failed);
+        }
     }
-    ErrorPtr error;
-    auto list = propertyLists.propertyListWithData(bytes, &error);
-    if (!list) {
-        problem = "'" + path + "' is no property list" + textOf(error);
-    }
-    return list;
-}
+
+    int _folder;
+    const std::string& _path;
+    PropertyListSerialization& _propertyLists;
+};
 
 std::optional<std::string> textIn(const Dictionary& metadata, std::string_view key) {
     const auto text = metadata.string(key);
@@ -81,24 +112,24 @@ void readEntry(const Value& value, PropertyListSerialization& propertyLists, Bac
     app.entry = std::move(entry);
 }
 
-void readDemoted(const std::string& path, PropertyListSerialization& propertyLists, BackupContent& content) {
+void readDemoted(ListReader& lists, BackupContent& content) {
     std::string problem;
-    const auto list = readList(path, propertyLists, problem);
+    const auto list = lists.read(DemotedAppsName, problem);
     content.demoted = list ? device::DemotionLists::fromPropertyList(*list) : std::nullopt;
     if (list && !content.demoted) {
-        problem = "'" + path + "' is no dictionary.";
+        problem = "'" + lists.pathOf(DemotedAppsName) + "' is no dictionary.";
     }
     if (!problem.empty()) {
         content.problems.push_back(problem + " No app counts as demoted.");
     }
 }
 
-void readIconState(const std::string& path, PropertyListSerialization& propertyLists, BackupContent& content) {
+void readIconState(ListReader& lists, BackupContent& content) {
     std::string problem;
-    auto list = readList(path, propertyLists, problem);
+    auto list = lists.read(IconStateName, problem);
     std::string reason;
     if (list && !device::IconLayout::fromPropertyList(*list, reason)) {
-        problem = "'" + path + "' is no icon layout: " + reason + ".";
+        problem = "'" + lists.pathOf(IconStateName) + "' is no icon layout: " + reason + ".";
         list.reset();
     }
     content.iconState = std::move(list);
@@ -107,18 +138,28 @@ void readIconState(const std::string& path, PropertyListSerialization& propertyL
     }
 }
 
+ErrorPtr noBackup(const std::string& problem, const std::string& path) {
+    return hostError(problem + " Name a folder that `qrd backup` has made.", path);
+}
+
 } // namespace
 
-std::optional<BackupContent> readBackup(const std::string& folder, PropertyListSerialization& propertyLists,
-                                        ErrorPtr* error) {
-    const std::string path = folder + "/" + std::string(RestoreInfoName);
+BackupFolder::BackupFolder(const std::string& path, ErrorPtr* error)
+    : _path(path), _folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (!_folder.isOpen()) {
+        *error = noBackup("'" + path + "' cannot be read: " + std::strerror(errno) + ".", path);
+    }
+}
+
+std::optional<BackupContent> BackupFolder::read(PropertyListSerialization& propertyLists, ErrorPtr* error) const {
+    ListReader lists(_folder.get(), _path, propertyLists);
     std::string problem;
-    const auto info = readList(path, propertyLists, problem);
+    const auto info = lists.read(RestoreInfoName, problem);
     if (info && info->dictionary() == nullptr) {
-        problem = "'" + path + "' is no dictionary.";
+        problem = "'" + lists.pathOf(RestoreInfoName) + "' is no dictionary.";
     }
     if (!problem.empty()) {
-        *error = hostError(problem + " Name a folder that `qrd backup` has made.", path);
+        *error = noBackup(problem, lists.pathOf(RestoreInfoName));
         return std::nullopt;
     }
     BackupContent content;
@@ -127,9 +168,18 @@ std::optional<BackupContent> readBackup(const std::string& folder, PropertyListS
         readEntry(entry, propertyLists, app);
         content.apps.push_back(std::move(app));
     }
-    readDemoted(folder + "/" + std::string(DemotedAppsName), propertyLists, content);
-    readIconState(folder + "/" + std::string(IconStateName), propertyLists, content);
+    readDemoted(lists, content);
+    readIconState(lists, content);
     return content;
+}
+
+std::string BackupFolder::dataPath(const std::string& identifier) const {
+    return _path + "/" + std::string(BackupDataName) + "/" + identifier;
+}
+
+int BackupFolder::openData(const std::string& identifier, device::Descriptor& opened) const {
+    return device::openBeneath(_folder.get(), std::string(BackupDataName) + "/" + identifier, O_RDONLY | O_DIRECTORY,
+                               opened, RESOLVE_NO_SYMLINKS);
 }
 
 bool isPNG(std::string_view bytes) {

@@ -7,11 +7,13 @@
 //   Data/<bundle identifier>/   the apps' data
 #pragma once
 
+#include "device/root/Descriptor.h"
 #include "device/screen/IconLayout.h"
 #include "device/services/DemotedApps.h"
 #include "platform/Error.h"
 #include "platform/PropertyList.h"
 
+#include <array>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,6 +29,7 @@ inline constexpr std::string_view RestoreInfoName = "RestoreApplications.plist";
 inline constexpr std::string_view DemotedAppsName = "DemotedApps.plist";
 inline constexpr std::string_view IconStateName = "IconState.plist";
 inline constexpr std::string_view BackupDataName = "Data";
+inline constexpr std::array BackupNames{RestoreInfoName, DemotedAppsName, IconStateName, BackupDataName};
 
 /// One app of a backup.
 struct BackupApp {
@@ -45,9 +48,25 @@ struct BackupContent {
     std::vector<std::string> problems; // files that cannot be used, a sentence each
 };
 
-/// Reads and checks a backup's lists. Nothing, and the reason in `error`, when its restore info cannot be used.
-[[nodiscard]] std::optional<BackupContent> readBackup(const std::string& folder,
-                                                      PropertyListSerialization& propertyLists, ErrorPtr* error);
+/// A backup of which nothing is trusted. It is held by its descriptor, and no path in it is followed over a symbolic
+/// link, so that nothing outside of it is read.
+class BackupFolder {
+  public:
+    /// Closed when there is no such folder; then the reason is in `error`.
+    explicit BackupFolder(const std::string& path, ErrorPtr* error);
+
+    /// Reads and checks its lists. Nothing, and the reason in `error`, when its restore info cannot be used.
+    [[nodiscard]] std::optional<BackupContent> read(PropertyListSerialization& propertyLists, ErrorPtr* error) const;
+    /// Opens the folder with an app's data; zero or an errno number. The identifier must be a usable one.
+    [[nodiscard]] int openData(const std::string& identifier, device::Descriptor& opened) const;
+    /// Where that stands, for messages.
+    [[nodiscard]] std::string dataPath(const std::string& identifier) const;
+    [[nodiscard]] bool isOpen() const noexcept { return _folder.isOpen(); }
+
+  private:
+    std::string _path;
+    device::Descriptor _folder;
+};
 
 [[nodiscard]] bool isPNG(std::string_view bytes);
 

@@ -1,11 +1,12 @@
 #include "host/backup/CopyTree.h"
 
-#include "device/root/FolderReader.h"
 #include "device/root/Syscalls.h"
+#include "device/root/TreeWalk.h"
 #include "host/plugin/PlugIn.h"
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <vector>
@@ -16,113 +17,169 @@ namespace {
 
 using device::Descriptor;
 
-/// Each level holds two descriptors.
-constexpr int maximumDepth = 200;
 constexpr std::size_t pieceSize = std::size_t{1} << 18;
-constexpr mode_t permissionBits = 07777;
+constexpr mode_t keptPermissions = 0755;
+constexpr std::size_t longestPathShown = 1000;
 
-class TreeCopier {
+class TreeCopier final : public device::TreeVisitor {
   public:
-    explicit TreeCopier(const std::string& name) : _path(name), _buffer(pieceSize) {}
+    TreeCopier(const std::string& name, const std::function<bool()>& isCancelled)
+        : _path(name), _isCancelled(isCancelled), _buffer(pieceSize) {}
 
-    ErrorPtr copyFolder(Descriptor from, Descriptor to, int depth) {
-        if (depth > maximumDepth) {
-            return _failure(ELOOP);
+    ErrorPtr copy(Descriptor from, Descriptor to) {
+        int failed = _target.enter(std::move(to));
+        if (failed == 0) {
+            failed = device::walkTree(std::move(from), *this);
         }
-        const int target = to.get();
-        device::FolderReader reader(std::move(from));
-        while (const auto entry = reader.next()) {
-            const std::size_t length = _path.size();
-            const std::string name(entry->name);
-            _path += "/" + name;
-            if (ErrorPtr error = _copyEntry(reader.folder(), target, name, depth)) {
-                return error;
-            }
+        if (failed == 0) {
+            return nullptr;
+        }
+        const std::string shown = _path.size() > longestPathShown ? _path.substr(0, longestPathShown) + "…" : _path;
+        return hostError("'" + shown + "' cannot be copied: " + std::strerror(failed) + ".", shown);
+    }
+
+    int visitFile(int parent, const std::string& name) override {
+        const std::size_t length = _path.size();
+        _path += "/" + name;
+        const int failed = _isCancelled && _isCancelled() ? ECANCELED : _copyEntry(parent, name);
+        if (failed == 0) {
             _path.resize(length);
         }
-        return reader.error() != 0 ? _failure(reader.error()) : nullptr;
+        return failed;
+    }
+
+    int failedToEnter(int failed, const std::string& name) override {
+        _path += "/" + name;
+        return failed;
+    }
+
+    int enterFolder(int folder, const std::string& name) override {
+        _path += "/" + name;
+        struct stat information {};
+        if (::fstat(folder, &information) != 0 || ::mkdirat(_target.folder(), name.c_str(), 0700) != 0) {
+            return errno;
+        }
+        _modes.push_back(information.st_mode & keptPermissions);
+        Descriptor made(::openat(_target.folder(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        return made.isOpen() ? _target.enter(std::move(made)) : errno;
+    }
+
+    /// It gets its mode at last: a folder that may not be written can be filled.
+    int leaveFolder(int /*folder*/) override {
+        Descriptor filled;
+        int failed = _target.leave(&filled);
+        if (failed == 0) {
+            failed = device::errnoOf(::fchmod(filled.get(), _modes.back()));
+        }
+        if (failed == 0) {
+            _modes.pop_back();
+            _path.resize(_path.rfind('/'));
+        }
+        return failed;
     }
 
   private:
-    [[nodiscard]] ErrorPtr _failure(int number) const {
-        return hostError("'" + _path + "' cannot be copied: " + std::strerror(number) + ".", _path);
-    }
-
-    ErrorPtr _copyEntry(int from, int to, const std::string& name, int depth) {
+    int _copyEntry(int from, const std::string& name) {
         struct stat information {};
         if (::fstatat(from, name.c_str(), &information, AT_SYMLINK_NOFOLLOW) != 0) {
-            return _failure(errno);
+            return errno;
         }
-        const mode_t mode = information.st_mode & permissionBits;
         switch (information.st_mode & S_IFMT) {
-        case S_IFDIR: return _copySubfolder(from, to, name, mode, depth);
-        case S_IFREG: return _copyFile(from, to, name, mode);
-        case S_IFLNK: return _copyLink(from, to, name);
-        default: return nullptr;
+        case S_IFREG: return _copyFile(from, name);
+        case S_IFLNK: return _copyLink(from, name);
+        default: return 0;
         }
     }
 
-    ErrorPtr _copySubfolder(int from, int to, const std::string& name, mode_t mode, int depth) {
-        constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-        Descriptor source(::openat(from, name.c_str(), flags));
-        if (!source.isOpen() || ::mkdirat(to, name.c_str(), 0700) != 0) {
-            return _failure(errno);
-        }
-        Descriptor target(::openat(to, name.c_str(), flags));
-        Descriptor forMode(target.isOpen() ? ::dup(target.get()) : -1);
-        if (!forMode.isOpen()) {
-            return _failure(errno);
-        }
-        if (ErrorPtr error = copyFolder(std::move(source), std::move(target), depth + 1)) {
-            return error;
-        }
-        return ::fchmod(forMode.get(), mode) != 0 ? _failure(errno) : nullptr;
-    }
-
-    ErrorPtr _copyFile(int from, int to, const std::string& name, mode_t mode) {
-        const Descriptor source(::openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    /// What stands there may have been replaced since it was looked at.
+    int _copyFile(int from, const std::string& name) {
+        const Descriptor source(
+            ::openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | device::withoutWaiting));
         if (!source.isOpen()) {
-            return _failure(errno);
+            return errno;
         }
-        const Descriptor target(::openat(to, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (!target.isOpen()) {
-            return _failure(errno);
+        struct stat information {};
+        if (const int failed = device::checkIsFile(source.get())) {
+            return failed;
         }
-        for (;;) {
-            const ssize_t length = ::read(source.get(), _buffer.data(), _buffer.size());
+        const Descriptor target(
+            ::openat(_target.folder(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!target.isOpen() || ::fstat(source.get(), &information) != 0) {
+            return errno;
+        }
+        int failed = _copyContent(source.get(), target.get(), information.st_size);
+        if (failed == 0) {
+            failed = device::errnoOf(::fchmod(target.get(), information.st_mode & keptPermissions));
+        }
+        return failed;
+    }
+
+    /// As much as there was at the beginning, without the holes, so that neither a file that grows nor one that only
+    /// says that it is large fills the disk.
+    int _copyContent(int source, int target, off_t size) {
+        for (off_t start = 0; start < size;) {
+            const off_t data = ::lseek(source, start, SEEK_DATA);
+            if (data < 0 || data >= size) {
+                if (data < 0 && errno != ENXIO) {
+                    return errno;
+                }
+                break; // the rest is a hole
+            }
+            const off_t hole = ::lseek(source, data, SEEK_HOLE);
+            const off_t end = hole < 0 ? size : std::min(hole, size);
+            if (const int failed = _copyRange(source, target, data, end)) {
+                return failed;
+            }
+            start = end;
+        }
+        return device::errnoOf(::ftruncate(target, size));
+    }
+
+    int _copyRange(int source, int target, off_t start, off_t end) {
+        if (::lseek(target, start, SEEK_SET) < 0) {
+            return errno;
+        }
+        while (start < end) {
+            if (_isCancelled && _isCancelled()) {
+                return ECANCELED;
+            }
+            const auto wanted = std::min<std::size_t>(_buffer.size(), static_cast<std::size_t>(end - start));
+            const ssize_t length = ::pread(source, _buffer.data(), wanted, start);
             if (length < 0 && errno == EINTR) {
                 continue;
             }
-            if (length < 0) {
-                return _failure(errno);
+            if (length <= 0) {
+                return length < 0 ? errno : 0; // it has become shorter
             }
-            if (length == 0) {
-                return ::fchmod(target.get(), mode) != 0 ? _failure(errno) : nullptr;
+            if (const int failed = device::writeAll(target, {_buffer.data(), static_cast<std::size_t>(length)})) {
+                return failed;
             }
-            if (const int failed = device::writeAll(target.get(), {_buffer.data(), static_cast<std::size_t>(length)})) {
-                return _failure(failed);
-            }
+            start += length;
         }
+        return 0;
     }
 
-    ErrorPtr _copyLink(int from, int to, const std::string& name) {
+    int _copyLink(int from, const std::string& name) {
         std::vector<char> text(PATH_MAX);
         const ssize_t length = ::readlinkat(from, name.c_str(), text.data(), text.size() - 1);
         if (length < 0) {
-            return _failure(errno);
+            return errno;
         }
         text[static_cast<std::size_t>(length)] = 0;
-        return ::symlinkat(text.data(), to, name.c_str()) != 0 ? _failure(errno) : nullptr;
+        return device::errnoOf(::symlinkat(text.data(), _target.folder(), name.c_str()));
     }
 
-    std::string _path;
+    std::string _path; // of what is being copied, for the sentence about a failure
+    const std::function<bool()>& _isCancelled;
     std::vector<char> _buffer;
+    device::FolderPath _target;
+    std::vector<mode_t> _modes; // of the folders that are being filled
 };
 
 } // namespace
 
-ErrorPtr copyTree(Descriptor from, Descriptor to, const std::string& name) {
-    return TreeCopier(name).copyFolder(std::move(from), std::move(to), 0);
+ErrorPtr copyTree(Descriptor from, Descriptor to, const std::string& name, const std::function<bool()>& isCancelled) {
+    return TreeCopier(name, isCancelled).copy(std::move(from), std::move(to));
 }
 
 } // namespace appsync::host

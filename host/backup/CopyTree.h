@@ -3,6 +3,7 @@
 
 #include "platform/Error.h"
 
+#include <functional>
 #include <string>
 
 namespace appsync::device {
@@ -11,10 +12,13 @@ class Descriptor;
 
 namespace appsync::host {
 
-/// Copies what is in the folder `from`, opened for reading, into the folder `to`, which must be empty. Files, folders
-/// and symbolic links keep their modes and texts; a link is never followed. Pipes, sockets and devices hold no data and
-/// are left out. Null, or why it could not be copied whole; what has been copied by then stays. `name` is the folder's
-/// in that sentence.
-[[nodiscard]] ErrorPtr copyTree(device::Descriptor from, device::Descriptor to, const std::string& name);
+/// Copies what is in the folder `from`, opened for reading, into the folder `to`, which must be empty; of any depth.
+/// Files, folders and symbolic links keep their content and texts; a link is never followed. Of a mode stays what an
+/// unpacked app may have: the owner's bits, reading and executing by others, and nothing that gives a program its
+/// owner's rights. Pipes, sockets and devices hold no data and are left out. Null, or why it could not be copied whole;
+/// what has been copied by then stays. `name` is the folder's in that sentence. `isCancelled` may be empty; it is asked
+/// again and again, and ends the copying.
+[[nodiscard]] ErrorPtr copyTree(device::Descriptor from, device::Descriptor to, const std::string& name,
+                                const std::function<bool()>& isCancelled = {});
 
 } // namespace appsync::host

@@ -1,97 +1,64 @@
 // `qrd backup`: what a desktop keeps of a device, to bring it back on another one.
+#include "desktop/AppArchive.h"
 #include "device/Device.h"
 #include "device/archive/Extraction.h"
 #include "device/coordinator/InstallCoordinator.h"
+#include "device/root/Syscalls.h"
+#include "device/root/Tree.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/backup/BackupFolder.h"
 #include "host/backup/CopyTree.h"
+#include "host/backup/UnfinishedFolder.h"
+#include "host/control/Interrupt.h"
 #include "host/plugin/ClientOnDevice.h"
+#include "host/plugin/PlugIn.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
+#include "host/view/Table.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 
 namespace appsync::host {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-ErrorPtr writeError(const std::string& path, int number) {
-    return hostError("'" + path + "' cannot be written: " + std::strerror(number) + ".", path);
-}
-
-/// A folder under another name until it is whole; removed again unless it is kept.
-class UnfinishedFolder {
-  public:
-    explicit UnfinishedFolder(const std::string& final) : _final(fs::path(final).lexically_normal()) {
-        if (!_final.has_filename()) {
-            _final = _final.parent_path(); // it was written with a slash at its end
-        }
-        std::string pattern =
-            (_final.parent_path() / ("." + _final.filename().string() + ".unfinished-XXXXXX")).string();
-        if (::mkdtemp(pattern.data()) != nullptr) {
-            _path = pattern;
-        } else {
-            _error = errno;
-        }
-    }
-    ~UnfinishedFolder() {
-        if (!_path.empty()) {
-            std::error_code ignored;
-            fs::remove_all(_path, ignored);
-        }
-    }
-    UnfinishedFolder(const UnfinishedFolder&) = delete;
-    UnfinishedFolder& operator=(const UnfinishedFolder&) = delete;
-
-    [[nodiscard]] const std::string& path() const noexcept { return _path; }
-    [[nodiscard]] ErrorPtr error() const { return _path.empty() ? writeError(_final.string(), _error) : nullptr; }
-    [[nodiscard]] ErrorPtr keep() {
-        const device::Descriptor folder(::open(_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!folder.isOpen() || ::syncfs(folder.get()) != 0 ||
-            ::renameat2(AT_FDCWD, _path.c_str(), AT_FDCWD, _final.c_str(), RENAME_NOREPLACE) != 0) {
-            return writeError(_final.string(), errno);
-        }
-        _path.clear();
-        return nullptr;
-    }
-
-  private:
-    fs::path _final;
-    std::string _path; // empty when there is none
-    int _error = 0;
+struct FailedApp {
+    device::Application app;
+    std::string reason;
 };
 
 class BackupWriter {
   public:
-    BackupWriter(device::Device& device, const std::string& folder) : _device(device), _folder(folder) {}
+    BackupWriter(device::Device& device, int folder, std::string path)
+        : _device(device), _folder(folder), _path(std::move(path)) {}
 
+    /// Writes every app that can be read; `failed` has the others.
     ErrorPtr write() {
-        const std::string data = _folder + "/" + std::string(BackupDataName);
-        if (::mkdir(data.c_str(), 0755) != 0) {
-            return writeError(data, errno);
+        const std::string data(BackupDataName);
+        if (::mkdirat(_folder, data.c_str(), 0755) != 0) {
+            return writeError(_path + "/" + data, errno);
         }
+        _data = device::Descriptor(::openat(_folder, data.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         Dictionary info;
         for (const device::Application& app : _device.registry().applications()) {
+            if (Interrupt::requested()) {
+                return nullptr;
+            }
             if (!_belongsToPerson(app)) {
                 continue;
             }
-            info.set(app.identifier, _entryOf(app));
-            ++_count;
-            if (ErrorPtr error = _copyData(app, data + "/" + app.identifier)) {
-                return error;
+            if (const ErrorPtr error = _writeApp(app, info)) {
+                _failed.push_back({app, reasonOf(error)});
+            } else {
+                ++_count;
             }
         }
         for (const auto& [name, list] : {std::pair<std::string_view, Value>{RestoreInfoName, std::move(info)},
@@ -103,6 +70,7 @@ class BackupWriter {
         }
         return nullptr;
     }
+    [[nodiscard]] const std::vector<FailedApp>& failed() const noexcept { return _failed; }
     [[nodiscard]] std::size_t count() const noexcept { return _count; }
 
   private:
@@ -112,14 +80,41 @@ class BackupWriter {
         return !app.isSystem && (app.isInstalled || isKept);
     }
 
-    Dictionary _entryOf(const device::Application& app) {
+    ErrorPtr _writeApp(const device::Application& app, Dictionary& info) {
+        if (!desktop::isUsableIdentifier(app.identifier)) {
+            return hostError("It is no bundle identifier.");
+        }
+        ErrorPtr error;
+        Dictionary entry = _entryOf(app, &error);
+        if (error == nullptr) {
+            error = _copyData(app);
+        }
+        if (error != nullptr) {
+            (void)device::removeTree(_data.get(), app.identifier, nullptr, app.identifier); // a part of it helps nobody
+            return error;
+        }
+        info.set(app.identifier, std::move(entry));
+        return nullptr;
+    }
+
+    /// A file of the device; nothing when there is none, and when it cannot be read, with the reason in `error`.
+    std::optional<Data> _read(const std::string& path, ErrorPtr* error) {
+        ErrorPtr problem;
+        auto bytes = _device.files().readFile(path, &problem);
+        if (!bytes && !device::isError(problem, PosixErrorDomain, ENOENT)) {
+            *error = problem;
+        }
+        return bytes;
+    }
+
+    Dictionary _entryOf(const device::Application& app, ErrorPtr* error) {
         const std::string container = app.containerPath + "/";
-        Dictionary entry{{"TamblinMetadata", _metadataOf(app)}};
-        if (auto sinf = _device.files().readFile(container + std::string(device::sinfFileName), nullptr)) {
+        Dictionary entry{{"TamblinMetadata", _metadataOf(app, error)}};
+        if (auto sinf = _read(container + std::string(device::sinfFileName), error)) {
             entry.set("ApplicationSINF", std::move(*sinf));
         }
         for (const std::string& path : {app.iconPath.value_or(""), container + std::string(device::artworkFileName)}) {
-            auto icon = path.empty() ? std::nullopt : _device.files().readFile(path, nullptr);
+            auto icon = path.empty() ? std::nullopt : _device.files().readFile(path, nullptr); // no app fails for it
             if (icon && isPNG(icon->bytes())) {
                 entry.set("PlaceholderIcon", std::move(*icon));
                 break;
@@ -129,9 +124,8 @@ class BackupWriter {
     }
 
     /// The app's store metadata with the name and version under which the device knows it, where it has none.
-    Data _metadataOf(const device::Application& app) {
-        const auto bytes =
-            _device.files().readFile(app.containerPath + "/" + std::string(device::metadataFileName), nullptr);
+    Data _metadataOf(const device::Application& app, ErrorPtr* error) {
+        const auto bytes = _read(app.containerPath + "/" + std::string(device::metadataFileName), error);
         auto list = bytes ? _device.propertyLists().propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
         Dictionary metadata = list && list->dictionary() != nullptr ? *list->dictionary() : Dictionary{};
         if (!metadata.contains("title")) {
@@ -145,36 +139,55 @@ class BackupWriter {
             .value_or(Data());
     }
 
-    ErrorPtr _copyData(const device::Application& app, const std::string& target) {
+    ErrorPtr _copyData(const device::Application& app) {
         const std::string source = _device.backup().restoreDataFolder(app.identifier).value_or(app.dataContainerPath);
         auto from = _device.files().open(source, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (!from) {
             return device::isError(from.error(), PosixErrorDomain, ENOENT) ? nullptr : from.error();
         }
-        if (::mkdir(target.c_str(), 0755) != 0) {
+        const std::string target = _path + "/" + std::string(BackupDataName) + "/" + app.identifier;
+        const char* name = app.identifier.c_str();
+        if (::mkdirat(_data.get(), name, 0755) != 0) {
             return writeError(target, errno);
         }
-        device::Descriptor to(::open(target.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        return to.isOpen() ? copyTree(std::move(*from), std::move(to), source) : writeError(target, errno);
+        device::Descriptor to(::openat(_data.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        return to.isOpen() ? copyTree(std::move(*from), std::move(to), source, Interrupt::requested)
+                           : writeError(target, errno);
     }
 
     ErrorPtr _put(std::string_view name, const Value& list) {
-        const std::string path = _folder + "/" + std::string(name);
         ErrorPtr error;
         const auto bytes = _device.propertyLists().dataWithPropertyList(list, PropertyListFormat::binary, &error);
         if (!bytes) {
             return error;
         }
-        std::ofstream file(path, std::ios::binary);
-        file.write(bytes->bytes().data(), static_cast<std::streamsize>(bytes->bytes().size()));
-        file.close();
-        return file ? nullptr : writeError(path, errno);
+        const device::Descriptor file(
+            ::openat(_folder, std::string(name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+        const int failed = file.isOpen() ? device::writeAll(file.get(), bytes->bytes()) : errno;
+        return failed == 0 ? nullptr : writeError(_path + "/" + std::string(name), failed);
     }
 
     device::Device& _device;
-    const std::string _folder;
+    const int _folder;       // what is made, open
+    const std::string _path; // where it will stand, for messages
+    device::Descriptor _data;
     std::size_t _count = 0;
+    std::vector<FailedApp> _failed;
 };
+
+void show(const BackupWriter& writer, const std::string& output) {
+    const std::size_t all = writer.count() + writer.failed().size();
+    if (!writer.failed().empty()) {
+        Table table({"App", "Version", "Result", "Reason"});
+        for (const FailedApp& failed : writer.failed()) {
+            table.add({failed.app.name, failed.app.version.value_or("-"), "failed", failed.reason});
+        }
+        table.print(std::cout);
+    }
+    printLine(std::cout, "backed up " + std::to_string(writer.count()) +
+                             (writer.failed().empty() ? "" : " of " + std::to_string(all)) +
+                             (all == 1 ? " app" : " apps") + " to " + output);
+}
 
 ErrorPtr prepare(device::Device& device, const std::string& plugInPath) {
     ErrorPtr error;
@@ -189,7 +202,7 @@ ErrorPtr prepare(device::Device& device, const std::string& plugInPath) {
 
 ExitCode backup(const BackupArguments& arguments) {
     std::error_code ignored;
-    if (fs::exists(fs::symlink_status(arguments.output, ignored))) {
+    if (std::filesystem::exists(std::filesystem::symlink_status(arguments.output, ignored))) {
         return fail("'" + arguments.output + "' exists already; name a folder that does not exist yet.",
                     ExitCode::wrongUse);
     }
@@ -202,20 +215,24 @@ ExitCode backup(const BackupArguments& arguments) {
     if (const ErrorPtr error = prepare(*device, arguments.plugin)) {
         return fail(reasonOf(error));
     }
+    const Interrupt interrupt;
     UnfinishedFolder folder(arguments.output);
     if (const ErrorPtr error = folder.error()) {
         return fail(reasonOf(error));
     }
-    BackupWriter writer(*device, folder.path());
-    if (const ErrorPtr error = writer.write()) {
+    BackupWriter writer(*device, folder.folder(), arguments.output);
+    ErrorPtr error = writer.write();
+    if (Interrupt::requested()) {
+        return fail("interrupted; there is no backup", Interrupt::exitCode());
+    }
+    if (error == nullptr) {
+        error = folder.keep();
+    }
+    if (error != nullptr) {
         return fail(reasonOf(error));
     }
-    if (const ErrorPtr error = folder.keep()) {
-        return fail(reasonOf(error));
-    }
-    printLine(std::cout, "backed up " + std::to_string(writer.count()) + (writer.count() == 1 ? " app" : " apps") +
-                             " to " + arguments.output);
-    return ExitCode::done;
+    show(writer, arguments.output);
+    return writer.failed().empty() ? ExitCode::done : ExitCode::someAppFailed;
 }
 
 } // namespace appsync::host

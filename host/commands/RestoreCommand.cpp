@@ -43,8 +43,8 @@ struct Row {
 
 class Restore {
   public:
-    Restore(device::Device& device, BackupContent content, std::string folder)
-        : _device(device), _content(std::move(content)), _folder(std::move(folder)) {}
+    Restore(device::Device& device, BackupContent content, const BackupFolder& folder)
+        : _device(device), _content(std::move(content)), _folder(folder) {}
 
     ErrorPtr run(int type, const std::string& plugInPath) {
         _type = type;
@@ -133,11 +133,12 @@ class Restore {
     }
 
     ErrorPtr _putData(const std::string& identifier) {
-        const std::string source = _folder + "/" + std::string(BackupDataName) + "/" + identifier;
-        device::Descriptor from(::open(source.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!from.isOpen()) {
-            return errno == ENOENT ? nullptr
-                                   : hostError("'" + source + "' cannot be read: " + std::strerror(errno) + ".");
+        const std::string source = _folder.dataPath(identifier);
+        device::Descriptor from;
+        if (const int failed = _folder.openData(identifier, from)) {
+            const std::string reason =
+                failed == ELOOP ? "a symbolic link leads to it, and a backup has none" : std::strerror(failed);
+            return failed == ENOENT ? nullptr : hostError("'" + source + "' cannot be read: " + reason + ".");
         }
         const std::string incoming = incomingFolder + "/" + identifier;
         _device.files().removeItem(incoming, nullptr);
@@ -209,7 +210,7 @@ class Restore {
 
     device::Device& _device;
     BackupContent _content;
-    const std::string _folder;
+    const BackupFolder& _folder;
     int _type = desktopRestore;
     bool _isAllDone = false;
     std::vector<Row> _rows;
@@ -248,7 +249,8 @@ void showJson(const Restore& restore) {
 ExitCode restore(const RestoreArguments& arguments) {
     PropertyListCodec codec;
     ErrorPtr error;
-    auto content = readBackup(arguments.from, codec, &error);
+    const BackupFolder folder(arguments.from, &error);
+    auto content = folder.isOpen() ? folder.read(codec, &error) : std::nullopt;
     if (!content) {
         return fail(reasonOf(error), ExitCode::someAppFailed);
     }
@@ -258,7 +260,7 @@ ExitCode restore(const RestoreArguments& arguments) {
         return code;
     }
     device->coordinator().waitUntilIdle();
-    Restore restore(*device, std::move(*content), arguments.from);
+    Restore restore(*device, std::move(*content), folder);
     error = restore.run(arguments.type, arguments.plugin);
     if (error != nullptr) {
         return fail(reasonOf(error));
