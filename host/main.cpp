@@ -7,6 +7,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <functional>
 #include <iostream>
 
@@ -37,7 +43,8 @@ class CommandLine {
         _group("Look at a device", {"apps", "screen", "log", "inventory", "metrics", "accounts"});
         _group("Make and check files", {"pack", "plist"});
         _app.footer("Exit codes: 0 all done, 1 some app failed, 2 wrong use, 3 the device is in use (try again), "
-                    "4 the device root cannot be used, 5 anything else, 130 interrupted.");
+                    "4 the device root cannot be used, 5 anything else, 130 interrupted, 129 hung up, 141 nobody reads "
+                    "the output, 143 terminated.");
     }
 
     int run(int count, char** words) {
@@ -228,12 +235,37 @@ class CommandLine {
     PlistArguments _plist;
 };
 
+/// A stream that is closed would become the next file that is opened, and what is printed would be written into that.
+void reserveStandardStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(stream, F_GETFD) < 0) {
+            (void)::open("/dev/null", O_RDWR); // takes the lowest free number, which is this one
+        }
+    }
+}
+
+/// What has been printed may not have arrived.
+int checkedOutput(int code) {
+    std::cout.flush();
+    const bool isWritten = std::fflush(stdout) == 0 && std::cout.good();
+    if (isWritten || code != 0) {
+        return code;
+    }
+    if (errno == EPIPE) {
+        return static_cast<int>(ExitCode::brokenPipe);
+    }
+    std::cerr << "qrd: not all of the output could be written: " << std::strerror(errno) << '\n';
+    return static_cast<int>(ExitCode::failed);
+}
+
 } // namespace
 
 int main(int count, char** words) {
-    appsync::keepListMemory(); // each step of a sync reads and writes the whole to-do list
+    reserveStandardStreams();
+    std::signal(SIGPIPE, SIG_IGN); // a write fails instead
+    appsync::keepListMemory();     // each step of a sync reads and writes the whole to-do list
     try {
-        return CommandLine().run(count, words);
+        return checkedOutput(CommandLine().run(count, words));
     } catch (const std::exception& failure) {
         return static_cast<int>(fail(failure.what()));
     }

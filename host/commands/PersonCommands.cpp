@@ -9,6 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <chrono>
 #include <iostream>
 
 namespace appsync::host {
@@ -17,28 +19,74 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* noAnswer = "The sync has ended before it could answer.";
+constexpr std::chrono::seconds patience{10}; // with a sync that does not answer
 
-/// An answer of the running sync; discarded when it hung up.
-Json nextAnswer(int connection, std::string& buffer) {
-    std::string line;
-    return readLine(connection, buffer, line) ? Json::parse(line, nullptr, false) : Json(Json::value_t::discarded);
+// What answers may be no sync of this program: an element of another kind counts as absent.
+
+/// No deeper than an answer is.
+Json parsed(const std::string& line) {
+    constexpr int deepest = 4;
+    return Json::parse(
+        line, [](int depth, Json::parse_event_t, Json&) { return depth <= deepest; }, false);
 }
 
+std::string textIn(const Json& object, const char* key) {
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+}
+
+double numberIn(const Json& object, const char* key) {
+    const auto found = object.find(key);
+    return found != object.end() && found->is_number() ? std::clamp(found->get<double>(), 0.0, 1e6) : 0;
+}
+
+std::string percentIn(const Json& object) {
+    return std::to_string(static_cast<int>(std::min(numberIn(object, "fraction"), 1.0) * 100)) + "%";
+}
+
+/// The sync that runs on a device, as seen by one who asks it something.
+class RunningSync {
+  public:
+    explicit RunningSync(const std::string& deviceFolder)
+        : _connection(connectToControl(deviceFolder, patience, _problem)) {}
+
+    [[nodiscard]] bool isThere() const { return _connection.isOpen() || !_problem.empty(); }
+    /// An answer; of another kind than an object when none came, as `problem` says then.
+    Json ask(const ControlRequest& request) {
+        if (!_connection.isOpen()) {
+            return {};
+        }
+        (void)writeLine(_connection.get(), toJson(request)); // one that is busy answers before it has read
+        return next();
+    }
+    Json next() {
+        std::string line;
+        const ReadResult result = readLine(_connection.get(), _buffer, line);
+        Json answer = result == ReadResult::line ? parsed(line) : Json();
+        if (!answer.is_object()) {
+            _problem = result == ReadResult::noAnswer ? busySentence() : "The sync has ended before it could answer.";
+        }
+        return answer;
+    }
+    void waitWithoutEnd() const { waitForAnswersWithoutEnd(_connection.get()); }
+    [[nodiscard]] const std::string& problem() const { return _problem; }
+
+  private:
+    std::string _problem;
+    std::string _buffer;
+    device::Descriptor _connection;
+};
+
 ExitCode act(const ControlArguments& arguments, const char* command) {
-    const auto connection = connectToControl(arguments.device);
-    if (!connection.isOpen()) {
+    RunningSync running(arguments.device);
+    if (!running.isThere()) {
         return fail("No sync is running on " + arguments.device + ".");
     }
-    std::string buffer;
-    if (!writeLine(connection.get(), toJson(ControlRequest{command, arguments.app}))) {
-        return fail(noAnswer);
-    }
-    const Json answer = nextAnswer(connection.get(), buffer);
+    const Json answer = running.ask({command, arguments.app});
     if (!answer.is_object()) {
-        return fail(noAnswer);
+        return fail(running.problem());
     }
-    return answer.contains("error") ? fail(answer.value("error", ""), ExitCode::someAppFailed) : ExitCode::done;
+    return answer.contains("error") ? fail(textIn(answer, "error"), ExitCode::someAppFailed) : ExitCode::done;
 }
 
 void showStatus(const Json& status, bool json) {
@@ -48,18 +96,18 @@ void showStatus(const Json& status, bool json) {
         return;
     }
     Table table({"App", "Stage", "Sent", "Reason"});
-    for (const Json& app : status.value("apps", Json::array())) {
-        std::string reason = app.value("reason", "");
+    const auto apps = status.find("apps");
+    for (const Json& app : apps != status.end() && apps->is_array() ? *apps : Json::array()) {
+        std::string reason = textIn(app, "reason");
         if (app.contains("nextTry")) {
-            reason += "; next try at " + app.value("nextTry", "");
+            reason += "; next try at " + textIn(app, "nextTry");
         }
-        table.add({app.value("name", ""), app.value("stage", ""),
-                   std::to_string(static_cast<int>(app.value("fraction", 0.0) * 100)) + "%", reason});
+        table.add({textIn(app, "name"), textIn(app, "stage"), percentIn(app), reason});
     }
     table.print(std::cout);
-    printLine(std::cout, std::to_string(status.value("finished", 0)) + " of " +
-                             std::to_string(status.value("apps", Json::array()).size()) + " apps are done, " +
-                             std::to_string(static_cast<int>(status.value("fraction", 0.0) * 100)) + "% is sent");
+    printLine(std::cout, std::to_string(static_cast<long>(numberIn(status, "finished"))) + " of " +
+                             std::to_string(apps != status.end() ? apps->size() : 0) + " apps are done, " +
+                             percentIn(status) + " is sent");
     std::cout.flush();
 }
 
@@ -88,8 +136,8 @@ ExitCode cancel(const ControlArguments& arguments) {
 }
 
 ExitCode showSyncStatus(const StatusArguments& arguments) {
-    const auto connection = connectToControl(arguments.device);
-    if (!connection.isOpen()) {
+    RunningSync running(arguments.device);
+    if (!running.isThere()) {
         if (arguments.json) {
             printJson(std::cout, {{"running", false}});
         } else {
@@ -97,17 +145,17 @@ ExitCode showSyncStatus(const StatusArguments& arguments) {
         }
         return ExitCode::done;
     }
-    std::string buffer;
-    if (!writeLine(connection.get(), toJson(ControlRequest{arguments.follow ? "follow" : "status"}))) {
-        return fail(noAnswer);
-    }
-    Json status = nextAnswer(connection.get(), buffer);
+    Json status = running.ask({arguments.follow ? "follow" : "status"});
     if (!status.is_object()) {
-        return fail(noAnswer);
+        return fail(running.problem());
     }
+    if (status.contains("error")) {
+        return fail(textIn(status, "error"));
+    }
+    running.waitWithoutEnd();
     do {
         showStatus(status, arguments.json);
-        status = arguments.follow ? nextAnswer(connection.get(), buffer) : Json();
+        status = arguments.follow ? running.next() : Json();
     } while (status.is_object() && std::cout.good());
     return ExitCode::done;
 }

@@ -87,7 +87,7 @@ ExitCode exitCodeOf(const SyncReport& report) {
     if (report.failure != nullptr) {
         return ExitCode::failed;
     }
-    return report.interrupted ? ExitCode::interrupted : report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
+    return report.interrupted ? Interrupt::exitCode() : report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
 }
 
 } // namespace

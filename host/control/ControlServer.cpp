@@ -3,8 +3,8 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -12,56 +12,99 @@ namespace appsync::host {
 
 namespace {
 
-constexpr std::size_t mostClients = 16;
-constexpr int followInterval = 200; // milliseconds between two looks for what has changed
+constexpr int followInterval = 200;    // milliseconds between two looks for what has changed
+constexpr std::size_t firstClient = 3; // among what is waited for
 
 } // namespace
 
-ControlServer::ControlServer(device::Descriptor listening, int interrupt, ControlHandlers handlers)
-    : _listening(std::move(listening)), _stop(::eventfd(0, EFD_CLOEXEC)), _interrupt(interrupt),
-      _handlers(std::move(handlers)), _thread([this] { _serve(); }) {}
+ControlServer::ControlServer(int listening, int interrupt, ControlHandlers handlers, std::chrono::milliseconds farewell)
+    : _listening(listening), _stop(::eventfd(0, EFD_CLOEXEC)), _interrupt(interrupt), _handlers(std::move(handlers)),
+      _farewell(farewell), _thread([this] { _serve(); }) {}
 
 ControlServer::~ControlServer() {
     ::eventfd_write(_stop.get(), 1);
     _thread.join();
 }
 
+std::vector<pollfd> ControlServer::_awaited() const {
+    std::vector<pollfd> awaited{
+        {_stop.get(), POLLIN, 0}, {_interrupt, POLLIN, 0}, {_isFull ? -1 : _listening, POLLIN, 0}};
+    for (const Client& client : _clients) {
+        const short wish = client.unsent.empty() ? POLLIN : POLLOUT;
+        awaited.push_back({client.connection.get(), wish, 0});
+    }
+    return awaited;
+}
+
+bool ControlServer::_somebodyFollows() const {
+    return std::ranges::any_of(_clients, &Client::follows);
+}
+
 void ControlServer::_serve() {
     for (;;) {
-        std::vector<pollfd> waited{{_stop.get(), POLLIN, 0}, {_interrupt, POLLIN, 0}, {_listening.get(), POLLIN, 0}};
-        bool somebodyFollows = false;
-        for (const Client& client : _clients) {
-            waited.push_back({client.connection.get(), POLLIN, 0});
-            somebodyFollows = somebodyFollows || client.follows;
+        auto awaited = _awaited();
+        ::poll(awaited.data(), awaited.size(), _somebodyFollows() || _isFull ? followInterval : -1);
+        _isFull = false;
+        std::vector<Client*> present;
+        for (Client& client : _clients) {
+            present.push_back(&client);
         }
-        ::poll(waited.data(), waited.size(), somebodyFollows ? followInterval : -1);
-        for (std::size_t place = 0; place < _clients.size(); ++place) {
-            if (waited[place + 3].revents != 0) {
-                _read(_clients[place]);
+        for (std::size_t place = 0; place < present.size(); ++place) {
+            if (awaited[firstClient + place].revents != 0) {
+                _attend(*present[place]);
             }
         }
-        if (waited[2].revents != 0) {
+        _clients.remove_if([](const Client& client) { return client.hasEnded; });
+        if (awaited[2].revents != 0) {
             _accept();
         }
-        if (waited[1].revents != 0) {
+        if (awaited[1].revents != 0) {
             _interrupt = -1;
             _handlers.interrupted();
         }
         _tellFollowers();
-        std::erase_if(_clients, [](const Client& client) { return client.hasEnded; });
-        if (waited[0].revents != 0) {
+        if (awaited[0].revents != 0) {
+            _sayFarewell();
             return;
         }
     }
 }
 
 void ControlServer::_accept() {
-    device::Descriptor connection(::accept4(_listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    constexpr timeval patience{2, 0};
-    ::setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    if (connection.isOpen() && _clients.size() < mostClients) {
-        _clients.push_back({std::move(connection), {}, false, {}, false});
+    device::Descriptor connection(::accept4(_listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!connection.isOpen()) {
+        // Without descriptors it stays ready to be accepted: not to be asked again at once.
+        _isFull = errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;
+        if (_isFull) {
+            (void)_makeRoom();
+        }
+        return;
     }
+    if (_clients.size() < mostClients || _makeRoom()) {
+        _clients.push_back({std::move(connection)});
+        return;
+    }
+    const std::string answer = errorAnswer(busySentence()) + "\n";
+    (void)::send(connection.get(), answer.data(), answer.size(), MSG_NOSIGNAL); // a new connection takes that much
+}
+
+/// Drops the client that has asked nothing for the longest time and follows nothing; false when there is none.
+bool ControlServer::_makeRoom() {
+    const auto idle = std::ranges::find(_clients, false, &Client::follows);
+    if (idle == _clients.end()) {
+        return false;
+    }
+    _clients.erase(idle);
+    return true;
+}
+
+void ControlServer::_attend(Client& client) {
+    if (client.unsent.empty()) {
+        _read(client);
+    } else {
+        _send(client);
+    }
+    _answerLines(client);
 }
 
 void ControlServer::_read(Client& client) {
@@ -72,32 +115,39 @@ void ControlServer::_read(Client& client) {
         return;
     }
     client.received.append(piece.data(), static_cast<std::size_t>(length));
-    for (std::size_t end = 0; (end = client.received.find('\n')) != std::string::npos;) {
+}
+
+/// Answers what has come, as far as the client takes the answers.
+void ControlServer::_answerLines(Client& client) {
+    for (std::size_t end = 0;
+         client.unsent.empty() && !client.hasEnded && (end = client.received.find('\n')) != std::string::npos;) {
         const std::string line = client.received.substr(0, end);
         client.received.erase(0, end + 1);
-        _answer(client, line);
+        client.unsent = _answerTo(client, line);
+        _send(client);
+        const auto place = std::ranges::find(_clients, &client, [](const Client& other) { return &other; });
+        _clients.splice(_clients.end(), _clients, place);
     }
-    if (client.received.size() > longestRequest) {
-        (void)writeLine(client.connection.get(), errorAnswer("The request is longer than 4096 bytes."));
-        client.hasEnded = true;
+    if (client.unsent.empty() && client.received.size() > longestRequest) {
+        client.received.clear();
+        client.unsent = errorAnswer("The request is longer than 4096 bytes.") + "\n";
+        client.isLast = true;
+        _send(client);
     }
 }
 
-void ControlServer::_answer(Client& client, const std::string& line) {
+/// A line, or nothing yet.
+std::string ControlServer::_answerTo(Client& client, const std::string& line) {
     ControlRequest request;
     std::string problem;
-    std::string answer;
     if (!parseControlRequest(line, request, problem)) {
-        answer = errorAnswer(problem);
-    } else if (request.command == "follow") {
-        client.follows = true;
-        return; // the first status comes with those of all followers
-    } else if (request.command == "status") {
-        answer = _handlers.status();
-    } else {
-        answer = _act(request);
+        return errorAnswer(problem) + "\n";
     }
-    client.hasEnded = !writeLine(client.connection.get(), answer) || client.hasEnded;
+    if (request.command == "follow") {
+        client.follows = true;
+        return {}; // the first status comes with those of all followers
+    }
+    return (request.command == "status" ? _handlers.status() : _act(request)) + "\n";
 }
 
 std::string ControlServer::_act(const ControlRequest& request) const {
@@ -106,17 +156,59 @@ std::string ControlServer::_act(const ControlRequest& request) const {
     return problem.empty() ? doneAnswer() : errorAnswer(problem);
 }
 
-/// A follower that does not read what it is told is dropped.
+/// Sends what the client takes at once.
+void ControlServer::_send(Client& client) {
+    while (!client.unsent.empty()) {
+        const ssize_t length =
+            ::send(client.connection.get(), client.unsent.data(), client.unsent.size(), MSG_NOSIGNAL);
+        if (length < 0 && errno == EINTR) {
+            continue;
+        }
+        if (length < 0) {
+            client.hasEnded = errno != EAGAIN;
+            return;
+        }
+        client.unsent.erase(0, static_cast<std::size_t>(length));
+    }
+    client.hasEnded = client.hasEnded || client.isLast;
+}
+
+/// A follower that has not read the last status yet is told the next one when it has.
 void ControlServer::_tellFollowers() {
     std::string status;
     for (Client& client : _clients) {
-        if (!client.follows) {
+        if (!client.follows || !client.unsent.empty()) {
             continue;
         }
         status = status.empty() ? _handlers.status() : status;
         if (status != client.lastStatus) {
-            client.hasEnded = !writeLine(client.connection.get(), status) || client.hasEnded;
+            client.unsent = status + "\n";
             client.lastStatus = status;
+            _send(client);
+        }
+    }
+    _clients.remove_if([](const Client& client) { return client.hasEnded; });
+}
+
+/// All followers are to have the last status, but none keeps the sync from ending.
+void ControlServer::_sayFarewell() {
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + _farewell;
+    for (;;) {
+        _tellFollowers();
+        std::vector<pollfd> behind;
+        for (const Client& client : _clients) {
+            if (client.follows && !client.unsent.empty()) {
+                behind.push_back({client.connection.get(), POLLOUT, 0});
+            }
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        if (behind.empty() || left.count() <= 0 ||
+            ::poll(behind.data(), behind.size(), static_cast<int>(left.count())) == 0) {
+            return;
+        }
+        for (Client& client : _clients) {
+            _send(client);
         }
     }
 }

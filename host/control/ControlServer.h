@@ -1,13 +1,21 @@
 // Serves the control socket of a device on a thread of its own while a sync runs (host/control/ControlSocket.h).
+//
+// Nothing is waited for but in one `poll`. What a client has not read yet waits in its `unsent`, and until that is
+// empty nothing more is read from it or told to it: so each costs one answer at most, and a client that never reads
+// delays nobody.
 #pragma once
 
 #include "device/root/Descriptor.h"
 #include "host/control/ControlSocket.h"
 
+#include <chrono>
 #include <functional>
+#include <list>
 #include <string>
 #include <thread>
 #include <vector>
+
+struct pollfd;
 
 namespace appsync::host {
 
@@ -22,11 +30,18 @@ struct ControlHandlers {
     std::function<void()> interrupted;
 };
 
+/// How many clients are served at once. Of more, the one that has asked nothing for the longest time makes room, but no
+/// follower; where all are followers, a new one is told that the sync is busy.
+inline constexpr std::size_t mostClients = 16;
+/// How long the end of a sync waits for all followers together to take the last status.
+inline constexpr std::chrono::milliseconds farewellTime{500};
+
 class ControlServer {
   public:
-    /// `listening` may be closed: then only the interrupt is waited for. `interrupt` becomes readable when the process
-    /// is asked to end; -1 for none. Both handlers and descriptor must outlive the server.
-    ControlServer(device::Descriptor listening, int interrupt, ControlHandlers handlers);
+    /// `listening` is a socket that does not block, or -1: then only the interrupt is waited for. `interrupt` becomes
+    /// readable when the process is asked to end; -1 for none. Both and the handlers must outlive the server.
+    ControlServer(int listening, int interrupt, ControlHandlers handlers,
+                  std::chrono::milliseconds farewell = farewellTime);
     /// Tells the followers the last status, hangs up, and ends the thread.
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
@@ -35,25 +50,36 @@ class ControlServer {
   private:
     struct Client {
         device::Descriptor connection;
-        std::string received;
+        std::string received = {}; // that is not answered yet
+        std::string unsent = {};
+        std::string lastStatus = {}; // that a follower was told
         bool follows = false;
-        std::string lastStatus;
-        bool hasEnded = false;
+        bool isLast = false;   // hung up on after the last answer
+        bool hasEnded = false; // to be dropped
     };
 
     void _serve();
+    [[nodiscard]] std::vector<pollfd> _awaited() const;
     void _accept();
+    [[nodiscard]] bool _makeRoom();
+    void _attend(Client& client);
     void _read(Client& client);
-    void _answer(Client& client, const std::string& line);
-    void _tellFollowers();
+    void _answerLines(Client& client);
+    [[nodiscard]] std::string _answerTo(Client& client, const std::string& line);
     [[nodiscard]] std::string _act(const ControlRequest& request) const;
+    void _send(Client& client);
+    void _tellFollowers();
+    void _sayFarewell();
+    [[nodiscard]] bool _somebodyFollows() const;
 
-    const device::Descriptor _listening;
+    const int _listening;
     const device::Descriptor _stop; // becomes readable when the server is to end
     int _interrupt;                 // -1 once it has been heard
     const ControlHandlers _handlers;
-    std::vector<Client> _clients;
-    std::thread _thread; // last: it uses the rest
+    const std::chrono::milliseconds _farewell;
+    std::list<Client> _clients; // the one that has asked last is the last
+    bool _isFull = false;       // nobody can be let in just now
+    std::thread _thread;        // last: it uses the rest
 };
 
 } // namespace appsync::host

@@ -1,5 +1,7 @@
 #include "host/control/ControlSocket.h"
 
+#include "device/root/DeviceFileSystem.h"
+#include "device/root/Syscalls.h"
 #include "host/plugin/PlugIn.h"
 
 #include <nlohmann/json.hpp>
@@ -20,30 +22,55 @@ namespace {
 using device::Descriptor;
 using Json = nlohmann::json;
 
-constexpr const char* runFolder = "/var/run";
-constexpr const char* controlFolder = "/var/run/control";
+constexpr std::string_view runFolder = "/var/run";
+constexpr std::string_view controlFolder = "/var/run/control";
 constexpr const char* socketName = "socket";
+/// Of a line that a server sends: the status of some ten thousand apps.
+constexpr std::size_t longestAnswer = std::size_t{4} << 20;
 
-/// A path may be too long for a socket's address, the one through its opened folder never is.
-sockaddr_un addressIn(int folder) {
+/// A path may be too long for a socket's address, the one through an opened folder or socket never is.
+sockaddr_un addressThrough(int opened, const std::string& name = {}) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = "/proc/self/fd/" + std::to_string(folder) + "/" + socketName;
+    const std::string path = "/proc/self/fd/" + std::to_string(opened) + name;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     return address;
 }
 
-Descriptor openControlFolder(const std::string& deviceFolder) {
-    return Descriptor(::open((deviceFolder + controlFolder).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+/// The socket as it is seen from inside a device root; closed when something else stands there, or nothing.
+Descriptor openSocket(const std::string& deviceFolder) {
+    const Descriptor root(::open(deviceFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    Descriptor socket;
+    struct stat status {};
+    const bool isSocket = root.isOpen() &&
+                          device::openInRoot(root.get(), std::string(controlFolder) + "/" + socketName,
+                                             O_PATH | O_NOFOLLOW, 0, socket) == 0 &&
+                          ::fstat(socket.get(), &status) == 0 && S_ISSOCK(status.st_mode);
+    return isSocket ? std::move(socket) : Descriptor();
 }
 
 Descriptor newSocket(int flags) {
     return Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
 }
 
-ErrorPtr systemError(const std::string& deviceFolder) {
-    return hostError("The control socket of " + deviceFolder + " cannot be made: " + std::strerror(errno) +
+ErrorPtr socketError(const std::string& reason) {
+    return hostError("The control socket of the device cannot be made: " + reason +
                      ". The sync goes on; `qrd status`, `prioritize` and `cancel` do not reach it.");
+}
+
+/// Makes the folder of the socket, which only the owner may enter.
+ErrorPtr makeControlFolder(device::DeviceFileSystem& files, Descriptor& folder) {
+    ErrorPtr error;
+    if (!files.createDirectory(runFolder, true, std::nullopt, &error) ||
+        !files.createDirectory(controlFolder, true, std::nullopt, &error)) {
+        return socketError(device::errorText(error));
+    }
+    auto opened = files.open(controlFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!opened) {
+        return socketError(device::errorText(opened.error()));
+    }
+    folder = std::move(*opened);
+    return ::fchmod(folder.get(), 0700) == 0 ? nullptr : socketError(std::strerror(errno));
 }
 
 } // namespace
@@ -77,6 +104,10 @@ bool parseControlRequest(std::string_view line, ControlRequest& request, std::st
     return problem.empty();
 }
 
+std::string busySentence() {
+    return "The sync is busy and does not answer; try again.";
+}
+
 std::string doneAnswer() {
     return Json{{"done", true}}.dump();
 }
@@ -85,59 +116,77 @@ std::string errorAnswer(const std::string& sentence) {
     return Json{{"error", sentence}}.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-Descriptor listenForControl(const std::string& deviceFolder, ErrorPtr* error) {
-    ::mkdir((deviceFolder + runFolder).c_str(), 0755);
-    ::mkdir((deviceFolder + controlFolder).c_str(), 0700);
-    const Descriptor folder = openControlFolder(deviceFolder);
-    Descriptor listening = newSocket(SOCK_NONBLOCK);
-    if (!folder.isOpen() || !listening.isOpen()) {
-        *error = systemError(deviceFolder);
-        return {};
+ListeningSocket::ListeningSocket(device::DeviceFileSystem& files, ErrorPtr* error) {
+    if ((*error = makeControlFolder(files, _folder)) != nullptr) {
+        return;
     }
-    ::unlinkat(folder.get(), socketName, 0);
-    const sockaddr_un address = addressIn(folder.get());
-    constexpr int waitingConnections = 8;
-    if (::bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::fchmodat(folder.get(), socketName, 0600, 0) != 0 || ::listen(listening.get(), waitingConnections) != 0) {
-        *error = systemError(deviceFolder);
-        return {};
+    constexpr int waitingConnections = 64;
+    ::unlinkat(_folder.get(), socketName, 0);
+    Descriptor socket = newSocket(SOCK_NONBLOCK);
+    const sockaddr_un address = addressThrough(_folder.get(), std::string("/") + socketName);
+    if (!socket.isOpen() || ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::fchmodat(_folder.get(), socketName, 0600, 0) != 0 || ::listen(socket.get(), waitingConnections) != 0) {
+        *error = socketError(std::strerror(errno));
+        return;
     }
-    return listening;
+    _socket = std::move(socket);
 }
 
-void removeControlSocket(const std::string& deviceFolder) {
-    const Descriptor folder = openControlFolder(deviceFolder);
-    if (folder.isOpen()) {
-        ::unlinkat(folder.get(), socketName, 0);
+ListeningSocket::~ListeningSocket() {
+    if (_socket.isOpen()) {
+        ::unlinkat(_folder.get(), socketName, 0);
     }
 }
 
-Descriptor connectToControl(const std::string& deviceFolder) {
-    const Descriptor folder = openControlFolder(deviceFolder);
+Descriptor connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience, std::string& problem) {
+    const Descriptor socket = openSocket(deviceFolder);
+    if (!socket.isOpen()) {
+        return {};
+    }
     Descriptor connection = newSocket(0);
-    const sockaddr_un address = addressIn(folder.get());
-    if (!folder.isOpen() || !connection.isOpen() ||
-        ::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return {};
+    // Also how long the connection waits for its turn.
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience);
+    const timeval timeout{seconds.count(), std::chrono::microseconds(patience - seconds).count()};
+    ::setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    const sockaddr_un address = addressThrough(socket.get());
+    if (connection.isOpen() &&
+        ::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        return connection;
     }
-    return connection;
+    if (errno == EAGAIN) {
+        problem = busySentence();
+    } else if (errno != ENOENT && errno != ECONNREFUSED) {
+        problem = "The sync on " + deviceFolder + " cannot be reached: " + std::strerror(errno) + ".";
+    }
+    return {};
 }
 
-bool readLine(int connection, std::string& buffer, std::string& line) {
-    while (buffer.find('\n') == std::string::npos) {
+void waitForAnswersWithoutEnd(int connection) {
+    constexpr timeval forever{0, 0};
+    ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &forever, sizeof forever);
+}
+
+ReadResult readLine(int connection, std::string& buffer, std::string& line) {
+    std::size_t searched = 0;
+    while (buffer.find('\n', searched) == std::string::npos) {
+        searched = buffer.size();
         std::array<char, 4096> piece{};
         const ssize_t length = ::recv(connection, piece.data(), piece.size(), 0);
         if (length < 0 && errno == EINTR) {
             continue;
         }
-        if (length <= 0) {
-            return false;
+        if (length < 0 && errno == EAGAIN) {
+            return ReadResult::noAnswer;
+        }
+        if (length <= 0 || searched > longestAnswer) {
+            return ReadResult::ended;
         }
         buffer.append(piece.data(), static_cast<std::size_t>(length));
     }
-    line = buffer.substr(0, buffer.find('\n'));
+    line = buffer.substr(0, buffer.find('\n', searched));
     buffer.erase(0, line.size() + 1);
-    return true;
+    return ReadResult::line;
 }
 
 bool writeLine(int connection, const std::string& line) {

@@ -9,9 +9,14 @@
 #include "device/root/Descriptor.h"
 #include "platform/Error.h"
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <string_view>
+
+namespace appsync::device {
+class DeviceFileSystem;
+}
 
 namespace appsync::host {
 
@@ -28,16 +33,41 @@ struct ControlRequest {
 [[nodiscard]] std::string doneAnswer();
 [[nodiscard]] std::string errorAnswer(const std::string& sentence);
 
-/// Makes the socket in a device root and listens on it. The process must have the device open: a socket that an earlier
-/// one has left is replaced.
-[[nodiscard]] device::Descriptor listenForControl(const std::string& deviceFolder, ErrorPtr* error);
-/// Takes the socket away.
-void removeControlSocket(const std::string& deviceFolder);
-/// Connects to the sync that runs on a device; closed when none runs.
-[[nodiscard]] device::Descriptor connectToControl(const std::string& deviceFolder);
+/// What a client is told that does not get its turn.
+[[nodiscard]] std::string busySentence();
 
-/// Reads up to the next line end, which is left out. False at the end of the connection.
-[[nodiscard]] bool readLine(int connection, std::string& buffer, std::string& line);
+/// The socket in a device root, which the process must have open: a socket that an earlier one has left is replaced.
+/// Taken away with the object.
+class ListeningSocket {
+  public:
+    /// Closed after a failure, whose reason is in `error` then.
+    ListeningSocket(device::DeviceFileSystem& files, ErrorPtr* error);
+    ~ListeningSocket();
+    ListeningSocket(const ListeningSocket&) = delete;
+    ListeningSocket& operator=(const ListeningSocket&) = delete;
+
+    /// -1 when it is closed. Does not block.
+    [[nodiscard]] int descriptor() const noexcept { return _socket.get(); }
+
+  private:
+    device::Descriptor _folder;
+    device::Descriptor _socket;
+};
+
+/// Connects to the sync that runs on a device. Closed when none runs, or when there is one that cannot be reached, as
+/// `problem` says then. Neither connecting nor an answer takes longer than `patience`.
+[[nodiscard]] device::Descriptor connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience,
+                                                  std::string& problem);
+/// From now on an answer may take any time.
+void waitForAnswersWithoutEnd(int connection);
+
+enum class ReadResult {
+    line,
+    noAnswer, // for too long a time
+    ended,    // the connection, or it was no answer: one without end
+};
+/// Reads up to the next line end, which is left out.
+[[nodiscard]] ReadResult readLine(int connection, std::string& buffer, std::string& line);
 /// Writes a line and its end. False when nobody reads any more.
 [[nodiscard]] bool writeLine(int connection, const std::string& line);
 

@@ -4,22 +4,25 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <initializer_list>
 
 namespace appsync::host {
 
 namespace {
 
 // A signal handler can reach nothing but globals; these need no lock.
-std::atomic<bool> signalled = false;
+std::atomic<int> signalled = 0; // the first that has come
 std::atomic<int> event = -1;
-static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+static_assert(std::atomic<int>::is_always_lock_free);
+
+constexpr std::array signals{SIGINT, SIGTERM, SIGHUP, SIGPIPE};
 
 void handle(int signal) {
-    if (signalled.exchange(true)) {
+    int none = 0;
+    if (!signalled.compare_exchange_strong(none, signal) && (signal == SIGINT || signal == SIGTERM)) {
         std::signal(signal, SIG_DFL);
         std::raise(signal);
     }
@@ -33,19 +36,23 @@ void handle(int signal) {
 } // namespace
 
 Interrupt::Interrupt() : _event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    signalled = false;
+    signalled = 0;
     event = _event;
-    for (const int signal : {SIGINT, SIGTERM}) {
-        std::signal(signal, handle);
+    for (std::size_t place = 0; place < signals.size(); ++place) {
+        const auto before = std::signal(signals[place], handle);
+        _before[place] = before;
+        if (before == SIG_IGN && signals[place] != SIGPIPE) {
+            std::signal(signals[place], SIG_IGN);
+        }
     }
 }
 
 Interrupt::~Interrupt() {
-    for (const int signal : {SIGINT, SIGTERM}) {
-        std::signal(signal, SIG_DFL);
+    for (std::size_t place = 0; place < signals.size(); ++place) {
+        std::signal(signals[place], _before[place]);
     }
     event = -1;
-    signalled = false;
+    signalled = 0;
     ::close(_event);
 }
 
@@ -57,7 +64,17 @@ void Interrupt::waitFor(std::chrono::nanoseconds time) const noexcept {
 }
 
 bool Interrupt::requested() noexcept {
-    return signalled;
+    return signalled != 0;
+}
+
+ExitCode Interrupt::exitCode() noexcept {
+    switch (signalled) {
+    case 0: return ExitCode::done;
+    case SIGHUP: return ExitCode::hungUp;
+    case SIGPIPE: return ExitCode::brokenPipe;
+    case SIGTERM: return ExitCode::terminated;
+    default: return ExitCode::interrupted;
+    }
 }
 
 } // namespace appsync::host

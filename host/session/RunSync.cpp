@@ -4,7 +4,6 @@
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/coordinator/InstallObservers.h"
-#include "device/root/Root.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/Notifications.h"
 #include "host/control/ControlServer.h"
@@ -27,22 +26,18 @@ constexpr const char* inUse = "it is in use and cannot be ended now";
 /// The control socket's end, taken away when the sync is over.
 class ControlPoint {
   public:
-    ControlPoint(const std::string& deviceFolder, const Interrupt* interrupt, ControlHandlers handlers, SyncView& view)
-        : _folder(deviceFolder) {
-        ErrorPtr problem;
-        auto listening = listenForControl(deviceFolder, &problem);
-        if (problem != nullptr) {
-            view.note(reasonOf(problem));
+    ControlPoint(device::DeviceFileSystem& files, const Interrupt* interrupt, ControlHandlers handlers, SyncView& view)
+        : _listening(files, &_problem),
+          _server(_listening.descriptor(), interrupt != nullptr ? interrupt->descriptor() : -1, std::move(handlers)) {
+        if (_problem != nullptr) {
+            view.note(reasonOf(_problem));
         }
-        _server.emplace(std::move(listening), interrupt != nullptr ? interrupt->descriptor() : -1, std::move(handlers));
     }
-    ~ControlPoint() { removeControlSocket(_folder); }
-    ControlPoint(const ControlPoint&) = delete;
-    ControlPoint& operator=(const ControlPoint&) = delete;
 
   private:
-    const std::string _folder;
-    std::optional<ControlServer> _server;
+    ErrorPtr _problem;
+    ListeningSocket _listening;
+    ControlServer _server;
 };
 
 /// The report points at the log for reasons; a full disk does not take them.
@@ -88,7 +83,7 @@ SyncReport runSync(device::Device& device, const desktop::SyncList& list, const 
     // What ended while no plug-in ran is told to it before it opens the sync, since it notes that in its work files.
     device.coordinator().waitUntilIdle();
     PersonOnDevice person(device, deviceService, workspace, busyApps, outcomes);
-    const ControlPoint control(device.root().folder(), options.interrupt,
+    const ControlPoint control(device.files(), options.interrupt,
                                {.status = [&view] { return toJson(view.status()); },
                                 .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
                                 .cancel = [&person](const std::string& app) { return person.cancel(app); },
