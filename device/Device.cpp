@@ -432,8 +432,8 @@ Result<pid_t> Device::launch(std::string_view identifier, bool busy) {
     if (!s.root->files().createDirectory(app->dataContainerPath, true, std::nullopt, &error)) {
         return error;
     }
-    const auto program = s.root->hostPath(app->bundlePath + "/" + executable);
-    const auto data = s.root->hostPath(app->dataContainerPath);
+    const auto program = s.root->realPath(app->bundlePath + "/" + executable);
+    const auto data = s.root->realPath(app->dataContainerPath);
     if (!program || !data) {
         return refuse(ProcessError::cannotBeStarted, errorText(program ? data.error() : program.error()));
     }

@@ -11,7 +11,10 @@ namespace appsync::host {
 std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code) {
     auto opened = device::Device::open(folder);
     if (!opened) {
-        *code = fail(reasonOf(opened.error()), exitCodeOf(opened.error()));
+        const std::string reason = reasonOf(opened.error());
+        const bool namesDevice = reason.find(folder) != std::string::npos;
+        *code = fail(namesDevice ? reason : "the device " + folder + " cannot be opened: " + reason,
+                     exitCodeOf(opened.error()));
         return nullptr;
     }
     return std::move(*opened);

@@ -254,8 +254,7 @@ int checkedOutput(int code) {
     if (errno == EPIPE) {
         return static_cast<int>(ExitCode::brokenPipe);
     }
-    std::cerr << "qrd: not all of the output could be written: " << std::strerror(errno) << '\n';
-    return static_cast<int>(ExitCode::failed);
+    return static_cast<int>(fail("not all of the output could be written: " + std::string(std::strerror(errno))));
 }
 
 } // namespace

@@ -101,7 +101,7 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     if (error = _setBusy(identifier, request.busy); error) {
         return error;
     }
-    const auto folder = _root.hostPath(RunFolder);
+    const auto folder = _root.realPath(RunFolder);
     if (!folder) {
         return folder.error();
     }

@@ -211,7 +211,7 @@ Result<std::unique_ptr<Root>> Root::_open(Descriptor opened, std::string absolut
     return std::unique_ptr<Root>(new Root(std::move(absolute), std::move(lock), std::move(files)));
 }
 
-Result<std::string> Root::hostPath(std::string_view devicePath) {
+Result<std::string> Root::realPath(std::string_view devicePath) {
     const auto found = _files->open(devicePath, O_PATH);
     if (!found) {
         return found.error();
@@ -220,8 +220,8 @@ Result<std::string> Root::hostPath(std::string_view devicePath) {
     return path.empty() ? Result<std::string>(makePosixError(ENOENT, "looking for", devicePath)) : std::move(path);
 }
 
-std::string Root::databasePath() const {
-    return _folder + std::string(databaseFolder) + "/device.sqlite";
+std::string Root::hostPath(std::string_view devicePath) const {
+    return _folder + std::string(devicePath);
 }
 
 Result<Descriptor> Root::openDatabaseFolder() noexcept {

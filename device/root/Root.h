@@ -48,10 +48,12 @@ class Root {
     [[nodiscard]] std::string temporaryDirectory() const { return "/tmp"; }
     /// The root folder's absolute path on this machine.
     [[nodiscard]] const std::string& folder() const noexcept { return _folder; }
-    /// Where what stands at a path of the device stands on this machine, for other processes.
-    [[nodiscard]] Result<std::string> hostPath(std::string_view devicePath);
+    /// Where a path of the device stood on this machine when the root was opened, for messages.
+    [[nodiscard]] std::string hostPath(std::string_view devicePath) const;
+    /// Where what stands at a path of the device stands on this machine now, for other processes.
+    [[nodiscard]] Result<std::string> realPath(std::string_view devicePath);
     /// The database file's path on this machine, for messages.
-    [[nodiscard]] std::string databasePath() const;
+    [[nodiscard]] std::string databasePath() const { return hostPath("/var/db/device.sqlite"); }
     /// The folder of the database, opened; never one outside of the root.
     [[nodiscard]] Result<Descriptor> openDatabaseFolder() noexcept;
 

@@ -188,6 +188,7 @@ void SyncSession::_close() {
     clearReceivedFiles(_parties.device);
     _parties.view.ended();
     _parties.client.syncEndedWithSuccess(_allTransferred);
+    clearPlaceholderBundles(_parties.device); // of placeholders that could not be made
     if (!_allTransferred) {
         return;
     }

@@ -24,13 +24,20 @@ class Control : public SyncOnBothPaths {
         return askLine(toJson(ControlRequest{command, app}));
     }
     Json askLine(const std::string& line) {
-        const auto connection = connectToControl(deviceFolder());
+        const auto connection = connected();
         EXPECT_TRUE(connection.isOpen());
         EXPECT_TRUE(writeLine(connection.get(), line));
         std::string buffer;
         std::string answer;
-        EXPECT_TRUE(readLine(connection.get(), buffer, answer));
+        EXPECT_TRUE(hasRead(connection.get(), buffer, answer));
         return Json::parse(answer, nullptr, false);
+    }
+    device::Descriptor connected() const {
+        std::string problem;
+        return connectToControl(deviceFolder(), std::chrono::minutes(1), problem);
+    }
+    static bool hasRead(int connection, std::string& buffer, std::string& line) {
+        return readLine(connection, buffer, line) == ReadResult::line;
     }
     /// Syncs slowly; `pause` is called after each piece with its number.
     SyncReport syncSlowly(const std::function<void(int piece)>& pause, const Interrupt* interrupt = nullptr) {
@@ -169,13 +176,13 @@ TEST_P(Control, AnEndlessRequestIsHungUpOn) {
         if (piece > 1) {
             return;
         }
-        const auto connection = connectToControl(deviceFolder());
+        const auto connection = connected();
         const std::string endless(2 * longestRequest, 'x');
         ASSERT_GT(::write(connection.get(), endless.data(), endless.size()), 0);
         std::string buffer;
         std::string answer;
-        EXPECT_TRUE(readLine(connection.get(), buffer, answer));
-        EXPECT_FALSE(readLine(connection.get(), buffer, answer));
+        EXPECT_TRUE(hasRead(connection.get(), buffer, answer));
+        EXPECT_FALSE(hasRead(connection.get(), buffer, answer));
     });
 }
 
@@ -196,7 +203,7 @@ TEST_P(Control, ShowsWhatRuns) {
         EXPECT_GT(status["apps"][0]["fraction"].get<double>(), 0);
         EXPECT_EQ(status["apps"][1]["stage"], "queued");
     });
-    EXPECT_FALSE(connectToControl(deviceFolder()).isOpen());
+    EXPECT_FALSE(connected().isOpen());
 }
 
 TEST_P(Control, AFollowerIsToldUntilTheEnd) {
@@ -207,12 +214,12 @@ TEST_P(Control, AFollowerIsToldUntilTheEnd) {
         if (piece != 1) {
             return;
         }
-        auto connection = connectToControl(deviceFolder());
+        auto connection = connected();
         ASSERT_TRUE(writeLine(connection.get(), toJson(ControlRequest{"follow"})));
         std::string buffer;
-        ASSERT_TRUE(readLine(connection.get(), buffer, lines.emplace_back()));
+        ASSERT_TRUE(hasRead(connection.get(), buffer, lines.emplace_back()));
         follower = std::thread([&lines, connection = std::move(connection), buffer]() mutable {
-            for (std::string line; readLine(connection.get(), buffer, line);) {
+            for (std::string line; hasRead(connection.get(), buffer, line);) {
                 lines.push_back(line);
             }
         });
@@ -264,12 +271,12 @@ class BusyUpdate : public Control {
         return std::thread([this, act = std::move(act)] {
             device::Descriptor connection;
             while (!connection.isOpen()) {
-                connection = connectToControl(deviceFolder());
+                connection = connected();
                 std::this_thread::yield();
             }
             ASSERT_TRUE(writeLine(connection.get(), toJson(ControlRequest{"follow"})));
             std::string buffer;
-            for (std::string line; readLine(connection.get(), buffer, line);) {
+            for (std::string line; hasRead(connection.get(), buffer, line);) {
                 const Json status = Json::parse(line);
                 for (const Json& app : status["apps"]) {
                     if (app["stage"] == "waiting") {

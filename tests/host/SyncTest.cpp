@@ -255,5 +255,30 @@ TEST(Interrupts, AreRememberedWhileSomebodyCares) {
     EXPECT_TRUE(Interrupt::requested());
 }
 
+TEST(Interrupts, CountOnceAndDoNotEndTheProcessWhenATerminalGoesAway) {
+    for (const auto& [first, code] : {std::pair{SIGINT, ExitCode::interrupted},
+                                      {SIGTERM, ExitCode::terminated},
+                                      {SIGHUP, ExitCode::hungUp},
+                                      {SIGPIPE, ExitCode::brokenPipe}}) {
+        const Interrupt interrupt;
+        EXPECT_EQ(Interrupt::exitCode(), ExitCode::done);
+        std::raise(first);
+        for (const int later : {SIGHUP, SIGPIPE, SIGHUP}) {
+            std::raise(later);
+        }
+        EXPECT_EQ(Interrupt::exitCode(), code);
+    }
+}
+
+TEST(Interrupts, LeaveWhatWasIgnoredIgnored) {
+    const auto before = std::signal(SIGHUP, SIG_IGN);
+    {
+        const Interrupt interrupt;
+        std::raise(SIGHUP);
+        EXPECT_FALSE(Interrupt::requested());
+    }
+    EXPECT_EQ(std::signal(SIGHUP, before), SIG_IGN);
+}
+
 } // namespace
 } // namespace appsync::host

@@ -1,4 +1,5 @@
 // No path leads out of the device, whatever stands in it.
+#include "device/root/Database.h"
 #include "device/root/Root.h"
 
 #include "TemporaryFolder.h"
@@ -124,9 +125,40 @@ TEST_F(Confinement, LoopOfLinksIsAnError) {
     EXPECT_EQ(error->code(), ELOOP);
 }
 
-TEST_F(Confinement, DatabaseFolderThatIsALinkIsNotFollowed) {
-    // The path handed to SQLite goes through no link, so that the database cannot be led outside either.
-    EXPECT_EQ(root->databasePath(), folder / "device/var/db/device.sqlite");
+TEST_F(Confinement, ADatabaseStaysInItsFolderWhateverBecomesOfThePath) {
+    auto opened = root->openDatabaseFolder();
+    ASSERT_TRUE(opened);
+    std::filesystem::rename(folder / "device", folder / "moved");
+    std::filesystem::create_directories(folder / "other/var/db");
+    std::filesystem::create_symlink("other", folder / "device");
+    {
+        const auto database = Database::open(std::move(*opened), root->databasePath());
+        ASSERT_TRUE(database) << errorText(database.error());
+        Database::Transaction transaction(**database);
+        transaction.run("CREATE TABLE t (a)");
+        EXPECT_TRUE(transaction.commit());
+        EXPECT_TRUE(std::filesystem::exists(folder / "moved/var/db/device.sqlite-wal"));
+    }
+    EXPECT_TRUE(std::filesystem::exists(folder / "moved/var/db/device.sqlite"));
+    EXPECT_TRUE(std::filesystem::is_empty(folder / "other/var/db"));
+}
+
+TEST_F(Confinement, ADatabaseFolderThatIsALinkIsNotFollowed) {
+    std::filesystem::rename(folder / "device/var/db", folder / "outside/db");
+    link("var/db", folder / "outside/db");
+    EXPECT_FALSE(root->openDatabaseFolder());
+    std::filesystem::remove(folder / "device/var/db");
+    std::filesystem::rename(folder / "outside/db", folder / "device/var/db");
+}
+
+TEST_F(Confinement, WhereSomethingStandsIsFoundInTheRoot) {
+    std::filesystem::create_directories(folder / "device/tmp/here");
+    link("tmp/there", "/tmp/here");
+    const auto path = root->realPath("/tmp/there");
+    ASSERT_TRUE(path);
+    EXPECT_EQ(*path, folder / "device/tmp/here");
+    link("tmp/out", folder / "outside");
+    EXPECT_FALSE(root->realPath("/tmp/out/secret"));
 }
 
 } // namespace
