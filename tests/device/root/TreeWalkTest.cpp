@@ -71,7 +71,8 @@ TEST(TreeWalk, SeesEverythingOnceAtAnyDepthWithFewDescriptors) {
     EXPECT_EQ(std::set<std::string>(notes.seen.begin(), notes.seen.end()).size(), 3U * levels);
     EXPECT_EQ(notes.deepest, levels);
     EXPECT_EQ(notes.depth, 0);
-    EXPECT_EQ(removeTree(opened(folder.path()).get(), "a0", nullptr, "a0"), 0); // deeper than the test's own removal goes
+    EXPECT_EQ(removeTree(opened(folder.path()).get(), "a0", nullptr, "a0"),
+              0); // deeper than the test's own removal goes
 }
 
 TEST(TreeWalk, SeesAllOfWideFolders) {
