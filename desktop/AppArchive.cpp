@@ -1,162 +1,225 @@
 #include "desktop/AppArchive.h"
 
+#include "archive/AppInArchive.h"
+#include "archive/ArchiveReader.h"
+#include "archive/EntryPath.h"
 #include "platform/PropertyListSerialization.h"
+#include "text/Printable.h"
 
-#include <archive.h>
-#include <archive_entry.h>
-
-#include <algorithm>
-#include <filesystem>
 #include <map>
-#include <memory>
 #include <string_view>
+#include <vector>
 
 namespace appsync::desktop {
 
 namespace {
 
-// An entry beyond this is no property list or icon; the app is staged without it.
-constexpr std::size_t largestFact = std::size_t{8} << 20;
+/// No app's version or name is longer, and of a library's every app has one in memory.
+constexpr std::size_t longestText = 1'000;
 
-struct CloseArchive {
-    void operator()(archive* reader) const { archive_read_free(reader); }
-};
-using ArchiveReader = std::unique_ptr<archive, CloseArchive>;
-
-ArchiveReader openArchive(const std::string& path, ErrorPtr* error) {
-    constexpr std::size_t blockSize = 64 << 10;
-    ArchiveReader reader(archive_read_new());
-    archive_read_support_format_zip_seekable(reader.get());
-    if (archive_read_open_filename(reader.get(), path.c_str(), blockSize) != ARCHIVE_OK) {
-        *error = desktopError("'" + path + "' is no app archive: " + archive_error_string(reader.get()) +
-                                  ". Take it out of the library or replace it.",
-                              path);
-        return nullptr;
+/// An open archive whose structure has been read.
+class AppReader {
+  public:
+    /// `file` and `refuse` must outlive the reader.
+    static Result<AppReader> open(int file, const Refusal& refuse) {
+        AppReader reader(file, refuse);
+        auto directory = ZipDirectory::read(file, reader._limits, refuse);
+        if (!directory) {
+            return directory.error();
+        }
+        reader._directory = std::move(*directory);
+        auto app = findApplication(reader._directory, reader._limits, refuse);
+        if (!app) {
+            return app.error();
+        }
+        reader._app = std::move(*app);
+        return reader;
     }
-    return reader;
-}
 
-std::optional<std::string> readEntry(archive* reader, archive_entry* entry) {
-    const auto size = static_cast<std::size_t>(std::max<la_int64_t>(archive_entry_size(entry), 0));
-    if (size > largestFact) {
-        return std::nullopt;
+    /// The app's Info.plist: its bytes and what they say.
+    Result<Dictionary> readInfoPlist(PropertyListSerialization& propertyLists, std::string& bytes) const {
+        auto contents = _read({_app.infoPath});
+        if (!contents) {
+            return contents.error();
+        }
+        bytes = std::move(contents->front());
+        return readInfo(bytes, _app, propertyLists, *_refuse);
     }
-    std::string bytes(size, '\0');
-    const la_ssize_t read = archive_read_data(reader, bytes.data(), size);
-    return read == static_cast<la_ssize_t>(size) ? std::optional(std::move(bytes)) : std::nullopt;
-}
 
-/// "Name.app" and "Info.plist" of "Name.app/Info.plist"; nothing for a path of another depth or outside an app.
-std::optional<std::string_view> nameInApp(std::string_view path) {
-    const std::size_t slash = path.find('/');
-    if (slash == std::string_view::npos || !path.substr(0, slash).ends_with(".app") ||
-        path.find('/', slash + 1) != std::string_view::npos || slash + 1 == path.size()) {
-        return std::nullopt;
-    }
-    return path.substr(slash + 1);
-}
-
-/// The small files that describe the app: those directly in the app's folder, by name, and those beside it.
-struct Facts {
-    std::optional<std::string> metadata;
-    std::optional<std::string> artwork;
-    std::optional<std::string> infoPlist;
-    std::map<std::string, std::string, std::less<>> images;
-};
-
-bool readFacts(archive* reader, Facts& facts) {
-    archive_entry* entry = nullptr;
-    int status = ARCHIVE_OK;
-    while ((status = archive_read_next_header(reader, &entry)) == ARCHIVE_OK) {
-        const char* pathname = archive_entry_pathname_utf8(entry);
-        const std::string_view path = pathname != nullptr ? pathname : "";
-        const auto name = nameInApp(path);
-        if (path == "TamblinMetadata.plist") {
-            facts.metadata = readEntry(reader, entry);
-        } else if (path == "TamblinArtwork") {
-            facts.artwork = readEntry(reader, entry);
-        } else if (name == "Info.plist") {
-            facts.infoPlist = readEntry(reader, entry);
-        } else if (name && name->ends_with(".png")) {
-            if (auto bytes = readEntry(reader, entry)) {
-                facts.images.emplace(*name, std::move(*bytes));
+    /// The small files that go with the app, as far as there are any.
+    Result<AppDescription> readDescription(PropertyListSerialization& propertyLists) const {
+        std::string bytes;
+        const auto info = readInfoPlist(propertyLists, bytes);
+        if (!info) {
+            return info.error();
+        }
+        AppDescription description;
+        description.infoPlist = Data(std::move(bytes));
+        description.iconName = _iconName(*info);
+        const std::string icon = description.iconName ? _app.bundleName + "/" + *description.iconName : "";
+        const std::vector<std::string> paths{std::string(metadataFileName), std::string(artworkFileName), icon};
+        auto contents = _read(paths);
+        if (!contents) {
+            return contents.error();
+        }
+        const std::vector targets{&description.metadata, &description.artwork, &description.icon};
+        for (std::size_t number = 0; number < paths.size(); ++number) {
+            if (_directory.find(paths[number]) != nullptr) {
+                *targets[number] = Data(std::move((*contents)[number]));
             }
         }
+        return description;
     }
-    return status == ARCHIVE_EOF;
+
+  private:
+    AppReader(int file, const Refusal& refuse) : _file(file), _refuse(&refuse) {}
+
+    /// The picture in the app's folder that its Info.plist names, unless it is too large to be shown.
+    [[nodiscard]] std::optional<std::string> _iconName(const Dictionary& info) const {
+        const auto name = info.string("BXBundleIconFile");
+        if (!name || !name->ends_with(".png") || name->find('/') != std::string_view::npos) {
+            return std::nullopt;
+        }
+        const ZipDirectory::Entry* icon = _directory.find(_app.bundleName + "/" + std::string(*name));
+        const bool isUsable =
+            icon != nullptr && icon->kind == ZipDirectory::Kind::file && icon->unpackedBytes <= _limits.pictureBytes;
+        return isUsable ? std::optional<std::string>(*name) : std::nullopt;
+    }
+
+    /// The contents of entries by their paths; empty for those that are not there.
+    [[nodiscard]] Result<std::vector<std::string>> _read(const std::vector<std::string>& paths) const {
+        std::vector<std::string> contents(paths.size());
+        std::map<const ZipDirectory::Entry*, std::string*> wanted;
+        for (std::size_t number = 0; number < paths.size(); ++number) {
+            if (const ZipDirectory::Entry* entry = _directory.find(paths[number])) {
+                wanted.emplace(entry, &contents[number]);
+            }
+        }
+        ArchiveReader reader(*_refuse);
+        if (const auto opened = reader.open(_file); !opened) {
+            return opened.error();
+        }
+        for (auto entry = _directory.entries().begin(); !wanted.empty(); ++entry) {
+            if (const auto next = reader.next(*entry); !next) {
+                return next.error();
+            }
+            const auto found = wanted.find(&*entry);
+            if (found == wanted.end()) {
+                continue;
+            }
+            if (ErrorPtr error = _readEntry(reader, *found->second)) {
+                return error;
+            }
+            wanted.erase(found);
+        }
+        return contents;
+    }
+
+    static ErrorPtr _readEntry(ArchiveReader& reader, std::string& content) {
+        for (;;) {
+            const auto piece = reader.nextPiece();
+            if (!piece || piece->empty()) {
+                return piece.error();
+            }
+            content.append(*piece);
+        }
+    }
+
+    int _file;
+    const Refusal* _refuse;
+    ArchiveLimits _limits;
+    ZipDirectory _directory;
+    AppInArchive _app;
+};
+
+/// A refusal as the problem of a library.
+ErrorPtr libraryProblem(const ErrorPtr& reason, const std::string& path) {
+    return desktopError(errorText(reason) + ". Take it out of the library or replace it.", path);
 }
 
-std::optional<Data> toData(std::optional<std::string> bytes) {
-    return bytes ? std::optional(Data(std::move(*bytes))) : std::nullopt;
-}
-
-std::optional<std::string> stringAt(const Dictionary& info, std::string_view key) {
-    const auto text = info.string(key);
-    return text ? std::optional<std::string>(*text) : std::nullopt;
+/// A text as far as it is shown.
+std::string cut(std::string_view text) {
+    std::string kept(text.substr(0, longestText));
+    while (!isUtf8(kept)) { // the cut may have gone through a character
+        kept.pop_back();
+    }
+    return kept;
 }
 
 } // namespace
 
-std::optional<AppArchive> readAppArchive(const std::string& path, PropertyListSerialization& propertyLists,
-                                         ErrorPtr* error) {
-    const ArchiveReader reader = openArchive(path, error);
-    if (reader == nullptr) {
-        return std::nullopt;
+Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyLists, const Refusal& refuse) {
+    const auto reader = AppReader::open(file, refuse);
+    if (!reader) {
+        return reader.error();
     }
-    Facts facts;
-    // Damage further on is the device's to find: what describes the app may be whole all the same.
-    const bool whole = readFacts(reader.get(), facts);
-    if (!facts.infoPlist) {
-        *error = desktopError("'" + path + "' holds no app: there is no readable <Name>.app/Info.plist in it" +
-                                  (whole ? "" : std::string(" (") + archive_error_string(reader.get()) + ")") +
-                                  ". Pack it again with `qrd pack`.",
-                              path);
-        return std::nullopt;
+    std::string bytes;
+    const auto info = reader->readInfoPlist(propertyLists, bytes);
+    if (!info) {
+        return info.error();
     }
     AppArchive app;
-    app.path = path;
-    std::error_code ignored;
-    app.size = std::filesystem::file_size(path, ignored);
-    app.infoPlist = Data(std::move(*facts.infoPlist));
-    const auto root = propertyLists.propertyListWithData(app.infoPlist.bytes(), nullptr);
-    const Dictionary* info = root ? root->dictionary() : nullptr;
-    const auto identifier = info != nullptr ? info->string("BXBundleIdentifier") : std::nullopt;
-    if (!identifier || !isUsableIdentifier(*identifier)) {
-        *error = desktopError("'" + path + "' does not say which app it is: its Info.plist has no usable " +
-                                  "BXBundleIdentifier" + (identifier ? " (\"" + std::string(*identifier) + "\")" : "") +
-                                  ". Correct the Info.plist and pack the app again.",
-                              path);
-        return std::nullopt;
+    app.identifier = *info->string("BXBundleIdentifier");
+    if (!isUsableIdentifier(app.identifier)) {
+        return refuse(InstallerError::invalidIdentifier,
+                      "its BXBundleIdentifier \"" + printable(app.identifier) +
+                          "\" is no bundle identifier: " + std::string(identifierRule));
     }
-    app.identifier = *identifier;
-    app.version = stringAt(*info, "BXBundleVersion");
-    app.name = stringAt(*info, "BXBundleDisplayName");
-    app.metadata = toData(std::move(facts.metadata));
-    app.artwork = toData(std::move(facts.artwork));
-    app.iconName = stringAt(*info, "BXBundleIconFile");
-    if (const auto image = app.iconName ? facts.images.find(*app.iconName) : facts.images.end();
-        image != facts.images.end()) {
-        app.icon = Data(image->second);
+    if (const auto version = info->string("BXBundleVersion")) {
+        if (version->size() > longestText) {
+            return refuse(InstallerError::infoMissing,
+                          "its BXBundleVersion has more than " + std::to_string(longestText) + " bytes");
+        }
+        app.version = *version;
+    }
+    if (const auto name = info->string("BXBundleDisplayName")) {
+        app.name = cut(*name);
     }
     return app;
 }
 
-bool isUsableIdentifier(std::string_view identifier) {
-    constexpr std::size_t longest = 200;
-    const auto isUsable = [](char character) {
-        return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
-               (character >= '0' && character <= '9') || character == '.' || character == '-' || character == '_';
-    };
-    return !identifier.empty() && identifier.size() <= longest && identifier.front() != '.' &&
-           std::ranges::all_of(identifier, isUsable);
+Result<AppArchive> readAppArchive(const std::string& path, PropertyListSerialization& propertyLists) {
+    const auto file = RegularFile::open(path);
+    if (!file) {
+        return libraryProblem(file.error(), path);
+    }
+    auto app = readAppArchive(file->descriptor(), propertyLists, Refusal(path));
+    if (!app) {
+        return libraryProblem(app.error(), path);
+    }
+    app->path = path;
+    app->stamp = file->stamp();
+    app->size = app->stamp.size;
+    return app;
+}
+
+Result<RegularFile> openAgain(const AppArchive& app) {
+    auto file = RegularFile::open(app.path);
+    if (!file) {
+        return desktopError(errorText(file.error()) + ". Put it back into the library and sync again.", app.path);
+    }
+    if (file->stamp() != app.stamp) {
+        return desktopError("'" + app.path + "' has changed since the library was read. Sync again.", app.path);
+    }
+    return file;
+}
+
+Result<AppDescription> readAppDescription(const AppArchive& app, PropertyListSerialization& propertyLists) {
+    const auto file = openAgain(app);
+    if (!file) {
+        return file.error();
+    }
+    const Refusal refuse(app.path);
+    const auto reader = AppReader::open(file->descriptor(), refuse);
+    auto description = reader ? reader->readDescription(propertyLists) : Result<AppDescription>(reader.error());
+    if (!description) {
+        return libraryProblem(description.error(), app.path);
+    }
+    return description;
 }
 
 ErrorPtr desktopError(std::string description, std::string_view path) {
-    Dictionary facts{{ErrorDescriptionKey, description}};
-    if (!path.empty()) {
-        facts.set(ErrorPathKey, path);
-    }
-    return Error::make(DesktopErrorDomain, 1, std::move(facts));
+    return makeError(DesktopErrorDomain, 1, description, path);
 }
 
 } // namespace appsync::desktop

@@ -1,9 +1,10 @@
-// An app in a library: a zip file with one `<Name>.app` folder that holds an "Info.plist", beside optional
-// "TamblinMetadata.plist" and "TamblinArtwork".
+// An app in a library: an archive that holds one app (archive/AppInArchive.h).
 #pragma once
 
+#include "files/RegularFile.h"
 #include "platform/Error.h"
 #include "platform/PropertyList.h"
+#include "platform/Result.h"
 
 #include <cstdint>
 #include <optional>
@@ -11,20 +12,26 @@
 
 namespace appsync {
 class PropertyListSerialization;
-}
+class Refusal;
+} // namespace appsync
 
 namespace appsync::desktop {
 
 /// Domain of the errors of this folder; the description says what, where and what to do.
 inline constexpr std::string_view DesktopErrorDomain = "Desktop";
 
-/// What the desktop needs to know of an app before it sends it.
+/// What the desktop needs to know of an app to decide what a sync does. A library holds many: these are small.
 struct AppArchive {
     std::string path;       // on this machine
     std::uint64_t size = 0; // of the archive, in bytes
+    FileStamp stamp;        // its state when this was read
     std::string identifier;
     std::optional<std::string> version;
-    std::optional<std::string> name;
+    std::optional<std::string> name; // cut when it is too long to be shown
+};
+
+/// What the device is told of an app before it asks for the archive.
+struct AppDescription {
     Data infoPlist;
     std::optional<Data> metadata;
     std::optional<Data> artwork;
@@ -33,13 +40,18 @@ struct AppArchive {
     std::optional<Data> icon;
 };
 
-/// Reads an archive's facts. Nothing, and the reason in `error`, when it is no archive or holds no app. The content is
-/// not checked; the device does that.
-[[nodiscard]] std::optional<AppArchive> readAppArchive(const std::string& path,
-                                                       PropertyListSerialization& propertyLists, ErrorPtr* error);
+/// Reads an archive's facts. An archive whose structure the device would refuse is refused here, too; the content of
+/// its other entries is not looked at, the device does that.
+[[nodiscard]] Result<AppArchive> readAppArchive(const std::string& path, PropertyListSerialization& propertyLists);
+/// The same of an open file; its path and state are left out. `refuse` names it.
+[[nodiscard]] Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyLists,
+                                                const Refusal& refuse);
 
-/// Whether a bundle identifier can name an app and its folders: letters, digits, ".", "-" and "_", not led by a dot.
-[[nodiscard]] bool isUsableIdentifier(std::string_view identifier);
+/// Opens the archive again, which must still be in the state in which its facts were read.
+[[nodiscard]] Result<RegularFile> openAgain(const AppArchive& app);
+/// Reads an app's description from its archive, which must not have changed.
+[[nodiscard]] Result<AppDescription> readAppDescription(const AppArchive& app,
+                                                        PropertyListSerialization& propertyLists);
 
 /// An error of `DesktopErrorDomain` with its sentence.
 [[nodiscard]] ErrorPtr desktopError(std::string description, std::string_view path = {});

@@ -22,10 +22,6 @@ std::vector<std::string> filesIn(const std::string& folder, std::error_code& fai
     return files;
 }
 
-std::string sentenceOf(const ErrorPtr& error) {
-    return std::string(error->userInfo().string(ErrorDescriptionKey).value_or(""));
-}
-
 /// With `keepsAll`, all archives of every app; otherwise the first of each.
 std::optional<AppLibrary> readArchives(const std::string& folder, PropertyListSerialization& propertyLists,
                                        bool keepsAll, ErrorPtr* error) {
@@ -40,10 +36,9 @@ std::optional<AppLibrary> readArchives(const std::string& folder, PropertyListSe
     AppLibrary library;
     std::unordered_map<std::string, std::string> pathOf;
     for (const std::string& file : files) {
-        ErrorPtr problem;
-        auto app = readAppArchive(file, propertyLists, &problem);
+        auto app = readAppArchive(file, propertyLists);
         if (!app) {
-            library.problems.push_back(sentenceOf(problem));
+            library.problems.push_back(errorText(app.error()));
         } else if (const auto [first, isFirst] = pathOf.emplace(app->identifier, file); !isFirst && !keepsAll) {
             library.problems.push_back("'" + file + "' holds " + app->identifier + " as '" + first->second +
                                        "' does; the latter is used. Keep one of the two.");

@@ -1,37 +1,31 @@
 // Hands an archive over in pieces, as it goes down the cable.
 #pragma once
 
-#include "platform/Error.h"
+#include "desktop/AppArchive.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <optional>
 #include <span>
 #include <string>
 
 namespace appsync::desktop {
 
+/// Hands over what the library's facts were read from and nothing else: an archive that has changed since, or changes
+/// meanwhile, ends in an error.
 class ArchiveSource {
   public:
-    /// Nothing, and the reason in `error`, when the archive cannot be opened.
-    [[nodiscard]] static std::optional<ArchiveSource> open(const std::string& path, ErrorPtr* error);
-    ~ArchiveSource();
-    ArchiveSource(ArchiveSource&& other) noexcept;
-    ArchiveSource& operator=(ArchiveSource&& other) noexcept;
+    [[nodiscard]] static Result<ArchiveSource> open(const AppArchive& app);
 
     /// In bytes.
-    [[nodiscard]] std::uint64_t size() const noexcept { return _size; }
-    /// Fills the buffer with the next piece; its length, 0 at the end. Nothing, and the reason in `error`, when the
-    /// archive cannot be read or has become shorter.
-    [[nodiscard]] std::optional<std::size_t> read(std::span<char> buffer, ErrorPtr* error);
+    [[nodiscard]] std::uint64_t size() const noexcept { return _file.stamp().size; }
+    /// Fills the buffer with the next piece; its length, 0 at the end, where the archive is known to be unchanged.
+    [[nodiscard]] Result<std::size_t> read(std::span<char> buffer);
 
   private:
-    ArchiveSource(std::string path, int descriptor, std::uint64_t size);
+    ArchiveSource(std::string path, RegularFile file) : _path(std::move(path)), _file(std::move(file)) {}
 
     std::string _path;
-    int _descriptor;
-    std::uint64_t _size;
+    RegularFile _file;
     std::uint64_t _read = 0;
 };
 

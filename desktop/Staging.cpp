@@ -28,8 +28,8 @@ bool putList(FileSystem& device, PropertyListSerialization& propertyLists, const
     return bytes && put(device, path, *bytes, error);
 }
 
-bool putApp(FileSystem& device, const AppArchive& app, ErrorPtr* error) {
-    const std::string folder = unfinished + "/" + app.identifier + "/";
+bool putApp(FileSystem& device, const std::string& identifier, const AppDescription& app, ErrorPtr* error) {
+    const std::string folder = unfinished + "/" + identifier + "/";
     if (!device.createDirectory(folder.substr(0, folder.size() - 1), false, std::nullopt, error) ||
         !put(device, folder + "Info.plist", app.infoPlist, error)) {
         return false;
@@ -37,6 +37,23 @@ bool putApp(FileSystem& device, const AppArchive& app, ErrorPtr* error) {
     return (!app.metadata || put(device, folder + "TamblinMetadata.plist", *app.metadata, error)) &&
            (!app.artwork || put(device, folder + "TamblinArtwork", *app.artwork, error)) &&
            (!app.icon || put(device, folder + *app.iconName, *app.icon, error));
+}
+
+/// One app after the other, so that only one app's files are in memory.
+bool putApps(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list, ErrorPtr* error) {
+    std::vector<const AppArchive*> staged;
+    for (const AppArchive* app : list.installs) {
+        const auto description = readAppDescription(*app, propertyLists);
+        if (!description) {
+            list.failed.push_back({app, errorText(description.error())});
+        } else if (putApp(device, app->identifier, *description, error)) {
+            staged.push_back(app);
+        } else {
+            return false;
+        }
+    }
+    list.installs = std::move(staged);
+    return true;
 }
 
 } // namespace
@@ -66,14 +83,15 @@ Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list)
     return pages;
 }
 
-bool writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, const SyncList& list,
-                      const Array& layout, ErrorPtr* error) {
+bool writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list,
+                      const std::vector<std::string>& onDevice, ErrorPtr* error) {
     device.removeItem(unfinished, nullptr);
     const auto write = [&] {
         return device.createDirectory(unfinished, true, std::nullopt, error) &&
+               putApps(device, propertyLists, list, error) &&
                putList(device, propertyLists, unfinished + "/ApplicationsSync.plist", toDoRecords(list), error) &&
-               putList(device, propertyLists, unfinished + "/SkellanIconState.plist", layout, error) &&
-               std::ranges::all_of(list.installs, [&](const AppArchive* app) { return putApp(device, *app, error); });
+               putList(device, propertyLists, unfinished + "/SkellanIconState.plist", iconLayout(onDevice, list),
+                       error);
     };
     if (!write()) {
         device.removeItem(unfinished, nullptr);

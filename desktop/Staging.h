@@ -24,9 +24,10 @@ inline constexpr std::size_t IconsPerPage = 24;
 /// Pages of at most `IconsPerPage` identifiers: those on the device in their order, then the new ones in the list's.
 [[nodiscard]] Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list);
 
-/// Replaces the staging area. False, with the reason in `error`, when it could not be written whole; then nothing is
-/// staged.
-bool writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, const SyncList& list,
-                      const Array& layout, ErrorPtr* error);
+/// Replaces the staging area; `onDevice` are the apps of the device in their order. Apps whose archive cannot be read
+/// any more, or has changed since the library was read, become failed ones of the list and are not staged. False, with
+/// the reason in `error`, when the area could not be written whole; then nothing is staged.
+bool writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list,
+                      const std::vector<std::string>& onDevice, ErrorPtr* error);
 
 } // namespace appsync::desktop

@@ -23,11 +23,17 @@ struct SyncWishes {
     std::set<std::string> restoring = {}; // apps that the device brings back itself, asking for their archives
 };
 
+struct FailedApp {
+    const AppArchive* app;
+    std::string reason; // a sentence
+};
+
 struct SyncList {
     std::vector<const AppArchive*> installs; // of the library, in its order
     std::vector<const AppArchive*> restores; // likewise: what the device may ask for without being told
     std::vector<std::string> removals;
     std::vector<std::string> problems; // wishes that cannot be met, a sentence each
+    std::vector<FailedApp> failed;     // what could not be staged
 };
 
 /// `installed` is what the device has. What is to be removed is not installed.

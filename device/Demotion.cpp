@@ -1,7 +1,7 @@
 // Demoting an app: its bundle goes, its data and a placeholder stay.
+#include "archive/InstallerError.h"
 #include "device/Device.h"
 #include "device/archive/Extraction.h"
-#include "device/archive/InstallerError.h"
 #include "device/processes/ProcessTable.h"
 #include "device/services/DemotedApps.h"
 

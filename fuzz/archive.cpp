@@ -1,6 +1,6 @@
 // Any bytes as an archive of the app "com.example.a": an app, or an error that says why not; nothing outside the
 // folder.
-#include "device/archive/ArchiveLimits.h"
+#include "archive/ArchiveLimits.h"
 #include "device/archive/Extraction.h"
 #include "device/root/Descriptor.h"
 #include "fuzz/Fuzz.h"

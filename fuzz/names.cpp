@@ -2,7 +2,7 @@
 // and the home screen can be drawn.
 #include "device/screen/CairoImage.h"
 #include "device/screen/ScreenText.h"
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 #include "fuzz/Fuzz.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
@@ -37,7 +37,7 @@ bool isHarmful(char32_t c) {
 void expectHarmless(const std::string& printed, std::size_t lines) {
     expect(appsync::propertylist::invalidUtf8(printed) == appsync::propertylist::allValid, "it is valid UTF-8");
     for (std::string_view rest = printed; !rest.empty();) {
-        expect(!isHarmful(appsync::device::takeCharacter(rest)), "nothing in it steers a terminal");
+        expect(!isHarmful(appsync::takeCharacter(rest)), "nothing in it steers a terminal");
     }
     expect(static_cast<std::size_t>(std::ranges::count(printed, '\n')) == lines, "it has as many lines as it should");
     expect(printed.size() <= lines * 4 * (appsync::host::LineLimit + 200), "its length is bounded");

@@ -1,5 +1,5 @@
 // The command line of `qrd`.
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/view/Print.h"
@@ -28,7 +28,7 @@ class CommandLine {
         _app.name("qrd");
         _app.require_subcommand(1);
         _app.failure_message([](const CLI::App*, const CLI::Error& problem) {
-            return appsync::device::printable(problem.what(), LineLimit) + "\nRun with --help for more information.\n";
+            return appsync::printable(problem.what(), LineLimit) + "\nRun with --help for more information.\n";
         });
         _addDevice();
         _addSync();

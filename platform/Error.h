@@ -46,4 +46,10 @@ class Error {
     Dictionary _userInfo;
 };
 
+/// An error with its sentence for the reader and, unless empty, the path that is meant.
+[[nodiscard]] ErrorPtr makeError(std::string_view domain, std::int64_t code, std::string_view description,
+                                 std::string_view path = {});
+/// The sentence of an error: its description if it has one, else domain, code and facts.
+[[nodiscard]] std::string errorText(const ErrorPtr& error);
+
 } // namespace appsync

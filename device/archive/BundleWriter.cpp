@@ -1,6 +1,6 @@
 #include "device/archive/BundleWriter.h"
 
-#include "device/archive/EntryPath.h"
+#include "archive/EntryPath.h"
 #include "device/root/Syscalls.h"
 
 #include <sys/stat.h>

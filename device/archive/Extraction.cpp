@@ -1,14 +1,10 @@
 #include "device/archive/Extraction.h"
 
-#include "device/archive/ArchiveReader.h"
+#include "archive/ArchiveReader.h"
 #include "device/archive/BundleWriter.h"
-#include "device/archive/EntryPath.h"
-#include "device/archive/ZipDirectory.h"
 #include "device/root/Syscalls.h"
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 #include "platform/PropertyListSerialization.h"
-
-#include <sys/stat.h>
 
 namespace appsync::device {
 
@@ -40,36 +36,19 @@ class Extraction {
     }
 
   private:
-    /// Finds the one folder "<Name>.app" at the top.
     ErrorPtr _findApplication() {
-        std::string_view found;
-        for (const ZipDirectory::Entry& entry : _directory.entries()) {
-            const std::string_view top = entry.path.substr(0, entry.path.find('/'));
-            const bool isFolder = top.size() < entry.path.size() || entry.kind == ZipDirectory::Kind::folder;
-            if (!isFolder || !top.ends_with(bundleExtension) || top.size() == bundleExtension.size() || top == found) {
-                continue;
-            }
-            if (!found.empty()) {
-                return _refuse(InstallerError::noApplication, "it holds two apps, \"" + printable(found) + "\" and \"" +
-                                                                  printable(top) + "\"; an archive holds one");
-            }
-            found = top;
+        auto found = findApplication(_directory, _limits, _refuse);
+        if (!found) {
+            return found.error();
         }
-        if (found.empty()) {
-            return _refuse(InstallerError::noApplication, "it holds no folder \"<Name>.app\" at its top");
-        }
-        _application.bundleName = found;
-        _bundlePrefix = _application.bundleName + "/";
-        _infoPath = _bundlePrefix + std::string(infoFileName);
-        const ZipDirectory::Entry* info = _directory.find(_infoPath);
-        if (!info || info->kind != ZipDirectory::Kind::file || info->unpackedBytes > _limits.listBytes) {
-            return _refuse(InstallerError::infoMissing, "it has no usable file \"" + printable(_infoPath) + "\"");
-        }
+        _app = std::move(*found);
+        _application.bundleName = _app.bundleName;
+        _bundlePrefix = _app.bundleName + "/";
         return nullptr;
     }
 
     ErrorPtr _checkSpace() {
-        const std::uint64_t needed = _directory.unpackedBytes() + _directory.entries().size() * bytesPerEntry;
+        const std::uint64_t needed = _directory.unpackedBytes() + _directory.count() * bytesPerEntry;
         if (!_request.freeSpace || needed <= *_request.freeSpace) {
             return nullptr;
         }
@@ -78,40 +57,20 @@ class Extraction {
     }
 
     ErrorPtr _unpack() {
-        struct stat status {};
-        if (::fstat(_request.archive, &status) != 0) {
-            return _refuse(InstallerError::archiveMissing, systemText(errno));
-        }
         ArchiveReader reader(_refuse);
-        const auto opened = reader.open(_request.archive, static_cast<std::uint64_t>(status.st_size));
-        if (!opened) {
+        if (const auto opened = reader.open(_request.archive); !opened) {
             return opened.error();
         }
-        for (const ZipDirectory::Entry& stated : _directory.entries()) {
-            const auto found = reader.next();
+        for (const ZipDirectory::Entry& entry : _directory.entries()) {
+            const auto found = reader.next(entry);
             if (!found) {
                 return found.error();
             }
-            if (!*found || !_isAsStated(**found, stated)) {
-                return _refuse(InstallerError::archiveDamaged, stated.path, "is not what the archive's directory says");
-            }
-            if (ErrorPtr error = _unpackEntry(reader, stated, **found)) {
+            if (ErrorPtr error = _unpackEntry(reader, entry, *found)) {
                 return error;
             }
         }
-        const auto more = reader.next();
-        return more && !*more ? nullptr : _refuse(InstallerError::archiveDamaged, "it goes on after its last entry");
-    }
-
-    /// The names have been checked in the directory and are taken from there; the reader may spell them differently.
-    static bool _isAsStated(const ArchiveReader::Entry& found, const ZipDirectory::Entry& stated) {
-        switch (found.kind) {
-        case ArchiveReader::Kind::file:
-            return stated.kind == ZipDirectory::Kind::file && found.unpackedBytes == stated.unpackedBytes;
-        case ArchiveReader::Kind::folder: return stated.kind == ZipDirectory::Kind::folder;
-        case ArchiveReader::Kind::link: return stated.kind == ZipDirectory::Kind::link;
-        default: return false;
-        }
+        return reader.end().error();
     }
 
     ErrorPtr _unpackEntry(ArchiveReader& reader, const ZipDirectory::Entry& entry, const ArchiveReader::Entry& found) {
@@ -127,7 +86,7 @@ class Extraction {
         if (entry.kind == ZipDirectory::Kind::link) {
             return _rememberLink(entry.path, found.linkTarget);
         }
-        std::string* content = entry.path == _infoPath ? &_info : nullptr;
+        std::string* content = entry.path == _app.infoPath ? &_info : nullptr;
         if (ErrorPtr error = _unpackFile(reader, entry, found.isExecutable, content)) {
             return error;
         }
@@ -137,12 +96,6 @@ class Extraction {
 
     /// The files beside the app's folder.
     ErrorPtr _unpackCompanion(ArchiveReader& reader, const ZipDirectory::Entry& entry) {
-        if (entry.kind != ZipDirectory::Kind::file) {
-            return _refuse(InstallerError::unsupportedEntry, entry.path, "must be a file");
-        }
-        if (entry.unpackedBytes > _limits.listBytes) {
-            return _refuse(InstallerError::archiveTooLarge, entry.path, "is larger than the device reads");
-        }
         if (entry.path != metadataFileName) {
             return _unpackFile(reader, entry, false, nullptr);
         }
@@ -156,11 +109,8 @@ class Extraction {
     }
 
     ErrorPtr _rememberLink(std::string_view path, std::string_view target) {
-        if (target.empty()) {
-            return _refuse(InstallerError::archiveDamaged, path, "is a symbolic link without a target");
-        }
-        if (target.starts_with('/')) {
-            return _refuse(InstallerError::unsafePath, path, "is a symbolic link with an absolute target");
+        if (ErrorPtr refused = checkLinkTarget(path, target, _refuse)) {
+            return refused;
         }
         _writer.addLink(path, target);
         return nullptr;
@@ -172,17 +122,13 @@ class Extraction {
         if (const int failed = _writer.makeFile(entry.path, isExecutable, entry.unpackedBytes, file)) {
             return _systemError(failed, entry.path);
         }
-        for (std::uint64_t written = 0;;) {
+        for (;;) {
             const auto piece = reader.nextPiece();
             if (!piece) {
                 return piece.error();
             }
-            if (piece->size() > entry.unpackedBytes - written || (piece->empty() && written < entry.unpackedBytes)) {
-                return _refuse(InstallerError::archiveDamaged, entry.path,
-                               "has another size than the archive's directory says");
-            }
             if (piece->empty()) {
-                BundleWriter::finishFile(file.get(), written);
+                BundleWriter::finishFile(file.get(), entry.unpackedBytes);
                 return nullptr;
             }
             if (_request.cancel.stop_requested()) {
@@ -194,7 +140,6 @@ class Extraction {
             if (content) {
                 content->append(*piece);
             }
-            written += piece->size();
             _report(piece->size());
         }
     }
@@ -204,7 +149,7 @@ class Extraction {
         return failed != 0 ? failed : writeAll(file, piece);
     }
 
-    /// Every link must lead to something in the app; the kernel follows it there, over other links if need be.
+    /// Links are looked at once all are there, since one may lead over another.
     ErrorPtr _makeLinks() {
         if (_writer.links().empty()) {
             return nullptr;
@@ -217,10 +162,8 @@ class Extraction {
             return _systemError(failed, _application.bundleName);
         }
         for (const auto& [path, target] : _writer.links()) {
-            Descriptor reached;
-            if (openBeneath(bundle.get(), path.substr(_bundlePrefix.size()), O_PATH, reached) != 0) {
-                return _refuse(InstallerError::unsafePath, path,
-                               "is a symbolic link to \"" + printable(target) + "\", which is not in the app");
+            if (ErrorPtr refused = checkLink(bundle.get(), path, target, _refuse)) {
+                return refused;
             }
         }
         return nullptr;
@@ -228,17 +171,11 @@ class Extraction {
 
     /// Looks at Info.plist as soon as it has been read: a wrong app need not be unpacked to its end.
     ErrorPtr _readInfo() {
-        ErrorPtr reason;
-        auto list = _propertyLists.propertyListWithData(_info, &reason);
-        Dictionary* info = list ? list->mutableDictionary() : nullptr;
+        auto info = readInfo(_info, _app, _propertyLists, _refuse);
         if (!info) {
-            return _refuse(InstallerError::infoMissing, _infoPath,
-                           list ? "is a property list but no dictionary" : "cannot be read: " + errorText(reason));
+            return info.error();
         }
         const auto identifier = info->string("BXBundleIdentifier");
-        if (!identifier) {
-            return _refuse(InstallerError::infoMissing, _infoPath, "has no \"BXBundleIdentifier\"");
-        }
         if (*identifier != _request.identifier) {
             return _refuse(InstallerError::identifierMismatch, "it holds the app \"" + printable(*identifier) +
                                                                    "\", asked for was \"" +
@@ -249,7 +186,7 @@ class Extraction {
     }
 
     ErrorPtr _checkInfo() {
-        return _application.info.empty() ? _refuse(InstallerError::infoMissing, _infoPath, "is missing") : nullptr;
+        return _application.info.empty() ? _refuse(InstallerError::infoMissing, _app.infoPath, "is missing") : nullptr;
     }
 
     void _report(std::uint64_t bytes) {
@@ -292,9 +229,9 @@ class Extraction {
     const Refusal _refuse;
     BundleWriter _writer;
     ZipDirectory _directory;
+    AppInArchive _app;
     ExtractedApplication _application;
     std::string _bundlePrefix; // "<Name>.app/"
-    std::string _infoPath;
     std::string _info;
     std::uint64_t _written = 0;
     double _reported = 0;

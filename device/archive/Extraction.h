@@ -1,10 +1,11 @@
 // Unpacks the app of an archive into a new container.
 #pragma once
 
-#include "device/archive/ArchiveLimits.h"
+#include "archive/AppInArchive.h"
+#include "archive/ArchiveLimits.h"
 #include "device/root/FaultPoint.h"
-#include "device/root/Result.h"
 #include "platform/PropertyList.h"
+#include "platform/Result.h"
 
 #include <cstdint>
 #include <functional>
@@ -18,12 +19,9 @@ class PropertyListSerialization;
 
 namespace appsync::device {
 
-/// Names in a container and in an archive, beside the app's folder.
-inline constexpr std::string_view metadataFileName = "TamblinMetadata.plist";
-inline constexpr std::string_view artworkFileName = "TamblinArtwork";
-inline constexpr std::string_view sinfFileName = "ApplicationSINF"; // never in an archive
-inline constexpr std::string_view infoFileName = "Info.plist";      // in the app's folder
-inline constexpr std::string_view bundleExtension = ".app";
+using appsync::artworkFileName;
+using appsync::metadataFileName;
+using appsync::sinfFileName;
 
 struct ExtractionRequest {
     int archive = -1;                       // open for reading, with an offset of its own

@@ -1,6 +1,6 @@
 #include "device/registry/ApplicationWorkspace.h"
 
-#include "device/archive/InstallerError.h"
+#include "archive/InstallerError.h"
 #include "device/registry/RegistryImplementation.h"
 
 namespace appsync::device {

@@ -1,7 +1,7 @@
 // Installing an app from an archive: unpack, make durable, register, and only then let the old version go.
 #include "device/registry/RegistryImplementation.h"
 
-#include "device/archive/InstallerError.h"
+#include "archive/InstallerError.h"
 #include "device/registry/UninstalledList.h"
 
 #include <fcntl.h>

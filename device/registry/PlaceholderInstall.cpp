@@ -1,10 +1,10 @@
 // Registering a placeholder: its bundle moves into a container of its own.
 #include "device/registry/RegistryImplementation.h"
 
-#include "device/archive/EntryPath.h"
-#include "device/archive/InstallerError.h"
+#include "archive/EntryPath.h"
+#include "archive/InstallerError.h"
 #include "device/root/Tree.h"
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <fcntl.h>

@@ -6,7 +6,7 @@
 // An app under update has two: that of the installed version and that of its placeholder.
 #pragma once
 
-#include "device/archive/ArchiveLimits.h"
+#include "archive/ArchiveLimits.h"
 #include "device/root/Result.h"
 #include "platform/ApplicationRegistry.h"
 #include "platform/PropertyList.h"
@@ -108,7 +108,7 @@ struct RegistryOptions {
 };
 
 /// Any operation may be called on any thread at any time; those that install or remove wait for the disk, and several
-/// may run at once. Errors are of `TVInstallerErrorDomain` (device/archive/InstallerError.h) unless stated.
+/// may run at once. Errors are of `TVInstallerErrorDomain` (archive/InstallerError.h) unless stated.
 class Registry {
   public:
     /// Reads what the database knows. The root, the database and the property lists must outlive the registry.

@@ -1,10 +1,11 @@
 #include "device/registry/RegistryImplementation.h"
 
-#include "device/archive/EntryPath.h"
-#include "device/archive/InstallerError.h"
+#include "archive/AppInArchive.h"
+#include "archive/EntryPath.h"
+#include "archive/InstallerError.h"
 #include "device/registry/ApplicationProxy.h"
 #include "device/registry/UninstalledList.h"
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <algorithm>
@@ -24,18 +25,12 @@ AppLocks::Held::~Held() {
 }
 
 ErrorPtr checkIdentifier(std::string_view identifier) {
-    constexpr std::size_t maximumSize = 200; // with an extension it is still a file name
-    const bool isPlain = std::ranges::all_of(identifier, [](char byte) {
-        return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9') ||
-               byte == '.' || byte == '-' || byte == '_';
-    });
-    if (!identifier.empty() && identifier.size() <= maximumSize && isPlain && identifier.front() != '.') {
+    if (isUsableIdentifier(identifier)) {
         return nullptr;
     }
     return makeInstallerError(InstallerError::invalidIdentifier,
                               "\"" + printable(identifier) +
-                                  "\" is no bundle identifier: it must have 1 to 200 letters, "
-                                  "digits, \".\", \"-\" or \"_\", and not begin with \".\"");
+                                  "\" is no bundle identifier: " + std::string(identifierRule));
 }
 
 ErrorPtr installerFailure(std::string_view what, const ErrorPtr& reason, std::string_view path) {

@@ -1,9 +1,9 @@
 // Removing apps and placeholders, and clearing away what an interrupted run left.
 #include "device/registry/RegistryImplementation.h"
 
-#include "device/archive/InstallerError.h"
+#include "archive/InstallerError.h"
 #include "device/registry/UninstalledList.h"
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 
 #include <cerrno>
 

@@ -1,7 +1,6 @@
 #include "device/root/Result.h"
 
 #include <cerrno>
-#include <cstring>
 
 namespace appsync::device {
 
@@ -24,33 +23,12 @@ std::string_view remedy(int errorNumber) {
 
 } // namespace
 
-ErrorPtr makeError(std::string_view domain, std::int64_t code, std::string_view description, std::string_view path) {
-    Dictionary facts{{ErrorDescriptionKey, description}};
-    if (!path.empty()) {
-        facts.set(ErrorPathKey, path);
-    }
-    return Error::make(domain, code, std::move(facts));
-}
-
-std::string systemText(int errorNumber) {
-    const char* text = strerrordesc_np(errorNumber);
-    return text ? text : "error " + std::to_string(errorNumber);
-}
-
 ErrorPtr makePosixError(int errorNumber, std::string_view operation, std::string_view path) {
     std::string text(operation);
     const std::string reason =
         errorNumber == ENXIO ? "it is a pipe, a socket or a device and no file; move it away" : systemText(errorNumber);
     text.append(" ").append(path).append(": ").append(reason).append(remedy(errorNumber));
     return makeError(PosixErrorDomain, errorNumber, text, path);
-}
-
-std::string errorText(const ErrorPtr& error) {
-    if (!error) {
-        return "no error";
-    }
-    const auto description = error->userInfo().string(ErrorDescriptionKey);
-    return description ? std::string(*description) : error->description();
 }
 
 } // namespace appsync::device

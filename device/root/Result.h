@@ -1,62 +1,20 @@
-// The outcome of an operation of the device: a value, or the error that says why there is none.
+// Outcomes of operations of the device, and the errors that the system's numbers become.
 #pragma once
 
-#include "platform/Error.h"
+#include "files/Syscalls.h"
+#include "platform/Result.h"
 
-#include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace appsync::device {
 
-template <class T> class [[nodiscard]] Result {
-  public:
-    Result(T value) : _value(std::move(value)) {}
-    /// The error must not be null.
-    Result(ErrorPtr error) : _error(std::move(error)) {}
+using appsync::errorText;
+using appsync::isError;
+using appsync::makeError;
+using appsync::Result;
 
-    explicit operator bool() const noexcept { return _value.has_value(); }
-    // Only of a success:
-    T& operator*() noexcept { return *_value; }
-    const T& operator*() const noexcept { return *_value; }
-    T* operator->() noexcept { return &*_value; }
-    const T* operator->() const noexcept { return &*_value; }
-    /// Null after a success.
-    [[nodiscard]] const ErrorPtr& error() const noexcept { return _error; }
-
-  private:
-    std::optional<T> _value;
-    ErrorPtr _error;
-};
-
-/// An operation without a value.
-template <> class [[nodiscard]] Result<void> {
-  public:
-    Result() = default;
-    /// Null means success.
-    Result(ErrorPtr error) : _error(std::move(error)) {}
-
-    explicit operator bool() const noexcept { return _error == nullptr; }
-    [[nodiscard]] const ErrorPtr& error() const noexcept { return _error; }
-
-  private:
-    ErrorPtr _error;
-};
-
-/// Whether an error has this domain and this code of the domain's enumeration.
-template <class Code> [[nodiscard]] bool isError(const ErrorPtr& error, std::string_view domain, Code code) noexcept {
-    return error && error->domain() == domain && error->code() == static_cast<std::int64_t>(code);
-}
-
-/// An error with its sentence for the reader and, unless empty, the path that is meant.
-[[nodiscard]] ErrorPtr makeError(std::string_view domain, std::int64_t code, std::string_view description,
-                                 std::string_view path = {});
 /// A POSIX-domain error: "<operation> <path>: <the system's text>", and for some numbers what to do about it.
 [[nodiscard]] ErrorPtr makePosixError(int errorNumber, std::string_view operation, std::string_view path);
-/// The system's text for an errno number.
-[[nodiscard]] std::string systemText(int errorNumber);
-/// The sentence of an error: its description if it has one, else domain, code and facts.
-[[nodiscard]] std::string errorText(const ErrorPtr& error);
 
 } // namespace appsync::device

@@ -1,38 +1,23 @@
-// The few system calls through which everything below a device root is reached.
+// The system calls through which everything below a device root is reached.
 #pragma once
 
 #include "device/root/Descriptor.h"
 #include "device/root/FaultPoint.h"
-
-#include <fcntl.h>
-
-#include <cerrno>
-#include <string>
-#include <string_view>
+#include "files/Syscalls.h"
 
 namespace appsync::device {
 
-// Each answers zero or an errno number.
+using appsync::checkIsFile;
+using appsync::hostPathOf;
+using appsync::openBeneath;
+using appsync::openInRoot;
+using appsync::openWithoutLinks;
+using appsync::readAll;
+using appsync::systemText;
+using appsync::withoutWaiting;
+using appsync::writeAll;
 
-/// Opens a path as it is seen from inside `root`: "/" is the root, and neither ".." nor a symbolic link leads above it.
-[[nodiscard]] int openInRoot(int root, const std::string& path, int flags, mode_t mode, Descriptor& opened) noexcept;
-/// Opens a relative path below `folder`; one that leads out of it fails with EXDEV. `resolve` has further RESOLVE_
-/// flags of openat2.
-[[nodiscard]] int openBeneath(int folder, const std::string& path, int flags, Descriptor& opened,
-                              unsigned resolve = 0) noexcept;
-/// Opens a path of this machine; one that leads over a symbolic link fails with ELOOP.
-[[nodiscard]] int openWithoutLinks(const std::string& path, int flags, Descriptor& opened) noexcept;
-/// As flags of an opening: what is opened for its bytes must not be waited for or become the terminal.
-inline constexpr int withoutWaiting = O_NONBLOCK | O_NOCTTY;
-/// Zero for a regular file, EISDIR for a folder, ENXIO for a pipe, a socket or a device.
-[[nodiscard]] int checkIsFile(int file) noexcept;
-/// Where an open file or folder stands on this machine at present; empty when that cannot be found out.
-[[nodiscard]] std::string hostPathOf(int opened);
-[[nodiscard]] int writeAll(int file, std::string_view bytes) noexcept;
-/// Appends the rest of a file. EFBIG when that is more than `largestSize` bytes.
-[[nodiscard]] int readAll(int file, std::size_t largestSize, std::string& bytes);
-
-/// Asks the fault point, if there is one, before a change.
+/// Asks the fault point, if there is one, before a change; zero or an errno number.
 [[nodiscard]] inline int beforeChange(FaultPoint* faultPoint, std::string_view operation,
                                       std::string_view path) noexcept {
     return faultPoint ? faultPoint->before(operation, path) : 0;

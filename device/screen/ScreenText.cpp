@@ -1,6 +1,6 @@
 #include "device/screen/ScreenText.h"
 
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 
 namespace appsync::device {
 

@@ -1,5 +1,5 @@
 // Texts that fit: what a picture shows of names that come from files, of which it draws what is printable
-// (device/text/Printable.h).
+// (text/Printable.h).
 #pragma once
 
 #include <cairo.h>

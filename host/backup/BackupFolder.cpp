@@ -1,6 +1,6 @@
 #include "host/backup/BackupFolder.h"
 
-#include "desktop/AppArchive.h"
+#include "archive/AppInArchive.h"
 #include "device/root/Syscalls.h"
 #include "host/plugin/PlugIn.h"
 #include "platform/PropertyListSerialization.h"
@@ -78,7 +78,7 @@ std::optional<std::string> textIn(const Dictionary& metadata, std::string_view k
 
 /// Takes what an app's entry says, and finds what is wrong with it.
 void readEntry(const Value& value, PropertyListSerialization& propertyLists, BackupApp& app) {
-    if (!desktop::isUsableIdentifier(app.identifier)) {
+    if (!isUsableIdentifier(app.identifier)) {
         app.problem = "It is no bundle identifier.";
         return;
     }

@@ -1,14 +1,11 @@
 // Copies a folder with everything in it, between a device and this machine.
 #pragma once
 
+#include "device/root/Descriptor.h"
 #include "platform/Error.h"
 
 #include <functional>
 #include <string>
-
-namespace appsync::device {
-class Descriptor;
-}
 
 namespace appsync::host {
 

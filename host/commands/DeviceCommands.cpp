@@ -4,6 +4,7 @@
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/LogReader.h"
 #include "device/services/TransactionLog.h"
+#include "files/OutputFile.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/view/Print.h"
@@ -12,9 +13,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <iostream>
 
 namespace appsync::host {
@@ -160,12 +158,10 @@ ExitCode drawScreen(const ScreenArguments& arguments) {
     if (!picture) {
         return fail("The home screen cannot be drawn: there is not enough memory.");
     }
-    std::ofstream out(arguments.output, std::ios::binary);
-    out << picture->bytes();
-    if (!out.flush()) {
-        return fail("'" + arguments.output + "' cannot be written: " + std::strerror(errno) + ".");
+    if (const auto written = writeOutput(arguments.output, picture->bytes()); !written) {
+        return fail(errorText(written.error()));
     }
-    printLine(std::cout, "drew " + arguments.output);
+    printLine(isStandardOutput(arguments.output) ? std::cerr : std::cout, "drew " + arguments.output);
     return ExitCode::done;
 }
 

@@ -109,8 +109,7 @@ class StoreClient {
             return hostError("It is not in the catalogue.");
         }
         const std::string path = downloadFolder + "/" + order.identifier + ".archive";
-        error = copyToDevice(_device.files(), {app->path, order.identifier, [](double) {}, [] { return ErrorPtr(); }},
-                             path);
+        error = copyToDevice(_device.files(), {*app, [](double) {}, [] { return ErrorPtr(); }}, path);
         if (error != nullptr) {
             return error;
         }

@@ -1,5 +1,7 @@
 // The commands that need no device.
 #include "desktop/ArchivePacker.h"
+#include "files/OutputFile.h"
+#include "files/Syscalls.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/view/Print.h"
@@ -9,11 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <optional>
 
 namespace appsync::host {
@@ -22,12 +20,14 @@ namespace {
 
 /// The property list in a file; nothing, after telling the person why, when there is none.
 std::optional<Value> readPlist(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        fail("'" + path + "' cannot be read: " + std::strerror(errno) + ".");
+    constexpr std::size_t largestList = std::size_t{64} << 20; // else a device without an end would be read for ever
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC)); // it may be a pipe
+    std::string bytes;
+    if (const int failed = file.isOpen() ? readAll(file.get(), largestList, bytes) : errno) {
+        fail("'" + path + "' cannot be read: " +
+             (failed == EFBIG ? "it is larger than a property list may be, 64 MB" : systemText(failed)) + ".");
         return std::nullopt;
     }
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     ErrorPtr error;
     auto value = PropertyListCodec().propertyListWithData(bytes, &error);
     if (!value) {
@@ -45,27 +45,6 @@ std::optional<Data> serialise(const Value& value, PropertyListFormat format, con
     return bytes;
 }
 
-bool writeWhole(const std::string& path, const Data& bytes) {
-    const std::string unfinished = path + ".unfinished";
-    std::error_code failure;
-    {
-        std::ofstream out(unfinished, std::ios::binary);
-        out << bytes.bytes();
-        if (!out.flush()) {
-            fail("'" + path + "' cannot be written: " + std::strerror(errno) + ".");
-            std::filesystem::remove(unfinished, failure);
-            return false;
-        }
-    }
-    std::filesystem::rename(unfinished, path, failure);
-    if (failure) {
-        fail("'" + path + "' cannot be written: " + failure.message() + ".");
-        std::filesystem::remove(unfinished, failure);
-        return false;
-    }
-    return true;
-}
-
 } // namespace
 
 ExitCode pack(const PackArguments& arguments) {
@@ -74,7 +53,7 @@ ExitCode pack(const PackArguments& arguments) {
     if (!desktop::packApp(arguments.app, arguments.output, propertyLists, &error)) {
         return fail(reasonOf(error));
     }
-    printLine(std::cout, "packed " + arguments.output);
+    printLine(isStandardOutput(arguments.output) ? std::cerr : std::cout, "packed " + arguments.output);
     return ExitCode::done;
 }
 
@@ -100,7 +79,11 @@ ExitCode convertPlist(const PlistArguments& arguments) {
     const auto value = readPlist(arguments.file);
     const auto bytes = value ? serialise(*value, format, arguments.file) : std::nullopt;
     const std::string& output = arguments.output.empty() ? arguments.file : arguments.output;
-    return bytes && writeWhole(output, *bytes) ? ExitCode::done : ExitCode::failed;
+    if (!bytes) {
+        return ExitCode::failed;
+    }
+    const auto written = writeOutput(output, bytes->bytes());
+    return written ? ExitCode::done : fail(errorText(written.error()));
 }
 
 ExitCode checkPlist(const PlistArguments& arguments) {

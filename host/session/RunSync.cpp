@@ -50,10 +50,10 @@ void noteLostMessages(device::Device& device, SyncReport& report) {
 
 } // namespace
 
-SyncReport runSync(device::Device& device, const desktop::SyncList& list, const SyncOptions& options, SyncView& view) {
+SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOptions& options, SyncView& view) {
     SyncReport report;
-    const auto layout = desktop::iconLayout(device.homeScreen().flattenedOrder(), list);
-    if (!desktop::writeStagingArea(device.files(), device.propertyLists(), list, layout, &report.failure)) {
+    if (!desktop::writeStagingArea(device.files(), device.propertyLists(), list, device.homeScreen().flattenedOrder(),
+                                   &report.failure)) {
         return report;
     }
     const auto plugIn = PlugIn::load(options.plugInPath, device.propertyLists(), &report.failure);

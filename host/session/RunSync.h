@@ -24,7 +24,7 @@ struct SyncOptions {
 
 /// Writes the staging area as the desktop would, loads the plug-in from its bundle, announces that the host is ready,
 /// and lets a session drive the sync. What prevents all of it stands in the report's `failure`.
-[[nodiscard]] SyncReport runSync(device::Device& device, const desktop::SyncList& list, const SyncOptions& options,
+[[nodiscard]] SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOptions& options,
                                  SyncView& view);
 
 } // namespace appsync::host

@@ -180,7 +180,7 @@ ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue&
         _parties.view.transferring(asset->identifier, fraction);
         _parties.client.assetTransfer_updatedProgress(asset, fraction);
     };
-    return transfer(_parties.device.files(), {app->path, asset->identifier, progress, stopReason, _parties.bandwidth});
+    return transfer(_parties.device.files(), {*app, progress, stopReason, _parties.bandwidth});
 }
 
 void SyncSession::_close() {
@@ -209,6 +209,10 @@ SyncReport SyncSession::_report() const {
         report.apps.push_back(
             _reportOfInstall({asset->identifier, asset->prettyName.value_or(asset->identifier), asset->version()}));
     }
+    for (const desktop::FailedApp& failed : _list.failed) {
+        report.apps.push_back({failed.app->identifier, failed.app->name.value_or(failed.app->identifier),
+                               failed.app->version, AppResult::failed, failed.reason});
+    }
     report.problems = _list.problems;
     report.deleted = _deleted;
     report.interrupted = Interrupt::requested();
@@ -229,6 +233,9 @@ AppReport SyncSession::_reportOfInstall(AppReport report) const {
     const auto outcome = _parties.outcomes.outcomeOf(identifier);
     if (outcome && *outcome == nullptr) {
         report.result = _installedBefore.contains(identifier) ? AppResult::updated : AppResult::installed;
+        if (const auto app = _parties.device.registry().application(identifier)) {
+            report.version = app->version; // what the archive was, whatever the library has said
+        }
     } else if (outcome) {
         const bool isCancelled = _parties.outcomes.isCancelled(identifier);
         report.result = isCancelled ? AppResult::cancelled : AppResult::failed;

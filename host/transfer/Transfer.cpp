@@ -2,14 +2,11 @@
 
 #include "desktop/ArchiveSource.h"
 #include "device/root/DeviceFileSystem.h"
+#include "files/Syscalls.h"
 #include "host/transfer/Bandwidth.h"
 #include "host/transfer/TransferQueue.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <cstring>
 #include <vector>
 
 namespace appsync::host {
@@ -25,20 +22,7 @@ ErrorPtr deviceError(int number, const std::string& path) {
                                                          "'. Remove something from it and sync again.");
     }
     return transferError(TransferError::deviceFailed,
-                         "The device cannot take '" + path + "': " + std::strerror(number) + ".");
-}
-
-ErrorPtr writeAll(int descriptor, std::span<const char> bytes, const std::string& path) {
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) {
-            return deviceError(errno, path);
-        }
-        if (written > 0) {
-            bytes = bytes.subspan(static_cast<std::size_t>(written));
-        }
-    }
-    return nullptr;
+                         "The device cannot take '" + path + "': " + systemText(number) + ".");
 }
 
 ErrorPtr copyPieces(desktop::ArchiveSource& source, int destination, const std::string& path,
@@ -49,17 +33,15 @@ ErrorPtr copyPieces(desktop::ArchiveSource& source, int destination, const std::
         if (ErrorPtr reason = request.stopReason()) {
             return reason;
         }
-        ErrorPtr error;
-        const auto length = source.read(buffer, &error);
+        const auto length = source.read(buffer);
         if (!length) {
-            return transferError(TransferError::sourceFailed,
-                                 std::string(error->userInfo().string(ErrorDescriptionKey).value_or("")));
+            return transferError(TransferError::sourceFailed, errorText(length.error()));
         }
         if (*length == 0) {
             return nullptr;
         }
-        if (ErrorPtr failure = writeAll(destination, std::span(buffer).first(*length), path)) {
-            return failure;
+        if (const int failed = writeAll(destination, {buffer.data(), *length})) {
+            return deviceError(failed, path);
         }
         sent += *length;
         if (request.bandwidth != nullptr) {
@@ -80,24 +62,23 @@ std::string receivedPath(const std::string& identifier) {
 }
 
 ErrorPtr transfer(device::DeviceFileSystem& files, const TransferRequest& request) {
-    return copyToDevice(files, request, publicStaging + receivedPath(request.identifier));
+    return copyToDevice(files, request, publicStaging + receivedPath(request.app.identifier));
 }
 
 ErrorPtr copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request, const std::string& path) {
     ErrorPtr error;
-    auto source = desktop::ArchiveSource::open(request.archivePath, &error);
+    auto source = desktop::ArchiveSource::open(request.app);
     if (!source) {
-        return transferError(TransferError::sourceFailed,
-                             std::string(error->userInfo().string(ErrorDescriptionKey).value_or("")));
+        return transferError(TransferError::sourceFailed, errorText(source.error()));
     }
     const std::string unfinished = path + ".part";
     if (!files.createDirectory(path.substr(0, path.rfind('/')), true, std::nullopt, &error)) {
-        return transferError(TransferError::deviceFailed, device::errorText(error));
+        return transferError(TransferError::deviceFailed, errorText(error));
     }
     {
         const auto destination = files.open(unfinished, O_WRONLY | O_CREAT | O_TRUNC);
         if (!destination) {
-            return transferError(TransferError::deviceFailed, device::errorText(destination.error()));
+            return transferError(TransferError::deviceFailed, errorText(destination.error()));
         }
         error = copyPieces(*source, destination->get(), unfinished, request);
     }

@@ -10,6 +10,10 @@ namespace appsync::device {
 class DeviceFileSystem;
 }
 
+namespace appsync::desktop {
+struct AppArchive;
+}
+
 namespace appsync::host {
 
 class Bandwidth;
@@ -18,8 +22,7 @@ class Bandwidth;
 inline constexpr std::string_view ReceivedFolder = "Received";
 
 struct TransferRequest {
-    std::string archivePath; // on the desktop's machine
-    std::string identifier;
+    const desktop::AppArchive& app;
     /// Called after each piece; `fraction` is 0 to 1.
     std::function<void(double fraction)> progress;
     /// Asked before each piece: an error ends the transfer with it, null goes on.

@@ -1,6 +1,6 @@
 #include "host/view/Print.h"
 
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 
 #include <nlohmann/json.hpp>
 
@@ -23,8 +23,8 @@ std::string shownXml(std::string_view piece) {
     std::string out;
     while (!piece.empty()) {
         const std::string_view from = piece;
-        const char32_t character = device::takeCharacter(piece);
-        const bool isShown = character == '\n' || character == '\t' || device::isPrintable(character);
+        const char32_t character = takeCharacter(piece);
+        const bool isShown = character == '\n' || character == '\t' || isPrintable(character);
         out += isShown ? std::string(from.substr(0, from.size() - piece.size())) : reference(character);
     }
     return out;
@@ -33,11 +33,11 @@ std::string shownXml(std::string_view piece) {
 } // namespace
 
 void printLine(std::ostream& out, std::string_view line, std::size_t limit) {
-    out << device::printable(line, limit) << '\n';
+    out << printable(line, limit) << '\n';
 }
 
 void printQuestion(std::ostream& out, std::string_view question) {
-    out << device::printable(question, LineLimit) << ' ' << std::flush;
+    out << printable(question, LineLimit) << ' ' << std::flush;
 }
 
 void printJson(std::ostream& out, const nlohmann::ordered_json& json, int indent) {

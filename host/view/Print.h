@@ -1,5 +1,5 @@
 // How `qrd` tells a person something: every line goes through here and is made printable as a whole
-// (device/text/Printable.h), so that no name, path or reason in it can steer the terminal, break the line or hide what
+// (text/Printable.h), so that no name, path or reason in it can steer the terminal, break the line or hide what
 // follows. `scripts/check-printing` holds that nothing else is printed.
 #pragma once
 

@@ -1,6 +1,6 @@
 #include "host/view/SyncReport.h"
 
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 #include "host/view/Print.h"
 #include "host/view/Table.h"
 
@@ -62,7 +62,7 @@ void printTable(std::ostream& out, const SyncReport& report) {
         table.print(out);
     }
     for (const std::string& app : report.deleted) {
-        printLine(out, "note: " + device::printable(app) + " was deleted on the device since the last sync");
+        printLine(out, "note: " + printable(app) + " was deleted on the device since the last sync");
     }
     for (const std::string& problem : report.problems) {
         printLine(out, "note: " + problem);

@@ -1,6 +1,6 @@
 #include "host/view/SyncView.h"
 
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
@@ -14,7 +14,6 @@ namespace appsync::host {
 
 namespace {
 
-using device::printable;
 
 constexpr std::size_t barWidth = 28;
 constexpr std::size_t nameWidth = 22;
@@ -27,7 +26,7 @@ std::string bar(double fraction) {
 
 std::string padded(const std::string& name) {
     const std::string shown = printable(name, 2 * nameWidth);
-    const std::size_t width = device::displayWidth(shown);
+    const std::size_t width = displayWidth(shown);
     return width >= nameWidth ? shown : shown + std::string(nameWidth - width, ' ');
 }
 

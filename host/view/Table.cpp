@@ -1,6 +1,6 @@
 #include "host/view/Table.h"
 
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 #include "host/view/Print.h"
 
 #include <algorithm>
@@ -20,7 +20,7 @@ Table::Table(std::vector<std::string> headings) : _rows{std::move(headings)} {}
 
 void Table::add(std::vector<std::string> cells) {
     for (std::string& cell : cells) {
-        cell = device::printable(cell, &cell == &cells.back() ? LineLimit : CellLimit);
+        cell = printable(cell, &cell == &cells.back() ? LineLimit : CellLimit);
     }
     _rows.push_back(std::move(cells));
 }
@@ -30,14 +30,14 @@ void Table::print(std::ostream& out) const {
     std::vector<std::size_t> widths(columns);
     for (const auto& row : _rows) {
         for (std::size_t column = 0; column < columns; ++column) {
-            widths[column] = std::max(widths[column], device::displayWidth(row[column]));
+            widths[column] = std::max(widths[column], displayWidth(row[column]));
         }
     }
     for (const auto& row : _rows) {
         std::string line;
         for (std::size_t column = 0; column < columns; ++column) {
             line += row[column];
-            line.append(widths[column] - device::displayWidth(row[column]) + 2, ' ');
+            line.append(widths[column] - displayWidth(row[column]) + 2, ' ');
         }
         line.erase(line.find_last_not_of(' ') + 1);
         printLine(out, line, std::string::npos);

@@ -1,4 +1,5 @@
 // The desktop's side: archives, libraries, lists, staging, packing.
+#include "archive/AppInArchive.h"
 #include "desktop/AppLibrary.h"
 #include "desktop/ArchivePacker.h"
 #include "desktop/ArchiveSource.h"
@@ -7,10 +8,13 @@
 #include "propertylist/Codec.h"
 #include "tests/inmemory/ClientTest.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 namespace appsync::desktop {
 namespace {
@@ -78,17 +82,20 @@ TEST_F(Desktop, PacksAnAppThatCanBeReadAgain) {
     write(app / "stray", "not packed");
     const std::string archive = (library() / "one").string();
     ASSERT_TRUE(packApp(app.string(), archive, codec, &error));
-    const auto read = readAppArchive(archive, codec, &error);
-    ASSERT_TRUE(read.has_value());
+    const auto read = readAppArchive(archive, codec);
+    ASSERT_TRUE(read) << errorText(read.error());
     EXPECT_EQ(read->identifier, "com.example.one");
     EXPECT_EQ(read->version, "2.0");
     EXPECT_EQ(read->name, "The One");
     EXPECT_EQ(read->path, archive);
     EXPECT_EQ(read->size, fs::file_size(archive));
-    EXPECT_EQ(read->metadata->bytes(), "metadata");
-    EXPECT_EQ(read->artwork->bytes(), "artwork");
-    EXPECT_EQ(read->iconName, "Icon.png");
-    EXPECT_EQ(read->icon->bytes(), "png");
+    const auto description = readAppDescription(*read, codec);
+    ASSERT_TRUE(description) << errorText(description.error());
+    EXPECT_NE(description->infoPlist.bytes().find("com.example.one"), std::string::npos);
+    EXPECT_EQ(description->metadata->bytes(), "metadata");
+    EXPECT_EQ(description->artwork->bytes(), "artwork");
+    EXPECT_EQ(description->iconName, "Icon.png");
+    EXPECT_EQ(description->icon->bytes(), "png");
 }
 
 TEST_F(Desktop, PacksTheSameBytesAgain) {
@@ -112,7 +119,7 @@ TEST_F(Desktop, PacksNothingThatIsNoApp) {
     EXPECT_NE(sentence(error).find("cannot be packed"), std::string::npos);
     EXPECT_FALSE(packApp(putApp("Three", infoOf("c")).string(), (folder / "no/such/out").string(), codec, &error));
     EXPECT_FALSE(fs::exists(folder / "out"));
-    EXPECT_FALSE(fs::exists(folder / "out.unfinished"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 3); // apps, empty, library
 }
 
 TEST_F(Desktop, ReadsALibraryAndNamesWhatItPassesOver) {
@@ -228,7 +235,7 @@ TEST_F(SyncLists, LayOutIconsInPages) {
 TEST_F(SyncLists, AreStagedWithTheirApps) {
     installs({}, {});
     inmemory::World world;
-    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, iconLayout({}, list), &error));
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}, &error));
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/";
     EXPECT_EQ(world.files.plistAt(staging + "ApplicationsSync.plist"), Value(toDoRecords(list)));
     EXPECT_EQ(world.files.plistAt(staging + "SkellanIconState.plist"), Value(Array{Array{"a", "b", "c"}}));
@@ -261,30 +268,172 @@ TEST_F(SyncLists, LeaveNothingStagedWhenTheyCannotBeWritten) {
     }
 }
 
-// Pieces.
-
-TEST_F(Desktop, HandsAnArchiveOverInPieces) {
-    write(folder / "file", "abcdefgh");
-    auto source = ArchiveSource::open((folder / "file").string(), &error);
-    ASSERT_TRUE(source.has_value());
-    EXPECT_EQ(source->size(), 8u);
-    std::array<char, 5> buffer{};
-    EXPECT_EQ(source->read(buffer, &error), 5u);
-    EXPECT_EQ(std::string(buffer.data(), 5), "abcde");
-    EXPECT_EQ(source->read(buffer, &error), 3u);
-    EXPECT_EQ(source->read(buffer, &error), 0u);
+TEST_F(SyncLists, StageTheIconThatTheAppNamesAndNoOther) {
+    const fs::path app = putApp("Icons", {{"BXBundleIdentifier", "icons"}, {"BXBundleIconFile", "Icon.png"}});
+    for (const char* name : {"Icon.png", "Other.png"}) {
+        write(app / "Icons.app" / name, name);
+    }
+    ASSERT_TRUE(packApp(app.string(), (library() / "icons").string(), codec, &error)) << errorText(error);
+    apps = read();
+    installs({}, {{"icons"}, {}});
+    inmemory::World world;
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}, &error));
+    const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/icons/";
+    EXPECT_TRUE(world.files.exists(staging + "Icon.png"));
+    EXPECT_FALSE(world.files.exists(staging + "Other.png"));
 }
 
-TEST_F(Desktop, SaysWhenAnArchiveCannotBeOpenedOrGetsShorter) {
-    EXPECT_FALSE(ArchiveSource::open((folder / "missing").string(), &error).has_value());
-    EXPECT_NE(sentence(error).find("missing' cannot be read"), std::string::npos);
-    write(folder / "file", "abcdefgh");
-    auto source = ArchiveSource::open((folder / "file").string(), &error);
-    fs::resize_file(folder / "file", 3);
-    std::array<char, 5> buffer{};
-    EXPECT_EQ(source->read(buffer, &error), 3u);
-    EXPECT_EQ(source->read(buffer, &error), std::nullopt);
-    EXPECT_NE(sentence(error).find("shorter"), std::string::npos);
+TEST_F(SyncLists, NameNoIconThatIsNotAPictureOfTheApp) {
+    for (const char* name :
+         {"Info.plist", "../TamblinArtwork", "Resources/Icon.png", "missing.png", "folder.png", ".."}) {
+        const fs::path app = putApp("Odd", {{"BXBundleIdentifier", "odd"}, {"BXBundleIconFile", name}});
+        fs::create_directories(app / "Odd.app" / "folder.png");
+        write(app / "Odd.app" / "Resources" / "Icon.png", "picture");
+        ASSERT_TRUE(packApp(app.string(), (library() / "odd").string(), codec, &error)) << errorText(error);
+        const auto odd = readAppArchive((library() / "odd").string(), codec);
+        ASSERT_TRUE(odd);
+        const auto description = readAppDescription(*odd, codec);
+        ASSERT_TRUE(description);
+        EXPECT_EQ(description->iconName, std::nullopt) << name;
+        EXPECT_EQ(description->icon, std::nullopt) << name;
+    }
+}
+
+TEST_F(SyncLists, FailOnlyTheAppsWhoseArchiveHasChangedBeforeTheyAreStaged) {
+    installs({}, {});
+    packed("A", infoOf("a", "2.0")); // takes the place of the one that was read
+    fs::remove(library() / "B.archive");
+    inmemory::World world;
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {"x"}, &error));
+    const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/";
+    EXPECT_EQ(world.files.plistAt(staging + "SkellanIconState.plist"), Value(Array{Array{"x", "c"}}));
+    EXPECT_EQ(world.files.plistAt(staging + "ApplicationsSync.plist")->array()->size(), 1U);
+    EXPECT_TRUE(world.files.exists(staging + "c/Info.plist"));
+    ASSERT_EQ(list.failed.size(), 2U);
+    EXPECT_EQ(list.failed[0].app->identifier, "a");
+    EXPECT_NE(list.failed[0].reason.find("A.archive' has changed since the library was read"), std::string::npos);
+    EXPECT_NE(list.failed[1].reason.find("B.archive' cannot be read: No such file"), std::string::npos);
+}
+
+// What the library says of an app.
+
+TEST_F(Desktop, KeepsLittleOfAnAppInMemory) {
+    Dictionary info = infoOf("a");
+    info.set("BXBundleDisplayName", std::string(999, 'n') + "\u00fc and more");
+    packed("A", info);
+    info = infoOf("b", std::string(1'001, '1'));
+    EXPECT_FALSE(packApp(putApp("B", info).string(), (library() / "b").string(), codec, &error));
+    EXPECT_NE(sentence(error).find("its BXBundleVersion has more than 1000 bytes"), std::string::npos);
+    EXPECT_EQ(read().apps.at(0).name, std::string(999, 'n'));
+}
+
+TEST_F(Desktop, NamesWhatIsNoFileAndDoesNotWaitForIt) {
+    ASSERT_EQ(::mkfifo((library() / "fifo").c_str(), 0600), 0);
+    fs::create_symlink("/dev/zero", library() / "zeros");
+    const AppLibrary found = read();
+    ASSERT_EQ(found.problems.size(), 2U);
+    EXPECT_NE(found.problems[0].find("fifo' cannot be read: it is no regular file"), std::string::npos);
+    EXPECT_NE(found.problems[1].find("zeros' cannot be read: it is no regular file"), std::string::npos);
+}
+
+TEST_F(Desktop, PacksNoLinkThatLeavesTheApp) {
+    const fs::path app = putApp("Links", infoOf("links"));
+    fs::create_symlink("Resources/data", app / "Links.app" / "inside");
+    EXPECT_TRUE(packApp(app.string(), (folder / "out").string(), codec, &error)) << errorText(error);
+    for (const char* target : {"..", "../..", "missing", "/etc/passwd", "../Links.app/Info.plist", "link"}) {
+        fs::create_symlink(target, app / "Links.app" / "link");
+        EXPECT_FALSE(packApp(app.string(), (folder / "out").string(), codec, &error)) << target;
+        EXPECT_NE(sentence(error).find("its entry \"Links.app/link\" is a symbolic link"), std::string::npos);
+        fs::remove(app / "Links.app" / "link");
+    }
+}
+
+TEST_F(Desktop, PacksNothingTheDeviceHasNoKindFor) {
+    const fs::path app = putApp("Odd", infoOf("odd"));
+    ASSERT_EQ(::mkfifo((app / "Odd.app" / "fifo").c_str(), 0600), 0);
+    EXPECT_FALSE(packApp(app.string(), (folder / "out").string(), codec, &error));
+    EXPECT_NE(sentence(error).find("\"Odd.app/fifo\" is neither a file, a folder nor a symbolic link"),
+              std::string::npos);
+    fs::remove(app / "Odd.app" / "fifo");
+    write(app / "Odd.app" / "a\nb", "x");
+    EXPECT_FALSE(packApp(app.string(), (folder / "out").string(), codec, &error));
+    EXPECT_NE(sentence(error).find("\"Odd.app/a?b\" has a control character"), std::string::npos);
+    EXPECT_FALSE(fs::exists(folder / "out"));
+}
+
+TEST_F(Desktop, MayBeGivenALinkToTheAppsFolder) {
+    putApp("One", infoOf("one"));
+    fs::create_directory_symlink(folder / "apps" / "One" / "One.app", folder / "Link.app");
+    ASSERT_TRUE(packApp((folder / "Link.app").string(), (folder / "out").string(), codec, &error)) << errorText(error);
+    EXPECT_TRUE(readAppArchive((folder / "out").string(), codec));
+}
+
+// Pieces.
+
+class Pieces : public Desktop {
+  protected:
+    void SetUp() override {
+        Desktop::SetUp();
+        path = library() / "A.archive";
+        packAgain();
+    }
+    void packAgain() { app = *readAppArchive(packed("A", infoOf("a")).string(), codec); }
+    /// What is handed over, in pieces of a hundred bytes; `after` the first of them.
+    std::string sent(const std::function<void()>& after = {}) {
+        auto source = ArchiveSource::open(app);
+        std::string all;
+        for (bool isFirst = true; source; isFirst = false) {
+            std::array<char, 100> buffer{};
+            const auto length = source->read(buffer);
+            if (!length || *length == 0) {
+                reason = length ? "" : errorText(length.error());
+                return all;
+            }
+            all.append(buffer.data(), *length);
+            if (isFirst && after) {
+                after();
+            }
+        }
+        reason = errorText(source.error());
+        return all;
+    }
+    fs::path path;
+    AppArchive app;
+    std::string reason;
+};
+
+TEST_F(Pieces, AreTheWholeArchive) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_EQ(sent(), std::string(std::istreambuf_iterator<char>(file), {}));
+    EXPECT_EQ(reason, "");
+}
+
+TEST_F(Pieces, AreNotThoseOfAnArchiveThatWasNotRead) {
+    packed("A", infoOf("a", "2.0"));
+    EXPECT_EQ(sent(), "");
+    EXPECT_NE(reason.find("A.archive' has changed since the library was read"), std::string::npos) << reason;
+    fs::remove(path);
+    EXPECT_EQ(sent(), "");
+    EXPECT_NE(reason.find("A.archive' cannot be read: No such file or directory"), std::string::npos) << reason;
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(sent(), "");
+    EXPECT_NE(reason.find("A.archive' cannot be read: it is no regular file"), std::string::npos) << reason;
+}
+
+TEST_F(Pieces, EndWhenTheArchiveChangesMeanwhile) {
+    const auto size = fs::file_size(path);
+    const auto overwrite = [&] {
+        std::fstream(path, std::ios::in | std::ios::out | std::ios::binary) << "PK";
+        fs::last_write_time(path, fs::file_time_type::clock::now() + std::chrono::hours(1)); // as if it had come later
+    };
+    const std::vector<std::function<void()>> changes{[&] { fs::resize_file(path, size - 150); },
+                                                     [&] { fs::resize_file(path, size + 1); }, overwrite};
+    for (const auto& change : changes) {
+        sent(change);
+        EXPECT_NE(reason.find("A.archive' has changed while it was sent. Sync again."), std::string::npos) << reason;
+        fs::remove(path);
+        packAgain();
+    }
 }
 
 } // namespace

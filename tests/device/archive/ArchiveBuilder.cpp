@@ -150,6 +150,33 @@ std::string rawArchive(const std::vector<RawEntry>& entries) {
     return out;
 }
 
+std::string withEnd64(const std::string& content, std::uint64_t entries, std::uint64_t start) {
+    const auto put64 = [](std::string& out, std::uint64_t value) {
+        put32(out, value & 0xffffffff);
+        put32(out, value >> 32);
+    };
+    std::string out = content;
+    put32(out, 0x06064b50);
+    put64(out, 44);
+    put16(out, 45);
+    put16(out, 45);
+    put64(out, 0);
+    put64(out, entries);
+    put64(out, entries);
+    put64(out, content.size() - content.find("PK\1\2"));
+    put64(out, start);
+    put32(out, 0x07064b50);
+    put32(out, 0);
+    put64(out, content.size());
+    put32(out, 1);
+    put32(out, 0x06054b50);
+    put32(out, 0);
+    put32(out, 0xffffffff);
+    put64(out, ~std::uint64_t{0});
+    put16(out, 0);
+    return out;
+}
+
 std::string infoList(const std::string& identifier, const std::string& version, const std::string& name) {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist "
            "version=\"1.0\"><dict><key>BXBundleIdentifier</key><string>" +

@@ -57,6 +57,9 @@ struct RawEntry {
 
 /// The bytes of an archive with these entries, whatever they say.
 [[nodiscard]] std::string rawArchive(const std::vector<RawEntry>& entries);
+/// The same with a second end record, which states the number of entries and where the directory begins. `content` ends
+/// with the directory.
+[[nodiscard]] std::string withEnd64(const std::string& content, std::uint64_t entries, std::uint64_t start);
 /// The Info.plist of an app, as XML.
 [[nodiscard]] std::string infoList(const std::string& identifier, const std::string& version = "1.0",
                                    const std::string& name = "Name");

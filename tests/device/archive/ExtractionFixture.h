@@ -1,8 +1,9 @@
 // Unpacks archives for tests into a folder of this machine.
 #pragma once
 
+#include "archive/InstallerError.h"
+#include "desktop/AppArchive.h"
 #include "device/archive/Extraction.h"
-#include "device/archive/InstallerError.h"
 #include "device/root/Descriptor.h"
 #include "propertylist/Codec.h"
 
@@ -31,6 +32,7 @@ class ExtractionTest : public testing::Test {
     /// The code with which an archive is refused; 0 when it is not.
     std::int64_t refusalOf(const std::string& archive) {
         const auto result = extract(archive);
+        readOnDesktop(result);
         if (result) {
             return 0;
         }
@@ -39,6 +41,19 @@ class ExtractionTest : public testing::Test {
         EXPECT_EQ(result.error()->userInfo().string(ErrorPathKey), request.archivePath);
         EXPECT_NE(reason.find(request.archivePath), std::string::npos) << reason;
         return result.error()->code();
+    }
+    /// What the device takes the desktop can send; what it cannot read has its sentence.
+    void readOnDesktop(const Result<ExtractedApplication>& onDevice) {
+        const std::string path = folder / "app.zip";
+        const auto app = desktop::readAppArchive(path, codec);
+        const auto description =
+            app ? desktop::readAppDescription(*app, codec) : Result<desktop::AppDescription>(app.error());
+        if (description) {
+            EXPECT_FALSE(description->infoPlist.bytes().empty());
+        } else {
+            EXPECT_NE(errorText(description.error()).find(path), std::string::npos) << errorText(description.error());
+            EXPECT_FALSE(onDevice) << errorText(description.error());
+        }
     }
     [[nodiscard]] std::string content(const std::string& path) const {
         return readHostFile(folder / ("container/" + path));

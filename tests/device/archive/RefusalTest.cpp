@@ -302,12 +302,33 @@ TEST_F(ExtractionTest, RefusesTooManyEntries) {
     for (int number = 0; number < 60; ++number) {
         entries.push_back(RawEntry::stored("Name.app/" + std::to_string(number), ""));
     }
-    limits.entries = 62;
+    limits.entries = 63; // with the app's folder
     EXPECT_EQ(refusalOf(rawArchive(entries)), 0) << reason;
+    limits.entries = 62;
+    EXPECT_EQ(refusalOf(rawArchive(entries)), code(InstallerError::archiveTooLarge));
+    EXPECT_NE(reason.find("it has more than 62 files and folders"), std::string::npos) << reason;
     limits.entries = 61;
     EXPECT_EQ(refusalOf(rawArchive(entries)), code(InstallerError::archiveTooLarge));
-    EXPECT_NE(reason.find("it has 62 entries, more than 61"), std::string::npos) << reason;
+    EXPECT_NE(reason.find("it has more than 61 entries"), std::string::npos) << reason;
     EXPECT_FALSE(exists("Name.app"));
+}
+
+TEST_F(ExtractionTest, FoldersThatAreOnlyNamedInPathsCountAsEntriesDo) {
+    limits.entries = 100;
+    std::vector<RawEntry> entries = goodEntries();
+    for (int number = 0; number < 3; ++number) {
+        std::string path = "Name.app/" + std::to_string(number);
+        for (int depth = 0; depth < 30; ++depth) {
+            path += "/d";
+        }
+        entries.push_back(RawEntry::stored(path, ""));
+    }
+    EXPECT_EQ(refusalOf(rawArchive(entries)), 0) << reason;
+    entries.push_back(RawEntry::stored("Name.app/3/d/d/d/d", ""));
+    EXPECT_EQ(refusalOf(rawArchive(entries)), code(InstallerError::archiveTooLarge)) << reason;
+    limits.entries = 65'535;
+    request.freeSpace = 100 * 4'608; // each folder takes a block
+    EXPECT_EQ(refusalOf(rawArchive(entries)), code(InstallerError::notEnoughSpace)) << reason;
 }
 
 TEST_F(ExtractionTest, RefusesAHundredThousandEntries) {
@@ -316,7 +337,7 @@ TEST_F(ExtractionTest, RefusesAHundredThousandEntries) {
         builder.file("Name.app/" + std::to_string(number), "");
     }
     EXPECT_EQ(refusalOf(builder.stored().bytes()), code(InstallerError::archiveTooLarge));
-    EXPECT_NE(reason.find("it has 100003 entries, more than 65535"), std::string::npos) << reason;
+    EXPECT_NE(reason.find("it has more than 65535 entries"), std::string::npos) << reason;
 }
 
 TEST_F(ExtractionTest, RefusesArchiveThatUnpacksToTooMuch) {
@@ -361,6 +382,20 @@ TEST_F(ExtractionTest, RefusesFilesBesideTheAppThatAreNoSmallFiles) {
     limits.listBytes = 5'000;
     EXPECT_EQ(refusalOf(app().file("TamblinMetadata.plist", std::string(5'001, 'x')).bytes()),
               code(InstallerError::archiveTooLarge));
+    EXPECT_EQ(refusalOf(app().file("TamblinArtwork", std::string(5'001, 'x')).bytes()), 0) << reason;
+    limits.pictureBytes = 5'000;
+    EXPECT_EQ(refusalOf(app().file("TamblinArtwork", std::string(5'001, 'x')).bytes()),
+              code(InstallerError::archiveTooLarge));
+}
+
+TEST_F(ExtractionTest, RefusesADirectoryThatLiesNowhere) {
+    const std::string archive = rawArchive(goodEntries());
+    const std::size_t end = archive.size() - 22;
+    for (const std::uint64_t start : {std::uint64_t{1} << 40, ~std::uint64_t{0}, std::uint64_t{1} << 63}) {
+        EXPECT_EQ(refusalOf(withEnd64(archive.substr(0, end), goodEntries().size(), start)),
+                  code(InstallerError::archiveDamaged));
+        EXPECT_NE(reason.find("its directory is not where its end says"), std::string::npos) << reason;
+    }
 }
 
 TEST_F(ExtractionTest, ReasonsShowUntrustedNamesHarmlessly) {

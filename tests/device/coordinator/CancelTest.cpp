@@ -1,6 +1,6 @@
 // Cancelling, prioritising and uninstalling while coordinators are open.
+#include "archive/InstallerError.h"
 #include "concurrency/Semaphore.h"
-#include "device/archive/InstallerError.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "tests/device/coordinator/CoordinatorTest.h"
 

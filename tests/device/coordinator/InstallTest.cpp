@@ -1,5 +1,5 @@
 // How coordinators install: placeholder, app, reports, and what is left afterwards.
-#include "device/archive/InstallerError.h"
+#include "archive/InstallerError.h"
 #include "tests/device/coordinator/CoordinatorTest.h"
 
 namespace appsync::device {

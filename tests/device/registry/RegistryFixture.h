@@ -1,7 +1,7 @@
 // A device with its registry, for tests.
 #pragma once
 
-#include "device/archive/InstallerError.h"
+#include "archive/InstallerError.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "device/registry/Registry.h"
 #include "device/registry/UninstalledList.h"

@@ -1,10 +1,10 @@
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 
 #include "propertylist/Utf.h"
 
 #include <utf8proc.h>
 
-namespace appsync::device {
+namespace appsync {
 
 namespace {
 
@@ -78,4 +78,4 @@ std::size_t displayWidth(std::string_view text) noexcept {
     return width;
 }
 
-} // namespace appsync::device
+} // namespace appsync

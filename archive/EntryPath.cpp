@@ -1,8 +1,9 @@
-#include "device/archive/EntryPath.h"
+#include "archive/EntryPath.h"
 
 #include "propertylist/Utf.h"
 
-namespace appsync::device {
+
+namespace appsync {
 
 namespace {
 
@@ -58,4 +59,4 @@ std::optional<std::string_view> findUnsafe(std::string_view path, const ArchiveL
     }
 }
 
-} // namespace appsync::device
+} // namespace appsync

@@ -1,15 +1,15 @@
-#include "device/archive/Refusal.h"
+#include "archive/Refusal.h"
 
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 
-namespace appsync::device {
+namespace appsync {
 
 ErrorPtr Refusal::operator()(InstallerError code, std::string_view reason) const {
-    return makeInstallerError(code, "the archive " + _archive + " was refused: " + std::string(reason), _archive);
+    return makeInstallerError(code, std::string(_what) + " " + _path + " was refused: " + std::string(reason), _path);
 }
 
 ErrorPtr Refusal::operator()(InstallerError code, std::string_view entry, std::string_view reason) const {
     return (*this)(code, "its entry \"" + printable(entry) + "\" " + std::string(reason));
 }
 
-} // namespace appsync::device
+} // namespace appsync

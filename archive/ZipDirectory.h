@@ -4,17 +4,18 @@
 // that the entries keep to it is checked while they are unpacked.
 #pragma once
 
-#include "device/archive/ArchiveLimits.h"
-#include "device/archive/Refusal.h"
-#include "device/root/Result.h"
+#include "archive/ArchiveLimits.h"
+#include "archive/Refusal.h"
+#include "platform/Result.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
-namespace appsync::device {
+namespace appsync {
 
 class ZipDirectory {
   public:
@@ -35,6 +36,10 @@ class ZipDirectory {
     [[nodiscard]] const std::vector<Entry>& entries() const noexcept { return _entries; }
     /// Null when there is none.
     [[nodiscard]] const Entry* find(std::string_view path) const noexcept;
+    /// Of an entry, or of a folder that is only named in the paths of others; nothing when there is neither.
+    [[nodiscard]] std::optional<Kind> kindOf(std::string_view path) const noexcept;
+    /// How many files, links and folders there are, with those that are only named in paths.
+    [[nodiscard]] std::size_t count() const noexcept { return _numbers.size(); }
     [[nodiscard]] std::uint64_t unpackedBytes() const noexcept { return _unpackedBytes; }
 
   private:
@@ -46,4 +51,4 @@ class ZipDirectory {
     std::uint64_t _unpackedBytes = 0;
 };
 
-} // namespace appsync::device
+} // namespace appsync

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace appsync::device {
+namespace appsync {
 
 /// False for what would steer a terminal, cannot be seen or changes the order of what is shown: control characters,
 /// separators of lines and paragraphs, marks of direction and other invisible format characters (but for the two that
@@ -25,4 +25,4 @@ namespace appsync::device {
 /// U+FFFD.
 [[nodiscard]] char32_t takeCharacter(std::string_view& text) noexcept;
 
-} // namespace appsync::device
+} // namespace appsync

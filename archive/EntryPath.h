@@ -1,12 +1,15 @@
 // The rules for the path of an entry of an archive.
 #pragma once
 
-#include "device/archive/ArchiveLimits.h"
+#include "archive/ArchiveLimits.h"
 
 #include <optional>
 #include <string_view>
 
-namespace appsync::device {
+namespace appsync {
+
+/// The end of a sentence about an entry that no archive may hold.
+inline constexpr std::string_view unsupportedKind = "is neither a file, a folder nor a symbolic link";
 
 [[nodiscard]] bool isUtf8(std::string_view text) noexcept;
 
@@ -25,4 +28,4 @@ namespace appsync::device {
     return path.substr(path.rfind('/') + 1); // npos + 1 is 0
 }
 
-} // namespace appsync::device
+} // namespace appsync

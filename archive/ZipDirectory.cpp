@@ -1,6 +1,7 @@
-#include "device/archive/ZipDirectory.h"
+#include "archive/ZipDirectory.h"
 
-#include "device/archive/EntryPath.h"
+#include "archive/EntryPath.h"
+#include "files/Syscalls.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,7 +10,7 @@
 #include <cerrno>
 #include <optional>
 
-namespace appsync::device {
+namespace appsync {
 
 namespace {
 
@@ -103,6 +104,11 @@ class ZipDirectoryReader {
         return _refuse(InstallerError::archiveDamaged, reason);
     }
 
+    [[nodiscard]] ErrorPtr _tooMany(std::string_view what) const {
+        return _refuse(InstallerError::archiveTooLarge,
+                       "it has more than " + std::to_string(_limits.entries) + " " + std::string(what));
+    }
+
     ErrorPtr _findEnd() {
         struct stat status {};
         if (::fstat(_archive, &status) != 0) {
@@ -166,9 +172,7 @@ class ZipDirectoryReader {
 
     ErrorPtr _readDirectory() {
         if (_entryCount > _limits.entries) {
-            return _refuse(InstallerError::archiveTooLarge, "it has " + std::to_string(_entryCount) +
-                                                                " entries, more than " +
-                                                                std::to_string(_limits.entries));
+            return _tooMany("entries");
         }
         if (_directorySize > maximumDirectorySize) {
             return _refuse(InstallerError::archiveTooLarge, "its directory is larger than any app needs");
@@ -294,7 +298,7 @@ class ZipDirectoryReader {
         std::string_view path = record.name;
         const auto kind = _kindOf(fixed, path);
         if (!kind) {
-            return _refuse(InstallerError::unsupportedEntry, path, "is neither a file, a folder nor a symbolic link");
+            return _refuse(InstallerError::unsupportedEntry, path, unsupportedKind);
         }
         if (path.ends_with('/')) {
             path.remove_suffix(1);
@@ -333,6 +337,9 @@ class ZipDirectoryReader {
             const ZipDirectory::Entry& entry = _directory._entries[number];
             if (ErrorPtr refused = _addPath(entry.path, entry.kind, number)) {
                 return refused;
+            }
+            if (_directory.count() > _limits.entries) {
+                return _tooMany("files and folders");
             }
         }
         return nullptr;
@@ -401,4 +408,12 @@ const ZipDirectory::Entry* ZipDirectory::find(std::string_view path) const noexc
     return found == _numbers.end() || found->second == impliedFolder ? nullptr : &_entries[found->second];
 }
 
-} // namespace appsync::device
+std::optional<ZipDirectory::Kind> ZipDirectory::kindOf(std::string_view path) const noexcept {
+    const auto found = _numbers.find(path);
+    if (found == _numbers.end()) {
+        return std::nullopt;
+    }
+    return found->second == impliedFolder ? Kind::folder : _entries[found->second].kind;
+}
+
+} // namespace appsync

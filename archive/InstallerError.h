@@ -1,21 +1,21 @@
 // Why the installer refused or failed: the codes of `TVInstallerErrorDomain`.
 #pragma once
 
-#include "device/root/Result.h"
 #include "platform/InstallationService.h"
+#include "platform/Result.h"
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-namespace appsync::device {
+namespace appsync {
 
 enum class InstallerError : std::int64_t {
     // The archive.
     archiveMissing = 1,      // no such file, or not readable
     archiveDamaged = 2,      // truncated, not an archive, wrong checksum, contradicting itself
     archiveUnsupported = 3,  // encrypted, in several parts, compressed in a way the device does not know
-    archiveTooLarge = 4,     // beyond a limit (device/archive/ArchiveLimits.h)
+    archiveTooLarge = 4,     // beyond a limit (archive/ArchiveLimits.h)
     unsafePath = 5,          // an absolute path, "..", a name that is no text, a link that leaves the app
     unsupportedEntry = 6,    // neither file, folder nor symbolic link
     duplicateEntry = 7,      // two entries of one name, or a file where a folder is needed
@@ -39,4 +39,4 @@ enum class InstallerError : std::int64_t {
 /// The error of an install that was cancelled.
 [[nodiscard]] ErrorPtr makeCancelledError(const std::string& identifier, const std::string& archive);
 
-} // namespace appsync::device
+} // namespace appsync

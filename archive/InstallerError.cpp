@@ -1,6 +1,6 @@
-#include "device/archive/InstallerError.h"
+#include "archive/InstallerError.h"
 
-namespace appsync::device {
+namespace appsync {
 
 ErrorPtr makeInstallerError(InstallerError code, std::string_view description, std::string_view path) {
     return makeError(TVInstallerErrorDomain, static_cast<std::int64_t>(code), description, path);
@@ -11,4 +11,4 @@ ErrorPtr makeCancelledError(const std::string& identifier, const std::string& ar
                               "the install of " + identifier + " from " + archive + " was cancelled", archive);
 }
 
-} // namespace appsync::device
+} // namespace appsync

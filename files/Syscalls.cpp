@@ -1,4 +1,4 @@
-#include "device/root/Syscalls.h"
+#include "files/Syscalls.h"
 
 #include <linux/openat2.h>
 #include <sys/stat.h>
@@ -6,8 +6,9 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 
-namespace appsync::device {
+namespace appsync {
 
 namespace {
 
@@ -109,4 +110,9 @@ int readAll(int file, std::size_t largestSize, std::string& bytes) {
     }
 }
 
-} // namespace appsync::device
+std::string systemText(int errorNumber) {
+    const char* text = strerrordesc_np(errorNumber);
+    return text ? text : "error " + std::to_string(errorNumber);
+}
+
+} // namespace appsync

@@ -1,9 +1,9 @@
 // What is shown of texts from outside.
-#include "device/text/Printable.h"
+#include "text/Printable.h"
 
 #include <gtest/gtest.h>
 
-namespace appsync::device {
+namespace appsync {
 namespace {
 
 const std::string bad = "\uFFFD";
@@ -110,4 +110,4 @@ TEST(DisplayWidth, CountsTheColumnsOfATerminal) {
 }
 
 } // namespace
-} // namespace appsync::device
+} // namespace appsync
