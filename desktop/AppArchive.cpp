@@ -134,7 +134,9 @@ class AppReader {
 
 /// A refusal as the problem of a library.
 ErrorPtr libraryProblem(const ErrorPtr& reason, const std::string& path) {
-    return desktopError(errorText(reason) + ". Take it out of the library or replace it.", path);
+    std::string sentence = errorText(reason);
+    sentence.append(sentence.ends_with('.') ? "" : ".").append(" Take it out of the library or replace it.");
+    return desktopError(std::move(sentence), path);
 }
 
 /// A text as far as it is shown.

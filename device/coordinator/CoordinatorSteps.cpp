@@ -1,5 +1,5 @@
 // What the steps of an install do outside of the coordinator's own state: registry, files, home screen.
-#include "device/archive/InstallerError.h"
+#include "archive/InstallerError.h"
 #include "device/coordinator/CoordinatorEngine.h"
 #include "device/coordinator/CoordinatorError.h"
 #include "device/registry/Registry.h"
