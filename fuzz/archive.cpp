@@ -2,7 +2,7 @@
 // folder.
 #include "archive/ArchiveLimits.h"
 #include "device/archive/Extraction.h"
-#include "device/root/Descriptor.h"
+#include "files/Descriptor.h"
 #include "fuzz/Fuzz.h"
 #include "propertylist/Codec.h"
 
@@ -16,7 +16,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using appsync::device::Descriptor;
+using appsync::Descriptor;
 using appsync::fuzz::expect;
 
 /// A folder with a container in it, in memory where there is a file system for that.
@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     expect(::write(file.get(), bytes, size) == static_cast<ssize_t>(size) && ::lseek(file.get(), 0, SEEK_SET) == 0,
            "the input is written");
     appsync::PropertyListCodec propertyLists;
-    appsync::device::ArchiveLimits limits;
+    appsync::ArchiveLimits limits;
     limits.unpackedBytes = 1 << 20; // enough to find what there is, and quick
     limits.freeBytes = 1 << 20;
     limits.listBytes = 1 << 16;

@@ -81,7 +81,12 @@ TEST_P(ReplacedArchive, IsReportedWithTheVersionThatWasInstalledWhenNothingTells
         struct stat before {};
         ASSERT_EQ(::stat(archiveOf("a").c_str(), &before), 0);
         fs::rename(archiveOf("a"), folder / "kept");
-        addApp("a", "3.0");
+        for (int version = 3; version < 100; ++version) { // one that compresses as well
+            addApp("a", std::to_string(version) + ".0");
+            if (fs::file_size(archiveOf("a")) == fs::file_size(folder / "kept")) {
+                break;
+            }
+        }
         ASSERT_EQ(fs::file_size(archiveOf("a")), fs::file_size(folder / "kept"));
         fs::copy_file(archiveOf("a"), folder / "kept", fs::copy_options::overwrite_existing); // the same inode
         fs::rename(folder / "kept", archiveOf("a"));
