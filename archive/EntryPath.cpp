@@ -2,7 +2,6 @@
 
 #include "propertylist/Utf.h"
 
-
 namespace appsync {
 
 namespace {

@@ -14,7 +14,7 @@ namespace appsync::desktop {
 
 namespace {
 
-/// No app's version or name is longer, and of a library's every app has one in memory.
+/// No real version or name is longer, and those of a whole library are in memory.
 constexpr std::size_t longestText = 1'000;
 
 /// An open archive whose structure has been read.
@@ -139,7 +139,7 @@ ErrorPtr libraryProblem(const ErrorPtr& reason, const std::string& path) {
     return desktopError(std::move(sentence), path);
 }
 
-/// A text as far as it is shown.
+/// A text as far as it is kept.
 std::string cut(std::string_view text) {
     std::string kept(text.substr(0, longestText));
     while (!isUtf8(kept)) { // the cut may have gone through a character
@@ -168,11 +168,7 @@ Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyL
                           "\" is no bundle identifier: " + std::string(identifierRule));
     }
     if (const auto version = info->string("BXBundleVersion")) {
-        if (version->size() > longestText) {
-            return refuse(InstallerError::infoMissing,
-                          "its BXBundleVersion has more than " + std::to_string(longestText) + " bytes");
-        }
-        app.version = *version;
+        app.version = cut(*version);
     }
     if (const auto name = info->string("BXBundleDisplayName")) {
         app.name = cut(*name);

@@ -26,8 +26,9 @@ struct AppArchive {
     std::uint64_t size = 0; // of the archive, in bytes
     FileStamp stamp;        // its state when this was read
     std::string identifier;
+    // Both cut after a thousand bytes; such an app then counts as one of another version than the device has.
     std::optional<std::string> version;
-    std::optional<std::string> name; // cut when it is too long to be shown
+    std::optional<std::string> name;
 };
 
 /// What the device is told of an app before it asks for the archive.

@@ -2,11 +2,11 @@
 // and the home screen can be drawn.
 #include "device/screen/CairoImage.h"
 #include "device/screen/ScreenText.h"
-#include "text/Printable.h"
 #include "fuzz/Fuzz.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "propertylist/Utf.h"
+#include "text/Printable.h"
 
 #include <nlohmann/json.hpp>
 

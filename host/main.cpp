@@ -1,9 +1,9 @@
 // The command line of `qrd`.
-#include "text/Printable.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/view/Print.h"
 #include "propertylist/ListMemory.h"
+#include "text/Printable.h"
 
 #include <CLI/CLI.hpp>
 

@@ -3,8 +3,8 @@
 #include "archive/ArchiveReader.h"
 #include "device/archive/BundleWriter.h"
 #include "device/root/Syscalls.h"
-#include "text/Printable.h"
 #include "platform/PropertyListSerialization.h"
+#include "text/Printable.h"
 
 namespace appsync::device {
 

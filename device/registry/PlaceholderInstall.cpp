@@ -4,8 +4,8 @@
 #include "archive/EntryPath.h"
 #include "archive/InstallerError.h"
 #include "device/root/Tree.h"
-#include "text/Printable.h"
 #include "platform/PropertyListSerialization.h"
+#include "text/Printable.h"
 
 #include <fcntl.h>
 

@@ -5,8 +5,8 @@
 #include "archive/InstallerError.h"
 #include "device/registry/ApplicationProxy.h"
 #include "device/registry/UninstalledList.h"
-#include "text/Printable.h"
 #include "platform/PropertyListSerialization.h"
+#include "text/Printable.h"
 
 #include <algorithm>
 

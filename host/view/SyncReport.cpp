@@ -1,8 +1,8 @@
 #include "host/view/SyncReport.h"
 
-#include "text/Printable.h"
 #include "host/view/Print.h"
 #include "host/view/Table.h"
+#include "text/Printable.h"
 
 #include <nlohmann/json.hpp>
 

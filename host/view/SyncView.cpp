@@ -1,9 +1,9 @@
 #include "host/view/SyncView.h"
 
-#include "text/Printable.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
+#include "text/Printable.h"
 
 #include <unistd.h>
 
@@ -13,7 +13,6 @@
 namespace appsync::host {
 
 namespace {
-
 
 constexpr std::size_t barWidth = 28;
 constexpr std::size_t nameWidth = 22;

@@ -1,7 +1,7 @@
 #include "host/view/Table.h"
 
-#include "text/Printable.h"
 #include "host/view/Print.h"
+#include "text/Printable.h"
 
 #include <algorithm>
 #include <array>

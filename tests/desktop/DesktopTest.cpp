@@ -320,10 +320,9 @@ TEST_F(SyncLists, FailOnlyTheAppsWhoseArchiveHasChangedBeforeTheyAreStaged) {
 TEST_F(Desktop, KeepsLittleOfAnAppInMemory) {
     Dictionary info = infoOf("a");
     info.set("BXBundleDisplayName", std::string(999, 'n') + "\u00fc and more");
+    info.set("BXBundleVersion", std::string(100'000, '1'));
     packed("A", info);
-    info = infoOf("b", std::string(1'001, '1'));
-    EXPECT_FALSE(packApp(putApp("B", info).string(), (library() / "b").string(), codec, &error));
-    EXPECT_NE(sentence(error).find("its BXBundleVersion has more than 1000 bytes"), std::string::npos);
+    EXPECT_EQ(read().apps.at(0).version, std::string(1'000, '1'));
     EXPECT_EQ(read().apps.at(0).name, std::string(999, 'n'));
 }
 
@@ -357,7 +356,7 @@ TEST_F(Desktop, PacksNothingTheDeviceHasNoKindFor) {
     fs::remove(app / "Odd.app" / "fifo");
     write(app / "Odd.app" / "a\nb", "x");
     EXPECT_FALSE(packApp(app.string(), (folder / "out").string(), codec, &error));
-    EXPECT_NE(sentence(error).find("\"Odd.app/a?b\" has a control character"), std::string::npos);
+    EXPECT_NE(sentence(error).find("\"Odd.app/a b\" has a control character"), std::string::npos);
     EXPECT_FALSE(fs::exists(folder / "out"));
 }
 
