@@ -20,7 +20,7 @@ ErrorPtr failure(const std::string& path, int number, std::string_view reason) {
 } // namespace
 
 Result<RegularFile> RegularFile::open(const std::string& path) {
-    Descriptor descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    Descriptor descriptor(::open(path.c_str(), O_RDONLY | withoutWaiting | O_CLOEXEC));
     struct stat status {};
     if (!descriptor.isOpen() || ::fstat(descriptor.get(), &status) != 0) {
         const int number = errno;

@@ -1,5 +1,5 @@
 // Any bytes as each list of a backup folder: they are read or told, and what is taken is usable.
-#include "desktop/AppArchive.h"
+#include "archive/AppInArchive.h"
 #include "fuzz/Fuzz.h"
 #include "host/backup/BackupFolder.h"
 #include "propertylist/Codec.h"
@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         return 0;
     }
     for (const BackupApp& app : content->apps) {
-        const bool isUsable = appsync::desktop::isUsableIdentifier(app.identifier);
+        const bool isUsable = appsync::isUsableIdentifier(app.identifier);
         expect(isUsable || !app.problem.empty(), "an identifier that names a path is refused");
         expect(!app.name.empty() || app.identifier.empty(), "an app has a name");
         expect(!app.problem.empty() || app.entry.dictionary() != nullptr, "what is restored is a dictionary");

@@ -1,5 +1,5 @@
 // `qrd backup`: what a desktop keeps of a device, to bring it back on another one.
-#include "desktop/AppArchive.h"
+#include "archive/AppInArchive.h"
 #include "device/Device.h"
 #include "device/archive/Extraction.h"
 #include "device/coordinator/InstallCoordinator.h"
@@ -81,7 +81,7 @@ class BackupWriter {
     }
 
     ErrorPtr _writeApp(const device::Application& app, Dictionary& info) {
-        if (!desktop::isUsableIdentifier(app.identifier)) {
+        if (!isUsableIdentifier(app.identifier)) {
             return hostError("It is no bundle identifier.");
         }
         ErrorPtr error;
