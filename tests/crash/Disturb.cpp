@@ -8,8 +8,8 @@
 // and folders. They count from 1 over all threads and child processes, in the order in which the kernel is asked for
 // them: each of them waits here until it may go on. A killed command dies before its change is made; with
 // `--fail-from` all fail from there to the end. `--do` runs the words as a shell does, with the call's path in the
-// variable DISTURBED, and lets the call go on then. `--list` writes a line "number<TAB>call<TAB>path below DIR" per call.
-// The exit code is the command's, 128 + its signal, or 125 when the kernel does not let a process supervise
+// variable DISTURBED, and lets the call go on then. `--list` writes a line "number<TAB>call<TAB>path below DIR" per
+// call. The exit code is the command's, 128 + its signal, or 125 when the kernel does not let a process supervise
 // another one's calls.
 #include <fcntl.h>
 #include <linux/audit.h>
@@ -441,10 +441,11 @@ std::optional<Options> parse(int count, char** words) {
 int main(int count, char** words) {
     const auto options = parse(count, words);
     if (!options) {
-        std::fputs("usage: disturb --under DIR [--calls changes|space|reads] [--list FILE]\n"
-                   "               [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER | --at N --do WORDS]\n"
-                   "               COMMAND [ARGUMENT]...\n",
-                   stderr);
+        std::fputs(
+            "usage: disturb --under DIR [--calls changes|space|reads] [--list FILE]\n"
+            "               [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER | --at N --do WORDS]\n"
+            "               COMMAND [ARGUMENT]...\n",
+            stderr);
         return 2;
     }
     return run(*options);

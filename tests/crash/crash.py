@@ -200,6 +200,8 @@ def report_outcomes(outcomes, seconds):
 
 
 def try_all(runner, points, jobs):
+    """Tries all points and reports on them; the exit code of the run."""
+    begin = time.monotonic()
     outcomes = []
     with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
         for outcome in pool.map(runner.try_point, points):
@@ -207,41 +209,45 @@ def try_all(runner, points, jobs):
             if outcome.problems:
                 print(f"FAILED at {outcome.change}\n  repeat: {os.path.relpath(sys.argv[0])} {outcome.point}")
                 print("".join(f"    {problem}\n" for problem in outcome.problems), end="", flush=True)
-    return outcomes
+    report_outcomes(outcomes, time.monotonic() - begin)
+    return 1 if any(outcome.problems for outcome in outcomes) else 0
 
 
-def parse_arguments():
+def argument_parser(description, kinds):
     home = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../build/release/bin")
-    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser = argparse.ArgumentParser(description=description.split("\n", maxsplit=1)[0])
     parser.add_argument("--qrd", default=os.path.join(home, "qrd"))
     parser.add_argument("--disturb", default=os.path.join(home, "disturb"))
     parser.add_argument("--points", type=int, help="only so many, evenly spread")
     parser.add_argument("--seed", type=int, default=0, help="which points to begin the spread with")
     parser.add_argument("--path", choices=SCENARIOS, help="only this scenario")
-    parser.add_argument("--kind", choices=KINDS, help="only this disturbance")
+    parser.add_argument("--kind", choices=kinds, help="only this disturbance")
     parser.add_argument("--point", type=int, help="only this change, counted from 1")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
     parser.add_argument("--keep", action="store_true", help="keep the devices of failures")
-    return parser.parse_args()
+    return parser
+
+
+def make_folder(prefix):
+    """A place to work in: in memory where that can be, since no machine is to lose its power meanwhile."""
+    return tempfile.mkdtemp(prefix=prefix, dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None)
+
+
+def make_scenarios(arguments, folder):
+    return [kind(name, arguments, folder, device_options) for name, (kind, device_options) in SCENARIOS.items()
+            if arguments.path in (None, name)]
 
 
 def main():
-    arguments = parse_arguments()
-    # Nothing here looks at what a loss of power would do, so that memory is a good place.
-    place = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-    folder = tempfile.mkdtemp(prefix="crash-", dir=place)
+    arguments = argument_parser(__doc__, KINDS).parse_args()
+    folder = make_folder("crash-")
     try:
         runner = Runner(arguments, folder)
         if not runner.can_supervise():
             print("crash: SKIPPED, since this machine lets no process supervise the system calls of another")
             return SKIPPED
-        scenarios = [kind(name, arguments, folder, device_options)
-                     for name, (kind, device_options) in SCENARIOS.items() if arguments.path in (None, name)]
-        points = choose_points(scenarios, runner, arguments)
-        begin = time.monotonic()
-        outcomes = try_all(runner, points, arguments.jobs)
-        report_outcomes(outcomes, time.monotonic() - begin)
-        return 1 if any(outcome.problems for outcome in outcomes) else 0
+        points = choose_points(make_scenarios(arguments, folder), runner, arguments)
+        return try_all(runner, points, arguments.jobs)
     finally:
         if not arguments.keep:
             shutil.rmtree(folder, ignore_errors=True)

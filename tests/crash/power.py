@@ -14,7 +14,6 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import time
 
 import checks
 import crash
@@ -106,22 +105,6 @@ def choose_points(runner, scenarios, arguments):
     return random.Random(arguments.seed).sample(points, arguments.points)
 
 
-def parse_arguments():
-    home = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../build/release/bin")
-    parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
-    parser.add_argument("--qrd", default=os.path.join(home, "qrd"))
-    parser.add_argument("--disturb", default=os.path.join(home, "disturb"))
-    parser.add_argument("--points", type=int, help="only so many, by chance")
-    parser.add_argument("--seed", type=int, default=0, help="of the chance")
-    parser.add_argument("--path", choices=crash.SCENARIOS, help="only this scenario")
-    parser.add_argument("--kind", choices=FILE_SYSTEMS, help="only this file system")
-    parser.add_argument("--point", type=int, help="only this change, counted from 1")
-    parser.add_argument("--jobs", type=int, default=os.cpu_count())
-    parser.add_argument("--keep", action="store_true", help="keep the disks of failures")
-    parser.add_argument(IN_NAMESPACE, action="store_true", help=argparse.SUPPRESS)
-    return parser.parse_args()
-
-
 def can_mount():
     """Whether images of every file system can be made and mounted here."""
     with tempfile.TemporaryDirectory() as folder:
@@ -136,14 +119,16 @@ def can_mount():
 
 
 def main():
-    arguments = parse_arguments()
+    parser = crash.argument_parser(__doc__, FILE_SYSTEMS)
+    parser.add_argument(IN_NAMESPACE, action="store_true", help=argparse.SUPPRESS)
+    arguments = parser.parse_args()
     if os.geteuid() != 0:
         print("power: SKIPPED, since only root may mount a disk; run it as root")
         return crash.SKIPPED
     if not arguments.in_a_mount_namespace:
         # Whatever happens, no mount outlasts this run.
         return subprocess.run(["unshare", "--mount", *sys.argv, IN_NAMESPACE], check=False).returncode
-    folder = tempfile.mkdtemp(prefix="power-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None)
+    folder = crash.make_folder("power-")
     try:
         runner = PowerRunner(arguments, folder)
         if not runner.can_supervise():
@@ -151,13 +136,8 @@ def main():
             return crash.SKIPPED
         if not can_mount():
             return crash.SKIPPED
-        scenarios = [kind(name, arguments, folder, options) for name, (kind, options) in crash.SCENARIOS.items()
-                     if arguments.path in (None, name)]
-        points = choose_points(runner, scenarios, arguments)
-        begin = time.monotonic()
-        outcomes = crash.try_all(runner, points, arguments.jobs)
-        crash.report_outcomes(outcomes, time.monotonic() - begin)
-        return 1 if any(outcome.problems for outcome in outcomes) else 0
+        points = choose_points(runner, crash.make_scenarios(arguments, folder), arguments)
+        return crash.try_all(runner, points, arguments.jobs)
     finally:
         if not arguments.keep:
             shutil.rmtree(folder, ignore_errors=True)
