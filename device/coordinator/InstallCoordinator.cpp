@@ -1,5 +1,6 @@
 #include "device/coordinator/InstallCoordinator.h"
 
+#include "concurrency/Semaphore.h"
 #include "device/coordinator/CoordinatorEngine.h"
 #include "device/coordinator/CoordinatorError.h"
 #include "device/coordinator/CoordinatorHandles.h"
@@ -190,7 +191,13 @@ bool InstallCoordinator::cancelByUser(std::string_view bundleID) {
 }
 
 bool InstallCoordinator::prioritizeByUser(std::string_view bundleID) {
-    return _engine->prioritize(bundleID);
+    if (!_engine->prioritize(bundleID)) {
+        return false;
+    }
+    Semaphore told;
+    _engine->observers().run([&told] { told.signal(); }); // after the report
+    told.wait();
+    return true;
 }
 
 Result<void> InstallCoordinator::uninstallByUser(std::string_view bundleID) {

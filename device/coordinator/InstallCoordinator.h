@@ -104,7 +104,8 @@ class InstallCoordinator {
     /// A person cancels an app's install on the home screen; false when the app has no coordinator, or when it was
     /// installed before the cancel could stop it.
     bool cancelByUser(std::string_view bundleID);
-    /// A person asks for an app to come first; false when it has no coordinator.
+    /// A person asks for an app to come first; false when it has no coordinator. Returns when its client, if one is
+    /// connected, has been told. Not to be called from a delegate.
     bool prioritizeByUser(std::string_view bundleID);
     /// A person removes an app, or stops its install.
     [[nodiscard]] Result<void> uninstallByUser(std::string_view bundleID);

@@ -34,8 +34,8 @@ std::string PersonOnDevice::cancel(const std::string& app) {
     return notUnderWay(app);
 }
 
-/// The plug-in takes the placeholder away when the transfer or the install fails. Were it gone before, the plug-in
-/// would remove an installed version in its stead. Only of a restore is it told through the registry.
+/// The plug-in takes the placeholder away when the transfer or the install fails. Only of a restore is it told through
+/// the registry.
 bool PersonOnDevice::_cancelWithoutCoordination(const std::string& app) {
     const auto application = _device.registry().application(app);
     if (!application || !application->isPlaceholder) {

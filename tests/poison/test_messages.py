@@ -41,6 +41,7 @@ REPETITIONS = {
     "30000-texts-of-100-kB": (0x50, 100_000, 30_000, "refused"),
     "40-texts-of-1-MB": (0x50, MEBIBYTE, 40, "installed"),  # within what a list may repeat
     "100000-short-texts": (0x50, 20, 100_000, "installed"),
+    "950000-letters": (0x50, 1, 950_000, "installed"),  # as dense as a list may be, and nearly as long
 }
 
 
