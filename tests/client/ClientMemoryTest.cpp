@@ -13,17 +13,18 @@ thread_local int untilRefusal = -1;     // so many allocations go well before on
 
 } // namespace
 
-void* operator new(std::size_t size) {
+// Not inline, or the compiler takes its own for mismatched with these.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     void* const memory = untilRefusal >= 0 && untilRefusal-- == 0 ? nullptr : std::malloc(size);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
     return memory;
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
     std::free(memory);
 }
 
