@@ -1,6 +1,7 @@
 // Any bytes as an app's identifier, name and reason: what is printed is harmless to a terminal and of bounded length,
 // and the home screen can be drawn.
 #include "device/screen/CairoImage.h"
+#include "device/screen/Picture.h"
 #include "device/screen/ScreenText.h"
 #include "fuzz/Fuzz.h"
 #include "host/view/Print.h"
@@ -16,6 +17,11 @@
 using appsync::fuzz::expect;
 
 namespace {
+
+/// The libraries of the fonts keep what they have read until they are told, which looks like a leak at the end.
+struct Fonts {
+    ~Fonts() { appsync::device::releaseFonts(); }
+} fonts;
 
 bool isAnyOf(char32_t c, std::initializer_list<std::pair<char32_t, char32_t>> ranges) {
     return std::ranges::any_of(ranges, [&](const auto& range) { return c >= range.first && c <= range.second; });
