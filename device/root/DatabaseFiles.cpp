@@ -14,10 +14,11 @@ sqlite3_vfs* usual() noexcept {
 }
 
 int keepPath(sqlite3_vfs* /*files*/, const char* path, int size, char* out) {
-    if (std::strlen(path) >= static_cast<std::size_t>(size)) {
+    const std::size_t length = std::strlen(path) + 1;
+    if (length > static_cast<std::size_t>(size)) {
         return SQLITE_CANTOPEN;
     }
-    std::strcpy(out, path);
+    std::memcpy(out, path, length);
     return SQLITE_OK;
 }
 
