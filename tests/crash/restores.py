@@ -15,9 +15,9 @@ class Restore(Scenario):
     comes back installed."""
 
     done_results = ("waits for the store", "waits for a sync", "demoted")
-    # Where the list of demoted apps cannot be read there is none for the plug-in, and such an app waits for the store.
-    # What is changed in a backup is what comes back from it.
-    left_out = ("read-EIO", "source-shrinks", "source-grows", "source-replaced")
+    # Where the list of demoted apps cannot be read, on the device or in the backup, there is none for the plug-in, and such
+    # an app waits for the store. What is changed in a backup is what comes back from it.
+    left_out = ("read-EIO", "source-EIO", "source-shrinks", "source-grows", "source-goes", "source-replaced")
     # Of a demoted app whose coordinator cannot be made the plug-in logs that alone.
     silent_reasons = ("The device could not prepare it; `qrd log` tells why.",)
 
