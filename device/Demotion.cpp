@@ -9,11 +9,6 @@ namespace appsync::device {
 
 namespace {
 
-bool isDemoted(const Application& app) {
-    return app.isPlaceholder &&
-           (app.installType == PDInstallTypeDowngrade || app.installType == PDInstallTypeIntentionalDowngrade);
-}
-
 /// Keeps an app from running; lets it go at the end.
 class Hold {
   public:
@@ -54,7 +49,7 @@ PlaceholderRequest placeholderOf(DeviceFileSystem& files, const Application& app
 
 Result<void> Device::demote(const std::string& identifier, bool isAutomatic) {
     const auto app = registry().application(identifier);
-    if (!app || (!isDemoted(*app) && (!app->isInstalled || app->isPlaceholder))) {
+    if (!app || (!app->isDemoted() && (!app->isInstalled || app->isPlaceholder))) {
         const std::string reason = !app ? "the device has no such app" : "it is on its way; wait until it is installed";
         return makeInstallerError(InstallerError::invalidRequest, "cannot demote " + identifier + ": " + reason);
     }

@@ -112,7 +112,7 @@ struct Device::Services {
     [[nodiscard]] Result<void> openApps(const DeviceEnvironment& environment);
     void followRegistry();
     void forgetDataOfNobody();
-    void giveInstalledAppsTheirData();
+    void giveAppsTheirData();
     [[nodiscard]] Result<void> openScreen();
     [[nodiscard]] Result<void> openCoordinator();
     [[nodiscard]] Result<void> openAll(const DeviceEnvironment& environment);
@@ -206,8 +206,9 @@ void Device::Services::forgetDataOfNobody() {
     backup->cancelAllBut(expected);
 }
 
-/// An app may have been installed whose data could not be put in place then. Where that fails again, it waits on.
-void Device::Services::giveInstalledAppsTheirData() {
+/// An app may have come, or come back demoted, whose data could not be put in place then. Where that fails again, it
+/// waits on.
+void Device::Services::giveAppsTheirData() {
     std::set<std::string> onTheirWay;
     for (const OpenCoordinator& open : coordinator->openCoordinators()) {
         onTheirWay.insert(open.bundleID);
@@ -215,7 +216,7 @@ void Device::Services::giveInstalledAppsTheirData() {
     const auto waiting = backup->restoreData();
     for (const RestoreData& data : waiting ? *waiting : std::vector<RestoreData>()) {
         const auto app = registry->application(data.bundleID);
-        const bool isThere = app && app->isInstalled && !app->isPlaceholder;
+        const bool isThere = app && ((app->isInstalled && !app->isPlaceholder) || app->isDemoted());
         if (isThere && !onTheirWay.contains(data.bundleID) && !processes->isRunning(data.bundleID)) {
             (void)backup->restoreApplicationData(data.bundleID);
         }
@@ -236,7 +237,7 @@ Result<void> Device::Services::openCoordinator() {
         return error;
     }
     forgetDataOfNobody();
-    giveInstalledAppsTheirData();
+    giveAppsTheirData();
     coordinator->resume();
     return {};
 }

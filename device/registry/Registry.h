@@ -78,6 +78,12 @@ struct Application {
     std::string bundlePath;                    // these two of the installed version, else of the placeholder
     std::string containerPath;
     std::string dataContainerPath; // made by whoever first writes into it
+
+    /// Whether its bundle was given up to save space, so that a placeholder and the data are all there is.
+    [[nodiscard]] bool isDemoted() const noexcept {
+        return isPlaceholder && !isInstalled &&
+               (installType == PDInstallTypeDowngrade || installType == PDInstallTypeIntentionalDowngrade);
+    }
 };
 
 /// What `settle` found and put in order.

@@ -25,16 +25,11 @@ const char* levelName(LogLevel level) {
     return level == LogLevel::error ? "error" : "default";
 }
 
-bool isDemoted(const device::Application& app) {
-    return app.isPlaceholder && !app.isInstalled &&
-           (app.installType == PDInstallTypeDowngrade || app.installType == PDInstallTypeIntentionalDowngrade);
-}
-
 std::string stateOf(const device::Application& app, bool isRunning) {
     if (!app.isPlaceholder) {
         return isRunning ? "running" : "installed";
     }
-    if (isDemoted(app) && !app.progress) {
+    if (app.isDemoted() && !app.progress) {
         return "demoted";
     }
     std::string state = app.isInstalled ? "updating" : "waiting";
@@ -51,7 +46,7 @@ Json toJson(const device::Application& app, bool isRunning) {
                {"installed", app.isInstalled},
                {"placeholder", app.isPlaceholder},
                {"running", isRunning},
-               {"demoted", isDemoted(app)}};
+               {"demoted", app.isDemoted()}};
     if (app.version) {
         entry["version"] = *app.version;
     }

@@ -181,7 +181,11 @@ class Restore {
                 row.result = _resultOf(app.identifier, open);
                 row.reason = app.remark;
             }
-            if (row.result == "failed" && row.reason.empty()) {
+            if (row.result == "demoted" && _device.backup().restoreDataSize(app.identifier)) {
+                row.result = "failed";
+                row.reason = "It is there, demoted, but its data could not be put in place (`qrd log` tells why); that is "
+                             "tried again when the device is next used.";
+            } else if (row.result == "failed" && row.reason.empty()) {
                 row.reason = _type == desktopRestore
                                  ? "The device could not prepare it; `qrd log` tells why."
                                  : "A restore of type " + std::to_string(_type) + " brings no apps back.";
@@ -200,12 +204,11 @@ class Restore {
         if (!app || !app->isPlaceholder) {
             return "failed";
         }
-        switch (app->installType) {
-        case PDInstallTypeRestore: return _device.coordinationIsEnabled() ? "failed" : "waits for a sync";
-        case PDInstallTypeDowngrade:
-        case PDInstallTypeIntentionalDowngrade: return "demoted";
-        default: return "failed";
+        if (app->isDemoted()) {
+            return "demoted";
         }
+        return app->installType == PDInstallTypeRestore && !_device.coordinationIsEnabled() ? "waits for a sync"
+                                                                                            : "failed";
     }
 
     device::Device& _device;

@@ -52,10 +52,7 @@ void leaveRestoresToStore(desktop::SyncList& list) {
 void letDemotedAppsReturn(device::Device& device, const desktop::SyncList& list) {
     for (const desktop::AppArchive* archive : list.installs) {
         const auto app = device.registry().application(archive->identifier);
-        const bool isDemoted =
-            app && app->isPlaceholder &&
-            (app->installType == PDInstallTypeDowngrade || app->installType == PDInstallTypeIntentionalDowngrade);
-        if (isDemoted) {
+        if (app && app->isDemoted()) {
             device.letReturn(archive->identifier);
         }
     }

@@ -419,6 +419,23 @@ TEST_F(Restores, ADemotedAppWaitsForTheListThatSaysSo) {
     EXPECT_EQ(states()["com.example.c"], "c 1.c as type 8");
 }
 
+TEST_F(Restores, DataOfADemotedAppThatCouldNotBePutInPlaceComesWhenTheDeviceIsOpenedAgain) {
+    create("a");
+    fill();
+    const Results expected = treeOf(dataOf("c"));
+    backUp();
+    create("b");
+    const fs::path containers = fs::path(device()) / dataFolder;
+    fs::remove_all(containers);
+    write(containers, "no folder");
+    const Json report = bringBack(ExitCode::someAppFailed);
+    EXPECT_EQ(results(report)["com.example.c"], "failed");
+    EXPECT_NE(reasonOf(report, "c").find("its data could not be put in place"), std::string::npos);
+    fs::remove(containers);
+    EXPECT_EQ(states()["com.example.c"], "c 1.c as type 8");
+    EXPECT_EQ(treeOf(dataOf("c")), expected);
+}
+
 TEST_F(Restores, DataThatCouldNotBePutInPlaceComesWhenTheDeviceIsOpenedAgain) {
     create("a");
     fill();
