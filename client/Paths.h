@@ -29,10 +29,15 @@ inline std::string join(std::string_view directory, std::string_view name) {
     return std::string(directory).append("/").append(name);
 }
 
-/// The path-safety check: true for a string that cannot climb out of the folder it is appended to. Everything that
-/// comes from a file and becomes part of a path, or names an app to act on, passes it first.
+/// The path-safety check: whether a string is there and has no "/..". Everything that comes from a file and becomes
+/// part of a path, or names an app to act on, passes it first. What begins with "../" passes, and climbs one folder.
 inline bool isSafe(const std::optional<std::string_view>& identifierOrPath) {
     return identifierOrPath && identifierOrPath->find("/..") == std::string_view::npos;
+}
+
+/// Whether a path leads back up somewhere, so that it may leave the folder that it begins with.
+inline bool climbs(std::string_view path) {
+    return path.find("/../") != std::string_view::npos || path.ends_with("/..");
 }
 
 /// Whether an identifier can be a file's name, so that what is named after it stays in its folder.

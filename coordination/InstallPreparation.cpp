@@ -136,6 +136,9 @@ std::uint64_t AppsClient::_copyIcon(InstallPreparation& app, const std::string& 
         size = copy ? copy->size : 0;
         _log.message("icon for %{public}@ at %{public}@ has a size of %llu", bundleIdentifier, destination, size);
     }
+    if (error != nullptr) {
+        app.error = error;
+    }
     _log.message("Copied icon from %{public}@ to %{public}@ with error %{public}@ for '%{public}@', sizeOnDisk:%llu",
                  *app.iconPath, destination, error, bundleIdentifier, size);
     _logStep(TransactionStep::iconCopy, TransactionPhase::end, true, bundleIdentifier, "Copying icon");

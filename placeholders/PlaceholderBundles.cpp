@@ -7,6 +7,8 @@
 #include "platform/PropertyListSerialization.h"
 #include "platform/TransactionLog.h"
 
+#include <cerrno>
+
 namespace appsync {
 
 namespace {
@@ -61,8 +63,9 @@ std::string AppsClient::placeholderAppPathForBundleIdentifier(std::string_view b
 bool AppsClient::createPlaceHolderPath_forBundleIdentifier_withAttributes(std::string_view path,
                                                                           std::string_view bundleIdentifier,
                                                                           const FileAttributes& attributes) {
-    ErrorPtr error;
-    const bool created = _platform.files.createDirectory(path, true, attributes, &error);
+    // What begins with "../" may be an identifier, and would lead out of the folder of the placeholders.
+    ErrorPtr error = paths::climbs(path) ? Error::make(PosixErrorDomain, EINVAL) : nullptr;
+    const bool created = error == nullptr && _platform.files.createDirectory(path, true, attributes, &error);
     if (!created || error != nullptr) {
         _logAppRestore(false, bundleIdentifier, "Failed to create app directory");
     }

@@ -80,13 +80,9 @@ std::optional<Dictionary> AppsClient::_loadRestoreInfo() {
     }
     _log.message("processing tamblin restore info");
     auto root = _platform.propertyLists.propertyListWithData(bytes->bytes(), &error);
-    if (!root) {
-        _log.message("failed to parse tamblin app restore info. err=%{public}@", error);
-        return std::nullopt;
-    }
-    Dictionary* apps = root->mutableDictionary();
+    Dictionary* apps = root ? root->mutableDictionary() : nullptr;
     if (apps == nullptr) {
-        _log.error("tamblin app restore info is not a dictionary");
+        _log.message("failed to parse tamblin app restore info. err=%{public}@", error);
         return std::nullopt;
     }
     return std::move(*apps);
@@ -99,10 +95,6 @@ bool AppsClient::_restoreApps(const Dictionary& restoreInfo) {
     _log.oversize("Demoted Apps: %{public}@", demotedAppsFile);
     bool restored = false;
     for (const auto& [identifier, appInfo] : restoreInfo) {
-        if (!paths::isFileName(identifier)) {
-            _log.error("tamblin restore info for '%{public}@', which is no bundle identifier - skipping", identifier);
-            continue;
-        }
         restored = _restoreApp(identifier, appInfo, demotedApps.statusOf(identifier)).value_or(restored);
     }
     return restored;
@@ -113,6 +105,10 @@ std::optional<bool> AppsClient::_restoreApp(std::string_view bundleIdentifier, c
                                             std::uint64_t demotionStatus) {
     _log.message("processing tamblin restore info for '%{public}@' demotionStatus :%lu", bundleIdentifier,
                  demotionStatus);
+    if (!paths::isFileName(bundleIdentifier)) {
+        _log.message("Ignoring invalid path: %{public}@", bundleIdentifier);
+        return std::nullopt;
+    }
     if (_placeholderExistsForApplication(bundleIdentifier)) {
         _log.message("placeholder already exists for '%{public}@' - skiping'", bundleIdentifier);
         return std::nullopt;

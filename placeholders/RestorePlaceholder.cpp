@@ -58,13 +58,9 @@ std::optional<Dictionary> AppsClient::_parseTamblinMetadata(std::string_view bun
                                                             const Data& tamblinMetaData) {
     ErrorPtr error;
     auto root = _platform.propertyLists.propertyListWithData(tamblinMetaData.bytes(), &error);
-    if (!root) {
-        _log.message("failed to parse tamblin metadata for '%{public}@'. err=%{public}@", bundleIdentifier, error);
-        return std::nullopt;
-    }
-    Dictionary* metadata = root->mutableDictionary();
+    Dictionary* metadata = root ? root->mutableDictionary() : nullptr;
     if (metadata == nullptr) {
-        _log.message("tamblin metadata for '%{public}@' is not a dictionary", bundleIdentifier);
+        _log.message("failed to parse tamblin metadata for '%{public}@'. err=%{public}@", bundleIdentifier, error);
         return std::nullopt;
     }
     return std::move(*metadata);

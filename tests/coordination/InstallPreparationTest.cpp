@@ -295,8 +295,28 @@ TEST_F(InstallPreparation, GoesOnWithoutAnIconThatCouldNotBeCopied) {
                                attributes,
                                storeMetadata,
                                configured,
-                               attached,
-                               succeeded}));
+                               afterAnError}));
+}
+
+TEST_F(InstallPreparation, ReportsTheLastErrorOfAllSteps) {
+    world.faults.fail("files.copyItem");
+    world.faults.fail("placeholder.setMetadata", 1, 0, Error::make("Later", 8));
+    EXPECT_TRUE(prepare());
+    EXPECT_TRUE(has(journal(), "log: processing app install for bundle a finished with status 1 error Later 8"));
+}
+
+TEST_F(InstallPreparation, MakesNoFolderForAnIdentifierThatLeadsOutOfThePlaceholders) {
+    for (const std::string identifier : {"../x", "../../x", "x/../../y"}) {
+        asset = makeAsset(identifier);
+        asset->icon = FileURL::fileURLWithPath("/work/icon.png", false);
+        EXPECT_TRUE(prepare());
+        const Lines lines = journal();
+        EXPECT_TRUE(has(lines, "log: Created app directory for '" + identifier + "' at /tmp/com.zuvex.qrd.Apps/" +
+                                   identifier + ".app with err=POSIX 22"));
+        for (const std::string& line : lines) {
+            EXPECT_FALSE(line.starts_with("files.")) << line;
+        }
+    }
 }
 
 TEST_F(InstallPreparation, TakesAnIconWhoseAttributesCannotBeReadForEmpty) {

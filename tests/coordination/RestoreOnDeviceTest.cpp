@@ -1,4 +1,4 @@
-// Restores on a real device: what stands there afterwards, and after its next start.
+// Restores and lists on a real device: what stands there afterwards, and after its next start.
 #include "client/AppsClient.h"
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
+#include <set>
 
 namespace appsync {
 namespace {
@@ -134,6 +136,51 @@ TEST_F(RestoreOnDevice, ARestoreThatFailsLeavesNothing) {
     EXPECT_FALSE(device->files().fileExists("/tmp/com.zuvex.qrd.Apps"));
     EXPECT_FALSE(device->files().fileExists("/var/mobile/x.app"));
 }
+
+/// Everything on a device that is none of the plug-in's and none of the device's own records.
+std::set<std::string> othersFiles(const std::filesystem::path& device) {
+    std::set<std::string> found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(device)) {
+        const std::string path = entry.path().lexically_relative(device).string();
+        const bool isOwn = path.starts_with("var/mobile/Library/ApplicationSync") ||
+                           path.starts_with("tmp/com.zuvex.qrd.Apps") || path.starts_with("var/db/");
+        if (!isOwn) {
+            found.insert(path);
+        }
+    }
+    return found;
+}
+
+class ListOnDevice : public testing::TestWithParam<bool> {};
+
+TEST_P(ListOnDevice, AnIdentifierThatClimbsLeadsNowhereOutsideOfThePlugInsFolders) {
+    inmemory::World world;
+    const device::TemporaryFolder folder;
+    auto device = device::Device::create(folder.path(), {.coordinationIsEnabled = GetParam()});
+    ASSERT_TRUE(device);
+    const auto client = AppsClient::init((*device)->platform(world.deviceService, world.errors));
+    Array records;
+    for (const char* identifier : {"../x", "../../x", "..", "../TamblinStuff/../../x", "/x"}) {
+        records.push_back(Dictionary{{"identifier", identifier}, {"operation", "install"}, {"name", "X"}});
+        records.push_back(Dictionary{{"identifier", identifier}, {"operation", "remove"}});
+    }
+    const auto list = PropertyListCodec().dataWithPropertyList(records, PropertyListFormat::binary, nullptr);
+    const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync";
+    (*device)->files().createDirectory(staging, true, std::nullopt, nullptr);
+    ASSERT_TRUE((*device)->files().createFile(staging + "/ApplicationsSync.plist", list->bytes(), {}));
+    const auto before = othersFiles(folder.path());
+    EXPECT_TRUE(client->reconcileSync_withNewAnchor_progressCallback_error(nullptr, "", {}, nullptr));
+    (void)client->outstandingAssetTransfers();
+    (*device)->coordinator().waitUntilIdle();
+    auto after = othersFiles(folder.path());
+    for (const std::string& path : before) {
+        EXPECT_TRUE(after.erase(path) == 1 || path.starts_with(staging.substr(1))) << path << " is gone";
+    }
+    EXPECT_EQ(after, std::set<std::string>());
+}
+INSTANTIATE_TEST_SUITE_P(Paths, ListOnDevice, testing::Bool(), [](const auto& parameter) {
+    return std::string(parameter.param ? "Coordinated" : "OwnInstalls");
+});
 
 } // namespace
 } // namespace appsync

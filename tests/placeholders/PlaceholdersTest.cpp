@@ -244,6 +244,18 @@ TEST_F(OwnPlaceholder, IsNotMadeWithoutItsDirectory) {
     EXPECT_EQ(create().back(), "log: Created app directory for 'a' at " + bundle + " with err=TestDomain 7");
 }
 
+TEST_F(OwnPlaceholder, IsNotMadeWhereAnIdentifierLeadsOutOfTheFolderOfPlaceholders) {
+    asset->identifier = "../x";
+    EXPECT_EQ(
+        create(),
+        (join({read,
+               {"transactions.logScenario(\"Tamblin App Restore\", step 0, success 0, ../x, \"Failed to create app "
+                "directory\")",
+                "log: Created app directory for '../x' at /tmp/com.zuvex.qrd.Apps/../x.app with err=POSIX 22"}})));
+    asset->identifier = "..x";
+    EXPECT_EQ(create().back().find("success 0"), std::string::npos) << "a name may begin with dots";
+}
+
 TEST_F(OwnPlaceholder, IsMadeWithoutAnIconThatCannotBeCopied) {
     world.faults.fail("files.copyItem");
     EXPECT_EQ(

@@ -171,7 +171,7 @@ TEST_F(RestoreInfo, IsMovedAwayWhenItIsNoDictionary) {
     for (const Value& root : {Value(Array{app()}), Value("a"), Value(2), Value(Data("a"))}) {
         putInfo(root);
         EXPECT_FALSE(process());
-        EXPECT_EQ(journal(), (join({parsed, {"error: tamblin app restore info is not a dictionary"}, archived})));
+        EXPECT_EQ(journal(), (join({parsed, {"log: failed to parse tamblin app restore info. err=(null)"}, archived})));
     }
 }
 
@@ -372,11 +372,12 @@ TEST_F(RestoreInfo, OfAnIdentifierThatCouldLeadElsewhereIsSkippedBeforeAnythingI
               std::string(".."), std::string("."), std::string(), std::string("a\0b", 3)}) {
             putInfo(Dictionary{{identifier, app()}});
             EXPECT_FALSE(process());
-            EXPECT_EQ(journal(), (join({parsed,
-                                        nothingDemoted,
-                                        {"error: tamblin restore info for '" + identifier +
-                                         "', which is no bundle identifier - skipping"},
-                                        archived})));
+            EXPECT_EQ(journal(),
+                      (join({parsed,
+                             nothingDemoted,
+                             {"log: processing tamblin restore info for '" + identifier + "' demotionStatus :0",
+                              "log: Ignoring invalid path: " + identifier},
+                             archived})));
         }
     }
 }

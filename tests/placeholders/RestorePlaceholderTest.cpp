@@ -96,7 +96,7 @@ TEST_F(RestorePlaceholder, IsNotMadeOfMetadataThatIsNoDictionaryWhichIsNoFailure
     for (const Value& root : {Value(Array{"title"}), Value("title"), Value(5)}) {
         EXPECT_TRUE(process(plist(root)));
         EXPECT_EQ(journal(), (join({parse,
-                                    {"log: tamblin metadata for 'a' is not a dictionary",
+                                    {"log: failed to parse tamblin metadata for 'a'. err=(null)",
                                      transaction(false, "Failed to parse tamblin metadata")}})));
     }
 }
