@@ -183,8 +183,9 @@ class Restore {
             }
             if (row.result == "demoted" && _device.backup().restoreDataSize(app.identifier)) {
                 row.result = "failed";
-                row.reason = "It is there, demoted, but its data could not be put in place (`qrd log` tells why); that is "
-                             "tried again when the device is next used.";
+                row.reason =
+                    "It is there, demoted, but its data could not be put in place (`qrd log` tells why); that is "
+                    "tried again when the device is next used.";
             } else if (row.result == "failed" && row.reason.empty()) {
                 row.reason = _type == desktopRestore
                                  ? "The device could not prepare it; `qrd log` tells why."
