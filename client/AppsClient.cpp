@@ -17,6 +17,10 @@ constexpr std::string_view startupCompleteNotification = "com.zuvex.qrd.QRStartu
 constexpr std::string_view observerServiceName = "com.zuvex.qrd.kpc.icappobserverdelegate";
 constexpr std::size_t concurrentInstalls = 10;
 
+bool runsInDaemon(const Platform& platform) {
+    return platform.process.mainBundleIdentifier() == daemonIdentifier;
+}
+
 } // namespace
 
 std::unique_ptr<AppsClient> AppsClient::init(const Platform& platform) {
@@ -27,11 +31,11 @@ AppsClient::AppsClient(const Platform& platform) noexcept
     : _platform(platform), _log(platform.log), _pendingRetries(platform.scheduler),
       _installOperationQueue(concurrentInstalls), _backupManager(platform.backupManagers.init()),
       _accessQueue(std::string(plugInIdentifier)) {
-    _workspace().addObserver(this);
+    _platform.workspaces.defaultWorkspace().addObserver(this);
     _platform.transactionLog.initializeWithLog(
         std::make_shared<const SystemLog>(SystemLog{"com.zuvex.appinstallation", "qrd.appsync"}));
     _useInstallCoordinator = _platform.coordinators.coordinationIsEnabled();
-    if (_runsInDaemon()) {
+    if (runsInDaemon(_platform)) {
         _platform.notificationCenter.addObserver(this, _handleQRDStartupCompletedNotification,
                                                  startupCompleteNotification, nullptr,
                                                  NotificationSuspensionBehavior::drop);
@@ -44,8 +48,8 @@ AppsClient::~AppsClient() {
     if (const std::size_t outstanding = _outstandingRFXTransfers.count(); outstanding > 0) {
         _log.error("%{public}@ getting dealloc'd with %lu outstanding RFX transfers!", *this, outstanding);
     }
-    _workspace().removeObserver(this);
-    if (_runsInDaemon()) {
+    _platform.workspaces.defaultWorkspace().removeObserver(this);
+    if (runsInDaemon(_platform)) {
         _platform.notificationCenter.removeObserver(this, startupCompleteNotification);
         _appInstallObserver = nullptr;
     }
@@ -67,14 +71,6 @@ void _handleQRDStartupCompletedNotification(NotificationCenter* /*center*/, void
 
 std::string AppsClient::description() const {
     return "<AppsClient>";
-}
-
-bool AppsClient::_runsInDaemon() {
-    return _platform.process.mainBundleIdentifier() == daemonIdentifier;
-}
-
-PDApplicationWorkspace& AppsClient::_workspace() const {
-    return _platform.workspaces.defaultWorkspace();
 }
 
 } // namespace appsync

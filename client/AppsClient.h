@@ -9,6 +9,7 @@
 #include "client/Log.h"
 #include "client/PendingRetries.h"
 #include "concurrency/Group.h"
+#include "concurrency/Guarded.h"
 #include "concurrency/OperationQueue.h"
 #include "concurrency/SerialQueue.h"
 #include "platform/ApplicationRegistry.h"
@@ -30,13 +31,7 @@
 namespace appsync {
 
 class HVManager;
-enum class TransactionPhase : std::uint32_t;
-enum class TransactionStep : std::uint32_t;
-struct Candidate;
-struct InstallPreparation;
 class NotificationCenter;
-class QRDeviceService;
-struct RestorePreparation;
 
 class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
                          public KXAppInstallObserverDelegate,
@@ -268,96 +263,14 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     /// Where memory runs out the process ends, or services would go on calling a client that is gone.
     explicit AppsClient(const Platform& platform) noexcept;
 
-    [[nodiscard]] bool _runsInDaemon();
-    [[nodiscard]] PDApplicationWorkspace& _workspace() const;
-    [[nodiscard]] std::optional<Value> _readPlist(std::string_view path);
-    bool _reconcileStagedSync(ErrorPtr* error);
-    void _performRemovals(const Array& toDoList);
-    void _sendIconLayout();
-    void _writeToDoListDebugCopy(const Array& toDoList);
-    void _clearUninstalledApps();
-    void _addUninstalledApps(Dictionary& candidates);
-    void _addMissingApps(const std::optional<Array>& lastSyncedApps, Dictionary& candidates);
-    [[nodiscard]] std::optional<Array> _rememberedUninstalledApps();
-    void _addAccountsOf(PDApplicationProxy& application, std::set<std::string>& accounts);
-    // A value as the kind it should have; one of another kind is logged with its label and counts as absent.
-    [[nodiscard]] std::optional<std::string_view> _stringOf(const Value* value, std::string_view label);
-    [[nodiscard]] const Dictionary* _dictionaryOf(const Value* value, std::string_view label);
-    void _prepareMetadataForBackup(PDApplicationProxy& application);
-    [[nodiscard]] Dictionary _preExistingPlaceholders();
-    void _addRequestedApps(const Array& toDoList, Dictionary& wanted, std::set<std::string>& requestedByClient);
-    void _dropAppsInProgress(Dictionary& wanted);
-    void _renewIconDirectory();
-    [[nodiscard]] std::optional<std::string> _displayNameOfBundle(const std::optional<std::string>& path);
-    [[nodiscard]] QRAssetPtr _assetForCandidate(const Candidate& candidate,
-                                                const std::optional<std::string>& displayName);
-    [[nodiscard]] bool _recoveredDownloadExists(std::string_view identifier, const std::optional<std::string>& version);
-    [[nodiscard]] bool _prepareCoordinatedInstall(const QRAssetPtr& asset);
-    [[nodiscard]] bool _preparePlaceholder(const QRAssetPtr& asset, bool hasPlaceholder);
-    void _transferSucceeded(const QRAssetPtr& asset, bool existingApp, const FNProgressPtr& progress);
-    void _settlePath(const QRAssetPtr& asset);
-    void _restoreAssetArrived(const QRAssetPtr& asset, const FNProgressPtr& progress);
-    void _transferFailed(const QRAssetPtr& asset, const ErrorPtr& error, bool userCancelled,
-                         const FNProgressPtr& progress);
-    void _uninstallPlaceholderOfFailedTransfer(const QRAssetPtr& asset, bool userCancelled);
-    void _refreshReceipts();
-    void _settleOutstandingTransfers(const std::vector<std::string>& outstanding, bool success);
-    void _undoFailedInstall(const QRAssetPtr& asset);
-    void _logUlvaneRestore(bool success, std::string_view identifier, std::string_view description);
-
-    void _installArchive(const QRAssetPtr& asset);
-    void _retryInstallLater(const QRAssetPtr& asset);
-    void _logAssetInstall(bool success, std::string_view identifier, std::string_view description);
-
-    bool _prepareCoordinator(InstallPreparation& app, bool existingApp);
-    bool _setInstallOptions(InstallPreparation& app);
-    bool _setInitialODRAssetPromises(InstallPreparation& app);
-    bool _setPlaceholderPromise(InstallPreparation& app);
-    std::uint64_t _copyIcon(InstallPreparation& app, const std::string& destination);
-    void _configurePlaceholder(InstallPreparation& app);
-    void _cancelPreparation(const InstallPreparation& app);
-    [[nodiscard]] KXAppInstallCoordinatorPtr _workingCoordinator(std::string_view bundleIdentifier, bool existingApp);
-    void _logStep(TransactionStep step, TransactionPhase phase, bool success, std::string_view bundleIdentifier,
-                  std::string_view description);
-    [[nodiscard]] QRAssetPtr _namelessAsset(std::string_view identifier);
-
-    bool _parseRestoreMetadata(RestorePreparation& app, const Data& tamblinMetadata);
-    [[nodiscard]] std::shared_ptr<KXRestoringAppInstallCoordinator> _restoringCoordinator(RestorePreparation& app);
-    bool _prepareRestoringCoordinator(RestorePreparation& app, KXRestoringAppInstallCoordinator* coordinator);
-    template <class Coordinator> bool _setUserDataPromise(RestorePreparation& app, Coordinator* coordinator);
-    bool _setRestoreOptions(RestorePreparation& app);
-    bool _setRestorePlaceholderPromise(RestorePreparation& app);
-    bool _handAssetToStoreClient(RestorePreparation& app, KXRestoringAppInstallCoordinator& coordinator);
-    bool _configureRestorePlaceholder(KXPlaceholder& placeholder, std::string_view bundleIdentifier,
-                                      const Dictionary& metadata, const std::optional<Data>& sinfData);
-    void _cancelRestore(const RestorePreparation& app);
-
-    [[nodiscard]] static Dictionary _placeholderInfo(const QRAsset& asset, std::string_view prettyName,
-                                                     const Dictionary& appInfo);
-    bool _writeInfoPlist(const Dictionary& info, std::string_view bundlePath);
-    bool _installPlaceholder(std::string_view bundlePath, const Dictionary& info, const Dictionary& options);
-    [[nodiscard]] std::optional<Dictionary> _loadRestoreInfo();
-    bool _restoreApps(const Dictionary& restoreInfo);
-    std::optional<bool> _restoreApp(std::string_view bundleIdentifier, const Value& appInfo,
-                                    std::uint64_t demotionStatus);
-    void _archiveRestoreInfo();
-    [[nodiscard]] std::optional<Dictionary> _parseTamblinMetadata(std::string_view bundleIdentifier,
-                                                                  const Data& tamblinMetaData);
-    const char* _buildRestorePlaceholder(std::string_view bundleIdentifier, const Dictionary& metadata,
-                                         const std::optional<Data>& iconData, const Dictionary& options);
-    void _logAppRestore(bool success, std::string_view bundleIdentifier, std::string_view description);
-    [[nodiscard]] std::optional<Dictionary> _dictionaryAtPath(const std::optional<std::string>& path);
-    [[nodiscard]] Array _fetchIconOrder();
-
     const Platform _platform;
     const PlugInLog _log;
-    std::mutex _toDoListMutex;        // around each change of the to-do list
-    std::mutex _restoreStateMutex;    // around each change of the restore state
-    std::mutex _uninstalledAppsMutex; // around each use of `_uninstalledApps`
+    std::mutex _toDoListMutex;     // around each change of the to-do list
+    std::mutex _restoreStateMutex; // around each change of the restore state
     PendingRetries _pendingRetries;
 
-    std::optional<Array> _uninstalledApps; // bundle identifiers; nothing until the inventory has been asked for
-    Group _installGroup;                   // queued installs and pending retries
+    Guarded<std::optional<Array>> _uninstalledApps; // bundle identifiers; nullopt until the inventory was asked for
+    Group _installGroup;                            // queued installs and pending retries
     std::atomic<std::uint32_t> _numAppInstallsAttempted = 0;
     IdentifierSet _outstandingRFXTransfers; // assets of which progress was told and whose transfer has not ended
     OperationQueue _installOperationQueue;

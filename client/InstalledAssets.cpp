@@ -28,6 +28,35 @@ RecordsByIdentifier firstRecords(const std::optional<Array>& toDoList) {
     return records;
 }
 
+/// The apps that the low-level installation service records as uninstalled; nullopt when it does not say.
+std::optional<Array> lookUpUninstalledApps(const Platform& platform, const PlugInLog& log) {
+    const auto uninstalled = platform.installationService.TevrinLookupUninstalled(nullptr);
+    if (!uninstalled) {
+        log.error("TevrinLookupUninstalled returned NULL");
+        return std::nullopt;
+    }
+    Array identifiers;
+    identifiers.reserve(uninstalled->size());
+    for (const auto& [identifier, facts] : *uninstalled) {
+        identifiers.emplace_back(identifier);
+    }
+    return identifiers;
+}
+
+/// The apps of the last sync that the registry no longer has.
+void addMissingApps(PDApplicationWorkspace& workspace, const std::optional<Array>& lastSyncedApps,
+                    Dictionary& candidates) {
+    if (!lastSyncedApps) {
+        return;
+    }
+    for (const Value& app : *lastSyncedApps) {
+        const auto identifier = app.text();
+        if (identifier && !workspace.applicationIsInstalled(*identifier)) {
+            candidates.insert(*identifier, true);
+        }
+    }
+}
+
 } // namespace
 
 Dictionary AppsClient::installedAssets() noexcept {
@@ -36,8 +65,13 @@ Dictionary AppsClient::installedAssets() noexcept {
     const auto lastSyncedApps = _loadPlist_withError(paths::lastSyncAppState, nullptr);
 
     Dictionary candidates; // each identifier once
-    _addUninstalledApps(candidates);
-    _addMissingApps(lastSyncedApps, candidates);
+    if (auto uninstalled = lookUpUninstalledApps(_platform, _log)) {
+        for (const Value& identifier : *uninstalled) {
+            candidates.insert(*identifier.text(), true);
+        }
+        _uninstalledApps.set(std::move(uninstalled)); // until the service has forgotten them
+    }
+    addMissingApps(_platform.workspaces.defaultWorkspace(), lastSyncedApps, candidates);
 
     Array deleted;
     const RecordsByIdentifier records = firstRecords(toDoList);
@@ -57,45 +91,8 @@ Dictionary AppsClient::installedAssets() noexcept {
     }
     _log.oversize("finished getting installed assets toDoList:%{public}@, uninstalled apps %{public}@, last synced "
                   "apps%{public}@",
-                  toDoList, _rememberedUninstalledApps(), lastSyncedApps);
+                  toDoList, _uninstalledApps.get(), lastSyncedApps);
     return {{"_Deleted", std::move(deleted)}};
-}
-
-/// The apps that the low-level installation service records as uninstalled; they are remembered until it has forgotten
-/// them.
-void AppsClient::_addUninstalledApps(Dictionary& candidates) {
-    const auto uninstalled = _platform.installationService.TevrinLookupUninstalled(nullptr);
-    if (!uninstalled) {
-        _log.error("TevrinLookupUninstalled returned NULL");
-        return;
-    }
-    Array identifiers;
-    identifiers.reserve(uninstalled->size());
-    for (const auto& [identifier, facts] : *uninstalled) {
-        identifiers.emplace_back(identifier);
-        candidates.insert(identifier, true);
-    }
-    const std::lock_guard lock(_uninstalledAppsMutex);
-    _uninstalledApps = std::move(identifiers);
-}
-
-/// The apps of the last sync that the registry no longer has.
-void AppsClient::_addMissingApps(const std::optional<Array>& lastSyncedApps, Dictionary& candidates) {
-    if (!lastSyncedApps) {
-        return;
-    }
-    PDApplicationWorkspace& workspace = _workspace();
-    for (const Value& app : *lastSyncedApps) {
-        const auto identifier = app.text();
-        if (identifier && !workspace.applicationIsInstalled(*identifier)) {
-            candidates.insert(*identifier, true);
-        }
-    }
-}
-
-std::optional<Array> AppsClient::_rememberedUninstalledApps() {
-    const std::lock_guard lock(_uninstalledAppsMutex);
-    return _uninstalledApps;
 }
 
 } // namespace appsync

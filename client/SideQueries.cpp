@@ -2,7 +2,7 @@
 #include "client/AppsClient.h"
 
 #include "client/Paths.h"
-#include "platform/PropertyListSerialization.h"
+#include "client/PropertyListFile.h"
 
 namespace appsync {
 
@@ -26,19 +26,85 @@ const Value* valueIn(const Dictionary* dictionary, std::string_view key) {
     return dictionary != nullptr ? dictionary->find(key) : nullptr;
 }
 
+/// The string, or nullopt; a value of another kind is logged with its label.
+std::optional<std::string_view> stringOf(const PlugInLog& log, const Value* value, std::string_view label) {
+    const auto text = value != nullptr ? value->string() : std::nullopt;
+    if (value != nullptr && !text) {
+        log.typeCheck("unexpected type for %{public}@", label);
+    }
+    return text;
+}
+
+/// The same for a dictionary.
+const Dictionary* dictionaryOf(const PlugInLog& log, const Value* value, std::string_view label) {
+    const Dictionary* dictionary = value != nullptr ? value->dictionary() : nullptr;
+    if (value != nullptr && dictionary == nullptr) {
+        log.typeCheck("unexpected type for %{public}@", label);
+    }
+    return dictionary;
+}
+
+void addAccountsOf(PDApplicationProxy& application, const Platform& platform, const PlugInLog& log,
+                   std::set<std::string>& accounts) {
+    const auto path = metadataPath(application);
+    const auto metadata = readDictionary(platform, path);
+    const Dictionary* root = metadata ? &*metadata : nullptr;
+    const auto account = stringOf(log, valueIn(root, accountKey), "zuvexID");
+    const Dictionary* downloadInfo = dictionaryOf(log, valueIn(root, downloadInfoKey), "downloadInfo");
+    const Dictionary* accountInfo = dictionaryOf(log, valueIn(downloadInfo, accountInfoKey), "accountInfo");
+    const auto downloadAccount = stringOf(log, valueIn(accountInfo, downloadAccountKey), "ZuvexID");
+
+    if (account && downloadAccount && *account != *downloadAccount) {
+        log.message("mismatched ZuvexID keys for %{public}@: %{public}@ vs %{public}@",
+                    application.applicationIdentifier(), *account, *downloadAccount);
+    }
+    if (!account && !downloadAccount) {
+        log.message("unknown ZuvexID for %{public}@ (plist at %{public}@)", application.applicationIdentifier(), path);
+    }
+    for (const auto& present : {account, downloadAccount}) {
+        if (present) {
+            accounts.emplace(*present);
+        }
+    }
+}
+
+void prepareMetadataForBackup(PDApplicationProxy& application, const Platform& platform, const PlugInLog& log) {
+    const auto path = metadataPath(application);
+    auto metadata = readDictionary(platform, path);
+    if (!metadata) {
+        return;
+    }
+    bool changed = false;
+    const bool isDeviceBased = application.hasMIDBasedSINF();
+    if (isDeviceBased || metadata->contains(deviceBasedKey)) {
+        metadata->set(deviceBasedKey, isDeviceBased);
+        log.message("Updated DeviceBasedKPL state for : %{public}@ to %d", application.bundleIdentifier(),
+                    isDeviceBased);
+        changed = true;
+    }
+    if (metadata->truth(autoDownloadKey)) {
+        metadata->erase(autoDownloadKey);
+        log.message("clearing is-auto-download value for %{public}@", application.bundleIdentifier());
+        changed = true;
+    }
+    if (changed) {
+        writePropertyList(platform, std::move(*metadata), PropertyListFormat::xml, *path);
+    }
+}
+
 } // namespace
 
 Dictionary AppsClient::installedAssetMetrics() noexcept {
     std::int64_t count = 0;
     std::uint64_t bytes = 0;
     const std::uint64_t purgeableBytes = 0; // no app's space is ever given up
-    _workspace().enumerateBundlesOfType_block(PDBundleTypeInstalled,
-                                              [&](const PDApplicationProxyPtr& application, bool& /*stop*/) {
-                                                  if (application->applicationType() == "User") {
-                                                      bytes += application->diskUsage().staticUsage;
-                                                      ++count;
-                                                  }
-                                              });
+    _platform.workspaces.defaultWorkspace().enumerateBundlesOfType_block(
+        PDBundleTypeInstalled, [&](const PDApplicationProxyPtr& application, bool& /*stop*/) {
+            if (application->applicationType() == "User") {
+                bytes += application->diskUsage().staticUsage;
+                ++count;
+            }
+        });
     _log.message("found %ld apps using %lld bytes (%lld purgeable)", count, static_cast<std::int64_t>(bytes),
                  static_cast<std::int64_t>(purgeableBytes));
     return {
@@ -48,87 +114,21 @@ Dictionary AppsClient::installedAssetMetrics() noexcept {
 std::set<std::string> AppsClient::zuvexIDsForAssets() noexcept {
     _log.message("getting id's for assets");
     std::set<std::string> accounts;
-    _workspace().enumerateBundlesOfType_block(
-        PDBundleTypeInstalled,
-        [&](const PDApplicationProxyPtr& application, bool& /*stop*/) { _addAccountsOf(*application, accounts); });
+    _platform.workspaces.defaultWorkspace().enumerateBundlesOfType_block(
+        PDBundleTypeInstalled, [&](const PDApplicationProxyPtr& application, bool& /*stop*/) {
+            addAccountsOf(*application, _platform, _log, accounts);
+        });
     _log.message("Returning zuvex ID set: %{public}@", accounts);
     return accounts;
 }
 
-void AppsClient::_addAccountsOf(PDApplicationProxy& application, std::set<std::string>& accounts) {
-    const auto path = metadataPath(application);
-    const auto metadata = _dictionaryAtPath(path);
-    const Dictionary* root = metadata ? &*metadata : nullptr;
-    const auto account = _stringOf(valueIn(root, accountKey), "zuvexID");
-    const Dictionary* downloadInfo = _dictionaryOf(valueIn(root, downloadInfoKey), "downloadInfo");
-    const Dictionary* accountInfo = _dictionaryOf(valueIn(downloadInfo, accountInfoKey), "accountInfo");
-    const auto downloadAccount = _stringOf(valueIn(accountInfo, downloadAccountKey), "ZuvexID");
-
-    if (account && downloadAccount && *account != *downloadAccount) {
-        _log.message("mismatched ZuvexID keys for %{public}@: %{public}@ vs %{public}@",
-                     application.applicationIdentifier(), *account, *downloadAccount);
-    }
-    if (!account && !downloadAccount) {
-        _log.message("unknown ZuvexID for %{public}@ (plist at %{public}@)", application.applicationIdentifier(), path);
-    }
-    for (const auto& present : {account, downloadAccount}) {
-        if (present) {
-            accounts.emplace(*present);
-        }
-    }
-}
-
-std::optional<std::string_view> AppsClient::_stringOf(const Value* value, std::string_view label) {
-    const auto text = value != nullptr ? value->string() : std::nullopt;
-    if (value != nullptr && !text) {
-        _log.typeCheck("unexpected type for %{public}@", label);
-    }
-    return text;
-}
-
-const Dictionary* AppsClient::_dictionaryOf(const Value* value, std::string_view label) {
-    const Dictionary* dictionary = value != nullptr ? value->dictionary() : nullptr;
-    if (value != nullptr && dictionary == nullptr) {
-        _log.typeCheck("unexpected type for %{public}@", label);
-    }
-    return dictionary;
-}
-
 void AppsClient::prepareForBackup() noexcept {
     _log.message("preparing for backup");
-    _workspace().enumerateBundlesOfType_block(
-        PDBundleTypeInstalled,
-        [&](const PDApplicationProxyPtr& application, bool& /*stop*/) { _prepareMetadataForBackup(*application); });
+    _platform.workspaces.defaultWorkspace().enumerateBundlesOfType_block(
+        PDBundleTypeInstalled, [&](const PDApplicationProxyPtr& application, bool& /*stop*/) {
+            prepareMetadataForBackup(*application, _platform, _log);
+        });
     _log.message("finished preparing for backup");
-}
-
-void AppsClient::_prepareMetadataForBackup(PDApplicationProxy& application) {
-    const auto path = metadataPath(application);
-    auto metadata = _dictionaryAtPath(path);
-    if (!metadata) {
-        return;
-    }
-    bool changed = false;
-    const bool isDeviceBased = application.hasMIDBasedSINF();
-    if (isDeviceBased || metadata->contains(deviceBasedKey)) {
-        metadata->set(deviceBasedKey, isDeviceBased);
-        _log.message("Updated DeviceBasedKPL state for : %{public}@ to %d", application.bundleIdentifier(),
-                     isDeviceBased);
-        changed = true;
-    }
-    if (metadata->truth(autoDownloadKey)) {
-        metadata->erase(autoDownloadKey);
-        _log.message("clearing is-auto-download value for %{public}@", application.bundleIdentifier());
-        changed = true;
-    }
-    if (!changed) {
-        return;
-    }
-    const auto bytes =
-        _platform.propertyLists.dataWithPropertyList(std::move(*metadata), PropertyListFormat::xml, nullptr);
-    if (bytes) {
-        _platform.files.writeFileAtomically(*path, bytes->bytes(), nullptr);
-    }
 }
 
 } // namespace appsync

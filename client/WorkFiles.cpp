@@ -2,7 +2,8 @@
 #include "client/AppsClient.h"
 
 #include "client/Paths.h"
-#include "platform/PropertyListSerialization.h"
+#include "client/PropertyListFile.h"
+#include "platform/FileSystem.h"
 
 #include <algorithm>
 
@@ -68,7 +69,7 @@ std::optional<Dictionary> AppsClient::_loadDemotedAppsPlist_withError(std::strin
 std::optional<Value>
 AppsClient::_restoreStatePropertyForKey_identifier_version(std::string_view key, std::string_view identifier,
                                                            const std::optional<std::string>& version) {
-    const auto root = _readPlist(paths::restoreState);
+    const auto root = readPropertyList(_platform, paths::restoreState);
     if (!root || root->dictionary() == nullptr || !version) {
         return std::nullopt;
     }
@@ -96,14 +97,12 @@ void AppsClient::_setRestoreStatePropertyValue_forKey_identifier_version(const V
     Dictionary& versions = dictionaryAt(*state, identifier);
     Dictionary& properties = dictionaryAt(versions, *version);
     properties.set(key, value);
-    if (const auto bytes = _platform.propertyLists.dataWithPropertyList(*root, PropertyListFormat::xml, nullptr)) {
-        _platform.files.writeFileAtomically(paths::restoreState, bytes->bytes(), nullptr);
-    }
+    writePropertyList(_platform, *root, PropertyListFormat::xml, paths::restoreState);
 }
 
 void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
     const std::lock_guard lock(_restoreStateMutex);
-    auto root = _readPlist(paths::restoreState);
+    auto root = readPropertyList(_platform, paths::restoreState);
     Dictionary* state = root ? root->mutableDictionary() : nullptr;
     if (state == nullptr) {
         return;
@@ -111,9 +110,8 @@ void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
     state->erase(identifier);
     if (state->empty()) {
         _platform.files.removeItem(paths::restoreState, nullptr);
-    } else if (const auto bytes =
-                   _platform.propertyLists.dataWithPropertyList(*root, PropertyListFormat::xml, nullptr)) {
-        _platform.files.writeFileAtomically(paths::restoreState, bytes->bytes(), nullptr);
+    } else {
+        writePropertyList(_platform, *root, PropertyListFormat::xml, paths::restoreState);
     }
 }
 
@@ -127,11 +125,7 @@ void AppsClient::changeAssetID_toDo(std::string_view identifier, std::string_vie
     Dictionary& record = *item->mutableDictionary();
     _log.message("Changing %{public}@ from %{public}@ to %{public}@", identifier, record.find("operation"), operation);
     record.set("operation", operation);
-    const auto bytes =
-        _platform.propertyLists.dataWithPropertyList(std::move(toDoList), PropertyListFormat::binary, nullptr);
-    if (bytes) {
-        _platform.files.writeFileAtomically(paths::toDoList, bytes->bytes(), nullptr);
-    }
+    writePropertyList(_platform, std::move(toDoList), PropertyListFormat::binary, paths::toDoList);
 }
 
 std::optional<std::string> AppsClient::_operationStateForIdentifier(std::string_view identifier) {
@@ -139,11 +133,6 @@ std::optional<std::string> AppsClient::_operationStateForIdentifier(std::string_
     const auto item = std::ranges::find_if(toDoList, isRecordOf(identifier));
     const auto operation = item != toDoList.end() ? item->dictionary()->string("operation") : std::nullopt;
     return operation ? std::optional<std::string>(*operation) : std::nullopt;
-}
-
-std::optional<Value> AppsClient::_readPlist(std::string_view path) {
-    const auto bytes = _platform.files.readFile(path, nullptr);
-    return bytes ? _platform.propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
 }
 
 } // namespace appsync

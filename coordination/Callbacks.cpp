@@ -6,6 +6,15 @@
 
 namespace appsync {
 
+namespace {
+
+QRAssetPtr namelessAsset(AppsClient& client, std::string_view identifier) {
+    return QRAsset::downloadAssetWithIdentifier_dataclass_prettyName(identifier, client.supportedDataclasses().front(),
+                                                                     std::nullopt);
+}
+
+} // namespace
+
 void AppsClient::promiseDidBeginFulfillmentWithIdentifier(std::uint64_t promise) noexcept {
     _log.message("promiseDidBeginFulfillmentWithIdentifier %lu", promise);
 }
@@ -39,7 +48,7 @@ void AppsClient::coordinatorShouldPrioritize(const KXAppInstallCoordinatorPtr& c
     }
     // The completion may come after this client has gone, so it holds what it needs.
     service->prioritizeAsset_withCompletion(
-        _namelessAsset(*identifier), [log = _log, identifier = *identifier](const ErrorPtr& error) {
+        namelessAsset(*this, *identifier), [log = _log, identifier = *identifier](const ErrorPtr& error) {
             log.message("Prioritize %{public}@ finished with error %{public}@", identifier, error);
         });
 }
@@ -55,7 +64,7 @@ void AppsClient::coordinator_canceledWithReason_client(const KXAppInstallCoordin
     const auto service = alreadyCancelled ? nullptr : _platform.deviceService.sharedInstance();
     if (service != nullptr && service->respondsToCancelAssetTransferForFailedAsset()) {
         _log.message("Cancelling asset sync for %{public}@", *identifier);
-        service->cancelAssetTransferForFailedAsset(_namelessAsset(*identifier));
+        service->cancelAssetTransferForFailedAsset(namelessAsset(*this, *identifier));
     } else {
         _log.error("Cannot cancel %{public}@ as it's already cancelled %d OR the call is not supported", *identifier,
                    alreadyCancelled);
@@ -69,15 +78,10 @@ void AppsClient::applicationInstallsDidCancel(const PDApplicationProxies& applic
     }
     for (const PDApplicationProxyPtr& application : applications) {
         if (application->installType() == PDInstallTypeRestore) {
-            assetTransfer_succeeded_withError(_namelessAsset(application->applicationIdentifier()), false,
+            assetTransfer_succeeded_withError(namelessAsset(*this, application->applicationIdentifier()), false,
                                               coordination::cancellation(QRErrorCode::cancelledByUser));
         }
     }
-}
-
-QRAssetPtr AppsClient::_namelessAsset(std::string_view identifier) {
-    return QRAsset::downloadAssetWithIdentifier_dataclass_prettyName(identifier, supportedDataclasses().front(),
-                                                                     std::nullopt);
 }
 
 } // namespace appsync

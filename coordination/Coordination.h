@@ -2,8 +2,10 @@
 #pragma once
 
 #include "platform/Error.h"
+#include "platform/TransactionLog.h"
 
 #include <cstdint>
+#include <string_view>
 
 namespace appsync {
 
@@ -21,6 +23,12 @@ namespace coordination {
 /// The reason that a cancellation carries.
 inline ErrorPtr cancellation(QRErrorCode code) {
     return Error::make(QRErrorDomain, static_cast<std::int64_t>(code));
+}
+
+inline void logStep(AITransactionLog& log, TransactionStep step, TransactionPhase phase, bool success,
+                    std::string_view bundleIdentifier, std::string_view description) {
+    log.logStep_byParty_phase_success_forBundleID_description(step, TransactionParty::syncPlugIn, phase, success,
+                                                              bundleIdentifier, description);
 }
 
 } // namespace coordination

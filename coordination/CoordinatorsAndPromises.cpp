@@ -2,17 +2,17 @@
 #include "client/AppsClient.h"
 
 #include "coordination/Coordination.h"
-#include "platform/TransactionLog.h"
 
 namespace appsync {
 
 using coordination::cancellation;
+using coordination::logStep;
 
 KXAppInstallCoordinatorPtr
 AppsClient::_initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existingApp_createIfNotExisting_error(
     std::string_view bundleIdentifier, bool existingApp, bool createIfNotExisting, ErrorPtr* error) {
-    _logStep(TransactionStep::coordinatorCreation, TransactionPhase::start, true, bundleIdentifier,
-             "Create coordinator");
+    logStep(_platform.transactionLog, TransactionStep::coordinatorCreation, TransactionPhase::start, true,
+            bundleIdentifier, "Create coordinator");
     ErrorPtr lookupError;
     const auto lookUp = [&](auto& coordinators) -> KXAppInstallCoordinatorPtr {
         return coordinators.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
@@ -38,16 +38,16 @@ AppsClient::_initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existi
     if (error != nullptr) {
         *error = lookupError;
     }
-    _logStep(TransactionStep::coordinatorCreation, TransactionPhase::end, coordinator != nullptr, bundleIdentifier,
-             "Finished creating coordinator");
+    logStep(_platform.transactionLog, TransactionStep::coordinatorCreation, TransactionPhase::end,
+            coordinator != nullptr, bundleIdentifier, "Finished creating coordinator");
     return coordinator;
 }
 
 std::shared_ptr<KXRestoringAppInstallCoordinator>
 AppsClient::_restoringAppInstallCoordinatorForBundleIdentifier_createIfNotExisting_error(
     std::string_view bundleIdentifier, bool createIfNotExisting, ErrorPtr* error) {
-    _logStep(TransactionStep::coordinatorCreation, TransactionPhase::start, true, bundleIdentifier,
-             "Create restore coordinator");
+    logStep(_platform.transactionLog, TransactionStep::coordinatorCreation, TransactionPhase::start, true,
+            bundleIdentifier, "Create restore coordinator");
     ErrorPtr lookupError;
     auto coordinator =
         _platform.restoringCoordinators.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
@@ -58,22 +58,22 @@ AppsClient::_restoringAppInstallCoordinatorForBundleIdentifier_createIfNotExisti
     if (error != nullptr) {
         *error = lookupError;
     }
-    _logStep(TransactionStep::coordinatorCreation, TransactionPhase::end, coordinator != nullptr, bundleIdentifier,
-             "Finished creating restore coordinator");
+    logStep(_platform.transactionLog, TransactionStep::coordinatorCreation, TransactionPhase::end,
+            coordinator != nullptr, bundleIdentifier, "Finished creating restore coordinator");
     return coordinator;
 }
 
 KXPlaceholderPtr AppsClient::_placeHolderForBundleIdentifier_name_installType(std::string_view bundleIdentifier,
                                                                               std::string_view name,
                                                                               std::uint64_t installType) {
-    _logStep(TransactionStep::placeholderCreation, TransactionPhase::start, true, bundleIdentifier,
-             "Create placeholder");
+    logStep(_platform.transactionLog, TransactionStep::placeholderCreation, TransactionPhase::start, true,
+            bundleIdentifier, "Create placeholder");
     auto placeholder = _platform.placeholders.initAppPlaceholderWithBundleName_bundleID_installType_client(
         name, bundleIdentifier, installType, KXClientSyncHost);
     _log.message("Created placeholder %{public}@ for '%{public}@' of type %lu", placeholder, bundleIdentifier,
                  installType);
-    _logStep(TransactionStep::placeholderCreation, TransactionPhase::end, placeholder != nullptr, bundleIdentifier,
-             "Finished creating placeholder");
+    logStep(_platform.transactionLog, TransactionStep::placeholderCreation, TransactionPhase::end,
+            placeholder != nullptr, bundleIdentifier, "Finished creating placeholder");
     return placeholder;
 }
 
@@ -140,12 +140,6 @@ KXPromisedOutOfBandTransferPtr AppsClient::_userDataPromiseForBundleIdentifier(s
         promise->setComplete(true);
     }
     return promise;
-}
-
-void AppsClient::_logStep(TransactionStep step, TransactionPhase phase, bool success, std::string_view bundleIdentifier,
-                          std::string_view description) {
-    _platform.transactionLog.logStep_byParty_phase_success_forBundleID_description(
-        step, TransactionParty::syncPlugIn, phase, success, bundleIdentifier, description);
 }
 
 } // namespace appsync

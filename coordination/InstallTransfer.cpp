@@ -2,12 +2,23 @@
 #include "client/AppsClient.h"
 
 #include "coordination/Coordination.h"
-#include "platform/TransactionLog.h"
 
 namespace appsync {
 
+namespace {
+
+/// The app's coordinator if there is one that has not failed.
+KXAppInstallCoordinatorPtr workingCoordinator(AppsClient& client, std::string_view bundleIdentifier, bool existingApp) {
+    auto coordinator =
+        client._initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existingApp_createIfNotExisting_error(
+            bundleIdentifier, existingApp, false, nullptr);
+    return coordinator != nullptr && coordinator->error() == nullptr ? coordinator : nullptr;
+}
+
+} // namespace
+
 bool AppsClient::updateTransferProgressForApp_existingApp(const QRAssetPtr& asset, bool existingApp) {
-    const auto coordinator = _workingCoordinator(asset->identifier, existingApp);
+    const auto coordinator = workingCoordinator(*this, asset->identifier, existingApp);
     if (coordinator == nullptr) {
         return false;
     }
@@ -29,7 +40,7 @@ bool AppsClient::updateTransferProgressForApp_existingApp(const QRAssetPtr& asse
 }
 
 bool AppsClient::transferCompleteForApp_existingApp(const QRAssetPtr& asset, bool existingApp) {
-    const auto coordinator = _workingCoordinator(asset->identifier, existingApp);
+    const auto coordinator = workingCoordinator(*this, asset->identifier, existingApp);
     if (coordinator == nullptr) {
         return false;
     }
@@ -52,14 +63,6 @@ bool AppsClient::transferCompleteForApp_existingApp(const QRAssetPtr& asset, boo
     return true;
 }
 
-/// The app's coordinator if there is one that has not failed.
-KXAppInstallCoordinatorPtr AppsClient::_workingCoordinator(std::string_view bundleIdentifier, bool existingApp) {
-    auto coordinator =
-        _initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existingApp_createIfNotExisting_error(
-            bundleIdentifier, existingApp, false, nullptr);
-    return coordinator != nullptr && coordinator->error() == nullptr ? coordinator : nullptr;
-}
-
 void AppsClient::assetSyncFinishedWithStatus_outstandingItems(bool success,
                                                               const std::vector<std::string>& outstandingItems) {
     for (const std::string& bundleIdentifier : outstandingItems) {
@@ -76,7 +79,8 @@ void AppsClient::assetSyncFinishedWithStatus_outstandingItems(bool success,
 }
 
 void AppsClient::uninstallAppUsingCoordination(std::string_view bundleIdentifier) {
-    _logStep(TransactionStep::uninstall, TransactionPhase::start, true, bundleIdentifier, "Uninstall app");
+    coordination::logStep(_platform.transactionLog, TransactionStep::uninstall, TransactionPhase::start, true,
+                          bundleIdentifier, "Uninstall app");
     // The completion may come after this client has gone, so it holds what it needs.
     _platform.coordinators.uninstallAppWithBundleID_requestUserConfirmation_completion(
         bundleIdentifier, false,
@@ -84,9 +88,8 @@ void AppsClient::uninstallAppUsingCoordination(std::string_view bundleIdentifier
          identifier = std::string(bundleIdentifier)](const ErrorPtr& error) {
             log.message("Uninstall of %{public}@ with install coordinator succeeded wiht error %{public}@.", identifier,
                         error);
-            transactionLog.logStep_byParty_phase_success_forBundleID_description(
-                TransactionStep::uninstall, TransactionParty::syncPlugIn, TransactionPhase::end, error == nullptr,
-                identifier, "Uninstall app");
+            coordination::logStep(transactionLog, TransactionStep::uninstall, TransactionPhase::end, error == nullptr,
+                                  identifier, "Uninstall app");
         });
 }
 

@@ -3,7 +3,7 @@
 
 #include "client/Paths.h"
 #include "coordination/Coordination.h"
-#include "coordination/RestorePreparation.h"
+#include "coordination/DemotionStatus.h"
 #include "coordination/StoreMetadata.h"
 
 namespace appsync {
@@ -18,6 +18,39 @@ std::uint64_t installTypeFor(std::uint64_t demotionStatus) {
     case automaticallyDemoted: return PDInstallTypeDowngrade;
     default: return PDInstallTypeRestore;
     }
+}
+
+/// Sets attributes, store metadata, protection record and completion; false at the first that fails.
+bool configure(KXPlaceholder& placeholder, const PlugInLog& log, std::string_view bundleIdentifier,
+               const Dictionary& metadata, const std::optional<Data>& sinfData) {
+    ErrorPtr error;
+    auto attributes = KXPlaceholderAttributes::init();
+    attributes.setLaunchProhibited(storeMetadata::launchProhibited(metadata));
+    attributes.setBundleVersion(storeMetadata::bundleVersion(metadata));
+    if (!placeholder.setPlaceholderAttributes_error(attributes, &error)) {
+        log.error("Error %{public}@ setting placeholder attributes for '%{public}@'", error, bundleIdentifier);
+        return false;
+    }
+    log.message("set %{public}@ placeholder attributes for %{public}@", attributes, bundleIdentifier);
+    if (!placeholder.setMetadata_error(TVStoreMetadata{metadata}, &error)) {
+        log.error("Error %{public}@ setting store metadata for '%{public}@'", error, bundleIdentifier);
+        return false;
+    }
+    log.message("set store metadata on placeholder for %{public}@", bundleIdentifier);
+    if (sinfData) {
+        if (!placeholder.setSinfData_error(*sinfData, &error)) {
+            log.error("Error %{public}@ setting SINF data for '%{public}@'", error, bundleIdentifier);
+            return false;
+        }
+        log.message("set SINF data on placeholder for %{public}@", bundleIdentifier);
+    }
+    if (!placeholder.setConfigurationCompleteWithError(&error)) {
+        log.error("Error %{public}@ setting placeholder configuration as complete for '%{public}@'", error,
+                  bundleIdentifier);
+        return false;
+    }
+    log.message("set placeholder configuration complete for %{public}@", bundleIdentifier);
+    return true;
 }
 
 } // namespace
@@ -43,45 +76,12 @@ KXPlaceholderPtr AppsClient::_placeHolderForBundleIdentifier_withTamblinMetadata
         iconSize == 0 ||
         _createIconPromiseForBundleIdentifier_transferPath_diskSpaceNeeded_andAddToPlaceHolder_forAppInstall(
             bundleIdentifier, iconPath, iconSize, placeholder, false) != nullptr;
-    if (iconIsSettled && _configureRestorePlaceholder(*placeholder, bundleIdentifier, metadata, sinfData)) {
+    if (iconIsSettled && configure(*placeholder, _log, bundleIdentifier, metadata, sinfData)) {
         return placeholder;
     }
     placeholder->cancelForReason_client_error(coordination::cancellation(QRErrorCode::restoreFailed), KXClientSyncHost,
                                               nullptr);
     return nullptr;
-}
-
-/// Sets attributes, store metadata, protection record and completion; false at the first that fails.
-bool AppsClient::_configureRestorePlaceholder(KXPlaceholder& placeholder, std::string_view bundleIdentifier,
-                                              const Dictionary& metadata, const std::optional<Data>& sinfData) {
-    ErrorPtr error;
-    auto attributes = KXPlaceholderAttributes::init();
-    attributes.setLaunchProhibited(storeMetadata::launchProhibited(metadata));
-    attributes.setBundleVersion(storeMetadata::bundleVersion(metadata));
-    if (!placeholder.setPlaceholderAttributes_error(attributes, &error)) {
-        _log.error("Error %{public}@ setting placeholder attributes for '%{public}@'", error, bundleIdentifier);
-        return false;
-    }
-    _log.message("set %{public}@ placeholder attributes for %{public}@", attributes, bundleIdentifier);
-    if (!placeholder.setMetadata_error(TVStoreMetadata{metadata}, &error)) {
-        _log.error("Error %{public}@ setting store metadata for '%{public}@'", error, bundleIdentifier);
-        return false;
-    }
-    _log.message("set store metadata on placeholder for %{public}@", bundleIdentifier);
-    if (sinfData) {
-        if (!placeholder.setSinfData_error(*sinfData, &error)) {
-            _log.error("Error %{public}@ setting SINF data for '%{public}@'", error, bundleIdentifier);
-            return false;
-        }
-        _log.message("set SINF data on placeholder for %{public}@", bundleIdentifier);
-    }
-    if (!placeholder.setConfigurationCompleteWithError(&error)) {
-        _log.error("Error %{public}@ setting placeholder configuration as complete for '%{public}@'", error,
-                   bundleIdentifier);
-        return false;
-    }
-    _log.message("set placeholder configuration complete for %{public}@", bundleIdentifier);
-    return true;
 }
 
 } // namespace appsync

@@ -13,12 +13,30 @@ namespace {
 
 constexpr std::uint32_t flattenedFormat = 1;
 
+/// The home screen's icon order, saved as it came; empty when there is none that can be understood.
+Array fetchIconOrder(const Platform& platform, const PlugInLog& log) {
+    const char* buffer = nullptr;
+    std::size_t length = 0;
+    platform.homeScreen.SKGetFlattenedIconState(platform.homeScreen.SKSSkellanBlockableServerPort(), flattenedFormat,
+                                                &buffer, &length);
+    if (buffer == nullptr) {
+        log.message("got no icon sort order from SK");
+        return {};
+    }
+    const Data copy(std::string(buffer, length));
+    log.message("saved icon sort order");
+    platform.files.writeFileAtomically(paths::assetSortOrder, copy.bytes(), nullptr);
+    const auto iconOrder = platform.propertyLists.propertyListWithData(copy.bytes(), nullptr);
+    platform.homeScreen.SKDeallocate(buffer, length);
+    return iconOrder && iconOrder->array() != nullptr ? *iconOrder->array() : Array{};
+}
+
 } // namespace
 
 Array AppsClient::_orderTheItems(Dictionary& items) {
     Array result;
     result.reserve(items.size());
-    const Array iconOrder = _fetchIconOrder();
+    const Array iconOrder = fetchIconOrder(_platform, _log);
     std::unordered_set<std::string_view> placed; // views of the icon order
     for (const Value& icon : iconOrder) {
         const auto identifier = icon.string();
@@ -38,24 +56,6 @@ Array AppsClient::_orderTheItems(Dictionary& items) {
     }
     items = std::move(rest);
     return result;
-}
-
-/// The home screen's icon order, saved as it came; empty when there is none that can be understood.
-Array AppsClient::_fetchIconOrder() {
-    const char* buffer = nullptr;
-    std::size_t length = 0;
-    _platform.homeScreen.SKGetFlattenedIconState(_platform.homeScreen.SKSSkellanBlockableServerPort(), flattenedFormat,
-                                                 &buffer, &length);
-    if (buffer == nullptr) {
-        _log.message("got no icon sort order from SK");
-        return {};
-    }
-    const Data copy(std::string(buffer, length));
-    _log.message("saved icon sort order");
-    _platform.files.writeFileAtomically(paths::assetSortOrder, copy.bytes(), nullptr);
-    const auto iconOrder = _platform.propertyLists.propertyListWithData(copy.bytes(), nullptr);
-    _platform.homeScreen.SKDeallocate(buffer, length);
-    return iconOrder && iconOrder->array() != nullptr ? *iconOrder->array() : Array{};
 }
 
 } // namespace appsync

@@ -13,6 +13,12 @@ namespace {
 
 constexpr std::chrono::seconds retryDelay{30};
 
+void logAssetInstall(const Platform& platform, bool success, std::string_view identifier,
+                     std::string_view description) {
+    platform.transactionLog.logScenario_step_success_forBundleID_description("Asset install", TransactionStep::none,
+                                                                             success, identifier, description);
+}
+
 } // namespace
 
 void AppsClient::_enqueueAssetInstall(const QRAssetPtr& asset) {
@@ -38,60 +44,47 @@ void AppsClient::_performAssetInstall(const QRAssetPtr& asset) {
     switch (outcome) {
     case SKSTerminationAssertionNotFound:
         _log.message("Assertion not found for %{public}@, installing anyway...", identifier);
-        _logAssetInstall(true, identifier, "assertion not found");
+        logAssetInstall(_platform, true, identifier, "assertion not found");
         break;
     case SKSTerminationAssertionGranted:
         _log.message("Assertion succeeded for %{public}@", identifier);
-        _logAssetInstall(true, identifier, "assertion succeeded");
+        logAssetInstall(_platform, true, identifier, "assertion succeeded");
         break;
     case SKSTerminationAssertionDenied:
         _log.error("Assertion denied for %{public}@", identifier);
-        _logAssetInstall(true, identifier, "assertion denied");
+        logAssetInstall(_platform, true, identifier, "assertion denied");
         assertion = nullptr;
-        _retryInstallLater(asset);
+        _log.error("Will retry installation of %{public}@ in %d seconds", identifier,
+                   static_cast<int>(retryDelay.count()));
+        logAssetInstall(_platform, true, identifier, "retrying asset install");
+        // Entered before the present operation leaves, so that the group never counts zero between two attempts.
+        _installGroup.enter();
+        _pendingRetries.runAfter(retryDelay, [this, asset] {
+            _log.error("Re-enqueue installation request for %{public}@", asset->identifier);
+            _enqueueAssetInstall(asset);
+            _installGroup.leave();
+        });
         return;
     default:
         _log.error("Unknown error %d getting assertion for %{public}@", outcome, identifier);
-        _logAssetInstall(false, identifier, "unknown error grabbing assertion");
+        logAssetInstall(_platform, false, identifier, "unknown error grabbing assertion");
         assetInstallFailed_withError(asset, Error::make(PosixErrorDomain, EINVAL));
         assertion = nullptr;
         _platform.files.removeItem(*asset->path, nullptr);
         return;
     }
-    _installArchive(asset);
-    // Who asks for the number has waited for this install, which orders the two.
-    _numAppInstallsAttempted.fetch_add(1, std::memory_order_relaxed);
-    assertion = nullptr;
-    _platform.files.removeItem(*asset->path, nullptr);
-}
-
-void AppsClient::_installArchive(const QRAssetPtr& asset) {
-    const Dictionary options{{PDPackageTypeKey, PDPackageTypeCustomer}, {PDBundleIdentifierKey, asset->identifier}};
+    const Dictionary options{{PDPackageTypeKey, PDPackageTypeCustomer}, {PDBundleIdentifierKey, identifier}};
     ErrorPtr error;
     const auto url = FileURL::fileURLWithPath(*asset->path, false);
-    if (url && _workspace().installApplication_withOptions_error(*url, options, &error)) {
+    if (url && _platform.workspaces.defaultWorkspace().installApplication_withOptions_error(*url, options, &error)) {
         assetInstallSucceeded(asset);
     } else {
         assetInstallFailed_withError(asset, error);
     }
-}
-
-void AppsClient::_retryInstallLater(const QRAssetPtr& asset) {
-    _log.error("Will retry installation of %{public}@ in %d seconds", asset->identifier,
-               static_cast<int>(retryDelay.count()));
-    _logAssetInstall(true, asset->identifier, "retrying asset install");
-    // Entered before the present operation leaves, so that the group never counts zero between two attempts.
-    _installGroup.enter();
-    _pendingRetries.runAfter(retryDelay, [this, asset] {
-        _log.error("Re-enqueue installation request for %{public}@", asset->identifier);
-        _enqueueAssetInstall(asset);
-        _installGroup.leave();
-    });
-}
-
-void AppsClient::_logAssetInstall(bool success, std::string_view identifier, std::string_view description) {
-    _platform.transactionLog.logScenario_step_success_forBundleID_description("Asset install", TransactionStep::none,
-                                                                              success, identifier, description);
+    // Who asks for the number has waited for this install, which orders the two.
+    _numAppInstallsAttempted.fetch_add(1, std::memory_order_relaxed);
+    assertion = nullptr;
+    _platform.files.removeItem(*asset->path, nullptr);
 }
 
 } // namespace appsync

@@ -11,6 +11,215 @@
 
 namespace appsync {
 
+namespace {
+
+/// What one transfer that has ended leads to.
+class EndedTransfer {
+  public:
+    EndedTransfer(AppsClient& client, const Platform& platform, const PlugInLog& log, HVManager& backupManager,
+                  bool useInstallCoordinator, QRAssetPtr asset)
+        : _client(client), _platform(platform), _log(log), _backupManager(backupManager),
+          _useInstallCoordinator(useInstallCoordinator), _asset(std::move(asset)), _identifier(_asset->identifier),
+          _progress(client._progressForAssetIdentifier(_identifier)) {}
+    void succeeded(bool existingApp);
+    void failed(const ErrorPtr& error, bool userCancelled);
+
+  private:
+    void _settlePath();
+    void _restoreAssetArrived();
+    void _uninstallPlaceholder(bool userCancelled);
+
+    AppsClient& _client;
+    const Platform& _platform;
+    const PlugInLog& _log;
+    HVManager& _backupManager;
+    const bool _useInstallCoordinator;
+    const QRAssetPtr _asset;
+    const std::string& _identifier;
+    const FNProgressPtr _progress;
+};
+
+void EndedTransfer::succeeded(bool existingApp) {
+    _log.message("asset transfer succeeded for %{public}@", _identifier);
+    if (_progress != nullptr) {
+        if (_useInstallCoordinator) {
+            _log.message("not setting install phase finished for %{public}@ as coordination is enabled", _identifier);
+        } else {
+            _platform.workspaces.defaultWorkspace().installPhaseFinishedForProgress(_progress);
+        }
+    }
+    _settlePath();
+    if (!paths::isSafe(_asset->path)) {
+        _log.message("Ignoring invalid path: %{public}@", _asset->path);
+        return;
+    }
+    if (!_asset->isDownload) {
+        _client.changeAssetID_toDo(_identifier, "SENT");
+        return;
+    }
+    _log.message("Received file at %{public}@", _asset->path);
+    _client.changeAssetID_toDo(_identifier, "DOWNLOADED");
+    if (_asset->isRestore) {
+        _restoreAssetArrived();
+        return;
+    }
+    _log.message("Installing synced asset %{public}@", _asset);
+    if (_useInstallCoordinator) {
+        _client.transferCompleteForApp_existingApp(_asset, existingApp);
+    } else {
+        _client._enqueueAssetInstall(_asset);
+    }
+}
+
+/// Makes a relative path absolute, and takes a missing one from the restore state, which may not know it either.
+void EndedTransfer::_settlePath() {
+    if (!_asset->path) {
+        const auto value =
+            _client._restoreStatePropertyForKey_identifier_version("path", _identifier, _asset->version());
+        const auto path = value ? value->string() : std::nullopt;
+        _asset->path = path ? std::optional<std::string>(*path) : std::nullopt;
+    } else if (!_asset->path->starts_with("/")) {
+        _asset->path = paths::join(paths::publicStaging, *_asset->path);
+    }
+}
+
+void EndedTransfer::_restoreAssetArrived() {
+    if (_asset->completedAssetParts == kQRAssetPartApplicationData) {
+        if (_useInstallCoordinator) {
+            _log.message("Not processing kQRAssetPartApplicationData for restore asset %{public}@ as coordination is "
+                         "enabled",
+                         _asset);
+        } else {
+            _client._enqueueAssetInstall(_asset);
+        }
+        return;
+    }
+    if (_useInstallCoordinator) {
+        _log.message("Not processing restore asset %{public}@ as coordination is enabled", _asset);
+        return;
+    }
+    if (!_backupManager.restoreDataExistsForApplicationWithBundleID_size(_identifier, nullptr)) {
+        _log.message("No restore data exists for %{public}@", _asset->shortDescription());
+        _client._enqueueAssetInstall(_asset);
+        return;
+    }
+    _log.message("Restore data exists for %{public}@", _asset->shortDescription());
+    if (_progress != nullptr) {
+        _progress->setInstallPhase(PDInstallPhaseRestoringData);
+    }
+    // Installed once its data has arrived.
+    _client._setRestoreStatePropertyValue_forKey_identifier_version(*_asset->path, "path", _identifier,
+                                                                    _asset->version());
+}
+
+void EndedTransfer::failed(const ErrorPtr& error, bool userCancelled) {
+    const bool recoverable = _client._isRecoverableError(error);
+    _log.message("failed to transfer asset %{public}@. err=%{public}@, recoverable=%d", _asset, error, recoverable);
+    if (recoverable) {
+        if (_progress != nullptr) {
+            _progress->setInstallState(PDInstallStateFailed);
+        }
+        return;
+    }
+    if (!_platform.workspaces.defaultWorkspace().applicationIsInstalled(_identifier) || _asset->isRestore) {
+        return;
+    }
+    if (_progress != nullptr && _progress->installState() < PDInstallStateCanceled) {
+        _progress->cancel();
+    }
+    _uninstallPlaceholder(userCancelled);
+}
+
+void EndedTransfer::_uninstallPlaceholder(bool userCancelled) {
+    _log.message("Uninstalling placeholder %{public}@", _identifier);
+    if (_asset->isRestore) { // unreachable while restore assets are left out above; kept for when they are not
+        if (_useInstallCoordinator) {
+            _log.message(
+                "Install coordination is enabled - not calling cancelApplicationRestoreWithBundleID for %{public}@",
+                _identifier);
+        } else {
+            _backupManager.cancelApplicationRestoreWithBundleID_error(_identifier, nullptr);
+        }
+    }
+    bool status = false;
+    ErrorPtr error;
+    if (!_useInstallCoordinator) {
+        _log.message("Uninstalling app using PD %{public}@", _identifier);
+        const Dictionary options{{PDUninstallPlaceholdersOnlyKey, true}};
+        status = _platform.workspaces.defaultWorkspace().uninstallApplication_withOptions(_identifier, &options);
+    } else if (!userCancelled) {
+        _log.message("Uninstalling app using install co-ordinator %{public}@", _identifier);
+        status = _platform.coordinators.uninstallAppWithBundleID_error(_identifier, &error);
+    }
+    _log.message("Uninstalled %{public}@ %s install co-ordinator with error %{public}@ with status %d", _identifier,
+                 _useInstallCoordinator ? "with" : "without", error, status);
+}
+
+/// Returns when the store client has answered.
+void refreshReceipts(const Platform& platform, const PlugInLog& log) {
+    const auto library = platform.softwareLibraries.init();
+    Semaphore refreshed;
+    library->refreshReceiptsWithCompletionBlock([&log, &refreshed](const ErrorPtr& error) {
+        if (error != nullptr) {
+            log.message("refreshReceiptsWithCompletionBlock failed: %{public}@", error);
+        } else {
+            log.message("refreshReceiptsWithCompletionBlock succeeded");
+        }
+        refreshed.signal();
+    });
+    refreshed.wait();
+}
+
+/// Ends the loading phase of transfers that never ended, without coordination.
+void endLoading(AppsClient& client, const Platform& platform, const PlugInLog& log,
+                const std::vector<std::string>& outstanding, bool success) {
+    for (const std::string& identifier : outstanding) {
+        log.message("Setting state for outstanding RFX loading phase of asset %{public}@ to %{public}@", identifier,
+                    success ? "PDInstallStateFinished" : "PDInstallStateFailed");
+        if (const FNProgressPtr progress = client._progressForAssetIdentifier(identifier)) {
+            progress->setInstallState(success ? PDInstallStateFinished : PDInstallStateFailed);
+            platform.workspaces.defaultWorkspace().installPhaseFinishedForProgress(progress);
+        }
+    }
+}
+
+void logUlvaneRestore(const Platform& platform, bool success, std::string_view identifier,
+                      std::string_view description) {
+    platform.transactionLog.logScenario_step_success_forBundleID_description("Ulvane restore", TransactionStep::none,
+                                                                             success, identifier, description);
+}
+
+/// Restore assets never come here today, since their failures count as recoverable; they are told apart all the same.
+void undoFailedInstall(AppsClient& client, const Platform& platform, const PlugInLog& log, HVManager& backupManager,
+                       bool useInstallCoordinator, const QRAsset& asset) {
+    const std::string& identifier = asset.identifier;
+    if (asset.isRestore) {
+        if (useInstallCoordinator) {
+            log.message("not asking backup manager to cancel app restore for %{public}@ as install coordination is "
+                        "enabled",
+                        identifier);
+        } else {
+            backupManager.cancelApplicationRestoreWithBundleID_error(identifier, nullptr);
+        }
+    }
+    if (useInstallCoordinator) {
+        if (asset.isRestore) {
+            log.message("not uninstalling restore asset %{public}@ as install coordination is enabled", identifier);
+        } else {
+            client.uninstallAppUsingCoordination(identifier);
+        }
+        return;
+    }
+    if (platform.workspaces.defaultWorkspace().uninstallApplication_withOptions(identifier, nullptr)) {
+        logUlvaneRestore(platform, true, identifier, "placeholder removed");
+    } else {
+        log.error("Uninstall of %{public}@ failed.", identifier);
+        logUlvaneRestore(platform, false, identifier, "failed to remove placeholder");
+    }
+}
+
+} // namespace
+
 void AppsClient::assetTransfer_succeeded_withError(const QRAssetPtr& asset, bool succeeded,
                                                    const ErrorPtr& error) noexcept {
     const std::string& identifier = asset->identifier;
@@ -23,129 +232,12 @@ void AppsClient::assetTransfer_succeeded_withError(const QRAssetPtr& asset, bool
     _outstandingRFXTransfers.remove(identifier);
     _log.message("transfer for asset %{public}@ ended with success %c error %{public}@ existingApp:%d", asset,
                  succeeded ? 'y' : 'n', error, existingApp);
-    const FNProgressPtr progress = _progressForAssetIdentifier(identifier);
+    EndedTransfer transfer(*this, _platform, _log, *_backupManager, _useInstallCoordinator, asset);
     if (succeeded) {
-        _transferSucceeded(asset, existingApp, progress);
+        transfer.succeeded(existingApp);
     } else {
-        _transferFailed(asset, error, userCancelled, progress);
+        transfer.failed(error, userCancelled);
     }
-}
-
-void AppsClient::_transferSucceeded(const QRAssetPtr& asset, bool existingApp, const FNProgressPtr& progress) {
-    const std::string& identifier = asset->identifier;
-    _log.message("asset transfer succeeded for %{public}@", identifier);
-    if (progress != nullptr) {
-        if (_useInstallCoordinator) {
-            _log.message("not setting install phase finished for %{public}@ as coordination is enabled", identifier);
-        } else {
-            _workspace().installPhaseFinishedForProgress(progress);
-        }
-    }
-    _settlePath(asset);
-    if (!paths::isSafe(asset->path)) {
-        _log.message("Ignoring invalid path: %{public}@", asset->path);
-        return;
-    }
-    if (!asset->isDownload) {
-        changeAssetID_toDo(identifier, "SENT");
-        return;
-    }
-    _log.message("Received file at %{public}@", asset->path);
-    changeAssetID_toDo(identifier, "DOWNLOADED");
-    if (asset->isRestore) {
-        _restoreAssetArrived(asset, progress);
-        return;
-    }
-    _log.message("Installing synced asset %{public}@", asset);
-    if (_useInstallCoordinator) {
-        transferCompleteForApp_existingApp(asset, existingApp);
-    } else {
-        _enqueueAssetInstall(asset);
-    }
-}
-
-/// Makes a relative path absolute, and takes a missing one from the restore state, which may not know it either.
-void AppsClient::_settlePath(const QRAssetPtr& asset) {
-    if (!asset->path) {
-        const auto value = _restoreStatePropertyForKey_identifier_version("path", asset->identifier, asset->version());
-        const auto path = value ? value->string() : std::nullopt;
-        asset->path = path ? std::optional<std::string>(*path) : std::nullopt;
-    } else if (!asset->path->starts_with("/")) {
-        asset->path = paths::join(paths::publicStaging, *asset->path);
-    }
-}
-
-void AppsClient::_restoreAssetArrived(const QRAssetPtr& asset, const FNProgressPtr& progress) {
-    if (asset->completedAssetParts == kQRAssetPartApplicationData) {
-        if (_useInstallCoordinator) {
-            _log.message("Not processing kQRAssetPartApplicationData for restore asset %{public}@ as coordination is "
-                         "enabled",
-                         asset);
-        } else {
-            _enqueueAssetInstall(asset);
-        }
-        return;
-    }
-    if (_useInstallCoordinator) {
-        _log.message("Not processing restore asset %{public}@ as coordination is enabled", asset);
-        return;
-    }
-    if (!_backupManager->restoreDataExistsForApplicationWithBundleID_size(asset->identifier, nullptr)) {
-        _log.message("No restore data exists for %{public}@", asset->shortDescription());
-        _enqueueAssetInstall(asset);
-        return;
-    }
-    _log.message("Restore data exists for %{public}@", asset->shortDescription());
-    if (progress != nullptr) {
-        progress->setInstallPhase(PDInstallPhaseRestoringData);
-    }
-    // Installed once its data has arrived.
-    _setRestoreStatePropertyValue_forKey_identifier_version(*asset->path, "path", asset->identifier, asset->version());
-}
-
-void AppsClient::_transferFailed(const QRAssetPtr& asset, const ErrorPtr& error, bool userCancelled,
-                                 const FNProgressPtr& progress) {
-    const bool recoverable = _isRecoverableError(error);
-    _log.message("failed to transfer asset %{public}@. err=%{public}@, recoverable=%d", asset, error, recoverable);
-    if (recoverable) {
-        if (progress != nullptr) {
-            progress->setInstallState(PDInstallStateFailed);
-        }
-        return;
-    }
-    if (!_workspace().applicationIsInstalled(asset->identifier) || asset->isRestore) {
-        return;
-    }
-    if (progress != nullptr && progress->installState() < PDInstallStateCanceled) {
-        progress->cancel();
-    }
-    _uninstallPlaceholderOfFailedTransfer(asset, userCancelled);
-}
-
-void AppsClient::_uninstallPlaceholderOfFailedTransfer(const QRAssetPtr& asset, bool userCancelled) {
-    const std::string& identifier = asset->identifier;
-    _log.message("Uninstalling placeholder %{public}@", identifier);
-    if (asset->isRestore) { // unreachable while restore assets are left out above; kept for when they are not
-        if (_useInstallCoordinator) {
-            _log.message(
-                "Install coordination is enabled - not calling cancelApplicationRestoreWithBundleID for %{public}@",
-                identifier);
-        } else {
-            _backupManager->cancelApplicationRestoreWithBundleID_error(identifier, nullptr);
-        }
-    }
-    bool status = false;
-    ErrorPtr error;
-    if (!_useInstallCoordinator) {
-        _log.message("Uninstalling app using PD %{public}@", identifier);
-        const Dictionary options{{PDUninstallPlaceholdersOnlyKey, true}};
-        status = _workspace().uninstallApplication_withOptions(identifier, &options);
-    } else if (!userCancelled) {
-        _log.message("Uninstalling app using install co-ordinator %{public}@", identifier);
-        status = _platform.coordinators.uninstallAppWithBundleID_error(identifier, &error);
-    }
-    _log.message("Uninstalled %{public}@ %s install co-ordinator with error %{public}@ with status %d", identifier,
-                 _useInstallCoordinator ? "with" : "without", error, status);
 }
 
 void AppsClient::assetTransferEndedWithSuccess(bool success) noexcept {
@@ -153,13 +245,17 @@ void AppsClient::assetTransferEndedWithSuccess(bool success) noexcept {
     _installGroup.wait();
     _notifySkellan(false);
     if (_getAndResetNumAppInstallsAttempted() > 0) {
-        _refreshReceipts();
+        refreshReceipts(_platform, _log);
     }
     const auto outstanding = _outstandingRFXTransfers.all();
     if (outstanding.empty()) {
         return;
     }
-    _settleOutstandingTransfers(outstanding, success);
+    if (_useInstallCoordinator) {
+        assetSyncFinishedWithStatus_outstandingItems(success, outstanding);
+    } else {
+        endLoading(*this, _platform, _log, outstanding, success);
+    }
     if (success) {
         _log.error("Called with success == YES but with %lu outstanding RFX transfers!", outstanding.size());
     }
@@ -168,35 +264,6 @@ void AppsClient::assetTransferEndedWithSuccess(bool success) noexcept {
         _updatingApps.clear();
         _userCancelledApps.clear();
     });
-}
-
-void AppsClient::_refreshReceipts() {
-    const auto library = _platform.softwareLibraries.init();
-    Semaphore refreshed;
-    library->refreshReceiptsWithCompletionBlock([this, &refreshed](const ErrorPtr& error) {
-        if (error != nullptr) {
-            _log.message("refreshReceiptsWithCompletionBlock failed: %{public}@", error);
-        } else {
-            _log.message("refreshReceiptsWithCompletionBlock succeeded");
-        }
-        refreshed.signal();
-    });
-    refreshed.wait();
-}
-
-void AppsClient::_settleOutstandingTransfers(const std::vector<std::string>& outstanding, bool success) {
-    if (_useInstallCoordinator) {
-        assetSyncFinishedWithStatus_outstandingItems(success, outstanding);
-        return;
-    }
-    for (const std::string& identifier : outstanding) {
-        _log.message("Setting state for outstanding RFX loading phase of asset %{public}@ to %{public}@", identifier,
-                     success ? "PDInstallStateFinished" : "PDInstallStateFailed");
-        if (const FNProgressPtr progress = _progressForAssetIdentifier(identifier)) {
-            progress->setInstallState(success ? PDInstallStateFinished : PDInstallStateFailed);
-            _workspace().installPhaseFinishedForProgress(progress);
-        }
-    }
 }
 
 void AppsClient::assetInstallSucceeded(const QRAssetPtr& asset) noexcept {
@@ -209,46 +276,13 @@ void AppsClient::assetInstallFailed_withError(const QRAssetPtr& asset, const Err
     const std::string& identifier = asset->identifier;
     if (_isRecoverableError(error) || asset->isRestore) {
         _log.message("%{public}@ install failed but was recoverable: %{public}@", identifier, error);
-        _logUlvaneRestore(false, identifier, "install failed recoverably");
+        logUlvaneRestore(_platform, false, identifier, "install failed recoverably");
     } else {
         _log.message("%{public}@ install failed unrecoverably: %{public}@", identifier, error);
         changeAssetID_toDo(identifier, "FAILED");
-        _undoFailedInstall(asset);
+        undoFailedInstall(*this, _platform, _log, *_backupManager, _useInstallCoordinator, *asset);
     }
     cleanRestoreStateForIdentifier(identifier);
-}
-
-/// Restore assets never come here today, since their failures count as recoverable; they are told apart all the same.
-void AppsClient::_undoFailedInstall(const QRAssetPtr& asset) {
-    const std::string& identifier = asset->identifier;
-    if (asset->isRestore) {
-        if (_useInstallCoordinator) {
-            _log.message("not asking backup manager to cancel app restore for %{public}@ as install coordination is "
-                         "enabled",
-                         identifier);
-        } else {
-            _backupManager->cancelApplicationRestoreWithBundleID_error(identifier, nullptr);
-        }
-    }
-    if (_useInstallCoordinator) {
-        if (asset->isRestore) {
-            _log.message("not uninstalling restore asset %{public}@ as install coordination is enabled", identifier);
-        } else {
-            uninstallAppUsingCoordination(identifier);
-        }
-        return;
-    }
-    if (_workspace().uninstallApplication_withOptions(identifier, nullptr)) {
-        _logUlvaneRestore(true, identifier, "placeholder removed");
-    } else {
-        _log.error("Uninstall of %{public}@ failed.", identifier);
-        _logUlvaneRestore(false, identifier, "failed to remove placeholder");
-    }
-}
-
-void AppsClient::_logUlvaneRestore(bool success, std::string_view identifier, std::string_view description) {
-    _platform.transactionLog.logScenario_step_success_forBundleID_description("Ulvane restore", TransactionStep::none,
-                                                                              success, identifier, description);
 }
 
 bool AppsClient::_isRecoverableError(const ErrorPtr& error) {

@@ -2,9 +2,10 @@
 #include "client/AppsClient.h"
 
 #include "client/Paths.h"
+#include "client/PropertyListFile.h"
+#include "placeholders/PlaceholderBundle.h"
 #include "platform/Icons.h"
 #include "platform/Process.h"
-#include "platform/PropertyListSerialization.h"
 #include "platform/TransactionLog.h"
 
 #include <cerrno>
@@ -13,7 +14,21 @@ namespace appsync {
 
 namespace {
 
-const FileAttributes mobileAttributes{"mobile", "mobile"};
+/// The placeholder's Info dictionary; without a version it has no version entry.
+Dictionary placeholderInfo(const QRAsset& asset, std::string_view prettyName, const Dictionary& appInfo) {
+    const Value* wendral = appInfo.find("UIWendralApp");
+    Dictionary info;
+    info.set("BXBundleIdentifier", asset.identifier);
+    if (const auto version = asset.version()) {
+        info.set("BXBundleVersion", *version);
+    }
+    info.set("BXBundleExecutable", prettyName);
+    info.set("BXBundleDisplayName", prettyName);
+    info.set("BXBundleIconFile", "Icon.png");
+    info.set("UIWendralApp", wendral != nullptr ? *wendral : Value(false));
+    info.set("PDApplicationLaunchProhibited", appInfo.truth("PDApplicationLaunchProhibited"));
+    return info;
+}
 
 } // namespace
 
@@ -67,7 +82,7 @@ bool AppsClient::createPlaceHolderPath_forBundleIdentifier_withAttributes(std::s
     ErrorPtr error = paths::climbs(path) ? Error::make(PosixErrorDomain, EINVAL) : nullptr;
     const bool created = error == nullptr && _platform.files.createDirectory(path, true, attributes, &error);
     if (!created || error != nullptr) {
-        _logAppRestore(false, bundleIdentifier, "Failed to create app directory");
+        placeholderBundle::logAppRestore(_platform, false, bundleIdentifier, "Failed to create app directory");
     }
     _log.message("Created app directory for '%{public}@' at %{public}@ with err=%{public}@", bundleIdentifier, path,
                  error);
@@ -102,12 +117,13 @@ void AppsClient::_createPlaceHolderApplication(const QRAssetPtr& asset) {
     const std::string& identifier = asset->identifier;
     const std::string prettyName = asset->prettyName.value_or("");
     _log.message("plist %{public}@", asset->infoPlist);
-    const Dictionary appInfo = _dictionaryAtPath(asset->infoPlist).value_or(Dictionary{});
+    const Dictionary appInfo = readDictionary(_platform, asset->infoPlist).value_or(Dictionary{});
     if (prettyName.empty() || identifier.empty()) {
         return;
     }
     const std::string bundlePath = placeholderAppPathForBundleIdentifier(identifier);
-    if (!createPlaceHolderPath_forBundleIdentifier_withAttributes(bundlePath, identifier, mobileAttributes)) {
+    if (!createPlaceHolderPath_forBundleIdentifier_withAttributes(bundlePath, identifier,
+                                                                  placeholderBundle::attributes)) {
         return;
     }
     if (asset->icon) {
@@ -118,76 +134,18 @@ void AppsClient::_createPlaceHolderApplication(const QRAssetPtr& asset) {
                        destination, error);
         }
     }
-    const Dictionary info = _placeholderInfo(*asset, prettyName, appInfo);
-    if (!_writeInfoPlist(info, bundlePath)) {
+    const Dictionary info = placeholderInfo(*asset, prettyName, appInfo);
+    if (!placeholderBundle::writeInfo(_platform, bundlePath, info)) {
         return;
     }
     _log.message("creating placeholder for '%{public}@'. info.plist=%{public}@", bundlePath, info);
     const Dictionary options{{PDPackageTypeKey, PDPackageTypePlaceholder},
                              {PDBundleIdentifierKey, identifier},
                              {PDInstallTypeKey, std::uint64_t{PDInstallTypeSync}}};
-    const bool installed = _installPlaceholder(bundlePath, info, options);
+    const bool installed = placeholderBundle::install(_platform, _log, bundlePath, info, options);
     _platform.transactionLog.logScenario_step_success_forBundleID_description(
         "Install placeholder", TransactionStep::none, installed, identifier,
         installed ? "Installed placeholder" : "Failed to install placeholder");
-}
-
-/// The placeholder's Info dictionary; without a version it has no version entry.
-Dictionary AppsClient::_placeholderInfo(const QRAsset& asset, std::string_view prettyName, const Dictionary& appInfo) {
-    const Value* wendral = appInfo.find("UIWendralApp");
-    Dictionary info;
-    info.set("BXBundleIdentifier", asset.identifier);
-    if (const auto version = asset.version()) {
-        info.set("BXBundleVersion", *version);
-    }
-    info.set("BXBundleExecutable", prettyName);
-    info.set("BXBundleDisplayName", prettyName);
-    info.set("BXBundleIconFile", "Icon.png");
-    info.set("UIWendralApp", wendral != nullptr ? *wendral : Value(false));
-    info.set("PDApplicationLaunchProhibited", appInfo.truth("PDApplicationLaunchProhibited"));
-    return info;
-}
-
-/// Null entries, which no file can hold, are left out of it.
-bool AppsClient::_writeInfoPlist(const Dictionary& info, std::string_view bundlePath) {
-    Dictionary present;
-    present.reserve(info.size());
-    for (const auto& [key, value] : info) {
-        if (!value.isNull()) {
-            present.set(key, value);
-        }
-    }
-    const auto bytes = _platform.propertyLists.dataWithPropertyList(present, PropertyListFormat::xml, nullptr);
-    return bytes && _platform.files.writeFileAtomically(paths::join(bundlePath, "Info.plist"), bytes->bytes(), nullptr);
-}
-
-/// Registers a bundle as a placeholder, and says how that went.
-bool AppsClient::_installPlaceholder(std::string_view bundlePath, const Dictionary& info, const Dictionary& options) {
-    const auto url = FileURL::fileURLWithPath(bundlePath, true);
-    const bool installed = url && _workspace().installApplication_withOptions(*url, options);
-    if (installed) {
-        _log.message("Installed Placeholder app from path %{public}@: %{public}@ [%{public}@ %{public}@] [isWendral: "
-                     "%{public}@]",
-                     bundlePath, info.find("BXBundleDisplayName"), info.find("BXBundleIdentifier"),
-                     info.find("BXBundleVersion"), info.find("UIWendralApp"));
-    } else {
-        _log.error("Placeholder app install failed from path %{public}@: %{public}@ [%{public}@ %{public}@] "
-                   "[isWendral: %{public}@]",
-                   bundlePath, info.find("BXBundleDisplayName"), info.find("BXBundleIdentifier"),
-                   info.find("BXBundleVersion"), info.find("UIWendralApp"));
-    }
-    return installed;
-}
-
-void AppsClient::_logAppRestore(bool success, std::string_view bundleIdentifier, std::string_view description) {
-    _platform.transactionLog.logScenario_step_success_forBundleID_description(
-        "Tamblin App Restore", TransactionStep::none, success, bundleIdentifier, description);
-}
-
-std::optional<Dictionary> AppsClient::_dictionaryAtPath(const std::optional<std::string>& path) {
-    const auto root = path ? _readPlist(*path) : std::nullopt;
-    const Dictionary* dictionary = root ? root->dictionary() : nullptr;
-    return dictionary != nullptr ? std::optional(*dictionary) : std::nullopt;
 }
 
 } // namespace appsync

@@ -8,7 +8,7 @@ bool AppsClient::_placeholderExistsForApplication(std::string_view bundleIdentif
         return false;
     }
     bool found = false;
-    _workspace().enumerateBundlesOfType_block(
+    _platform.workspaces.defaultWorkspace().enumerateBundlesOfType_block(
         PDBundleTypeInstalled, [&](const PDApplicationProxyPtr& application, bool& stop) {
             if (application->bundleIdentifier() == bundleIdentifier) {
                 found = true;
@@ -21,22 +21,22 @@ bool AppsClient::_placeholderExistsForApplication(std::string_view bundleIdentif
 
 void AppsClient::_enumeratePlaceholdersWithBlock(
     const std::function<void(const PDApplicationProxyPtr&, bool& stop)>& block) {
-    _workspace().enumerateBundlesOfType_block(PDBundleTypeAll,
-                                              [&](const PDApplicationProxyPtr& application, bool& stop) {
-                                                  if (application->appState().isPlaceholder) {
-                                                      block(application, stop);
-                                                  }
-                                              });
+    _platform.workspaces.defaultWorkspace().enumerateBundlesOfType_block(
+        PDBundleTypeAll, [&](const PDApplicationProxyPtr& application, bool& stop) {
+            if (application->appState().isPlaceholder) {
+                block(application, stop);
+            }
+        });
 }
 
 std::set<std::string> AppsClient::_getSystemAppPlaceholders() {
     std::set<std::string> placeholders;
-    _workspace().enumerateBundlesOfType_block(PDBundleTypeSystem,
-                                              [&](const PDApplicationProxyPtr& application, bool& /*stop*/) {
-                                                  if (application->appState().isPlaceholder) {
-                                                      placeholders.insert(application->bundleIdentifier());
-                                                  }
-                                              });
+    _platform.workspaces.defaultWorkspace().enumerateBundlesOfType_block(
+        PDBundleTypeSystem, [&](const PDApplicationProxyPtr& application, bool& /*stop*/) {
+            if (application->appState().isPlaceholder) {
+                placeholders.insert(application->bundleIdentifier());
+            }
+        });
     _log.message("SystemAppPlaceholders %{public}@", placeholders);
     return placeholders;
 }

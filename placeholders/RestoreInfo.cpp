@@ -2,7 +2,7 @@
 #include "client/AppsClient.h"
 
 #include "client/Paths.h"
-#include "coordination/RestorePreparation.h"
+#include "coordination/DemotionStatus.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <unordered_set>
@@ -45,6 +45,63 @@ class DemotedApps {
     const Identifiers _intentional;
 };
 
+std::optional<Dictionary> loadRestoreInfo(const Platform& platform, const PlugInLog& log) {
+    ErrorPtr error;
+    const auto bytes = platform.files.readFile(paths::restoreInfo, &error);
+    if (!bytes) {
+        log.message("failed to read tamblin app restore info. err=%{public}@", error);
+        return std::nullopt;
+    }
+    log.message("processing tamblin restore info");
+    auto root = platform.propertyLists.propertyListWithData(bytes->bytes(), &error);
+    Dictionary* apps = root ? root->mutableDictionary() : nullptr;
+    if (apps == nullptr) {
+        log.message("failed to parse tamblin app restore info. err=%{public}@", error);
+        return std::nullopt;
+    }
+    return std::move(*apps);
+}
+
+/// What came of the app; nullopt when it is skipped.
+std::optional<bool> restoreApp(AppsClient& client, const PlugInLog& log, bool useInstallCoordinator,
+                               std::string_view bundleIdentifier, const Value& appInfo, std::uint64_t demotionStatus) {
+    log.message("processing tamblin restore info for '%{public}@' demotionStatus :%lu", bundleIdentifier,
+                demotionStatus);
+    if (!paths::isFileName(bundleIdentifier)) {
+        log.message("Ignoring invalid path: %{public}@", bundleIdentifier);
+        return std::nullopt;
+    }
+    if (client._placeholderExistsForApplication(bundleIdentifier)) {
+        log.message("placeholder already exists for '%{public}@' - skiping'", bundleIdentifier);
+        return std::nullopt;
+    }
+    const Dictionary* app = appInfo.dictionary();
+    if (app == nullptr) {
+        log.message("no tamblin restore info for '%{public}@' - skipping", bundleIdentifier);
+        return std::nullopt;
+    }
+    const auto metadata = app->data("TamblinMetadata");
+    if (!metadata) {
+        log.message("no TamblinMetadata for '%{public}@' - ignoring", bundleIdentifier);
+        return std::nullopt;
+    }
+    const auto sinf = app->data("ApplicationSINF");
+    const auto icon = app->data("PlaceholderIcon");
+    return useInstallCoordinator
+               ? client.prepareAppForRestoreUsingCoordination_TamblinMetadata_sinfData_iconData_demotionStatus(
+                     bundleIdentifier, *metadata, sinf, icon, demotionStatus)
+               : client._processTamblinRestoreInfoForApp_tamblinMetaData_sinfData_iconData(bundleIdentifier, *metadata,
+                                                                                           sinf, icon);
+}
+
+void archiveRestoreInfo(FileSystem& files, const PlugInLog& log) {
+    files.removeItem(paths::processedRestoreInfo, nullptr);
+    ErrorPtr error;
+    if (!files.moveItem(paths::restoreInfo, paths::processedRestoreInfo, &error)) {
+        log.message("failed to copy tamblin metadata. err=%{public}@", error);
+    }
+}
+
 } // namespace
 
 bool AppsClient::reconcileRestoreOfType_withError(int type, ErrorPtr* error) noexcept {
@@ -65,79 +122,19 @@ bool AppsClient::_processTamblinRestoreInfo() {
         _log.message("no tamblin restore plist found - skipping processing of tamblin restored apps");
         return true;
     }
-    const auto restoreInfo = _loadRestoreInfo();
-    const bool restored = restoreInfo && _restoreApps(*restoreInfo);
-    _archiveRestoreInfo();
-    return restored;
-}
-
-std::optional<Dictionary> AppsClient::_loadRestoreInfo() {
-    ErrorPtr error;
-    const auto bytes = _platform.files.readFile(paths::restoreInfo, &error);
-    if (!bytes) {
-        _log.message("failed to read tamblin app restore info. err=%{public}@", error);
-        return std::nullopt;
-    }
-    _log.message("processing tamblin restore info");
-    auto root = _platform.propertyLists.propertyListWithData(bytes->bytes(), &error);
-    Dictionary* apps = root ? root->mutableDictionary() : nullptr;
-    if (apps == nullptr) {
-        _log.message("failed to parse tamblin app restore info. err=%{public}@", error);
-        return std::nullopt;
-    }
-    return std::move(*apps);
-}
-
-/// What came of the last app that was not skipped; false when there was none.
-bool AppsClient::_restoreApps(const Dictionary& restoreInfo) {
-    const auto demotedAppsFile = _loadDemotedAppsPlist_withError(paths::demotedApps, nullptr);
-    const DemotedApps demotedApps(demotedAppsFile);
-    _log.oversize("Demoted Apps: %{public}@", demotedAppsFile);
     bool restored = false;
-    for (const auto& [identifier, appInfo] : restoreInfo) {
-        restored = _restoreApp(identifier, appInfo, demotedApps.statusOf(identifier)).value_or(restored);
+    if (const auto restoreInfo = loadRestoreInfo(_platform, _log)) {
+        const auto demotedAppsFile = _loadDemotedAppsPlist_withError(paths::demotedApps, nullptr);
+        const DemotedApps demotedApps(demotedAppsFile);
+        _log.oversize("Demoted Apps: %{public}@", demotedAppsFile);
+        for (const auto& [identifier, appInfo] : *restoreInfo) {
+            restored =
+                restoreApp(*this, _log, _useInstallCoordinator, identifier, appInfo, demotedApps.statusOf(identifier))
+                    .value_or(restored);
+        }
     }
+    archiveRestoreInfo(_platform.files, _log);
     return restored;
-}
-
-/// What came of the app; nothing when it is skipped.
-std::optional<bool> AppsClient::_restoreApp(std::string_view bundleIdentifier, const Value& appInfo,
-                                            std::uint64_t demotionStatus) {
-    _log.message("processing tamblin restore info for '%{public}@' demotionStatus :%lu", bundleIdentifier,
-                 demotionStatus);
-    if (!paths::isFileName(bundleIdentifier)) {
-        _log.message("Ignoring invalid path: %{public}@", bundleIdentifier);
-        return std::nullopt;
-    }
-    if (_placeholderExistsForApplication(bundleIdentifier)) {
-        _log.message("placeholder already exists for '%{public}@' - skiping'", bundleIdentifier);
-        return std::nullopt;
-    }
-    const Dictionary* app = appInfo.dictionary();
-    if (app == nullptr) {
-        _log.message("no tamblin restore info for '%{public}@' - skipping", bundleIdentifier);
-        return std::nullopt;
-    }
-    const auto metadata = app->data("TamblinMetadata");
-    if (!metadata) {
-        _log.message("no TamblinMetadata for '%{public}@' - ignoring", bundleIdentifier);
-        return std::nullopt;
-    }
-    const auto sinf = app->data("ApplicationSINF");
-    const auto icon = app->data("PlaceholderIcon");
-    return _useInstallCoordinator
-               ? prepareAppForRestoreUsingCoordination_TamblinMetadata_sinfData_iconData_demotionStatus(
-                     bundleIdentifier, *metadata, sinf, icon, demotionStatus)
-               : _processTamblinRestoreInfoForApp_tamblinMetaData_sinfData_iconData(bundleIdentifier, *metadata, sinf,
-                                                                                    icon);
-}
-
-void AppsClient::_archiveRestoreInfo() {
-    _platform.files.removeItem(paths::processedRestoreInfo, nullptr);
-    ErrorPtr error;
-    if (!_platform.files.moveItem(paths::restoreInfo, paths::processedRestoreInfo, &error)) {
-        _log.message("failed to copy tamblin metadata. err=%{public}@", error);
-    }
 }
 
 } // namespace appsync

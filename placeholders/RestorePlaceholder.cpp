@@ -3,13 +3,12 @@
 
 #include "client/Paths.h"
 #include "coordination/StoreMetadata.h"
+#include "placeholders/PlaceholderBundle.h"
 #include "platform/PropertyListSerialization.h"
 
 namespace appsync {
 
 namespace {
-
-const FileAttributes mobileAttributes{"mobile", "mobile"};
 
 Value orNull(const std::optional<std::string>& text) {
     return text ? Value(*text) : Value();
@@ -28,15 +27,51 @@ Dictionary infoOfRestoredApp(std::string_view bundleIdentifier, const Dictionary
             {"PDApplicationLaunchProhibited", storeMetadata::launchProhibited(metadata)}};
 }
 
+std::optional<Dictionary> parseMetadata(const Platform& platform, const PlugInLog& log,
+                                        std::string_view bundleIdentifier, const Data& tamblinMetaData) {
+    ErrorPtr error;
+    auto root = platform.propertyLists.propertyListWithData(tamblinMetaData.bytes(), &error);
+    Dictionary* metadata = root ? root->mutableDictionary() : nullptr;
+    if (metadata == nullptr) {
+        log.message("failed to parse tamblin metadata for '%{public}@'. err=%{public}@", bundleIdentifier, error);
+        return std::nullopt;
+    }
+    return std::move(*metadata);
+}
+
+/// Builds the bundle and installs it. Null on success, otherwise what failed.
+const char* buildPlaceholder(AppsClient& client, const Platform& platform, const PlugInLog& log,
+                             std::string_view bundleIdentifier, const Dictionary& metadata,
+                             const std::optional<Data>& iconData, const Dictionary& options) {
+    const std::string bundlePath = client.placeholderAppPathForBundleIdentifier(bundleIdentifier);
+    if (!client.createPlaceHolderPath_forBundleIdentifier_withAttributes(bundlePath, bundleIdentifier,
+                                                                         placeholderBundle::attributes)) {
+        // The message before this one has the reason.
+        log.message("failed to create app directory for '%{public}@'. err=%{public}@", bundleIdentifier, ErrorPtr());
+        return "Failed to create app directory";
+    }
+    client.writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(
+        iconData, paths::join(bundlePath, "Icon.png"), nullptr, bundleIdentifier, placeholderBundle::attributes);
+    const Dictionary info = infoOfRestoredApp(bundleIdentifier, metadata);
+    log.message("creating placeholder for '%{public}@'. info.plist=%{public}@", bundlePath, info);
+    if (!placeholderBundle::writeInfo(platform, bundlePath, info)) {
+        log.message("failed to create placeholder info at %{public}@ with info %{public}@",
+                    paths::join(bundlePath, "Info.plist"), info);
+        return "Failed to create placeholder info";
+    }
+    return placeholderBundle::install(platform, log, bundlePath, info, options) ? nullptr
+                                                                                : "Failed to install placeholder";
+}
+
 } // namespace
 
 bool AppsClient::_processTamblinRestoreInfoForApp_tamblinMetaData_sinfData_iconData(
     std::string_view bundleIdentifier, const Data& tamblinMetaData, const std::optional<Data>& sinfData,
     const std::optional<Data>& iconData) {
     _log.message("processing app restore info for '%{public}@'", bundleIdentifier);
-    const auto metadata = _parseTamblinMetadata(bundleIdentifier, tamblinMetaData);
+    const auto metadata = parseMetadata(_platform, _log, bundleIdentifier, tamblinMetaData);
     if (!metadata) {
-        _logAppRestore(false, bundleIdentifier, "Failed to parse tamblin metadata");
+        placeholderBundle::logAppRestore(_platform, false, bundleIdentifier, "Failed to parse tamblin metadata");
         return true; // does not count as a failure of the restore
     }
     const Dictionary options{{PDPackageTypeKey, PDPackageTypePlaceholder},
@@ -44,47 +79,15 @@ bool AppsClient::_processTamblinRestoreInfoForApp_tamblinMetaData_sinfData_iconD
                              {PDInstallTypeKey, std::uint64_t{PDInstallTypeRestore}},
                              {PDTamblinMetadataKey, tamblinMetaData},
                              {PDApplicationSINFKey, sinfData ? Value(*sinfData) : Value()}};
-    if (const char* failure = _buildRestorePlaceholder(bundleIdentifier, *metadata, iconData, options)) {
-        _logAppRestore(false, bundleIdentifier, failure);
+    if (const char* failure =
+            buildPlaceholder(*this, _platform, _log, bundleIdentifier, *metadata, iconData, options)) {
+        placeholderBundle::logAppRestore(_platform, false, bundleIdentifier, failure);
         _log.message("failed to process app restore info for '%{public}@'. tamblinMetadataDictionary=%{public}@",
                      bundleIdentifier, *metadata);
         return false;
     }
-    _logAppRestore(true, bundleIdentifier, "Installed placeholder");
+    placeholderBundle::logAppRestore(_platform, true, bundleIdentifier, "Installed placeholder");
     return true;
-}
-
-std::optional<Dictionary> AppsClient::_parseTamblinMetadata(std::string_view bundleIdentifier,
-                                                            const Data& tamblinMetaData) {
-    ErrorPtr error;
-    auto root = _platform.propertyLists.propertyListWithData(tamblinMetaData.bytes(), &error);
-    Dictionary* metadata = root ? root->mutableDictionary() : nullptr;
-    if (metadata == nullptr) {
-        _log.message("failed to parse tamblin metadata for '%{public}@'. err=%{public}@", bundleIdentifier, error);
-        return std::nullopt;
-    }
-    return std::move(*metadata);
-}
-
-/// Builds the bundle and installs it. Null on success, otherwise what failed.
-const char* AppsClient::_buildRestorePlaceholder(std::string_view bundleIdentifier, const Dictionary& metadata,
-                                                 const std::optional<Data>& iconData, const Dictionary& options) {
-    const std::string bundlePath = placeholderAppPathForBundleIdentifier(bundleIdentifier);
-    if (!createPlaceHolderPath_forBundleIdentifier_withAttributes(bundlePath, bundleIdentifier, mobileAttributes)) {
-        // The message before this one has the reason.
-        _log.message("failed to create app directory for '%{public}@'. err=%{public}@", bundleIdentifier, ErrorPtr());
-        return "Failed to create app directory";
-    }
-    writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(
-        iconData, paths::join(bundlePath, "Icon.png"), nullptr, bundleIdentifier, mobileAttributes);
-    const Dictionary info = infoOfRestoredApp(bundleIdentifier, metadata);
-    _log.message("creating placeholder for '%{public}@'. info.plist=%{public}@", bundlePath, info);
-    if (!_writeInfoPlist(info, bundlePath)) {
-        _log.message("failed to create placeholder info at %{public}@ with info %{public}@",
-                     paths::join(bundlePath, "Info.plist"), info);
-        return "Failed to create placeholder info";
-    }
-    return _installPlaceholder(bundlePath, info, options) ? nullptr : "Failed to install placeholder";
 }
 
 } // namespace appsync
