@@ -21,7 +21,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -265,8 +264,8 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
 
     const Platform _platform;
     const PlugInLog _log;
-    std::mutex _toDoListMutex;     // around each change of the to-do list
-    std::mutex _restoreStateMutex; // around each change of the restore state
+    Mutex _toDoListMutex;     // around each change of the to-do list
+    Mutex _restoreStateMutex; // around each change of the restore state
     PendingRetries _pendingRetries;
 
     Guarded<std::optional<Array>> _uninstalledApps; // bundle identifiers; nullopt until the inventory was asked for
@@ -276,9 +275,9 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     OperationQueue _installOperationQueue;
     std::shared_ptr<HVManager> _backupManager;
     IdentifierSet _kplAppsToIgnore; // volume-licensed apps that this sync leaves alone; none is recognised today
-    std::set<std::string, std::less<>> _updatingApps;      // on the access queue: updates of installed apps
-    std::set<std::string, std::less<>> _userCancelledApps; // on the access queue: cancelled on the device
-    std::atomic<bool> _useInstallCoordinator = false;      // never changes after construction
+    std::set<std::string, std::less<>> _updatingApps GUARDED_BY(_accessQueue);      // updates of installed apps
+    std::set<std::string, std::less<>> _userCancelledApps GUARDED_BY(_accessQueue); // cancelled on the device
+    std::atomic<bool> _useInstallCoordinator = false;                               // never changes after construction
     SerialQueue _accessQueue;
     std::shared_ptr<KXAppInstallObserver> _appInstallObserver; // null until the daemon's start-up is complete
 };

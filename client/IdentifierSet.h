@@ -2,10 +2,10 @@
 // insertion.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "platform/PropertyList.h"
 
 #include <cstddef>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,8 +22,8 @@ class IdentifierSet {
     [[nodiscard]] std::vector<std::string> all() const;
 
   private:
-    mutable std::mutex _mutex;
-    Dictionary _members;
+    mutable Mutex _mutex;
+    Dictionary _members GUARDED_BY(_mutex);
 };
 
 } // namespace appsync

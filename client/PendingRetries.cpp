@@ -16,7 +16,7 @@ void PendingRetries::runAfter(std::chrono::milliseconds delay, std::function<voi
         task();
         _forget(number);
     });
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (const auto entry = _tasks.find(number); entry != _tasks.end()) {
         entry->second = std::move(handle);
     }
@@ -25,7 +25,7 @@ void PendingRetries::runAfter(std::chrono::milliseconds delay, std::function<voi
 void PendingRetries::dropAll() {
     std::map<std::uint64_t, std::shared_ptr<ScheduledTask>> tasks;
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         tasks.swap(_tasks);
     }
     for (const auto& [number, task] : tasks) {
@@ -36,13 +36,13 @@ void PendingRetries::dropAll() {
 }
 
 std::uint64_t PendingRetries::_expect() {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _tasks[++_lastNumber] = nullptr;
     return _lastNumber;
 }
 
 void PendingRetries::_forget(std::uint64_t number) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _tasks.erase(number);
 }
 

@@ -1,12 +1,13 @@
 // Delayed tasks that are dropped together when their owner goes.
 #pragma once
 
+#include "concurrency/Mutex.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 
 namespace appsync {
 
@@ -33,9 +34,10 @@ class PendingRetries {
     void _forget(std::uint64_t number);
 
     Scheduler& _scheduler;
-    std::mutex _mutex;
-    std::uint64_t _lastNumber = 0;
-    std::map<std::uint64_t, std::shared_ptr<ScheduledTask>> _tasks; // null until the scheduler has answered
+    Mutex _mutex;
+    std::uint64_t _lastNumber GUARDED_BY(_mutex) = 0;
+    std::map<std::uint64_t, std::shared_ptr<ScheduledTask>>
+        _tasks GUARDED_BY(_mutex); // null until the scheduler has answered
 };
 
 } // namespace appsync

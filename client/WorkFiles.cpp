@@ -85,7 +85,7 @@ void AppsClient::_setRestoreStatePropertyValue_forKey_identifier_version(const V
     if (!version) {
         return;
     }
-    const std::lock_guard lock(_restoreStateMutex);
+    const Lock lock(_restoreStateMutex);
     std::optional<Value> root = Dictionary{};
     if (const auto bytes = _platform.files.readFile(paths::restoreState, nullptr)) {
         root = _platform.propertyLists.propertyListWithData(bytes->bytes(), nullptr);
@@ -101,7 +101,7 @@ void AppsClient::_setRestoreStatePropertyValue_forKey_identifier_version(const V
 }
 
 void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
-    const std::lock_guard lock(_restoreStateMutex);
+    const Lock lock(_restoreStateMutex);
     auto root = readPropertyList(_platform, paths::restoreState);
     Dictionary* state = root ? root->mutableDictionary() : nullptr;
     if (state == nullptr) {
@@ -116,7 +116,7 @@ void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
 }
 
 void AppsClient::changeAssetID_toDo(std::string_view identifier, std::string_view operation) {
-    const std::lock_guard lock(_toDoListMutex);
+    const Lock lock(_toDoListMutex);
     Array toDoList = _loadPlist_withError(paths::toDoList, nullptr).value_or(Array{});
     const auto item = std::ranges::find_if(toDoList, isRecordOf(identifier));
     if (item == toDoList.end()) {

@@ -5,25 +5,27 @@
 namespace appsync {
 
 void Group::enter() {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     ++_count;
 }
 
 void Group::leave() {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     assert(_count > 0);
     if (--_count == 0) {
-        _empty.notify_all();
+        _empty.notifyAll();
     }
 }
 
 void Group::wait() {
-    std::unique_lock lock(_mutex);
-    _empty.wait(lock, [this] { return _count == 0; });
+    const Lock lock(_mutex);
+    while (_count > 0) {
+        _empty.wait(_mutex);
+    }
 }
 
 std::size_t Group::count() const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _count;
 }
 

@@ -1,9 +1,9 @@
 // Counts work that is under way, so that somebody can wait for all of it.
 #pragma once
 
-#include <condition_variable>
+#include "concurrency/Mutex.h"
+
 #include <cstddef>
-#include <mutex>
 
 namespace appsync {
 
@@ -13,17 +13,17 @@ class Group {
     Group(const Group&) = delete;
     Group& operator=(const Group&) = delete;
 
-    void enter();
+    void enter() EXCLUDES(_mutex);
     /// Each `leave` answers one `enter`.
-    void leave();
+    void leave() EXCLUDES(_mutex);
     /// Returns when every `enter` has been answered; at once when there is none.
-    void wait();
-    [[nodiscard]] std::size_t count() const;
+    void wait() EXCLUDES(_mutex);
+    [[nodiscard]] std::size_t count() const EXCLUDES(_mutex);
 
   private:
-    mutable std::mutex _mutex;
-    std::condition_variable _empty;
-    std::size_t _count = 0;
+    mutable Mutex _mutex;
+    Condition _empty;
+    std::size_t _count GUARDED_BY(_mutex) = 0;
 };
 
 } // namespace appsync

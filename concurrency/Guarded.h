@@ -1,7 +1,8 @@
 // A value that several threads use, each as a whole.
 #pragma once
 
-#include <mutex>
+#include "concurrency/Mutex.h"
+
 #include <utility>
 
 namespace appsync {
@@ -9,18 +10,18 @@ namespace appsync {
 /// Any thread.
 template <class Type> class Guarded {
   public:
-    [[nodiscard]] Type get() const {
-        const std::lock_guard lock(_mutex);
+    [[nodiscard]] Type get() const EXCLUDES(_mutex) {
+        const Lock lock(_mutex);
         return _value;
     }
-    void set(Type value) {
-        const std::lock_guard lock(_mutex);
+    void set(Type value) EXCLUDES(_mutex) {
+        const Lock lock(_mutex);
         _value = std::move(value);
     }
 
   private:
-    mutable std::mutex _mutex;
-    Type _value{};
+    mutable Mutex _mutex;
+    Type _value GUARDED_BY(_mutex){};
 };
 
 } // namespace appsync

@@ -1,5 +1,7 @@
 #include "concurrency/OperationQueue.h"
 
+#include <system_error>
+
 namespace appsync {
 
 OperationQueue::OperationQueue(std::size_t maxConcurrentOperationCount) : _maxConcurrent(maxConcurrentOperationCount) {}
@@ -9,27 +11,41 @@ OperationQueue::~OperationQueue() {
 }
 
 bool OperationQueue::addOperation(std::function<void()> operation) {
-    const std::lock_guard lock(_mutex);
-    if (_stopped) {
+    {
+        const Lock lock(_mutex);
+        if (_stopped) {
+            return false;
+        }
+        const bool needsThread = _idle <= _waiting.size() && _threads.size() < _maxConcurrent;
+        if (!needsThread || _startThread() || !_threads.empty()) {
+            _waiting.push_back(std::move(operation));
+            _changed.notifyOne();
+            return true;
+        }
+    }
+    operation();
+    return true;
+}
+
+/// False: the system has no thread to give.
+bool OperationQueue::_startThread() {
+    try {
+        _threads.emplace_back([this] { _work(); });
+        return true;
+    } catch (const std::system_error&) {
         return false;
     }
-    _waiting.push_back(std::move(operation));
-    if (_idle < _waiting.size() && _threads.size() < _maxConcurrent) {
-        _threads.emplace_back([this] { _work(); });
-    }
-    _changed.notify_one();
-    return true;
 }
 
 void OperationQueue::stop() {
     std::deque<std::function<void()>> dropped;
     std::vector<std::thread> threads;
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _stopped = true;
         dropped.swap(_waiting);
         threads.swap(_threads);
-        _changed.notify_all();
+        _changed.notifyAll();
     }
     dropped.clear(); // what they hold is released before running operations are waited for
     for (std::thread& thread : threads) {
@@ -38,21 +54,25 @@ void OperationQueue::stop() {
 }
 
 void OperationQueue::_work() {
-    std::unique_lock lock(_mutex);
-    for (;;) {
-        ++_idle;
-        _changed.wait(lock, [this] { return _stopped || !_waiting.empty(); });
-        --_idle;
-        if (_waiting.empty()) {
-            return;
-        }
-        auto operation = std::move(_waiting.front());
-        _waiting.pop_front();
-        lock.unlock();
+    while (auto operation = _takeNext()) {
         operation();
-        operation = nullptr; // what it holds is released before the next one is taken
-        lock.lock();
     }
+}
+
+/// Waits for the next operation; none when the queue has been stopped.
+std::function<void()> OperationQueue::_takeNext() {
+    const Lock lock(_mutex);
+    ++_idle;
+    while (!_stopped && _waiting.empty()) {
+        _changed.wait(_mutex);
+    }
+    --_idle;
+    if (_waiting.empty()) {
+        return nullptr;
+    }
+    auto operation = std::move(_waiting.front());
+    _waiting.pop_front();
+    return operation;
 }
 
 } // namespace appsync

@@ -1,11 +1,11 @@
 // Runs operations in the background, in the order in which they were added, at most so many at once.
 #pragma once
 
-#include <condition_variable>
+#include "concurrency/Mutex.h"
+
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -19,23 +19,25 @@ class OperationQueue {
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
-    /// Returns at once. Threads are started when they are needed. False: the queue has been stopped, and the operation
-    /// will not run.
-    bool addOperation(std::function<void()> operation);
+    /// Returns at once. Threads are started when they are needed; where not even one can be started the operation runs
+    /// before this returns. False: the queue has been stopped, and the operation will not run.
+    bool addOperation(std::function<void()> operation) EXCLUDES(_mutex);
     /// Waits for running operations and drops those that have not begun. Not to be called from an operation.
-    void stop();
+    void stop() EXCLUDES(_mutex);
     [[nodiscard]] std::size_t maxConcurrentOperationCount() const noexcept { return _maxConcurrent; }
 
   private:
-    void _work();
+    void _work() EXCLUDES(_mutex);
+    [[nodiscard]] bool _startThread() REQUIRES(_mutex);
+    [[nodiscard]] std::function<void()> _takeNext() EXCLUDES(_mutex);
 
     const std::size_t _maxConcurrent;
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    std::deque<std::function<void()>> _waiting;
-    std::vector<std::thread> _threads;
-    std::size_t _idle = 0;
-    bool _stopped = false;
+    Mutex _mutex;
+    Condition _changed;
+    std::deque<std::function<void()>> _waiting GUARDED_BY(_mutex);
+    std::vector<std::thread> _threads GUARDED_BY(_mutex);
+    std::size_t _idle GUARDED_BY(_mutex) = 0;
+    bool _stopped GUARDED_BY(_mutex) = false;
 };
 
 } // namespace appsync

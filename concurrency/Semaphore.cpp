@@ -4,18 +4,20 @@ namespace appsync {
 
 void Semaphore::signal() {
     // Notified under the lock, so that the waiter may destroy the semaphore as soon as it wakes.
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     ++_count;
-    _signalled.notify_one();
+    _signalled.notifyOne();
 }
 
 bool Semaphore::wait(std::optional<std::chrono::milliseconds> bound) {
-    std::unique_lock lock(_mutex);
-    const auto available = [this] { return _count > 0; };
-    if (!bound) {
-        _signalled.wait(lock, available);
-    } else if (!_signalled.wait_for(lock, *bound, available)) {
-        return false;
+    const auto end = std::chrono::steady_clock::now() + bound.value_or(std::chrono::milliseconds(0));
+    const Lock lock(_mutex);
+    while (_count == 0) {
+        if (!bound) {
+            _signalled.wait(_mutex);
+        } else if (!_signalled.waitUntil(_mutex, end) && _count == 0) {
+            return false;
+        }
     }
     --_count;
     return true;

@@ -1,9 +1,9 @@
 // A counting semaphore whose wait can be bounded.
 #pragma once
 
+#include "concurrency/Mutex.h"
+
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 
 namespace appsync {
@@ -14,14 +14,14 @@ class Semaphore {
     Semaphore(const Semaphore&) = delete;
     Semaphore& operator=(const Semaphore&) = delete;
 
-    void signal();
+    void signal() EXCLUDES(_mutex);
     /// Takes one count, waiting for it, without a bound for as long as it takes. False: the bound passed first.
-    bool wait(std::optional<std::chrono::milliseconds> bound = std::nullopt);
+    bool wait(std::optional<std::chrono::milliseconds> bound = std::nullopt) EXCLUDES(_mutex);
 
   private:
-    std::mutex _mutex;
-    std::condition_variable _signalled;
-    unsigned _count;
+    Mutex _mutex;
+    Condition _signalled;
+    unsigned _count GUARDED_BY(_mutex);
 };
 
 } // namespace appsync

@@ -60,7 +60,8 @@ void AppsClient::coordinator_canceledWithReason_client(const KXAppInstallCoordin
     if (!identifier) {
         return;
     }
-    const bool alreadyCancelled = _accessQueue.sync([&] { return !_userCancelledApps.insert(*identifier).second; });
+    const bool alreadyCancelled =
+        _accessQueue.sync([&]() REQUIRES(_accessQueue) { return !_userCancelledApps.insert(*identifier).second; });
     const auto service = alreadyCancelled ? nullptr : _platform.deviceService.sharedInstance();
     if (service != nullptr && service->respondsToCancelAssetTransferForFailedAsset()) {
         _log.message("Cancelling asset sync for %{public}@", *identifier);

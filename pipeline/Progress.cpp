@@ -23,7 +23,8 @@ void AppsClient::assetTransfer_updatedProgress(const QRAssetPtr& asset, double f
     const std::string& identifier = asset->identifier;
     _log.message("finished transferring %lf for %{public}@", fraction, identifier);
     if (_useInstallCoordinator) {
-        const bool existingApp = _accessQueue.sync([&] { return _updatingApps.contains(identifier); });
+        const bool existingApp =
+            _accessQueue.sync([&]() REQUIRES(_accessQueue) { return _updatingApps.contains(identifier); });
         updateTransferProgressForApp_existingApp(asset, existingApp);
     } else if (const FNProgressPtr progress = _progressForAssetIdentifier(identifier)) {
         progress->setInstallState(PDInstallStateActive);

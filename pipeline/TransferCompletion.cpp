@@ -225,7 +225,7 @@ void AppsClient::assetTransfer_succeeded_withError(const QRAssetPtr& asset, bool
     const std::string& identifier = asset->identifier;
     bool existingApp = false;
     bool userCancelled = false;
-    _accessQueue.sync([&] {
+    _accessQueue.sync([&]() REQUIRES(_accessQueue) {
         existingApp = _updatingApps.erase(identifier) > 0;
         userCancelled = _userCancelledApps.erase(identifier) > 0;
     });
@@ -260,7 +260,7 @@ void AppsClient::assetTransferEndedWithSuccess(bool success) noexcept {
         _log.error("Called with success == YES but with %lu outstanding RFX transfers!", outstanding.size());
     }
     _outstandingRFXTransfers.removeAll();
-    _accessQueue.sync([this] {
+    _accessQueue.sync([this]() REQUIRES(_accessQueue) {
         _updatingApps.clear();
         _userCancelledApps.clear();
     });

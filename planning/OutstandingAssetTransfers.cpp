@@ -168,7 +168,7 @@ std::vector<QRAssetPtr> AppsClient::outstandingAssetTransfers() noexcept {
                 changeAssetID_toDo(identifier, "FAILED");
                 continue;
             }
-            _accessQueue.sync([&] {
+            _accessQueue.sync([&]() REQUIRES(_accessQueue) {
                 if (existingApp) {
                     _updatingApps.insert(identifier);
                 }

@@ -5,6 +5,7 @@
 #include "concurrency/SerialQueue.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -171,6 +172,53 @@ TEST(OperationQueue, StoppingWaitsForTheRunningAndDropsTheRest) {
     EXPECT_TRUE(ended);
     EXPECT_FALSE(secondRan);
     EXPECT_FALSE(queue.addOperation([] {}));
+}
+
+/// From now on the system has no thread to give, until the object goes.
+class NoMoreThreads {
+  public:
+    NoMoreThreads() {
+        pthread_attr_init(&_usual);
+        pthread_getattr_default_np(&_usual);
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        pthread_attr_setstacksize(&huge, std::size_t{1} << 46); // more than can be reserved
+        EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
+        pthread_attr_destroy(&huge);
+    }
+    ~NoMoreThreads() {
+        pthread_setattr_default_np(&_usual);
+        pthread_attr_destroy(&_usual);
+    }
+    NoMoreThreads(const NoMoreThreads&) = delete;
+    NoMoreThreads& operator=(const NoMoreThreads&) = delete;
+
+  private:
+    pthread_attr_t _usual{};
+};
+
+TEST(OperationQueue, RunsAnOperationAtOnceWhereNoThreadCanBeStarted) {
+    OperationQueue queue(2);
+    const NoMoreThreads noMore;
+    std::thread::id runner;
+    EXPECT_TRUE(queue.addOperation([&] { runner = std::this_thread::get_id(); }));
+    EXPECT_EQ(runner, std::this_thread::get_id());
+}
+
+TEST(OperationQueue, LeavesAnOperationToTheThreadsThatItHasWhereNoFurtherOneCanBeStarted) {
+    OperationQueue queue(2);
+    Semaphore begun;
+    Semaphore goOn;
+    Semaphore done;
+    queue.addOperation([&] {
+        begun.signal();
+        goOn.wait();
+    });
+    begun.wait();
+    const NoMoreThreads noMore;
+    EXPECT_TRUE(queue.addOperation([&] { done.signal(); }));
+    goOn.signal();
+    EXPECT_TRUE(done.wait(std::chrono::minutes(1)));
 }
 
 } // namespace
