@@ -3,7 +3,8 @@
 // A coordinator belongs to the client that created it and survives its process. It installs the placeholder once that
 // is configured, and the app once the app asset promise is complete; one for a demoted app ends with its placeholder.
 // An app has one coordinator at a time. One that has ended, with or without success or by a cancel, is not found any
-// more and takes nothing more. A failure or a cancel takes the placeholder away and leaves an installed version.
+// more and takes nothing more. A failure or a cancel takes the placeholder away and leaves an installed version. A
+// restored app whose file a client is responsible for may wait on for a better one after a failure.
 //
 // Class operations, factories included, stand in the `…Class` interfaces. Every operation may be called on any thread
 // at any time; one that fails answers false or null and puts the reason into `error` unless that is null.
@@ -92,7 +93,7 @@ class KXAppInstallCoordinator {
   public:
     virtual ~KXAppInstallCoordinator() = default;
     [[nodiscard]] virtual std::optional<std::string> bundleID() noexcept = 0;
-    /// Why the coordinator has failed or was cancelled; null while it has not.
+    /// Why the coordinator has failed or was cancelled, or could not install the last file; null while it has not.
     [[nodiscard]] virtual ErrorPtr error() noexcept = 0;
     [[nodiscard]] virtual KXClientIdentifier creatorIdentifier() noexcept = 0;
     /// Names the object that follows this coordinator; it must outlive the coordinator's work in this process. Its

@@ -256,6 +256,11 @@ void CoordinatorEngine::_perform(Lock& lock, const CoordinatorStatePtr& state, S
     if (step == Step::placeholder && !error) {
         _placeholderWasInstalled(lock, state);
     }
+    if (step == Step::app && error && _isWorking && !state->cancelRequester && _mayGetAnotherFile(*state)) {
+        _waitForAnotherFile(lock, state, error);
+        step = Step::none;
+        error = nullptr;
+    }
     if ((step == Step::finish || step == Step::app) && !error) {
         _end(lock, state, {});
     } else if (state->cancelRequester) {
@@ -263,6 +268,24 @@ void CoordinatorEngine::_perform(Lock& lock, const CoordinatorStatePtr& state, S
     } else if (error && _isWorking) {
         _end(lock, state, {error, std::nullopt});
     }
+}
+
+/// Whether an install that failed leaves a restored app to wait on: the backup may be the only other place that has it.
+bool CoordinatorEngine::_mayGetAnotherFile(const CoordinatorState& state) const {
+    return state.kind == CoordinatorKind::restoring && state.facts.responsibleClient != 0 &&
+           !_services.registry.isInstalled(state.bundleID);
+}
+
+/// The lock is held, but not while the file is removed.
+void CoordinatorEngine::_waitForAnotherFile(Lock& lock, const CoordinatorStatePtr& state, const ErrorPtr& error) {
+    const PromisePtr asset = std::exchange(state->asset, nullptr);
+    asset->setOwner(nullptr);
+    state->facts.error = error;
+    // When this cannot be written a restart finds the file missing, and comes here again.
+    (void)_store.removePromise(asset->identifier());
+    lock.unlock();
+    _removeAsset(asset);
+    lock.lock();
 }
 
 void CoordinatorEngine::_placeholderWasInstalled(Lock& lock, const CoordinatorStatePtr& state) {

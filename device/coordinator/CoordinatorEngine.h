@@ -118,6 +118,8 @@ class CoordinatorEngine {
     void _work();
     void _perform(Lock& lock, const CoordinatorStatePtr& state, Step step);
     void _placeholderWasInstalled(Lock& lock, const CoordinatorStatePtr& state);
+    [[nodiscard]] bool _mayGetAnotherFile(const CoordinatorState& state) const;
+    void _waitForAnotherFile(Lock& lock, const CoordinatorStatePtr& state, const ErrorPtr& error);
     void _end(Lock& lock, const CoordinatorStatePtr& state, const Outcome& outcome);
     void _reportEnd(const CoordinatorStatePtr& state);
     void _report(const CoordinatorStatePtr& state, InstallObservers::Call call);
@@ -129,6 +131,7 @@ class CoordinatorEngine {
     [[nodiscard]] ErrorPtr _restoreUserData(const CoordinatorState& state);
     void _showTransfer(const CoordinatorState& state, double fraction);
     void _clearAway(const CoordinatorState& state, const Outcome& outcome);
+    void _removeAsset(const PromisePtr& asset);
     void _removeIcon(const PromisePtr& icon);
     [[nodiscard]] ErrorPtr _problemAfterRestart(const CoordinatorState& state);
     [[nodiscard]] Result<void> _remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope);

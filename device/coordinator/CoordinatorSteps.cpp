@@ -120,11 +120,17 @@ void CoordinatorEngine::_clearAway(const CoordinatorState& state, const Outcome&
         !_services.registry.application(state.bundleID)) {
         _services.userData->giveUp(state.bundleID);
     }
-    if (state.asset && state.asset->isComplete()) {
-        removeOwnedFile(_services.files, state.asset->record().path.value_or(""));
+    if (state.asset) {
+        _removeAsset(state.asset);
     }
     if (state.placeholder) {
         _removeIcon(state.placeholder->facts.icon);
+    }
+}
+
+void CoordinatorEngine::_removeAsset(const PromisePtr& asset) {
+    if (asset->isComplete()) {
+        removeOwnedFile(_services.files, asset->record().path.value_or(""));
     }
 }
 

@@ -198,6 +198,12 @@ Result<void> CoordinatorStore::updatePromise(const CoordinatorState& coordinator
     return transaction.commit();
 }
 
+Result<void> CoordinatorStore::removePromise(std::uint64_t promise) {
+    Database::Transaction transaction(_database);
+    transaction.run("DELETE FROM coordinatorPromise WHERE id = ?1", promise);
+    return transaction.commit();
+}
+
 Result<void> CoordinatorStore::updateToReport(const CoordinatorState& coordinator) {
     Database::Transaction transaction(_database);
     removeBelongings(transaction, coordinator.id);

@@ -31,6 +31,7 @@ class CoordinatorStore {
     /// Writes the placeholder that has been attached, with its icon promise.
     [[nodiscard]] Result<void> updatePlaceholder(const CoordinatorState& coordinator);
     [[nodiscard]] Result<void> updatePromise(const CoordinatorState& coordinator, const Promise& promise);
+    [[nodiscard]] Result<void> removePromise(std::uint64_t promise);
     /// Keeps no more of a coordinator than its report needs.
     [[nodiscard]] Result<void> updateToReport(const CoordinatorState& coordinator);
     /// Removes a coordinator with all that belongs to it. Needs no lock.

@@ -7,9 +7,11 @@
 // waits for it; that this fails is the coordinator's error, whose app or placeholder is there nevertheless.
 //
 // A coordinator ends as a success, as a failure, or by a cancel; lookups no longer find it then. A failure or cancel
-// takes the placeholder away and leaves an installed version as it is. The transferred file and the icon file belong to
-// the coordinator once their promises are complete, and are removed with it; files outside "/var/mobile" and "/tmp" are
-// left alone.
+// takes the placeholder away and leaves an installed version as it is. Only a restoring coordinator whose app could not
+// be installed, and for whose file a client is responsible, does not end: it drops the promise of that file and waits
+// for another, with the app's placeholder and data; its `error` says meanwhile what was wrong with the last. The
+// transferred file and the icon file belong to the coordinator once their promises are complete, and are removed with
+// it; files outside "/var/mobile" and "/tmp" are left alone.
 //
 // Reports go to the connections for the client that created the coordinator; without one they wait for the next, and
 // how a coordinator ended waits for it also beyond the end of this process. A cancel is reported unless the creator

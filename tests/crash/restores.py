@@ -96,22 +96,11 @@ class Delivery(Restore):
         return self._delivery(device, source)
 
     def next_commands(self, device, answer):
-        """The data of an app whose install failed in the store's hands is given up with it: it is restored anew."""
-        is_whole = self._is_own or answer.code in (0, KILLED)
-        return ([] if is_whole else [super().command(device)]) + [self.command(device)]
+        """An app whose install failed waits on, with its data."""
+        return [self.command(device)]
 
     def check_failures(self, apps, answer):
-        """An app waits on, unless the store was told that its install failed."""
-        given_up = set() if self._is_own else self._failed(answer)
-        return [f"{identifier} waits no longer" for identifier in self._everything - given_up - apps.keys()]
-
-    @staticmethod
-    def _failed(answer):
-        try:
-            report = json.loads(answer.output)
-        except ValueError:
-            return set()
-        return {app["identifier"] for app in report["apps"] if app["result"] == "failed"}
+        return [f"{identifier} waits no longer" for identifier in self._everything - apps.keys()]
 
     def is_done(self, apps, identifier):
         return Scenario.is_done(self, apps, identifier)

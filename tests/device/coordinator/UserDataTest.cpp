@@ -1,4 +1,5 @@
 // Coordinators of restores give their apps the data that waits for them.
+#include "archive/InstallerError.h"
 #include "tests/device/coordinator/CoordinatorTest.h"
 
 namespace appsync::device {
@@ -22,11 +23,14 @@ class UserData : public CoordinatorTest {
     UserData() {
         connection.reset();
         coordinator.reset();
+        openCoordinator();
+        coordinator->resume();
+        restorer.isThere = [this] { return registry->isInstalled(A); };
+    }
+    void openCoordinator() {
         coordinator = std::move(
             *InstallCoordinator::open({device.files(), *registry, *device.database, propertyLists, &restorer}, true));
         connect();
-        coordinator->resume();
-        restorer.isThere = [this] { return registry->isInstalled(A); };
     }
     /// All that a restore needs but the app's file.
     KXAppInstallCoordinatorPtr beginRestore() {
@@ -76,6 +80,67 @@ TEST_F(UserData, OfAnAppThatWillNotComeIsGivenUp) {
     deliverTo(made, makeFile("/var/mobile/Media/PublicStaging/" + A + ".ipa", "damaged"));
     EXPECT_NE(made->error(), nullptr);
     EXPECT_EQ(restorer.calls, Lines{"give up " + A});
+}
+
+/// A restore whose file the store owes.
+class UserDataOfTheStoresApp : public UserData {
+  protected:
+    KXAppInstallCoordinatorPtr beginRestore() {
+        const auto made = std::static_pointer_cast<KXRestoringAppInstallCoordinator>(UserData::beginRestore());
+        EXPECT_TRUE(made->setAppAssetPromiseResponsibleClient_error(KXClientCorbin, nullptr));
+        return made;
+    }
+    std::string makeDamagedArchive() { return makeFile("/var/mobile/Media/PublicStaging/" + A + ".ipa", "damaged"); }
+    void expectToWait() {
+        ASSERT_NE(find(A), nullptr);
+        EXPECT_FALSE(find(A)->hasAppAssetPromise());
+        EXPECT_TRUE(registry->hasPlaceholder(A));
+        EXPECT_EQ(restorer.calls, Lines());
+    }
+};
+
+TEST_F(UserDataOfTheStoresApp, WaitsForABetterFileWhenOneWasRefused) {
+    const auto made = beginRestore();
+    const std::string damaged = makeDamagedArchive();
+    deliverTo(made, damaged);
+    ASSERT_NO_FATAL_FAILURE(expectToWait());
+    EXPECT_TRUE(isError(find(A)->error(), TVInstallerErrorDomain, InstallerError::archiveDamaged));
+    EXPECT_EQ(reports.take(), Lines{"placeholder " + A}) << "it has not ended";
+    EXPECT_FALSE(exists(damaged));
+    deliverTo(made, makeArchive(A));
+    EXPECT_EQ(restorer.calls, Lines{"restore " + A + " of an app"});
+    EXPECT_EQ(made->error(), nullptr);
+    EXPECT_EQ(reports.take(), Lines{"completed " + A});
+    expectNothingLeftOf(A);
+}
+
+TEST_F(UserDataOfTheStoresApp, WaitsForAnotherFileWhenTheOneThatHadArrivedIsGone) {
+    const auto asset = [this] { return find(A)->appAssetPromiseWithError(nullptr); };
+    (void)beginRestore();
+    coordinator->waitUntilIdle();
+    connection.reset();
+    coordinator.reset(); // as a kill leaves it: the file has arrived, its install has not begun
+    openCoordinator();
+    const std::string path = makeArchive(A);
+    const auto promise = classes().transferPromises.initWithName_client_transferPath_diskSpaceNeeded(
+        A, KXClientCorbin, *FileURL::fileURLWithPath(path, false), 1);
+    ASSERT_TRUE(find(A)->setAppAssetPromise_error(promise, nullptr));
+    promise->setComplete(true);
+    ASSERT_TRUE(asset()->isComplete());
+    device.files().removeItem(path, nullptr);
+    coordinator->resume();
+    coordinator->waitUntilIdle();
+    ASSERT_NO_FATAL_FAILURE(expectToWait());
+    EXPECT_TRUE(isError(find(A)->error(), CoordinatorErrorDomain, CoordinatorError::fileMissing));
+}
+
+TEST_F(UserDataOfTheStoresApp, IsGivenUpWhenAPersonCancelsTheAppThatWaits) {
+    deliverTo(beginRestore(), makeDamagedArchive());
+    EXPECT_TRUE(coordinator->cancelByUser(A));
+    EXPECT_EQ(restorer.calls, Lines{"give up " + A});
+    coordinator->waitUntilIdle();
+    expectNothingLeftOf(A);
+    EXPECT_FALSE(registry->hasPlaceholder(A));
 }
 
 TEST_F(UserData, OfADemotedAppIsRestoredWithItsPlaceholder) {
