@@ -60,6 +60,7 @@ void RegistryStore::put(Database::Transaction& transaction, const RegistryRecord
         "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
         record.identifier, record.isPlaceholder, record.isSystem, record.installType, record.name, record.version,
         record.container, record.bundle, record.iconFile, record.bytes, record.hasDeviceSinf, arrival);
+    endRemoval(transaction, dataContainerPath(record.identifier)); // the app has come back: its data is its own again
 }
 
 void RegistryStore::remove(Database::Transaction& transaction, std::string_view identifier, bool placeholder) {

@@ -140,15 +140,23 @@ Result<void> Registry::Implementation::_remove(const RegistryTable::App& app, bo
     return removesData ? _endRemoval(dataPath) : Result<void>();
 }
 
-/// Removes a folder that is registered for removal. What cannot be removed now is tried again at the next start.
+/// Removes a data container that is registered for removal: as a whole, since an app that comes back finds what is
+/// left. What cannot be removed now is tried again at the next start, unless the app has come back until then.
 Result<void> Registry::Implementation::_endRemoval(const std::string& path) {
     ErrorPtr error;
-    if (!_files.removeItem(path, &error) && error->code() != ENOENT) {
+    const std::string aside = std::string(stagingFolder) + "/" + makeUniqueName();
+    const bool isAside = _files.moveItem(path, aside, &error);
+    const bool isGone =
+        isAside || error->code() == ENOENT || _files.removeItem(path, nullptr); // it need not be movable
+    if (!isGone) {
         return {};
     }
     Database::Transaction transaction(_database);
     RegistryStore::endRemoval(transaction, path);
     const auto committed = transaction.commit();
+    if (isAside) {
+        _files.removeItem(aside, nullptr); // what stays is cleared away at the next start
+    }
     return committed ? Result<void>() : installerFailure("remove " + path, committed.error(), path);
 }
 

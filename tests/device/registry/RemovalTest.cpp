@@ -1,5 +1,7 @@
 #include "RegistryFixture.h"
 
+#include "device/registry/RegistryRecord.h"
+
 #include <filesystem>
 
 namespace appsync::device {
@@ -14,6 +16,7 @@ class Removal : public RegistryTest {
         const std::string data = "/var/mobile/Containers/Data/Application/" + std::string(identifier) + "/Documents";
         ASSERT_TRUE(files().createDirectory(data, true, std::nullopt, nullptr));
         ASSERT_TRUE(files().createFile(data + "/letter", "dear", {}));
+        ASSERT_TRUE(files().createFile(data + "/other", "yours", {}));
     }
     bool hasData() { return files().fileExists(registry().application(identifier)->dataContainerPath); }
     std::vector<std::string> dataContainers() { return *files().list("/var/mobile/Containers/Data/Application"); }
@@ -159,13 +162,10 @@ TEST_F(Removal, WhoseFilesCannotGoIsFinishedWhenTheDeviceIsOpened) {
 TEST_F(Removal, WhoseDataCannotGoIsFinishedWhenTheDeviceIsOpened) {
     ASSERT_TRUE(install());
     makeData();
-    faults->forget();
-    faults->failAt = static_cast<int>([&] { // the data goes last
-        return 6;
-    }());
+    faults->failBelow = {dataContainersFolder, stagingFolder};
     faults->failure = EIO;
     ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
-    faults->failAt = -1;
+    faults->failBelow = {};
     ASSERT_EQ(containers(), std::vector<std::string>());
     ASSERT_EQ(dataContainers().size(), 1U);
     open();
@@ -174,6 +174,49 @@ TEST_F(Removal, WhoseDataCannotGoIsFinishedWhenTheDeviceIsOpened) {
     EXPECT_EQ(settled->endedRemovals, 1U);
     EXPECT_EQ(dataContainers(), std::vector<std::string>());
     EXPECT_EQ(registry().settle()->endedRemovals, 0U);
+}
+
+TEST_F(Removal, WhoseDataCannotGoLeavesTheDataOfAnAppThatHasComeBack) {
+    for (const bool asPlaceholder : {false, true}) {
+        ASSERT_TRUE(install());
+        makeData();
+        ASSERT_TRUE(files().createFile(dataContainerPath(identifier) + "/old", "old", {}));
+        faults->failBelow = {dataContainersFolder, stagingFolder};
+        faults->failure = EIO;
+        ASSERT_TRUE(remove(RemovalReason::person, RemovalScope::everything));
+        faults->failBelow = {};
+        ASSERT_EQ(dataContainers().size(), 1U);
+        ASSERT_TRUE(asPlaceholder ? registry().installPlaceholder(placeholder()) : install());
+        ASSERT_TRUE(files().createFile(dataContainerPath(identifier) + "/new", "written since", {}));
+        open();
+        ASSERT_TRUE(registry().settle());
+        EXPECT_EQ(content(dataContainerPath(identifier) + "/new"), "written since");
+    }
+}
+
+TEST_F(Removal, TakesDataAsAWhole) {
+    ASSERT_TRUE(install());
+    makeData();
+    faults->forget();
+    ASSERT_TRUE(remove(RemovalReason::sync, RemovalScope::everything));
+    const int changes = static_cast<int>(faults->count());
+    for (int change = 0; change < changes; ++change) {
+        SCOPED_TRACE(change);
+        ASSERT_TRUE(install());
+        makeData();
+        faults->forget();
+        faults->failAt = change;
+        faults->failure = EIO;
+        (void)remove(RemovalReason::sync, RemovalScope::everything);
+        faults->failAt = -1;
+        const std::string data = dataContainerPath(identifier);
+        for (const char* file : {"/letter", "/other"}) {
+            EXPECT_EQ(files().fileExists(data + "/Documents" + file), files().fileExists(data)) << file;
+        }
+        open();
+        ASSERT_TRUE(registry().settle());
+    }
+    EXPECT_EQ(staged(), std::vector<std::string>());
 }
 
 class Settling : public RegistryTest {};

@@ -14,12 +14,17 @@
 
 namespace appsync::device {
 
-/// Remembers every change, and fails the one with number `failAt` (from 0) with `failure`.
+/// Remembers every change, and fails the one with number `failAt` (from 0) with `failure`, and those in a folder.
 class RecordingFaults final : public FaultPoint {
   public:
     int before(std::string_view operation, std::string_view path) noexcept override {
         const std::lock_guard lock(_mutex);
         _changes.emplace_back(operation, path);
+        for (const std::string_view folder : failBelow) {
+            if (path.starts_with(folder)) {
+                return failure;
+            }
+        }
         return failAt >= 0 && _changes.size() == static_cast<std::size_t>(failAt) + 1 ? failure : 0;
     }
     [[nodiscard]] std::vector<std::string> operations() const {
@@ -40,6 +45,7 @@ class RecordingFaults final : public FaultPoint {
     }
 
     int failAt = -1;
+    std::vector<std::string_view> failBelow = {}; // folders in which every change fails, too
     int failure = 0;
 
   private:
