@@ -33,8 +33,12 @@ class Registry::Implementation::PlaceholderInstall {
         if (!error) {
             error = _register(*container);
         }
-        if (error) {
+        if (error && _mayBeRegistered) {
+            container->keep();
+        } else if (error) {
             _giveBack(*container);
+        }
+        if (error) {
             return error;
         }
         container->keep();
@@ -172,14 +176,16 @@ class Registry::Implementation::PlaceholderInstall {
             return _failure(moved.error());
         }
         _arrival = _before.arrival != 0 ? _before.arrival : _registry._table.takeArrival();
-        const auto committed = _before.placeholder || _replacesApp()
-                                   ? _registry._groupCommit.commit([this](auto& transaction) {
-                                         RegistryStore::put(transaction, *_record, _arrival);
-                                         if (_replacesApp()) {
-                                             RegistryStore::remove(transaction, _request.identifier, false);
-                                         }
-                                     })
-                                   : _putSoon();
+        const bool replaces = _before.placeholder || _replacesApp();
+        const auto committed = replaces ? _registry._groupCommit.commit([this](auto& transaction) {
+            RegistryStore::put(transaction, *_record, _arrival);
+            if (_replacesApp()) {
+                RegistryStore::remove(transaction, _request.identifier, false);
+            }
+        })
+                                        : _putSoon();
+        // It may have reached the disk all the same. What stands at the next start decides which container goes.
+        _mayBeRegistered = replaces && isError(committed.error(), DatabaseErrorDomain, DatabaseError::failed);
         return committed ? nullptr : _failure(committed.error());
     }
 
@@ -204,6 +210,7 @@ class Registry::Implementation::PlaceholderInstall {
     Dictionary _info;
     std::string _bundle;
     bool _isMoved = false;
+    bool _mayBeRegistered = false;
     RegistryRecordPtr _record;
     std::int64_t _arrival = 0;
 };

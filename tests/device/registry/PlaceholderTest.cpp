@@ -153,5 +153,20 @@ TEST_F(RegistryTest, FailureOfAnyStepLeavesTheBundleInItsPlaceOrInstalled) {
     EXPECT_TRUE(registry().hasPlaceholder(identifier));
 }
 
+TEST_F(RegistryTest, APlaceholderWhoseCommitHasFailedAndMayStandAllTheSameIsKeptUntilTheNextStart) {
+    ASSERT_TRUE(registry().installPlaceholder(placeholder(identifier, PDInstallTypeIntentionalDowngrade)));
+    const auto before = containers();
+    const std::string databasePath = device->root->databasePath();
+    faults->failBelow = {databasePath};
+    faults->failure = EIO;
+    EXPECT_FALSE(registry().installPlaceholder(placeholder()));
+    faults->failBelow = {};
+    EXPECT_EQ(containers().size(), 2U);
+    open();
+    ASSERT_TRUE(registry().settle());
+    EXPECT_EQ(containers(), before);
+    EXPECT_EQ(registry().application(identifier)->installType, PDInstallTypeIntentionalDowngrade);
+}
+
 } // namespace
 } // namespace appsync::device
