@@ -20,6 +20,9 @@
 #include "platform/Platform.h"
 #include "propertylist/Codec.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace appsync::device {
 
 namespace {
@@ -65,7 +68,9 @@ class WaitingData final : public UserDataRestorer {
   public:
     explicit WaitingData(BackupService& backup) : _backup(backup) {}
     Result<void> restore(std::string_view bundleID) override {
-        return _backup.restoreDataSize(bundleID) ? _backup.restoreApplicationData(bundleID) : Result<void>();
+        auto restored = _backup.restoreApplicationData(bundleID);
+        const bool isNone = isError(restored.error(), BackupErrorDomain, BackupError::nothingToRestore);
+        return isNone ? Result<void>() : restored;
     }
     void giveUp(std::string_view bundleID) override { (void)_backup.cancelRestore(bundleID); }
 
@@ -111,7 +116,8 @@ struct Device::Services {
     [[nodiscard]] Result<void> openRecords(const DeviceEnvironment& environment);
     [[nodiscard]] Result<void> openApps(const DeviceEnvironment& environment);
     void followRegistry();
-    void forgetDataOfNobody();
+    [[nodiscard]] std::set<std::string> expectedApps();
+    void settleDemotedApps(const std::set<std::string>& expected);
     void giveAppsTheirData();
     [[nodiscard]] Result<void> openScreen();
     [[nodiscard]] Result<void> openCoordinator();
@@ -178,11 +184,6 @@ Result<void> Device::Services::openApps(const DeviceEnvironment& environment) {
 
 /// What is kept for an app goes with it. A list that cannot be written now is put right when the device is next opened.
 void Device::Services::followRegistry() {
-    for (const Application& app : registry->applications()) {
-        if (app.isInstalled) {
-            (void)demotedApps->remove(app.identifier);
-        }
-    }
     registry->follow(
         {.demotion =
              [this](std::string_view identifier) { return demotedApps->installTypeOf(std::string(identifier)); },
@@ -194,8 +195,8 @@ void Device::Services::followRegistry() {
              }});
 }
 
-/// Data that was to be restored for apps that will not come.
-void Device::Services::forgetDataOfNobody() {
+/// Those that the device has or that are on their way.
+std::set<std::string> Device::Services::expectedApps() {
     std::set<std::string> expected;
     for (const Application& app : registry->applications()) {
         expected.insert(app.identifier);
@@ -203,7 +204,27 @@ void Device::Services::forgetDataOfNobody() {
     for (const OpenCoordinator& open : coordinator->openCoordinators()) {
         expected.insert(open.bundleID);
     }
-    backup->cancelAllBut(expected);
+    return expected;
+}
+
+/// The list may not have been written when an app came, went or was demoted, or may have been damaged. Where that fails
+/// again, it is put right at the next opening.
+void Device::Services::settleDemotedApps(const std::set<std::string>& expected) {
+    const DemotionLists before = demotedApps->lists();
+    DemotionLists lists;
+    std::ranges::set_intersection(before.automatic, expected, std::inserter(lists.automatic, lists.automatic.end()));
+    std::ranges::set_intersection(before.intentional, expected,
+                                  std::inserter(lists.intentional, lists.intentional.end()));
+    for (const Application& app : registry->applications()) {
+        if (app.isInstalled) {
+            lists.take(app.identifier);
+        } else if (app.isDemoted() && !lists.contains(app.identifier)) {
+            lists.put(app.identifier, app.installType == PDInstallTypeDowngrade);
+        }
+    }
+    if (lists != before) {
+        (void)demotedApps->set(lists);
+    }
 }
 
 /// An app may have come, or come back demoted, whose data could not be put in place then. Where that fails again, it
@@ -236,7 +257,9 @@ Result<void> Device::Services::openCoordinator() {
     if (const ErrorPtr error = place(coordinator, InstallCoordinator::open(services, coordinationIsEnabled))) {
         return error;
     }
-    forgetDataOfNobody();
+    const auto expected = expectedApps();
+    settleDemotedApps(expected);
+    backup->cancelAllBut(expected); // data that was to be restored for apps that will not come
     giveAppsTheirData();
     coordinator->resume();
     return {};

@@ -29,6 +29,10 @@ std::string waitingPath(const std::string& name) {
     return std::string(waitingFolder) + "/" + name;
 }
 
+std::string replacedPath(const std::string& name) {
+    return waitingPath(name) + std::string(replacedExtension);
+}
+
 ErrorPtr backupError(BackupError code, const std::string& text) {
     return makeError(BackupErrorDomain, static_cast<std::int64_t>(code), text);
 }
@@ -159,6 +163,9 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
     }
     const std::lock_guard lock(_mutex);
     const auto earlier = _nameOf(bundleID);
+    if (!earlier) {
+        return earlier.error();
+    }
     const std::string name = makeUniqueName();
     ErrorPtr error;
     if (!_files.moveItem(folder, waitingPath(name), &error)) {
@@ -174,8 +181,8 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
         _files.moveItem(waitingPath(name), folder, nullptr);
         return written;
     }
-    if (earlier) {
-        _files.removeItem(waitingPath(*earlier), nullptr);
+    if (*earlier) {
+        _files.removeItem(waitingPath(**earlier), nullptr);
     }
     return {};
 }
@@ -186,15 +193,25 @@ std::optional<std::uint64_t> BackupService::restoreDataSize(std::string_view bun
     return rows.next() ? std::optional(static_cast<std::uint64_t>(rows.integer(0))) : std::nullopt;
 }
 
-std::optional<std::string> BackupService::_nameOf(std::string_view bundleID) {
+Result<std::optional<std::string>> BackupService::_nameOf(std::string_view bundleID) {
     Database::Transaction transaction(_database);
     auto rows = transaction.query("SELECT folder FROM restoreData WHERE bundle = ?1", bundleID);
-    return rows.next() ? std::optional(std::string(rows.text(0))) : std::nullopt;
+    std::optional<std::string> name;
+    if (rows.next()) {
+        name = rows.text(0);
+    }
+    if (transaction.error()) {
+        return transaction.error();
+    }
+    return name;
 }
 
-std::optional<std::string> BackupService::restoreDataFolder(std::string_view bundleID) {
-    const auto name = _nameOf(bundleID);
-    return name ? std::optional(waitingPath(*name)) : std::nullopt;
+Result<std::optional<std::string>> BackupService::restoreDataFolder(std::string_view bundleID) {
+    auto name = _nameOf(bundleID);
+    if (name && *name) {
+        *name = waitingPath(**name);
+    }
+    return name;
 }
 
 Result<std::vector<RestoreData>> BackupService::restoreData() {
@@ -221,7 +238,7 @@ Result<void> BackupService::_noteMoving(const std::string& bundleID, bool isMovi
 /// Exchanges the data container for the waiting data; after a failure the container is what it was.
 ErrorPtr BackupService::_putInPlace(const std::string& bundleID, const std::string& name) {
     const std::string container = dataContainerPath(bundleID);
-    const std::string replaced = waitingPath(name) + std::string(replacedExtension);
+    const std::string replaced = replacedPath(name);
     ErrorPtr error;
     if (!_files.createDirectory(dataContainersFolder, true, std::nullopt, &error)) {
         return error;
@@ -246,7 +263,7 @@ Result<void> BackupService::_endRestore(const std::string& bundleID, const std::
     transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
     auto written = transaction.commit();
     if (written) {
-        _files.removeItem(waitingPath(name) + std::string(replacedExtension), nullptr);
+        _files.removeItem(replacedPath(name), nullptr);
     }
     return written;
 }
@@ -256,32 +273,40 @@ Result<void> BackupService::restoreApplicationData(std::string_view bundleID) {
     const std::string identifier(bundleID);
     const auto name = _nameOf(identifier);
     if (!name) {
+        return name.error();
+    }
+    if (!*name) {
         return backupError(BackupError::nothingToRestore, "no data of " + identifier + " waits to be restored");
     }
     if (auto noted = _noteMoving(identifier, true); !noted) {
         return noted;
     }
-    if (ErrorPtr error = _putInPlace(identifier, *name)) {
-        (void)_noteMoving(identifier, false); // when this is lost too it is tried again at the next start
+    if (ErrorPtr error = _putInPlace(identifier, **name)) {
+        if (_isGone(replacedPath(**name))) {
+            (void)_noteMoving(identifier, false); // when this is lost too it is tried again at the next start
+        } // else the old data could not be moved back, and the next start has to end what was begun
         return error;
     }
-    return _endRestore(identifier, *name);
+    return _endRestore(identifier, **name);
 }
 
 Result<void> BackupService::cancelRestore(std::string_view bundleID) {
     const std::lock_guard lock(_mutex);
     const auto name = _nameOf(bundleID);
-    Database::Transaction transaction(_database);
-    transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
-    auto written = transaction.commit();
-    if (!written) {
-        return written;
-    }
     if (!name) {
+        return name.error();
+    }
+    if (!*name) {
         return backupError(BackupError::nothingToCancel,
                            "no data of " + std::string(bundleID) + " waits to be restored");
     }
-    _files.removeItem(waitingPath(*name), nullptr); // what stays is cleared away at the next start
+    // Durable before the first file goes: data of which a part is gone must not wait.
+    Database::Transaction transaction(_database, Durability::durable);
+    transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
+    auto written = transaction.commit();
+    if (written) {
+        _files.removeItem(waitingPath(**name), nullptr); // what stays is cleared away at the next start
+    }
     return written;
 }
 

@@ -46,7 +46,7 @@ class BackupService final : public HVManagerClass {
     /// Nothing when none waits, or the database cannot be read.
     [[nodiscard]] std::optional<std::uint64_t> restoreDataSize(std::string_view bundleID);
     /// The folder in which an app's data waits; nothing when none waits.
-    [[nodiscard]] std::optional<std::string> restoreDataFolder(std::string_view bundleID);
+    [[nodiscard]] Result<std::optional<std::string>> restoreDataFolder(std::string_view bundleID);
     /// In the order of the identifiers.
     [[nodiscard]] Result<std::vector<RestoreData>> restoreData();
     /// Makes the waiting data the content of the app's data container, in place of what stands there, and forgets that
@@ -66,7 +66,7 @@ class BackupService final : public HVManagerClass {
     [[nodiscard]] Result<void> _noteMoving(const std::string& bundleID, bool isMoving);
     [[nodiscard]] ErrorPtr _putInPlace(const std::string& bundleID, const std::string& name);
     [[nodiscard]] Result<void> _endRestore(const std::string& bundleID, const std::string& name);
-    [[nodiscard]] std::optional<std::string> _nameOf(std::string_view bundleID);
+    [[nodiscard]] Result<std::optional<std::string>> _nameOf(std::string_view bundleID);
 
     Database& _database;
     DeviceFileSystem& _files;

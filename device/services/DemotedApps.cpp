@@ -48,6 +48,16 @@ Dictionary DemotionLists::propertyList() const {
     return root;
 }
 
+void DemotionLists::put(const std::string& identifier, bool isAutomatic) {
+    (isAutomatic ? automatic : intentional).insert(identifier);
+    (isAutomatic ? intentional : automatic).erase(identifier);
+}
+
+void DemotionLists::take(const std::string& identifier) {
+    automatic.erase(identifier);
+    intentional.erase(identifier);
+}
+
 DemotedApps::DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists)
     : _files(files), _propertyLists(propertyLists) {
     const auto bytes = _files.readFile(demotedAppsPath, nullptr);
@@ -76,8 +86,7 @@ Result<void> DemotedApps::set(DemotionLists lists) {
 Result<void> DemotedApps::add(const std::string& identifier, bool isAutomatic) {
     const std::lock_guard lock(_mutex);
     DemotionLists changed = _lists;
-    (isAutomatic ? changed.automatic : changed.intentional).insert(identifier);
-    (isAutomatic ? changed.intentional : changed.automatic).erase(identifier);
+    changed.put(identifier, isAutomatic);
     return _keep(std::move(changed));
 }
 
@@ -87,8 +96,7 @@ Result<void> DemotedApps::remove(const std::string& identifier) {
         return {};
     }
     DemotionLists changed = _lists;
-    changed.automatic.erase(identifier);
-    changed.intentional.erase(identifier);
+    changed.take(identifier);
     return _keep(std::move(changed));
 }
 

@@ -35,6 +35,10 @@ struct DemotionLists {
     [[nodiscard]] bool contains(const std::string& identifier) const {
         return automatic.contains(identifier) || intentional.contains(identifier);
     }
+    /// Puts an app on one list and takes it off the other.
+    void put(const std::string& identifier, bool isAutomatic);
+    void take(const std::string& identifier);
+    bool operator==(const DemotionLists&) const = default;
 };
 
 /// Any thread.

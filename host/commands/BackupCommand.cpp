@@ -74,9 +74,10 @@ class BackupWriter {
     [[nodiscard]] std::size_t count() const noexcept { return _count; }
 
   private:
-    static bool _belongsToPerson(const device::Application& app) {
-        const bool isKept = app.installType == PDInstallTypeRestore || app.installType == PDInstallTypeDowngrade ||
-                            app.installType == PDInstallTypeIntentionalDowngrade;
+    /// Not what a sync has only begun to bring, unless it brings a demoted app back.
+    [[nodiscard]] bool _belongsToPerson(const device::Application& app) const {
+        const bool isKept = app.installType == PDInstallTypeRestore || app.isDemoted() ||
+                            _device.demotedApps().installTypeOf(app.identifier);
         return !app.isSystem && (app.isInstalled || isKept);
     }
 
@@ -140,7 +141,11 @@ class BackupWriter {
     }
 
     ErrorPtr _copyData(const device::Application& app) {
-        const std::string source = _device.backup().restoreDataFolder(app.identifier).value_or(app.dataContainerPath);
+        const auto waiting = _device.backup().restoreDataFolder(app.identifier);
+        if (!waiting) {
+            return waiting.error();
+        }
+        const std::string source = waiting->value_or(app.dataContainerPath);
         auto from = _device.files().open(source, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (!from) {
             return device::isError(from.error(), PosixErrorDomain, ENOENT) ? nullptr : from.error();

@@ -126,7 +126,11 @@ void SyncSession::_failed(const QRAssetPtr& asset, const ErrorPtr& error) {
 ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQueue& queue) {
     const Value* value = asset->variantOptions ? asset->variantOptions->find("AssetParts") : nullptr;
     const std::uint64_t parts = value != nullptr ? value->unsignedInteger().value_or(0) : 0;
-    const bool hasData = _parties.device.backup().restoreDataSize(asset->identifier).has_value();
+    const auto waiting = _parties.device.backup().restoreDataFolder(asset->identifier);
+    if (!waiting) {
+        return transferError(TransferError::deviceFailed, device::errorText(waiting.error()));
+    }
+    const bool hasData = waiting->has_value();
     const bool needsPackage = (parts & kQRAssetPartApplicationPackage) != 0;
     if (needsPackage) {
         if (ErrorPtr error = _transferOne(asset, queue)) {

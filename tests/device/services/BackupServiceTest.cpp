@@ -77,11 +77,11 @@ TEST_F(BackupServiceTest, KnowsForWhichAppsDataWaitsAndHowMuch) {
     EXPECT_TRUE(manager->restoreDataExistsForApplicationWithBundleID_size(A, &size));
     EXPECT_EQ(size, 5U);
     EXPECT_TRUE(manager->restoreDataExistsForApplicationWithBundleID_size(A, nullptr));
-    EXPECT_EQ(read(device, *backup->restoreDataFolder(A) + "/sub/file"), "12345");
+    EXPECT_EQ(read(device, **backup->restoreDataFolder(A) + "/sub/file"), "12345");
     size = 1;
     EXPECT_FALSE(manager->restoreDataExistsForApplicationWithBundleID_size("com.example.b", &size));
     EXPECT_EQ(size, 1U);
-    EXPECT_FALSE(backup->restoreDataFolder("com.example.b"));
+    EXPECT_FALSE(*backup->restoreDataFolder("com.example.b"));
 }
 
 TEST_F(BackupServiceTest, LaterDataReplacesEarlier) {
@@ -142,7 +142,7 @@ TEST_F(BackupServiceTest, RestoringReplacesTheAppsData) {
 TEST_F(BackupServiceTest, WhatBelongsToNobodyIsClearedAway) {
     ASSERT_TRUE(add(A, "new"));
     write(device, waiting + "/orphan/file", "x");
-    device.files().removeItem(*backup->restoreDataFolder(A), nullptr);
+    device.files().removeItem(**backup->restoreDataFolder(A), nullptr);
     reopen();
     EXPECT_TRUE(device.files().list(waiting)->empty());
     EXPECT_FALSE(backup->restoreDataSize(A)) << "its folder is gone";
@@ -173,6 +173,42 @@ TEST_F(BackupServiceTest, AFailureLeavesTheOldDataAndTheWaitingData) {
     EXPECT_GE(failures, 2);
     reopen();
     EXPECT_EQ(read(device, dataFile(A)), "new");
+}
+
+/// Fails every move to the place of an app's data, the one that takes the first move back included.
+class FailingMoves final : public FaultPoint {
+  public:
+    int before(std::string_view operation, std::string_view path) noexcept override {
+        return isArmed && operation == "rename" && path == dataContainerPath(A) ? EIO : 0;
+    }
+    std::atomic<bool> isArmed = false;
+};
+
+TEST_F(BackupServiceTest, ARestoreWhoseOldDataCouldNotBeMovedBackIsEndedAtTheNextStart) {
+    const auto faults = std::make_shared<FailingMoves>();
+    reopen(faults);
+    write(device, dataFile(A), "old");
+    ASSERT_TRUE(add(A, "new"));
+    faults->isArmed = true;
+    EXPECT_FALSE(backup->restoreApplicationData(A));
+    EXPECT_FALSE(device.files().fileExists(dataFile(A)));
+    reopen(faults);
+    EXPECT_TRUE(backup->restoreDataSize(A)) << "it cannot be ended yet";
+    reopen();
+    EXPECT_EQ(read(device, dataFile(A)), "new");
+    EXPECT_TRUE(device.files().list(waiting)->empty());
+}
+
+TEST_F(BackupServiceTest, WhatCannotBeReadIsNotTakenForNothing) {
+    ASSERT_TRUE(add(A, "1"));
+    {
+        Database::Transaction transaction(*device.database);
+        transaction.run("ALTER TABLE restoreData RENAME TO elsewhere");
+        ASSERT_TRUE(transaction.commit());
+    }
+    EXPECT_FALSE(backup->restoreDataFolder(A));
+    EXPECT_TRUE(isError(backup->restoreApplicationData(A).error(), DatabaseErrorDomain, DatabaseError::failed));
+    EXPECT_TRUE(isError(backup->cancelRestore(A).error(), DatabaseErrorDomain, DatabaseError::failed));
 }
 
 TEST_F(BackupServiceTest, ACrashAnywhereLeavesTheOldDataOrTheNewAndNothingElse) {
