@@ -50,11 +50,13 @@ class Restore {
         _type = type;
         _clearAway();
         _arrangeIcons();
-        _putDemotedApps();
         for (BackupApp& app : _content.apps) {
             if (app.problem.empty()) {
                 app.problem = _problemOnDevice(app);
             }
+        }
+        _putDemotedApps();
+        for (BackupApp& app : _content.apps) {
             if (app.problem.empty()) {
                 app.problem = reasonOf(_putData(app.identifier));
             }
@@ -104,7 +106,13 @@ class Restore {
         if (!_content.demoted) {
             return;
         }
-        const auto set = _device.demotedApps().set(*_content.demoted);
+        device::DemotionLists lists = _device.demotedApps().lists(); // its own apps stay what they are
+        for (const BackupApp& app : _content.apps) {
+            if (app.problem.empty() && _content.demoted->contains(app.identifier)) {
+                lists.put(app.identifier, _content.demoted->automatic.contains(app.identifier));
+            }
+        }
+        const auto set = _device.demotedApps().set(std::move(lists));
         if (set) {
             return;
         }
@@ -118,18 +126,24 @@ class Restore {
     }
 
     bool _comesBackDemoted(const std::string& identifier) const {
-        const device::DemotionLists& lists = *_content.demoted;
-        return _device.coordinationIsEnabled() &&
-               (lists.intentional.contains(identifier) || lists.automatic.contains(identifier));
+        return _device.coordinationIsEnabled() && _content.demoted->contains(identifier);
     }
 
     /// What on the device keeps an app from being restored; empty when nothing does.
     std::string _problemOnDevice(const BackupApp& app) {
         const auto present = _device.registry().application(app.identifier);
-        if (present && present->isInstalled) {
+        if (present && (present->isInstalled || _hasDemoted(*present))) {
             return "The device has it already; remove it first.";
         }
         return "";
+    }
+
+    /// Whether the data of a demoted app is all there; it may be newer than that of the backup.
+    bool _hasDemoted(const device::Application& app) {
+        const bool isDemoted = app.isDemoted() || (app.installType != PDInstallTypeRestore &&
+                                                   _device.demotedApps().installTypeOf(app.identifier));
+        const auto waiting = _device.backup().restoreDataFolder(app.identifier);
+        return isDemoted && waiting && !*waiting && _device.files().fileExists(app.dataContainerPath);
     }
 
     ErrorPtr _putData(const std::string& identifier) {

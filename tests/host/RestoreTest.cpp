@@ -184,6 +184,15 @@ class Restores : public Sync {
         const auto opened = device::Device::open(device());
         (*opened)->homeScreen().SKSetIconState(device::DeviceHomeScreen::Port, bytes->bytes());
     }
+    /// As an interrupted sync leaves it: the placeholder of the install stands where that of the demoted app stood.
+    void beginReturnOf(const std::string& name) {
+        const auto opened = device::Device::open(device());
+        device::PlaceholderRequest request;
+        request.identifier = "com.example." + name;
+        request.info = {{"BXBundleDisplayName", name}, {"BXBundleVersion", "1." + name}};
+        request.installType = PDInstallTypeSync;
+        EXPECT_TRUE((*opened)->registry().installPlaceholder(request));
+    }
     Results allData() const { return treeOf(fs::path(device()) / dataFolder); }
     /// Replaces one of the backup's lists.
     void writeList(const std::string& name, const Value& list) {
@@ -318,10 +327,66 @@ TEST_P(RestoresOnBothPaths, ASecondDeliveryHasNothingLeftToDo) {
 
 TEST_P(RestoresOnBothPaths, RestoringTwiceBeforeTheDeliveryIsAsRestoringOnce) {
     fillAndBackUp();
-    const Json first = bringBack(ExitCode::done);
-    EXPECT_EQ(bringBack(ExitCode::done), first);
+    Results expected = results(bringBack(ExitCode::done));
+    if (GetParam()) {
+        EXPECT_EQ(results(bringBack(ExitCode::done)), expected);
+    } else {
+        expected["com.example.c"] = expected["com.example.d"] = "failed"; // they have come, with their data
+        EXPECT_EQ(results(bringBack(ExitCode::someAppFailed)), expected);
+    }
     deliver();
     EXPECT_EQ(allData(), dataBefore);
+}
+
+TEST_P(RestoresOnBothPaths, ADemotedAppThatTheDeviceHasIsLeftAloneWithItsData) {
+    fillAndBackUp();
+    syncLibrary(ExitCode::done, {.install = {"com.example.c"}});
+    write(dataOf("c") / "note", "written since the backup");
+    demoteApp("c", true);
+    const Results data = treeOf(dataOf("c"));
+    const auto expectRefusal = [&] {
+        const Json report = bringBack(ExitCode::someAppFailed);
+        EXPECT_EQ(reasonOf(report, "c"), "The device has it already; remove it first.");
+        EXPECT_EQ(states()["com.example.c"].substr(0, 3), "c 1");
+        EXPECT_EQ(treeOf(dataOf("c")), data);
+    };
+    expectRefusal();
+    EXPECT_EQ(states()["com.example.c"], "c 1.c as type 7");
+    EXPECT_TRUE(demotedApps().second.contains("com.example.c")) << "the device knows better than the backup";
+    beginReturnOf("c");
+    expectRefusal();
+}
+
+TEST_P(RestoresOnBothPaths, TheDemotedAppsOfTheDeviceStayOnTheList) {
+    fillAndBackUp();
+    addAppWithIcon("e", "1.e");
+    syncLibrary(ExitCode::done, {.install = {"com.example.e"}});
+    write(dataOf("e") / "note", "of this device");
+    demoteApp("e", false);
+    bringBack(ExitCode::done);
+    EXPECT_EQ(demotedApps(), (std::pair<std::set<std::string>, std::set<std::string>>{
+                                 {"com.example.c", "com.example.e"}, {"com.example.d"}}));
+    damage("e");
+    syncLibrary(ExitCode::someAppFailed, {.install = {"com.example.e"}});
+    EXPECT_EQ(states()["com.example.e"], "e 1.e as type 8") << "its return has failed";
+    EXPECT_EQ(contentOf(dataOf("e") / "note"), "of this device");
+}
+
+TEST_P(RestoresOnBothPaths, ABackupHoldsADemotedAppWhoseReturnWasCutShort) {
+    create("a", GetParam());
+    fill();
+    beginReturnOf("c");
+    const Said said = backUp();
+    EXPECT_EQ(said.out, "backed up 4 apps to " + backupFolder() + "\n") << said.complaint;
+    EXPECT_EQ(contentOf(fs::path(backupFolder()) / "Data/com.example.c/Documents/note"), "kept while demoted");
+}
+
+TEST_P(RestoresOnBothPaths, ADamagedListOfDemotedAppsIsMadeAnew) {
+    create("a", GetParam());
+    fill();
+    const auto lists = demotedApps();
+    write(fs::path(device()) / "var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist", "damaged");
+    EXPECT_EQ(demotedApps(), lists);
 }
 
 TEST_P(RestoresOnBothPaths, AnAppThatTheDeviceHasIsLeftAlone) {
@@ -342,6 +407,10 @@ TEST_P(RestoresOnBothPaths, ADamagedArchiveFailsItsAppAndTheOthersGoOn) {
     EXPECT_EQ(results(report)["com.example.a"], "failed");
     EXPECT_NE(reasonOf(report, "a"), "");
     EXPECT_EQ(results(report)["com.example.b"], "installed");
+    EXPECT_EQ(states()["com.example.a"], "a 1.a as type 2") << "it waits on, and its data with it";
+    addAppWithIcon("a", "1.a");
+    EXPECT_EQ(results(deliver())["com.example.a"], "installed");
+    EXPECT_EQ(allData(), dataBefore);
 }
 
 TEST_P(RestoresOnBothPaths, AnAppThatNobodyHasWaitsOn) {
