@@ -103,7 +103,7 @@ ErrorPtr UnfinishedFolder::keep() {
         return writeError(_final, errno);
     }
     _isThere = false;
-    return nullptr;
+    return ::fsync(_parent.get()) == 0 ? nullptr : writeError(_final, errno);
 }
 
 } // namespace appsync::host

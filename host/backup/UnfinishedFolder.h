@@ -22,7 +22,8 @@ class UnfinishedFolder {
     [[nodiscard]] const ErrorPtr& error() const noexcept { return _error; }
     /// Its descriptor.
     [[nodiscard]] int folder() const noexcept { return _folder.get(); }
-    /// Makes it durable and gives it its name, unless something has that meanwhile.
+    /// Makes it durable and gives it its name, unless something has that meanwhile. When the name cannot be made
+    /// durable it stands there nevertheless.
     [[nodiscard]] ErrorPtr keep();
 
   private:
