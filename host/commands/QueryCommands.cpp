@@ -33,8 +33,17 @@ template <class Ask> ExitCode askClient(const QueryArguments& arguments, Ask&& a
     if (plugIn == nullptr) {
         return fail(reasonOf(error));
     }
-    ask(plugIn->client());
+    ask(plugIn->client(), *device);
     return ExitCode::done;
+}
+
+/// The plug-in would take them for apps on their way; one that is to return is not listed.
+void hideDemotedApps(device::Device& device) {
+    for (const device::Application& app : device.registry().applications()) {
+        if (app.isDemoted()) {
+            device.letReturn(app.identifier);
+        }
+    }
 }
 
 bool isConfirmed(const std::string& device) {
@@ -49,7 +58,7 @@ bool isConfirmed(const std::string& device) {
 } // namespace
 
 ExitCode showInventory(const QueryArguments& arguments) {
-    return askClient(arguments, [&](QRClient& client) {
+    return askClient(arguments, [&](QRClient& client, device::Device& /*device*/) {
         const auto deleted = deletedApps(client.installedAssets());
         if (arguments.json) {
             printJson(std::cout, {{"deleted", deleted}}, 2);
@@ -63,7 +72,7 @@ ExitCode showInventory(const QueryArguments& arguments) {
 }
 
 ExitCode showMetrics(const QueryArguments& arguments) {
-    return askClient(arguments, [&](QRClient& client) {
+    return askClient(arguments, [&](QRClient& client, device::Device& /*device*/) {
         const Dictionary metrics = client.installedAssetMetrics();
         const auto number = [&](std::string_view key) {
             const Value* value = metrics.find(key);
@@ -83,7 +92,7 @@ ExitCode showMetrics(const QueryArguments& arguments) {
 }
 
 ExitCode showAccounts(const QueryArguments& arguments) {
-    return askClient(arguments, [&](QRClient& client) {
+    return askClient(arguments, [&](QRClient& client, device::Device& /*device*/) {
         const auto accounts = client.zuvexIDsForAssets();
         if (arguments.json) {
             printJson(std::cout, {{"accounts", accounts}}, 2);
@@ -123,10 +132,12 @@ ExitCode reset(const ResetArguments& arguments) {
     if (!arguments.yes && !isConfirmed(arguments.device)) {
         return fail("Nothing was changed.", ExitCode::wrongUse);
     }
-    return askClient({.device = arguments.device, .plugin = arguments.plugin}, [&](QRClient& client) {
-        client.clearSyncData();
-        printLine(std::cout, "reset " + arguments.device);
-    });
+    return askClient({.device = arguments.device, .plugin = arguments.plugin},
+                     [&](QRClient& client, device::Device& device) {
+                         hideDemotedApps(device);
+                         client.clearSyncData();
+                         printLine(std::cout, "reset " + arguments.device);
+                     });
 }
 
 } // namespace appsync::host

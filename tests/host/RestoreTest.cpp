@@ -381,6 +381,18 @@ TEST_P(RestoresOnBothPaths, ABackupHoldsADemotedAppWhoseReturnWasCutShort) {
     EXPECT_EQ(contentOf(fs::path(backupFolder()) / "Data/com.example.c/Documents/note"), "kept while demoted");
 }
 
+TEST_P(RestoresOnBothPaths, AResetLeavesDemotedAppsAlone) {
+    create("a", GetParam());
+    fill();
+    beginReturnOf("d");
+    const Results data = allData();
+    const Said said = run([&] { return host::reset({.device = device(), .plugin = APPSYNC_BUNDLE, .yes = true}); });
+    EXPECT_EQ(said.code, ExitCode::done) << said.complaint;
+    EXPECT_EQ(states()["com.example.c"], "c 1.c as type 8");
+    EXPECT_EQ(states()["com.example.d"], "d 1.d as type 7");
+    EXPECT_EQ(allData(), data);
+}
+
 TEST_P(RestoresOnBothPaths, ADamagedListOfDemotedAppsIsMadeAnew) {
     create("a", GetParam());
     fill();
