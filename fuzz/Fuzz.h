@@ -23,4 +23,12 @@ inline void expect(bool holds, const char* what) {
     }
 }
 
+/// What the run itself needs of the machine, whatever the code under test does.
+inline void require(bool isThere, const char* what) {
+    if (!isThere) {
+        std::fprintf(stderr, "cannot run: %s\n", what);
+        std::abort();
+    }
+}
+
 } // namespace appsync::fuzz

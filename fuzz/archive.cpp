@@ -18,6 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using appsync::Descriptor;
 using appsync::fuzz::expect;
+using appsync::fuzz::require;
 
 /// A folder with a container in it, in memory where there is a file system for that.
 class Place {
@@ -50,8 +51,8 @@ class Place {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     const Descriptor file(::memfd_create("archive", MFD_CLOEXEC));
-    expect(::write(file.get(), bytes, size) == static_cast<ssize_t>(size) && ::lseek(file.get(), 0, SEEK_SET) == 0,
-           "the input is written");
+    require(::write(file.get(), bytes, size) == static_cast<ssize_t>(size) && ::lseek(file.get(), 0, SEEK_SET) == 0,
+            "a file for the input");
     appsync::PropertyListCodec propertyLists;
     appsync::ArchiveLimits limits;
     limits.unpackedBytes = 1 << 20; // enough to find what there is, and quick

@@ -9,6 +9,7 @@
 
 namespace fs = std::filesystem;
 using appsync::fuzz::expect;
+using appsync::fuzz::require;
 using namespace appsync::host;
 
 namespace {
@@ -18,7 +19,7 @@ class Folder {
   public:
     Folder() {
         std::string pattern = (fs::temp_directory_path() / "backup-fuzz-XXXXXX").string();
-        expect(::mkdtemp(pattern.data()) != nullptr, "a folder can be made");
+        require(::mkdtemp(pattern.data()) != nullptr, "a folder");
         _path = pattern;
     }
     ~Folder() {
@@ -33,28 +34,41 @@ class Folder {
     fs::path _path;
 };
 
-} // namespace
+/// A backup with these bytes as lists.
+void write(const fs::path& folder, std::string_view apps, std::string_view others) {
+    std::ofstream(folder / RestoreInfoName, std::ios::binary) << apps;
+    std::ofstream(folder / DemotedAppsName, std::ios::binary) << others;
+    std::ofstream(folder / IconStateName, std::ios::binary) << others;
+}
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-    static const Folder folder;
-    for (const std::string_view name : {RestoreInfoName, DemotedAppsName, IconStateName}) {
-        std::ofstream(folder.path() / name, std::ios::binary) << appsync::fuzz::text(bytes, size);
-    }
-    appsync::ErrorPtr error;
-    const BackupFolder backup(folder.path().string(), &error);
-    expect(backup.isOpen() && error == nullptr, "the folder can be opened");
-    appsync::PropertyListCodec lists;
-    const auto content = backup.read(lists, &error);
-    expect(content.has_value() == (error == nullptr), "it is read, or it is told why not");
-    if (!content) {
-        return 0;
-    }
-    for (const BackupApp& app : content->apps) {
+void expectUsable(const BackupContent& content) {
+    for (const BackupApp& app : content.apps) {
         const bool isUsable = appsync::isUsableIdentifier(app.identifier);
         expect(isUsable || !app.problem.empty(), "an identifier that names a path is refused");
         expect(!app.name.empty() || app.identifier.empty(), "an app has a name");
         expect(!app.problem.empty() || app.entry.dictionary() != nullptr, "what is restored is a dictionary");
     }
-    expect(content->demoted || !content->problems.empty(), "a list that is not used is told");
+    const std::size_t unused = (content.demoted ? 0U : 1U) + (content.iconState ? 0U : 1U);
+    expect(content.problems.size() == unused, "a list that is not used is told");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+    static const Folder folder;
+    const std::string_view input = appsync::fuzz::text(bytes, size);
+    constexpr std::string_view noApps = "<plist version=\"1.0\"><dict/></plist>";
+    for (const std::string_view apps : {input, noApps}) {
+        write(folder.path(), apps, input);
+        appsync::ErrorPtr error;
+        const BackupFolder backup(folder.path().string(), &error);
+        expect(backup.isOpen() && error == nullptr, "the folder can be opened");
+        appsync::PropertyListCodec lists;
+        const auto content = backup.read(lists, &error);
+        expect(content.has_value() == (error == nullptr), "it is read, or it is told why not");
+        if (content) {
+            expectUsable(*content);
+        }
+    }
     return 0;
 }

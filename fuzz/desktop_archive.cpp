@@ -15,6 +15,7 @@ namespace {
 
 namespace desktop = appsync::desktop;
 using appsync::fuzz::expect;
+using appsync::fuzz::require;
 
 void expectSentence(const appsync::ErrorPtr& error, const std::string& path) {
     expect(error != nullptr && appsync::errorText(error).find(path) != std::string::npos,
@@ -35,7 +36,7 @@ void expectBounded(const desktop::AppDescription& app) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     const appsync::Descriptor file(::memfd_create("archive", MFD_CLOEXEC));
-    expect(::write(file.get(), bytes, size) == static_cast<ssize_t>(size), "the input is written");
+    require(::write(file.get(), bytes, size) == static_cast<ssize_t>(size), "a file for the input");
     const std::string path = "/proc/self/fd/" + std::to_string(file.get());
     appsync::PropertyListCodec propertyLists;
     const auto app = desktop::readAppArchive(path, propertyLists);
