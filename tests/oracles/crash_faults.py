@@ -1,0 +1,112 @@
+"""Faults that the checks of the crash and power-loss runs must notice. Some show without any disturbance, in the run that
+the others are compared with."""
+from fault import Fault, crash, power
+
+ONCE = {'points': 1}
+DATA = '"/var/mobile/Containers/Data/Application/" + _request.identifier'
+REPLACED = '        _registry._table.install(_record, _arrival);\n'
+ENDED_REASON = 'reasonOf(isCancelled ? cancelledByUserError() : *outcome)'
+
+
+def when_replaced(words):
+    return REPLACED + f'        {words}\n'
+
+
+FAULTS = [
+    # Between a disturbed command and the next.
+    Fault('`qrd apps` ended with 5: *', 'host/commands/DeviceCommands.cpp',
+          '        printJson(std::cout, list, 2);\n    } else if (list.empty()) {',
+          '        return ExitCode::failed;\n    } else if (list.empty()) {', crash('coordinated', 'kill', **ONCE)),
+    Fault('after that: org.example.* is lost', 'device/registry/ArchiveInstall.cpp',
+          '        _arrival = _before.arrival != 0',
+          '        {\n            Database::Transaction gone(_registry._database, Durability::durable);\n'
+          '            RegistryStore::remove(gone, _request.identifier, false);\n            (void)gone.commit();\n        }\n'
+          '        _arrival = _before.arrival != 0', crash('own', 'kill', points=60)),
+    Fault('org.example.* is there in version 2.0-0', 'host/commands/DeviceCommands.cpp',
+          'list.push_back(toJson(app, isRunning));',
+          'device::Application other = app;\n        other.version = "2.0-0";\n'
+          '        list.push_back(toJson(other, isRunning));', crash('coordinated', 'kill', **ONCE)),
+    Fault('all was said to be done, and org.example.* is not', 'host/view/SyncReport.cpp',
+          'return failure == nullptr && !interrupted && std::ranges::all_of(apps, isDone);', 'return true;',
+          crash('own', 'EIO', points=30)),
+    Fault('org.example.* was said to be updated and is not', 'host/view/SyncReport.cpp',
+          'case AppResult::failed: return "failed";', 'case AppResult::failed: return "updated";',
+          crash('own', 'EIO', points=30)),
+    Fault('org.example.* waits no longer', 'pipeline/TransferCompletion.cpp',
+          'applicationIsInstalled(_identifier) || _asset->isRestore', 'applicationIsInstalled(_identifier)', crash('restore-own', 'EIO', points=40)),
+    # What a command says that failed.
+    Fault('it ended with 7: *', 'host/OpenDevice.cpp',
+          '    return code;\n}\n\n} // namespace', '    return static_cast<ExitCode>(7);\n}\n\n} // namespace',
+          crash('own', 'EIO', points=20)),
+    Fault("it does not say why it failed: '*", 'host/OpenDevice.cpp',
+          '"qrd: " + sentence', '"oh: " + sentence', crash('own', 'EIO', points=20)),
+    Fault('it does not say why it failed: {*', 'host/session/SyncSession.cpp',
+          f'report.reason = {ENDED_REASON};', 'report.reason = "";', crash('own', 'EIO', points=30)),
+    Fault('the reason says nothing: Something went wrong.', 'host/session/SyncSession.cpp',
+          f'report.reason = {ENDED_REASON};', 'report.reason = "Something went wrong.";', crash('own', 'EIO', points=30)),
+    Fault('it ended with 139: *', 'tests/crash/Disturb.cpp',
+          '128 + WTERMSIG(status)', '130 + WTERMSIG(status)', crash('own', 'kill', points=4)),
+    Fault('it ended with 139: *', 'tests/crash/Disturb.cpp',
+          '128 + WTERMSIG(status)', '130 + WTERMSIG(status)', power('own', 'ext4', points=2)),
+    # Installed apps and their data.
+    Fault('org.example.* 1.0-0 is installed', 'device/registry/RegistryImplementation.cpp',
+          'record.version = text("BXBundleVersion");', 'record.version = "1.0-0";', crash('coordinated', 'kill', **ONCE)),
+    Fault('org.example.*: *.txt is missing', 'device/archive/Extraction.cpp',
+          '        if (entry.kind == ZipDirectory::Kind::folder) {',
+          '        if (entry.path.ends_with(".txt")) {\n            return nullptr;\n        }\n'
+          '        if (entry.kind == ZipDirectory::Kind::folder) {', crash('coordinated', 'kill', **ONCE)),
+    Fault('org.example.*: other is none of its files', 'device/registry/ArchiveInstall.cpp',
+          '        _sinf = _request.sinf ?', '        (void)container.writeFile("other", "x");\n        _sinf = _request.sinf ?',
+          crash('coordinated', 'kill', **ONCE)),
+    Fault('org.example.*: *.txt has another content', 'device/archive/Extraction.cpp',
+          'writeAll(file, piece);', 'writeAll(file, piece.substr(path.ends_with(".txt") ? 1 : 0));',
+          crash('coordinated', 'kill', **ONCE)),
+    Fault('the data of org.example.* is not whole', 'device/registry/ArchiveInstall.cpp', REPLACED,
+          when_replaced(f'_registry._files.writeFileAtomically({DATA} + "/other", "x", nullptr);'),
+          crash('coordinated', 'kill', **ONCE)),
+    Fault('the data of org.example.* is gone', 'device/registry/ArchiveInstall.cpp', REPLACED,
+          when_replaced(f'_registry._files.removeItem({DATA}, nullptr);'), crash('coordinated', 'kill', **ONCE)),
+    # At the end.
+    Fault('after that `qrd sync` ended with 5: *', 'desktop/Staging.cpp',
+          '    device.removeItem(unfinished, nullptr);\n    const auto write',
+          '    if (device.fileExists(unfinished)) {\n        *error = desktopError("it is there", unfinished);\n'
+          '        return false;\n    }\n    const auto write', crash('coordinated', 'kill', points=40)),
+    Fault('at the end: /var/containers/Bundle/.staging/* was left', 'device/registry/Removal.cpp',
+          'for (const std::string_view folder : {stagingFolder, containersFolder}) {',
+          'for (const std::string_view folder : {containersFolder}) {', crash('coordinated', 'kill', points=40)),
+    Fault('/var/mobile/Media/PublicStaging/* was left', 'host/session/SyncSession.cpp',
+          '    clearReceivedFiles(_parties.device);\n', '', crash('coordinated', 'kill', **ONCE)),
+    Fault('at the end: /tmp/com.zuvex.qrd.Apps is missing', 'host/session/Leftovers.cpp',
+          '            device.files().removeItem(joined(placeholderFolder, name), nullptr);',
+          '            device.files().removeItem(std::string(placeholderFolder), nullptr);',
+          crash('own', 'kill', points=40)),
+    Fault("'org.example.* is missing'", 'device/registry/ArchiveInstall.cpp',
+          '            RegistryStore::put(transaction, *_record, _arrival);\n', '', crash('coordinated', 'kill', **ONCE)),
+    Fault('org.example.* has a placeholder', 'device/registry/ArchiveInstall.cpp',
+          '            RegistryStore::remove(transaction, _record->identifier, true);\n', '',
+          crash('coordinated', 'kill', **ONCE)),
+    Fault('demoted are *', 'coordination/RestorePlaceholder.cpp',
+          'case intentionallyDemoted: return PDInstallTypeIntentionalDowngrade;',
+          'case intentionallyDemoted: return PDInstallTypeDowngrade;', crash('restore-coordinated', 'kill', **ONCE)),
+    Fault('the list of demoted apps has *', 'device/services/DemotedApps.cpp',
+          'root.set(intentionalKey, arrayOf(intentional));', 'root.set(intentionalKey, arrayOf(automatic));',
+          crash('restore-coordinated', 'kill', **ONCE)),
+    Fault('the icons stand as *', 'device/screen/DeviceHomeScreen.cpp',
+          '    const std::lock_guard lock(_mutex);\n    Database::Transaction transaction(_services.database);\n'
+          '    transaction.run("INSERT OR REPLACE INTO homeScreen',
+          '    const std::lock_guard lock(_mutex);\n    Database::Transaction transaction(_services.database);\n'
+          '    transaction.run("INSERT OR IGNORE INTO homeScreen', crash('restore-coordinated', 'kill', **ONCE)),
+    Fault('1 rows are left in restoreData', 'device/services/BackupService.cpp',
+          '    Database::Transaction transaction(_database);\n    transaction.run("DELETE FROM restoreData WHERE bundle = ?1", '
+          'bundleID);\n    auto written = transaction.commit();\n    if (written) {',
+          '    Database::Transaction transaction(_database);\n    auto written = transaction.commit();\n    if (written) {',
+          crash('restore-own', 'kill', **ONCE)),
+    Fault('the package of org.example.* was sent again', 'planning/OutstandingAssetTransfers.cpp',
+          '!asset->isRestore ? packageOnly\n                                     : packageIsHere   ? dataOnly',
+          '!asset->isRestore ? packageOnly\n                                     : false   ? dataOnly',
+          crash('restore-own', 'kill', points=60)),
+    # What the disk has kept.
+    Fault('after that: org.example.*', 'device/registry/GroupCommit.cpp',
+          'if (const auto synced = _files.sync(); !synced) {', 'if (const auto synced = Result<void>(); !synced) {',
+          power('own', 'ext4', points=25)),
+]
