@@ -13,7 +13,8 @@ FAULTS = [
     # The device's way of an archive.
     Fault('nothing is written outside of the container', 'device/archive/Extraction.cpp',
           '        ArchiveReader reader(_refuse);\n',
-          '        ::mkdirat(_container, "../beside", 0700);\n        ArchiveReader reader(_refuse);\n',
+          '        const Descriptor beside(::openat(_container, "../beside", O_CREAT | O_WRONLY, 0600));\n'
+          '        ArchiveReader reader(_refuse);\n',
           replay('archive', 'app')),
     Fault('an app that was accepted is there', 'device/archive/Extraction.cpp',
           '_application.bundleName = _app.bundleName;', '_application.bundleName = "Other.app";',
@@ -37,7 +38,7 @@ FAULTS = [
           replay('desktop_archive', 'pictures')),
     Fault('the icon stands beside the Info.plist', 'desktop/AppArchive.cpp',
           "!name->ends_with(\".png\") || name->find('/') != std::string_view::npos", '!name->ends_with(".png")',
-          replay('desktop_archive', 'icon-elsewhere')),
+          replay('desktop_archive', 'icon-below')),
     Fault('an app has an identifier that can name it', 'desktop/AppArchive.cpp',
           '    if (!isUsableIdentifier(app.identifier)) {', '    app.identifier += "/..";\n    if (app.identifier.empty()) {',
           replay('desktop_archive', 'app')),

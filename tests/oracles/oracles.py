@@ -90,7 +90,7 @@ class Copy:
             built = subprocess.run(['ninja', '-C', self.build, *fault.run.targets], env=self._environment(),
                                    stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
             if built.returncode != 0:
-                return Outcome(False, 'the fault does not compile:\n' + built.stdout)
+                return Outcome(False, 'the fault does not compile; write it anew:\n' + built.stdout)
             return fault.run.look_for(fault.pattern(), self.tree, self.build / 'bin')
         finally:
             source.write_text(text)
