@@ -35,9 +35,9 @@ FAULTS = [
     Fault('org.example.* waits no longer', 'pipeline/TransferCompletion.cpp',
           'applicationIsInstalled(_identifier) || _asset->isRestore', 'applicationIsInstalled(_identifier)', crash('restore-own', 'EIO', points=40)),
     # What a command says that failed.
-    Fault('it ended with 7: *', 'host/OpenDevice.cpp',
-          '    return code;\n}\n\n} // namespace', '    return static_cast<ExitCode>(7);\n}\n\n} // namespace',
-          crash('own', 'EIO', points=20)),
+    Fault('it ended with 7: *', 'host/commands/SyncCommand.cpp',
+          'report.allDone() ? ExitCode::done : ExitCode::someAppFailed;',
+          'report.allDone() ? ExitCode::done : static_cast<ExitCode>(7);', crash('own', 'EIO', points=30)),
     Fault("it does not say why it failed: '*", 'host/OpenDevice.cpp',
           '"qrd: " + sentence', '"oh: " + sentence', crash('own', 'EIO', points=20)),
     Fault('it does not say why it failed: {*', 'host/session/SyncSession.cpp',

@@ -4,7 +4,7 @@ import re
 import subprocess
 import sys
 
-TIME_LIMIT = 240  # seconds; a fault may make its program wait for ever
+TIME_LIMIT = 600  # seconds; a fault may make its program wait for ever
 
 
 @dataclasses.dataclass
