@@ -140,12 +140,12 @@ FAULTS = [
     Fault('no lock is held at the end: an assertion', 'pipeline/InstallQueue.cpp', DENIED, LEAKED, rush()),
     Fault('no lock is held at the end: the client, still an observer; replay', 'client/AppsClient.cpp',
           '    _platform.workspaces.defaultWorkspace().removeObserver(this);\n', '', rush()),
-    Fault('a client that has gone calls nobody: *', 'client/AppsClient.cpp',
-          '    _pendingRetries.dropAll();\n',
-          '    _pendingRetries.dropAll();\n'
-          '    static_cast<void>(new auto(_platform.scheduler.runAfter(std::chrono::seconds(1), [&files = _platform.files] {\n'
-          '        for (int times = 0; times < 20000; ++times) {\n            files.fileExists("/");\n        }\n'
-          '    })));\n', rush()),
+    Fault('a client that has gone calls nobody: *', 'client/PendingRetries.cpp',
+          '    std::map<std::uint64_t, std::shared_ptr<ScheduledTask>> tasks;\n',
+          '    std::map<std::uint64_t, std::shared_ptr<ScheduledTask>> tasks;\n'
+          '    _scheduler.runAfter(std::chrono::seconds(1), [&scheduler = _scheduler] {\n'
+          '        for (int times = 0; times < 20000; ++times) {\n'
+          '            scheduler.runAfter(std::chrono::hours(10000), [] {});\n        }\n    });\n', rush()),
     Fault('the to-do list keeps its records: the to-do list; replay', 'client/WorkFiles.cpp',
           '    record.set("operation", operation);', '    toDoList.erase(item);', rush()),
     Fault('each asset ends in the state that its way leads to: * ends as DOWNLOADED', 'pipeline/TransferCompletion.cpp',
