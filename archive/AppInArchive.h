@@ -4,7 +4,7 @@
 #include "archive/ArchiveLimits.h"
 #include "archive/Refusal.h"
 #include "archive/ZipDirectory.h"
-#include "platform/Result.h"
+#include "values/Result.h"
 
 #include <string>
 #include <string_view>

@@ -4,7 +4,7 @@
 #include "archive/Refusal.h"
 #include "archive/TextLocale.h"
 #include "archive/ZipDirectory.h"
-#include "platform/Result.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <memory>

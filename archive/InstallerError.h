@@ -2,7 +2,7 @@
 #pragma once
 
 #include "platform/InstallationService.h"
-#include "platform/Result.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <string>

@@ -6,7 +6,7 @@
 
 #include "archive/ArchiveLimits.h"
 #include "archive/Refusal.h"
-#include "platform/Result.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <optional>

@@ -5,9 +5,9 @@
 // Ordinary apps: 100 archives of 60 files and 4 MB unpacked, installed from 10 threads as the sync does, against
 // `unzip -q` of the same archives one after another, which waits for no disk. Small apps: 1,000 archives of 10 KB.
 // Both are alternated over several rounds, with the disk idle before each. Then a registry of 5,000 apps.
+#include "device/database/Database.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "device/registry/Registry.h"
-#include "device/root/Database.h"
 #include "device/root/Root.h"
 #include "propertylist/Codec.h"
 

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "files/RegularFile.h"
-#include "platform/Error.h"
-#include "platform/PropertyList.h"
-#include "platform/Result.h"
+#include "values/Error.h"
+#include "values/PropertyList.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,7 +1,7 @@
 // Makes an app archive of a folder.
 #pragma once
 
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <string>
 

@@ -5,7 +5,7 @@
 //   Platform platform = (*device)->platform(deviceService, errorClassification);
 //
 //   root            the folder, its lock, its files              device/root/Root.h
-//   database        what the services remember                   device/root/Database.h
+//   database        what the services remember                   device/database/Database.h
 //   log             the sync host's log                          device/services/LogFile.h
 //   transactionLog  what was begun and ended for which app       device/services/TransactionLog.h
 //   registry        apps, placeholders, installs under way       device/registry/Registry.h

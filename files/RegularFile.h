@@ -2,7 +2,7 @@
 #pragma once
 
 #include "files/Descriptor.h"
-#include "platform/Result.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <string>

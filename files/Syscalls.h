@@ -14,6 +14,11 @@ namespace appsync {
 /// The system's text for an errno number.
 [[nodiscard]] std::string systemText(int errorNumber);
 
+/// The result of a system call that answers -1 and sets errno: zero or an errno number.
+[[nodiscard]] inline int errnoOf(int result) noexcept {
+    return result < 0 ? errno : 0;
+}
+
 // Each answers zero or an errno number.
 
 /// Opens a path as it is seen from inside `root`: "/" is the root, and neither ".." nor a symbolic link leads above it.

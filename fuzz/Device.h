@@ -1,9 +1,9 @@
 // A client on a device in memory, for one input.
 #pragma once
 
-#include "client/AppsClient.h"
-#include "client/Paths.h"
 #include "fuzz/Fuzz.h"
+#include "plugin/client/AppsClient.h"
+#include "plugin/client/Paths.h"
 #include "tests/inmemory/World.h"
 
 #include <algorithm>

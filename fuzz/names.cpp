@@ -1,8 +1,8 @@
 // Any bytes as an app's identifier, name and reason: what is printed is harmless to a terminal and of bounded length,
 // and the home screen can be drawn.
-#include "device/screen/CairoImage.h"
-#include "device/screen/Picture.h"
-#include "device/screen/ScreenText.h"
+#include "device/drawing/CairoImage.h"
+#include "device/drawing/Picture.h"
+#include "device/drawing/ScreenText.h"
 #include "fuzz/Fuzz.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"

@@ -21,8 +21,8 @@ std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* 
 }
 
 ExitCode exitCodeOf(const ErrorPtr& error) {
-    return device::isError(error, device::RootErrorDomain, device::RootError::inUse) ? ExitCode::deviceInUse
-                                                                                     : ExitCode::deviceUnusable;
+    return isError(error, device::RootErrorDomain, device::RootError::inUse) ? ExitCode::deviceInUse
+                                                                             : ExitCode::deviceUnusable;
 }
 
 ExitCode fail(const std::string& sentence, ExitCode code) {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/ExitCode.h"
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <memory>
 #include <string>

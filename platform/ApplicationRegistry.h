@@ -1,9 +1,9 @@
 // The application registry: installed apps, placeholders, app containers and installs under way.
 #pragma once
 
-#include "platform/Error.h"
-#include "platform/FileURL.h"
-#include "platform/PropertyList.h"
+#include "values/Error.h"
+#include "values/FileURL.h"
+#include "values/PropertyList.h"
 
 #include <cstdint>
 #include <functional>

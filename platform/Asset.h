@@ -1,8 +1,8 @@
 // The sync host's record of one item to transfer.
 #pragma once
 
-#include "platform/FileURL.h"
-#include "platform/PropertyList.h"
+#include "values/FileURL.h"
+#include "values/PropertyList.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,7 +1,7 @@
 // The backup service.
 #pragma once
 
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <cstdint>
 #include <memory>

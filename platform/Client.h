@@ -2,8 +2,8 @@
 #pragma once
 
 #include "platform/Asset.h"
-#include "platform/Error.h"
-#include "platform/PropertyList.h"
+#include "values/Error.h"
+#include "values/PropertyList.h"
 
 #include <cstdint>
 #include <functional>

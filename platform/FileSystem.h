@@ -5,7 +5,7 @@
 // there from the start; any other folder is made before something is written into it.
 #pragma once
 
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <cstdint>
 #include <optional>

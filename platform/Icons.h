@@ -1,8 +1,8 @@
 // App bundles on disk, the icon renderer and image encoding.
 #pragma once
 
-#include "platform/FileURL.h"
-#include "platform/PropertyList.h"
+#include "values/FileURL.h"
+#include "values/PropertyList.h"
 
 #include <memory>
 #include <optional>

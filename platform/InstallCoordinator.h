@@ -10,10 +10,10 @@
 // at any time; one that fails answers false or null and puts the reason into `error` unless that is null.
 #pragma once
 
-#include "platform/Error.h"
-#include "platform/FileURL.h"
 #include "platform/InstallationService.h"
-#include "platform/PropertyList.h"
+#include "values/Error.h"
+#include "values/FileURL.h"
+#include "values/PropertyList.h"
 
 #include <cstdint>
 #include <functional>

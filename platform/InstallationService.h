@@ -1,8 +1,8 @@
 // The low-level installation service: what an install is made from, and the list of uninstalled apps.
 #pragma once
 
-#include "platform/Error.h"
-#include "platform/PropertyList.h"
+#include "values/Error.h"
+#include "values/PropertyList.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,7 +1,7 @@
 // Notifications between the processes of the device.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 #include <cstdint>
 #include <string_view>

@@ -1,8 +1,8 @@
 // Reading and writing property-list files' bytes.
 #pragma once
 
-#include "platform/Error.h"
-#include "platform/PropertyList.h"
+#include "values/Error.h"
+#include "values/PropertyList.h"
 
 #include <optional>
 #include <string_view>

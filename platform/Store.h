@@ -1,7 +1,7 @@
 // The store client.
 #pragma once
 
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <functional>
 #include <memory>

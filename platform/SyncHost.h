@@ -2,7 +2,7 @@
 #pragma once
 
 #include "platform/Asset.h"
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <functional>
 

@@ -3,12 +3,12 @@
 // which costs less than remembering it.
 #include "propertylist/BinaryReader.h"
 
-#include "platform/ValueStorage.h"
 #include "propertylist/BigEndian.h"
 #include "propertylist/BinaryFormat.h"
 #include "propertylist/Codec.h"
 #include "propertylist/Failure.h"
 #include "propertylist/Utf.h"
+#include "values/ValueStorage.h"
 
 #include <array>
 #include <bit>

@@ -1,7 +1,7 @@
 // Reads binary property lists.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 #include <string_view>
 

@@ -3,8 +3,6 @@
 // width of references, is known.
 #include "propertylist/BinaryWriter.h"
 
-#include "platform/ValueHash.h"
-#include "platform/ValueStorage.h"
 #include "propertylist/BigEndian.h"
 #include "propertylist/BinaryFormat.h"
 #include "propertylist/ByteBuffer.h"
@@ -12,6 +10,8 @@
 #include "propertylist/Failure.h"
 #include "propertylist/ObjectIndex.h"
 #include "propertylist/Utf.h"
+#include "values/ValueHash.h"
+#include "values/ValueStorage.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // Writes binary property lists.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 #include <cstddef>
 

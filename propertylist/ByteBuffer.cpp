@@ -1,7 +1,7 @@
 #include "propertylist/ByteBuffer.h"
 
-#include "platform/ValueStorage.h"
 #include "propertylist/Failure.h"
+#include "values/ValueStorage.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // The bytes of a file being written, in the memory of the datum that they become.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 #include <cstddef>
 

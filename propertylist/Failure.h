@@ -1,8 +1,8 @@
 // How the readers and writers of this folder give up: they throw a `Failure`, which the codec turns into an `Error`.
 #pragma once
 
-#include "platform/Error.h"
 #include "propertylist/PropertyListError.h"
+#include "values/Error.h"
 
 #include <cstddef>
 #include <optional>

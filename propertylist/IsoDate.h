@@ -1,7 +1,7 @@
 // Dates as text: "2001-02-03T04:05:06Z", in UTC, years 0001 to 9999.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 #include <optional>
 #include <string>

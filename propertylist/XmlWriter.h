@@ -7,7 +7,7 @@
 // that are not UTF-8, which it refuses.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 #include <cstddef>
 #include <functional>

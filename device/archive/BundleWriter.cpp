@@ -1,7 +1,8 @@
 #include "device/archive/BundleWriter.h"
 
 #include "archive/EntryPath.h"
-#include "device/root/Syscalls.h"
+#include "device/root/FaultPoint.h"
+#include "files/Syscalls.h"
 
 #include <sys/stat.h>
 

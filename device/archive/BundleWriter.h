@@ -1,8 +1,8 @@
 // Creates the files of an app in a new folder, each in as few system calls as can be.
 #pragma once
 
-#include "device/root/Descriptor.h"
 #include "device/root/FaultPoint.h"
+#include "files/Descriptor.h"
 
 #include <cstdint>
 #include <string>

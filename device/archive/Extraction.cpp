@@ -2,7 +2,8 @@
 
 #include "archive/ArchiveReader.h"
 #include "device/archive/BundleWriter.h"
-#include "device/root/Syscalls.h"
+#include "device/root/FaultPoint.h"
+#include "files/Syscalls.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
 

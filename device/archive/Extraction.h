@@ -4,8 +4,8 @@
 #include "archive/AppInArchive.h"
 #include "archive/ArchiveLimits.h"
 #include "device/root/FaultPoint.h"
-#include "platform/PropertyList.h"
-#include "platform/Result.h"
+#include "values/PropertyList.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,7 +1,7 @@
 // Why the install coordinator refused or gave up.
 #pragma once
 
-#include "device/root/Result.h"
+#include "values/Result.h"
 
 namespace appsync::device {
 

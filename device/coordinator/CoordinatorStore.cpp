@@ -1,6 +1,6 @@
 #include "device/coordinator/CoordinatorStore.h"
 
-#include "device/root/Database.h"
+#include "device/database/Database.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <algorithm>

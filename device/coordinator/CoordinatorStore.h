@@ -2,7 +2,7 @@
 #pragma once
 
 #include "device/coordinator/CoordinatorState.h"
-#include "device/root/Database.h"
+#include "device/database/Database.h"
 
 #include <functional>
 #include <vector>

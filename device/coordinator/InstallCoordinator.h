@@ -22,8 +22,8 @@
 // taken: there is none beside the app then. This device has no on-demand resources and takes none.
 #pragma once
 
-#include "device/root/Result.h"
 #include "platform/InstallCoordinator.h"
+#include "values/Result.h"
 
 #include <memory>
 #include <string>

@@ -2,7 +2,7 @@
 
 #include "device/processes/Spawn.h"
 #include "device/root/Root.h"
-#include "device/root/Syscalls.h"
+#include "files/Syscalls.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -7,9 +7,9 @@
 // and removes it to let go. HOME is the app's data container.
 #pragma once
 
-#include "device/root/Descriptor.h"
-#include "device/root/Result.h"
 #include "device/screen/RunningApps.h"
+#include "files/Descriptor.h"
+#include "values/Result.h"
 
 #include <sys/types.h>
 

@@ -1,6 +1,6 @@
 #include "device/processes/Spawn.h"
 
-#include "device/root/Descriptor.h"
+#include "files/Descriptor.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>

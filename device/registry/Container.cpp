@@ -1,7 +1,9 @@
 #include "device/registry/Container.h"
 
 #include "device/root/DeviceFileSystem.h"
-#include "device/root/Syscalls.h"
+#include "device/root/FaultPoint.h"
+#include "device/root/PosixError.h"
+#include "files/Syscalls.h"
 
 #include <sys/random.h>
 

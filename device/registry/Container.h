@@ -2,8 +2,8 @@
 #pragma once
 
 #include "device/registry/RegistryRecord.h"
-#include "device/root/Descriptor.h"
-#include "device/root/Result.h"
+#include "files/Descriptor.h"
+#include "values/Result.h"
 
 #include <string>
 #include <string_view>

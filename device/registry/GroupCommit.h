@@ -1,8 +1,8 @@
 // Makes several installs durable together: those that are ready while the disk is busy share its next turn.
 #pragma once
 
-#include "device/root/Database.h"
-#include "device/root/Result.h"
+#include "device/database/Database.h"
+#include "values/Result.h"
 
 #include <condition_variable>
 #include <functional>

@@ -4,6 +4,7 @@
 #include "archive/EntryPath.h"
 #include "archive/InstallerError.h"
 #include "device/root/Tree.h"
+#include "files/Syscalls.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
 

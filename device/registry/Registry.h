@@ -7,9 +7,9 @@
 #pragma once
 
 #include "archive/ArchiveLimits.h"
-#include "device/root/Result.h"
 #include "platform/ApplicationRegistry.h"
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <functional>

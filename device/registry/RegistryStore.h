@@ -1,8 +1,8 @@
 // The registry's tables. Each operation works within the caller's transaction, which reports failures.
 #pragma once
 
+#include "device/database/Database.h"
 #include "device/registry/RegistryRecord.h"
-#include "device/root/Database.h"
 
 #include <cstdint>
 #include <string>

@@ -1,9 +1,9 @@
 // The list of apps that a person removed from the device, kept until the desktop has heard of it.
 #pragma once
 
-#include "device/root/Database.h"
-#include "device/root/Result.h"
+#include "device/database/Database.h"
 #include "platform/InstallationService.h"
+#include "values/Result.h"
 
 #include <memory>
 #include <string_view>

@@ -1,9 +1,11 @@
 #include "device/root/DeviceFileSystem.h"
 
 #include "device/root/AccountNames.h"
+#include "device/root/FaultPoint.h"
 #include "device/root/FolderReader.h"
-#include "device/root/Syscalls.h"
+#include "device/root/PosixError.h"
 #include "device/root/Tree.h"
+#include "files/Syscalls.h"
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>

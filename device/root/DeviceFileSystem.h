@@ -2,10 +2,10 @@
 // no path leads out of it.
 #pragma once
 
-#include "device/root/Descriptor.h"
 #include "device/root/FaultPoint.h"
-#include "device/root/Result.h"
+#include "files/Descriptor.h"
 #include "platform/FileSystem.h"
+#include "values/Result.h"
 
 #include <sys/types.h>
 

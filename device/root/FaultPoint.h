@@ -15,4 +15,10 @@ class FaultPoint {
     virtual int before(std::string_view operation, std::string_view path) noexcept = 0;
 };
 
+/// Asks the fault point, if there is one, before a change; zero or an errno number.
+[[nodiscard]] inline int beforeChange(FaultPoint* faultPoint, std::string_view operation,
+                                      std::string_view path) noexcept {
+    return faultPoint ? faultPoint->before(operation, path) : 0;
+}
+
 } // namespace appsync::device

@@ -1,7 +1,7 @@
 // The entries of an open folder, without "." and "..".
 #pragma once
 
-#include "device/root/Descriptor.h"
+#include "files/Descriptor.h"
 
 #include <dirent.h>
 

@@ -1,7 +1,8 @@
 #include "device/root/Root.h"
 
-#include "device/root/Syscalls.h"
+#include "device/root/PosixError.h"
 #include "device/root/Tree.h"
+#include "files/Syscalls.h"
 
 #include <sys/file.h>
 

@@ -10,7 +10,7 @@
 #pragma once
 
 #include "device/root/DeviceFileSystem.h"
-#include "device/root/Result.h"
+#include "values/Result.h"
 
 #include <memory>
 #include <string>

@@ -1,8 +1,9 @@
 #include "device/root/Tree.h"
 
+#include "device/root/FaultPoint.h"
 #include "device/root/FolderReader.h"
-#include "device/root/Syscalls.h"
 #include "device/root/TreeWalk.h"
+#include "files/Syscalls.h"
 
 #include <sys/random.h>
 #include <sys/stat.h>

@@ -1,8 +1,8 @@
 // Whole folders: removing them, and finding what interrupted writes left in them.
 #pragma once
 
-#include "device/root/Descriptor.h"
 #include "device/root/FaultPoint.h"
+#include "files/Descriptor.h"
 
 #include <cstdint>
 #include <string>

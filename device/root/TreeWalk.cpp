@@ -1,6 +1,6 @@
 #include "device/root/TreeWalk.h"
 
-#include "device/root/Syscalls.h"
+#include "files/Syscalls.h"
 
 #include <sys/stat.h>
 

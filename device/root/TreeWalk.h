@@ -1,8 +1,8 @@
 // Going through a folder and all folders below it: of any depth, with few descriptors, and never over a symbolic link.
 #pragma once
 
-#include "device/root/Descriptor.h"
 #include "device/root/FolderReader.h"
+#include "files/Descriptor.h"
 
 #include <sys/types.h>
 

@@ -1,7 +1,7 @@
 #include "device/screen/DeviceHomeScreen.h"
 
+#include "device/database/Database.h"
 #include "device/registry/Registry.h"
-#include "device/root/Database.h"
 #include "device/screen/DeviceIconRenderer.h"
 #include "device/screen/RunningApps.h"
 #include "device/services/Notifications.h"

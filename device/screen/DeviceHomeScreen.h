@@ -1,10 +1,10 @@
 // The home screen: the icons' layout, kept in the database, and what there is to see.
 #pragma once
 
-#include "device/root/Result.h"
+#include "device/drawing/Picture.h"
 #include "device/screen/IconLayout.h"
-#include "device/screen/Picture.h"
 #include "platform/HomeScreen.h"
+#include "values/Result.h"
 
 #include <memory>
 #include <mutex>

@@ -1,7 +1,7 @@
 #include "device/screen/DeviceIconRenderer.h"
 
+#include "device/drawing/CairoImage.h"
 #include "device/screen/AppBundles.h"
-#include "device/screen/CairoImage.h"
 #include "platform/FileSystem.h"
 
 #include <algorithm>

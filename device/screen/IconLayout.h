@@ -5,7 +5,7 @@
 // of pages of bundle identifiers.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 #include <optional>
 #include <string>

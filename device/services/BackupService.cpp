@@ -1,9 +1,10 @@
 #include "device/services/BackupService.h"
 
+#include "device/database/Database.h"
 #include "device/registry/Container.h"
 #include "device/registry/RegistryRecord.h"
-#include "device/root/Database.h"
 #include "device/root/DeviceFileSystem.h"
+#include "device/root/PosixError.h"
 #include "device/root/Tree.h"
 
 #include <fcntl.h>

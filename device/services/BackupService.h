@@ -5,8 +5,8 @@
 // service is opened. So an app has its old data or the restored data, and never a part of either.
 #pragma once
 
-#include "device/root/Result.h"
 #include "platform/Backup.h"
+#include "values/Result.h"
 
 #include <mutex>
 #include <optional>

@@ -4,8 +4,8 @@
 // the system has demoted, "IntentionalDowngrades" of those that a person has.
 #pragma once
 
-#include "device/root/Result.h"
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <mutex>

@@ -1,6 +1,6 @@
 #include "device/services/DevicePolicy.h"
 
-#include "device/root/Database.h"
+#include "device/database/Database.h"
 
 namespace appsync::device {
 

@@ -1,8 +1,8 @@
 // What the device's owner or administrator allows, kept in the database.
 #pragma once
 
-#include "device/root/Result.h"
 #include "platform/DevicePolicy.h"
+#include "values/Result.h"
 
 #include <map>
 #include <memory>

@@ -1,6 +1,7 @@
 #include "device/services/LogFile.h"
 
 #include "device/root/DeviceFileSystem.h"
+#include "device/root/PosixError.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -7,9 +7,9 @@
 // ("\n", "\x1b"), so that a message is a line. A full file becomes "qrd.log.1", an older one "qrd.log.2" and so on.
 #pragma once
 
-#include "device/root/Descriptor.h"
-#include "device/root/Result.h"
+#include "files/Descriptor.h"
 #include "platform/Log.h"
+#include "values/Result.h"
 
 #include <array>
 #include <atomic>

@@ -1,8 +1,8 @@
 // Reads what `LogFile` has written.
 #pragma once
 
-#include "device/root/Result.h"
 #include "platform/Log.h"
+#include "values/Result.h"
 
 #include <functional>
 #include <optional>

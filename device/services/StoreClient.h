@@ -3,8 +3,8 @@
 
 #include "concurrency/Group.h"
 #include "concurrency/OperationQueue.h"
-#include "device/root/Result.h"
 #include "platform/Store.h"
+#include "values/Result.h"
 
 #include <memory>
 #include <set>

@@ -1,6 +1,6 @@
 #include "device/services/TransactionLog.h"
 
-#include "device/root/Database.h"
+#include "device/database/Database.h"
 #include "device/services/LogFile.h"
 
 #include <chrono>

@@ -1,8 +1,8 @@
 // The install transaction log in the database.
 #pragma once
 
-#include "device/root/Result.h"
 #include "platform/TransactionLog.h"
+#include "values/Result.h"
 
 #include <condition_variable>
 #include <cstdint>

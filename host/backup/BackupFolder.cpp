@@ -1,7 +1,7 @@
 #include "host/backup/BackupFolder.h"
 
 #include "archive/AppInArchive.h"
-#include "device/root/Syscalls.h"
+#include "files/Syscalls.h"
 #include "host/plugin/PlugIn.h"
 #include "platform/PropertyListSerialization.h"
 
@@ -29,15 +29,14 @@ class ListReader {
     /// The property list in a file; nothing, and a sentence in `problem`, when there is none.
     std::optional<Value> read(std::string_view name, std::string& problem) {
         const std::string shown = pathOf(name);
-        device::Descriptor file;
+        Descriptor file;
         std::string bytes;
-        int failed = device::openBeneath(_folder, std::string(name), O_RDONLY | device::withoutWaiting, file,
-                                         RESOLVE_NO_SYMLINKS);
+        int failed = openBeneath(_folder, std::string(name), O_RDONLY | withoutWaiting, file, RESOLVE_NO_SYMLINKS);
         if (failed == 0) {
-            failed = device::checkIsFile(file.get());
+            failed = checkIsFile(file.get());
         }
         if (failed == 0) {
-            failed = device::readAll(file.get(), largestList, bytes);
+            failed = readAll(file.get(), largestList, bytes);
         }
         if (failed != 0) {
             problem = "'" + shown + "' cannot be read: " + reasonOf(failed) + ".";
@@ -177,9 +176,9 @@ std::string BackupFolder::dataPath(const std::string& identifier) const {
     return _path + "/" + std::string(BackupDataName) + "/" + identifier;
 }
 
-int BackupFolder::openData(const std::string& identifier, device::Descriptor& opened) const {
-    return device::openBeneath(_folder.get(), std::string(BackupDataName) + "/" + identifier, O_RDONLY | O_DIRECTORY,
-                               opened, RESOLVE_NO_SYMLINKS);
+int BackupFolder::openData(const std::string& identifier, Descriptor& opened) const {
+    return openBeneath(_folder.get(), std::string(BackupDataName) + "/" + identifier, O_RDONLY | O_DIRECTORY, opened,
+                       RESOLVE_NO_SYMLINKS);
 }
 
 bool isPNG(std::string_view bytes) {

@@ -7,11 +7,11 @@
 //   Data/<bundle identifier>/   the apps' data
 #pragma once
 
-#include "device/root/Descriptor.h"
 #include "device/screen/IconLayout.h"
 #include "device/services/DemotedApps.h"
-#include "platform/Error.h"
-#include "platform/PropertyList.h"
+#include "files/Descriptor.h"
+#include "values/Error.h"
+#include "values/PropertyList.h"
 
 #include <array>
 #include <optional>
@@ -58,14 +58,14 @@ class BackupFolder {
     /// Reads and checks its lists. Nothing, and the reason in `error`, when its restore info cannot be used.
     [[nodiscard]] std::optional<BackupContent> read(PropertyListSerialization& propertyLists, ErrorPtr* error) const;
     /// Opens the folder with an app's data; zero or an errno number. The identifier must be a usable one.
-    [[nodiscard]] int openData(const std::string& identifier, device::Descriptor& opened) const;
+    [[nodiscard]] int openData(const std::string& identifier, Descriptor& opened) const;
     /// Where that stands, for messages.
     [[nodiscard]] std::string dataPath(const std::string& identifier) const;
     [[nodiscard]] bool isOpen() const noexcept { return _folder.isOpen(); }
 
   private:
     std::string _path;
-    device::Descriptor _folder;
+    Descriptor _folder;
 };
 
 [[nodiscard]] bool isPNG(std::string_view bytes);

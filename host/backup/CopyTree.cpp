@@ -1,7 +1,7 @@
 #include "host/backup/CopyTree.h"
 
-#include "device/root/Syscalls.h"
 #include "device/root/TreeWalk.h"
+#include "files/Syscalls.h"
 #include "host/plugin/PlugIn.h"
 
 #include <sys/stat.h>
@@ -14,8 +14,6 @@
 namespace appsync::host {
 
 namespace {
-
-using device::Descriptor;
 
 constexpr std::size_t pieceSize = std::size_t{1} << 18;
 constexpr mode_t keptPermissions = 0755;
@@ -69,7 +67,7 @@ class TreeCopier final : public device::TreeVisitor {
         Descriptor filled;
         int failed = _target.leave(&filled);
         if (failed == 0) {
-            failed = device::errnoOf(::fchmod(filled.get(), _modes.back()));
+            failed = errnoOf(::fchmod(filled.get(), _modes.back()));
         }
         if (failed == 0) {
             _modes.pop_back();
@@ -93,13 +91,12 @@ class TreeCopier final : public device::TreeVisitor {
 
     /// What stands there may have been replaced since it was looked at.
     int _copyFile(int from, const std::string& name) {
-        const Descriptor source(
-            ::openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | device::withoutWaiting));
+        const Descriptor source(::openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | withoutWaiting));
         if (!source.isOpen()) {
             return errno;
         }
         struct stat information {};
-        if (const int failed = device::checkIsFile(source.get())) {
+        if (const int failed = checkIsFile(source.get())) {
             return failed;
         }
         const Descriptor target(
@@ -109,7 +106,7 @@ class TreeCopier final : public device::TreeVisitor {
         }
         int failed = _copyContent(source.get(), target.get(), information.st_size);
         if (failed == 0) {
-            failed = device::errnoOf(::fchmod(target.get(), information.st_mode & keptPermissions));
+            failed = errnoOf(::fchmod(target.get(), information.st_mode & keptPermissions));
         }
         return failed;
     }
@@ -132,7 +129,7 @@ class TreeCopier final : public device::TreeVisitor {
             }
             start = end;
         }
-        return device::errnoOf(::ftruncate(target, size));
+        return errnoOf(::ftruncate(target, size));
     }
 
     int _copyRange(int source, int target, off_t start, off_t end) {
@@ -151,7 +148,7 @@ class TreeCopier final : public device::TreeVisitor {
             if (length <= 0) {
                 return length < 0 ? errno : 0; // it has become shorter
             }
-            if (const int failed = device::writeAll(target, {_buffer.data(), static_cast<std::size_t>(length)})) {
+            if (const int failed = writeAll(target, {_buffer.data(), static_cast<std::size_t>(length)})) {
                 return failed;
             }
             start += length;
@@ -166,7 +163,7 @@ class TreeCopier final : public device::TreeVisitor {
             return errno;
         }
         text[static_cast<std::size_t>(length)] = 0;
-        return device::errnoOf(::symlinkat(text.data(), _target.folder(), name.c_str()));
+        return errnoOf(::symlinkat(text.data(), _target.folder(), name.c_str()));
     }
 
     std::string _path; // of what is being copied, for the sentence about a failure

@@ -1,8 +1,8 @@
 // Copies a folder with everything in it, between a device and this machine.
 #pragma once
 
-#include "device/root/Descriptor.h"
-#include "platform/Error.h"
+#include "files/Descriptor.h"
+#include "values/Error.h"
 
 #include <functional>
 #include <string>
@@ -15,7 +15,7 @@ namespace appsync::host {
 /// owner's rights. Pipes, sockets and devices hold no data and are left out. Null, or why it could not be copied whole;
 /// what has been copied by then stays. `name` is the folder's in that sentence. `isCancelled` may be empty; it is asked
 /// again and again, and ends the copying.
-[[nodiscard]] ErrorPtr copyTree(device::Descriptor from, device::Descriptor to, const std::string& name,
+[[nodiscard]] ErrorPtr copyTree(Descriptor from, Descriptor to, const std::string& name,
                                 const std::function<bool()>& isCancelled = {});
 
 } // namespace appsync::host

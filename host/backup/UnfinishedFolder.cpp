@@ -1,8 +1,8 @@
 #include "host/backup/UnfinishedFolder.h"
 
 #include "device/root/FolderReader.h"
-#include "device/root/Syscalls.h"
 #include "device/root/Tree.h"
+#include "files/Syscalls.h"
 #include "host/backup/BackupFolder.h"
 #include "host/plugin/PlugIn.h"
 
@@ -16,8 +16,6 @@
 namespace appsync::host {
 
 namespace {
-
-using device::Descriptor;
 
 constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::size_t randomLetters = 6;
@@ -77,7 +75,7 @@ int UnfinishedFolder::_make() {
     }
     _isThere = true;
     _folder = Descriptor(::openat(_parent.get(), _temporaryName.c_str(), folderFlags));
-    return _folder.isOpen() ? device::errnoOf(::flock(_folder.get(), LOCK_EX | LOCK_NB)) : errno;
+    return _folder.isOpen() ? errnoOf(::flock(_folder.get(), LOCK_EX | LOCK_NB)) : errno;
 }
 
 void UnfinishedFolder::_removeLeftOnes() const {

@@ -1,8 +1,8 @@
 // A folder under another name until it is whole.
 #pragma once
 
-#include "device/root/Descriptor.h"
-#include "platform/Error.h"
+#include "files/Descriptor.h"
+#include "values/Error.h"
 
 #include <string>
 
@@ -33,8 +33,8 @@ class UnfinishedFolder {
     std::string _final;
     std::string _name; // the last part of `_final`
     std::string _temporaryName;
-    device::Descriptor _parent;
-    device::Descriptor _folder;
+    Descriptor _parent;
+    Descriptor _folder;
     ErrorPtr _error;
     bool _isThere = false;
 };

@@ -3,10 +3,10 @@
 #include "device/Device.h"
 #include "device/archive/Extraction.h"
 #include "device/coordinator/InstallCoordinator.h"
-#include "device/root/Syscalls.h"
 #include "device/root/Tree.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
+#include "files/Syscalls.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/backup/BackupFolder.h"
@@ -46,7 +46,7 @@ class BackupWriter {
         if (::mkdirat(_folder, data.c_str(), 0755) != 0) {
             return writeError(_path + "/" + data, errno);
         }
-        _data = device::Descriptor(::openat(_folder, data.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        _data = Descriptor(::openat(_folder, data.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         Dictionary info;
         for (const device::Application& app : _device.registry().applications()) {
             if (Interrupt::requested()) {
@@ -102,7 +102,7 @@ class BackupWriter {
     std::optional<Data> _read(const std::string& path, ErrorPtr* error) {
         ErrorPtr problem;
         auto bytes = _device.files().readFile(path, &problem);
-        if (!bytes && !device::isError(problem, PosixErrorDomain, ENOENT)) {
+        if (!bytes && !isError(problem, PosixErrorDomain, ENOENT)) {
             *error = problem;
         }
         return bytes;
@@ -148,14 +148,14 @@ class BackupWriter {
         const std::string source = waiting->value_or(app.dataContainerPath);
         auto from = _device.files().open(source, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (!from) {
-            return device::isError(from.error(), PosixErrorDomain, ENOENT) ? nullptr : from.error();
+            return isError(from.error(), PosixErrorDomain, ENOENT) ? nullptr : from.error();
         }
         const std::string target = _path + "/" + std::string(BackupDataName) + "/" + app.identifier;
         const char* name = app.identifier.c_str();
         if (::mkdirat(_data.get(), name, 0755) != 0) {
             return writeError(target, errno);
         }
-        device::Descriptor to(::openat(_data.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        Descriptor to(::openat(_data.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         return to.isOpen() ? copyTree(std::move(*from), std::move(to), source, Interrupt::requested)
                            : writeError(target, errno);
     }
@@ -166,16 +166,16 @@ class BackupWriter {
         if (!bytes) {
             return error;
         }
-        const device::Descriptor file(
+        const Descriptor file(
             ::openat(_folder, std::string(name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-        const int failed = file.isOpen() ? device::writeAll(file.get(), bytes->bytes()) : errno;
+        const int failed = file.isOpen() ? writeAll(file.get(), bytes->bytes()) : errno;
         return failed == 0 ? nullptr : writeError(_path + "/" + std::string(name), failed);
     }
 
     device::Device& _device;
     const int _folder;       // what is made, open
     const std::string _path; // where it will stand, for messages
-    device::Descriptor _data;
+    Descriptor _data;
     std::size_t _count = 0;
     std::vector<FailedApp> _failed;
 };

@@ -74,7 +74,7 @@ class RunningSync {
   private:
     std::string _problem;
     std::string _buffer;
-    device::Descriptor _connection;
+    Descriptor _connection;
 };
 
 ExitCode act(const ControlArguments& arguments, const char* command) {

@@ -148,7 +148,7 @@ class Restore {
 
     ErrorPtr _putData(const std::string& identifier) {
         const std::string source = _folder.dataPath(identifier);
-        device::Descriptor from;
+        Descriptor from;
         if (const int failed = _folder.openData(identifier, from)) {
             const std::string reason =
                 failed == ELOOP ? "a symbolic link leads to it, and a backup has none" : std::strerror(failed);

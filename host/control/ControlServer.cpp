@@ -71,7 +71,7 @@ void ControlServer::_serve() {
 }
 
 void ControlServer::_accept() {
-    device::Descriptor connection(::accept4(_listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    Descriptor connection(::accept4(_listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!connection.isOpen()) {
         // Without descriptors it stays ready to be accepted: not to be asked again at once.
         _isFull = errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;

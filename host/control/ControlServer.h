@@ -5,7 +5,7 @@
 // delays nobody.
 #pragma once
 
-#include "device/root/Descriptor.h"
+#include "files/Descriptor.h"
 #include "host/control/ControlSocket.h"
 
 #include <chrono>
@@ -49,7 +49,7 @@ class ControlServer {
 
   private:
     struct Client {
-        device::Descriptor connection;
+        Descriptor connection;
         std::string received = {}; // that is not answered yet
         std::string unsent = {};
         std::string lastStatus = {}; // that a follower was told
@@ -73,8 +73,8 @@ class ControlServer {
     [[nodiscard]] bool _somebodyFollows() const;
 
     const int _listening;
-    const device::Descriptor _stop; // becomes readable when the server is to end
-    int _interrupt;                 // -1 once it has been heard
+    const Descriptor _stop; // becomes readable when the server is to end
+    int _interrupt;         // -1 once it has been heard
     const ControlHandlers _handlers;
     const std::chrono::milliseconds _farewell;
     std::list<Client> _clients; // the one that has asked last is the last

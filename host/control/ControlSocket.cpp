@@ -1,7 +1,7 @@
 #include "host/control/ControlSocket.h"
 
 #include "device/root/DeviceFileSystem.h"
-#include "device/root/Syscalls.h"
+#include "files/Syscalls.h"
 #include "host/plugin/PlugIn.h"
 
 #include <nlohmann/json.hpp>
@@ -19,7 +19,6 @@ namespace appsync::host {
 
 namespace {
 
-using device::Descriptor;
 using Json = nlohmann::json;
 
 constexpr std::string_view runFolder = "/var/run";
@@ -42,10 +41,10 @@ Descriptor openSocket(const std::string& deviceFolder) {
     const Descriptor root(::open(deviceFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     Descriptor socket;
     struct stat status {};
-    const bool isSocket = root.isOpen() &&
-                          device::openInRoot(root.get(), std::string(controlFolder) + "/" + socketName,
-                                             O_PATH | O_NOFOLLOW, 0, socket) == 0 &&
-                          ::fstat(socket.get(), &status) == 0 && S_ISSOCK(status.st_mode);
+    const bool isSocket =
+        root.isOpen() &&
+        openInRoot(root.get(), std::string(controlFolder) + "/" + socketName, O_PATH | O_NOFOLLOW, 0, socket) == 0 &&
+        ::fstat(socket.get(), &status) == 0 && S_ISSOCK(status.st_mode);
     return isSocket ? std::move(socket) : Descriptor();
 }
 
@@ -63,11 +62,11 @@ ErrorPtr makeControlFolder(device::DeviceFileSystem& files, Descriptor& folder) 
     ErrorPtr error;
     if (!files.createDirectory(runFolder, true, std::nullopt, &error) ||
         !files.createDirectory(controlFolder, true, std::nullopt, &error)) {
-        return socketError(device::errorText(error));
+        return socketError(errorText(error));
     }
     auto opened = files.open(controlFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (!opened) {
-        return socketError(device::errorText(opened.error()));
+        return socketError(errorText(opened.error()));
     }
     folder = std::move(*opened);
     return ::fchmod(folder.get(), 0700) == 0 ? nullptr : socketError(std::strerror(errno));

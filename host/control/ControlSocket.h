@@ -6,8 +6,8 @@
 // "follow" a further status comes whenever something has changed, until the sync ends and the server hangs up.
 #pragma once
 
-#include "device/root/Descriptor.h"
-#include "platform/Error.h"
+#include "files/Descriptor.h"
+#include "values/Error.h"
 
 #include <chrono>
 #include <cstddef>
@@ -50,14 +50,14 @@ class ListeningSocket {
     [[nodiscard]] int descriptor() const noexcept { return _socket.get(); }
 
   private:
-    device::Descriptor _folder;
-    device::Descriptor _socket;
+    Descriptor _folder;
+    Descriptor _socket;
 };
 
 /// Connects to the sync that runs on a device. Closed when none runs, or when there is one that cannot be reached, as
 /// `problem` says then. Neither connecting nor an answer takes longer than `patience`.
-[[nodiscard]] device::Descriptor connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience,
-                                                  std::string& problem);
+[[nodiscard]] Descriptor connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience,
+                                          std::string& problem);
 /// From now on an answer may take any time.
 void waitForAnswersWithoutEnd(int connection);
 

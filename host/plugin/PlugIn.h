@@ -1,7 +1,7 @@
 // A plug-in bundle: a folder with an "Info.plist" that names the shared object beside it.
 #pragma once
 
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <memory>
 #include <optional>

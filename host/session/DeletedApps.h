@@ -1,8 +1,8 @@
 // The apps that a person deletes on the device between two syncs.
 #pragma once
 
-#include "platform/Error.h"
-#include "platform/PropertyList.h"
+#include "values/Error.h"
+#include "values/PropertyList.h"
 
 #include <string>
 #include <vector>

@@ -54,8 +54,7 @@ void clearPlaceholders(device::Device& device) {
             const auto removed = device.registry().uninstall(app.identifier, device::RemovalReason::sync,
                                                              device::RemovalScope::placeholderOnly);
             if (!removed) { // the report of the sync will point at the log
-                device.log().write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
-                                   device::errorText(removed.error()));
+                device.log().write(QRLogCategoryFramework, LogLevel::error, "%{public}@", errorText(removed.error()));
             }
         }
     }

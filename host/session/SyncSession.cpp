@@ -128,7 +128,7 @@ ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQu
     const std::uint64_t parts = value != nullptr ? value->unsignedInteger().value_or(0) : 0;
     const auto waiting = _parties.device.backup().restoreDataFolder(asset->identifier);
     if (!waiting) {
-        return transferError(TransferError::deviceFailed, device::errorText(waiting.error()));
+        return transferError(TransferError::deviceFailed, errorText(waiting.error()));
     }
     const bool hasData = waiting->has_value();
     const bool needsPackage = (parts & kQRAssetPartApplicationPackage) != 0;
@@ -137,8 +137,8 @@ ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQu
             return error;
         }
         // The plug-in notes durably where the package is that waits for its data.
-        if (const auto durable = hasData ? _parties.device.files().sync() : device::Result<void>(); !durable) {
-            return transferError(TransferError::deviceFailed, device::errorText(durable.error()));
+        if (const auto durable = hasData ? _parties.device.files().sync() : Result<void>(); !durable) {
+            return transferError(TransferError::deviceFailed, errorText(durable.error()));
         }
         _arrived(asset, kQRAssetPartApplicationPackage);
     }
@@ -150,7 +150,7 @@ ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQu
     }
     if (hasData) {
         if (const auto restored = _parties.device.backup().restoreApplicationData(asset->identifier); !restored) {
-            return transferError(TransferError::deviceFailed, device::errorText(restored.error()));
+            return transferError(TransferError::deviceFailed, errorText(restored.error()));
         }
     }
     _arrived(asset, kQRAssetPartApplicationData);

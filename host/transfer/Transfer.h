@@ -1,7 +1,7 @@
 // Fetches one archive from the desktop into the device's public staging area.
 #pragma once
 
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <functional>
 #include <string>

@@ -1,7 +1,7 @@
 // What a sync did to each app, and how it is shown.
 #pragma once
 
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <iosfwd>
 #include <optional>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/view/SyncStatus.h"
-#include "platform/Error.h"
+#include "values/Error.h"
 
 #include <chrono>
 #include <cstddef>

@@ -3,9 +3,9 @@
 #pragma once
 
 #include "platform/DevicePolicy.h"
-#include "platform/FileURL.h"
 #include "platform/Platform.h"
-#include "platform/PropertyList.h"
+#include "values/FileURL.h"
+#include "values/PropertyList.h"
 
 #include <chrono>
 #include <cstdint>

@@ -32,9 +32,9 @@ constexpr unsigned char iconBytes[] = {
     0xf9, 0x1a, 0xb6, 0xf1, 0xa9, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45, 0x4e, 0x44, 0xae, 0x42, 0x60, 0x82};
 
 /// Throws when the device cannot do what a rule presupposes.
-template <class T> T must(device::Result<T> result) {
+template <class T> T must(Result<T> result) {
     if (!result) {
-        throw std::runtime_error(device::errorText(result.error()));
+        throw std::runtime_error(errorText(result.error()));
     }
     if constexpr (!std::is_void_v<T>) {
         return std::move(*result);

@@ -1,8 +1,8 @@
 // What the rules share.
 #pragma once
 
-#include "platform/Error.h"
 #include "tests/contract/Contract.h"
+#include "values/Error.h"
 
 #include <chrono>
 #include <condition_variable>

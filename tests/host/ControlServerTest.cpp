@@ -14,7 +14,6 @@
 namespace appsync::host {
 namespace {
 
-using device::Descriptor;
 using Json = nlohmann::json;
 using std::chrono_literals::operator""min;
 
@@ -24,7 +23,7 @@ class Server : public testing::Test {
         root = std::move(*device::Root::create(folder / "device"));
         ErrorPtr error;
         listening.emplace(root->files(), &error);
-        ASSERT_EQ(error, nullptr) << device::errorText(error);
+        ASSERT_EQ(error, nullptr) << errorText(error);
     }
     void start(std::chrono::milliseconds farewell = 0min) {
         server.emplace(listening->descriptor(), -1,

@@ -32,7 +32,7 @@ class Control : public SyncOnBothPaths {
         EXPECT_TRUE(hasRead(connection.get(), buffer, answer));
         return Json::parse(answer, nullptr, false);
     }
-    device::Descriptor connected() const {
+    Descriptor connected() const {
         std::string problem;
         return connectToControl(deviceFolder(), std::chrono::minutes(1), problem);
     }
@@ -85,7 +85,7 @@ class Control : public SyncOnBothPaths {
         fs::create_directories(data);
         ASSERT_EQ(::mkfifo((data + "/pipe").c_str(), 0600), 0);
         const auto launched = (*device)->launch("com.example." + name, busy);
-        ASSERT_TRUE(launched) << device::errorText(launched.error());
+        ASSERT_TRUE(launched) << errorText(launched.error());
         process = *launched;
         std::string line;
         std::ifstream pipe(data + "/pipe");
@@ -269,7 +269,7 @@ class BusyUpdate : public Control {
     /// Follows the sync and calls `act` with the status in which the app waits.
     std::thread whenItWaits(std::function<void(const Json& app)> act) {
         return std::thread([this, act = std::move(act)] {
-            device::Descriptor connection;
+            Descriptor connection;
             while (!connection.isOpen()) {
                 connection = connected();
                 std::this_thread::yield();

@@ -18,7 +18,7 @@ class Leftovers : public Sync {
     }
     std::unique_ptr<device::Device> open() {
         auto opened = device::Device::open(deviceFolder(), {.faultPoint = faults, .registry = {}, .log = {}});
-        EXPECT_TRUE(opened) << device::errorText(opened.error());
+        EXPECT_TRUE(opened) << errorText(opened.error());
         return std::move(*opened);
     }
     /// As the plug-in makes it for an app that it requests.

@@ -86,7 +86,7 @@ class Restores : public Sync {
     Results states() {
         Results all;
         const auto opened = device::Device::open(device());
-        EXPECT_TRUE(opened) << device::errorText(opened.error());
+        EXPECT_TRUE(opened) << errorText(opened.error());
         for (const auto& app : (*opened)->registry().applications()) {
             std::string state = app.version.value_or("");
             if (app.isPlaceholder) {

@@ -87,7 +87,7 @@ class Sync : public testing::Test {
     std::map<std::string, std::string> apps() {
         std::map<std::string, std::string> all;
         const auto device = device::Device::open(deviceFolder());
-        EXPECT_TRUE(device) << device::errorText(device.error());
+        EXPECT_TRUE(device) << errorText(device.error());
         for (const auto& app : (*device)->registry().applications()) {
             all[app.identifier] = app.isPlaceholder ? "placeholder" : app.version.value_or("");
         }

@@ -1,9 +1,9 @@
 // The fixture of the plug-in's tests: a client on a device in memory.
 #pragma once
 
-#include "client/AppsClient.h"
-#include "client/Paths.h"
 #include "platform/Asset.h"
+#include "plugin/client/AppsClient.h"
+#include "plugin/client/Paths.h"
 #include "tests/inmemory/World.h"
 
 #include <gtest/gtest.h>

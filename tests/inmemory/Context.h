@@ -1,8 +1,8 @@
 // What all in-memory services share: the journal that they write, and the faults that a test asks for.
 #pragma once
 
-#include "platform/Error.h"
 #include "tests/inmemory/Journal.h"
+#include "values/Error.h"
 
 #include <functional>
 #include <limits>

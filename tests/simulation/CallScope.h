@@ -1,7 +1,7 @@
 // The frame around each call into the plug-in.
 #pragma once
 
-#include "client/Paths.h"
+#include "plugin/client/Paths.h"
 #include "tests/simulation/Invariants.h"
 
 namespace appsync::simulation {

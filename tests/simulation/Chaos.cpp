@@ -1,7 +1,7 @@
 #include "tests/simulation/Chaos.h"
 
-#include "client/Paths.h"
 #include "platform/InstallationService.h"
+#include "plugin/client/Paths.h"
 #include "tests/simulation/Invariants.h"
 #include "tests/simulation/Program.h"
 

@@ -1,5 +1,5 @@
 // The calls that open and close syncs and restores.
-#include "client/Paths.h"
+#include "plugin/client/Paths.h"
 #include "tests/simulation/CallScope.h"
 #include "tests/simulation/Calls.h"
 #include "tests/simulation/OtherThread.h"

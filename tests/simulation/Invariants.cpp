@@ -1,6 +1,6 @@
 #include "tests/simulation/Invariants.h"
 
-#include "client/Paths.h"
+#include "plugin/client/Paths.h"
 #include "tests/simulation/InstallStage.h"
 
 #include <array>

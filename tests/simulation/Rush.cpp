@@ -1,6 +1,6 @@
 #include "tests/simulation/Rush.h"
 
-#include "client/Paths.h"
+#include "plugin/client/Paths.h"
 
 #include <array>
 #include <mutex>

@@ -1,7 +1,7 @@
 // What a life knows: the device and host in memory, and what the plug-in must have in its memory and files.
 #pragma once
 
-#include "client/AppsClient.h"
+#include "plugin/client/AppsClient.h"
 #include "tests/inmemory/World.h"
 #include "tests/simulation/Chance.h"
 #include "tests/simulation/Tally.h"

@@ -1,6 +1,6 @@
 #include "tests/simulation/Surroundings.h"
 
-#include "client/Paths.h"
+#include "plugin/client/Paths.h"
 
 namespace appsync::simulation {
 

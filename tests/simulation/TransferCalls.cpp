@@ -1,5 +1,5 @@
 // The calls about one asset, and those of the services and of a person while assets are under way.
-#include "client/Paths.h"
+#include "plugin/client/Paths.h"
 #include "tests/simulation/CallScope.h"
 #include "tests/simulation/Calls.h"
 

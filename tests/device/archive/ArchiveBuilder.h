@@ -1,7 +1,7 @@
 // Writes archives for tests: ordinary ones through the archive library, odd ones byte by byte.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 #include <cstdint>
 #include <string>

@@ -4,7 +4,7 @@
 #include "archive/InstallerError.h"
 #include "desktop/AppArchive.h"
 #include "device/archive/Extraction.h"
-#include "device/root/Descriptor.h"
+#include "files/Descriptor.h"
 #include "propertylist/Codec.h"
 
 #include "../root/Faults.h"

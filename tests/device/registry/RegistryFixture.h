@@ -2,10 +2,10 @@
 #pragma once
 
 #include "archive/InstallerError.h"
+#include "device/database/Database.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "device/registry/Registry.h"
 #include "device/registry/UninstalledList.h"
-#include "device/root/Database.h"
 #include "device/root/Root.h"
 #include "propertylist/Codec.h"
 

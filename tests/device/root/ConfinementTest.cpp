@@ -1,5 +1,5 @@
 // No path leads out of the device, whatever stands in it.
-#include "device/root/Database.h"
+#include "device/database/Database.h"
 #include "device/root/Root.h"
 
 #include "TemporaryFolder.h"

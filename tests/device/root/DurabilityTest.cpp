@@ -10,7 +10,7 @@
 namespace appsync::device {
 namespace {
 
-constexpr std::string_view path = "/tmp/list";
+constexpr std::string_view listPath = "/tmp/list";
 
 TEST(Durability, AtomicWriteSyncsDataThenRenamesThenSyncsTheFolder) {
     const TemporaryFolder folder;
@@ -18,7 +18,7 @@ TEST(Durability, AtomicWriteSyncsDataThenRenamesThenSyncsTheFolder) {
     const auto root = Root::create(folder.path(), {faults});
     ASSERT_TRUE(root);
     faults->forget();
-    ASSERT_TRUE((*root)->files().writeFileAtomically(path, "new", nullptr));
+    ASSERT_TRUE((*root)->files().writeFileAtomically(listPath, "new", nullptr));
     EXPECT_EQ(faults->operations(), (std::vector<std::string>{"create", "write", "sync", "rename", "sync folder"}));
 }
 
@@ -30,14 +30,14 @@ TEST(Durability, FailureOfAnyStepLeavesTheOldContentOrTheNewAndNoLitter) {
     DeviceFileSystem& files = (*root)->files();
     for (int step = 0; step < 5; ++step) {
         faults->failAt = -1;
-        ASSERT_TRUE(files.writeFileAtomically(path, "old", nullptr));
+        ASSERT_TRUE(files.writeFileAtomically(listPath, "old", nullptr));
         faults->forget();
         faults->failAt = step;
         faults->failure = EIO;
         ErrorPtr error;
-        EXPECT_FALSE(files.writeFileAtomically(path, "new", &error)) << step;
+        EXPECT_FALSE(files.writeFileAtomically(listPath, "new", &error)) << step;
         EXPECT_EQ(error->code(), EIO);
-        EXPECT_EQ(files.readFile(path, nullptr), Data(step < 4 ? "old" : "new")) << step;
+        EXPECT_EQ(files.readFile(listPath, nullptr), Data(step < 4 ? "old" : "new")) << step;
         EXPECT_EQ(*files.list("/tmp"), std::vector<std::string>{"list"}) << step;
     }
 }
@@ -47,7 +47,7 @@ TEST(Durability, ProcessThatEndsAnywhereLeavesTheOldContentOrTheNewAndNoLitterAf
     for (int step = 0; step <= 5; ++step) {
         {
             const auto root = Root::create(folder.path());
-            ASSERT_TRUE(root && (*root)->files().writeFileAtomically(path, "old", nullptr));
+            ASSERT_TRUE(root && (*root)->files().writeFileAtomically(listPath, "old", nullptr));
         }
         const pid_t child = ::fork();
         if (child == 0) {
@@ -55,14 +55,14 @@ TEST(Durability, ProcessThatEndsAnywhereLeavesTheOldContentOrTheNewAndNoLitterAf
             // Only the write itself is to be cut short, so the fault point comes in after opening.
             DeviceFileSystem files(std::move(*(*root)->files().open("/", O_RDONLY | O_DIRECTORY)),
                                    std::make_shared<EndingFaults>(step));
-            ::_exit(files.writeFileAtomically(path, "new", nullptr) ? 0 : 1);
+            ::_exit(files.writeFileAtomically(listPath, "new", nullptr) ? 0 : 1);
         }
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         EXPECT_EQ(EndingFaults::hasEnded(status), step < 5) << step;
         const auto root = Root::open(folder.path());
         ASSERT_TRUE(root);
-        EXPECT_EQ((*root)->files().readFile(path, nullptr), Data(step < 4 ? "old" : "new")) << step;
+        EXPECT_EQ((*root)->files().readFile(listPath, nullptr), Data(step < 4 ? "old" : "new")) << step;
         EXPECT_EQ(*(*root)->files().list("/tmp"), std::vector<std::string>{"list"}) << step;
     }
 }

@@ -1,7 +1,7 @@
 #include "device/root/TreeWalk.h"
 
-#include "device/root/Syscalls.h"
 #include "device/root/Tree.h"
+#include "files/Syscalls.h"
 #include "tests/device/root/TemporaryFolder.h"
 
 #include <sys/resource.h>

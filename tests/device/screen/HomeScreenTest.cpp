@@ -1,5 +1,5 @@
+#include "device/drawing/CairoImage.h"
 #include "device/registry/Registry.h"
-#include "device/screen/CairoImage.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/screen/DeviceIconRenderer.h"
 #include "device/screen/RunningApps.h"
@@ -7,9 +7,9 @@
 #include "platform/Log.h"
 #include "propertylist/Codec.h"
 #include "tests/device/archive/ArchiveBuilder.h"
+#include "tests/device/drawing/Pixels.h"
 #include "tests/device/root/Faults.h"
 #include "tests/device/screen/Lists.h"
-#include "tests/device/screen/Pixels.h"
 #include "tests/device/services/OpenRoot.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 #include "device/screen/AppBundles.h"
 #include "device/screen/DeviceIconRenderer.h"
 #include "propertylist/Codec.h"
-#include "tests/device/screen/Pixels.h"
+#include "tests/device/drawing/Pixels.h"
 #include "tests/device/services/OpenRoot.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Property lists for tests.
 #pragma once
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 namespace appsync::device {
 

@@ -1,7 +1,7 @@
-#include "device/screen/Picture.h"
+#include "device/drawing/Picture.h"
+#include "device/drawing/ScreenText.h"
 #include "device/screen/DeviceIconRenderer.h"
-#include "device/screen/ScreenText.h"
-#include "tests/device/screen/Pixels.h"
+#include "tests/device/drawing/Pixels.h"
 
 #include <gtest/gtest.h>
 

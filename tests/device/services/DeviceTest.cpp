@@ -2,7 +2,7 @@
 #include "device/Device.h"
 
 #include "device/coordinator/InstallCoordinator.h"
-#include "device/root/Database.h"
+#include "device/database/Database.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
 #include "device/services/DemotedApps.h"

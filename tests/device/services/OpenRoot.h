@@ -1,7 +1,7 @@
 // A device root in a folder of its own, with its database, for one test.
 #pragma once
 
-#include "device/root/Database.h"
+#include "device/database/Database.h"
 #include "device/root/Root.h"
 #include "tests/device/root/TemporaryFolder.h"
 

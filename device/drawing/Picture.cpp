@@ -1,0 +1,286 @@
+#include "device/drawing/Picture.h"
+
+#include "device/drawing/CairoImage.h"
+#include "device/drawing/ScreenText.h"
+#include "device/screen/DeviceIconRenderer.h"
+
+#include <algorithm>
+#include <fontconfig/fontconfig.h>
+#include <numbers>
+
+namespace appsync::device {
+
+namespace {
+
+constexpr int Columns = 4;
+constexpr double Side = IconSide;
+constexpr double Corner = Side * IconCorner;
+constexpr double ColumnGap = (ScreenWidth - Columns * Side) / (Columns + 1);
+constexpr double TopOfGrid = 128;
+constexpr double RowHeight = 186;
+constexpr double LabelDrop = 32; // from an icon's lower edge to its name's base line
+constexpr double LabelWidth = Side + ColumnGap - 10;
+constexpr double LabelSize = 22;
+constexpr double StatusLine = 46; // base line of the status line
+constexpr double FullTurn = 2 * std::numbers::pi;
+
+struct Point {
+    double x;
+    double y;
+};
+
+/// The middle of an icon, seen from the upper left of its screen.
+Point middleOf(std::size_t place) {
+    const auto column = static_cast<double>(place % Columns);
+    const std::size_t line = place / Columns;
+    const auto row = static_cast<double>(line);
+    return {ColumnGap + Side / 2 + column * (Side + ColumnGap), TopOfGrid + Side / 2 + row * RowHeight};
+}
+
+/// A page as it is spread over screens.
+std::vector<ScreenPage> screensOf(const ScreenContents& contents) {
+    std::vector<ScreenPage> screens;
+    for (const ScreenPage& page : contents.pages) {
+        for (std::size_t first = 0; first < page.size() && screens.size() < MostScreens; first += PlacesPerScreen) {
+            const auto begin = page.begin() + static_cast<std::ptrdiff_t>(first);
+            const auto count = std::min(PlacesPerScreen, page.size() - first);
+            screens.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(count));
+        }
+    }
+    if (screens.empty()) {
+        screens.emplace_back();
+    }
+    return screens;
+}
+
+class Pen {
+  public:
+    explicit Pen(cairo_t* context) : _context(context) {}
+
+    void drawScreen(const ScreenPage& screen, std::size_t number, std::size_t count, bool isSyncing) {
+        drawWallpaper();
+        drawStatusLine(isSyncing);
+        for (std::size_t i = 0; i < screen.size(); ++i) {
+            const Point middle = middleOf(i);
+            if (const auto* icon = std::get_if<ScreenIcon>(&screen[i])) {
+                drawIcon(*icon, middle, 1);
+                drawLabel(icon->name, middle, icon->isPlaceholder ? 0.75 : 1);
+            } else {
+                const auto& folder = std::get<ScreenFolder>(screen[i]);
+                drawFolder(folder, middle);
+                drawLabel(folder.name, middle, 1);
+            }
+        }
+        drawPageDots(number, count);
+    }
+
+  private:
+    void white(double opacity) { cairo_set_source_rgba(_context, 1, 1, 1, opacity); }
+    void black(double opacity) { cairo_set_source_rgba(_context, 0, 0, 0, opacity); }
+
+    void font(double size, bool isBold) {
+        cairo_select_font_face(_context, "sans-serif", CAIRO_FONT_SLANT_NORMAL,
+                               isBold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
+        cairo_set_font_size(_context, size);
+    }
+
+    void glow(Point middle, double radius, double red, double green, double blue, double opacity) {
+        const CairoPattern light(cairo_pattern_create_radial(middle.x, middle.y, 0, middle.x, middle.y, radius));
+        cairo_pattern_add_color_stop_rgba(light.get(), 0, red, green, blue, opacity);
+        cairo_pattern_add_color_stop_rgba(light.get(), 1, red, green, blue, 0);
+        cairo_set_source(_context, light.get());
+        cairo_paint(_context);
+    }
+
+    void drawWallpaper() {
+        const CairoPattern sky(cairo_pattern_create_linear(0, 0, ScreenWidth * 0.4, ScreenHeight));
+        cairo_pattern_add_color_stop_rgb(sky.get(), 0.0, 0.10, 0.13, 0.33);
+        cairo_pattern_add_color_stop_rgb(sky.get(), 0.5, 0.24, 0.27, 0.56);
+        cairo_pattern_add_color_stop_rgb(sky.get(), 0.8, 0.53, 0.40, 0.62);
+        cairo_pattern_add_color_stop_rgb(sky.get(), 1.0, 0.87, 0.58, 0.56);
+        cairo_set_source(_context, sky.get());
+        cairo_paint(_context);
+        glow({ScreenWidth * 0.85, ScreenHeight * 0.12}, 620, 0.35, 0.62, 0.95, 0.45);
+        glow({ScreenWidth * 0.1, ScreenHeight * 0.62}, 560, 0.20, 0.75, 0.75, 0.30);
+        glow({ScreenWidth * 0.75, ScreenHeight * 1.0}, 640, 1.00, 0.80, 0.55, 0.35);
+    }
+
+    void drawStatusLine(bool isSyncing) {
+        for (int bar = 0; bar < 4; ++bar) {
+            const double height = 8 + bar * 5;
+            roundedRectangle(_context, 36 + bar * 10, StatusLine - height, 7, height, 2);
+        }
+        white(0.95);
+        cairo_fill(_context);
+        drawBattery(ScreenWidth - 88, StatusLine - 21);
+        if (!isSyncing) {
+            return;
+        }
+        font(26, true);
+        white(1);
+        showCentred(_context, "Syncing\xE2\x80\xA6", ScreenWidth / 2.0 + 18, StatusLine - 1);
+        drawSyncArrows({ScreenWidth / 2.0 - 72, StatusLine - 11});
+    }
+
+    void drawBattery(double x, double y) {
+        cairo_set_line_width(_context, 2);
+        roundedRectangle(_context, x, y, 44, 21, 6);
+        white(0.6);
+        cairo_stroke(_context);
+        roundedRectangle(_context, x + 46, y + 7, 3, 7, 1.5);
+        cairo_fill(_context);
+        white(0.95);
+        roundedRectangle(_context, x + 3, y + 3, 31, 15, 3);
+        cairo_fill(_context);
+    }
+
+    /// Two arrows that chase each other around a circle.
+    void drawSyncArrows(Point middle) {
+        constexpr double radius = 10;
+        cairo_set_line_width(_context, 3);
+        for (const double start : {0.0, FullTurn / 2}) {
+            const double end = start + FullTurn * 0.36;
+            cairo_new_sub_path(_context);
+            cairo_arc(_context, middle.x, middle.y, radius, start, end);
+            cairo_stroke(_context);
+            cairo_save(_context);
+            cairo_translate(_context, middle.x, middle.y);
+            cairo_rotate(_context, end);
+            cairo_move_to(_context, radius - 5, -1);
+            cairo_line_to(_context, radius + 5, -1);
+            cairo_line_to(_context, radius, 6);
+            cairo_close_path(_context);
+            cairo_fill(_context);
+            cairo_restore(_context);
+        }
+    }
+
+    void drawLabel(const std::string& name, Point middle, double opacity) {
+        font(LabelSize, false);
+        const std::string label = shortened(_context, name, LabelWidth);
+        const double base = middle.y + Side / 2 + LabelDrop;
+        black(0.35 * opacity);
+        showCentred(_context, label, middle.x, base + 1.5);
+        white(opacity);
+        showCentred(_context, label, middle.x, base);
+    }
+
+    /// An icon around a point, `scale` times its size.
+    void drawIcon(const ScreenIcon& icon, Point middle, double scale) {
+        cairo_save(_context);
+        cairo_translate(_context, middle.x, middle.y);
+        cairo_scale(_context, scale, scale);
+        cairo_translate(_context, -Side / 2, -Side / 2);
+        drawShadow();
+        if (const auto* picture = dynamic_cast<const CairoImage*>(icon.icon.get())) {
+            cairo_set_source_surface(_context, picture->surface(), 0, 0);
+            cairo_paint(_context);
+        } else {
+            drawTile(icon.name);
+        }
+        if (icon.isPlaceholder) {
+            roundedRectangle(_context, 0, 0, Side, Side, Corner);
+            black(0.5);
+            cairo_fill(_context);
+        }
+        if (icon.isPlaceholder || icon.isUpdating) {
+            drawProgress(icon.progress);
+        }
+        cairo_restore(_context);
+    }
+
+    void drawShadow() {
+        for (int spread = 4; spread >= 1; --spread) {
+            roundedRectangle(_context, -spread, 2 - spread, Side + 2 * spread, Side + 2 * spread, Corner + spread);
+            black(0.05);
+            cairo_fill(_context);
+        }
+    }
+
+    void drawTile(const std::string& name) {
+        const CairoPattern grey(cairo_pattern_create_linear(0, 0, 0, Side));
+        cairo_pattern_add_color_stop_rgb(grey.get(), 0, 0.66, 0.69, 0.75);
+        cairo_pattern_add_color_stop_rgb(grey.get(), 1, 0.46, 0.49, 0.56);
+        roundedRectangle(_context, 0, 0, Side, Side, Corner);
+        cairo_set_source(_context, grey.get());
+        cairo_fill(_context);
+        font(64, true);
+        white(0.92);
+        showCentred(_context, firstLetter(name), Side / 2, Side / 2 + 23);
+    }
+
+    void drawProgress(double progress) {
+        constexpr double radius = Side * 0.29;
+        cairo_set_line_width(_context, 8);
+        cairo_set_line_cap(_context, CAIRO_LINE_CAP_ROUND);
+        cairo_new_sub_path(_context);
+        cairo_arc(_context, Side / 2, Side / 2, radius, 0, FullTurn);
+        black(0.3);
+        cairo_stroke_preserve(_context);
+        white(0.3);
+        cairo_stroke(_context);
+        const double part = progress >= 0 ? std::min(progress, 1.0) : 0; // also for what is not a number
+        if (part > 0) {
+            cairo_new_sub_path(_context);
+            cairo_arc(_context, Side / 2, Side / 2, radius, -FullTurn / 4, (part - 0.25) * FullTurn);
+            white(0.95);
+            cairo_stroke(_context);
+        }
+        cairo_set_line_cap(_context, CAIRO_LINE_CAP_BUTT);
+    }
+
+    void drawFolder(const ScreenFolder& folder, Point middle) {
+        roundedRectangle(_context, middle.x - Side / 2, middle.y - Side / 2, Side, Side, Corner);
+        white(0.28);
+        cairo_fill(_context);
+        constexpr double step = 34;
+        for (std::size_t i = 0; i < std::min<std::size_t>(folder.icons.size(), 9); ++i) {
+            const double column = static_cast<double>(i % 3) - 1;
+            const std::size_t line = i / 3;
+            const double row = static_cast<double>(line) - 1;
+            drawIcon(folder.icons[i], {middle.x + column * step, middle.y + row * step}, 28 / Side);
+        }
+    }
+
+    void drawPageDots(std::size_t number, std::size_t count) {
+        constexpr double step = 28;
+        const double first = ScreenWidth / 2.0 - step * static_cast<double>(count - 1) / 2;
+        for (std::size_t i = 0; i < count; ++i) {
+            cairo_arc(_context, first + step * static_cast<double>(i), ScreenHeight - 46, 7, 0, FullTurn);
+            white(i == number ? 0.95 : 0.4);
+            cairo_fill(_context);
+        }
+    }
+
+    cairo_t* _context;
+};
+
+} // namespace
+
+std::optional<Data> drawHomeScreen(const ScreenContents& contents) {
+    const auto screens = screensOf(contents);
+    const int count = static_cast<int>(screens.size());
+    const CairoSurface surface = makeSurface(count * ScreenWidth + (count - 1) * ScreenGap, ScreenHeight);
+    const CairoContext context(cairo_create(surface.get()));
+    cairo_set_source_rgb(context.get(), 0.06, 0.06, 0.09);
+    cairo_paint(context.get());
+    for (std::size_t i = 0; i < screens.size(); ++i) {
+        cairo_save(context.get());
+        cairo_translate(context.get(), static_cast<double>(i) * (ScreenWidth + ScreenGap), 0);
+        cairo_rectangle(context.get(), 0, 0, ScreenWidth, ScreenHeight);
+        cairo_clip(context.get());
+        Pen(context.get()).drawScreen(screens[i], i, screens.size(), contents.isSyncing);
+        cairo_restore(context.get());
+    }
+    if (cairo_status(context.get()) != CAIRO_STATUS_SUCCESS) {
+        return std::nullopt;
+    }
+    return pngFromSurface(surface.get());
+}
+
+void releaseFonts() noexcept {
+    cairo_debug_reset_static_data();
+    FcFini();
+}
+
+} // namespace appsync::device

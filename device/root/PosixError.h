@@ -1,0 +1,13 @@
+// The errors that the system's numbers become.
+#pragma once
+
+#include "values/Error.h"
+
+#include <string_view>
+
+namespace appsync::device {
+
+/// A POSIX-domain error: "<operation> <path>: <the system's text>", and for some numbers what to do about it.
+[[nodiscard]] ErrorPtr makePosixError(int errorNumber, std::string_view operation, std::string_view path);
+
+} // namespace appsync::device

@@ -1,0 +1,51 @@
+// The outcome of an operation that can fail: a value, or the error that says why there is none.
+#pragma once
+
+#include "values/Error.h"
+
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace appsync {
+
+template <class T> class [[nodiscard]] Result {
+  public:
+    Result(T value) : _value(std::move(value)) {}
+    /// The error must not be null.
+    Result(ErrorPtr error) : _error(std::move(error)) {}
+
+    explicit operator bool() const noexcept { return _value.has_value(); }
+    // Only of a success:
+    T& operator*() noexcept { return *_value; }
+    const T& operator*() const noexcept { return *_value; }
+    T* operator->() noexcept { return &*_value; }
+    const T* operator->() const noexcept { return &*_value; }
+    /// Null after a success.
+    [[nodiscard]] const ErrorPtr& error() const noexcept { return _error; }
+
+  private:
+    std::optional<T> _value;
+    ErrorPtr _error;
+};
+
+/// An operation without a value.
+template <> class [[nodiscard]] Result<void> {
+  public:
+    Result() = default;
+    /// Null means success.
+    Result(ErrorPtr error) : _error(std::move(error)) {}
+
+    explicit operator bool() const noexcept { return _error == nullptr; }
+    [[nodiscard]] const ErrorPtr& error() const noexcept { return _error; }
+
+  private:
+    ErrorPtr _error;
+};
+
+/// Whether an error has this domain and this code of the domain's enumeration.
+template <class Code> [[nodiscard]] bool isError(const ErrorPtr& error, std::string_view domain, Code code) noexcept {
+    return error && error->domain() == domain && error->code() == static_cast<std::int64_t>(code);
+}
+
+} // namespace appsync
