@@ -104,14 +104,4 @@ ErrorPtr checkLink(int bundle, std::string_view path, std::string_view target, c
                         "is a symbolic link to \"" + printable(target) + "\", which is not in the app");
 }
 
-bool isUsableIdentifier(std::string_view identifier) noexcept {
-    constexpr std::size_t maximumSize = 200; // with an extension it is still a file name
-    const auto isPlain = [](char byte) {
-        return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9') ||
-               byte == '.' || byte == '-' || byte == '_';
-    };
-    return !identifier.empty() && identifier.size() <= maximumSize && identifier.front() != '.' &&
-           std::ranges::all_of(identifier, isPlain);
-}
-
 } // namespace appsync

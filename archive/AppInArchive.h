@@ -40,9 +40,4 @@ struct AppInArchive {
 /// need be. `bundle` is the app's folder, `path` leads to the link from beside that folder.
 [[nodiscard]] ErrorPtr checkLink(int bundle, std::string_view path, std::string_view target, const Refusal& refuse);
 
-/// Whether a bundle identifier can name an app and its folders; `identifierRule` says when.
-[[nodiscard]] bool isUsableIdentifier(std::string_view identifier) noexcept;
-inline constexpr std::string_view identifierRule =
-    "it must have 1 to 200 letters, digits, \".\", \"-\" or \"_\", and not begin with \".\"";
-
 } // namespace appsync

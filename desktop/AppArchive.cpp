@@ -5,6 +5,7 @@
 #include "archive/EntryPath.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
+#include "values/BundleIdentifier.h"
 
 #include <map>
 #include <string_view>
@@ -162,10 +163,10 @@ Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyL
     }
     AppArchive app;
     app.identifier = *info->string("BXBundleIdentifier");
-    if (!isUsableIdentifier(app.identifier)) {
+    if (!isBundleIdentifier(app.identifier)) {
         return refuse(InstallerError::invalidIdentifier,
                       "its BXBundleIdentifier \"" + printable(app.identifier) +
-                          "\" is no bundle identifier: " + std::string(identifierRule));
+                          "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
     }
     if (const auto version = info->string("BXBundleVersion")) {
         app.version = cut(*version);

@@ -3,6 +3,7 @@
 #include "fuzz/Fuzz.h"
 #include "host/backup/BackupFolder.h"
 #include "propertylist/Codec.h"
+#include "values/BundleIdentifier.h"
 
 #include <filesystem>
 #include <fstream>
@@ -43,7 +44,7 @@ void write(const fs::path& folder, std::string_view apps, std::string_view other
 
 void expectUsable(const BackupContent& content) {
     for (const BackupApp& app : content.apps) {
-        const bool isUsable = appsync::isUsableIdentifier(app.identifier);
+        const bool isUsable = appsync::isBundleIdentifier(app.identifier);
         expect(isUsable || !app.problem.empty(), "an identifier that names a path is refused");
         expect(!app.name.empty() || app.identifier.empty(), "an app has a name");
         expect(!app.problem.empty() || app.entry.dictionary() != nullptr, "what is restored is a dictionary");

@@ -5,6 +5,7 @@
 #include "files/Descriptor.h"
 #include "fuzz/Fuzz.h"
 #include "propertylist/Codec.h"
+#include "values/BundleIdentifier.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -44,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         expectSentence(app.error(), path);
         return 0;
     }
-    expect(appsync::isUsableIdentifier(app->identifier), "an app has an identifier that can name it");
+    expect(appsync::isBundleIdentifier(app->identifier), "an app has an identifier that can name it");
     expect(app->size == size, "the archive's size is known");
     if (const auto description = desktop::readAppDescription(*app, propertyLists)) {
         expectBounded(*description);

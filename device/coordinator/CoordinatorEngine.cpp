@@ -4,6 +4,7 @@
 #include "device/coordinator/CoordinatorHandles.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
+#include "values/BundleIdentifier.h"
 
 #include <algorithm>
 #include <thread>
@@ -11,11 +12,6 @@
 namespace appsync::device {
 
 namespace {
-
-bool isIdentifier(std::string_view text) {
-    return !text.empty() && text.size() <= 255 && text.find('/') == std::string_view::npos &&
-           text.find('\0') == std::string_view::npos;
-}
 
 ErrorPtr endedError(const CoordinatorState& state) {
     return makeCoordinatorError(CoordinatorError::ended,
@@ -94,9 +90,10 @@ CoordinatorStatePtr CoordinatorEngine::find(std::string_view bundleID) {
 
 Result<CoordinatorStatePtr> CoordinatorEngine::findOrCreate(std::string_view bundleID, CoordinatorKind kind,
                                                             KXClientIdentifier client, bool& created) {
-    if (!isIdentifier(bundleID)) {
+    if (!isBundleIdentifier(bundleID)) {
         return makeCoordinatorError(CoordinatorError::invalidArgument,
-                                    "\"" + std::string(bundleID) + "\" cannot be a bundle identifier");
+                                    "\"" + std::string(bundleID) +
+                                        "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
     }
     Lock lock(_mutex);
     auto found = _coordinators.find(bundleID);

@@ -3,6 +3,7 @@
 #include "device/processes/Spawn.h"
 #include "device/root/Root.h"
 #include "files/Syscalls.h"
+#include "values/BundleIdentifier.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -30,12 +31,6 @@ std::string busyName(std::string_view identifier) {
 
 std::string busyPath(std::string_view identifier) {
     return std::string(RunFolder) + "/" + busyName(identifier);
-}
-
-/// Identifiers become names of files.
-bool isFileName(std::string_view identifier) {
-    return !identifier.empty() && identifier.find('/') == std::string_view::npos &&
-           identifier.find('\0') == std::string_view::npos;
 }
 
 /// The lock is the open file's: children that inherit it hold it, too.
@@ -82,7 +77,7 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     if (!_root.files().createDirectory(RunFolder, true, std::nullopt, &error)) {
         return error;
     }
-    const Descriptor record = isFileName(identifier) ? _openRecord(identifier, O_RDWR | O_CREAT) : Descriptor();
+    const Descriptor record = isBundleIdentifier(identifier) ? _openRecord(identifier, O_RDWR | O_CREAT) : Descriptor();
     if (!record.isOpen()) {
         return processError(ProcessError::cannotBeStarted, identifier, "its record cannot be written");
     }
@@ -119,12 +114,12 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
 }
 
 bool ProcessTable::isRunning(std::string_view identifier) {
-    const Descriptor record = isFileName(identifier) ? _openRecord(identifier, O_RDONLY) : Descriptor();
+    const Descriptor record = isBundleIdentifier(identifier) ? _openRecord(identifier, O_RDONLY) : Descriptor();
     return record.isOpen() && isLocked(record.get());
 }
 
 RunningApps::Answer ProcessTable::endAndHold(std::string_view identifier) noexcept {
-    const Descriptor record = isFileName(identifier) ? _openRecord(identifier, O_RDONLY) : Descriptor();
+    const Descriptor record = isBundleIdentifier(identifier) ? _openRecord(identifier, O_RDONLY) : Descriptor();
     if (!record.isOpen()) {
         return Answer::notRunning;
     }

@@ -7,6 +7,7 @@
 #include "device/registry/UninstalledList.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
+#include "values/BundleIdentifier.h"
 
 #include <algorithm>
 
@@ -25,12 +26,12 @@ AppLocks::Held::~Held() {
 }
 
 ErrorPtr checkIdentifier(std::string_view identifier) {
-    if (isUsableIdentifier(identifier)) {
+    if (isBundleIdentifier(identifier)) {
         return nullptr;
     }
     return makeInstallerError(InstallerError::invalidIdentifier,
                               "\"" + printable(identifier) +
-                                  "\" is no bundle identifier: " + std::string(identifierRule));
+                                  "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
 }
 
 ErrorPtr installerFailure(std::string_view what, const ErrorPtr& reason, std::string_view path) {

@@ -6,6 +6,7 @@
 #include "device/root/DeviceFileSystem.h"
 #include "device/root/PosixError.h"
 #include "device/root/Tree.h"
+#include "values/BundleIdentifier.h"
 
 #include <fcntl.h>
 
@@ -36,12 +37,6 @@ std::string replacedPath(const std::string& name) {
 
 ErrorPtr backupError(BackupError code, const std::string& text) {
     return makeError(BackupErrorDomain, static_cast<std::int64_t>(code), text);
-}
-
-/// Whether an identifier can name an app's data container.
-bool isIdentifier(std::string_view text) {
-    return !text.empty() && text.size() <= 255 && text.front() != '.' && text.find('/') == std::string_view::npos &&
-           text.find('\0') == std::string_view::npos;
 }
 
 } // namespace
@@ -150,9 +145,10 @@ void BackupService::_clearFolders() {
 }
 
 Result<void> BackupService::addRestoreData(std::string_view bundleID, const std::string& folder) {
-    if (!isIdentifier(bundleID)) {
+    if (!isBundleIdentifier(bundleID)) {
         return backupError(BackupError::invalidIdentifier,
-                           "\"" + std::string(bundleID) + "\" cannot be a bundle identifier");
+                           "\"" + std::string(bundleID) +
+                               "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
     }
     auto opened = _files.open(folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (!opened) {

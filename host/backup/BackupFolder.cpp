@@ -4,6 +4,7 @@
 #include "files/Syscalls.h"
 #include "host/plugin/PlugIn.h"
 #include "platform/PropertyListSerialization.h"
+#include "values/BundleIdentifier.h"
 
 #include <linux/openat2.h>
 
@@ -77,7 +78,7 @@ std::optional<std::string> textIn(const Dictionary& metadata, std::string_view k
 
 /// Takes what an app's entry says, and finds what is wrong with it.
 void readEntry(const Value& value, PropertyListSerialization& propertyLists, BackupApp& app) {
-    if (!isUsableIdentifier(app.identifier)) {
+    if (!isBundleIdentifier(app.identifier)) {
         app.problem = "It is no bundle identifier.";
         return;
     }

@@ -19,6 +19,7 @@
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
 #include "platform/PropertyListSerialization.h"
+#include "values/BundleIdentifier.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -82,7 +83,7 @@ class BackupWriter {
     }
 
     ErrorPtr _writeApp(const device::Application& app, Dictionary& info) {
-        if (!isUsableIdentifier(app.identifier)) {
+        if (!isBundleIdentifier(app.identifier)) {
             return hostError("It is no bundle identifier.");
         }
         ErrorPtr error;

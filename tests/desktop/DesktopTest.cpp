@@ -7,6 +7,7 @@
 #include "desktop/SyncList.h"
 #include "propertylist/Codec.h"
 #include "tests/inmemory/ClientTest.h"
+#include "values/BundleIdentifier.h"
 
 #include <sys/stat.h>
 
@@ -149,11 +150,11 @@ TEST_F(Desktop, RefusesALibraryThatIsNoFolder) {
 }
 
 TEST_F(Desktop, TakesNoArchiveWhoseIdentifierCouldLeadElsewhere) {
-    EXPECT_TRUE(isUsableIdentifier("com.example-x.a_1"));
+    EXPECT_TRUE(isBundleIdentifier("com.example-x.a_1"));
     for (const char* bad : {"", "../a", "a/../b", "/a", "a/b", ".a", "a b", "a\n", "\xC3\xA9"}) {
-        EXPECT_FALSE(isUsableIdentifier(bad)) << bad;
+        EXPECT_FALSE(isBundleIdentifier(bad)) << bad;
     }
-    EXPECT_FALSE(isUsableIdentifier(std::string(300, 'a')));
+    EXPECT_FALSE(isBundleIdentifier(std::string(300, 'a')));
     EXPECT_FALSE(packApp(putApp("Bad", infoOf("a/../b")).string(), (library() / "bad").string(), codec, &error));
 }
 

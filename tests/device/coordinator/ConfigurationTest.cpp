@@ -24,6 +24,15 @@ TEST_F(CoordinatorTest, AnAppHasOneCoordinatorOfOneKind) {
     EXPECT_EQ(rowsIn("coordinator"), 1);
 }
 
+TEST_F(CoordinatorTest, IsMadeForABundleIdentifierOnly) {
+    for (const std::string& odd : {std::string(), std::string(".."), std::string("a/b"), std::string("a b"),
+                                   std::string(201, 'a'), std::string("a\0b", 3)}) {
+        ErrorPtr error;
+        EXPECT_FALSE(lookUp(classes().initiatingCoordinators, odd, true, KXClientSyncHost, &error));
+        EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::invalidArgument)) << odd;
+    }
+}
+
 TEST_F(CoordinatorTest, TheBaseClassFindsButDoesNotCreate) {
     ErrorPtr error;
     EXPECT_FALSE(lookUp(classes().coordinators, A, true, KXClientSyncHost, &error));

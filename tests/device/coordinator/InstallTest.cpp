@@ -1,6 +1,7 @@
 // How coordinators install: placeholder, app, reports, and what is left afterwards.
 #include "archive/InstallerError.h"
 #include "tests/device/coordinator/CoordinatorTest.h"
+#include "tests/device/root/Faults.h"
 
 namespace appsync::device {
 namespace {
@@ -194,11 +195,14 @@ TEST_F(CoordinatorTest, AFileThatIsNotThereIsAFailure) {
 }
 
 TEST_F(CoordinatorTest, APlaceholderThatCannotBeInstalledIsAFailure) {
-    const std::string odd = "com.example.not allowed";
-    const auto app = prepare(odd);
+    const auto faults = std::make_shared<RecordingFaults>();
+    faults->failBelow = {"/var/containers"};
+    faults->failure = ENOSPC;
+    reopen(faults);
+    const auto app = prepare(A);
     coordinator->waitUntilIdle();
-    EXPECT_TRUE(isError(app.coordinator->error(), TVInstallerErrorDomain, InstallerError::invalidIdentifier));
-    expectNothingLeftOf(odd);
+    EXPECT_TRUE(isError(app.coordinator->error(), TVInstallerErrorDomain, InstallerError::notEnoughSpace));
+    expectNothingLeftOf(A);
 }
 
 TEST_F(CoordinatorTest, OnlyFilesInReceivingFoldersAreRemoved) {
