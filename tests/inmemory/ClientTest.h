@@ -30,6 +30,11 @@ using Lines = std::vector<std::string>;
 
 class ClientTest : public testing::Test {
   protected:
+    /// No message of the test had another format than the table has (Formats.h).
+    ~ClientTest() override {
+        stop();
+        EXPECT_EQ(world.log.unknownFormats(), Lines{});
+    }
     /// Makes the client, after a test has prepared the world, and empties the journal.
     AppsClient& start(bool useInstallCoordinator = true) {
         world.coordinators.any.enabled = useInstallCoordinator;

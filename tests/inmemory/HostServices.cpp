@@ -1,5 +1,7 @@
 #include "tests/inmemory/HostServices.h"
 
+#include "tests/inmemory/Formats.h"
+
 #include <algorithm>
 #include <condition_variable>
 #include <thread>
@@ -9,6 +11,7 @@ namespace appsync::inmemory {
 
 namespace {
 
+constexpr std::string_view formatPrefix = "%s|";
 constexpr std::string_view plugInPrefix = "com.zuvex.tzl.Quorrel.AppSync|";
 
 std::string number(TransactionStep step) {
@@ -29,10 +32,6 @@ void Log::write(QRLogCategory category, LogLevel level, std::string_view format,
     if (!_context.journal.isRecording()) {
         return;
     }
-    {
-        const std::lock_guard lock(_mutex);
-        _formats.emplace_back(format);
-    }
     std::string source;
     switch (category) {
     case QRLogCategory::SyncBundle: source = level == LogLevel::error ? "error: " : "log: "; break;
@@ -41,17 +40,22 @@ void Log::write(QRLogCategory category, LogLevel level, std::string_view format,
         break;
     case QRLogCategory::Framework: source = level == LogLevel::error ? "framework error: " : "framework: "; break;
     }
-    if (format.starts_with("%s|") && text.starts_with(plugInPrefix)) {
+    if (format.starts_with(formatPrefix) && text.starts_with(plugInPrefix)) {
+        format.remove_prefix(formatPrefix.size());
         text.remove_prefix(plugInPrefix.size());
     } else if (category != QRLogCategory::Framework) {
         source = "WITHOUT IDENTIFIER " + source;
     }
+    if (format.find('%') != std::string_view::npos && !formatsWithConversions().contains(format)) {
+        const std::lock_guard lock(_mutex);
+        _unknownFormats.emplace_back(format);
+    }
     _context.journal.add(source + std::string(text));
 }
 
-std::vector<std::string> Log::formats() const {
+std::vector<std::string> Log::unknownFormats() const {
     const std::lock_guard lock(_mutex);
-    return _formats;
+    return _unknownFormats;
 }
 
 void TransactionLog::initializeWithLog(const SystemLogPtr& log) noexcept {

@@ -20,7 +20,8 @@
 namespace appsync::inmemory {
 
 /// Writes "log: text" and "error: text" for the plug-in's category, "oversize: text" for large payloads and
-/// "framework error: text" for type checks. The plug-in's identifier is checked and taken off.
+/// "framework error: text" for type checks. The plug-in's identifier is checked and taken off. A format that is not in
+/// the table (Formats.h) is kept, for the fixture to fail on.
 class Log final : public HostLog {
   public:
     explicit Log(Context& context) : _context(context) {}
@@ -29,13 +30,13 @@ class Log final : public HostLog {
                std::string_view text) noexcept override;
 
     bool enabled = true;
-    /// The formats of the messages so far.
-    [[nodiscard]] std::vector<std::string> formats() const;
+    /// Of the messages so far, those formats that no message of the plug-in has.
+    [[nodiscard]] std::vector<std::string> unknownFormats() const;
 
   private:
     Context& _context;
     mutable std::mutex _mutex;
-    std::vector<std::string> _formats;
+    std::vector<std::string> _unknownFormats;
 };
 
 class TransactionLog final : public AITransactionLog {

@@ -2,9 +2,13 @@
 
 A place is a span of a file and what to write there instead. Kinds:
   text       a string or character literal, changed by one character
+  conversion another conversion in a message's format, which prints the same
   level      a message of another level
   constant   a number, a truth value, an enumerator, a named constant
   condition  a negated condition, another comparison, "and" for "or"
+  branch     a condition that always or never holds
+  operand    one side of an "and" or "or" alone
+  member     another operation or field of the same object and type
   swap       two neighbouring statements, exchanged
   removal    a statement left out
   argument   an argument exchanged with its neighbour, or replaced
@@ -18,6 +22,9 @@ from clang.cindex import CursorKind as Kind, Index, TypeKind
 
 OTHER_OPERATOR = {'&&': '||', '||': '&&', '==': '!=', '!=': '==', '<': '<=', '<=': '<', '>': '>=', '>=': '>',
                   '+': '-', '-': '+', '|': '&', '&': '|'}
+OTHER_CONVERSIONS = {'%{public}@': ['%s'], '%s': ['%{public}@'], '%lu': ['%llu'], '%llu': ['%lu'], '%ld': ['%lld'],
+                     '%lld': ['%ld'], '%f': ['%lf'], '%lf': ['%f'], '%d': ['%ld', '%lu']}
+CONVERSION = re.compile(r'%(\{public\}@|l{0,2}[udf]|s)')
 OTHER_LEVEL = {'message': 'error', 'error': 'message', 'oversize': 'message', 'typeCheck': 'error'}
 FUNCTIONS = {Kind.FUNCTION_DECL, Kind.CXX_METHOD, Kind.CONSTRUCTOR, Kind.DESTRUCTOR, Kind.FUNCTION_TEMPLATE,
              Kind.CONVERSION_FUNCTION}
@@ -96,13 +103,15 @@ class Finder:
         elif kind in (Kind.IF_STMT, Kind.WHILE_STMT):
             self._condition(cursor, function)
         elif kind == Kind.CONDITIONAL_OPERATOR:
-            self._negate(next(cursor.get_children()), function)
+            self._decide(next(cursor.get_children()), ['true', 'false'], function)
         elif kind == Kind.RETURN_STMT:
             for value in cursor.get_children():
                 if value.type.get_canonical().kind == TypeKind.BOOL and value.kind != Kind.CXX_BOOL_LITERAL_EXPR:
                     self._negate(value, function)
         elif kind == Kind.BINARY_OPERATOR:
             self._operator(cursor, function)
+        elif kind == Kind.MEMBER_REF_EXPR:
+            self._member(cursor, function)
         elif kind == Kind.COMPOUND_STMT:
             self._statements(cursor, function, parent.kind in FUNCTIONS or parent.kind == Kind.LAMBDA_EXPR)
         if kind == Kind.CALL_EXPR:
@@ -117,10 +126,25 @@ class Finder:
             if re.fullmatch(r"'[^\\]'", source):
                 self._replace('text', cursor, "'~'", function)
             return
+        begin = cursor.extent.start.offset
+        for found in CONVERSION.finditer(source):
+            if found.group() != source.strip('"'):
+                for other in OTHER_CONVERSIONS[found.group()]:
+                    self._add('conversion', begin + found.start(), begin + found.end(), other, function)
         if source.endswith('"') and not source.startswith('R'):
             end = cursor.extent.end.offset
             start = self.text.rfind(b'"', 0, end - 1)
             self._add('text', start, end, self.text[start:end - 1].decode() + '~"', function)
+
+    def _member(self, cursor, function):
+        target, end = cursor.referenced, cursor.extent.end.offset
+        if target is None or target.kind not in (Kind.CXX_METHOD, Kind.FIELD_DECL) or target.location.file is None or \
+                '/usr/' in target.location.file.name or 'utex' in target.type.spelling:
+            return
+        begin = end - len(target.spelling)
+        other = self._sibling(target)
+        if other is not None and other != target.spelling and self.text[begin:end].decode() == target.spelling:
+            self._add('member', begin, end, other, function)
 
     def _named_constant(self, cursor, function):
         target = cursor.referenced
@@ -160,7 +184,13 @@ class Finder:
                 break
             before = child
         if before is not None and before.kind.is_expression():
-            self._negate(before, function)
+            # A loop that always goes on would only end by the tests' patience.
+            self._decide(before, ['true', 'false'] if cursor.kind == Kind.IF_STMT else ['false'], function)
+
+    def _decide(self, condition, answers, function):
+        self._negate(condition, function)
+        for answer in answers:
+            self._replace('branch', condition, answer, function)
 
     def _negate(self, condition, function):
         source = self._source(condition)
@@ -176,6 +206,9 @@ class Finder:
         if operator in OTHER_OPERATOR:
             begin = left.extent.end.offset + between.index(operator)
             self._add('condition', begin, begin + len(operator), OTHER_OPERATOR[operator], function)
+        if operator in ('&&', '||'):
+            for side in (left, right):
+                self._replace('operand', cursor, f'({self._source(side)})', function)
 
     def _with_semicolon(self, cursor):
         end = cursor.extent.end.offset

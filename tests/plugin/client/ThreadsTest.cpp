@@ -168,7 +168,7 @@ TEST_F(Threads, CancelMoveAndEndTransfers) {
     inTurn(cancel, phaseEnds);
     moves();
     inTurn(phaseEnds, ends);
-    EXPECT_EQ(world.log.formats(), std::vector<std::string>{});
+    EXPECT_EQ(world.journal.linesWith("log: "), inmemory::Lines{});
 }
 
 TEST_F(Threads, PlanAnUpdateThenMoveAndEndItsTransfer) {
