@@ -3,6 +3,7 @@
 
 #include "tests/inmemory/Journal.h"
 #include "values/Error.h"
+#include "values/PropertyList.h"
 
 #include <functional>
 #include <limits>
@@ -17,6 +18,21 @@ namespace appsync::inmemory {
 /// The error that a failing call reports unless the test names another.
 inline ErrorPtr injectedError() {
     return Error::make("TestDomain", 7);
+}
+
+/// As a value prints, but with all bytes of its data where a message has only their number.
+inline std::string wholeText(const Value& value) {
+    std::string text;
+    if (const auto data = value.data()) {
+        return text.append("<").append(data->bytes()).append(">");
+    }
+    if (value.dictionary() == nullptr) {
+        return value.description();
+    }
+    for (const auto& [key, entry] : *value.dictionary()) {
+        text.append(text.empty() ? "" : " ").append(key).append(" = ").append(wholeText(entry)).append(";");
+    }
+    return "{" + text + "}";
 }
 
 /// Which calls are to fail. Any thread.

@@ -15,11 +15,11 @@ bool Placeholder::setPlaceholderAttributes_error(const KXPlaceholderAttributes& 
 }
 
 bool Placeholder::setMetadata_error(const std::optional<TVStoreMetadata>& metadata, ErrorPtr* error) noexcept {
-    return _call("setMetadata", metadata ? Value(metadata->dictionary).description() : "(null)", error);
+    return _call("setMetadata", metadata ? wholeText(metadata->dictionary) : "(null)", error);
 }
 
 bool Placeholder::setSinfData_error(const Data& sinf, ErrorPtr* error) noexcept {
-    return _call("setSinfData", Value(sinf).description(), error);
+    return _call("setSinfData", wholeText(sinf), error);
 }
 
 bool Placeholder::setIconPromise_error(const KXPromisedTransferToPathPtr& promise, ErrorPtr* error) noexcept {

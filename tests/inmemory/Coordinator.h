@@ -28,10 +28,15 @@ template <class Interface> class Promise : public Interface {
         complete = isDone;
         _context.callOn("promise", name, "setComplete", isDone ? "1" : "0");
     }
-    bool cancelForReason_client_error(const ErrorPtr& reason, KXClientIdentifier client, ErrorPtr*) noexcept override {
+    bool cancelForReason_client_error(const ErrorPtr& reason, KXClientIdentifier client,
+                                      ErrorPtr* error) noexcept override {
         cancelled = reason;
-        _context.callOn("promise", name, "cancel", reason->description() + ", client " + std::to_string(client));
-        return true;
+        const ErrorPtr fault =
+            _context.callOn("promise", name, "cancel", reason->description() + ", client " + std::to_string(client));
+        if (fault != nullptr && error != nullptr) {
+            *error = fault;
+        }
+        return fault == nullptr;
     }
     std::string description() noexcept override { return "<promise " + name + ">"; }
 
@@ -83,6 +88,7 @@ struct CoordinatorState {
     std::string kind;
     bool hasIdentifier = true;
     KXClientIdentifier creator = KXClientSyncHost;
+    ErrorPtr errorBeside; // what a lookup reports although it finds the coordinator
     ErrorPtr error;
     bool hasInstallOptions = false;
     bool hasInitialODRAssetPromises = false;
@@ -165,9 +171,8 @@ template <class Interface> class Coordinator : public Interface {
         return isTaken && promise != nullptr && !hasOne;
     }
     static std::string _optionsText(const TVInstallOptions& options) {
-        return "metadata " +
-               (options.tamblinMetadata ? Value(options.tamblinMetadata->dictionary).description() : "(null)") +
-               ", sinf " + (options.sinfData ? Value(*options.sinfData).description() : "(null)") + ", install type " +
+        return "metadata " + (options.tamblinMetadata ? wholeText(options.tamblinMetadata->dictionary) : "(null)") +
+               ", sinf " + (options.sinfData ? wholeText(*options.sinfData) : "(null)") + ", install type " +
                std::to_string(options.registryInstallType) + ", target type " +
                std::to_string(options.installTargetType);
     }
@@ -290,6 +295,9 @@ std::shared_ptr<Interface> CoordinatorLookup<Interface, Implementation, Base>::
     const CoordinatorStatePtr state = _all.findOrAdd(bundleID, _kind, client, createIfNotExisting, isNew, error);
     if (created != nullptr) {
         *created = isNew;
+    }
+    if (state != nullptr && state->errorBeside != nullptr && error != nullptr) {
+        *error = state->errorBeside;
     }
     return state != nullptr ? std::make_shared<Implementation>(_context, state) : nullptr;
 }

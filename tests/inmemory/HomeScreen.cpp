@@ -85,7 +85,7 @@ Screen::SKSApplicationTerminationAssertionCreateWithError(std::string_view bundl
     const std::lock_guard lock(_mutex);
     const std::uint8_t answer = fault != nullptr ? static_cast<std::uint8_t>(fault->code()) : _answer(bundleIdentifier);
     *errorCode = answer;
-    if (answer == SKSTerminationAssertionNotFound) {
+    if (answer == SKSTerminationAssertionNotFound && !assertsWhatItDoesNotFind) {
         return nullptr;
     }
     const bool isGranted = answer == SKSTerminationAssertionGranted;

@@ -40,6 +40,8 @@ class Screen final : public HomeScreen {
     std::deque<std::uint8_t> assertionAnswers;
     /// The apps that run, and whether they are busy; nothing: every app runs and is not busy.
     std::optional<std::map<std::string, bool, std::less<>>> runningApps;
+    /// Whether there is an assertion object also for an app that is not found.
+    bool assertsWhatItDoesNotFind = false;
     /// Has an app run; false when an assertion keeps it from that.
     bool start(const std::string& identifier, bool busy);
     [[nodiscard]] bool isRunning(std::string_view identifier);

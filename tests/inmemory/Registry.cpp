@@ -196,15 +196,14 @@ bool Registry::installApplication_withOptions_error(const FileURL& url, const Di
         const std::lock_guard lock(_mutex);
         _begun.emplace(options.string(PDBundleIdentifierKey).value_or(""));
     }
-    if (_context.fails("registry.installApplication", url.description() + ", " + Value(options).description(), error)) {
+    if (_context.fails("registry.installApplication", url.description() + ", " + wholeText(options), error)) {
         return false;
     }
     return _install(url, options, error);
 }
 
 bool Registry::installApplication_withOptions(const FileURL& url, const Dictionary& options) noexcept {
-    if (_context.fails("registry.installPlaceholder", url.description() + ", " + Value(options).description(),
-                       nullptr)) {
+    if (_context.fails("registry.installPlaceholder", url.description() + ", " + wholeText(options), nullptr)) {
         return false;
     }
     return _install(url, options, nullptr);
@@ -238,7 +237,7 @@ bool Registry::_install(const FileURL& url, const Dictionary& options, ErrorPtr*
 }
 
 bool Registry::uninstallApplication_withOptions(std::string_view bundleIdentifier, const Dictionary* options) noexcept {
-    const std::string given = options != nullptr ? Value(*options).description() : "no options";
+    const std::string given = options != nullptr ? wholeText(*options) : "no options";
     if (_context.fails("registry.uninstallApplication", std::string(bundleIdentifier) + ", " + given, nullptr)) {
         return false;
     }
@@ -310,7 +309,7 @@ void Registry::enumerateBundlesOfType_block(
         const bool isShownAlready = application->placeholder && find(application->identifier, false) != nullptr &&
                                     !application->answersForInstalled;
         const bool selected = type == PDBundleTypeAll || (type == PDBundleTypeSystem && isSystem) ||
-                              (type == PDBundleTypeInstalled && !isSystem && !isShownAlready);
+                              (type == PDBundleTypeInstalled && (!isSystem || listsSystemApps) && !isShownAlready);
         if (!selected || stop) {
             continue;
         }

@@ -56,7 +56,8 @@ struct Application final : PDApplicationProxy {
     std::string kind = "User";
     bool installed = true;
     bool placeholder = false;
-    bool answersForInstalled = false; // a placeholder that is also found when installed apps are asked for
+    std::optional<bool> placeholderByState; // its state, where that says otherwise
+    bool answersForInstalled = false;       // a placeholder that is also found when installed apps are asked for
     std::uint64_t size = 0;
     bool boundToDevice = false; // its protection record
     std::shared_ptr<Progress> progress;
@@ -72,7 +73,7 @@ struct Application final : PDApplicationProxy {
     std::string applicationType() noexcept override { return kind; }
     bool isInstalled() noexcept override { return installed; }
     bool isPlaceholder() noexcept override { return placeholder; }
-    PDApplicationState appState() noexcept override { return {placeholder, installed}; }
+    PDApplicationState appState() noexcept override { return {placeholderByState.value_or(placeholder), installed}; }
     FNProgressPtr installProgressSync() noexcept override { return progress; }
     PDDiskUsage diskUsage() noexcept override { return {size}; }
     bool hasMIDBasedSINF() noexcept override { return boundToDevice; }
@@ -127,6 +128,8 @@ class Registry final : public PDApplicationWorkspace,
     bool reportsChanges = false;
     /// Whether a restore's placeholder is listed under an application identifier of its own.
     bool listsRestoresApart = false;
+    /// Whether the home screen's apps include those of the system.
+    bool listsSystemApps = false;
     /// Whether a query is ever answered.
     bool answersQueries = true;
     /// Whether a query is answered before it has been added, on the caller's thread.

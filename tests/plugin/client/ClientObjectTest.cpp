@@ -79,6 +79,30 @@ TEST_F(ClientObject, RespondsToNothingElse) {
     }
 }
 
+TEST_F(ClientObject, DoesNothingInOperationsThatItDoesNotImplement) {
+    start();
+    QRClient& host = client();
+    const auto asset = makeAsset("a");
+    ErrorPtr error;
+    host.registerMessageHandlersWithLink(nullptr);
+    host.prepareForSyncWithHostAnchor_progressCallback_vetchID_hostVersion_error("", {}, "", "", &error);
+    host.cancelSyncOperations();
+    host.reconcileRestoreWithError(&error);
+    host.restoreEndedWithError(inmemory::injectedError());
+    static_cast<void>(host.outstandingAssetTransfersWithDownloadManager(nullptr));
+    host.metadataUpdate_forAsset_withNewAnchor({}, asset, "");
+    host.prioritizeAsset(asset);
+    host.initiateAssetDownloadsWithCompletion([](const ErrorPtr&) {});
+    host.backupEnded();
+    std::vector<std::string> paths;
+    host.pathsToBackup_pathsNotToBackup(&paths, &paths);
+    static_cast<void>(host.shouldRestoreFile_backupManager("/", nullptr));
+    static_cast<void>(host.shouldBackgroundRestorePath_backupManager("/", nullptr));
+    static_cast<void>(host.shouldBackgroundRestoreFile_backupManager("/", nullptr));
+    EXPECT_EQ(journal(), Lines{});
+    EXPECT_EQ(error, nullptr);
+}
+
 TEST_F(ClientObject, ConnectsOnceHoweverOftenStartupIsAnnounced) {
     start();
     world.center.post(startupComplete);

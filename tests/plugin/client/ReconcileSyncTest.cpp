@@ -201,6 +201,17 @@ TEST_F(ReconcileSync, NeverRemovesWhatCouldLeadElsewhere) {
               Lines{"coordinators.uninstallAppLater(..c, confirmation 0)"});
 }
 
+TEST_F(ReconcileSync, SaysNothingOfWhatCouldLeadElsewhereWhateverItsOperation) {
+    start(false);
+    Array records;
+    for (const char* operation : {"install", "remove", "SENT", "DOWNLOADED", "INSTALLED", "FAILED", ""}) {
+        records.push_back(record("a/../b", operation));
+    }
+    stage(records);
+    EXPECT_TRUE(reconcile());
+    EXPECT_EQ(journal(), whole(joined(joined({"plist.parse()"}, startingNotice), debugCopy)));
+}
+
 TEST_F(ReconcileSync, TakesTheOperationExactlyAsItIsWritten) {
     start();
     stage({record("a", "Remove"), record("b", "remove "), Dictionary{{"identifier", "c"}}});

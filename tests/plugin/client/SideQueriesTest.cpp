@@ -70,6 +70,15 @@ TEST_F(InstalledAssetMetrics, NeitherCountNorSizeSystemApps) {
     EXPECT_EQ(client().installedAssetMetrics(), metrics(1, 7));
 }
 
+TEST_F(InstalledAssetMetrics, NeitherCountNorSizeSystemAppsOfTheHomeScreen) {
+    world.registry.listsSystemApps = true;
+    const auto app = world.registry.addInstalled("s");
+    app->kind = "System";
+    app->size = 100;
+    world.registry.addInstalled("a")->size = 7;
+    EXPECT_EQ(client().installedAssetMetrics(), metrics(1, 7));
+}
+
 TEST_F(InstalledAssetMetrics, CountAppsWithoutSize) {
     world.registry.addInstalled("a");
     EXPECT_EQ(client().installedAssetMetrics(), metrics(1, 0));

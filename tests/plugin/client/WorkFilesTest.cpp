@@ -57,6 +57,20 @@ TEST_F(WorkFiles, PassesAReadErrorOnAndLogsNothing) {
     EXPECT_EQ(journal(), Lines{"files.readFile(" + toDo + ")"});
 }
 
+TEST_F(WorkFiles, PassesErrorsOnUnchanged) {
+    const ErrorPtr reason = Error::make("Disk", 5, {{"sector", 7}});
+    ErrorPtr error;
+    for (const char* call : {"files.readFile", "plist.parse"}) {
+        putToDoList({});
+        world.files.putPlist(paths::demotedApps, Dictionary{});
+        world.faults.fail(call, 2, 0, reason);
+        EXPECT_EQ(client()._loadPlist_withError(toDo, &error), std::nullopt);
+        EXPECT_EQ(std::exchange(error, nullptr), reason);
+        EXPECT_EQ(client()._loadDemotedAppsPlist_withError(paths::demotedApps, &error), std::nullopt);
+        EXPECT_EQ(std::exchange(error, nullptr), reason);
+    }
+}
+
 TEST_F(WorkFiles, TakesAnEmptyListFileForNoneAndLogsNothing) {
     world.files.put(toDo, "");
     ErrorPtr error;
@@ -271,10 +285,15 @@ TEST_F(WorkFiles, ChangesOnlyTheFirstRecordOfAnApp) {
 }
 
 TEST_F(WorkFiles, LeavesTheListByteForByteWhenTheAppIsNotInIt) {
-    world.files.put(toDo, "<plist version=\"1.0\"><array/></plist>");
-    client().changeAssetID_toDo("a", "SENT");
-    EXPECT_EQ(journal(), (Lines{"files.readFile(" + toDo + ")", "plist.parse()"}));
-    EXPECT_EQ(world.files.bytesAt(toDo), "<plist version=\"1.0\"><array/></plist>");
+    const std::string records = "<dict><key>identifier</key><string>b</string><key>operation</key><string>install"
+                                "</string></dict><dict><key>operation</key><string>install</string></dict>";
+    for (const std::string& list : {std::string(), records}) {
+        const std::string bytes = "<plist version=\"1.0\"><array>" + list + "</array></plist>";
+        world.files.put(toDo, bytes);
+        client().changeAssetID_toDo("a", "SENT");
+        EXPECT_EQ(journal(), (Lines{"files.readFile(" + toDo + ")", "plist.parse()"}));
+        EXPECT_EQ(world.files.bytesAt(toDo), bytes);
+    }
 }
 
 TEST_F(WorkFiles, ChangesARecordThatHasNoOperation) {

@@ -94,6 +94,30 @@ TEST_F(Factories, RefuseAnothersCoordinatorWithoutAnError) {
               "creatorIdentifier=4) for a with error (null) - Will not perform install/update for this bundle");
 }
 
+TEST_F(Factories, PassOnAnErrorThatComesBesideACoordinator) {
+    const auto state = world.coordinators.add("a", "initiating");
+    state->errorBeside = Error::make("Lookup", 9, {{"fact", 1}});
+    EXPECT_NE(coordinator(false, true), nullptr);
+    EXPECT_EQ(error, state->errorBeside);
+    const std::string said = state->errorBeside->description();
+    EXPECT_EQ(journal().at(2), "log: Created initiating coordinator <initiating a> (createIfNotExisting:1, "
+                               "existingApp:0) for a with error " +
+                                   said);
+    state->creator = 1;
+    EXPECT_EQ(coordinator(false, true), nullptr);
+    EXPECT_EQ(error, state->errorBeside);
+    EXPECT_EQ(journal().at(2),
+              "log: IC returned initiating coordinator <initiating a> (createIfNotExisting:1, existingApp:0, "
+              "creatorIdentifier=1) for a with error " +
+                  said + " - Will not perform install/update for this bundle");
+    world.coordinators.add("a", "restoring")->errorBeside = state->errorBeside;
+    EXPECT_NE(client()._restoringAppInstallCoordinatorForBundleIdentifier_createIfNotExisting_error("a", true, &error),
+              nullptr);
+    EXPECT_EQ(error, state->errorBeside);
+    EXPECT_EQ(journal().at(2),
+              "log: Created restore coordinator <restoring a> (createIfNotExisting:1) for a with error " + said);
+}
+
 TEST_F(Factories, CreateARestoringCoordinator) {
     EXPECT_NE(client()._restoringAppInstallCoordinatorForBundleIdentifier_createIfNotExisting_error("a", true, &error),
               nullptr);
@@ -217,6 +241,20 @@ TEST_F(Factories, CancelAnIconPromiseThatCannotBeAttached) {
                                     "error: Error TestDomain 7 adding icon promise to placeholder for 'a'",
                                     std::string("promise(a-Icon).cancel(QRError ") + code + ", client 3)"}));
     }
+}
+
+TEST_F(Factories, DoNotMindThatACancelFails) {
+    const auto owner = coordinator(false, true);
+    const auto placeholder = std::make_shared<inmemory::Placeholder>(world.context, "a");
+    world.faults.fail("promise.cancel", 2, 0, Error::make("Cancel", 1));
+    for (const char* refused : {"coordinator.setAppAssetPromise", "placeholder.setIconPromise"}) {
+        world.faults.fail(refused);
+    }
+    EXPECT_EQ(assetPromise("/file", owner), nullptr);
+    EXPECT_EQ(journal().back(), "promise(a-Asset).cancel(QRError 30, client 3)");
+    EXPECT_EQ(icon(placeholder, true), nullptr);
+    EXPECT_EQ(journal().back(), "promise(a-Icon).cancel(QRError 30, client 3)");
+    EXPECT_EQ(world.faults.take("promise.cancel"), nullptr);
 }
 
 // The user-data promise.

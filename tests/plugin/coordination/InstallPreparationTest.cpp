@@ -2,6 +2,8 @@
 #include "tests/inmemory/ClientTest.h"
 
 #include <algorithm>
+#include <set>
+#include <thread>
 
 namespace appsync {
 namespace {
@@ -229,6 +231,39 @@ TEST_F(InstallPreparation, KeepsEveryPromiseThatIsThere) {
               succeeded}));
 }
 
+TEST_F(InstallPreparation, MakesThePlaceholderBesideAnAssetPromiseThatIsThere) {
+    world.coordinators.add("a")->assetPromise = std::make_shared<inmemory::TransferPromise>(world.context, "a-Asset");
+    EXPECT_TRUE(prepare());
+    EXPECT_EQ(journal(), join({begun,
+                               coordinator,
+                               options,
+                               odr,
+                               {"log: coordinator for a has an app asset promise"},
+                               directory,
+                               icon,
+                               placeholder,
+                               iconPromise,
+                               attributes,
+                               storeMetadata,
+                               configured,
+                               attached,
+                               succeeded}));
+}
+
+TEST_F(InstallPreparation, SetsOptionsBesideOnDemandResourcesThatAreThere) {
+    const auto state = world.coordinators.add("a");
+    state->hasInitialODRAssetPromises = true;
+    state->hasPlaceholderPromise = true;
+    EXPECT_TRUE(prepare());
+    EXPECT_EQ(journal(), join({begun,
+                               coordinator,
+                               options,
+                               {"log: coordinator for a has an ODR app asset promise"},
+                               promise,
+                               {"log: coordinator for a has a placeholder promise"},
+                               succeeded}));
+}
+
 TEST_F(InstallPreparation, GoesOnWithoutAssetPromise) {
     world.faults.fail("coordinator.setAppAssetPromise");
     EXPECT_TRUE(prepare());
@@ -441,6 +476,39 @@ TEST_F(InstallPreparation, WorksWithoutInfoAndMetadata) {
     EXPECT_TRUE(has(lines, "placeholder(a).setPlaceholderAttributes(<launchProhibited=0 bundleVersion=(null) "
                            "infoPlist=(null)>)"));
     EXPECT_TRUE(has(lines, "placeholder(a).setMetadata((null))"));
+}
+
+TEST_F(InstallPreparation, ProhibitsALaunchOnlyWhenTheInfoSaysSo) {
+    const struct {
+        Dictionary info;
+        bool prohibited;
+    } cases[] = {{{{"PDApplicationLaunchProhibited", true}}, true},
+                 {{{"PDApplicationLaunchProhibited", false}}, false},
+                 {{}, false},
+                 {{{"PDApplicationLaunchProhibited", Array{}}}, false}};
+    for (const auto& [given, prohibited] : cases) {
+        world.files.putPlist("/work/Info.plist", given);
+        world.coordinators.remove("a");
+        EXPECT_TRUE(prepare());
+        const std::string expected = std::string("placeholder(a).setPlaceholderAttributes(<launchProhibited=") +
+                                     (prohibited ? "1" : "0") +
+                                     " bundleVersion=1.0 infoPlist=" + Value(given).description() + ">)";
+        EXPECT_TRUE(has(journal(), expected)) << expected;
+    }
+}
+
+TEST_F(InstallPreparation, AndWhatFollowsItStayOnTheirCallersThread) {
+    std::set<std::thread::id> callers;
+    world.context.interceptor = [&callers](std::string_view, std::string_view) {
+        callers.insert(std::this_thread::get_id());
+        return ErrorPtr();
+    };
+    asset->path = "/file";
+    EXPECT_TRUE(prepare());
+    EXPECT_TRUE(client().updateTransferProgressForApp_existingApp(asset, false));
+    EXPECT_TRUE(client().transferCompleteForApp_existingApp(asset, false));
+    world.context.interceptor = nullptr;
+    EXPECT_EQ(callers, std::set<std::thread::id>{std::this_thread::get_id()});
 }
 
 } // namespace

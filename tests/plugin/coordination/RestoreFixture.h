@@ -67,7 +67,7 @@ class RestoreFixture : public inmemory::ClientTest {
     const Lines attributes = attributesSet("<launchProhibited=1 bundleVersion=1.2 infoPlist=(null)>");
     const Lines storeMetadata{"placeholder(a).setMetadata(" + metadataText + ")",
                               "log: set store metadata on placeholder for a"};
-    const Lines sinfSet{"placeholder(a).setSinfData(<7 bytes>)", "log: set SINF data on placeholder for a"};
+    const Lines sinfSet{"placeholder(a).setSinfData(<seven!!>)", "log: set SINF data on placeholder for a"};
     const Lines configured{"placeholder(a).setConfigurationComplete()",
                            "log: set placeholder configuration complete for a"};
 };

@@ -190,7 +190,7 @@ class RestoreOfAnApp : public Restore {
     const Lines coordinator{"coordinators.restoring(a, client 3, create 1)"};
     const Lines withoutCoordinator{coordinator[0], "error: Error 'TestDomain 7' creating restore coordinator for a"};
     const std::string setOptions = "coordinator(a).setInstallOptions(metadata " + metadataText +
-                                   ", sinf <7 bytes>, install type 2, target type 1)";
+                                   ", sinf <seven!!>, install type 2, target type 1)";
     const Lines options{setOptions, "log: added install options for a"};
     const Lines failedOptions{setOptions, "error: Error TestDomain 7 setting install options for 'a'"};
     const std::string hasOptions = "log: Coordinator for a has a valid install options";

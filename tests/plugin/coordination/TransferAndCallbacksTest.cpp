@@ -141,10 +141,14 @@ TEST_F(CoordinatedTransfer, CompletionNeedsAWorkingCoordinator) {
 
 TEST_F(CoordinatedTransfer, AFailedSyncCancelsWhatIsOutstanding) {
     world.coordinators.add("b");
-    client().assetSyncFinishedWithStatus_outstandingItems(false, {"a", "b"});
-    EXPECT_EQ(journal(), (Lines{"coordinators.any(a, client 3, create 0)", "coordinators.any(b, client 3, create 0)",
-                                "log: Cancelling coordinator with error QRError 30 for b",
-                                "coordinator(b).cancel(QRError 30, client 3)"}));
+    world.coordinators.add("c", "updating");
+    client().assetSyncFinishedWithStatus_outstandingItems(false, {"a", "b", "c"});
+    EXPECT_EQ(
+        journal(),
+        (Lines{"coordinators.any(a, client 3, create 0)", "coordinators.any(b, client 3, create 0)",
+               "log: Cancelling coordinator with error QRError 30 for b", "coordinator(b).cancel(QRError 30, client 3)",
+               "coordinators.any(c, client 3, create 0)", "log: Cancelling coordinator with error QRError 30 for c",
+               "coordinator(c).cancel(QRError 30, client 3)"}));
 }
 
 TEST_F(CoordinatedTransfer, ASuccessfulSyncCancelsNothing) {
@@ -356,6 +360,21 @@ TEST_F(Callbacks, IgnoreOtherCancelledInstalls) {
     start(false);
     client().applicationInstallsDidCancel(
         {world.registry.addPlaceholder("a", 4), world.registry.addPlaceholder("b", 7)});
+    EXPECT_EQ(journal(), Lines{});
+}
+
+TEST_F(Callbacks, SayNothingOfReportsThatNobodyHandles) {
+    start(true);
+    const auto reported = coordinator("a");
+    KXAppInstallObserverDelegate& delegate = client();
+    delegate.coordinatorShouldResume(reported);
+    delegate.coordinatorShouldPause(reported);
+    delegate.coordinator_configuredPromiseDidBeginFulfillment(reported, 1);
+    delegate.coordinatorShouldBeginRestoringUserData(reported);
+    delegate.shouldPrioritizeAppWithBundleID("a");
+    PDApplicationWorkspaceObserverProtocol& observer = client();
+    const auto placeholder = world.registry.addPlaceholder("a");
+    observer.applicationInstallsArePrioritized_arePaused({placeholder}, {placeholder});
     EXPECT_EQ(journal(), Lines{});
 }
 

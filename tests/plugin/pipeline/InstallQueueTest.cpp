@@ -1,9 +1,11 @@
 // The plug-in's own installs: the assertion, the install, the retry.
 #include "concurrency/Semaphore.h"
+#include "platform/InstallationService.h"
 #include "tests/inmemory/ClientTest.h"
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <future>
 #include <set>
 #include <string>
@@ -39,6 +41,11 @@ class InstallQueue : public inmemory::ClientTest {
         return first;
     }
 
+    /// Of this process.
+    static std::ptrdiff_t numberOfThreads() {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    }
+
     const std::string grabbing = "log: Grabbing assertion for a";
     const std::string asked = "screen.assertion(a, reason 0)";
     const std::string released = "screen.releaseAssertion(a)";
@@ -65,6 +72,16 @@ TEST_F(InstallQueue, InstallsAnAppThatDoesNotRun) {
                               {removed}));
 }
 
+TEST_F(InstallQueue, HoldsAnAssertionOfAnAppThatDoesNotRun) {
+    world.screen.assertionAnswers = {2};
+    world.screen.assertsWhatItDoesNotFind = true;
+    client()._performAssetInstall(asset);
+    EXPECT_EQ(journal(), join(join({grabbing, asked, "log: Assertion not found for a, installing anyway...",
+                                    transaction(true, "assertion not found")},
+                                   installed()),
+                              {released, removed}));
+}
+
 TEST_F(InstallQueue, FailsOnAnUnknownAnswer) {
     world.screen.assertionAnswers = {3};
     world.registry.addPlaceholder("a");
@@ -87,6 +104,15 @@ TEST_F(InstallQueue, ReportsTheRegistrysErrorAndRemovesTheFile) {
               Lines{"log: a install failed unrecoverably: TestDomain 7"});
     EXPECT_EQ(journal().back(), removed);
     EXPECT_EQ(client()._getAndResetNumAppInstallsAttempted(), 1u);
+}
+
+TEST_F(InstallQueue, HandsTheRegistrysErrorOnWithItsFacts) {
+    const ErrorPtr refusal = Error::make(TVInstallerErrorDomain, 13, {{"LegacyErrorString", "no space"}});
+    world.faults.fail("registry.installApplication", 1, 0, refusal);
+    client()._performAssetInstall(asset);
+    EXPECT_EQ(world.journal.linesWith("host.QRIsRecoverableError"),
+              Lines{"host.QRIsRecoverableError(" + refusal->description() + ")"});
+    EXPECT_NE(refusal->description().find("no space"), std::string::npos);
 }
 
 TEST_F(InstallQueue, CountsAnAttemptOnceItsOutcomeIsKnown) {
@@ -120,6 +146,16 @@ TEST_F(InstallQueue, ComesBackAfterADenial) {
     EXPECT_EQ(lines.at(1), "log: Enqueue install request for a");
     EXPECT_EQ(std::ranges::count(lines, "log: a install succeeded"), 1);
     EXPECT_FALSE(world.files.exists("/staged/a"));
+}
+
+TEST_F(InstallQueue, ForgetsTheRestoreStateAfterADenialToo) {
+    asset->variantOptions = Dictionary{{"Version", "1.0"}};
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("/staged/a", "path", "a", "1.0");
+    world.screen.assertionAnswers = {1};
+    client()._enqueueAssetInstall(asset);
+    world.journal.waitFor("files.removeItem(" + std::string(paths::restoreState) + ")");
+    EXPECT_EQ(world.journal.linesWith("registry.install"), Lines{});
+    EXPECT_EQ(world.journal.count("log: Finished install for a"), 1u);
 }
 
 TEST_F(InstallQueue, ComesBackAsOftenAsItIsDenied) {
@@ -227,7 +263,9 @@ TEST_F(InstallQueue, RunsTenInstallsAtOnceAndNoMore) {
     for (int i = 0; i < 10; ++i) {
         arrived.wait();
     }
-    enqueue(10, 20);
+    const auto threads = numberOfThreads();
+    enqueue(10, 20); // an eleventh would have got its thread here
+    EXPECT_EQ(numberOfThreads(), threads);
     opened.set_value();
     finish();
     EXPECT_EQ(most, 10);

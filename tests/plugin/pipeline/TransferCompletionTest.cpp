@@ -242,6 +242,14 @@ TEST_F(TransferCompletion, TakesAMissingPathFromTheRestoreState) {
     EXPECT_EQ(asset->path, "/kept/file");
 }
 
+TEST_F(TransferCompletion, LeavesARelativePathOfTheRestoreStateAsItIs) {
+    start(true);
+    client()._setRestoreStatePropertyValue_forKey_identifier_version("kept/file", "path", "a", "1.0");
+    const auto asset = arrived("a", std::nullopt);
+    EXPECT_EQ(std::ranges::count(succeed(asset), "log: Received file at kept/file"), 1);
+    EXPECT_EQ(asset->path, "kept/file");
+}
+
 TEST_F(TransferCompletion, TakesNothingButASafeStringFromTheRestoreState) {
     start(true);
     putToDoList({{"a", "install"}});
@@ -333,6 +341,14 @@ TEST_F(FailedTransfer, LeavesARestoredAppAlone) {
     placeholderWithProgress("a");
     const auto asset = restored("a", 1);
     EXPECT_EQ(fail(asset), ended(asset, false) + lookedUp("a") + failedLine(asset, false) +
+                               Lines{"registry.applicationIsInstalled(a)"});
+}
+
+TEST_F(FailedTransfer, LeavesARestoredAppToTheCoordinator) {
+    start(true);
+    world.registry.addPlaceholder("a");
+    const auto asset = restored("a", 1);
+    EXPECT_EQ(fail(asset), ended(asset, false) + noProgress("a") + failedLine(asset, false) +
                                Lines{"registry.applicationIsInstalled(a)"});
 }
 
@@ -653,13 +669,16 @@ TEST_F(InstallOutcome, RecordsWhatTheInstallerHasRefusedAsFailed) {
 }
 
 TEST_F(InstallOutcome, CountsEveryFailureOfARestoreAsPassing) {
-    start(false);
-    client().assetInstallFailed_withError(restored("a", 1), inmemory::injectedError());
-    EXPECT_EQ(journal(), Lines({"host.QRIsRecoverableError(TestDomain 7)",
-                                "log: a install failed but was recoverable: TestDomain 7",
-                                "transactions.logScenario(\"Ulvane restore\", step 0, success 0, a, \"install failed "
-                                "recoverably\")"}) +
-                             cleaned());
+    for (const bool useInstallCoordinator : {false, true}) {
+        start(useInstallCoordinator);
+        client().assetInstallFailed_withError(restored("a", 1), inmemory::injectedError());
+        EXPECT_EQ(
+            journal(),
+            Lines({"host.QRIsRecoverableError(TestDomain 7)", "log: a install failed but was recoverable: TestDomain 7",
+                   "transactions.logScenario(\"Ulvane restore\", step 0, success 0, a, \"install failed "
+                   "recoverably\")"}) +
+                cleaned());
+    }
 }
 
 TEST_F(InstallOutcome, RemovesThePlaceholderAfterAFinalFailure) {

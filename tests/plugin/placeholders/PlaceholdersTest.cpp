@@ -379,5 +379,21 @@ TEST_F(PlaceholderQueries, CollectSystemAppPlaceholders) {
               (Lines{"registry.enumerateBundlesOfType(7)", "log: SystemAppPlaceholders (system1, system2)"}));
 }
 
+TEST_F(PlaceholderQueries, GoByTheStateOfAnApp) {
+    start();
+    for (const std::string& kind : {std::string("User"), std::string("System")}) {
+        const auto named = world.registry.addPlaceholder("named" + kind);
+        named->placeholderByState = false;
+        const auto hidden = world.registry.addInstalled("hidden" + kind);
+        hidden->placeholderByState = true;
+        named->kind = hidden->kind = kind;
+    }
+    Lines visited;
+    client()._enumeratePlaceholdersWithBlock(
+        [&](const PDApplicationProxyPtr& proxy, bool&) { visited.push_back(proxy->bundleIdentifier()); });
+    EXPECT_EQ(visited, (Lines{"hiddenUser", "hiddenSystem"}));
+    EXPECT_EQ(client()._getSystemAppPlaceholders(), std::set<std::string>{"hiddenSystem"});
+}
+
 } // namespace
 } // namespace appsync

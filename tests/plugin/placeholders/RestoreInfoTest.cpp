@@ -101,8 +101,8 @@ TEST_F(RestoreInfo, BecomesAPlaceholderWithoutTheCoordinator) {
                     "PDApplicationLaunchProhibited = 0;}",
                 "plist.serialise(xml)", "files.writeFileAtomically(" + bundle + "/Info.plist)",
                 "registry.installPlaceholder(file://" + bundle +
-                    "/, {PackageType = Placeholder; BXBundleIdentifier = a; PDInstallType = 2; TamblinMetadata = <" +
-                    std::to_string(app().data("TamblinMetadata")->size()) + " bytes>; ApplicationSINF = <4 bytes>;})",
+                    "/, {PackageType = Placeholder; BXBundleIdentifier = a; PDInstallType = 2; TamblinMetadata = " +
+                    inmemory::wholeText(*app().data("TamblinMetadata")) + "; ApplicationSINF = <sinf>;})",
                 "log: Installed Placeholder app from path " + bundle + ": Name [a 1.0] [isWendral: 0]",
                 "transactions.logScenario(\"Tamblin App Restore\", step 0, success 1, a, \"Installed placeholder\")"},
                archived})));
@@ -420,7 +420,7 @@ TEST_F(CoordinatedRestoreInfo, ReadiesACoordinator) {
 TEST_F(CoordinatedRestoreInfo, HandsOnProtectionDataAndIcon) {
     putInfo(Dictionary{{"a", app()}, {"b", Dictionary{{"TamblinMetadata", plist(Dictionary{})}}}});
     EXPECT_TRUE(process());
-    EXPECT_EQ(world.journal.linesWith("placeholder(a).setSinfData"), Lines{"placeholder(a).setSinfData(<4 bytes>)"});
+    EXPECT_EQ(world.journal.linesWith("placeholder(a).setSinfData"), Lines{"placeholder(a).setSinfData(<sinf>)"});
     EXPECT_EQ(world.journal.linesWith("placeholder(b).setSinfData"), Lines{});
     EXPECT_EQ(world.files.bytesAt("/tmp/com.zuvex.qrd.Apps/a.app/Icon.png"), "picture");
     EXPECT_EQ(world.journal.count("error: no icon data for 'b'"), 1u);

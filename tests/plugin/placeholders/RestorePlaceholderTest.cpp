@@ -55,8 +55,8 @@ class RestorePlaceholder : public inmemory::ClientTest {
                           "plist.serialise(xml)", "files.writeFileAtomically(" + bundle + "/Info.plist)"};
     const std::string install = "registry.installPlaceholder(file://" + bundle +
                                 "/, {PackageType = Placeholder; BXBundleIdentifier = a; PDInstallType = 2; "
-                                "TamblinMetadata = <" +
-                                std::to_string(plist(metadata).size()) + " bytes>; ApplicationSINF = <4 bytes>;})";
+                                "TamblinMetadata = " +
+                                inmemory::wholeText(plist(metadata)) + "; ApplicationSINF = <sinf>;})";
 };
 
 TEST_F(RestorePlaceholder, IsInstalledWhateverItsTitleIs) {
@@ -239,7 +239,8 @@ TEST_F(RestorePlaceholder, IsInstalledWithNullForMissingProtectionData) {
     EXPECT_TRUE(process());
     const Lines lines = world.journal.linesWith("registry.installPlaceholder");
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(lines.front().ends_with(" bytes>; ApplicationSINF = (null);})")) << lines.front();
+    EXPECT_TRUE(lines.front().ends_with(inmemory::wholeText(plist(metadata)) + "; ApplicationSINF = (null);})"))
+        << lines.front();
 }
 
 } // namespace

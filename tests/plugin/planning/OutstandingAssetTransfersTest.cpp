@@ -188,6 +188,19 @@ TEST_F(Planning, TakesNeitherPlaceholdersNorVanishedAppsForInstalledOnes) {
     EXPECT_EQ(world.journal.linesWith("coordinators.updating"), Lines{});
 }
 
+TEST_F(Planning, AsksAnAppItselfWhetherItIsAPlaceholder) {
+    start(true);
+    const auto update = world.registry.addInstalled("a");
+    update->placeholderByState = true;
+    const auto placeholder = world.registry.addPlaceholder("b");
+    placeholder->installed = true;
+    placeholder->answersForInstalled = true;
+    placeholder->placeholderByState = false;
+    putToDoList({{"a", "install"}, {"b", "install"}});
+    plan();
+    EXPECT_EQ(world.journal.linesWith("log: App "), Lines{"log: App a is already installed and will be updated."});
+}
+
 TEST_F(Planning, MarksAnAppThatCannotBePreparedAsFailed) {
     start(true);
     putToDoList({{"a", "install"}, {"b", "install"}});
