@@ -66,7 +66,7 @@ class Finder:
         self.path = str(root / file)
         self.text = (root / file).read_bytes()
         self.places = []
-        self.constants = {}
+        self.siblings = {}
         self._visit(unit.cursor, '(file)')
 
     def _visit(self, cursor, function):
@@ -163,9 +163,9 @@ class Finder:
                 self._replace('constant', cursor, source[:-len(target.spelling)] + other, function)
 
     def _sibling(self, target):
-        """Another constant of the same type from the same list; the next one, and after the last the first."""
+        """What has the same type in the same list or class: the next one, and after the last the first."""
         key = target.get_usr()
-        if key not in self.constants:
+        if key not in self.siblings:
             file = target.location.file.name
             alike = [c for c in target.semantic_parent.get_children()
                      if c.kind == target.kind and c.type.spelling == target.type.spelling and
@@ -174,8 +174,8 @@ class Finder:
             names = [c.spelling for c in alike]
             at = names.index(target.spelling) if target.spelling in names else 0
             following = names[(at + 1) % len(names)] if len(names) > 1 else None
-            self.constants[key] = following
-        return self.constants[key]
+            self.siblings[key] = following
+        return self.siblings[key]
 
     def _condition(self, cursor, function):
         before = None
