@@ -181,8 +181,6 @@ set store metadata on placeholder for %{public}@
 skipping %{public}@ - its not a restore and app installation is disabled
 starting to reconcile sync with new anchor %{public}@
 sync ended with success: %c
-tamblin metadata for '%{public}@' is not a dictionary
-tamblin restore info for '%{public}@', which is no bundle identifier - skipping
 transfer for asset %{public}@ ended with success %c error %{public}@ existingApp:%d
 unexpected type for %{public}@
 unknown ZuvexID for %{public}@ (plist at %{public}@)

@@ -222,7 +222,7 @@ class Finder:
                 continue  # a function that ends without its value does not behave in any defined way
             begin, end = child.extent.start.offset, self._with_semicolon(child)
             if child.kind == Kind.DECL_STMT:
-                if re.match(r'const std::(lock_guard|scoped_lock|unique_lock)\b', self._source(child)):
+                if re.match(r'const Lock\b', self._source(child)):
                     self._add('lock', begin, end, '', function)
             elif not LABEL.match(self._source(child)) and \
                     '.reserve(' not in self._source(child).split(';')[0]:
@@ -245,7 +245,7 @@ class Finder:
         if statement.kind == Kind.DECL_STMT and re.match(r'[^(=]*= \[', source) and \
                 re.search(r'\};?$', source):
             return False  # a lambda does nothing yet
-        return statement.kind != Kind.DECL_STMT or bool(re.search(r'_platform\.|_workspace\(|_log\.|\b_[a-z]\w*\(', source))
+        return statement.kind != Kind.DECL_STMT or bool(re.search(r'\b_?platform\.|\b_?log\.|\b_[a-z]\w*\(', source))
 
     def _commute(self, first, second):
         """One of them only fills a local container that the other does not mention, or both set fields of one value."""
@@ -263,7 +263,7 @@ class Finder:
         children = list(cursor.get_children())
         callee = children[0] if children else None
         if callee is not None and callee.kind == Kind.MEMBER_REF_EXPR and callee.spelling in OTHER_LEVEL and \
-                self._source(callee).startswith('_log.'):
+                re.search(r'\b_?log\.\w+$', self._source(callee)):
             begin = callee.extent.end.offset - len(callee.spelling)
             self._add('level', begin, callee.extent.end.offset, OTHER_LEVEL[callee.spelling], function)
         if cursor.spelling == 'sync' and self._source(cursor).startswith('_accessQueue.sync('):
