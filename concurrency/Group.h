@@ -14,9 +14,9 @@ class Group {
     Group& operator=(const Group&) = delete;
 
     void enter() EXCLUDES(_mutex);
-    /// Each `leave` answers one `enter`.
+    /// To be called once for each `enter`.
     void leave() EXCLUDES(_mutex);
-    /// Returns when every `enter` has been answered; at once when there is none.
+    /// Returns when every `enter` has had its `leave`; at once when there was none.
     void wait() EXCLUDES(_mutex);
     [[nodiscard]] std::size_t count() const EXCLUDES(_mutex);
 

@@ -131,7 +131,7 @@ class QRClient {
     }
     /// Forgets everything that the client keeps, its placeholders included.
     virtual void clearSyncData() noexcept {}
-    /// The data classes that policy forbids; nothing when there are none.
+    /// The data classes that policy forbids; nullopt when there are none.
     [[nodiscard]] virtual std::optional<std::set<std::string>> disabledAssetTypes() noexcept { return std::nullopt; }
     /// "_Count", "_PhysicalSize" and "_PurgeableSize", unsigned numbers; sizes in bytes.
     [[nodiscard]] virtual Dictionary installedAssetMetrics() noexcept { return {}; }

@@ -25,7 +25,7 @@ struct FileInformation {
     std::uint64_t size = 0; // bytes
 };
 
-/// Every operation may be called on any thread at any time. One that fails answers false or nothing and puts the
+/// Every operation may be called on any thread at any time. One that fails returns false or nullopt and puts the
 /// reason, with its path, into `error` unless that is null: the POSIX error of what stands in the way (nothing there
 /// ENOENT, something there EEXIST, a folder where a file is meant EISDIR, a file where a folder is meant ENOTDIR). What
 /// is removed, moved or written over is a link itself, not what it names.

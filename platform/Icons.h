@@ -44,7 +44,7 @@ class ImageDestination {
   public:
     virtual ~ImageDestination() = default;
     virtual void addImage(const std::shared_ptr<Image>& image) noexcept = 0;
-    /// The encoded bytes; nothing when images are missing or cannot be encoded. Called once.
+    /// The encoded bytes; nullopt when images are missing or cannot be encoded. Called once.
     [[nodiscard]] virtual std::optional<Data> finalize() noexcept = 0;
 };
 

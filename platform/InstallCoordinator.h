@@ -7,7 +7,7 @@
 // restored app whose file a client is responsible for may wait on for a better one after a failure.
 //
 // Class operations, factories included, stand in the `…Class` interfaces. Every operation may be called on any thread
-// at any time; one that fails answers false or null and puts the reason into `error` unless that is null.
+// at any time; one that fails returns false or null and puts the reason into `error` unless that is null.
 #pragma once
 
 #include "platform/InstallationService.h"
@@ -213,7 +213,7 @@ class KXAppInstallCoordinatorClass : public KXCoordinatorClass<KXAppInstallCoord
         std::function<void(const ErrorPtr& error)> completion) noexcept = 0;
 };
 
-// Factories; each answers null when it fails. Disk space is in bytes.
+// Factories; each returns null when it fails. Disk space is in bytes.
 
 class KXPlaceholderClass {
   public:

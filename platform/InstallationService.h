@@ -35,8 +35,8 @@ struct TVInstallOptions {
 class TevrinInstallationService {
   public:
     virtual ~TevrinInstallationService() = default;
-    /// A dictionary keyed by the bundle identifiers of the apps that a person, not the sync, has uninstalled; nothing
-    /// when the service cannot answer.
+    /// A dictionary keyed by the bundle identifiers of the apps that a person, not the sync, has uninstalled; nullopt
+    /// when the service cannot tell.
     [[nodiscard]] virtual std::optional<Dictionary> TevrinLookupUninstalled(const Dictionary* options) noexcept = 0;
     /// Forgets the uninstalled apps with these bundle identifiers (strings); those that it does not have are passed
     /// over. Zero, or the number of the failure.

@@ -9,7 +9,7 @@ namespace appsync {
 
 class FileURL {
   public:
-    /// Nothing when the path is empty or holds a zero byte, since no file can be there.
+    /// Nullopt when the path is empty or holds a zero byte, since no file can be there.
     [[nodiscard]] static std::optional<FileURL> fileURLWithPath(std::string_view path, bool isDirectory) {
         if (path.empty() || path.find('\0') != std::string_view::npos) {
             return std::nullopt;

@@ -99,7 +99,7 @@ class Value {
     [[nodiscard]] Kind kind() const noexcept;
     [[nodiscard]] bool isNull() const noexcept { return kind() == Kind::null; }
 
-    // Each accessor answers nothing when the value is of another kind.
+    // Each accessor returns nullopt when the value is of another kind.
 
     [[nodiscard]] std::optional<std::string_view> string() const noexcept;
     [[nodiscard]] std::optional<Text> text() const noexcept;

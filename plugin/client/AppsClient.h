@@ -1,7 +1,7 @@
 // The client that handles the data class "Application": the whole plug-in at a glance.
 //
 // The sync host makes one client and keeps it for the life of the process. Host calls and platform callbacks arrive on
-// any thread. Failures are logged and answered with false or null; nothing is thrown. The definitions stand in the
+// any thread. An operation that fails logs it and returns false or null; nothing is thrown. The definitions stand in the
 // folder of their subsystem, one file per subject, named behind each heading.
 #pragma once
 
@@ -51,7 +51,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     bool prepareForSyncWithHostAnchor_progressCallback_error(std::string_view hostAnchor,
                                                              const QRProgressCallback& progress,
                                                              ErrorPtr* error) noexcept override;
-    /// {"Application"} when policy forbids both installing and removing apps, otherwise nothing.
+    /// {"Application"} when policy forbids both installing and removing apps, otherwise nullopt.
     [[nodiscard]] std::optional<std::set<std::string>> disabledAssetTypes() noexcept override;
     [[nodiscard]] bool _appInstallationAllowed();
     [[nodiscard]] bool _appRemovalAllowed();
@@ -66,9 +66,9 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     //
     // Each change of a file is one undisturbed read, change and write.
 
-    /// The array that a property-list file holds; nothing when it is missing, empty, or no array.
+    /// The array that a property-list file holds; nullopt when it is missing, empty, or no array.
     [[nodiscard]] std::optional<Array> _loadPlist_withError(std::string_view path, ErrorPtr* error);
-    /// The dictionary that the demoted-apps file holds; nothing when it is missing, empty, or no dictionary.
+    /// The dictionary that the demoted-apps file holds; nullopt when it is missing, empty, or no dictionary.
     [[nodiscard]] std::optional<Dictionary> _loadDemotedAppsPlist_withError(std::string_view path, ErrorPtr* error);
     /// What the restore state keeps for an app's version under a property name. An app without a version has none.
     [[nodiscard]] std::optional<Value>
@@ -144,7 +144,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     // Factories; null when the object could not be had. Whatever is made but cannot be attached is cancelled.
 
     /// An update's coordinator for an existing app, otherwise a new install's. One that another client created is not
-    /// touched: the answer is null without an error.
+    /// touched: then this returns null without an error.
     [[nodiscard]] KXAppInstallCoordinatorPtr
     _initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existingApp_createIfNotExisting_error(
         std::string_view bundleIdentifier, bool existingApp, bool createIfNotExisting, ErrorPtr* error);

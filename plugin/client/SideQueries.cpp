@@ -15,7 +15,7 @@ constexpr std::string_view downloadAccountKey = "ZuvexID";
 constexpr std::string_view deviceBasedKey = "DeviceBasedKPL";
 constexpr std::string_view autoDownloadKey = "is-auto-download";
 
-/// Where an app keeps what the store says of it; nothing when the registry knows no folder of the app.
+/// Where an app keeps what the store says of it; nullopt when the registry knows no folder of the app.
 std::optional<std::string> metadataPath(PDApplicationProxy& application) {
     const auto container = application.bundleContainerURL();
     return container ? std::optional(paths::join(container->path(), "TamblinMetadata.plist")) : std::nullopt;

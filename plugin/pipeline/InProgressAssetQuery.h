@@ -16,7 +16,7 @@ class PlugInLog;
 
 class InProgressAssetQuery final : public PDApplicationWorkspaceObserver {
   public:
-    /// Both lists are nothing when the bound passed before the registry answered. Without a bound this waits for as
+    /// Both lists are nullopt when the bound passed before the registry answered. Without a bound this waits for as
     /// long as it takes.
     static void
     currentInProgressAssetIDs_restoringAssetIDs(PDApplicationWorkspace& workspace, const PlugInLog& log,

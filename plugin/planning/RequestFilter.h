@@ -13,7 +13,7 @@ namespace appsync {
 class IdentifierSet;
 class PlugInLog;
 
-/// Takes the apps in progress out of the wanted ones; those that are being restored stay. A list that is nothing could
+/// Takes the apps in progress out of the wanted ones; those that are being restored stay. A list that is nullopt could
 /// not be had, which a message says, and takes nothing out.
 void dropAppsInProgress(const PlugInLog& log, const std::optional<std::vector<std::string>>& inProgress,
                         const std::optional<std::vector<std::string>>& restoring, Dictionary& wanted);
