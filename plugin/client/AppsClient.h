@@ -1,8 +1,8 @@
 // The client that handles the data class "Application": the whole plug-in at a glance.
 //
 // The sync host makes one client and keeps it for the life of the process. Host calls and platform callbacks arrive on
-// any thread. An operation that fails logs it and returns false or null; nothing is thrown. The definitions stand in the
-// folder of their subsystem, one file per subject, named behind each heading.
+// any thread. An operation that fails logs it and returns false or null; nothing is thrown. The definitions stand in
+// the folder of their subsystem, one file per subject, named behind each heading.
 #pragma once
 
 #include "concurrency/Group.h"
