@@ -59,7 +59,7 @@ class Build:
         for line in self._ninja('-t', 'deps').splitlines():
             if not line.startswith(' '):
                 found = re.search(r'appsync_plugin\.dir/(.*)\.o:', line)
-                source = found and (found.group(1)[3:] if found.group(1).startswith('__/') else 'client/' + found.group(1))
+                source = found and 'plugin/' + found.group(1)
             elif source is not None and source in self.commands and line.strip():
                 file = os.path.relpath(self.folder / line.strip(), self.root)
                 users.setdefault(file, set()).add(source)
@@ -71,8 +71,7 @@ class Build:
         return shlex.split(command)
 
     def headers(self):
-        folders = tuple(f'{test}/' for test in TESTS)
-        return sorted(file for file in self.dependencies if file.endswith('.h') and file.startswith(folders))
+        return sorted(file for file in self.dependencies if file.endswith('.h') and file.startswith('plugin/'))
 
     def flags(self, source):
         """What a parser must know to read this source."""
@@ -105,7 +104,7 @@ class Trial:
         """The name of the test that noticed the change, or null."""
         text = (self.build.root / place.file).read_bytes()
         changed = text[:place.begin] + place.new.encode() + text[place.end:]
-        own = place.file.split('/')[0]
+        own = place.file.split('/')[1]
         tests = sorted(TESTS, key=lambda name: name != own)
         if place.file in self.build.commands:
             copy = self.folder / pathlib.Path(place.file).name
