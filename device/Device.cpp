@@ -440,7 +440,7 @@ Result<pid_t> Device::launch(std::string_view identifier, bool busy) {
     Services& s = *_services;
     const auto app = s.registry->application(identifier);
     if (!app || !app->isInstalled) {
-        return refuse(ProcessError::notInstalled, "the device has no such app; `qrd apps` lists those that it has");
+        return refuse(ProcessError::notInstalled, "the device has no such app");
     }
     AppBundle bundle(s.root->files(), s.propertyLists, app->bundlePath);
     if (const auto prohibited = bundle.objectForInfoDictionaryKey("PDApplicationLaunchProhibited");

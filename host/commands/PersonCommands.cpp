@@ -1,5 +1,6 @@
 // The commands by which a person acts on the device itself: launching an app, and steering a sync that runs.
 #include "device/Device.h"
+#include "device/processes/ProcessTable.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/control/ControlSocket.h"
@@ -121,7 +122,10 @@ ExitCode launch(const LaunchArguments& arguments) {
     }
     const auto process = device->launch(arguments.app, arguments.busy);
     if (!process) {
-        return fail(reasonOf(process.error()), ExitCode::someAppFailed);
+        const bool isUnknown = isError(process.error(), device::ProcessErrorDomain, device::ProcessError::notInstalled);
+        return fail(reasonOf(process.error()) +
+                        (isUnknown ? "; `qrd apps " + arguments.device + "` lists those that it has" : ""),
+                    ExitCode::someAppFailed);
     }
     printLine(std::cout, "launched " + arguments.app + " (process " + std::to_string(*process) + ")");
     return ExitCode::done;

@@ -39,10 +39,10 @@ std::optional<Dictionary> parseMetadata(const Platform& platform, const PlugInLo
     return std::move(*metadata);
 }
 
-/// Builds the bundle and installs it. Null on success, otherwise what failed.
-const char* buildPlaceholder(AppsClient& client, const Platform& platform, const PlugInLog& log,
-                             std::string_view bundleIdentifier, const Dictionary& metadata,
-                             const std::optional<Data>& iconData, const Dictionary& options) {
+/// Builds the bundle and installs it. Nullopt on success, otherwise what failed.
+std::optional<std::string_view> buildPlaceholder(AppsClient& client, const Platform& platform, const PlugInLog& log,
+                                                 std::string_view bundleIdentifier, const Dictionary& metadata,
+                                                 const std::optional<Data>& iconData, const Dictionary& options) {
     const std::string bundlePath = client.placeholderAppPathForBundleIdentifier(bundleIdentifier);
     if (!client.createPlaceHolderPath_forBundleIdentifier_withAttributes(bundlePath, bundleIdentifier,
                                                                          placeholderBundle::attributes)) {
@@ -59,8 +59,10 @@ const char* buildPlaceholder(AppsClient& client, const Platform& platform, const
                     paths::join(bundlePath, "Info.plist"), info);
         return "Failed to create placeholder info";
     }
-    return placeholderBundle::install(platform, log, bundlePath, info, options) ? nullptr
-                                                                                : "Failed to install placeholder";
+    if (!placeholderBundle::install(platform, log, bundlePath, info, options)) {
+        return "Failed to install placeholder";
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -79,9 +81,8 @@ bool AppsClient::_processTamblinRestoreInfoForApp_tamblinMetaData_sinfData_iconD
                              {PDInstallTypeKey, std::uint64_t{PDInstallTypeRestore}},
                              {PDTamblinMetadataKey, tamblinMetaData},
                              {PDApplicationSINFKey, sinfData ? Value(*sinfData) : Value()}};
-    if (const char* failure =
-            buildPlaceholder(*this, _platform, _log, bundleIdentifier, *metadata, iconData, options)) {
-        placeholderBundle::logAppRestore(_platform, false, bundleIdentifier, failure);
+    if (const auto failure = buildPlaceholder(*this, _platform, _log, bundleIdentifier, *metadata, iconData, options)) {
+        placeholderBundle::logAppRestore(_platform, false, bundleIdentifier, *failure);
         _log.message("failed to process app restore info for '%{public}@'. tamblinMetadataDictionary=%{public}@",
                      bundleIdentifier, *metadata);
         return false;
