@@ -243,7 +243,7 @@ void CoordinatorEngine::_perform(Lock& lock, const CoordinatorStatePtr& state, S
         const PromiseRecord asset = state->asset->record();
         lock.unlock();
         error = _installApp(*state, options, asset);
-        error = error ? error : _restoreUserData(*state);
+        error = error && !_hasComeEarlier(*state, error) ? error : _restoreUserData(*state);
         lock.lock();
     } else if (step == Step::finish) {
         lock.unlock();
@@ -265,6 +265,12 @@ void CoordinatorEngine::_perform(Lock& lock, const CoordinatorStatePtr& state, S
     } else if (error && _isWorking) {
         _end(lock, state, {error, std::nullopt});
     }
+}
+
+/// Whether a restored app whose file is gone is there: an earlier process installed it, and could not write that down.
+bool CoordinatorEngine::_hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const {
+    return isError(error, CoordinatorErrorDomain, CoordinatorError::fileMissing) && isRestoring(state.kind) &&
+           _services.registry.isInstalled(state.bundleID);
 }
 
 /// Whether an install that failed leaves a restored app to wait on: the backup may be the only other place that has it.

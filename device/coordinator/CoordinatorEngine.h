@@ -118,6 +118,7 @@ class CoordinatorEngine {
     void _work();
     void _perform(Lock& lock, const CoordinatorStatePtr& state, Step step);
     void _placeholderWasInstalled(Lock& lock, const CoordinatorStatePtr& state);
+    [[nodiscard]] bool _hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const;
     [[nodiscard]] bool _mayGetAnotherFile(const CoordinatorState& state) const;
     void _waitForAnotherFile(Lock& lock, const CoordinatorStatePtr& state, const ErrorPtr& error);
     void _end(Lock& lock, const CoordinatorStatePtr& state, const Outcome& outcome);

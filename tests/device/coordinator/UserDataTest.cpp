@@ -97,6 +97,19 @@ class UserDataOfTheStoresApp : public UserData {
         EXPECT_TRUE(registry->hasPlaceholder(A));
         EXPECT_EQ(restorer.calls, Lines());
     }
+    /// As a kill leaves it: the file has arrived, and is gone.
+    void reopenWithoutTheFileThatArrived() {
+        coordinator->waitUntilIdle();
+        connection.reset();
+        coordinator.reset();
+        openCoordinator();
+        const std::string path = makeArchive(A);
+        const auto promise = classes().transferPromises.initWithName_client_transferPath_diskSpaceNeeded(
+            A, KXClientCorbin, *FileURL::fileURLWithPath(path, false), 1);
+        ASSERT_TRUE(find(A)->setAppAssetPromise_error(promise, nullptr));
+        promise->setComplete(true);
+        device.files().removeItem(path, nullptr);
+    }
 };
 
 TEST_F(UserDataOfTheStoresApp, WaitsForABetterFileWhenOneWasRefused) {
@@ -115,23 +128,27 @@ TEST_F(UserDataOfTheStoresApp, WaitsForABetterFileWhenOneWasRefused) {
 }
 
 TEST_F(UserDataOfTheStoresApp, WaitsForAnotherFileWhenTheOneThatHadArrivedIsGone) {
-    const auto asset = [this] { return find(A)->appAssetPromiseWithError(nullptr); };
     (void)beginRestore();
-    coordinator->waitUntilIdle();
-    connection.reset();
-    coordinator.reset(); // as a kill leaves it: the file has arrived, its install has not begun
-    openCoordinator();
-    const std::string path = makeArchive(A);
-    const auto promise = classes().transferPromises.initWithName_client_transferPath_diskSpaceNeeded(
-        A, KXClientCorbin, *FileURL::fileURLWithPath(path, false), 1);
-    ASSERT_TRUE(find(A)->setAppAssetPromise_error(promise, nullptr));
-    promise->setComplete(true);
-    ASSERT_TRUE(asset()->isComplete());
-    device.files().removeItem(path, nullptr);
+    ASSERT_NO_FATAL_FAILURE(reopenWithoutTheFileThatArrived());
     coordinator->resume();
     coordinator->waitUntilIdle();
     ASSERT_NO_FATAL_FAILURE(expectToWait());
     EXPECT_TRUE(isError(find(A)->error(), CoordinatorErrorDomain, CoordinatorError::fileMissing));
+}
+
+TEST_F(UserDataOfTheStoresApp, IsRestoredWhenAnEarlierProcessCouldNotWriteDownThatItCame) {
+    (void)beginRestore();
+    ASSERT_NO_FATAL_FAILURE(reopenWithoutTheFileThatArrived());
+    ArchiveRequest request;
+    request.identifier = A;
+    request.archivePath = makeArchive(A);
+    ASSERT_TRUE(registry->installArchive(request));
+    device.files().removeItem(request.archivePath, nullptr);
+    coordinator->resume();
+    coordinator->waitUntilIdle();
+    EXPECT_EQ(restorer.calls, Lines{"restore " + A + " of an app"});
+    EXPECT_TRUE(registry->isInstalled(A));
+    EXPECT_EQ(find(A), nullptr);
 }
 
 TEST_F(UserDataOfTheStoresApp, IsGivenUpWhenAPersonCancelsTheAppThatWaits) {
