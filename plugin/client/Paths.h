@@ -35,9 +35,9 @@ inline bool isSafe(const std::optional<std::string_view>& identifierOrPath) {
     return identifierOrPath && identifierOrPath->find("/..") == std::string_view::npos;
 }
 
-/// Whether a path leads back up somewhere, so that it may leave the folder that it begins with.
+/// Whether a path to something leads back up on its way, so that it may leave the folder that it begins with.
 inline bool climbs(std::string_view path) {
-    return path.find("/../") != std::string_view::npos || path.ends_with("/..");
+    return path.find("/../") != std::string_view::npos;
 }
 
 /// Whether an identifier can be a file's name, so that what is named after it stays in its folder.
