@@ -4,7 +4,8 @@
 
 namespace appsync {
 
-OperationQueue::OperationQueue(std::size_t maxConcurrentOperationCount) : _maxConcurrent(maxConcurrentOperationCount) {}
+OperationQueue::OperationQueue(std::size_t maxConcurrentOperationCount, WithoutThread withoutThread)
+    : _maxConcurrent(maxConcurrentOperationCount), _withoutThread(withoutThread) {}
 
 OperationQueue::~OperationQueue() {
     stop();
@@ -27,12 +28,15 @@ bool OperationQueue::addOperation(std::function<void()> operation) {
     return true;
 }
 
-/// False: the system has no thread to give.
+/// False: the system has no thread to give, and the operation has another way.
 bool OperationQueue::_startThread() {
     try {
         _threads.emplace_back([this] { _work(); });
         return true;
     } catch (const std::system_error&) {
+        if (_threads.empty() && _withoutThread == WithoutThread::fails) {
+            throw;
+        }
         return false;
     }
 }

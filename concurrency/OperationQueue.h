@@ -11,16 +11,23 @@
 
 namespace appsync {
 
+/// What becomes of an operation for which the system has not one thread to give.
+enum class WithoutThread {
+    fails,      // `addOperation` throws std::system_error
+    runsAtOnce, // before `addOperation` returns; whoever adds it may hold no lock that it takes
+};
+
 class OperationQueue {
   public:
-    explicit OperationQueue(std::size_t maxConcurrentOperationCount);
+    explicit OperationQueue(std::size_t maxConcurrentOperationCount,
+                            WithoutThread withoutThread = WithoutThread::fails);
     /// As `stop`.
     ~OperationQueue();
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
-    /// Returns at once. Threads are started when they are needed; where not even one can be started the operation runs
-    /// before this returns. False: the queue has been stopped, and the operation will not run.
+    /// Returns at once. Threads are started when they are needed. False: the queue has been stopped, and the operation
+    /// will not run.
     bool addOperation(std::function<void()> operation) EXCLUDES(_mutex);
     /// Waits for running operations and drops those that have not begun. Not to be called from an operation.
     void stop() EXCLUDES(_mutex);
@@ -32,6 +39,7 @@ class OperationQueue {
     [[nodiscard]] std::function<void()> _takeNext() EXCLUDES(_mutex);
 
     const std::size_t _maxConcurrent;
+    const WithoutThread _withoutThread;
     Mutex _mutex;
     Condition _changed;
     std::deque<std::function<void()>> _waiting GUARDED_BY(_mutex);

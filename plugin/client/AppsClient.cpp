@@ -29,8 +29,8 @@ std::unique_ptr<AppsClient> AppsClient::init(const Platform& platform) {
 
 AppsClient::AppsClient(const Platform& platform) noexcept
     : _platform(platform), _log(platform.log), _pendingRetries(platform.scheduler),
-      _installOperationQueue(concurrentInstalls), _backupManager(platform.backupManagers.init()),
-      _accessQueue(std::string(plugInIdentifier)) {
+      _installOperationQueue(concurrentInstalls, WithoutThread::runsAtOnce),
+      _backupManager(platform.backupManagers.init()), _accessQueue(std::string(plugInIdentifier)) {
     _platform.workspaces.defaultWorkspace().addObserver(this);
     _platform.transactionLog.initializeWithLog(
         std::make_shared<const SystemLog>(SystemLog{"com.zuvex.appinstallation", "qrd.appsync"}));

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <latch>
 #include <memory>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -197,8 +198,21 @@ class NoMoreThreads {
     pthread_attr_t _usual{};
 };
 
-TEST(OperationQueue, RunsAnOperationAtOnceWhereNoThreadCanBeStarted) {
+TEST(OperationQueue, TakesNoOperationWhereNoThreadCanBeStarted) {
     OperationQueue queue(2);
+    bool hasRun = false;
+    {
+        const NoMoreThreads noMore;
+        EXPECT_THROW(queue.addOperation([&] { hasRun = true; }), std::system_error);
+    }
+    Semaphore done;
+    EXPECT_TRUE(queue.addOperation([&] { done.signal(); }));
+    EXPECT_TRUE(done.wait(std::chrono::minutes(1)));
+    EXPECT_FALSE(hasRun);
+}
+
+TEST(OperationQueue, RunsAnOperationAtOnceWhereNoThreadCanBeStartedIfItMay) {
+    OperationQueue queue(2, WithoutThread::runsAtOnce);
     const NoMoreThreads noMore;
     std::thread::id runner;
     EXPECT_TRUE(queue.addOperation([&] { runner = std::this_thread::get_id(); }));

@@ -4,7 +4,8 @@
 
 namespace appsync {
 
-OperationQueue::OperationQueue(std::size_t maxConcurrentOperationCount) : _maxConcurrent(maxConcurrentOperationCount) {}
+OperationQueue::OperationQueue(std::size_t maxConcurrentOperationCount, WithoutThread withoutThread)
+    : _maxConcurrent(maxConcurrentOperationCount), _withoutThread(withoutThread) {}
 
 OperationQueue::~OperationQueue() {
     stop();
