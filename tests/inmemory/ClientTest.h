@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -48,6 +50,24 @@ class ClientTest : public testing::Test {
 
     /// The journal since the last look, which it empties.
     Lines journal() { return world.journal.take(); }
+
+    /// Parts of a journal, one after the other.
+    static Lines join(std::initializer_list<Lines> parts) {
+        Lines all;
+        for (const Lines& part : parts) {
+            all.insert(all.end(), part.begin(), part.end());
+        }
+        return all;
+    }
+    static Lines join(const Lines& first, const Lines& second) { return join({first, second}); }
+    static bool has(const Lines& lines, const std::string& line) {
+        return std::ranges::find(lines, line) != lines.end();
+    }
+    /// The journal's line for a step of the transaction log, for the app "a".
+    static std::string step(int number, int phase, bool success, const std::string& description) {
+        return "transactions.logStep(" + std::to_string(number) + ", party 1, phase " + std::to_string(phase) +
+               ", success " + (success ? "1" : "0") + ", a, \"" + description + "\")";
+    }
 
     /// Puts a to-do list into the work area: pairs of identifier and operation.
     void putToDoList(const std::vector<std::pair<std::string, std::string>>& records) {

@@ -25,13 +25,6 @@ class SideQueries : public inmemory::ClientTest {
     static Lines readings(const std::string& identifier) {
         return {"files.readFile(" + pathOf(identifier) + ")", "plist.parse()"};
     }
-    static Lines join(std::initializer_list<Lines> parts) {
-        Lines all;
-        for (const Lines& part : parts) {
-            all.insert(all.end(), part.begin(), part.end());
-        }
-        return all;
-    }
 };
 
 // Metrics.

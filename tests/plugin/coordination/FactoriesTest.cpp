@@ -24,10 +24,6 @@ class Factories : public inmemory::ClientTest {
                                              const KXAppInstallCoordinatorPtr& owner) {
         return client()._createAppAssetPromiseForBundleIdentifier_atPath_andAddToCoordinatinator("a", path, owner);
     }
-    static std::string step(int number, int phase, bool success, const std::string& description) {
-        return "transactions.logStep(" + std::to_string(number) + ", party 1, phase " + std::to_string(phase) +
-               ", success " + (success ? "1" : "0") + ", a, \"" + description + "\")";
-    }
     ErrorPtr error;
 };
 

@@ -26,20 +26,6 @@ class InstallPreparation : public inmemory::ClientTest {
     bool prepare(bool existingApp = false) {
         return client().prepareAppForInstallUsingCoordination_existingApp(asset, existingApp);
     }
-    static std::string step(int number, int phase, bool success, const std::string& description) {
-        return "transactions.logStep(" + std::to_string(number) + ", party 1, phase " + std::to_string(phase) +
-               ", success " + (success ? "1" : "0") + ", a, \"" + description + "\")";
-    }
-    static Lines join(std::initializer_list<Lines> parts) {
-        Lines all;
-        for (const Lines& part : parts) {
-            all.insert(all.end(), part.begin(), part.end());
-        }
-        return all;
-    }
-    static bool has(const Lines& lines, const std::string& line) {
-        return std::ranges::find(lines, line) != lines.end();
-    }
 
     const Dictionary info{{"k", "v"}, {"PDApplicationLaunchProhibited", true}};
     const Dictionary metadata{{"title", "T"}};

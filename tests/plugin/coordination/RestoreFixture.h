@@ -15,20 +15,6 @@ using inmemory::Lines;
 class RestoreFixture : public inmemory::ClientTest {
   protected:
     void SetUp() override { start(); }
-    static std::string step(int number, int phase, bool success, const std::string& description) {
-        return "transactions.logStep(" + std::to_string(number) + ", party 1, phase " + std::to_string(phase) +
-               ", success " + (success ? "1" : "0") + ", a, \"" + description + "\")";
-    }
-    static Lines join(std::initializer_list<Lines> parts) {
-        Lines all;
-        for (const Lines& part : parts) {
-            all.insert(all.end(), part.begin(), part.end());
-        }
-        return all;
-    }
-    static bool has(const Lines& lines, const std::string& line) {
-        return std::ranges::find(lines, line) != lines.end();
-    }
     static Lines madePlaceholder(int installType, const std::string& name = "Title") {
         const std::string type = std::to_string(installType);
         return {step(4, 1, true, "Create placeholder"),

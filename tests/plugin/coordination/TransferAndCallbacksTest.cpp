@@ -36,10 +36,6 @@ class CoordinatedTransfer : public inmemory::ClientTest {
                         ", a, \"Finished creating coordinator\")");
         return lines;
     }
-    static Lines join(Lines first, const Lines& second) {
-        first.insert(first.end(), second.begin(), second.end());
-        return first;
-    }
     QRAssetPtr asset;
 };
 

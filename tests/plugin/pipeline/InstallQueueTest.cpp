@@ -36,10 +36,6 @@ class InstallQueue : public inmemory::ClientTest {
                 "log: a install succeeded", "files.readFile(" + std::string(paths::toDoList) + ")",
                 "files.readFile(" + std::string(paths::restoreState) + ")"};
     }
-    static Lines join(Lines first, const Lines& second) {
-        first.insert(first.end(), second.begin(), second.end());
-        return first;
-    }
 
     /// Of this process.
     static std::ptrdiff_t numberOfThreads() {

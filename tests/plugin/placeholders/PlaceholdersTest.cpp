@@ -192,13 +192,6 @@ class OwnPlaceholder : public inmemory::ClientTest {
         return std::string("transactions.logScenario(\"Install placeholder\", step 0, success ") +
                (success ? "1" : "0") + ", a, \"" + description + "\")";
     }
-    static Lines join(std::initializer_list<Lines> parts) {
-        Lines all;
-        for (const Lines& part : parts) {
-            all.insert(all.end(), part.begin(), part.end());
-        }
-        return all;
-    }
     QRAssetPtr asset;
 };
 

@@ -36,13 +36,6 @@ class RestoreInfo : public inmemory::ClientTest {
         }
         return identifiers;
     }
-    static Lines join(std::initializer_list<Lines> parts) {
-        Lines all;
-        for (const Lines& part : parts) {
-            all.insert(all.end(), part.begin(), part.end());
-        }
-        return all;
-    }
 
     const Lines begin{"notify.register(com.zuvex.skellan.qrd.wsyncnotify)",
                       "log: Notifying SK we are starting syncing",

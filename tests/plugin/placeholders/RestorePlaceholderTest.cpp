@@ -20,13 +20,6 @@ class RestorePlaceholder : public inmemory::ClientTest {
     bool process() { return process(plist(metadata)); }
     /// The Info file of the placeholder, as it prints.
     std::string writtenInfo() const { return world.files.plistAt(bundle + "/Info.plist")->description(); }
-    static Lines join(std::initializer_list<Lines> parts) {
-        Lines all;
-        for (const Lines& part : parts) {
-            all.insert(all.end(), part.begin(), part.end());
-        }
-        return all;
-    }
     static std::string transaction(bool success, const std::string& description) {
         return std::string("transactions.logScenario(\"Tamblin App Restore\", step 0, success ") +
                (success ? "1" : "0") + ", a, \"" + description + "\")";

@@ -30,13 +30,6 @@ class Planning : public inmemory::ClientTest {
         world.files.putPlist(work + "/" + identifier + "/Info.plist", info);
         world.files.putFolder(paths::applicationSync);
     }
-    static Lines join(std::initializer_list<Lines> parts) {
-        Lines all;
-        for (const Lines& part : parts) {
-            all.insert(all.end(), part.begin(), part.end());
-        }
-        return all;
-    }
     /// The journal from the start to the icon order, for a to-do list as it prints and the messages about its records.
     static Lines start_(const std::string& toDoList, const std::string& preExisting, const std::string& wanted,
                         const Lines& records) {
