@@ -20,6 +20,9 @@ enum class QRErrorCode : std::int64_t {
 
 namespace coordination {
 
+/// The install target type of every coordinated install and restore.
+inline constexpr std::uint32_t installTargetType = 1;
+
 /// The reason that a cancellation carries.
 inline ErrorPtr cancellation(QRErrorCode code) {
     return Error::make(QRErrorDomain, static_cast<std::int64_t>(code));

@@ -5,13 +5,11 @@
 #include "plugin/client/Paths.h"
 #include "plugin/client/PropertyListFile.h"
 #include "plugin/coordination/Coordination.h"
+#include "plugin/placeholders/PlaceholderBundle.h"
 
 namespace appsync {
 
 namespace {
-
-constexpr std::uint32_t installTargetType = 1;
-const FileAttributes mobileAttributes{"mobile", "mobile"};
 
 /// One coordinated install: what it is prepared from, and what its preparation has obtained so far.
 class InstallPreparation {
@@ -108,7 +106,7 @@ bool InstallPreparation::_setInstallOptions() {
     TVInstallOptions options;
     options.setTamblinMetadata(_storeMetadata);
     options.setRegistryInstallType(PDInstallTypeSync);
-    options.setInstallTargetType(installTargetType);
+    options.setInstallTargetType(coordination::installTargetType);
     if (!_coordinator->setInstallOptions_error(options, &_error)) {
         _log.error("Error %{public}@ setting install options on coordinator for '%{public}@'", _error,
                    _bundleIdentifier);
@@ -136,7 +134,7 @@ bool InstallPreparation::_setPlaceholderPromise() {
     const std::string iconPath = paths::join(directory, "Icon.png");
     std::uint64_t iconSize = 0;
     if (_client.createPlaceHolderPath_forBundleIdentifier_withAttributes(directory, _bundleIdentifier,
-                                                                         mobileAttributes) &&
+                                                                         placeholderBundle::attributes) &&
         _iconPath) {
         iconSize = _copyIcon(iconPath);
     }

@@ -12,8 +12,6 @@ using coordination::logStep;
 
 namespace {
 
-constexpr std::uint32_t installTargetType = 1;
-
 /// One coordinated restore: what it is prepared from, and what its preparation has obtained so far.
 class RestorePreparation {
   public:
@@ -119,7 +117,7 @@ bool RestorePreparation::_setInstallOptions() {
     TVInstallOptions options;
     options.setSinfData(_sinfData);
     options.setRegistryInstallType(PDInstallTypeRestore);
-    options.setInstallTargetType(installTargetType);
+    options.setInstallTargetType(coordination::installTargetType);
     options.setTamblinMetadata(TVStoreMetadata{_metadata});
     if (_coordinator == nullptr || !_coordinator->setInstallOptions_error(options, &_error)) {
         _log.error("Error %{public}@ setting install options for '%{public}@'", _error, _bundleIdentifier);

@@ -5,12 +5,11 @@
 #include "plugin/coordination/Coordination.h"
 #include "plugin/coordination/DemotionStatus.h"
 #include "plugin/coordination/StoreMetadata.h"
+#include "plugin/placeholders/PlaceholderBundle.h"
 
 namespace appsync {
 
 namespace {
-
-const FileAttributes mobileAttributes{"mobile", "mobile"};
 
 std::uint64_t installTypeFor(std::uint64_t demotionStatus) {
     switch (demotionStatus) {
@@ -60,13 +59,14 @@ KXPlaceholderPtr AppsClient::_placeHolderForBundleIdentifier_withTamblinMetadata
     const std::optional<Data>& iconData, std::uint64_t demotionStatus) {
     const std::string name = storeMetadata::name(metadata).value_or(std::string(bundleIdentifier));
     const std::string directory = placeholderAppPathForBundleIdentifier(bundleIdentifier);
-    if (!createPlaceHolderPath_forBundleIdentifier_withAttributes(directory, bundleIdentifier, mobileAttributes)) {
+    if (!createPlaceHolderPath_forBundleIdentifier_withAttributes(directory, bundleIdentifier,
+                                                                  placeholderBundle::attributes)) {
         return nullptr;
     }
     const std::string iconPath = paths::join(directory, "Icon.png");
     std::uint64_t iconSize = 0;
-    writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(iconData, iconPath, &iconSize,
-                                                                              bundleIdentifier, mobileAttributes);
+    writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(
+        iconData, iconPath, &iconSize, bundleIdentifier, placeholderBundle::attributes);
     auto placeholder =
         _placeHolderForBundleIdentifier_name_installType(bundleIdentifier, name, installTypeFor(demotionStatus));
     if (placeholder == nullptr) {
