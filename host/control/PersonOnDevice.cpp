@@ -26,11 +26,11 @@ std::string PersonOnDevice::prioritize(const std::string& app) {
 }
 
 std::string PersonOnDevice::cancel(const std::string& app) {
-    _outcomes.willBeCancelled(app); // before the first report of it can arrive
+    _outcomes.expectCancel(app); // before the first report of it can arrive
     if (_device.coordinationIsEnabled() ? _device.coordinator().cancelByUser(app) : _cancelWithoutCoordination(app)) {
         return "";
     }
-    _outcomes.wasNotCancelled(app);
+    _outcomes.withdrawCancel(app);
     return notUnderWay(app);
 }
 

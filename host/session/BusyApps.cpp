@@ -18,13 +18,13 @@ class BusyApps::Retry final : public ScheduledTask {
         : identifier(std::move(app)), time(when), _task(std::move(task)) {}
 
     void wait(std::shared_ptr<ScheduledTask> timer) {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _timer = std::move(timer);
     }
     void run() const { _task(); }
     bool cancel() noexcept override {
         const auto timer = [this] {
-            const std::lock_guard lock(_mutex);
+            const Lock lock(_mutex);
             return _timer;
         }();
         return timer != nullptr && timer->cancel();
@@ -35,13 +35,13 @@ class BusyApps::Retry final : public ScheduledTask {
 
   private:
     const std::function<void()> _task;
-    std::mutex _mutex;
-    std::shared_ptr<ScheduledTask> _timer;
+    Mutex _mutex;
+    std::shared_ptr<ScheduledTask> _timer GUARDED_BY(_mutex);
 };
 
 void BusyApps::cancel(std::string_view identifier) {
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _cancelled.emplace(identifier);
     }
     _tryNow([&](const std::string& app) { return app == identifier; });
@@ -49,7 +49,7 @@ void BusyApps::cancel(std::string_view identifier) {
 
 void BusyApps::giveUp() {
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _hasGivenUp = true;
     }
     _tryNow([](const std::string&) { return true; });
@@ -58,7 +58,7 @@ void BusyApps::giveUp() {
 void BusyApps::_tryNow(const std::function<bool(const std::string& identifier)>& isMeant) {
     std::vector<std::shared_ptr<Retry>> retries;
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         retries = _retries;
     }
     for (const auto& retry : retries) {
@@ -70,7 +70,7 @@ void BusyApps::_tryNow(const std::function<bool(const std::string& identifier)>&
 
 void BusyApps::_wait(const std::shared_ptr<Retry>& retry, std::chrono::milliseconds delay) {
     retry->wait(_scheduler.runAfter(delay, [this, retry] {
-        _isTried(*retry);
+        _forget(*retry);
         retry->run();
     }));
 }
@@ -89,7 +89,7 @@ BusyApps::SKSApplicationTerminationAssertionCreateWithError(std::string_view bun
     }
     auto assertion = _homeScreen.SKSApplicationTerminationAssertionCreateWithError(bundleIdentifier, reason, &code);
     *errorCode = code;
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (code == SKSTerminationAssertionDenied) {
         _justDenied[std::this_thread::get_id()] = bundleIdentifier;
     } else {
@@ -100,16 +100,19 @@ BusyApps::SKSApplicationTerminationAssertionCreateWithError(std::string_view bun
 
 std::shared_ptr<ScheduledTask> BusyApps::runAfter(std::chrono::milliseconds delay,
                                                   std::function<void()> task) noexcept {
-    std::unique_lock lock(_mutex);
-    auto denied = _justDenied.extract(std::this_thread::get_id());
+    const auto denied = [this] {
+        const Lock lock(_mutex);
+        return _justDenied.extract(std::this_thread::get_id());
+    }();
     if (denied.empty()) {
-        lock.unlock();
         return _scheduler.runAfter(delay, std::move(task));
     }
     const auto retry =
-        std::make_shared<Retry>(std::move(denied.mapped()), std::chrono::system_clock::now() + delay, std::move(task));
-    _retries.push_back(retry);
-    lock.unlock();
+        std::make_shared<Retry>(denied.mapped(), std::chrono::system_clock::now() + delay, std::move(task));
+    {
+        const Lock lock(_mutex);
+        _retries.push_back(retry);
+    }
     _listener(retry->identifier, retry->time);
     _wait(retry, delay);
     if (_isGivingUp() || _isCancelled(retry->identifier)) { // perhaps since before its timer could be found
@@ -119,17 +122,17 @@ std::shared_ptr<ScheduledTask> BusyApps::runAfter(std::chrono::milliseconds dela
 }
 
 bool BusyApps::_isCancelled(std::string_view identifier) const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _cancelled.contains(identifier);
 }
 
 bool BusyApps::_isGivingUp() const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _hasGivenUp;
 }
 
-void BusyApps::_isTried(const Retry& retry) {
-    const std::lock_guard lock(_mutex);
+void BusyApps::_forget(const Retry& retry) {
+    const Lock lock(_mutex);
     std::erase_if(_retries, [&](const auto& one) { return one.get() == &retry; });
 }
 

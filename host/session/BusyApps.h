@@ -4,13 +4,13 @@
 // again later. This stands between the plug-in and both services, and so knows who waits and until when.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "platform/HomeScreen.h"
 #include "platform/Scheduler.h"
 
 #include <chrono>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
@@ -54,16 +54,17 @@ class BusyApps final : public HomeScreen, public Scheduler {
     [[nodiscard]] bool _isCancelled(std::string_view identifier) const;
     void _tryNow(const std::function<bool(const std::string& identifier)>& isMeant);
     void _wait(const std::shared_ptr<Retry>& retry, std::chrono::milliseconds delay);
-    void _isTried(const Retry& retry);
+    void _forget(const Retry& retry);
 
     HomeScreen& _homeScreen;
     Scheduler& _scheduler;
     const Listener _listener;
-    mutable std::mutex _mutex; // guards the rest
-    bool _hasGivenUp = false;
-    std::set<std::string, std::less<>> _cancelled;
-    std::map<std::thread::id, std::string> _justDenied; // the app whose retry a thread is about to ask for
-    std::vector<std::shared_ptr<Retry>> _retries;
+    mutable Mutex _mutex;
+    bool _hasGivenUp GUARDED_BY(_mutex) = false;
+    std::set<std::string, std::less<>> _cancelled GUARDED_BY(_mutex);
+    std::map<std::thread::id, std::string>
+        _justDenied GUARDED_BY(_mutex); // the app whose retry a thread is about to ask for
+    std::vector<std::shared_ptr<Retry>> _retries GUARDED_BY(_mutex);
 };
 
 } // namespace appsync::host

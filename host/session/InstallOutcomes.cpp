@@ -6,32 +6,32 @@ namespace appsync::host {
 
 void InstallOutcomes::installEnded(std::string_view identifier, const ErrorPtr& error) {
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _outcomes[std::string(identifier)] = error;
     }
     _listener(identifier, error);
 }
 
 std::optional<ErrorPtr> InstallOutcomes::outcomeOf(std::string_view identifier) const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const auto found = _outcomes.find(identifier);
     return found != _outcomes.end() ? std::optional(found->second) : std::nullopt;
 }
 
-void InstallOutcomes::willBeCancelled(std::string_view identifier) {
-    const std::lock_guard lock(_mutex);
+void InstallOutcomes::expectCancel(std::string_view identifier) {
+    const Lock lock(_mutex);
     _cancelled.emplace(identifier);
 }
 
-void InstallOutcomes::wasNotCancelled(std::string_view identifier) {
-    const std::lock_guard lock(_mutex);
+void InstallOutcomes::withdrawCancel(std::string_view identifier) {
+    const Lock lock(_mutex);
     if (const auto cancelled = _cancelled.find(identifier); cancelled != _cancelled.end()) {
         _cancelled.erase(cancelled);
     }
 }
 
 bool InstallOutcomes::isCancelled(std::string_view identifier) const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _cancelled.contains(identifier);
 }
 
@@ -46,12 +46,12 @@ void InstallOutcomes::coordinator_canceledWithReason_client(const KXAppInstallCo
 }
 
 void ObservedWorkspace::refuse(std::string_view bundleIdentifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _refused.emplace(bundleIdentifier);
 }
 
 bool ObservedWorkspace::_isRefused(std::string_view bundleIdentifier) const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _refused.contains(bundleIdentifier);
 }
 

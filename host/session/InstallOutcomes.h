@@ -1,12 +1,12 @@
 // How each install of a sync ended, as the device's services report it.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "platform/ApplicationRegistry.h"
 #include "platform/InstallCoordinator.h"
 
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -23,13 +23,13 @@ class InstallOutcomes final : public KXAppInstallObserverDelegate {
     explicit InstallOutcomes(Listener listener) : _listener(std::move(listener)) {}
 
     void installEnded(std::string_view identifier, const ErrorPtr& error);
-    /// The outcome of an app's install: an error, or null for success; nothing while it has not ended.
+    /// The outcome of an app's install: an error, or null for success; nullopt while it has not ended.
     [[nodiscard]] std::optional<ErrorPtr> outcomeOf(std::string_view identifier) const;
 
     /// A person is about to take an app's install back; what is reported of it from now on is a cancel.
-    void willBeCancelled(std::string_view identifier);
+    void expectCancel(std::string_view identifier);
     /// There was nothing to take back.
-    void wasNotCancelled(std::string_view identifier);
+    void withdrawCancel(std::string_view identifier);
     [[nodiscard]] bool isCancelled(std::string_view identifier) const;
 
     void coordinatorDidCompleteSuccessfully(const KXAppInstallCoordinatorPtr& coordinator) noexcept override;
@@ -38,9 +38,9 @@ class InstallOutcomes final : public KXAppInstallObserverDelegate {
 
   private:
     const Listener _listener;
-    mutable std::mutex _mutex;
-    std::map<std::string, ErrorPtr, std::less<>> _outcomes;
-    std::set<std::string, std::less<>> _cancelled;
+    mutable Mutex _mutex;
+    std::map<std::string, ErrorPtr, std::less<>> _outcomes GUARDED_BY(_mutex);
+    std::set<std::string, std::less<>> _cancelled GUARDED_BY(_mutex);
 };
 
 /// The registry's workspace as the plug-in gets it: passes every call on, and tells how installs ended. Any thread.
@@ -74,8 +74,8 @@ class ObservedWorkspace final : public PDApplicationWorkspace, public PDApplicat
 
     PDApplicationWorkspace& _workspace;
     InstallOutcomes& _outcomes;
-    mutable std::mutex _mutex; // guards the rest
-    std::set<std::string, std::less<>> _refused;
+    mutable Mutex _mutex;
+    std::set<std::string, std::less<>> _refused GUARDED_BY(_mutex);
 };
 
 } // namespace appsync::host

@@ -8,7 +8,7 @@
 namespace appsync::host {
 
 QRAssetPtr TransferQueue::next() {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (_waiting.empty()) {
         _underWay.clear();
         return nullptr;
@@ -20,7 +20,7 @@ QRAssetPtr TransferQueue::next() {
 }
 
 bool TransferQueue::prioritize(std::string_view identifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const auto found = std::ranges::find(_waiting, identifier, [](const auto& asset) { return asset->identifier; });
     if (found == _waiting.end()) {
         return false;
@@ -30,7 +30,7 @@ bool TransferQueue::prioritize(std::string_view identifier) {
 }
 
 bool TransferQueue::cancel(std::string_view identifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const bool waits =
         std::ranges::any_of(_waiting, [&](const auto& asset) { return asset->identifier == identifier; });
     if (!waits && _underWay != identifier) {
@@ -41,12 +41,12 @@ bool TransferQueue::cancel(std::string_view identifier) {
 }
 
 bool TransferQueue::isCancelled(std::string_view identifier) const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _cancelled.contains(identifier);
 }
 
 void DeviceService::setQueue(std::shared_ptr<TransferQueue> queue) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _queue = std::move(queue);
 }
 
@@ -78,7 +78,7 @@ void DeviceService::cancelAssetTransferForFailedAsset(const QRAssetPtr& asset) n
 }
 
 std::shared_ptr<TransferQueue> DeviceService::_currentQueue() {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _queue;
 }
 

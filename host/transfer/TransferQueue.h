@@ -1,13 +1,13 @@
 // The assets that a sync still has to fetch, in their order, and what a person does to them meanwhile.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "platform/Asset.h"
 #include "platform/SyncHost.h"
 
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
@@ -39,10 +39,10 @@ class TransferQueue {
     [[nodiscard]] bool isCancelled(std::string_view identifier) const;
 
   private:
-    mutable std::mutex _mutex;
-    std::deque<QRAssetPtr> _waiting;
-    std::string _underWay; // identifier, empty when none is
-    std::set<std::string, std::less<>> _cancelled;
+    mutable Mutex _mutex;
+    std::deque<QRAssetPtr> _waiting GUARDED_BY(_mutex);
+    std::string _underWay GUARDED_BY(_mutex); // identifier, empty when none is
+    std::set<std::string, std::less<>> _cancelled GUARDED_BY(_mutex);
 };
 
 /// The host's device service: passes requests on to the queue of the sync that runs. Any thread.
@@ -65,8 +65,8 @@ class DeviceService final : public QRDeviceService, public QRDeviceServiceClass 
   private:
     [[nodiscard]] std::shared_ptr<TransferQueue> _currentQueue();
 
-    std::mutex _mutex;
-    std::shared_ptr<TransferQueue> _queue;
+    Mutex _mutex;
+    std::shared_ptr<TransferQueue> _queue GUARDED_BY(_mutex);
 };
 
 /// Which errors a later sync may get past: those of an ended sync and of a full disk. `EINVAL`, with which the plug-in

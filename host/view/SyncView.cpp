@@ -50,7 +50,7 @@ SyncView::Style SyncView::styleFor(int descriptor) {
 }
 
 void SyncView::began(std::vector<AppStatus> apps) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _status.apps = std::move(apps);
     for (std::size_t place = 0; place < _status.apps.size(); ++place) {
         _places[_status.apps[place].identifier] = place;
@@ -58,7 +58,7 @@ void SyncView::began(std::vector<AppStatus> apps) {
 }
 
 void SyncView::transferBegan(std::string_view identifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     AppStatus& app = _app(identifier);
     app.stage = AppStage::transferring;
     _underWay.emplace_back(identifier);
@@ -69,13 +69,13 @@ void SyncView::transferBegan(std::string_view identifier) {
 }
 
 void SyncView::transferring(std::string_view identifier, double fraction) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _app(identifier).fraction = fraction;
     _drawBars();
 }
 
 void SyncView::transferEnded(std::string_view identifier, const ErrorPtr& error) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     AppStatus& app = _app(identifier);
     if (error != nullptr) {
         _end(app, error);
@@ -88,7 +88,7 @@ void SyncView::transferEnded(std::string_view identifier, const ErrorPtr& error)
 
 void SyncView::installWaits(std::string_view identifier, const std::string& reason,
                             std::chrono::system_clock::time_point nextTry) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     AppStatus& app = _app(identifier);
     app.stage = AppStage::waiting;
     app.reason = reason;
@@ -100,25 +100,25 @@ void SyncView::installWaits(std::string_view identifier, const std::string& reas
 }
 
 void SyncView::installEnded(std::string_view identifier, const ErrorPtr& error) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _end(_app(identifier), error);
     _drawBars();
 }
 
 void SyncView::note(const std::string& sentence) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _line("note: " + sentence);
     _drawBars();
 }
 
 void SyncView::ended() {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _eraseBars();
     _out.flush();
 }
 
 SyncStatus SyncView::status() const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _status;
 }
 

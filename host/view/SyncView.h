@@ -1,13 +1,13 @@
 // Follows a sync while it runs and shows it: progress bars on a terminal, otherwise plain lines.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "host/view/SyncStatus.h"
 #include "values/Error.h"
 
 #include <chrono>
 #include <cstddef>
 #include <iosfwd>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -41,19 +41,19 @@ class SyncView {
     [[nodiscard]] SyncStatus status() const;
 
   private:
-    [[nodiscard]] AppStatus& _app(std::string_view identifier);
-    void _end(AppStatus& app, const ErrorPtr& error);
-    void _line(const std::string& text);
-    void _drawBars();
-    void _eraseBars();
+    [[nodiscard]] AppStatus& _app(std::string_view identifier) REQUIRES(_mutex);
+    void _end(AppStatus& app, const ErrorPtr& error) REQUIRES(_mutex);
+    void _line(const std::string& text) REQUIRES(_mutex);
+    void _drawBars() REQUIRES(_mutex);
+    void _eraseBars() REQUIRES(_mutex);
 
     std::ostream& _out;
     const Style _style;
-    mutable std::mutex _mutex; // guards the rest
-    SyncStatus _status;
-    std::unordered_map<std::string, std::size_t> _places; // of the apps in the status
-    std::vector<std::string> _underWay;                   // in the order in which their transfers began
-    std::size_t _drawnLines = 0;
+    mutable Mutex _mutex;
+    SyncStatus _status GUARDED_BY(_mutex);
+    std::unordered_map<std::string, std::size_t> _places GUARDED_BY(_mutex); // of the apps in the status
+    std::vector<std::string> _underWay GUARDED_BY(_mutex); // in the order in which their transfers began
+    std::size_t _drawnLines GUARDED_BY(_mutex) = 0;
 };
 
 } // namespace appsync::host
