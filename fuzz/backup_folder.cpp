@@ -61,12 +61,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     constexpr std::string_view noApps = "<plist version=\"1.0\"><dict/></plist>";
     for (const std::string_view apps : {input, noApps}) {
         write(folder.path(), apps, input);
-        appsync::ErrorPtr error;
-        const BackupFolder backup(folder.path().string(), &error);
-        expect(backup.isOpen() && error == nullptr, "the folder can be opened");
+        const auto backup = BackupFolder::open(folder.path().string());
+        require(bool(backup), "the folder can be opened");
         appsync::PropertyListCodec lists;
-        const auto content = backup.read(lists, &error);
-        expect(content.has_value() == (error == nullptr), "it is read, or it is told why not");
+        const auto content = backup->read(lists);
         if (content) {
             expectUsable(*content);
         }

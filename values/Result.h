@@ -3,6 +3,7 @@
 
 #include "values/Error.h"
 
+#include <cassert>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -13,18 +14,27 @@ template <class T> class [[nodiscard]] Result {
   public:
     Result(T value) : _value(std::move(value)) {}
     /// The error must not be null.
-    Result(ErrorPtr error) : _error(std::move(error)) {}
+    Result(ErrorPtr error) : _error(std::move(error)) { assert(_error != nullptr); }
 
     explicit operator bool() const noexcept { return _value.has_value(); }
     // Only of a success:
-    T& operator*() noexcept { return *_value; }
-    const T& operator*() const noexcept { return *_value; }
-    T* operator->() noexcept { return &*_value; }
-    const T* operator->() const noexcept { return &*_value; }
+    T& operator*() noexcept { return _checked(); }
+    const T& operator*() const noexcept { return _checked(); }
+    T* operator->() noexcept { return &_checked(); }
+    const T* operator->() const noexcept { return &_checked(); }
     /// Null after a success.
     [[nodiscard]] const ErrorPtr& error() const noexcept { return _error; }
 
   private:
+    T& _checked() noexcept {
+        assert(_value.has_value());
+        return *_value;
+    }
+    const T& _checked() const noexcept {
+        assert(_value.has_value());
+        return *_value;
+    }
+
     std::optional<T> _value;
     ErrorPtr _error;
 };

@@ -27,8 +27,8 @@ class ListReader {
     ListReader(int folder, const std::string& path, PropertyListSerialization& propertyLists)
         : _folder(folder), _path(path), _propertyLists(propertyLists) {}
 
-    /// The property list in a file; nothing, and a sentence in `problem`, when there is none.
-    std::optional<Value> read(std::string_view name, std::string& problem) {
+    /// The property list in a file.
+    Result<Value> read(std::string_view name) {
         const std::string shown = pathOf(name);
         Descriptor file;
         std::string bytes;
@@ -40,17 +40,23 @@ class ListReader {
             failed = readAll(file.get(), largestList, bytes);
         }
         if (failed != 0) {
-            problem = "'" + shown + "' cannot be read: " + reasonOf(failed) + ".";
-            return std::nullopt;
+            return hostError("'" + shown + "' cannot be read: " + reasonOf(failed) + ".");
         }
         if (bytes.empty()) {
-            problem = "'" + shown + "' is empty.";
-            return std::nullopt;
+            return hostError("'" + shown + "' is empty.");
         }
         ErrorPtr error;
         auto list = _propertyLists.propertyListWithData(bytes, &error);
         if (!list) {
-            problem = "'" + shown + "' is no property list" + textOf(error);
+            return hostError("'" + shown + "' is no property list" + textOf(error));
+        }
+        return std::move(*list);
+    }
+    /// Likewise, and it must be a dictionary.
+    Result<Value> readDictionary(std::string_view name) {
+        auto list = read(name);
+        if (list && list->dictionary() == nullptr) {
+            return hostError("'" + pathOf(name) + "' is no dictionary.");
         }
         return list;
     }
@@ -113,29 +119,26 @@ void readEntry(const Value& value, PropertyListSerialization& propertyLists, Bac
 }
 
 void readDemoted(ListReader& lists, BackupContent& content) {
-    std::string problem;
-    const auto list = lists.read(DemotedAppsName, problem);
-    content.demoted = list ? device::DemotionLists::fromPropertyList(*list) : std::nullopt;
-    if (list && !content.demoted) {
-        problem = "'" + lists.pathOf(DemotedAppsName) + "' is no dictionary.";
-    }
-    if (!problem.empty()) {
-        content.problems.push_back(problem + " No app counts as demoted.");
+    const auto list = lists.readDictionary(DemotedAppsName);
+    if (list) {
+        content.demoted = device::DemotionLists::fromPropertyList(*list);
+    } else {
+        content.problems.push_back(errorText(list.error()) + " No app counts as demoted.");
     }
 }
 
 void readIconState(ListReader& lists, BackupContent& content) {
-    std::string problem;
-    auto list = lists.read(IconStateName, problem);
-    std::string reason;
-    if (list && !device::IconLayout::fromPropertyList(*list, reason)) {
+    auto list = lists.read(IconStateName);
+    std::string problem = list ? "" : errorText(list.error());
+    if (list) {
+        std::string reason;
+        if (device::IconLayout::fromPropertyList(*list, reason)) {
+            content.iconState = std::move(*list);
+            return;
+        }
         problem = "'" + lists.pathOf(IconStateName) + "' is no icon layout: " + reason + ".";
-        list.reset();
     }
-    content.iconState = std::move(list);
-    if (!problem.empty()) {
-        content.problems.push_back(problem + " The icons are not arranged.");
-    }
+    content.problems.push_back(problem + " The icons are not arranged.");
 }
 
 ErrorPtr noBackup(const std::string& problem, const std::string& path) {
@@ -144,23 +147,19 @@ ErrorPtr noBackup(const std::string& problem, const std::string& path) {
 
 } // namespace
 
-BackupFolder::BackupFolder(const std::string& path, ErrorPtr* error)
-    : _path(path), _folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (!_folder.isOpen()) {
-        *error = noBackup("'" + path + "' cannot be read: " + std::strerror(errno) + ".", path);
+Result<BackupFolder> BackupFolder::open(const std::string& path) {
+    Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.isOpen()) {
+        return noBackup("'" + path + "' cannot be read: " + std::strerror(errno) + ".", path);
     }
+    return BackupFolder(path, std::move(folder));
 }
 
-std::optional<BackupContent> BackupFolder::read(PropertyListSerialization& propertyLists, ErrorPtr* error) const {
+Result<BackupContent> BackupFolder::read(PropertyListSerialization& propertyLists) const {
     ListReader lists(_folder.get(), _path, propertyLists);
-    std::string problem;
-    const auto info = lists.read(RestoreInfoName, problem);
-    if (info && info->dictionary() == nullptr) {
-        problem = "'" + lists.pathOf(RestoreInfoName) + "' is no dictionary.";
-    }
-    if (!problem.empty()) {
-        *error = noBackup(problem, lists.pathOf(RestoreInfoName));
-        return std::nullopt;
+    const auto info = lists.readDictionary(RestoreInfoName);
+    if (!info) {
+        return noBackup(errorText(info.error()), lists.pathOf(RestoreInfoName));
     }
     BackupContent content;
     for (const auto& [identifier, entry] : *info->dictionary()) {
@@ -177,9 +176,19 @@ std::string BackupFolder::dataPath(const std::string& identifier) const {
     return _path + "/" + std::string(BackupDataName) + "/" + identifier;
 }
 
-int BackupFolder::openData(const std::string& identifier, Descriptor& opened) const {
-    return openBeneath(_folder.get(), std::string(BackupDataName) + "/" + identifier, O_RDONLY | O_DIRECTORY, opened,
-                       RESOLVE_NO_SYMLINKS);
+Result<std::optional<Descriptor>> BackupFolder::openData(const std::string& identifier) const {
+    Descriptor opened;
+    const int failed = openBeneath(_folder.get(), std::string(BackupDataName) + "/" + identifier,
+                                   O_RDONLY | O_DIRECTORY, opened, RESOLVE_NO_SYMLINKS);
+    if (failed == ENOENT) {
+        return std::optional<Descriptor>();
+    }
+    if (failed != 0) {
+        const std::string reason =
+            failed == ELOOP ? "a symbolic link leads to it, and a backup has none" : std::strerror(failed);
+        return hostError("'" + dataPath(identifier) + "' cannot be read: " + reason + ".");
+    }
+    return std::optional(std::move(opened));
 }
 
 bool isPNG(std::string_view bytes) {

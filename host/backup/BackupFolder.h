@@ -10,8 +10,8 @@
 #include "device/screen/IconLayout.h"
 #include "device/services/DemotedApps.h"
 #include "files/Descriptor.h"
-#include "values/Error.h"
 #include "values/PropertyList.h"
+#include "values/Result.h"
 
 #include <array>
 #include <optional>
@@ -52,18 +52,18 @@ struct BackupContent {
 /// link, so that nothing outside of it is read.
 class BackupFolder {
   public:
-    /// Closed when there is no such folder; then the reason is in `error`.
-    explicit BackupFolder(const std::string& path, ErrorPtr* error);
+    [[nodiscard]] static Result<BackupFolder> open(const std::string& path);
 
-    /// Reads and checks its lists. Nothing, and the reason in `error`, when its restore info cannot be used.
-    [[nodiscard]] std::optional<BackupContent> read(PropertyListSerialization& propertyLists, ErrorPtr* error) const;
-    /// Opens the folder with an app's data; zero or an errno number. The identifier must be a usable one.
-    [[nodiscard]] int openData(const std::string& identifier, Descriptor& opened) const;
+    /// Reads and checks its lists. An error when its restore info cannot be used.
+    [[nodiscard]] Result<BackupContent> read(PropertyListSerialization& propertyLists) const;
+    /// Opens the folder with an app's data; nullopt when there is none. The identifier must be a usable one.
+    [[nodiscard]] Result<std::optional<Descriptor>> openData(const std::string& identifier) const;
     /// Where that stands, for messages.
     [[nodiscard]] std::string dataPath(const std::string& identifier) const;
-    [[nodiscard]] bool isOpen() const noexcept { return _folder.isOpen(); }
 
   private:
+    BackupFolder(std::string path, Descriptor folder) : _path(std::move(path)), _folder(std::move(folder)) {}
+
     std::string _path;
     Descriptor _folder;
 };

@@ -24,13 +24,13 @@ class TreeCopier final : public device::TreeVisitor {
     TreeCopier(const std::string& name, const std::function<bool()>& isCancelled)
         : _path(name), _isCancelled(isCancelled), _buffer(pieceSize) {}
 
-    ErrorPtr copy(Descriptor from, Descriptor to) {
+    Result<void> copy(Descriptor from, Descriptor to) {
         int failed = _target.enter(std::move(to));
         if (failed == 0) {
             failed = device::walkTree(std::move(from), *this);
         }
         if (failed == 0) {
-            return nullptr;
+            return {};
         }
         const std::string shown = _path.size() > longestPathShown ? _path.substr(0, longestPathShown) + "…" : _path;
         return hostError("'" + shown + "' cannot be copied: " + std::strerror(failed) + ".", shown);
@@ -175,7 +175,8 @@ class TreeCopier final : public device::TreeVisitor {
 
 } // namespace
 
-ErrorPtr copyTree(Descriptor from, Descriptor to, const std::string& name, const std::function<bool()>& isCancelled) {
+Result<void> copyTree(Descriptor from, Descriptor to, const std::string& name,
+                      const std::function<bool()>& isCancelled) {
     return TreeCopier(name, isCancelled).copy(std::move(from), std::move(to));
 }
 

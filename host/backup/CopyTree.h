@@ -2,7 +2,7 @@
 #pragma once
 
 #include "files/Descriptor.h"
-#include "values/Error.h"
+#include "values/Result.h"
 
 #include <functional>
 #include <string>
@@ -12,10 +12,10 @@ namespace appsync::host {
 /// Copies what is in the folder `from`, opened for reading, into the folder `to`, which must be empty; of any depth.
 /// Files, folders and symbolic links keep their content and texts; a link is never followed. Of a mode stays what an
 /// unpacked app may have: the owner's bits, reading and executing by others, and nothing that gives a program its
-/// owner's rights. Pipes, sockets and devices hold no data and are left out. Null, or why it could not be copied whole;
-/// what has been copied by then stays. `name` is the folder's in that sentence. `isCancelled` may be empty; it is asked
+/// owner's rights. Pipes, sockets and devices hold no data and are left out. After an error, what
+/// has been copied stays. `name` is the folder's in the error's sentence. `isCancelled` may be empty; it is asked
 /// again and again, and ends the copying.
-[[nodiscard]] ErrorPtr copyTree(Descriptor from, Descriptor to, const std::string& name,
-                                const std::function<bool()>& isCancelled = {});
+[[nodiscard]] Result<void> copyTree(Descriptor from, Descriptor to, const std::string& name,
+                                    const std::function<bool()>& isCancelled = {});
 
 } // namespace appsync::host

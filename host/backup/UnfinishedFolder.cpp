@@ -56,9 +56,14 @@ UnfinishedFolder::UnfinishedFolder(const std::string& final) {
     _name = path.filename().string();
     const std::string parent = path.has_parent_path() ? path.parent_path().string() : ".";
     _parent = Descriptor(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (const int failed = _parent.isOpen() ? _make() : errno) {
-        _error = writeError(_final, failed);
+}
+
+Result<std::unique_ptr<UnfinishedFolder>> UnfinishedFolder::begin(const std::string& final) {
+    std::unique_ptr<UnfinishedFolder> folder(new UnfinishedFolder(final));
+    if (const int failed = folder->_parent.isOpen() ? folder->_make() : errno) {
+        return writeError(folder->_final, failed);
     }
+    return folder;
 }
 
 UnfinishedFolder::~UnfinishedFolder() {
@@ -95,13 +100,16 @@ void UnfinishedFolder::_removeLeftOnes() const {
     }
 }
 
-ErrorPtr UnfinishedFolder::keep() {
+Result<void> UnfinishedFolder::keep() {
     if (::syncfs(_folder.get()) != 0 ||
         ::renameat2(_parent.get(), _temporaryName.c_str(), _parent.get(), _name.c_str(), RENAME_NOREPLACE) != 0) {
         return writeError(_final, errno);
     }
     _isThere = false;
-    return ::fsync(_parent.get()) == 0 ? nullptr : writeError(_final, errno);
+    if (::fsync(_parent.get()) != 0) {
+        return writeError(_final, errno);
+    }
+    return {};
 }
 
 } // namespace appsync::host

@@ -2,31 +2,33 @@
 #pragma once
 
 #include "files/Descriptor.h"
-#include "values/Error.h"
+#include "values/Result.h"
 
+#include <memory>
 #include <string>
 
 namespace appsync::host {
 
 /// Stands as ".<name>.unfinished-XXXXXX" beside the place where it belongs, locked as long as it is being made, and is
-/// removed again unless it is kept. Making one removes what a process that was killed has left of the same name: a
-/// folder of this account that nobody has locked and that holds nothing but what a backup does.
+/// removed again unless it is kept.
 class UnfinishedFolder {
   public:
-    explicit UnfinishedFolder(const std::string& final);
+    /// Begins the folder that is to stand at `final`. Removes what a process that was killed has left of the same name:
+    /// a folder of this account that nobody has locked and that holds nothing but what a backup does.
+    [[nodiscard]] static Result<std::unique_ptr<UnfinishedFolder>> begin(const std::string& final);
     ~UnfinishedFolder();
     UnfinishedFolder(const UnfinishedFolder&) = delete;
     UnfinishedFolder& operator=(const UnfinishedFolder&) = delete;
 
-    /// Why there is none; null when there is one.
-    [[nodiscard]] const ErrorPtr& error() const noexcept { return _error; }
     /// Its descriptor.
     [[nodiscard]] int folder() const noexcept { return _folder.get(); }
     /// Makes it durable and gives it its name, unless something has that meanwhile. When the name cannot be made
     /// durable it stands there nevertheless.
-    [[nodiscard]] ErrorPtr keep();
+    [[nodiscard]] Result<void> keep();
 
   private:
+    explicit UnfinishedFolder(const std::string& final);
+    /// 0, or an errno number.
     [[nodiscard]] int _make();
     void _removeLeftOnes() const;
 
@@ -35,7 +37,6 @@ class UnfinishedFolder {
     std::string _temporaryName;
     Descriptor _parent;
     Descriptor _folder;
-    ErrorPtr _error;
     bool _isThere = false;
 };
 

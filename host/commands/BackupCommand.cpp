@@ -42,7 +42,7 @@ class BackupWriter {
         : _device(device), _folder(folder), _path(std::move(path)) {}
 
     /// Writes every app that can be read; `failed` has the others.
-    ErrorPtr write() {
+    Result<void> write() {
         const std::string data(BackupDataName);
         if (::mkdirat(_folder, data.c_str(), 0755) != 0) {
             return writeError(_path + "/" + data, errno);
@@ -51,13 +51,13 @@ class BackupWriter {
         Dictionary info;
         for (const device::Application& app : _device.registry().applications()) {
             if (Interrupt::requested()) {
-                return nullptr;
+                return {};
             }
             if (!_belongsToPerson(app)) {
                 continue;
             }
-            if (const ErrorPtr error = _writeApp(app, info)) {
-                _failed.push_back({app, reasonOf(error)});
+            if (const auto written = _writeApp(app, info); !written) {
+                _failed.push_back({app, reasonOf(written.error())});
             } else {
                 ++_count;
             }
@@ -65,11 +65,11 @@ class BackupWriter {
         for (const auto& [name, list] : {std::pair<std::string_view, Value>{RestoreInfoName, std::move(info)},
                                          {DemotedAppsName, _device.demotedApps().lists().propertyList()},
                                          {IconStateName, _device.homeScreen().layout().propertyList()}}) {
-            if (ErrorPtr error = _put(name, list)) {
-                return error;
+            if (const auto written = _put(name, list); !written) {
+                return written;
             }
         }
-        return nullptr;
+        return {};
     }
     [[nodiscard]] const std::vector<FailedApp>& failed() const noexcept { return _failed; }
     [[nodiscard]] std::size_t count() const noexcept { return _count; }
@@ -82,38 +82,45 @@ class BackupWriter {
         return !app.isSystem && (app.isInstalled || isKept);
     }
 
-    ErrorPtr _writeApp(const device::Application& app, Dictionary& info) {
+    Result<void> _writeApp(const device::Application& app, Dictionary& info) {
         if (!isBundleIdentifier(app.identifier)) {
             return hostError("It is no bundle identifier.");
         }
-        ErrorPtr error;
-        Dictionary entry = _entryOf(app, &error);
-        if (error == nullptr) {
-            error = _copyData(app);
+        auto entry = _entryOf(app);
+        if (!entry) {
+            return entry.error();
         }
-        if (error != nullptr) {
+        if (auto copied = _copyData(app); !copied) {
             (void)device::removeTree(_data.get(), app.identifier, nullptr, app.identifier); // a part of it helps nobody
-            return error;
+            return copied;
         }
-        info.set(app.identifier, std::move(entry));
-        return nullptr;
+        info.set(app.identifier, std::move(*entry));
+        return {};
     }
 
-    /// A file of the device; nothing when there is none, and when it cannot be read, with the reason in `error`.
-    std::optional<Data> _read(const std::string& path, ErrorPtr* error) {
-        ErrorPtr problem;
-        auto bytes = _device.files().readFile(path, &problem);
-        if (!bytes && !isError(problem, PosixErrorDomain, ENOENT)) {
-            *error = problem;
+    /// A file of the device; nullopt when there is none.
+    Result<std::optional<Data>> _read(const std::string& path) {
+        ErrorPtr error;
+        auto bytes = _device.files().readFile(path, &error);
+        if (!bytes && !isError(error, PosixErrorDomain, ENOENT)) {
+            return error;
         }
         return bytes;
     }
 
-    Dictionary _entryOf(const device::Application& app, ErrorPtr* error) {
+    Result<Dictionary> _entryOf(const device::Application& app) {
         const std::string container = app.containerPath + "/";
-        Dictionary entry{{"TamblinMetadata", _metadataOf(app, error)}};
-        if (auto sinf = _read(container + std::string(device::sinfFileName), error)) {
-            entry.set("ApplicationSINF", std::move(*sinf));
+        auto metadata = _metadataOf(app);
+        if (!metadata) {
+            return metadata.error();
+        }
+        Dictionary entry{{"TamblinMetadata", std::move(*metadata)}};
+        auto sinf = _read(container + std::string(device::sinfFileName));
+        if (!sinf) {
+            return sinf.error();
+        }
+        if (*sinf) {
+            entry.set("ApplicationSINF", std::move(**sinf));
         }
         for (const std::string& path : {app.iconPath.value_or(""), container + std::string(device::artworkFileName)}) {
             auto icon = path.empty() ? std::nullopt : _device.files().readFile(path, nullptr); // no app fails for it
@@ -126,9 +133,13 @@ class BackupWriter {
     }
 
     /// The app's store metadata with the name and version under which the device knows it, where it has none.
-    Data _metadataOf(const device::Application& app, ErrorPtr* error) {
-        const auto bytes = _read(app.containerPath + "/" + std::string(device::metadataFileName), error);
-        auto list = bytes ? _device.propertyLists().propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
+    Result<Data> _metadataOf(const device::Application& app) {
+        const auto bytes = _read(app.containerPath + "/" + std::string(device::metadataFileName));
+        if (!bytes) {
+            return bytes.error();
+        }
+        const auto list =
+            *bytes ? _device.propertyLists().propertyListWithData((*bytes)->bytes(), nullptr) : std::nullopt;
         Dictionary metadata = list && list->dictionary() != nullptr ? *list->dictionary() : Dictionary{};
         if (!metadata.contains("title")) {
             metadata.set("title", app.name);
@@ -141,7 +152,7 @@ class BackupWriter {
             .value_or(Data());
     }
 
-    ErrorPtr _copyData(const device::Application& app) {
+    Result<void> _copyData(const device::Application& app) {
         const auto waiting = _device.backup().restoreDataFolder(app.identifier);
         if (!waiting) {
             return waiting.error();
@@ -149,7 +160,7 @@ class BackupWriter {
         const std::string source = waiting->value_or(app.dataContainerPath);
         auto from = _device.files().open(source, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (!from) {
-            return isError(from.error(), PosixErrorDomain, ENOENT) ? nullptr : from.error();
+            return isError(from.error(), PosixErrorDomain, ENOENT) ? Result<void>() : from.error();
         }
         const std::string target = _path + "/" + std::string(BackupDataName) + "/" + app.identifier;
         const char* name = app.identifier.c_str();
@@ -157,11 +168,13 @@ class BackupWriter {
             return writeError(target, errno);
         }
         Descriptor to(::openat(_data.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        return to.isOpen() ? copyTree(std::move(*from), std::move(to), source, Interrupt::requested)
-                           : writeError(target, errno);
+        if (!to.isOpen()) {
+            return writeError(target, errno);
+        }
+        return copyTree(std::move(*from), std::move(to), source, Interrupt::requested);
     }
 
-    ErrorPtr _put(std::string_view name, const Value& list) {
+    Result<void> _put(std::string_view name, const Value& list) {
         ErrorPtr error;
         const auto bytes = _device.propertyLists().dataWithPropertyList(list, PropertyListFormat::binary, &error);
         if (!bytes) {
@@ -169,8 +182,10 @@ class BackupWriter {
         }
         const Descriptor file(
             ::openat(_folder, std::string(name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-        const int failed = file.isOpen() ? writeAll(file.get(), bytes->bytes()) : errno;
-        return failed == 0 ? nullptr : writeError(_path + "/" + std::string(name), failed);
+        if (const int failed = file.isOpen() ? writeAll(file.get(), bytes->bytes()) : errno) {
+            return writeError(_path + "/" + std::string(name), failed);
+        }
+        return {};
     }
 
     device::Device& _device;
@@ -195,13 +210,13 @@ void show(const BackupWriter& writer, const std::string& output) {
                              (all == 1 ? " app" : " apps") + " to " + output);
 }
 
-ErrorPtr prepare(device::Device& device, const std::string& plugInPath) {
-    ErrorPtr error;
-    const auto plugIn = ClientOnDevice::start(device, plugInPath, &error);
-    if (plugIn != nullptr) {
-        plugIn->client().prepareForBackup();
+Result<void> prepare(device::Device& device, const std::string& plugInPath) {
+    const auto plugIn = ClientOnDevice::start(device, plugInPath);
+    if (!plugIn) {
+        return plugIn.error();
     }
-    return error;
+    (*plugIn)->client().prepareForBackup();
+    return {};
 }
 
 } // namespace
@@ -218,24 +233,24 @@ ExitCode backup(const BackupArguments& arguments) {
         return code;
     }
     device->coordinator().waitUntilIdle();
-    if (const ErrorPtr error = prepare(*device, arguments.plugin)) {
-        return fail(reasonOf(error));
+    if (const auto prepared = prepare(*device, arguments.plugin); !prepared) {
+        return fail(reasonOf(prepared.error()));
     }
     const Interrupt interrupt;
-    UnfinishedFolder folder(arguments.output);
-    if (const ErrorPtr error = folder.error()) {
-        return fail(reasonOf(error));
+    const auto folder = UnfinishedFolder::begin(arguments.output);
+    if (!folder) {
+        return fail(reasonOf(folder.error()));
     }
-    BackupWriter writer(*device, folder.folder(), arguments.output);
-    ErrorPtr error = writer.write();
+    BackupWriter writer(*device, (*folder)->folder(), arguments.output);
+    auto written = writer.write();
     if (Interrupt::requested()) {
         return fail("interrupted; there is no backup", Interrupt::exitCode());
     }
-    if (error == nullptr) {
-        error = folder.keep();
+    if (written) {
+        written = (*folder)->keep();
     }
-    if (error != nullptr) {
-        return fail(reasonOf(error));
+    if (!written) {
+        return fail(reasonOf(written.error()));
     }
     show(writer, arguments.output);
     return writer.failed().empty() ? ExitCode::done : ExitCode::someAppFailed;

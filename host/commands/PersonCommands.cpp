@@ -48,8 +48,7 @@ std::string percentIn(const Json& object) {
 /// The sync that runs on a device, as seen by one who asks it something.
 class RunningSync {
   public:
-    explicit RunningSync(const std::string& deviceFolder)
-        : _connection(connectToControl(deviceFolder, patience, _problem)) {}
+    explicit RunningSync(const std::string& deviceFolder) : RunningSync(connectToControl(deviceFolder, patience)) {}
 
     [[nodiscard]] bool isThere() const { return _connection.isOpen() || !_problem.empty(); }
     /// An answer; of another kind than an object when none came, as `problem` says then.
@@ -73,6 +72,9 @@ class RunningSync {
     [[nodiscard]] const std::string& problem() const { return _problem; }
 
   private:
+    explicit RunningSync(Result<Descriptor> connection)
+        : _problem(reasonOf(connection.error())), _connection(connection ? std::move(*connection) : Descriptor()) {}
+
     std::string _problem;
     std::string _buffer;
     Descriptor _connection;

@@ -28,12 +28,11 @@ template <class Ask> ExitCode askClient(const QueryArguments& arguments, Ask&& a
     if (device == nullptr) {
         return code;
     }
-    ErrorPtr error;
-    const auto plugIn = ClientOnDevice::start(*device, arguments.plugin, &error);
-    if (plugIn == nullptr) {
-        return fail(reasonOf(error));
+    const auto plugIn = ClientOnDevice::start(*device, arguments.plugin);
+    if (!plugIn) {
+        return fail(reasonOf(plugIn.error()));
     }
-    ask(plugIn->client(), *device);
+    ask((*plugIn)->client(), *device);
     return ExitCode::done;
 }
 

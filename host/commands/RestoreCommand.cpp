@@ -46,7 +46,7 @@ class Restore {
     Restore(device::Device& device, BackupContent content, const BackupFolder& folder)
         : _device(device), _content(std::move(content)), _folder(folder) {}
 
-    ErrorPtr run(int type, const std::string& plugInPath) {
+    Result<void> run(int type, const std::string& plugInPath) {
         _type = type;
         _clearAway();
         _arrangeIcons();
@@ -58,14 +58,12 @@ class Restore {
         _putDemotedApps();
         for (BackupApp& app : _content.apps) {
             if (app.problem.empty()) {
-                app.problem = reasonOf(_putData(app.identifier));
+                app.problem = reasonOf(_putData(app.identifier).error());
             }
         }
-        ErrorPtr error = _putRestoreInfo();
-        const auto plugIn = error == nullptr ? ClientOnDevice::start(_device, plugInPath, &error) : nullptr;
-        if (plugIn != nullptr) {
-            plugIn->client().reconcileRestoreOfType_withError(type, &error);
-            _device.coordinator().waitUntilIdle();
+        auto done = _putRestoreInfo();
+        if (done) {
+            done = _reconcile(plugInPath);
         }
         _device.files().removeItem(restoreInfoPath, nullptr); // where the plug-in has left it nobody will read it
         _findOutcomes();
@@ -75,7 +73,7 @@ class Restore {
         if (const ErrorPtr failure = _device.log().failure()) {
             _content.problems.push_back("The device's log is not complete: " + reasonOf(failure));
         }
-        return error;
+        return done;
     }
 
     [[nodiscard]] const std::vector<Row>& rows() const noexcept { return _rows; }
@@ -146,13 +144,13 @@ class Restore {
         return isDemoted && waiting && !*waiting && _device.files().fileExists(app.dataContainerPath);
     }
 
-    ErrorPtr _putData(const std::string& identifier) {
-        const std::string source = _folder.dataPath(identifier);
-        Descriptor from;
-        if (const int failed = _folder.openData(identifier, from)) {
-            const std::string reason =
-                failed == ELOOP ? "a symbolic link leads to it, and a backup has none" : std::strerror(failed);
-            return failed == ENOENT ? nullptr : hostError("'" + source + "' cannot be read: " + reason + ".");
+    Result<void> _putData(const std::string& identifier) {
+        auto from = _folder.openData(identifier);
+        if (!from) {
+            return from.error();
+        }
+        if (!*from) {
+            return {};
         }
         const std::string incoming = incomingFolder + "/" + identifier;
         _device.files().removeItem(incoming, nullptr);
@@ -161,17 +159,28 @@ class Restore {
             return error;
         }
         auto to = _device.files().open(incoming, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-        error = to ? copyTree(std::move(from), std::move(*to), source) : to.error();
-        if (error == nullptr) {
-            error = _device.backup().addRestoreData(identifier, incoming).error();
+        auto put = to ? copyTree(std::move(**from), std::move(*to), _folder.dataPath(identifier)) : to.error();
+        if (put) {
+            put = _device.backup().addRestoreData(identifier, incoming);
         }
-        if (error != nullptr) {
+        if (!put) {
             _device.files().removeItem(incoming, nullptr);
         }
+        return put;
+    }
+
+    Result<void> _reconcile(const std::string& plugInPath) {
+        const auto plugIn = ClientOnDevice::start(_device, plugInPath);
+        if (!plugIn) {
+            return plugIn.error();
+        }
+        ErrorPtr error;
+        (*plugIn)->client().reconcileRestoreOfType_withError(_type, &error);
+        _device.coordinator().waitUntilIdle();
         return error;
     }
 
-    ErrorPtr _putRestoreInfo() {
+    Result<void> _putRestoreInfo() {
         Dictionary info;
         for (BackupApp& app : _content.apps) {
             if (app.problem.empty()) {
@@ -266,11 +275,10 @@ void showJson(const Restore& restore) {
 
 ExitCode restore(const RestoreArguments& arguments) {
     PropertyListCodec codec;
-    ErrorPtr error;
-    const BackupFolder folder(arguments.from, &error);
-    auto content = folder.isOpen() ? folder.read(codec, &error) : std::nullopt;
+    const auto folder = BackupFolder::open(arguments.from);
+    auto content = folder ? folder->read(codec) : folder.error();
     if (!content) {
-        return fail(reasonOf(error), ExitCode::someAppFailed);
+        return fail(reasonOf(content.error()), ExitCode::someAppFailed);
     }
     ExitCode code = ExitCode::failed;
     const auto device = openDevice(arguments.device, &code);
@@ -278,10 +286,9 @@ ExitCode restore(const RestoreArguments& arguments) {
         return code;
     }
     device->coordinator().waitUntilIdle();
-    Restore restore(*device, std::move(*content), folder);
-    error = restore.run(arguments.type, arguments.plugin);
-    if (error != nullptr) {
-        return fail(reasonOf(error));
+    Restore restore(*device, std::move(*content), *folder);
+    if (const auto done = restore.run(arguments.type, arguments.plugin); !done) {
+        return fail(reasonOf(done.error()));
     }
     arguments.json ? showJson(restore) : show(restore);
     return restore.isAllDone() ? ExitCode::done : ExitCode::someAppFailed;

@@ -40,8 +40,8 @@ class StoreClient {
         _findOrders();
         _clearDownloads();
         for (Order& order : _orders) {
-            if (const ErrorPtr error = _deliver(order)) {
-                order.problem = reasonOf(error);
+            if (const auto delivered = _deliver(order); !delivered) {
+                order.problem = reasonOf(delivered.error());
             }
         }
         _device.coordinator().waitUntilIdle();
@@ -95,23 +95,23 @@ class StoreClient {
         }
     }
 
-    ErrorPtr _deliver(const Order& order) {
+    Result<void> _deliver(const Order& order) {
         if (order.coordinator == nullptr) {
-            return nullptr; // its install has just ended
+            return {}; // its install has just ended
         }
         ErrorPtr error;
         auto promise = order.coordinator->appAssetPromiseWithError(&error);
         if (promise != nullptr && promise->isComplete()) {
-            return nullptr; // delivered before an interruption
+            return {}; // delivered before an interruption
         }
         const desktop::AppArchive* app = _catalogue.find(order.identifier, order.version);
         if (app == nullptr) {
             return hostError("It is not in the catalogue.");
         }
         const std::string path = downloadFolder + "/" + order.identifier + ".archive";
-        error = copyToDevice(_device.files(), {*app, [](double) {}, [] { return ErrorPtr(); }}, path);
-        if (error != nullptr) {
-            return error;
+        const TransferRequest request{*app, [](double) {}, [] { return Result<void>(); }};
+        if (auto copied = copyToDevice(_device.files(), request, path); !copied) {
+            return copied;
         }
         const auto url = FileURL::fileURLWithPath(path, false);
         if (promise != nullptr) {
@@ -124,7 +124,7 @@ class StoreClient {
             }
         }
         promise->setComplete(true);
-        return nullptr;
+        return {};
     }
 
     device::Device& _device;

@@ -138,22 +138,20 @@ void ControlServer::_answerLines(Client& client) {
 
 /// A line, or nothing yet.
 std::string ControlServer::_answerTo(Client& client, const std::string& line) {
-    ControlRequest request;
-    std::string problem;
-    if (!parseControlRequest(line, request, problem)) {
-        return errorAnswer(problem) + "\n";
+    const auto request = parseControlRequest(line);
+    if (!request) {
+        return errorAnswer(errorText(request.error())) + "\n";
     }
-    if (request.command == "follow") {
+    if (request->command == "follow") {
         client.follows = true;
         return {}; // the first status comes with those of all followers
     }
-    return (request.command == "status" ? _handlers.status() : _act(request)) + "\n";
+    return (request->command == "status" ? _handlers.status() : _act(*request)) + "\n";
 }
 
 std::string ControlServer::_act(const ControlRequest& request) const {
-    const std::string problem =
-        request.command == "cancel" ? _handlers.cancel(request.app) : _handlers.prioritize(request.app);
-    return problem.empty() ? doneAnswer() : errorAnswer(problem);
+    const auto done = request.command == "cancel" ? _handlers.cancel(request.app) : _handlers.prioritize(request.app);
+    return done ? doneAnswer() : errorAnswer(errorText(done.error()));
 }
 
 /// Sends what the client takes at once.

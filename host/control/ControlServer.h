@@ -7,6 +7,7 @@
 
 #include "files/Descriptor.h"
 #include "host/control/ControlSocket.h"
+#include "values/Result.h"
 
 #include <chrono>
 #include <functional>
@@ -23,9 +24,9 @@ namespace appsync::host {
 struct ControlHandlers {
     /// The present status as one line of JSON.
     std::function<std::string()> status;
-    /// Each answers with an empty string, or with the sentence that says why nothing was done.
-    std::function<std::string(const std::string& app)> prioritize;
-    std::function<std::string(const std::string& app)> cancel;
+    /// The error says why nothing was done.
+    std::function<Result<void>(const std::string& app)> prioritize;
+    std::function<Result<void>(const std::string& app)> cancel;
     /// Called once, when the process has been asked to end.
     std::function<void()> interrupted;
 };

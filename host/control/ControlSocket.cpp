@@ -58,7 +58,7 @@ ErrorPtr socketError(const std::string& reason) {
 }
 
 /// Makes the folder of the socket, which only the owner may enter.
-ErrorPtr makeControlFolder(device::DeviceFileSystem& files, Descriptor& folder) {
+Result<Descriptor> makeControlFolder(device::DeviceFileSystem& files) {
     ErrorPtr error;
     if (!files.createDirectory(runFolder, true, std::nullopt, &error) ||
         !files.createDirectory(controlFolder, true, std::nullopt, &error)) {
@@ -68,8 +68,10 @@ ErrorPtr makeControlFolder(device::DeviceFileSystem& files, Descriptor& folder) 
     if (!opened) {
         return socketError(errorText(opened.error()));
     }
-    folder = std::move(*opened);
-    return ::fchmod(folder.get(), 0700) == 0 ? nullptr : socketError(std::strerror(errno));
+    if (::fchmod(opened->get(), 0700) != 0) {
+        return socketError(std::strerror(errno));
+    }
+    return opened;
 }
 
 } // namespace
@@ -82,25 +84,25 @@ std::string toJson(const ControlRequest& request) {
     return root.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-bool parseControlRequest(std::string_view line, ControlRequest& request, std::string& problem) {
+Result<ControlRequest> parseControlRequest(std::string_view line) {
     const Json root = Json::parse(line, nullptr, false);
     if (!root.is_object()) {
-        problem = "A request is a JSON object on one line.";
-        return false;
+        return hostError("A request is a JSON object on one line.");
     }
     const auto text = [&](const char* key) {
         const auto value = root.find(key);
         return value != root.end() && value->is_string() ? value->get<std::string>() : std::string();
     };
-    request = {text("command"), text("app")};
+    ControlRequest request{text("command"), text("app")};
     const bool isQuestion = request.command == "status" || request.command == "follow";
     const bool isAct = request.command == "prioritize" || request.command == "cancel";
     if (!isQuestion && !isAct) {
-        problem = "\"command\" is one of status, follow, prioritize, cancel.";
-    } else if (isAct && request.app.empty()) {
-        problem = "\"app\" names the app by its bundle identifier.";
+        return hostError("\"command\" is one of status, follow, prioritize, cancel.");
     }
-    return problem.empty();
+    if (isAct && request.app.empty()) {
+        return hostError("\"app\" names the app by its bundle identifier.");
+    }
+    return request;
 }
 
 std::string busySentence() {
@@ -115,20 +117,20 @@ std::string errorAnswer(const std::string& sentence) {
     return Json{{"error", sentence}}.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-ListeningSocket::ListeningSocket(device::DeviceFileSystem& files, ErrorPtr* error) {
-    if ((*error = makeControlFolder(files, _folder)) != nullptr) {
-        return;
+Result<ListeningSocket> ListeningSocket::open(device::DeviceFileSystem& files) {
+    auto folder = makeControlFolder(files);
+    if (!folder) {
+        return folder.error();
     }
     constexpr int waitingConnections = 64;
-    ::unlinkat(_folder.get(), socketName, 0);
+    ::unlinkat(folder->get(), socketName, 0);
     Descriptor socket = newSocket(SOCK_NONBLOCK);
-    const sockaddr_un address = addressThrough(_folder.get(), std::string("/") + socketName);
+    const sockaddr_un address = addressThrough(folder->get(), std::string("/") + socketName);
     if (!socket.isOpen() || ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::fchmodat(_folder.get(), socketName, 0600, 0) != 0 || ::listen(socket.get(), waitingConnections) != 0) {
-        *error = socketError(std::strerror(errno));
-        return;
+        ::fchmodat(folder->get(), socketName, 0600, 0) != 0 || ::listen(socket.get(), waitingConnections) != 0) {
+        return socketError(std::strerror(errno));
     }
-    _socket = std::move(socket);
+    return ListeningSocket(std::move(*folder), std::move(socket));
 }
 
 ListeningSocket::~ListeningSocket() {
@@ -137,10 +139,10 @@ ListeningSocket::~ListeningSocket() {
     }
 }
 
-Descriptor connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience, std::string& problem) {
+Result<Descriptor> connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience) {
     const Descriptor socket = openSocket(deviceFolder);
     if (!socket.isOpen()) {
-        return {};
+        return Descriptor();
     }
     Descriptor connection = newSocket(0);
     // Also how long the connection waits for its turn.
@@ -154,11 +156,12 @@ Descriptor connectToControl(const std::string& deviceFolder, std::chrono::millis
         return connection;
     }
     if (errno == EAGAIN) {
-        problem = busySentence();
-    } else if (errno != ENOENT && errno != ECONNREFUSED) {
-        problem = "The sync on " + deviceFolder + " cannot be reached: " + std::strerror(errno) + ".";
+        return hostError(busySentence());
     }
-    return {};
+    if (errno != ENOENT && errno != ECONNREFUSED) {
+        return hostError("The sync on " + deviceFolder + " cannot be reached: " + std::strerror(errno) + ".");
+    }
+    return Descriptor();
 }
 
 void waitForAnswersWithoutEnd(int connection) {

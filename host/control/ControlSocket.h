@@ -7,7 +7,7 @@
 #pragma once
 
 #include "files/Descriptor.h"
-#include "values/Error.h"
+#include "values/Result.h"
 
 #include <chrono>
 #include <cstddef>
@@ -28,8 +28,8 @@ struct ControlRequest {
     std::string app = {}; // empty: none
 };
 [[nodiscard]] std::string toJson(const ControlRequest& request);
-/// Of untrusted bytes. False when they are no request; then `problem` says why.
-[[nodiscard]] bool parseControlRequest(std::string_view line, ControlRequest& request, std::string& problem);
+/// Of untrusted bytes.
+[[nodiscard]] Result<ControlRequest> parseControlRequest(std::string_view line);
 [[nodiscard]] std::string doneAnswer();
 [[nodiscard]] std::string errorAnswer(const std::string& sentence);
 
@@ -40,24 +40,24 @@ struct ControlRequest {
 /// Taken away with the object.
 class ListeningSocket {
   public:
-    /// Closed after a failure, whose reason is in `error` then.
-    ListeningSocket(device::DeviceFileSystem& files, ErrorPtr* error);
+    [[nodiscard]] static Result<ListeningSocket> open(device::DeviceFileSystem& files);
     ~ListeningSocket();
-    ListeningSocket(const ListeningSocket&) = delete;
-    ListeningSocket& operator=(const ListeningSocket&) = delete;
+    ListeningSocket(ListeningSocket&&) = default;
+    ListeningSocket& operator=(ListeningSocket&&) = delete;
 
-    /// -1 when it is closed. Does not block.
+    /// Does not block.
     [[nodiscard]] int descriptor() const noexcept { return _socket.get(); }
 
   private:
+    ListeningSocket(Descriptor folder, Descriptor socket) : _folder(std::move(folder)), _socket(std::move(socket)) {}
+
     Descriptor _folder;
     Descriptor _socket;
 };
 
-/// Connects to the sync that runs on a device. Closed when none runs, or when there is one that cannot be reached, as
-/// `problem` says then. Neither connecting nor an answer takes longer than `patience`.
-[[nodiscard]] Descriptor connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience,
-                                          std::string& problem);
+/// Connects to the sync that runs on a device. Closed when none runs; an error when there is one that cannot be
+/// reached. Neither connecting nor an answer takes longer than `patience`.
+[[nodiscard]] Result<Descriptor> connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience);
 /// From now on an answer may take any time.
 void waitForAnswersWithoutEnd(int connection);
 

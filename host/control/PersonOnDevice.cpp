@@ -3,6 +3,7 @@
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
+#include "host/plugin/PlugIn.h"
 #include "host/session/BusyApps.h"
 #include "host/session/InstallOutcomes.h"
 #include "host/transfer/TransferQueue.h"
@@ -11,27 +12,32 @@ namespace appsync::host {
 
 namespace {
 
+Result<void> doneIf(bool isDone, const std::string& otherwise) {
+    return isDone ? Result<void>() : hostError(otherwise);
+}
+
 std::string notUnderWay(const std::string& app) {
     return "'" + app + "' is not being installed; `qrd status` shows what is.";
 }
 
 } // namespace
 
-std::string PersonOnDevice::prioritize(const std::string& app) {
+Result<void> PersonOnDevice::prioritize(const std::string& app) {
     if (_device.coordinationIsEnabled()) {
-        return _device.coordinator().prioritizeByUser(app) ? "" : notUnderWay(app);
+        return doneIf(_device.coordinator().prioritizeByUser(app), notUnderWay(app));
     }
     _device.registry().prioritize(app);
-    return _deviceService.prioritize(app) ? "" : "'" + app + "' does not wait for its transfer.";
+    return doneIf(_deviceService.prioritize(app), "'" + app + "' does not wait for its transfer.");
 }
 
-std::string PersonOnDevice::cancel(const std::string& app) {
+Result<void> PersonOnDevice::cancel(const std::string& app) {
     _outcomes.expectCancel(app); // before the first report of it can arrive
-    if (_device.coordinationIsEnabled() ? _device.coordinator().cancelByUser(app) : _cancelWithoutCoordination(app)) {
-        return "";
+    const bool isCancelled =
+        _device.coordinationIsEnabled() ? _device.coordinator().cancelByUser(app) : _cancelWithoutCoordination(app);
+    if (!isCancelled) {
+        _outcomes.withdrawCancel(app);
     }
-    _outcomes.withdrawCancel(app);
-    return notUnderWay(app);
+    return doneIf(isCancelled, notUnderWay(app));
 }
 
 /// The plug-in takes the placeholder away when the transfer or the install fails. Only of a restore is it told through

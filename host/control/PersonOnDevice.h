@@ -1,6 +1,8 @@
 // What a person can do on the device while a sync runs.
 #pragma once
 
+#include "values/Result.h"
+
 #include <string>
 
 namespace appsync::device {
@@ -14,7 +16,7 @@ class DeviceService;
 class InstallOutcomes;
 class ObservedWorkspace;
 
-/// Any thread. Each operation answers with an empty string, or with the sentence that says why nothing was done.
+/// Any thread. The error of an operation says why it did nothing.
 class PersonOnDevice {
   public:
     /// All must outlive it.
@@ -24,9 +26,9 @@ class PersonOnDevice {
           _outcomes(outcomes) {}
 
     /// Asks for an app to come first.
-    [[nodiscard]] std::string prioritize(const std::string& app);
+    [[nodiscard]] Result<void> prioritize(const std::string& app);
     /// Takes an app's install back, be it waiting, under way, or about to be tried again. An installed version stays.
-    [[nodiscard]] std::string cancel(const std::string& app);
+    [[nodiscard]] Result<void> cancel(const std::string& app);
 
   private:
     [[nodiscard]] bool _cancelWithoutCoordination(const std::string& app);

@@ -6,18 +6,16 @@
 
 namespace appsync::host {
 
-std::unique_ptr<ClientOnDevice> ClientOnDevice::start(device::Device& device, const std::string& plugInPath,
-                                                      ErrorPtr* error) {
-    auto plugIn = PlugIn::load(plugInPath.empty() ? PlugIn::defaultPath() : plugInPath, device.propertyLists(), error);
+Result<std::unique_ptr<ClientOnDevice>> ClientOnDevice::start(device::Device& device, const std::string& plugInPath) {
+    auto plugIn = PlugIn::load(plugInPath.empty() ? PlugIn::defaultPath() : plugInPath, device.propertyLists());
     if (!plugIn) {
-        return nullptr;
+        return plugIn.error();
     }
     std::unique_ptr<ClientOnDevice> started(new ClientOnDevice(std::move(*plugIn)));
     started->_client =
         started->_plugIn.createClient(device.platform(started->_deviceService, started->_errorClassification));
     if (started->_client == nullptr) {
-        *error = hostError("The plug-in '" + started->_plugIn.identifier() + "' did not start.");
-        return nullptr;
+        return hostError("The plug-in '" + started->_plugIn.identifier() + "' did not start.");
     }
     device.notificationCenter().post(device::StartupCompleteName);
     device.notificationCenter().waitUntilDelivered();

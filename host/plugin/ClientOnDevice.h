@@ -17,10 +17,10 @@ namespace appsync::host {
 /// One thread.
 class ClientOnDevice {
   public:
-    /// Loads the bundle, makes a client and announces that the host is ready. Null, and the reason in `error`, when
-    /// that fails. The device must outlive it.
-    [[nodiscard]] static std::unique_ptr<ClientOnDevice> start(device::Device& device, const std::string& plugInPath,
-                                                               ErrorPtr* error);
+    /// Loads the bundle, makes a client and announces that the host is ready. The device must outlive
+    /// it. Without a path it is the bundle beside this program.
+    [[nodiscard]] static Result<std::unique_ptr<ClientOnDevice>> start(device::Device& device,
+                                                                       const std::string& plugInPath);
 
     [[nodiscard]] QRClient& client() noexcept { return *_client; }
 

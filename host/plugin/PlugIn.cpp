@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 
 namespace appsync::host {
 
@@ -29,8 +30,7 @@ void PlugIn::Unload::operator()(void* handle) const {
 PlugIn::PlugIn(std::string identifier, std::unique_ptr<void, Unload> handle, void* create)
     : _identifier(std::move(identifier)), _handle(std::move(handle)), _create(create) {}
 
-std::optional<PlugIn> PlugIn::load(const std::string& bundlePath, PropertyListSerialization& propertyLists,
-                                   ErrorPtr* error) {
+Result<PlugIn> PlugIn::load(const std::string& bundlePath, PropertyListSerialization& propertyLists) {
     const std::string infoPath = bundlePath + "/Info.plist";
     const auto bytes = readFile(infoPath);
     const auto root = bytes ? propertyLists.propertyListWithData(*bytes, nullptr) : std::nullopt;
@@ -38,18 +38,16 @@ std::optional<PlugIn> PlugIn::load(const std::string& bundlePath, PropertyListSe
     const auto identifier = info != nullptr ? info->string("BXBundleIdentifier") : std::nullopt;
     const auto executable = info != nullptr ? info->string("BXBundleExecutable") : std::nullopt;
     if (!identifier || !executable || executable->find('/') != std::string_view::npos) {
-        *error = hostError("'" + bundlePath + "' is no plug-in: its Info.plist is missing or does not name its " +
-                               "identifier and executable. Build the project, or name a bundle with --plugin.",
-                           bundlePath);
-        return std::nullopt;
+        return hostError("'" + bundlePath + "' is no plug-in: its Info.plist is missing or does not name its " +
+                             "identifier and executable. Build the project, or name a bundle with --plugin.",
+                         bundlePath);
     }
     const std::string objectPath = bundlePath + "/" + std::string(*executable);
     // Its code stays: objects that it has handed to the device's services are released by its own functions.
     std::unique_ptr<void, Unload> handle(::dlopen(objectPath.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
     void* create = handle != nullptr ? ::dlsym(handle.get(), QRCreateClientFunctionName) : nullptr;
     if (create == nullptr) {
-        *error = hostError("The plug-in '" + bundlePath + "' cannot be loaded: " + ::dlerror() + ".", objectPath);
-        return std::nullopt;
+        return hostError("The plug-in '" + bundlePath + "' cannot be loaded: " + ::dlerror() + ".", objectPath);
     }
     return PlugIn(std::string(*identifier), std::move(handle), create);
 }

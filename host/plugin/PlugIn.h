@@ -1,10 +1,9 @@
 // A plug-in bundle: a folder with an "Info.plist" that names the shared object beside it.
 #pragma once
 
-#include "values/Error.h"
+#include "values/Result.h"
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,9 +21,7 @@ inline constexpr std::string_view HostErrorDomain = "SyncHost";
 /// A loaded bundle; its clients must go before it does. Its code stays in the process for what clients leave behind.
 class PlugIn {
   public:
-    /// Nothing, and the reason in `error`, when the bundle cannot be loaded.
-    [[nodiscard]] static std::optional<PlugIn> load(const std::string& bundlePath,
-                                                    PropertyListSerialization& propertyLists, ErrorPtr* error);
+    [[nodiscard]] static Result<PlugIn> load(const std::string& bundlePath, PropertyListSerialization& propertyLists);
     /// The bundle that is delivered beside this program.
     [[nodiscard]] static std::string defaultPath();
 

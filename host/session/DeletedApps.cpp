@@ -19,7 +19,7 @@ std::vector<std::string> deletedApps(const Dictionary& installedAssets) {
     return identifiers;
 }
 
-ErrorPtr writeLastSyncApps(device::Device& device) {
+Result<void> writeLastSyncApps(device::Device& device) {
     Array identifiers;
     for (const device::Application& app : device.registry().applications()) {
         if (app.isInstalled) {

@@ -1,8 +1,8 @@
 // The apps that a person deletes on the device between two syncs.
 #pragma once
 
-#include "values/Error.h"
 #include "values/PropertyList.h"
+#include "values/Result.h"
 
 #include <string>
 #include <vector>
@@ -17,7 +17,7 @@ namespace appsync::host {
 [[nodiscard]] std::vector<std::string> deletedApps(const Dictionary& installedAssets);
 
 /// Writes down which apps the device has after a sync: the list that the plug-in compares the device with in the next
-/// one. Null on success.
-[[nodiscard]] ErrorPtr writeLastSyncApps(device::Device& device);
+/// one.
+[[nodiscard]] Result<void> writeLastSyncApps(device::Device& device);
 
 } // namespace appsync::host

@@ -23,23 +23,6 @@ namespace {
 
 constexpr const char* inUse = "it is in use and cannot be ended now";
 
-/// The control socket's end, taken away when the sync is over.
-class ControlPoint {
-  public:
-    ControlPoint(device::DeviceFileSystem& files, const Interrupt* interrupt, ControlHandlers handlers, SyncView& view)
-        : _listening(files, &_problem),
-          _server(_listening.descriptor(), interrupt != nullptr ? interrupt->descriptor() : -1, std::move(handlers)) {
-        if (_problem != nullptr) {
-            view.note(reasonOf(_problem));
-        }
-    }
-
-  private:
-    ErrorPtr _problem;
-    ListeningSocket _listening;
-    ControlServer _server;
-};
-
 /// The report points at the log for reasons; a full disk does not take them.
 void noteLostMessages(device::Device& device, SyncReport& report) {
     device.log().flush();
@@ -56,8 +39,9 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
                                    &report.failure)) {
         return report;
     }
-    const auto plugIn = PlugIn::load(options.plugInPath, device.propertyLists(), &report.failure);
+    const auto plugIn = PlugIn::load(options.plugInPath, device.propertyLists());
     if (!plugIn) {
+        report.failure = plugIn.error();
         return report;
     }
     InstallOutcomes outcomes(
@@ -83,12 +67,16 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
     // What ended while no plug-in ran is told to it before it opens the sync, since it notes that in its work files.
     device.coordinator().waitUntilIdle();
     PersonOnDevice person(device, deviceService, workspace, busyApps, outcomes);
-    const ControlPoint control(device.files(), options.interrupt,
-                               {.status = [&view] { return toJson(view.status()); },
-                                .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
-                                .cancel = [&person](const std::string& app) { return person.cancel(app); },
-                                .interrupted = [&busyApps] { busyApps.giveUp(); }},
-                               view);
+    const auto listening = ListeningSocket::open(device.files());
+    if (!listening) {
+        view.note(reasonOf(listening.error()));
+    }
+    const ControlServer control(listening ? listening->descriptor() : -1,
+                                options.interrupt != nullptr ? options.interrupt->descriptor() : -1,
+                                {.status = [&view] { return toJson(view.status()); },
+                                 .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
+                                 .cancel = [&person](const std::string& app) { return person.cancel(app); },
+                                 .interrupted = [&busyApps] { busyApps.giveUp(); }});
     report = SyncSession({device, *client, deviceService, outcomes, view, options.bandwidth}, list).run();
     noteLostMessages(device, report);
     return report;

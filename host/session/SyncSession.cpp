@@ -40,9 +40,9 @@ SyncSession::SyncSession(const SyncParties& parties, const desktop::SyncList& li
 }
 
 SyncReport SyncSession::run() {
-    if (ErrorPtr failure = _open()) {
+    if (const auto opened = _open(); !opened) {
         SyncReport report;
-        report.failure = std::move(failure);
+        report.failure = opened.error();
         return report;
     }
     _transferAll(_plan());
@@ -50,7 +50,7 @@ SyncReport SyncSession::run() {
     return _report();
 }
 
-ErrorPtr SyncSession::_open() {
+Result<void> SyncSession::_open() {
     QRClient& client = _parties.client;
     const auto dataclasses = client.supportedDataclasses();
     if (std::ranges::find(dataclasses, "Application") == dataclasses.end()) {
@@ -65,7 +65,7 @@ ErrorPtr SyncSession::_open() {
         !client.reconcileSync_withNewAnchor_progressCallback_error(nullptr, anchor, {}, &error)) {
         return error != nullptr ? error : hostError("The plug-in could not begin the sync; `qrd log` tells why.");
     }
-    return nullptr;
+    return {};
 }
 
 std::vector<QRAssetPtr> SyncSession::_plan() {
@@ -95,8 +95,9 @@ void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
     const auto queue = std::make_shared<TransferQueue>(assets);
     _parties.deviceService.setQueue(queue);
     while (const QRAssetPtr asset = queue->next()) {
-        if (const ErrorPtr error = asset->isRestore ? _transferRestore(asset, *queue) : _transferOne(asset, *queue)) {
-            _failed(asset, error);
+        const auto sent = asset->isRestore ? _transferRestore(asset, *queue) : _transferOne(asset, *queue);
+        if (!sent) {
+            _failed(asset, sent.error());
         } else if (!asset->isRestore) {
             _arrived(asset, kQRAssetPartApplicationPackage);
         }
@@ -123,7 +124,7 @@ void SyncSession::_failed(const QRAssetPtr& asset, const ErrorPtr& error) {
 
 /// A restored app's package, then its data, as far as the device asks for them. The plug-in installs the app once both
 /// are there; after an interruption between the two a later sync goes on with the data.
-ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQueue& queue) {
+Result<void> SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQueue& queue) {
     const Value* value = asset->variantOptions ? asset->variantOptions->find("AssetParts") : nullptr;
     const std::uint64_t parts = value != nullptr ? value->unsignedInteger().value_or(0) : 0;
     const auto waiting = _parties.device.backup().restoreDataFolder(asset->identifier);
@@ -133,8 +134,8 @@ ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQu
     const bool hasData = waiting->has_value();
     const bool needsPackage = (parts & kQRAssetPartApplicationPackage) != 0;
     if (needsPackage) {
-        if (ErrorPtr error = _transferOne(asset, queue)) {
-            return error;
+        if (const auto sent = _transferOne(asset, queue); !sent) {
+            return sent;
         }
         // The plug-in notes durably where the package is that waits for its data.
         if (const auto durable = hasData ? _parties.device.files().sync() : Result<void>(); !durable) {
@@ -143,10 +144,10 @@ ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQu
         _arrived(asset, kQRAssetPartApplicationPackage);
     }
     if ((parts & kQRAssetPartApplicationData) == 0 || (needsPackage && !hasData)) {
-        return nullptr;
+        return {};
     }
-    if (ErrorPtr reason = _reasonToStop(*asset, queue)) {
-        return reason;
+    if (const auto goesOn = _mayGoOn(*asset, queue); !goesOn) {
+        return goesOn;
     }
     if (hasData) {
         if (const auto restored = _parties.device.backup().restoreApplicationData(asset->identifier); !restored) {
@@ -154,24 +155,27 @@ ErrorPtr SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQu
         }
     }
     _arrived(asset, kQRAssetPartApplicationData);
-    return nullptr;
+    return {};
 }
 
-ErrorPtr SyncSession::_reasonToStop(const QRAsset& asset, const TransferQueue& queue) const {
+Result<void> SyncSession::_mayGoOn(const QRAsset& asset, const TransferQueue& queue) const {
     if (queue.isCancelled(asset.identifier)) {
         return cancelledByUserError();
     }
-    return Interrupt::requested() ? interruptedError() : nullptr;
+    if (Interrupt::requested()) {
+        return interruptedError();
+    }
+    return {};
 }
 
-ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue& queue) {
+Result<void> SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue& queue) {
     const desktop::AppArchive* app = desktop::findArchive(_list, asset->identifier);
     if (app == nullptr) {
         return transferError(TransferError::sourceFailed, "The library has no '" + asset->identifier + "'.");
     }
-    const auto stopReason = [&] { return _reasonToStop(*asset, queue); };
-    if (ErrorPtr reason = stopReason()) {
-        return reason;
+    const auto mayGoOn = [&] { return _mayGoOn(*asset, queue); };
+    if (const auto goesOn = mayGoOn(); !goesOn) {
+        return goesOn;
     }
     _parties.view.transferBegan(asset->identifier);
     double told = 0;
@@ -184,7 +188,7 @@ ErrorPtr SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue&
         _parties.view.transferring(asset->identifier, fraction);
         _parties.client.assetTransfer_updatedProgress(asset, fraction);
     };
-    return transfer(_parties.device.files(), {*app, progress, stopReason, _parties.bandwidth});
+    return transfer(_parties.device.files(), {*app, progress, mayGoOn, _parties.bandwidth});
 }
 
 void SyncSession::_close() {
@@ -196,8 +200,9 @@ void SyncSession::_close() {
     if (!_allTransferred) {
         return;
     }
-    if (const ErrorPtr error = writeLastSyncApps(_parties.device)) {
-        _parties.view.note("The list of the device's apps could not be kept for the next sync: " + reasonOf(error));
+    if (const auto written = writeLastSyncApps(_parties.device); !written) {
+        _parties.view.note("The list of the device's apps could not be kept for the next sync: " +
+                           reasonOf(written.error()));
     }
 }
 

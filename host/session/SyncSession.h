@@ -45,16 +45,17 @@ class SyncSession {
     [[nodiscard]] SyncReport run();
 
   private:
-    /// Null when the sync may go on.
-    [[nodiscard]] ErrorPtr _open();
+    /// An error when the sync cannot go on.
+    [[nodiscard]] Result<void> _open();
     [[nodiscard]] std::vector<std::shared_ptr<QRAsset>> _plan();
     void _transferAll(const std::vector<std::shared_ptr<QRAsset>>& assets);
-    /// Null when all parts have arrived that the device asks for.
-    [[nodiscard]] ErrorPtr _transferRestore(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
+    /// All parts that the device asks for.
+    [[nodiscard]] Result<void> _transferRestore(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
     void _arrived(const std::shared_ptr<QRAsset>& asset, std::uint32_t part);
     void _failed(const std::shared_ptr<QRAsset>& asset, const ErrorPtr& error);
-    [[nodiscard]] ErrorPtr _reasonToStop(const QRAsset& asset, const TransferQueue& queue) const;
-    [[nodiscard]] ErrorPtr _transferOne(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
+    /// An error when the transfer has to end.
+    [[nodiscard]] Result<void> _mayGoOn(const QRAsset& asset, const TransferQueue& queue) const;
+    [[nodiscard]] Result<void> _transferOne(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
     void _close();
     [[nodiscard]] SyncReport _report() const;
     /// `report` says which app is meant.

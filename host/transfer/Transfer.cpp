@@ -25,20 +25,20 @@ ErrorPtr deviceError(int number, const std::string& path) {
                          "The device cannot take '" + path + "': " + systemText(number) + ".");
 }
 
-ErrorPtr copyPieces(desktop::ArchiveSource& source, int destination, const std::string& path,
-                    const TransferRequest& request) {
+Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const std::string& path,
+                        const TransferRequest& request) {
     std::vector<char> buffer(request.bandwidth != nullptr ? request.bandwidth->pieceSize(pieceSize) : pieceSize);
     std::uint64_t sent = 0;
     for (;;) {
-        if (ErrorPtr reason = request.stopReason()) {
-            return reason;
+        if (const auto goesOn = request.mayGoOn(); !goesOn) {
+            return goesOn;
         }
         const auto length = source.read(buffer);
         if (!length) {
             return transferError(TransferError::sourceFailed, errorText(length.error()));
         }
         if (*length == 0) {
-            return nullptr;
+            return {};
         }
         if (const int failed = writeAll(destination, {buffer.data(), *length})) {
             return deviceError(failed, path);
@@ -61,11 +61,11 @@ std::string receivedPath(const std::string& identifier) {
     return std::string(ReceivedFolder) + "/" + identifier + ".archive";
 }
 
-ErrorPtr transfer(device::DeviceFileSystem& files, const TransferRequest& request) {
+Result<void> transfer(device::DeviceFileSystem& files, const TransferRequest& request) {
     return copyToDevice(files, request, publicStaging + receivedPath(request.app.identifier));
 }
 
-ErrorPtr copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request, const std::string& path) {
+Result<void> copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request, const std::string& path) {
     ErrorPtr error;
     auto source = desktop::ArchiveSource::open(request.app);
     if (!source) {
@@ -80,7 +80,7 @@ ErrorPtr copyToDevice(device::DeviceFileSystem& files, const TransferRequest& re
         if (!destination) {
             return transferError(TransferError::deviceFailed, errorText(destination.error()));
         }
-        error = copyPieces(*source, destination->get(), unfinished, request);
+        error = copyPieces(*source, destination->get(), unfinished, request).error();
     }
     if (error == nullptr) {
         files.removeItem(path, nullptr);

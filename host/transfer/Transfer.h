@@ -1,7 +1,7 @@
 // Fetches one archive from the desktop into the device's public staging area.
 #pragma once
 
-#include "values/Error.h"
+#include "values/Result.h"
 
 #include <functional>
 #include <string>
@@ -25,8 +25,8 @@ struct TransferRequest {
     const desktop::AppArchive& app;
     /// Called after each piece; `fraction` is 0 to 1.
     std::function<void(double fraction)> progress;
-    /// Asked before each piece: an error ends the transfer with it, null goes on.
-    std::function<ErrorPtr()> stopReason;
+    /// Asked before each piece; an error ends the transfer with it.
+    std::function<Result<void>()> mayGoOn;
     Bandwidth* bandwidth = nullptr; // as fast as it goes when null
 };
 
@@ -35,11 +35,11 @@ struct TransferRequest {
 /// The received file's path relative to the public staging area.
 [[nodiscard]] std::string receivedPath(const std::string& identifier);
 
-/// Null when the archive stands at a path of the device, whole; otherwise the reason, and nothing of it is left.
-[[nodiscard]] ErrorPtr copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request,
-                                    const std::string& path);
+/// Afterwards the archive stands at a path of the device, whole; after an error, nothing of it is left.
+[[nodiscard]] Result<void> copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request,
+                                        const std::string& path);
 
-/// Null when the file stands at `receivedPath`, whole; otherwise the reason, and nothing of the file is left.
-[[nodiscard]] ErrorPtr transfer(device::DeviceFileSystem& files, const TransferRequest& request);
+/// Copies to `receivedPath`.
+[[nodiscard]] Result<void> transfer(device::DeviceFileSystem& files, const TransferRequest& request);
 
 } // namespace appsync::host

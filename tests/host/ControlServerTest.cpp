@@ -1,5 +1,6 @@
 // The server of the control socket among clients that do not behave, in a device root of its own; no sync runs.
 #include "host/control/ControlServer.h"
+#include "host/plugin/PlugIn.h"
 
 #include "device/root/Root.h"
 #include "tests/device/root/TemporaryFolder.h"
@@ -21,23 +22,22 @@ class Server : public testing::Test {
   protected:
     void SetUp() override {
         root = std::move(*device::Root::create(folder / "device"));
-        ErrorPtr error;
-        listening.emplace(root->files(), &error);
-        ASSERT_EQ(error, nullptr) << errorText(error);
+        auto opened = ListeningSocket::open(root->files());
+        ASSERT_TRUE(opened) << errorText(opened.error());
+        listening.emplace(std::move(*opened));
     }
     void start(std::chrono::milliseconds farewell = 0min) {
         server.emplace(listening->descriptor(), -1,
                        ControlHandlers{.status = [this] { return *status.load(); },
-                                       .prioritize = [](const std::string&) { return ""; },
-                                       .cancel = [](const std::string&) { return "no"; },
+                                       .prioritize = [](const std::string&) { return Result<void>(); },
+                                       .cancel = [](const std::string&) { return hostError("no"); },
                                        .interrupted = [] {}},
                        farewell);
     }
     Descriptor connected() const {
-        std::string problem;
-        Descriptor connection = connectToControl(folder / "device", 1min, problem);
-        EXPECT_TRUE(connection.isOpen()) << problem;
-        return connection;
+        auto connection = connectToControl(folder / "device", 1min);
+        EXPECT_TRUE(connection && connection->isOpen()) << errorText(connection.error());
+        return std::move(*connection);
     }
     static void send(const Descriptor& connection, const std::string& bytes) {
         ASSERT_EQ(::send(connection.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
@@ -163,19 +163,18 @@ TEST_F(Server, ThousandsOfConnectionsLeaveRoomForTheNext) {
 }
 
 TEST_F(Server, ASocketThatNobodyAcceptsIsBusyAndOneThatNobodyHearsIsNot) {
-    std::vector<Descriptor> waiting;
-    std::string problem;
-    while (problem.empty()) { // until the queue is full
-        waiting.push_back(connectToControl(folder / "device", std::chrono::milliseconds(1), problem));
-    }
-    EXPECT_EQ(problem, busySentence());
+    std::vector<Result<Descriptor>> waiting;
+    do { // until the queue is full
+        waiting.push_back(connectToControl(folder / "device", std::chrono::milliseconds(1)));
+    } while (waiting.back());
+    EXPECT_EQ(errorText(waiting.back().error()), busySentence());
     std::string buffer;
     std::string line;
-    EXPECT_EQ(readLine(waiting.front().get(), buffer, line), ReadResult::noAnswer);
+    EXPECT_EQ(readLine(waiting.front()->get(), buffer, line), ReadResult::noAnswer);
     listening.reset();
-    problem.clear();
-    EXPECT_FALSE(connectToControl(folder / "device", 1min, problem).isOpen());
-    EXPECT_EQ(problem, "");
+    const auto unheard = connectToControl(folder / "device", 1min);
+    ASSERT_TRUE(unheard) << errorText(unheard.error());
+    EXPECT_FALSE(unheard->isOpen());
 }
 
 TEST_F(Server, AnAnswerWithoutEndIsNone) {

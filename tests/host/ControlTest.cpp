@@ -33,8 +33,8 @@ class Control : public SyncOnBothPaths {
         return Json::parse(answer, nullptr, false);
     }
     Descriptor connected() const {
-        std::string problem;
-        return connectToControl(deviceFolder(), std::chrono::minutes(1), problem);
+        auto connection = connectToControl(deviceFolder(), std::chrono::minutes(1));
+        return connection ? std::move(*connection) : Descriptor();
     }
     static bool hasRead(int connection, std::string& buffer, std::string& line) {
         return readLine(connection, buffer, line) == ReadResult::line;

@@ -222,28 +222,27 @@ TEST_F(Sync, SaysThatThereIsNoLibrary) {
 
 TEST_F(Sync, SaysThatThereIsNoPlugIn) {
     PropertyListCodec codec;
-    ErrorPtr error;
-    EXPECT_FALSE(PlugIn::load((folder / "missing").string(), codec, &error).has_value());
-    EXPECT_NE(error->description().find("is no plug-in"), std::string::npos);
+    const auto missing = PlugIn::load((folder / "missing").string(), codec);
+    ASSERT_FALSE(missing);
+    EXPECT_NE(missing.error()->description().find("is no plug-in"), std::string::npos);
     write(folder / "bundle" / "Info.plist",
           "<plist version=\"1.0\"><dict><key>BXBundleIdentifier</key><string>x</string>"
           "<key>BXBundleExecutable</key><string>missing</string></dict></plist>");
-    EXPECT_FALSE(PlugIn::load((folder / "bundle").string(), codec, &error).has_value());
-    EXPECT_NE(error->description().find("cannot be loaded"), std::string::npos);
+    const auto empty = PlugIn::load((folder / "bundle").string(), codec);
+    ASSERT_FALSE(empty);
+    EXPECT_NE(empty.error()->description().find("cannot be loaded"), std::string::npos);
 }
 
 TEST_F(Sync, LoadsThePlugInByItsInfo) {
     PropertyListCodec codec;
-    ErrorPtr error;
-    const auto plugIn = PlugIn::load(APPSYNC_BUNDLE, codec, &error);
-    ASSERT_TRUE(plugIn.has_value());
+    const auto plugIn = PlugIn::load(APPSYNC_BUNDLE, codec);
+    ASSERT_TRUE(plugIn);
     EXPECT_EQ(plugIn->identifier(), "com.zuvex.tzl.Quorrel.AppSync");
 }
 
 TEST_F(Sync, KeepsThePlugInsCodeForWhatItLeavesBehind) {
     PropertyListCodec codec;
-    ErrorPtr error;
-    ASSERT_TRUE(PlugIn::load(APPSYNC_BUNDLE, codec, &error)) << "and is gone again";
+    ASSERT_TRUE(PlugIn::load(APPSYNC_BUNDLE, codec)) << "and is gone again";
     const std::string object = std::string(APPSYNC_BUNDLE) + "/ApplicationSync";
     EXPECT_NE(::dlopen(object.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is not in the process any more";
 }

@@ -45,10 +45,6 @@ FAULTS = [
     Fault("the archive's size is known", 'desktop/AppArchive.cpp',
           '    app->size = app->stamp.size;\n', '', replay('desktop_archive', 'app')),
     # A backup's lists.
-    Fault('the folder can be opened', 'host/backup/BackupFolder.cpp',
-          '    if (!_folder.isOpen()) {', '    if (_folder.isOpen()) {', replay('backup_folder', 'apps')),
-    Fault('it is read, or it is told why not', 'host/backup/BackupFolder.cpp',
-          '        *error = noBackup(problem, lists.pathOf(RestoreInfoName));\n', '', replay('backup_folder', 'array')),
     Fault('an identifier that names a path is refused', 'host/backup/BackupFolder.cpp',
           'if (!isBundleIdentifier(app.identifier)) {', 'if (app.identifier.empty()) {', replay('backup_folder')),
     Fault('an app has a name', 'host/backup/BackupFolder.cpp',
@@ -56,11 +52,9 @@ FAULTS = [
     Fault('what is restored is a dictionary', 'host/backup/BackupFolder.cpp',
           '    app.entry = std::move(entry);\n', '', replay('backup_folder', 'apps')),
     Fault('a list that is not used is told', 'host/backup/BackupFolder.cpp',
-          '        content.problems.push_back(problem + " No app counts as demoted.");\n', '',
+          '        content.problems.push_back(errorText(list.error()) + " No app counts as demoted.");\n', '',
           replay('backup_folder', 'nothing')),
     # A request on the control socket.
-    Fault('there is a request or a problem', 'host/control/ControlSocket.cpp',
-          '    return problem.empty();', '    return true;', replay('control_request', 'no-app')),
     Fault('a request can be sent on', 'host/control/ControlSocket.cpp',
           '    if (!request.app.empty()) {', '    if (request.app.empty()) {', replay('control_request', 'cancel')),
     Fault('its command stays', 'host/control/ControlSocket.cpp',
