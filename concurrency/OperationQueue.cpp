@@ -8,7 +8,7 @@ OperationQueue::OperationQueue(std::size_t maxConcurrentOperationCount, WithoutT
     : _maxConcurrent(maxConcurrentOperationCount), _withoutThread(withoutThread) {}
 
 OperationQueue::~OperationQueue() {
-    stop();
+    OperationQueue::stop();
 }
 
 bool OperationQueue::addOperation(std::function<void()> operation) {

@@ -22,15 +22,15 @@ class OperationQueue {
     explicit OperationQueue(std::size_t maxConcurrentOperationCount,
                             WithoutThread withoutThread = WithoutThread::fails);
     /// As `stop`.
-    ~OperationQueue();
+    virtual ~OperationQueue();
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
     /// Returns at once. Threads are started when they are needed. False: the queue has been stopped, and the operation
     /// will not run.
-    bool addOperation(std::function<void()> operation) EXCLUDES(_mutex);
+    virtual bool addOperation(std::function<void()> operation) EXCLUDES(_mutex);
     /// Waits for running operations and drops those that have not begun. Not to be called from an operation.
-    void stop() EXCLUDES(_mutex);
+    virtual void stop() EXCLUDES(_mutex);
     [[nodiscard]] std::size_t maxConcurrentOperationCount() const noexcept { return _maxConcurrent; }
 
   private:

@@ -24,13 +24,18 @@ bool runsInDaemon(const Platform& platform) {
 } // namespace
 
 std::unique_ptr<AppsClient> AppsClient::init(const Platform& platform) {
-    return std::unique_ptr<AppsClient>(new (std::nothrow) AppsClient(platform));
+    return init(platform, std::make_unique<OperationQueue>(concurrentInstalls, WithoutThread::runsAtOnce));
 }
 
-AppsClient::AppsClient(const Platform& platform) noexcept
+std::unique_ptr<AppsClient> AppsClient::init(const Platform& platform,
+                                             std::unique_ptr<OperationQueue> installOperationQueue) {
+    return std::unique_ptr<AppsClient>(new (std::nothrow) AppsClient(platform, std::move(installOperationQueue)));
+}
+
+AppsClient::AppsClient(const Platform& platform, std::unique_ptr<OperationQueue> installOperationQueue) noexcept
     : _platform(platform), _log(platform.log), _pendingRetries(platform.scheduler),
-      _installOperationQueue(concurrentInstalls, WithoutThread::runsAtOnce),
-      _backupManager(platform.backupManagers.init()), _accessQueue(std::string(plugInIdentifier)) {
+      _installOperationQueue(std::move(installOperationQueue)), _backupManager(platform.backupManagers.init()),
+      _accessQueue(std::string(plugInIdentifier)) {
     _platform.workspaces.defaultWorkspace().addObserver(this);
     _platform.transactionLog.initializeWithLog(
         std::make_shared<const SystemLog>(SystemLog{"com.zuvex.appinstallation", "qrd.appsync"}));
@@ -43,7 +48,7 @@ AppsClient::AppsClient(const Platform& platform) noexcept
 }
 
 AppsClient::~AppsClient() {
-    _installOperationQueue.stop();
+    _installOperationQueue->stop();
     _pendingRetries.dropAll();
     if (const std::size_t outstanding = _outstandingRFXTransfers.count(); outstanding > 0) {
         _log.error("%{public}@ getting dealloc'd with %lu outstanding RFX transfers!", *this, outstanding);

@@ -40,6 +40,9 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
 
     /// A new client, registered with the services that it observes; null when it could not be made.
     [[nodiscard]] static std::unique_ptr<AppsClient> init(const Platform& platform);
+    /// One whose own installs are run by this queue.
+    [[nodiscard]] static std::unique_ptr<AppsClient> init(const Platform& platform,
+                                                          std::unique_ptr<OperationQueue> installOperationQueue);
     /// Waits for running installs; those that have not begun and pending retries are dropped.
     ~AppsClient() override;
     AppsClient(const AppsClient&) = delete;
@@ -261,7 +264,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
 
   private:
     /// Where memory runs out the process ends, or services would go on calling a client that is gone.
-    explicit AppsClient(const Platform& platform) noexcept;
+    AppsClient(const Platform& platform, std::unique_ptr<OperationQueue> installOperationQueue) noexcept;
 
     const Platform _platform;
     const PlugInLog _log;
@@ -273,7 +276,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     Group _installGroup;                            // queued installs and pending retries
     std::atomic<std::uint32_t> _numAppInstallsAttempted = 0;
     IdentifierSet _outstandingRFXTransfers; // assets of which progress was told and whose transfer has not ended
-    OperationQueue _installOperationQueue;
+    const std::unique_ptr<OperationQueue> _installOperationQueue;
     std::shared_ptr<HVManager> _backupManager;
     IdentifierSet _kplAppsToIgnore; // volume-licensed apps that this sync leaves alone; none is recognised today
     std::set<std::string, std::less<>> _updatingApps GUARDED_BY(_accessQueue);      // updates of installed apps

@@ -31,7 +31,7 @@ void AppsClient::_enqueueAssetInstall(const QRAssetPtr& asset) {
         _installGroup.leave();
     };
     _log.message("Enqueue install request for %{public}@", asset->identifier);
-    if (!_installOperationQueue.addOperation(std::move(install))) {
+    if (!_installOperationQueue->addOperation(std::move(install))) {
         _installGroup.leave(); // the client is being torn down
     }
 }

@@ -32,4 +32,17 @@ void InstallStage::run(std::size_t position) {
     operation();
 }
 
+bool StagedQueue::addOperation(std::function<void()> operation) {
+    if (_isStopped) {
+        return false;
+    }
+    InstallStage::instance().add(this, std::move(operation));
+    return true;
+}
+
+void StagedQueue::stop() {
+    _isStopped = true;
+    InstallStage::instance().drop(this);
+}
+
 } // namespace appsync::simulation

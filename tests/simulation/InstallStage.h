@@ -1,16 +1,11 @@
 // The install queue of a simulated life: operations wait here until the life lets one run.
-//
-// The program that lives lives one step at a time has these definitions of `OperationQueue` instead of the plug-in's.
-// With the plug-in's own, the operations run on its threads, and nothing ever waits here.
 #pragma once
+
+#include "concurrency/OperationQueue.h"
 
 #include <cstddef>
 #include <deque>
 #include <functional>
-
-namespace appsync {
-class OperationQueue;
-}
 
 namespace appsync::simulation {
 
@@ -48,6 +43,19 @@ class InstallStage {
         std::function<void()> work;
     };
     std::deque<Operation> _waiting;
+};
+
+/// A client's install queue whose operations wait on the stage. Has no threads.
+class StagedQueue final : public OperationQueue {
+  public:
+    StagedQueue() : OperationQueue(0) {}
+    ~StagedQueue() override { StagedQueue::stop(); }
+
+    bool addOperation(std::function<void()> operation) override;
+    void stop() override;
+
+  private:
+    bool _isStopped = false;
 };
 
 } // namespace appsync::simulation

@@ -62,7 +62,7 @@ std::optional<Violation> Life::live() {
 
 void Life::_beBorn() {
     auto& world = _state.world;
-    _state.client = AppsClient::init(world.platform(_log));
+    _state.client = AppsClient::init(world.platform(_log), std::make_unique<StagedQueue>());
     for (std::size_t times = _state.chance.below(3); times > 0; --times) {
         world.center.post(startUpComplete);
     }
