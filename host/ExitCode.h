@@ -1,4 +1,4 @@
-// What `qrd` answers to the shell.
+// The exit codes of `qrd`.
 #pragma once
 
 namespace appsync::host {

@@ -19,7 +19,7 @@ namespace appsync::host {
 /// The exit code of a device that could not be opened or made.
 [[nodiscard]] ExitCode exitCodeOf(const ErrorPtr& error);
 
-/// Tells the person on standard error; answers with the code.
+/// Tells the person on standard error; returns the code.
 ExitCode fail(const std::string& sentence, ExitCode code = ExitCode::failed);
 
 } // namespace appsync::host

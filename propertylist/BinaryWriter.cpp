@@ -75,7 +75,7 @@ class BinaryWriter {
     void movePending(std::size_t first, std::vector<std::uint32_t>& to);
     [[nodiscard]] std::uint64_t hashOf(const Cell& cell) const;
 
-    // Each writes an object behind the last one and answers its size.
+    // Each writes an object behind the last one and returns its size.
     std::size_t writeScalar(const Cell& cell);
     std::size_t writeInlineText(const Cell& cell);
     std::size_t writeText(std::string_view text);

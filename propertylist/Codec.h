@@ -41,7 +41,7 @@ class PropertyListCodec final : public PropertyListSerialization {
     [[nodiscard]] std::optional<Value> propertyListWithData(std::string_view bytes, ErrorPtr* error) noexcept override;
     [[nodiscard]] std::optional<Data> dataWithPropertyList(const Value& value, PropertyListFormat format,
                                                            ErrorPtr* error) noexcept override;
-    /// Hands the text of an XML file to `take`, some kilobytes at a time, until it answers false. False with
+    /// Hands the text of an XML file to `take`, some kilobytes at a time, until it returns false. False with
     /// an error when the value has no such form; what was handed over before is then no whole file.
     bool writeXml(const Value& value, const std::function<bool(std::string_view)>& take, ErrorPtr* error) noexcept;
 };

@@ -9,10 +9,10 @@
 
 namespace appsync::propertylist {
 
-/// Rounded down to the second. Nothing when the year has not four digits.
+/// Rounded down to the second. Nullopt when the year has not four digits.
 [[nodiscard]] std::optional<std::string> textFromDate(Date date);
 
-/// Nothing when the text has another form or names a day or time that does not exist.
+/// Nullopt when the text has another form or names a day or time that does not exist.
 [[nodiscard]] std::optional<Date> dateFromText(std::string_view text) noexcept;
 
 } // namespace appsync::propertylist

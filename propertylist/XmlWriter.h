@@ -18,7 +18,7 @@ namespace appsync::propertylist {
 /// The file's bytes, at most `limit`; throws `Failure`.
 [[nodiscard]] Data writeXml(const Value& root, std::size_t limit);
 
-/// Hands the file's bytes to `take`, piece by piece, until it answers false; throws `Failure`.
+/// Hands the file's bytes to `take`, piece by piece, until it returns false; throws `Failure`.
 void writeXml(const Value& root, const std::function<bool(std::string_view)>& take);
 
 } // namespace appsync::propertylist

@@ -1,5 +1,10 @@
 // Memory for many small boxes that are made one after the other, such as those of a file being read. They share slabs
-// of at most 4 KiB; a slab is freed when the last of its boxes is gone. Not for use outside `platform/` and the codec.
+// of at most 4 KiB; a slab is freed when the last of its boxes is gone. Not for use outside `values/` and the codec.
+//
+// Each change of the to-do list reads and writes the whole of it. In a coordinated sync of 1,000 small apps the arena,
+// and dictionaries that share the memory of their box, save a sixth of the time in user code (3.1 instead of 3.6 s,
+// medians of five runs in turn), and a third of the time to read and free a list of 1,000 records (150 instead of
+// 220-290 us).
 #pragma once
 
 #include <atomic>

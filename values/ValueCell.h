@@ -1,5 +1,5 @@
 // The storage behind `Text` and `Value`: sixteen bytes that hold a small datum inline or a counted reference to a
-// shared box. Copying costs sixteen bytes and, for a box, one count. Not for use outside `platform/` and the codec.
+// shared box. Copying costs sixteen bytes and, for a box, one count. Not for use outside `values/` and the codec.
 #pragma once
 
 #include <atomic>

@@ -1,4 +1,4 @@
-// A fast hash of bytes. Not for use outside `platform/` and the codec.
+// A fast hash of bytes. Not for use outside `values/` and the codec.
 #pragma once
 
 #include "values/ValueCell.h"

@@ -1,4 +1,4 @@
-// The boxes that values share, and the way into a value's cell. Not for use outside `platform/` and the codec.
+// The boxes that values share, and the way into a value's cell. Not for use outside `values/` and the codec.
 #pragma once
 
 #include "values/BoxArena.h"

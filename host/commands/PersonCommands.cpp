@@ -22,7 +22,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr std::chrono::seconds patience{10}; // with a sync that does not answer
 
-// What answers may be no sync of this program: an element of another kind counts as absent.
+// The other end may be no sync of this program: an element of another kind counts as absent.
 
 /// No deeper than an answer is.
 Json parsed(const std::string& line) {

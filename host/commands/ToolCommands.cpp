@@ -18,7 +18,7 @@ namespace appsync::host {
 
 namespace {
 
-/// The property list in a file; nothing, after telling the person why, when there is none.
+/// The property list in a file; nullopt, after telling the person why, when there is none.
 std::optional<Value> readPlist(const std::string& path) {
     constexpr std::size_t largestList = std::size_t{64} << 20; // else a device without an end would be read for ever
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC)); // it may be a pipe

@@ -136,7 +136,7 @@ void ControlServer::_answerLines(Client& client) {
     }
 }
 
-/// A line, or nothing yet.
+/// A line; empty when none is due yet.
 std::string ControlServer::_answerTo(Client& client, const std::string& line) {
     const auto request = parseControlRequest(line);
     if (!request) {

@@ -36,7 +36,7 @@ sockaddr_un addressThrough(int opened, const std::string& name = {}) {
     return address;
 }
 
-/// The socket as it is seen from inside a device root; closed when something else stands there, or nothing.
+/// The socket as it is seen from inside a device root; closed when there is none.
 Descriptor openSocket(const std::string& deviceFolder) {
     const Descriptor root(::open(deviceFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     Descriptor socket;

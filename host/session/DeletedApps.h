@@ -13,7 +13,7 @@ class Device;
 
 namespace appsync::host {
 
-/// Their bundle identifiers, of what the plug-in answers to `installedAssets`.
+/// Their bundle identifiers, from what `installedAssets` of the plug-in returns.
 [[nodiscard]] std::vector<std::string> deletedApps(const Dictionary& installedAssets);
 
 /// Writes down which apps the device has after a sync: the list that the plug-in compares the device with in the next

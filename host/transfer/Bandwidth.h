@@ -11,7 +11,7 @@
 namespace appsync::host {
 
 /// Of a text like "10MB/s", "500 kB/s" or "2000000": bytes a second, at least 1; units are powers of 1,000 and "/s" may
-/// be left out. Nothing when it is none.
+/// be left out. Nullopt when it is none.
 [[nodiscard]] std::optional<std::uint64_t> parseBandwidth(std::string_view text);
 
 /// Keeps what is sent through it within a bandwidth. Used by one thread.

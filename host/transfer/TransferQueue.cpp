@@ -87,7 +87,7 @@ bool ErrorClassification::QRIsRecoverableError(const ErrorPtr& error) noexcept {
         return false;
     }
     if (error->domain() == PosixErrorDomain) {
-        // The plug-in answers with EINVAL when it could not learn whether a busy app may be ended, as at an interrupt.
+        // The plug-in reports EINVAL when it could not learn whether a busy app may be ended, as at an interrupt.
         return error->code() == ENOSPC || error->code() == EDQUOT ||
                (error->code() == EINVAL && Interrupt::requested());
     }

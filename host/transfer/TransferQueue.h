@@ -70,7 +70,7 @@ class DeviceService final : public QRDeviceService, public QRDeviceServiceClass 
 };
 
 /// Which errors a later sync may get past: those of an ended sync and of a full disk. `EINVAL`, with which the plug-in
-/// answers that it could not learn whether a busy app may be ended, is one of them while the sync is being interrupted.
+/// reports that it could not learn whether a busy app may be ended, is one of them while the sync is being interrupted.
 class ErrorClassification final : public QRErrorClassification {
   public:
     [[nodiscard]] bool QRIsRecoverableError(const ErrorPtr& error) noexcept override;
