@@ -89,7 +89,7 @@ class Run:
             trials = {name: trial.Trial(build, build.folder / 'mutate' / str(number))
                       for name, build in self.builds.items()}
             while (place := self.next()) is not None:
-                self.one(trials['tsan' if place.kind == 'lock' else 'mutate'], place)
+                self.one(trials['mutate-locks' if place.kind == 'lock' else 'mutate'], place)
         except Exception as problem:  # a worker that dies must not pass for one that found nothing
             self.failures.put(problem)
 
@@ -148,7 +148,7 @@ def main():
     print(f'seed {seed}: {options.count} of {len(found)} places', flush=True)
     begin = time.monotonic()
     for name, build in builds.items():
-        if any((place.kind == 'lock') == (name == 'tsan') for place in found):
+        if any((place.kind == 'lock') == (name == 'mutate-locks') for place in found):
             trial.Trial(build, build.folder / 'mutate' / 'unchanged').check_unchanged()
     run = Run(options, builds, chosen(found, seed))
     workers = [threading.Thread(target=run.work, args=(number,)) for number in range(options.jobs)]

@@ -9,7 +9,7 @@ from dataclasses import dataclass
 
 TESTS = ['client', 'planning', 'pipeline', 'coordination', 'placeholders', 'homescreen']
 # The builds, and how many seconds each test program gets: a changed plug-in may wait for ever.
-PATIENCE = {'mutate': 30, 'tsan': 120}
+PATIENCE = {'mutate': 30, 'mutate-locks': 120}
 
 
 class DoesNotCompile(Exception):
