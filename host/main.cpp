@@ -1,9 +1,9 @@
 // The command line of `qrd`.
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/WrongUse.h"
 #include "host/view/Print.h"
 #include "propertylist/ListMemory.h"
-#include "text/Printable.h"
 
 #include <CLI/CLI.hpp>
 
@@ -27,9 +27,7 @@ class CommandLine {
         : _app("Syncs applications to a device.\n\nA device is a folder; a library is a folder of app archives.") {
         _app.name("qrd");
         _app.require_subcommand(1);
-        _app.failure_message([](const CLI::App*, const CLI::Error& problem) {
-            return appsync::printable(problem.what(), LineLimit) + "\nRun with --help for more information.\n";
-        });
+        _app.set_version_flag("--version", std::string("qrd ") + QRD_VERSION, "Print the version and exit");
         _addDevice();
         _addSync();
         _addReset();
@@ -47,17 +45,33 @@ class CommandLine {
                     "the output, 143 terminated.");
     }
 
-    int run(int count, char** words) {
-        try {
-            _app.parse(count, words);
-        } catch (const CLI::ParseError& problem) {
-            const int status = _app.exit(problem);
-            return status == 0 ? 0 : static_cast<int>(ExitCode::wrongUse);
+    /// `words` are those behind the program's name.
+    ExitCode run(std::vector<std::string> words) {
+        if (!words.empty() && words.front() == "help") { // "help sync" is "sync --help"
+            words.erase(words.begin());
+            if (const std::size_t named = namedCommand(_app, words).words; named < words.size()) {
+                return _refuse(words, CLI::ExtrasError({words[named]}));
+            }
+            words.emplace_back("--help");
         }
-        return static_cast<int>(_chosen());
+        try {
+            _app.parse(std::vector<std::string>(words.rbegin(), words.rend())); // it takes them from the back
+        } catch (const CLI::ParseError& problem) {
+            if (problem.get_exit_code() == 0) { // the help or the version was asked for
+                (void)_app.exit(problem);
+                return ExitCode::done;
+            }
+            return _refuse(words, problem);
+        }
+        return _chosen();
     }
 
   private:
+    ExitCode _refuse(const std::vector<std::string>& words, const CLI::Error& problem) const {
+        printLine(std::cerr, describeWrongUse(_app, words, problem));
+        return ExitCode::wrongUse;
+    }
+
     template <class Arguments>
     void _choose(CLI::App* command, Arguments& arguments, ExitCode (*perform)(const Arguments&)) {
         command->callback(
@@ -264,7 +278,7 @@ int main(int count, char** words) {
     std::signal(SIGPIPE, SIG_IGN); // a write fails instead
     appsync::keepListMemory();     // each step of a sync reads and writes the whole to-do list
     try {
-        return checkedOutput(CommandLine().run(count, words));
+        return checkedOutput(static_cast<int>(CommandLine().run({words + 1, words + count})));
     } catch (const std::exception& failure) {
         return static_cast<int>(fail(failure.what()));
     }

@@ -67,6 +67,39 @@ TEST_F(CommandLine, RefusesWrongUse) {
     }
 }
 
+TEST_F(CommandLine, NamesWhatIsWrongAndTheNearestRightWord) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"synk d", "qrd has no command 'synk'. Did you mean 'sync'? See `qrd --help`.\n"},
+        {"statsu d", "qrd has no command 'statsu'. Did you mean 'status'? See `qrd --help`.\n"},
+        {"xyzzy", "qrd has no command 'xyzzy'. See `qrd --help`.\n"},
+        {"", "qrd needs a command. See `qrd --help`.\n"},
+        {"plist chek f", "qrd plist has no command 'chek'. Did you mean 'check'? See `qrd plist --help`.\n"},
+        {"sync d --libary=l", "qrd sync has no option '--libary'. Did you mean '--library'? See `qrd sync --help`.\n"},
+        {"sync d -l l", "qrd sync has no option '-l'. See `qrd sync --help`.\n"},
+        {"sync", "qrd sync: DIR is required. See `qrd sync --help`.\n"},
+        {"apps d e", "qrd apps takes no 'e'. See `qrd apps --help`.\n"},
+        {"help synk", "qrd has no command 'synk'. Did you mean 'sync'? See `qrd --help`.\n"},
+    };
+    for (const auto& [words, sentence] : cases) {
+        const Answer answer = qrd(words);
+        EXPECT_EQ(answer.text, sentence) << words;
+        EXPECT_EQ(answer.code, 2) << words;
+    }
+}
+
+TEST_F(CommandLine, HelpWithACommandIsThatCommandsHelp) {
+    EXPECT_EQ(qrd("help sync").text, qrd("sync --help").text);
+    EXPECT_EQ(qrd("help plist check").text, qrd("plist check --help").text);
+    EXPECT_EQ(qrd("help").text, qrd("--help").text);
+    EXPECT_EQ(qrd("help sync").code, 0);
+}
+
+TEST_F(CommandLine, TellsItsVersion) {
+    const Answer answer = qrd("--version");
+    EXPECT_EQ(answer.text, "qrd " APPSYNC_VERSION "\n");
+    EXPECT_EQ(answer.code, 0);
+}
+
 TEST_F(CommandLine, TellsWhyADeviceCannotBeUsed) {
     EXPECT_EQ(qrd("apps missing").code, 4);
     write("other/file", "x");
