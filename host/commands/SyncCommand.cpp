@@ -90,6 +90,10 @@ ExitCode exitCodeOf(const SyncReport& report) {
 } // namespace
 
 ExitCode sync(const SyncArguments& arguments) {
+    const auto bytesPerSecond = arguments.bandwidth.empty() ? std::nullopt : parseBandwidth(arguments.bandwidth);
+    if (!arguments.bandwidth.empty() && !bytesPerSecond) {
+        return fail("'" + arguments.bandwidth + "' is no bandwidth; write one like 10MB/s.", ExitCode::wrongUse);
+    }
     ExitCode code = ExitCode::failed;
     const auto device = openDevice(arguments.device, &code);
     if (device == nullptr) {
@@ -119,11 +123,7 @@ ExitCode sync(const SyncArguments& arguments) {
     SyncOptions options{.plugInPath = arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin,
                         .interrupt = &interrupt};
     std::optional<Bandwidth> bandwidth;
-    if (!arguments.bandwidth.empty()) {
-        const auto bytesPerSecond = parseBandwidth(arguments.bandwidth);
-        if (!bytesPerSecond) {
-            return fail("'" + arguments.bandwidth + "' is no bandwidth; write one like 10MB/s.", ExitCode::wrongUse);
-        }
+    if (bytesPerSecond) {
         bandwidth.emplace(*bytesPerSecond, [&](std::chrono::nanoseconds time) { interrupt.waitFor(time); });
         options.bandwidth = &*bandwidth;
     }

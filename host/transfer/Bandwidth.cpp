@@ -21,8 +21,8 @@ std::optional<std::uint64_t> parseBandwidth(std::string_view text) {
     if (text.starts_with(' ')) {
         text.remove_prefix(1);
     }
-    constexpr std::array<std::pair<std::string_view, double>, 6> units{
-        {{"", 1}, {"B", 1}, {"kB", 1e3}, {"KB", 1e3}, {"MB", 1e6}, {"GB", 1e9}}};
+    constexpr std::array<std::pair<std::string_view, double>, 5> units{
+        {{"B", 1}, {"kB", 1e3}, {"KB", 1e3}, {"MB", 1e6}, {"GB", 1e9}}};
     const auto unit = std::ranges::find(units, text, [](const auto& one) { return one.first; });
     constexpr double largest = 1e15;
     if (unit == units.end() || !(number * unit->second >= 1 && number * unit->second <= largest)) {

@@ -10,8 +10,8 @@
 
 namespace appsync::host {
 
-/// Of a text like "10MB/s", "500 kB/s" or "2000000": bytes a second, at least 1; units are powers of 1,000 and "/s" may
-/// be left out. Nullopt when it is none.
+/// Of a text like "10MB/s" or "500 kB/s": bytes a second, at least 1; the units B, kB, MB, GB are powers of 1,000, "/s"
+/// may be left out. Nullopt when it is none.
 [[nodiscard]] std::optional<std::uint64_t> parseBandwidth(std::string_view text);
 
 /// Keeps what is sent through it within a bandwidth. Used by one thread.

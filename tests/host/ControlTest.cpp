@@ -328,8 +328,9 @@ TEST(Bandwidths, AreRead) {
     EXPECT_EQ(parseBandwidth("10MB/s"), 10'000'000U);
     EXPECT_EQ(parseBandwidth("1.5 kB/s"), 1'500U);
     EXPECT_EQ(parseBandwidth("2GB"), 2'000'000'000U);
-    EXPECT_EQ(parseBandwidth("7"), 7U);
-    for (const char* wrong : {"", "fast", "MB/s", "-1", "0", "0.5B", "10MiB/s", "10MB/h", "1e300", "nan", "10 MB /s"}) {
+    EXPECT_EQ(parseBandwidth("7 B/s"), 7U);
+    for (const char* wrong :
+         {"", "7", "10/s", "fast", "MB/s", "-1", "0", "0.5B", "10MiB/s", "10MB/h", "1e300", "nan", "10 MB /s"}) {
         EXPECT_EQ(parseBandwidth(wrong), std::nullopt) << wrong;
     }
 }
