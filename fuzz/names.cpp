@@ -41,7 +41,7 @@ bool isHarmful(char32_t c) {
 }
 
 void expectHarmless(const std::string& printed, std::size_t lines) {
-    expect(appsync::propertylist::invalidUtf8(printed) == appsync::propertylist::allValid, "it is valid UTF-8");
+    expect(appsync::propertylist::isUtf8(printed), "it is valid UTF-8");
     for (std::string_view rest = printed; !rest.empty();) {
         expect(!isHarmful(appsync::takeCharacter(rest)), "nothing in it steers a terminal");
     }
@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     printJson(out, report);
     expect(std::ranges::all_of(out.str(), [](char c) { return c == '\n' || (c >= ' ' && c < 0x7F); }), "JSON is ASCII");
     const auto json = nlohmann::json::parse(out.str());
-    if (appsync::propertylist::invalidUtf8(text) == appsync::propertylist::allValid) {
+    if (appsync::propertylist::isUtf8(text)) {
         expect(json["apps"][0]["name"] == text, "JSON is exact");
     }
     expectDrawable(text);

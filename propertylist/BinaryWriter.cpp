@@ -321,7 +321,7 @@ std::size_t BinaryWriter::writeText(std::string_view text) {
     if (isAscii(text)) {
         return writeBytes(marker::ascii, text);
     }
-    if (invalidUtf8(text) != allValid) {
+    if (!isUtf8(text)) {
         failWriting(Code::invalidText, "a text that is not valid UTF-8, " + quoted(text) + ",");
     }
     const std::size_t units = utf16Length(text);

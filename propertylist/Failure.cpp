@@ -15,7 +15,7 @@ void failWriting(PropertyListErrorCode code, std::string reason) {
 }
 
 void prependKey(Failure& failure, std::string_view key) {
-    std::string path = invalidUtf8(key) == allValid ? std::string(key) : quoted(key);
+    std::string path = isUtf8(key) ? std::string(key) : quoted(key);
     if (!failure.keyPath.empty() && failure.keyPath.front() != '[') {
         path += '.';
     }

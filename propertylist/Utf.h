@@ -21,6 +21,9 @@ inline constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
 /// Where the first byte stands that is not part of a character: overlong forms, surrogates, values above U+10FFFF and
 /// characters that are cut off count as wrong from their first byte on. `allValid` when there is none.
 [[nodiscard]] std::size_t invalidUtf8(std::string_view text) noexcept;
+[[nodiscard]] inline bool isUtf8(std::string_view text) noexcept {
+    return invalidUtf8(text) == allValid;
+}
 
 /// The number of 16-bit units of valid UTF-8.
 [[nodiscard]] std::size_t utf16Length(std::string_view utf8) noexcept;

@@ -18,7 +18,7 @@ bool isXmlText(std::string_view text) noexcept {
             return false;
         }
     }
-    return invalidUtf8(text) == allValid;
+    return isUtf8(text);
 }
 
 std::string xmlTextFrom(std::string_view text) {

@@ -11,6 +11,9 @@ namespace appsync {
 /// Bytes that a value's or an error's description has at most, but for the mark.
 inline constexpr std::size_t DescriptionLimit = std::size_t{16} << 10;
 
+/// A text, valid UTF-8, as far as it takes at most `limit` bytes: cut between two characters.
+[[nodiscard]] std::string_view cutText(std::string_view text, std::size_t limit) noexcept;
+
 /// Puts pieces behind a text until they are `limit` bytes. The piece that would go beyond is cut, between two
 /// characters, and a mark follows: "... (cut after 16384 bytes)". From there on nothing is added, and whoever describes
 /// stops.
