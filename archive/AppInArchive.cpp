@@ -12,19 +12,19 @@ namespace appsync {
 namespace {
 
 /// The files beside the app's folder.
-ErrorPtr checkCompanion(const ZipDirectory& directory, std::string_view path, std::uint64_t most,
-                        const Refusal& refuse) {
+Result<void> checkCompanion(const ZipDirectory& directory, std::string_view path, std::uint64_t maxBytes,
+                            const Refusal& refuse) {
     const auto kind = directory.kindOf(path);
     if (!kind) {
-        return nullptr;
+        return {};
     }
     if (*kind != ZipDirectory::Kind::file) {
         return refuse(InstallerError::unsupportedEntry, path, "must be a file");
     }
-    return directory.find(path)->unpackedBytes <= most
-               ? nullptr
+    return directory.find(path)->unpackedBytes <= maxBytes
+               ? Result<void>()
                : refuse(InstallerError::archiveTooLarge, path,
-                        "is larger than the device reads, " + std::to_string(most) + " bytes");
+                        "is larger than the device reads, " + std::to_string(maxBytes) + " bytes");
 }
 
 /// The one folder "<Name>.app" at the top.
@@ -61,10 +61,10 @@ Result<AppInArchive> findApplication(const ZipDirectory& directory, const Archiv
     if (!info || info->kind != ZipDirectory::Kind::file || info->unpackedBytes > limits.listBytes) {
         return refuse(InstallerError::infoMissing, "it has no usable file \"" + printable(app.infoPath) + "\"");
     }
-    for (const auto& [path, most] :
+    for (const auto& [path, maxBytes] :
          {std::pair(metadataFileName, limits.listBytes), std::pair(artworkFileName, limits.pictureBytes)}) {
-        if (ErrorPtr refused = checkCompanion(directory, path, most, refuse)) {
-            return refused;
+        if (const auto checked = checkCompanion(directory, path, maxBytes, refuse); !checked) {
+            return checked.error();
         }
     }
     return app;
@@ -85,21 +85,21 @@ Result<Dictionary> readInfo(std::string_view bytes, const AppInArchive& app, Pro
     return std::move(*info);
 }
 
-ErrorPtr checkLinkTarget(std::string_view path, std::string_view target, const Refusal& refuse) {
+Result<void> checkLinkTarget(std::string_view path, std::string_view target, const Refusal& refuse) {
     if (target.empty()) {
         return refuse(InstallerError::archiveDamaged, path, "is a symbolic link without a target");
     }
     if (target.starts_with('/')) {
         return refuse(InstallerError::unsafePath, path, "is a symbolic link with an absolute target");
     }
-    return nullptr;
+    return {};
 }
 
-ErrorPtr checkLink(int bundle, std::string_view path, std::string_view target, const Refusal& refuse) {
+Result<void> checkLink(int bundle, std::string_view path, std::string_view target, const Refusal& refuse) {
     Descriptor reached;
     const std::string inBundle(path.substr(path.find('/') + 1));
     return openBeneath(bundle, inBundle, O_PATH, reached) == 0
-               ? nullptr
+               ? Result<void>()
                : refuse(InstallerError::unsafePath, path,
                         "is a symbolic link to \"" + printable(target) + "\", which is not in the app");
 }

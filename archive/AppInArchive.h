@@ -2,7 +2,7 @@
 #pragma once
 
 #include "archive/ArchiveLimits.h"
-#include "archive/Refusal.h"
+#include "archive/InstallerError.h"
 #include "archive/ZipDirectory.h"
 #include "values/Result.h"
 
@@ -34,10 +34,10 @@ struct AppInArchive {
 [[nodiscard]] Result<Dictionary> readInfo(std::string_view bytes, const AppInArchive& app,
                                           PropertyListSerialization& propertyLists, const Refusal& refuse);
 
-/// Whether a symbolic link's target may be in an archive: null, or the refusal.
-[[nodiscard]] ErrorPtr checkLinkTarget(std::string_view path, std::string_view target, const Refusal& refuse);
-/// Whether a symbolic link of an app leads to something in the app; the kernel follows it there, over other links if
-/// need be. `bundle` is the app's folder, `path` leads to the link from beside that folder.
-[[nodiscard]] ErrorPtr checkLink(int bundle, std::string_view path, std::string_view target, const Refusal& refuse);
+/// Refuses a symbolic link whose target may not be in an archive.
+[[nodiscard]] Result<void> checkLinkTarget(std::string_view path, std::string_view target, const Refusal& refuse);
+/// Refuses a symbolic link that leads to nothing in the app; the kernel follows it there, over other links if need be.
+/// `bundle` is the app's folder, `path` leads to the link from beside that folder.
+[[nodiscard]] Result<void> checkLink(int bundle, std::string_view path, std::string_view target, const Refusal& refuse);
 
 } // namespace appsync

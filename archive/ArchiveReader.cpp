@@ -1,152 +1,243 @@
 #include "archive/ArchiveReader.h"
 
-#include "files/Syscalls.h"
-#include "text/Printable.h"
+#include "archive/ZipRecords.h"
 
-#include <archive.h>
-#include <archive_entry.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#define ZLIB_CONST
+#include <libdeflate.h>
+#include <zlib.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <optional>
-#include <string>
-
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define __SANITIZE_THREAD__ 1
-#endif
-#endif
-#ifdef __SANITIZE_THREAD__
-// The library converts each entry's time. The C library guards its time zone with a lock of its own, which the
-// sanitizer does not see.
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
-const char* __tsan_default_suppressions() {
-    return "race:tzset_internal\n";
-}
-#endif
+#include <bit>
+#include <cassert>
 
 namespace appsync {
 
 namespace {
 
-/// Read at once; more gains nothing, and a small archive needs no more than itself.
-constexpr std::uint64_t largestRead = 1U << 20;
-constexpr std::uint64_t smallestRead = 1U << 14;
+/// Of content that is read, inflated or handed out piece by piece.
+constexpr std::size_t maxPiece = std::size_t{1} << 20;
 
-/// Nothing for what is neither file, folder nor link.
-std::optional<ZipDirectory::Kind> kindOf(archive_entry* entry) {
-    if (archive_entry_hardlink(entry)) {
-        return std::nullopt;
-    }
-    switch (archive_entry_filetype(entry)) {
-    case AE_IFREG: return ZipDirectory::Kind::file;
-    case AE_IFDIR: return ZipDirectory::Kind::folder;
-    case AE_IFLNK: return ZipDirectory::Kind::link;
-    default: return std::nullopt;
-    }
+constexpr std::string_view brokenData = "its compressed data is broken or ends too early";
+constexpr std::string_view moreData = "something follows its compressed data";
+
+std::size_t pieceOf(std::uint64_t bytes) {
+    return static_cast<std::size_t>(std::min<std::uint64_t>(bytes, maxPiece));
 }
 
-std::string_view textOrEmpty(const char* text) {
-    return text ? std::string_view(text) : std::string_view();
+bool isInflatedAtOnce(const ZipDirectory::Entry& entry) {
+    return entry.unpackedBytes <= maxInflatedAtOnce && entry.packedBytes <= maxInflatedAtOnce - entry.unpackedBytes;
+}
+
+/// What is not known before the content has been written stands behind it, and there are zeros here.
+bool agrees(std::uint64_t figure, std::uint64_t stated) {
+    return figure == stated || figure == 0;
 }
 
 } // namespace
 
-void ArchiveReader::Close::operator()(archive* reader) const noexcept {
-    archive_read_free(reader);
+void ArchiveReader::FreeInflater::operator()(libdeflate_decompressor* inflater) const noexcept {
+    libdeflate_free_decompressor(inflater);
 }
 
-ArchiveReader::ArchiveReader(const Refusal& refuse) noexcept : _refuse(refuse), _archive(archive_read_new()) {}
+void ArchiveReader::EndStream::operator()(z_stream_s* stream) const noexcept {
+    inflateEnd(stream);
+    delete stream;
+}
+
+ArchiveReader::ArchiveReader(ArchiveFile& file, const Refusal& refuse) noexcept : _file(file), _refuse(refuse) {}
 
 ArchiveReader::~ArchiveReader() = default;
 
-ErrorPtr ArchiveReader::_failure(std::string_view what) const {
-    std::string text(what);
-    if (_archive) {
-        text.append(" (").append(printable(textOrEmpty(archive_error_string(_archive.get())))).append(")");
-    }
-    const InstallerError code = InstallerError::archiveDamaged;
-    return _entry ? _refuse(code, textOrEmpty(archive_entry_pathname(_entry)), text) : _refuse(code, text);
+ErrorPtr ArchiveReader::_contradiction() const {
+    return _refuse(InstallerError::archiveDamaged, _entry->path, "is not what the archive's directory says");
 }
 
-Result<void> ArchiveReader::open(int file) {
-    if (!_archive || archive_read_support_format_zip_seekable(_archive.get()) != ARCHIVE_OK) {
-        return _refuse(InstallerError::failed, "there is no memory for reading it");
+ErrorPtr ArchiveReader::_damaged(std::string_view reason) const {
+    return _refuse(InstallerError::archiveDamaged, _entry->path, "is damaged (" + std::string(reason) + ")");
+}
+
+ErrorPtr ArchiveReader::_anotherSize() const {
+    return _refuse(InstallerError::archiveDamaged, _entry->path, "has another size than the archive's directory says");
+}
+
+ErrorPtr ArchiveReader::_noMemory() const {
+    return _refuse(InstallerError::failed, "there is no memory for reading it");
+}
+
+Result<void> ArchiveReader::open(const ZipDirectory::Entry& entry) {
+    _entry = &entry;
+    _taken = _handedOut = 0;
+    _checksum = 0;
+    _stream.reset();
+    // The directory has room for this much of each entry.
+    const auto fixed = _file.read(entry.start, zip::localHeaderSize);
+    if (!fixed) {
+        return fixed.error();
     }
-    struct stat status {};
-    if (::fstat(file, &status) != 0 || ::lseek(file, 0, SEEK_SET) != 0) {
-        return _refuse(InstallerError::archiveMissing, systemText(errno));
+    auto header = zip::readLocalHeader(*fixed);
+    if (!header || header->nameSize != entry.name.size() ||
+        header->method != (entry.isDeflated ? zip::methodDeflated : zip::methodStored) ||
+        (header->flags & (zip::encryptedFlags | zip::patchFlag)) != 0) {
+        return _contradiction();
     }
-    const std::uint64_t readSize = std::clamp(static_cast<std::uint64_t>(status.st_size), smallestRead, largestRead);
-    if (archive_read_open_fd(_archive.get(), file, static_cast<std::size_t>(readSize)) != ARCHIVE_OK) {
-        return _failure("it cannot be read");
+    const std::size_t textSize = header->nameSize + header->extraSize;
+    _contentStart = entry.start + zip::localHeaderSize + textSize;
+    if (_contentStart + entry.packedBytes > entry.end) {
+        return _contradiction();
     }
+    const auto texts = _file.read(entry.start + zip::localHeaderSize, textSize);
+    if (!texts) {
+        return texts.error();
+    }
+    if (!texts->starts_with(entry.name) || !zip::readSizes64(texts->substr(entry.name.size()), header->sizes) ||
+        !agrees(header->checksum, entry.checksum) || !agrees(header->sizes.packed, entry.packedBytes) ||
+        !agrees(header->sizes.unpacked, entry.unpackedBytes)) {
+        return _contradiction();
+    }
+    _hasDescriptor = (header->flags & zip::descriptorFlag) != 0;
     return {};
 }
 
-Result<bool> ArchiveReader::_readHeader() {
-    _entry = nullptr;
-    _offset = 0;
-    archive_entry* entry = nullptr;
-    const int outcome = archive_read_next_header(_archive.get(), &entry);
-    if (outcome == ARCHIVE_EOF) {
-        return false;
-    }
-    // A warning tells of an entry that contradicts the directory, or of a name that is no text.
-    if (outcome != ARCHIVE_OK || !archive_entry_pathname(entry)) {
-        _entry = outcome == ARCHIVE_WARN ? entry : nullptr;
-        return _failure("cannot be read");
-    }
-    _entry = entry;
-    return true;
-}
-
-/// The names have been checked in the directory and are taken from there; the library may spell them differently.
-bool ArchiveReader::_isAsStated() const {
-    const bool hasSize = archive_entry_size_is_set(_entry) != 0;
-    return kindOf(_entry) == _stated->kind &&
-           (_stated->kind != ZipDirectory::Kind::file ||
-            (hasSize && static_cast<std::uint64_t>(archive_entry_size(_entry)) == _stated->unpackedBytes));
-}
-
-Result<ArchiveReader::Entry> ArchiveReader::next(const ZipDirectory::Entry& stated) {
-    _stated = &stated;
-    const auto found = _readHeader();
-    if (!found) {
-        return found.error();
-    }
-    if (!*found || !_isAsStated()) {
-        return _refuse(InstallerError::archiveDamaged, stated.path, "is not what the archive's directory says");
-    }
-    return Entry{(archive_entry_perm(_entry) & 0111) != 0, textOrEmpty(archive_entry_symlink(_entry))};
-}
-
-Result<void> ArchiveReader::end() {
-    const auto more = _readHeader();
-    return more && !*more ? Result<void>() : _refuse(InstallerError::archiveDamaged, "it goes on after its last entry");
-}
-
 Result<std::string_view> ArchiveReader::nextPiece() {
-    const void* start = nullptr;
-    std::size_t size = 0;
-    la_int64_t offset = 0;
-    int outcome = ARCHIVE_OK;
-    do {
-        outcome = archive_read_data_block(_archive.get(), &start, &size, &offset);
-        if (outcome != ARCHIVE_EOF && (outcome != ARCHIVE_OK || static_cast<std::uint64_t>(offset) != _offset)) {
-            return _failure("is damaged");
-        }
-    } while (outcome == ARCHIVE_OK && size == 0);
-    const std::size_t length = outcome == ARCHIVE_OK ? size : 0;
-    const std::uint64_t missing = _stated->unpackedBytes - _offset;
-    if (length > missing || (length == 0 && missing > 0)) {
-        return _refuse(InstallerError::archiveDamaged, _stated->path,
-                       "has another size than the archive's directory says");
+    assert(_entry);
+    const auto piece = !_entry->isDeflated         ? _readPiece()
+                       : isInflatedAtOnce(*_entry) ? _pieceOfWhole()
+                                                   : _inflatePiece();
+    if (!piece) {
+        return piece;
     }
-    _offset += length;
-    return std::string_view(static_cast<const char*>(start), length);
+    if (piece->size() > _entry->unpackedBytes - _handedOut) {
+        return _anotherSize();
+    }
+    _handedOut += piece->size();
+    _checksum = libdeflate_crc32(_checksum, piece->data(), piece->size());
+    if (piece->empty()) {
+        if (const auto checked = _checkEnd(); !checked) {
+            return checked.error();
+        }
+    }
+    return piece;
+}
+
+Result<std::string> ArchiveReader::content() {
+    std::string all;
+    for (;;) {
+        const auto piece = nextPiece();
+        if (!piece) {
+            return piece.error();
+        }
+        if (piece->empty()) {
+            return all;
+        }
+        all.append(*piece);
+    }
+}
+
+void ArchiveReader::_makeRoom(std::size_t size) {
+    if (size > _capacity) {
+        _capacity = std::bit_ceil(size);
+        _unpacked = std::make_unique_for_overwrite<char[]>(_capacity);
+    }
+}
+
+Result<std::string_view> ArchiveReader::_readPiece() {
+    const auto piece = _file.read(_contentStart + _taken, pieceOf(_entry->packedBytes - _taken));
+    if (piece) {
+        _taken += piece->size();
+    }
+    return piece;
+}
+
+Result<std::string_view> ArchiveReader::_pieceOfWhole() {
+    if (_taken == 0) {
+        if (const auto inflated = _inflateWhole(); !inflated) {
+            return inflated.error();
+        }
+    }
+    return std::string_view(_unpacked.get() + _handedOut, pieceOf(_entry->unpackedBytes - _handedOut));
+}
+
+Result<void> ArchiveReader::_inflateWhole() {
+    if (!_inflater) {
+        _inflater.reset(libdeflate_alloc_decompressor());
+        if (!_inflater) {
+            return _noMemory();
+        }
+    }
+    const auto packed = _file.read(_contentStart, static_cast<std::size_t>(_entry->packedBytes));
+    if (!packed) {
+        return packed.error();
+    }
+    const auto size = static_cast<std::size_t>(_entry->unpackedBytes);
+    _makeRoom(std::max<std::size_t>(size, 1));
+    std::size_t used = 0;
+    switch (libdeflate_deflate_decompress_ex(_inflater.get(), packed->data(), packed->size(), _unpacked.get(), size,
+                                             &used, nullptr)) {
+    case LIBDEFLATE_SUCCESS: break;
+    case LIBDEFLATE_SHORT_OUTPUT:
+    case LIBDEFLATE_INSUFFICIENT_SPACE: return _anotherSize();
+    default: return _damaged(brokenData);
+    }
+    if (used < packed->size()) {
+        return _damaged(moreData);
+    }
+    _taken = used;
+    return {};
+}
+
+Result<void> ArchiveReader::_openStream() {
+    _stream.reset(new z_stream_s{});
+    _makeRoom(maxPiece);
+    return inflateInit2(_stream.get(), -MAX_WBITS) == Z_OK ? Result<void>() : _noMemory();
+}
+
+Result<std::string_view> ArchiveReader::_inflatePiece() {
+    if (!_stream) {
+        if (const auto opened = _openStream(); !opened) {
+            return opened.error();
+        }
+    }
+    _stream->next_out = reinterpret_cast<Bytef*>(_unpacked.get());
+    _stream->avail_out = maxPiece;
+    int outcome = Z_OK;
+    while (outcome == Z_OK && _stream->avail_out > 0) {
+        if (_stream->avail_in == 0) {
+            const auto packed = _readPiece();
+            if (!packed) {
+                return packed.error();
+            }
+            _stream->next_in = reinterpret_cast<const Bytef*>(packed->data());
+            _stream->avail_in = static_cast<uInt>(packed->size());
+        }
+        outcome = inflate(_stream.get(), Z_NO_FLUSH);
+    }
+    if (outcome != Z_OK && outcome != Z_STREAM_END) {
+        return _damaged(brokenData);
+    }
+    if (outcome == Z_STREAM_END && (_stream->avail_in > 0 || _taken < _entry->packedBytes)) {
+        return _damaged(moreData);
+    }
+    return std::string_view(_unpacked.get(), maxPiece - _stream->avail_out);
+}
+
+Result<void> ArchiveReader::_checkEnd() {
+    if (_handedOut != _entry->unpackedBytes) {
+        return _anotherSize();
+    }
+    if (_checksum != _entry->checksum) {
+        return _damaged("its checksum is wrong");
+    }
+    if (!_hasDescriptor) {
+        return {};
+    }
+    const std::uint64_t end = _contentStart + _entry->packedBytes;
+    const auto descriptor = _file.read(end, std::min<std::uint64_t>(zip::maxDescriptorSize, _entry->end - end));
+    if (!descriptor) {
+        return descriptor.error();
+    }
+    return zip::isDescriptor(*descriptor, _entry->checksum, {_entry->packedBytes, _entry->unpackedBytes})
+               ? Result<void>()
+               : _contradiction();
 }
 
 } // namespace appsync

@@ -1,59 +1,76 @@
-// Reads the entries of an archive one after another, in the order in which they lie in it.
+// Reads the entries of an archive.
 #pragma once
 
-#include "archive/Refusal.h"
-#include "archive/TextLocale.h"
+#include "archive/ArchiveFile.h"
 #include "archive/ZipDirectory.h"
 #include "values/Result.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 
-struct archive;
-struct archive_entry;
+struct libdeflate_decompressor;
+struct z_stream_s;
 
 namespace appsync {
 
-/// Holds the entries to what the archive's directory says of them. Used on one thread from beginning to end.
+/// Packed and unpacked bytes together up to which a deflated entry is inflated at once, which is faster than piece by
+/// piece. A sync installs ten apps at a time, each with a reader of its own: that makes 60 MB at most.
+inline constexpr std::size_t maxInflatedAtOnce = std::size_t{6} << 20;
+
+/// Holds each entry to what the archive's directory says of it. Used on one thread from beginning to end.
 class ArchiveReader {
   public:
-    struct Entry {
-        bool isExecutable = false;
-        std::string_view linkTarget; // valid until the next call
-    };
-
-    /// The file's offset is moved while reading. `refuse` must outlive the reader.
-    explicit ArchiveReader(const Refusal& refuse) noexcept;
+    /// Both must outlive the reader.
+    ArchiveReader(ArchiveFile& file, const Refusal& refuse) noexcept;
     ~ArchiveReader();
     ArchiveReader(const ArchiveReader&) = delete;
     ArchiveReader& operator=(const ArchiveReader&) = delete;
 
-    [[nodiscard]] Result<void> open(int file);
-    /// Goes on to the next entry of the directory, which must stay as long as it is read.
-    [[nodiscard]] Result<Entry> next(const ZipDirectory::Entry& stated);
-    /// The next piece of the present entry's content; empty at its end, where its checksum and size have been found
-    /// right. Valid until the next call.
+    /// Goes to an entry; soonest done in the order in which they lie in the archive. Refused when what stands before
+    /// the entry's content is not what the directory says. The entry must stay as long as it is read.
+    [[nodiscard]] Result<void> open(const ZipDirectory::Entry& entry);
+    /// The next piece of the entry's content; empty at its end, where its checksum and size have been found right.
+    /// Valid until the next call.
     [[nodiscard]] Result<std::string_view> nextPiece();
-    /// After the last entry.
-    [[nodiscard]] Result<void> end();
+    /// All of the entry's content; the caller knows from the directory that it is not too large.
+    [[nodiscard]] Result<std::string> content();
 
   private:
-    struct Close {
-        void operator()(archive* reader) const noexcept;
+    struct FreeInflater {
+        void operator()(libdeflate_decompressor* inflater) const noexcept;
+    };
+    struct EndStream {
+        void operator()(z_stream_s* stream) const noexcept;
     };
 
-    [[nodiscard]] ErrorPtr _failure(std::string_view what) const;
-    /// False at the end of the archive.
-    [[nodiscard]] Result<bool> _readHeader();
-    [[nodiscard]] bool _isAsStated() const;
+    [[nodiscard]] ErrorPtr _contradiction() const;
+    [[nodiscard]] ErrorPtr _anotherSize() const;
+    [[nodiscard]] ErrorPtr _damaged(std::string_view reason) const;
+    [[nodiscard]] ErrorPtr _noMemory() const;
+    [[nodiscard]] Result<std::string_view> _readPiece();
+    [[nodiscard]] Result<std::string_view> _pieceOfWhole();
+    [[nodiscard]] Result<void> _inflateWhole();
+    [[nodiscard]] Result<std::string_view> _inflatePiece();
+    [[nodiscard]] Result<void> _openStream();
+    [[nodiscard]] Result<void> _checkEnd();
+    void _makeRoom(std::size_t size);
 
-    const TextLocale _locale;
+    ArchiveFile& _file;
     const Refusal& _refuse;
-    std::unique_ptr<archive, Close> _archive;
-    archive_entry* _entry = nullptr; // owned by the library
-    const ZipDirectory::Entry* _stated = nullptr;
-    std::uint64_t _offset = 0; // in the present entry's content
+    const ZipDirectory::Entry* _entry = nullptr;
+    std::uint64_t _contentStart = 0; // in the file
+    bool _hasDescriptor = false;
+    std::uint64_t _taken = 0;     // of the packed bytes
+    std::uint64_t _handedOut = 0; // of the unpacked bytes
+    std::uint32_t _checksum = 0;  // of these
+
+    std::unique_ptr<libdeflate_decompressor, FreeInflater> _inflater; // made when it is first needed
+    std::unique_ptr<z_stream_s, EndStream> _stream;                   // of the present entry, when it has one
+    std::unique_ptr<char[]> _unpacked;                                // the present entry's content, or a piece of it
+    std::size_t _capacity = 0;
 };
 
 } // namespace appsync

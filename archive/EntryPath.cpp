@@ -7,24 +7,20 @@ namespace appsync {
 namespace {
 
 std::optional<std::string_view> findUnsafeName(std::string_view name) noexcept {
-    constexpr std::size_t maximumNameBytes = 255;
+    constexpr std::size_t maxNameBytes = 255;
     if (name.empty()) {
         return "has an empty name in its path";
     }
     if (name == "." || name == "..") {
         return "has \".\" or \"..\" in its path";
     }
-    if (name.size() > maximumNameBytes) {
+    if (name.size() > maxNameBytes) {
         return "has a name of more than 255 bytes";
     }
     return std::nullopt;
 }
 
 } // namespace
-
-bool isUtf8(std::string_view text) noexcept {
-    return propertylist::invalidUtf8(text) == propertylist::allValid;
-}
 
 std::optional<std::string_view> findUnsafe(std::string_view path, const ArchiveLimits& limits) noexcept {
     if (path.starts_with('/')) {
@@ -39,7 +35,7 @@ std::optional<std::string_view> findUnsafe(std::string_view path, const ArchiveL
             return "has a control character or a backslash in its path";
         }
     }
-    if (!isUtf8(path)) {
+    if (!propertylist::isUtf8(path)) {
         return "has a path that is not valid UTF-8";
     }
     std::uint64_t depth = 0;

@@ -11,9 +11,7 @@ namespace appsync {
 /// The end of a sentence about an entry that no archive may hold.
 inline constexpr std::string_view unsupportedKind = "is neither a file, a folder nor a symbolic link";
 
-[[nodiscard]] bool isUtf8(std::string_view text) noexcept;
-
-/// Why a path is not safe to create below a folder, as the end of a sentence about its entry; nothing when it is. Safe
+/// Why a path is not safe to create below a folder, as the end of a sentence about its entry; nullopt when it is. Safe
 /// is a relative path of plain names, each at most 255 bytes long: no "..", no ".", no empty name, no backslash (which
 /// some systems take for a separator), no control character, valid UTF-8.
 [[nodiscard]] std::optional<std::string_view> findUnsafe(std::string_view path, const ArchiveLimits& limits) noexcept;

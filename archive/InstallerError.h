@@ -1,4 +1,4 @@
-// Why the installer refused or failed: the codes of `TVInstallerErrorDomain`.
+// Why the installer refused or failed: the codes of `TVInstallerErrorDomain`, and its sentences.
 #pragma once
 
 #include "platform/InstallationService.h"
@@ -38,5 +38,19 @@ enum class InstallerError : std::int64_t {
 
 /// The error of an install that was cancelled.
 [[nodiscard]] ErrorPtr makeCancelledError(const std::string& identifier, const std::string& archive);
+
+/// Says why an archive is refused, or a folder that is to become one: which, which entry of it, and what is wrong.
+class Refusal {
+  public:
+    /// `path` must outlive the object; `what` is there, such as "the archive".
+    explicit Refusal(const std::string& path, std::string_view what = "the archive") : _path(path), _what(what) {}
+
+    [[nodiscard]] ErrorPtr operator()(InstallerError code, std::string_view reason) const;
+    [[nodiscard]] ErrorPtr operator()(InstallerError code, std::string_view entry, std::string_view reason) const;
+
+  private:
+    const std::string& _path;
+    const std::string_view _what;
+};
 
 } // namespace appsync

@@ -99,9 +99,9 @@ void addApp(const fs::path& library, int number, std::size_t binary, int files, 
     writeFile(folder / "TamblinMetadata.plist",
               "<plist version=\"1.0\"><dict><key>title</key><string>" + name + "</string></dict></plist>");
     appsync::PropertyListCodec propertyLists;
-    appsync::ErrorPtr error;
-    if (!packApp(folder.string(), (library / (name + ".archive")).string(), propertyLists, &error)) {
-        std::cerr << error->description() << '\n';
+    const auto packed = packApp(folder.string(), (library / (name + ".archive")).string(), propertyLists);
+    if (!packed) {
+        std::cerr << packed.error()->description() << '\n';
         std::exit(1);
     }
 }

@@ -2,79 +2,96 @@
 
 #include "archive/AppInArchive.h"
 #include "archive/ArchiveReader.h"
-#include "archive/EntryPath.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
 #include "values/BundleIdentifier.h"
+#include "values/Description.h"
 
-#include <map>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 namespace appsync::desktop {
 
 namespace {
 
 /// No real version or name is longer, and those of a whole library are in memory.
-constexpr std::size_t longestText = 1'000;
+constexpr std::size_t maxTextBytes = 1'000;
+
+const ArchiveLimits limits;
 
 /// An open archive whose structure has been read.
-class AppReader {
-  public:
-    /// `file` and `refuse` must outlive the reader.
-    static Result<AppReader> open(int file, const Refusal& refuse) {
-        AppReader reader(file, refuse);
-        auto directory = ZipDirectory::read(file, reader._limits, refuse);
+struct OpenArchive {
+    ArchiveFile file;
+    ZipDirectory directory;
+    AppInArchive app;
+
+    /// The descriptor and `refuse` must outlive it.
+    static Result<OpenArchive> open(int descriptor, const Refusal& refuse) {
+        auto file = ArchiveFile::open(descriptor, refuse);
+        if (!file) {
+            return file.error();
+        }
+        auto directory = ZipDirectory::read(*file, limits, refuse);
         if (!directory) {
             return directory.error();
         }
-        reader._directory = std::move(*directory);
-        auto app = findApplication(reader._directory, reader._limits, refuse);
+        auto app = findApplication(*directory, limits, refuse);
         if (!app) {
             return app.error();
         }
-        reader._app = std::move(*app);
-        return reader;
+        return OpenArchive{std::move(*file), std::move(*directory), std::move(*app)};
     }
+};
+
+/// Reads the small files that go with an app.
+class AppReader {
+  public:
+    /// `archive`, `propertyLists` and `refuse` must outlive the reader.
+    AppReader(OpenArchive& archive, PropertyListSerialization& propertyLists, const Refusal& refuse)
+        : _directory(archive.directory), _app(archive.app), _propertyLists(propertyLists), _refuse(refuse),
+          _reader(archive.file, refuse) {}
 
     /// The app's Info.plist: its bytes and what they say.
-    Result<Dictionary> readInfoPlist(PropertyListSerialization& propertyLists, std::string& bytes) const {
-        auto contents = _read({_app.infoPath});
-        if (!contents) {
-            return contents.error();
+    Result<Dictionary> readInfoPlist(Data& bytes) {
+        auto content = _read(_app.infoPath);
+        if (!content) {
+            return content.error();
         }
-        bytes = std::move(contents->front());
-        return readInfo(bytes, _app, propertyLists, *_refuse);
+        bytes = std::move(**content); // findApplication has found it
+        return readInfo(bytes.bytes(), _app, _propertyLists, _refuse);
     }
 
-    /// The small files that go with the app, as far as there are any.
-    Result<AppDescription> readDescription(PropertyListSerialization& propertyLists) const {
-        std::string bytes;
-        const auto info = readInfoPlist(propertyLists, bytes);
+    Result<AppDescription> readDescription() {
+        AppDescription description;
+        const auto info = readInfoPlist(description.infoPlist);
         if (!info) {
             return info.error();
         }
-        AppDescription description;
-        description.infoPlist = Data(std::move(bytes));
         description.iconName = _iconName(*info);
         const std::string icon = description.iconName ? _app.bundleName + "/" + *description.iconName : "";
-        const std::vector<std::string> paths{std::string(metadataFileName), std::string(artworkFileName), icon};
-        auto contents = _read(paths);
-        if (!contents) {
-            return contents.error();
-        }
-        const std::vector targets{&description.metadata, &description.artwork, &description.icon};
-        for (std::size_t number = 0; number < paths.size(); ++number) {
-            if (_directory.find(paths[number]) != nullptr) {
-                *targets[number] = Data(std::move((*contents)[number]));
+        for (const auto& [path, target] :
+             {std::pair(metadataFileName, &description.metadata), std::pair(artworkFileName, &description.artwork),
+              std::pair(std::string_view(icon), &description.icon)}) {
+            auto content = _read(path);
+            if (!content) {
+                return content.error();
             }
+            *target = std::move(*content);
         }
         return description;
     }
 
-  private:
-    AppReader(int file, const Refusal& refuse) : _file(file), _refuse(&refuse) {}
+    /// What the device would refuse at an entry's beginning need not be sent.
+    Result<void> checkEntries() {
+        for (const ZipDirectory::Entry& entry : _directory.entries()) {
+            if (const auto opened = _reader.open(entry); !opened) {
+                return opened;
+            }
+        }
+        return {};
+    }
 
+  private:
     /// The picture in the app's folder that its Info.plist names, unless it is too large to be shown.
     [[nodiscard]] std::optional<std::string> _iconName(const Dictionary& info) const {
         const auto name = info.string("BXBundleIconFile");
@@ -83,54 +100,28 @@ class AppReader {
         }
         const ZipDirectory::Entry* icon = _directory.find(_app.bundleName + "/" + std::string(*name));
         const bool isUsable =
-            icon != nullptr && icon->kind == ZipDirectory::Kind::file && icon->unpackedBytes <= _limits.pictureBytes;
+            icon != nullptr && icon->kind == ZipDirectory::Kind::file && icon->unpackedBytes <= limits.pictureBytes;
         return isUsable ? std::optional<std::string>(*name) : std::nullopt;
     }
 
-    /// The contents of entries by their paths; empty for those that are not there.
-    [[nodiscard]] Result<std::vector<std::string>> _read(const std::vector<std::string>& paths) const {
-        std::vector<std::string> contents(paths.size());
-        std::map<const ZipDirectory::Entry*, std::string*> wanted;
-        for (std::size_t number = 0; number < paths.size(); ++number) {
-            if (const ZipDirectory::Entry* entry = _directory.find(paths[number])) {
-                wanted.emplace(entry, &contents[number]);
-            }
+    /// The content of an entry; nullopt when there is none of this path.
+    [[nodiscard]] Result<std::optional<Data>> _read(std::string_view path) {
+        const ZipDirectory::Entry* entry = _directory.find(path);
+        if (!entry) {
+            return std::optional<Data>();
         }
-        ArchiveReader reader(*_refuse);
-        if (const auto opened = reader.open(_file); !opened) {
+        if (const auto opened = _reader.open(*entry); !opened) {
             return opened.error();
         }
-        for (auto entry = _directory.entries().begin(); !wanted.empty(); ++entry) {
-            if (const auto next = reader.next(*entry); !next) {
-                return next.error();
-            }
-            const auto found = wanted.find(&*entry);
-            if (found == wanted.end()) {
-                continue;
-            }
-            if (ErrorPtr error = _readEntry(reader, *found->second)) {
-                return error;
-            }
-            wanted.erase(found);
-        }
-        return contents;
+        auto content = _reader.content();
+        return content ? Result(std::optional(Data(std::move(*content)))) : content.error();
     }
 
-    static ErrorPtr _readEntry(ArchiveReader& reader, std::string& content) {
-        for (;;) {
-            const auto piece = reader.nextPiece();
-            if (!piece || piece->empty()) {
-                return piece.error();
-            }
-            content.append(*piece);
-        }
-    }
-
-    int _file;
-    const Refusal* _refuse;
-    ArchiveLimits _limits;
-    ZipDirectory _directory;
-    AppInArchive _app;
+    const ZipDirectory& _directory;
+    const AppInArchive& _app;
+    PropertyListSerialization& _propertyLists;
+    const Refusal& _refuse;
+    ArchiveReader _reader;
 };
 
 /// A refusal as the problem of a library.
@@ -140,24 +131,15 @@ ErrorPtr libraryProblem(const ErrorPtr& reason, const std::string& path) {
     return desktopError(std::move(sentence), path);
 }
 
-/// A text as far as it is kept.
-std::string cut(std::string_view text) {
-    std::string kept(text.substr(0, longestText));
-    while (!isUtf8(kept)) { // the cut may have gone through a character
-        kept.pop_back();
-    }
-    return kept;
-}
-
 } // namespace
 
 Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyLists, const Refusal& refuse) {
-    const auto reader = AppReader::open(file, refuse);
-    if (!reader) {
-        return reader.error();
+    auto archive = OpenArchive::open(file, refuse);
+    if (!archive) {
+        return archive.error();
     }
-    std::string bytes;
-    const auto info = reader->readInfoPlist(propertyLists, bytes);
+    Data bytes;
+    const auto info = AppReader(*archive, propertyLists, refuse).readInfoPlist(bytes);
     if (!info) {
         return info.error();
     }
@@ -169,10 +151,10 @@ Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyL
                           "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
     }
     if (const auto version = info->string("BXBundleVersion")) {
-        app.version = cut(*version);
+        app.version = cutText(*version, maxTextBytes);
     }
     if (const auto name = info->string("BXBundleDisplayName")) {
-        app.name = cut(*name);
+        app.name = cutText(*name, maxTextBytes);
     }
     return app;
 }
@@ -209,12 +191,16 @@ Result<AppDescription> readAppDescription(const AppArchive& app, PropertyListSer
         return file.error();
     }
     const Refusal refuse(app.path);
-    const auto reader = AppReader::open(file->descriptor(), refuse);
-    auto description = reader ? reader->readDescription(propertyLists) : Result<AppDescription>(reader.error());
-    if (!description) {
-        return libraryProblem(description.error(), app.path);
+    auto archive = OpenArchive::open(file->descriptor(), refuse);
+    if (!archive) {
+        return libraryProblem(archive.error(), app.path);
     }
-    return description;
+    AppReader reader(*archive, propertyLists, refuse);
+    if (const auto checked = reader.checkEntries(); !checked) {
+        return libraryProblem(checked.error(), app.path);
+    }
+    auto description = reader.readDescription();
+    return description ? std::move(description) : libraryProblem(description.error(), app.path);
 }
 
 ErrorPtr desktopError(std::string description, std::string_view path) {

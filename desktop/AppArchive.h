@@ -41,8 +41,7 @@ struct AppDescription {
     std::optional<Data> icon;
 };
 
-/// Reads an archive's facts. An archive whose structure the device would refuse is refused here, too; the content of
-/// its other entries is not looked at, the device does that.
+/// Reads an archive's facts. An archive whose directory the device would refuse is refused here, too.
 [[nodiscard]] Result<AppArchive> readAppArchive(const std::string& path, PropertyListSerialization& propertyLists);
 /// The same of an open file; its path and state are left out. `refuse` names it.
 [[nodiscard]] Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyLists,
@@ -50,7 +49,8 @@ struct AppDescription {
 
 /// Opens the archive again, which must still be in the state in which its facts were read.
 [[nodiscard]] Result<RegularFile> openAgain(const AppArchive& app);
-/// Reads an app's description from its archive, which must not have changed.
+/// Reads an app's description from its archive, which must not have changed. What the device would refuse is refused
+/// here, too, but for the content of the other entries, which the device alone looks at.
 [[nodiscard]] Result<AppDescription> readAppDescription(const AppArchive& app,
                                                         PropertyListSerialization& propertyLists);
 

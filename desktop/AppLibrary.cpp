@@ -9,33 +9,35 @@ namespace appsync::desktop {
 
 namespace {
 
-std::vector<std::string> filesIn(const std::string& folder, std::error_code& failure) {
+/// Sorted by name.
+Result<std::vector<std::string>> filesIn(const std::string& folder) {
     std::vector<std::string> files;
+    std::error_code failure;
     std::filesystem::directory_iterator entry(folder, failure);
     for (; !failure && entry != std::filesystem::directory_iterator(); entry.increment(failure)) {
-        std::error_code ignored;
-        if (!entry->path().filename().string().starts_with(".") && !entry->is_directory(ignored)) {
+        std::error_code unknown; // what cannot be looked at is no folder; opening it as an archive says why
+        if (!entry->path().filename().string().starts_with(".") && !entry->is_directory(unknown)) {
             files.push_back(entry->path().string());
         }
+    }
+    if (failure) {
+        return desktopError("The library '" + folder + "' cannot be read: " + failure.message() +
+                                ". Name a folder that holds app archives.",
+                            folder);
     }
     std::ranges::sort(files);
     return files;
 }
 
 /// With `keepsAll`, all archives of every app; otherwise the first of each.
-std::optional<AppLibrary> readArchives(const std::string& folder, PropertyListSerialization& propertyLists,
-                                       bool keepsAll, ErrorPtr* error) {
-    std::error_code failure;
-    const auto files = filesIn(folder, failure);
-    if (failure) {
-        *error = desktopError("The library '" + folder + "' cannot be read: " + failure.message() +
-                                  ". Name a folder that holds app archives.",
-                              folder);
-        return std::nullopt;
+Result<AppLibrary> readArchives(const std::string& folder, PropertyListSerialization& propertyLists, bool keepsAll) {
+    const auto files = filesIn(folder);
+    if (!files) {
+        return files.error();
     }
     AppLibrary library;
     std::unordered_map<std::string, std::string> pathOf;
-    for (const std::string& file : files) {
+    for (const std::string& file : *files) {
         auto app = readAppArchive(file, propertyLists);
         if (!app) {
             library.problems.push_back(errorText(app.error()));
@@ -62,14 +64,12 @@ const AppArchive* AppLibrary::find(std::string_view identifier, const std::optio
     return found != apps.end() ? &*found : find(identifier);
 }
 
-std::optional<AppLibrary> readAppLibrary(const std::string& folder, PropertyListSerialization& propertyLists,
-                                         ErrorPtr* error) {
-    return readArchives(folder, propertyLists, false, error);
+Result<AppLibrary> readAppLibrary(const std::string& folder, PropertyListSerialization& propertyLists) {
+    return readArchives(folder, propertyLists, false);
 }
 
-std::optional<AppLibrary> readAppCatalogue(const std::string& folder, PropertyListSerialization& propertyLists,
-                                           ErrorPtr* error) {
-    return readArchives(folder, propertyLists, true, error);
+Result<AppLibrary> readAppCatalogue(const std::string& folder, PropertyListSerialization& propertyLists) {
+    return readArchives(folder, propertyLists, true);
 }
 
 } // namespace appsync::desktop

@@ -16,18 +16,16 @@ struct AppLibrary {
     /// One sentence for each file that was passed over, and why.
     std::vector<std::string> problems;
 
+    /// The app's first archive; null when there is none.
     [[nodiscard]] const AppArchive* find(std::string_view identifier) const;
     /// The archive of this version if there is one, else the first of the app.
     [[nodiscard]] const AppArchive* find(std::string_view identifier, const std::optional<std::string>& version) const;
 };
 
-/// Reads every file of the folder (not of folders in it) whose name does not begin with a dot. Nothing, and the reason
-/// in `error`, when the folder cannot be read.
-[[nodiscard]] std::optional<AppLibrary> readAppLibrary(const std::string& folder,
-                                                       PropertyListSerialization& propertyLists, ErrorPtr* error);
+/// Reads every file of the folder (not of folders in it) whose name does not begin with a dot.
+[[nodiscard]] Result<AppLibrary> readAppLibrary(const std::string& folder, PropertyListSerialization& propertyLists);
 
 /// The same, but with all archives of every app: a store keeps several versions.
-[[nodiscard]] std::optional<AppLibrary> readAppCatalogue(const std::string& folder,
-                                                         PropertyListSerialization& propertyLists, ErrorPtr* error);
+[[nodiscard]] Result<AppLibrary> readAppCatalogue(const std::string& folder, PropertyListSerialization& propertyLists);
 
 } // namespace appsync::desktop

@@ -14,46 +14,77 @@ const std::string stagingArea = "/var/mobile/Media/PublicStaging/ApplicationSync
 // Written aside and moved into place whole, so that a sync never finds half of it.
 const std::string unfinished = "/var/mobile/Media/PublicStaging/.ApplicationSync.unfinished";
 
-bool put(FileSystem& device, const std::string& path, const Data& bytes, ErrorPtr* error) {
+Result<void> makeFolder(FileSystem& device, const std::string& path, bool withParents) {
+    ErrorPtr error;
+    return device.createDirectory(path, withParents, std::nullopt, &error) ? Result<void>() : error;
+}
+
+Result<void> putFile(FileSystem& device, const std::string& path, const Data& bytes) {
     if (device.createFile(path, bytes.bytes(), {})) {
-        return true;
+        return {};
     }
-    *error = desktopError("The device does not take '" + path + "'. Is its disk full?", path);
-    return false;
+    return desktopError("The device does not take '" + path + "'. Is its disk full?", path);
 }
 
-bool putList(FileSystem& device, PropertyListSerialization& propertyLists, const std::string& path, const Array& list,
-             ErrorPtr* error) {
-    const auto bytes = propertyLists.dataWithPropertyList(list, PropertyListFormat::binary, error);
-    return bytes && put(device, path, *bytes, error);
+Result<void> putList(FileSystem& device, PropertyListSerialization& propertyLists, const std::string& path,
+                     const Array& list) {
+    ErrorPtr error;
+    const auto bytes = propertyLists.dataWithPropertyList(list, PropertyListFormat::binary, &error);
+    return bytes ? putFile(device, path, *bytes) : error;
 }
 
-bool putApp(FileSystem& device, const std::string& identifier, const AppDescription& app, ErrorPtr* error) {
-    const std::string folder = unfinished + "/" + identifier + "/";
-    if (!device.createDirectory(folder.substr(0, folder.size() - 1), false, std::nullopt, error) ||
-        !put(device, folder + "Info.plist", app.infoPlist, error)) {
-        return false;
+Result<void> putApp(FileSystem& device, const std::string& identifier, const AppDescription& app) {
+    const std::string folder = unfinished + "/" + identifier;
+    if (const auto made = makeFolder(device, folder, false); !made) {
+        return made;
     }
-    return (!app.metadata || put(device, folder + "TamblinMetadata.plist", *app.metadata, error)) &&
-           (!app.artwork || put(device, folder + "TamblinArtwork", *app.artwork, error)) &&
-           (!app.icon || put(device, folder + *app.iconName, *app.icon, error));
+    const std::optional<Data> info = app.infoPlist;
+    const std::string icon = app.iconName.value_or("");
+    for (const auto& [name, content] :
+         {std::pair("Info.plist", &info), std::pair("TamblinMetadata.plist", &app.metadata),
+          std::pair("TamblinArtwork", &app.artwork), std::pair(icon.c_str(), &app.icon)}) {
+        if (!content->has_value()) {
+            continue;
+        }
+        if (const auto done = putFile(device, folder + "/" + name, **content); !done) {
+            return done;
+        }
+    }
+    return {};
 }
 
 /// One app after the other, so that only one app's files are in memory.
-bool putApps(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list, ErrorPtr* error) {
+Result<void> putApps(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list) {
     std::vector<const AppArchive*> staged;
     for (const AppArchive* app : list.installs) {
         const auto description = readAppDescription(*app, propertyLists);
         if (!description) {
             list.failed.push_back({app, errorText(description.error())});
-        } else if (putApp(device, app->identifier, *description, error)) {
-            staged.push_back(app);
-        } else {
-            return false;
+            continue;
         }
+        if (const auto done = putApp(device, app->identifier, *description); !done) {
+            return done;
+        }
+        staged.push_back(app);
     }
     list.installs = std::move(staged);
-    return true;
+    return {};
+}
+
+/// Writes the area aside.
+Result<void> putAll(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list,
+                    const std::vector<std::string>& onDevice) {
+    if (const auto made = makeFolder(device, unfinished, true); !made) {
+        return made;
+    }
+    if (const auto done = putApps(device, propertyLists, list); !done) {
+        return done;
+    }
+    if (const auto done = putList(device, propertyLists, unfinished + "/ApplicationsSync.plist", toDoRecords(list));
+        !done) {
+        return done;
+    }
+    return putList(device, propertyLists, unfinished + "/SkellanIconState.plist", iconLayout(onDevice, list));
 }
 
 } // namespace
@@ -83,22 +114,16 @@ Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list)
     return pages;
 }
 
-bool writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list,
-                      const std::vector<std::string>& onDevice, ErrorPtr* error) {
+Result<void> writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list,
+                              const std::vector<std::string>& onDevice) {
     device.removeItem(unfinished, nullptr);
-    const auto write = [&] {
-        return device.createDirectory(unfinished, true, std::nullopt, error) &&
-               putApps(device, propertyLists, list, error) &&
-               putList(device, propertyLists, unfinished + "/ApplicationsSync.plist", toDoRecords(list), error) &&
-               putList(device, propertyLists, unfinished + "/SkellanIconState.plist", iconLayout(onDevice, list),
-                       error);
-    };
-    if (!write()) {
+    if (const auto done = putAll(device, propertyLists, list, onDevice); !done) {
         device.removeItem(unfinished, nullptr);
-        return false;
+        return done;
     }
     device.removeItem(stagingArea, nullptr);
-    return device.moveItem(unfinished, stagingArea, error);
+    ErrorPtr error;
+    return device.moveItem(unfinished, stagingArea, &error) ? Result<void>() : error;
 }
 
 } // namespace appsync::desktop

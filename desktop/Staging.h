@@ -25,9 +25,9 @@ inline constexpr std::size_t IconsPerPage = 24;
 [[nodiscard]] Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list);
 
 /// Replaces the staging area; `onDevice` are the apps of the device in their order. Apps whose archive cannot be read
-/// any more, or has changed since the library was read, become failed ones of the list and are not staged. False, with
-/// the reason in `error`, when the area could not be written whole; then nothing is staged.
-bool writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list,
-                      const std::vector<std::string>& onDevice, ErrorPtr* error);
+/// any more, or has changed since the library was read, become failed ones of the list and are not staged. When the
+/// area cannot be written whole, nothing is staged.
+[[nodiscard]] Result<void> writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists,
+                                            SyncList& list, const std::vector<std::string>& onDevice);
 
 } // namespace appsync::desktop

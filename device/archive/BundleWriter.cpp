@@ -2,6 +2,7 @@
 
 #include "archive/EntryPath.h"
 #include "device/root/FaultPoint.h"
+#include "device/root/PosixError.h"
 #include "files/Syscalls.h"
 
 #include <sys/stat.h>
@@ -15,84 +16,104 @@ constexpr std::uint64_t largeFile = 1U << 20;
 
 } // namespace
 
-int BundleWriter::makeFolder(std::string_view path) {
+Result<void> BundleWriter::makeFolder(std::string_view path) {
     return _enter(path);
 }
 
-/// Makes a folder the current one.
-int BundleWriter::_enter(std::string_view path) {
+Result<void> BundleWriter::_before(std::string_view operation, std::string_view path) {
+    const int failed = beforeChange(_faultPoint, operation, path);
+    return failed == 0 ? Result<void>() : makePosixError(failed, operation, path);
+}
+
+Result<void> BundleWriter::_enter(std::string_view path) {
     if (path == _currentPath) {
-        return 0;
+        return {};
     }
-    Descriptor folder;
+    Descriptor folder; // the topmost folder needs none of its own
     std::string name(path);
-    if (path.empty()) {
-        // The topmost folder needs no descriptor of its own.
-    } else if (_made.contains(name)) {
+    if (_made.contains(name)) {
         if (const int failed = openBeneath(_folder, name, O_PATH | O_DIRECTORY | O_NOFOLLOW, folder)) {
-            return failed;
+            return makePosixError(failed, "open", path);
         }
-    } else {
-        if (const int failed = _enter(parentOf(path))) {
-            return failed;
+    } else if (!path.empty()) {
+        if (const auto entered = _enter(parentOf(path)); !entered) {
+            return entered;
         }
-        if (const int failed = beforeChange(_faultPoint, "mkdir", path)) {
-            return failed;
+        auto made = _make(path);
+        if (!made) {
+            return made.error();
         }
-        const std::string last(lastNameOf(path));
-        if (::mkdirat(_here(), last.c_str(), 0755) != 0) {
-            return errno;
-        }
-        folder = Descriptor(::openat(_here(), last.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!folder.isOpen()) {
-            return errno;
-        }
+        folder = std::move(*made);
         _made.insert(name);
     }
     _current = std::move(folder);
     _currentPath = std::move(name);
-    return 0;
+    return {};
 }
 
-int BundleWriter::makeFile(std::string_view path, bool isExecutable, std::uint64_t expectedBytes, Descriptor& file) {
-    if (const int failed = _enter(parentOf(path))) {
-        return failed;
+Result<Descriptor> BundleWriter::_make(std::string_view path) {
+    if (const auto allowed = _before("mkdir", path); !allowed) {
+        return allowed.error();
     }
-    if (const int failed = beforeChange(_faultPoint, "create", path)) {
-        return failed;
+    const std::string last(lastNameOf(path));
+    if (::mkdirat(_here(), last.c_str(), 0755) != 0) {
+        return makePosixError(errno, "mkdir", path);
+    }
+    Descriptor folder(::openat(_here(), last.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder.isOpen()) {
+        return makePosixError(errno, "open", path);
+    }
+    return folder;
+}
+
+Result<Descriptor> BundleWriter::makeFile(std::string_view path, bool isExecutable, std::uint64_t expectedBytes) {
+    if (const auto entered = _enter(parentOf(path)); !entered) {
+        return entered.error();
+    }
+    if (const auto allowed = _before("create", path); !allowed) {
+        return allowed.error();
     }
     const std::string name(lastNameOf(path));
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    file = Descriptor(::openat(_here(), name.c_str(), flags, isExecutable ? 0755 : 0644));
+    Descriptor file(::openat(_here(), name.c_str(), flags, isExecutable ? 0755 : 0644));
     if (!file.isOpen()) {
-        return errno;
+        return makePosixError(errno, "create", path);
     }
+    // Only a full disk counts: a file system that gives no room in advance may have it all the same.
     if (expectedBytes >= largeFile &&
         ::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(expectedBytes)) != 0 && errno == ENOSPC) {
-        return errno;
+        return makePosixError(ENOSPC, "create", path);
     }
-    return 0;
+    return file;
 }
 
-void BundleWriter::finishFile(int file, std::uint64_t bytes) noexcept {
+Result<void> BundleWriter::write(const Descriptor& file, std::string_view bytes, std::string_view path) {
+    if (const auto allowed = _before("write", path); !allowed) {
+        return allowed;
+    }
+    const int failed = writeAll(file.get(), bytes);
+    return failed == 0 ? Result<void>() : makePosixError(failed, "write", path);
+}
+
+void BundleWriter::finishFile(const Descriptor& file, std::uint64_t bytes) noexcept {
     if (bytes >= largeFile) {
-        ::sync_file_range(file, 0, 0, SYNC_FILE_RANGE_WRITE);
+        ::sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE); // a hint; what counts is synced later
     }
 }
 
-int BundleWriter::makeLinks() {
+Result<void> BundleWriter::makeLinks() {
     for (const auto& [path, target] : _links) {
-        if (const int failed = _enter(parentOf(path))) {
-            return failed;
+        if (const auto entered = _enter(parentOf(path)); !entered) {
+            return entered;
         }
-        if (const int failed = beforeChange(_faultPoint, "symlink", path)) {
-            return failed;
+        if (const auto allowed = _before("symlink", path); !allowed) {
+            return allowed;
         }
         if (::symlinkat(target.c_str(), _here(), std::string(lastNameOf(path)).c_str()) != 0) {
-            return errno;
+            return makePosixError(errno, "symlink", path);
         }
     }
-    return 0;
+    return {};
 }
 
 } // namespace appsync::device

@@ -3,6 +3,7 @@
 
 #include "device/root/FaultPoint.h"
 #include "files/Descriptor.h"
+#include "values/Result.h"
 
 #include <cstdint>
 #include <string>
@@ -13,26 +14,33 @@
 
 namespace appsync::device {
 
-/// Paths are relative to the folder and safe (`findUnsafe`); no two are alike and none lies below a file or link. Each
-/// operation answers zero or an errno number.
+/// Paths are relative to the folder and safe (`findUnsafe`); no two are alike and none lies below a file or link. What
+/// fails has an error of `PosixErrorDomain`.
 class BundleWriter {
   public:
     /// The descriptor must stay open as long as the object is used; the fault point may be null.
     BundleWriter(int folder, FaultPoint* faultPoint) : _folder(folder), _faultPoint(faultPoint) {}
 
     /// Makes a folder and those above it, as far as they do not exist yet.
-    [[nodiscard]] int makeFolder(std::string_view path);
+    [[nodiscard]] Result<void> makeFolder(std::string_view path);
     /// Makes an empty file and the folders above it, opened for writing, with room for the bytes expected.
-    [[nodiscard]] int makeFile(std::string_view path, bool isExecutable, std::uint64_t expectedBytes, Descriptor& file);
+    [[nodiscard]] Result<Descriptor> makeFile(std::string_view path, bool isExecutable, std::uint64_t expectedBytes);
+    /// Appends to a file that `makeFile` has made.
+    [[nodiscard]] Result<void> write(const Descriptor& file, std::string_view bytes, std::string_view path);
     /// Tells that a file is complete: the disk may begin with it while the next one is unpacked.
-    static void finishFile(int file, std::uint64_t bytes) noexcept;
+    static void finishFile(const Descriptor& file, std::uint64_t bytes) noexcept;
     /// Remembers a symbolic link; `makeLinks` makes it, so that no file is written through it.
     void addLink(std::string_view path, std::string_view target) { _links.emplace_back(path, target); }
-    [[nodiscard]] int makeLinks();
+    [[nodiscard]] Result<void> makeLinks();
     [[nodiscard]] const std::vector<std::pair<std::string, std::string>>& links() const noexcept { return _links; }
 
   private:
-    [[nodiscard]] int _enter(std::string_view path);
+    /// Makes a folder the current one.
+    [[nodiscard]] Result<void> _enter(std::string_view path);
+    /// Makes the last folder of a path, whose parent is the current one, and opens it.
+    [[nodiscard]] Result<Descriptor> _make(std::string_view path);
+    /// Asks the fault point before a change.
+    [[nodiscard]] Result<void> _before(std::string_view operation, std::string_view path);
     [[nodiscard]] int _here() const noexcept { return _current.isOpen() ? _current.get() : _folder; }
 
     const int _folder;

@@ -2,7 +2,7 @@
 
 #include "archive/ArchiveReader.h"
 #include "device/archive/BundleWriter.h"
-#include "device/root/FaultPoint.h"
+#include "device/root/PosixError.h"
 #include "files/Syscalls.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
@@ -16,28 +16,24 @@ constexpr std::uint64_t bytesPerEntry = 4096 + 512;
 
 class Extraction {
   public:
-    Extraction(const ExtractionRequest& request, int container, const ArchiveLimits& limits,
-               PropertyListSerialization& propertyLists, FaultPoint* faultPoint)
-        : _request(request), _container(container), _limits(limits), _propertyLists(propertyLists),
-          _faultPoint(faultPoint), _refuse(request.archivePath), _writer(container, faultPoint) {}
+    Extraction(const ExtractionRequest& request, ArchiveFile& file, const ZipDirectory& directory, int container,
+               const ArchiveLimits& limits, PropertyListSerialization& propertyLists, const Refusal& refuse,
+               FaultPoint* faultPoint)
+        : _request(request), _directory(directory), _container(container), _limits(limits),
+          _propertyLists(propertyLists), _refuse(refuse), _reader(file, refuse), _writer(container, faultPoint) {}
 
     Result<ExtractedApplication> run() {
-        auto directory = ZipDirectory::read(_request.archive, _limits, _refuse);
-        if (!directory) {
-            return directory.error();
-        }
-        _directory = std::move(*directory);
         for (const auto step : {&Extraction::_findApplication, &Extraction::_checkSpace, &Extraction::_unpack,
                                 &Extraction::_makeLinks, &Extraction::_checkInfo}) {
-            if (ErrorPtr error = (this->*step)()) {
-                return error;
+            if (const auto done = (this->*step)(); !done) {
+                return done.error();
             }
         }
         return std::move(_application);
     }
 
   private:
-    ErrorPtr _findApplication() {
+    Result<void> _findApplication() {
         auto found = findApplication(_directory, _limits, _refuse);
         if (!found) {
             return found.error();
@@ -45,98 +41,97 @@ class Extraction {
         _app = std::move(*found);
         _application.bundleName = _app.bundleName;
         _bundlePrefix = _app.bundleName + "/";
-        return nullptr;
+        return {};
     }
 
-    ErrorPtr _checkSpace() {
+    Result<void> _checkSpace() {
         const std::uint64_t needed = _directory.unpackedBytes() + _directory.count() * bytesPerEntry;
         if (!_request.freeSpace || needed <= *_request.freeSpace) {
-            return nullptr;
+            return {};
         }
         return _noSpace("it needs " + std::to_string(needed) + " bytes, " + std::to_string(*_request.freeSpace) +
                         " are free");
     }
 
-    ErrorPtr _unpack() {
-        ArchiveReader reader(_refuse);
-        if (const auto opened = reader.open(_request.archive); !opened) {
-            return opened.error();
-        }
+    Result<void> _unpack() {
         for (const ZipDirectory::Entry& entry : _directory.entries()) {
-            const auto found = reader.next(entry);
-            if (!found) {
-                return found.error();
+            if (const auto opened = _reader.open(entry); !opened) {
+                return opened;
             }
-            if (ErrorPtr error = _unpackEntry(reader, entry, *found)) {
-                return error;
+            if (const auto unpacked = _unpackEntry(entry); !unpacked) {
+                return unpacked;
             }
         }
-        return reader.end().error();
+        return {};
     }
 
-    ErrorPtr _unpackEntry(ArchiveReader& reader, const ZipDirectory::Entry& entry, const ArchiveReader::Entry& found) {
+    Result<void> _unpackEntry(const ZipDirectory::Entry& entry) {
         if (entry.path == metadataFileName || entry.path == artworkFileName) {
-            return _unpackCompanion(reader, entry);
+            return _unpackCompanion(entry);
         }
         if (!entry.path.starts_with(_bundlePrefix) && entry.path != _application.bundleName) {
-            return nullptr; // not the app's
+            return {}; // not the app's
         }
         if (entry.kind == ZipDirectory::Kind::folder) {
-            return _systemError(_writer.makeFolder(entry.path), entry.path);
+            const auto made = _writer.makeFolder(entry.path);
+            return made ? made : _writingFailed(made.error(), entry.path);
         }
         if (entry.kind == ZipDirectory::Kind::link) {
-            return _rememberLink(entry.path, found.linkTarget);
+            return _rememberLink(entry);
         }
         std::string* content = entry.path == _app.infoPath ? &_info : nullptr;
-        if (ErrorPtr error = _unpackFile(reader, entry, found.isExecutable, content)) {
-            return error;
+        if (const auto unpacked = _unpackFile(entry, entry.isExecutable, content); !unpacked) {
+            return unpacked;
         }
         _application.bytes += entry.unpackedBytes;
-        return content ? _readInfo() : nullptr;
+        return content ? _readInfo() : Result<void>();
     }
 
     /// The files beside the app's folder.
-    ErrorPtr _unpackCompanion(ArchiveReader& reader, const ZipDirectory::Entry& entry) {
+    Result<void> _unpackCompanion(const ZipDirectory::Entry& entry) {
         if (entry.path != metadataFileName) {
-            return _unpackFile(reader, entry, false, nullptr);
+            return _unpackFile(entry, false, nullptr);
         }
         if (!_request.wantsMetadata) {
-            return nullptr;
+            return {};
         }
         std::string content;
-        ErrorPtr error = _unpackFile(reader, entry, false, &content);
+        auto unpacked = _unpackFile(entry, false, &content);
         _application.metadata = Data(std::move(content));
-        return error;
+        return unpacked;
     }
 
-    ErrorPtr _rememberLink(std::string_view path, std::string_view target) {
-        if (ErrorPtr refused = checkLinkTarget(path, target, _refuse)) {
-            return refused;
+    Result<void> _rememberLink(const ZipDirectory::Entry& entry) {
+        const auto target = _reader.content();
+        if (!target) {
+            return target.error();
         }
-        _writer.addLink(path, target);
-        return nullptr;
+        if (const auto checked = checkLinkTarget(entry.path, *target, _refuse); !checked) {
+            return checked;
+        }
+        _writer.addLink(entry.path, *target);
+        return {};
     }
 
-    ErrorPtr _unpackFile(ArchiveReader& reader, const ZipDirectory::Entry& entry, bool isExecutable,
-                         std::string* content) {
-        Descriptor file;
-        if (const int failed = _writer.makeFile(entry.path, isExecutable, entry.unpackedBytes, file)) {
-            return _systemError(failed, entry.path);
+    Result<void> _unpackFile(const ZipDirectory::Entry& entry, bool isExecutable, std::string* content) {
+        const auto file = _writer.makeFile(entry.path, isExecutable, entry.unpackedBytes);
+        if (!file) {
+            return _writingFailed(file.error(), entry.path);
         }
         for (;;) {
-            const auto piece = reader.nextPiece();
+            const auto piece = _reader.nextPiece();
             if (!piece) {
                 return piece.error();
             }
             if (piece->empty()) {
-                BundleWriter::finishFile(file.get(), entry.unpackedBytes);
-                return nullptr;
+                BundleWriter::finishFile(*file, entry.unpackedBytes);
+                return {};
             }
             if (_request.cancel.stop_requested()) {
                 return makeCancelledError(_request.identifier, _request.archivePath);
             }
-            if (const int failed = _write(file.get(), *piece, entry.path)) {
-                return _systemError(failed, entry.path);
+            if (const auto written = _writer.write(*file, *piece, entry.path); !written) {
+                return _writingFailed(written.error(), entry.path);
             }
             if (content) {
                 content->append(*piece);
@@ -145,33 +140,28 @@ class Extraction {
         }
     }
 
-    [[nodiscard]] int _write(int file, std::string_view piece, std::string_view path) const {
-        const int failed = beforeChange(_faultPoint, "write", path);
-        return failed != 0 ? failed : writeAll(file, piece);
-    }
-
     /// Links are looked at once all are there, since one may lead over another.
-    ErrorPtr _makeLinks() {
+    Result<void> _makeLinks() {
         if (_writer.links().empty()) {
-            return nullptr;
+            return {};
         }
-        if (const int failed = _writer.makeLinks()) {
-            return _systemError(failed, "a symbolic link");
+        if (const auto made = _writer.makeLinks(); !made) {
+            return _writingFailed(made.error(), "a symbolic link");
         }
         Descriptor bundle;
         if (const int failed = openBeneath(_container, _application.bundleName, O_PATH | O_DIRECTORY, bundle)) {
-            return _systemError(failed, _application.bundleName);
+            return _writingFailed(makePosixError(failed, "open", _application.bundleName), _application.bundleName);
         }
         for (const auto& [path, target] : _writer.links()) {
-            if (ErrorPtr refused = checkLink(bundle.get(), path, target, _refuse)) {
-                return refused;
+            if (const auto checked = checkLink(bundle.get(), path, target, _refuse); !checked) {
+                return checked;
             }
         }
-        return nullptr;
+        return {};
     }
 
     /// Looks at Info.plist as soon as it has been read: a wrong app need not be unpacked to its end.
-    ErrorPtr _readInfo() {
+    Result<void> _readInfo() {
         auto info = readInfo(_info, _app, _propertyLists, _refuse);
         if (!info) {
             return info.error();
@@ -183,11 +173,12 @@ class Extraction {
                                                                    printable(_request.identifier) + "\"");
         }
         _application.info = std::move(*info);
-        return nullptr;
+        return {};
     }
 
-    ErrorPtr _checkInfo() {
-        return _application.info.empty() ? _refuse(InstallerError::infoMissing, _app.infoPath, "is missing") : nullptr;
+    Result<void> _checkInfo() {
+        return _application.info.empty() ? _refuse(InstallerError::infoMissing, _app.infoPath, "is missing")
+                                         : Result<void>();
     }
 
     void _report(std::uint64_t bytes) {
@@ -210,12 +201,11 @@ class Extraction {
                                   _request.archivePath);
     }
 
-    [[nodiscard]] ErrorPtr _systemError(int failed, std::string_view entry) const {
-        if (failed == 0) {
-            return nullptr;
-        }
-        const std::string text = "writing its entry \"" + printable(entry) + "\": " + systemText(failed);
-        return failed == ENOSPC || failed == EDQUOT
+    /// `reason` is what the system says.
+    [[nodiscard]] ErrorPtr _writingFailed(const ErrorPtr& reason, std::string_view entry) const {
+        const auto number = static_cast<int>(reason->code());
+        const std::string text = "writing its entry \"" + printable(entry) + "\": " + systemText(number);
+        return number == ENOSPC || number == EDQUOT
                    ? _noSpace(text)
                    : makeInstallerError(InstallerError::failed,
                                         "cannot install the archive " + _request.archivePath + ": " + text,
@@ -223,13 +213,13 @@ class Extraction {
     }
 
     const ExtractionRequest& _request;
+    const ZipDirectory& _directory;
     const int _container;
     const ArchiveLimits& _limits;
     PropertyListSerialization& _propertyLists;
-    FaultPoint* const _faultPoint;
-    const Refusal _refuse;
+    const Refusal& _refuse;
+    ArchiveReader _reader;
     BundleWriter _writer;
-    ZipDirectory _directory;
     AppInArchive _app;
     ExtractedApplication _application;
     std::string _bundlePrefix; // "<Name>.app/"
@@ -243,7 +233,16 @@ class Extraction {
 Result<ExtractedApplication> extractApplication(const ExtractionRequest& request, int container,
                                                 const ArchiveLimits& limits, PropertyListSerialization& propertyLists,
                                                 FaultPoint* faultPoint) {
-    return Extraction(request, container, limits, propertyLists, faultPoint).run();
+    const Refusal refuse(request.archivePath);
+    auto file = ArchiveFile::open(request.archive, refuse);
+    if (!file) {
+        return file.error();
+    }
+    const auto directory = ZipDirectory::read(*file, limits, refuse);
+    if (!directory) {
+        return directory.error();
+    }
+    return Extraction(request, *file, *directory, container, limits, propertyLists, refuse, faultPoint).run();
 }
 
 } // namespace appsync::device

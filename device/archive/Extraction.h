@@ -24,10 +24,10 @@ using appsync::metadataFileName;
 using appsync::sinfFileName;
 
 struct ExtractionRequest {
-    int archive = -1;                       // open for reading, with an offset of its own
+    int archive = -1;                       // open for reading
     std::string archivePath;                // for messages
     std::string identifier;                 // of the app that the archive must hold
-    std::optional<std::uint64_t> freeSpace; // bytes; nothing when it is not known
+    std::optional<std::uint64_t> freeSpace; // bytes; nullopt when it is not known
     std::function<void(double)> progress;   // 0 to 1; may be empty
     std::stop_token cancel;
     bool wantsMetadata = true; // false: the archive's store metadata is left out

@@ -144,10 +144,9 @@ ExitCode store(const StoreArguments& arguments) {
         return code;
     }
     device->coordinator().waitUntilIdle(); // what an interrupted run has delivered is installed first
-    ErrorPtr error;
-    const auto catalogue = desktop::readAppCatalogue(arguments.catalogue, device->propertyLists(), &error);
+    const auto catalogue = desktop::readAppCatalogue(arguments.catalogue, device->propertyLists());
     if (!catalogue) {
-        return fail(reasonOf(error), ExitCode::wrongUse);
+        return fail(reasonOf(catalogue.error()), ExitCode::wrongUse);
     }
     SyncReport report;
     {

@@ -101,10 +101,9 @@ ExitCode sync(const SyncArguments& arguments) {
     }
     device->coordinator().waitUntilIdle(); // what an interrupted sync left to install is installed first
     clearLeftovers(*device);
-    ErrorPtr error;
-    const auto library = desktop::readAppLibrary(arguments.library, device->propertyLists(), &error);
+    const auto library = desktop::readAppLibrary(arguments.library, device->propertyLists());
     if (!library) {
-        return fail(reasonOf(error), ExitCode::wrongUse);
+        return fail(reasonOf(library.error()), ExitCode::wrongUse);
     }
     auto list = desktop::makeSyncList(*library, installedApps(device->registry()),
                                       {arguments.install, arguments.remove, restoringApps(device->registry())});

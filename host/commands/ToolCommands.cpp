@@ -49,9 +49,8 @@ std::optional<Data> serialise(const Value& value, PropertyListFormat format, con
 
 ExitCode pack(const PackArguments& arguments) {
     PropertyListCodec propertyLists;
-    ErrorPtr error;
-    if (!desktop::packApp(arguments.app, arguments.output, propertyLists, &error)) {
-        return fail(reasonOf(error));
+    if (const auto packed = desktop::packApp(arguments.app, arguments.output, propertyLists); !packed) {
+        return fail(reasonOf(packed.error()));
     }
     printLine(isStandardOutput(arguments.output) ? std::cerr : std::cout, "packed " + arguments.output);
     return ExitCode::done;

@@ -35,8 +35,10 @@ void noteLostMessages(device::Device& device, SyncReport& report) {
 
 SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOptions& options, SyncView& view) {
     SyncReport report;
-    if (!desktop::writeStagingArea(device.files(), device.propertyLists(), list, device.homeScreen().flattenedOrder(),
-                                   &report.failure)) {
+    if (const auto staged = desktop::writeStagingArea(device.files(), device.propertyLists(), list,
+                                                      device.homeScreen().flattenedOrder());
+        !staged) {
+        report.failure = staged.error();
         return report;
     }
     const auto plugIn = PlugIn::load(options.plugInPath, device.propertyLists());

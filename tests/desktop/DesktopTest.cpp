@@ -56,13 +56,18 @@ class Desktop : public testing::Test {
     }
     fs::path packed(const std::string& name, const Dictionary& info) {
         const fs::path archive = library() / (name + ".archive");
-        EXPECT_TRUE(packApp(putApp(name, info).string(), archive.string(), codec, &error)) << sentence(error);
+        EXPECT_TRUE(pack(putApp(name, info), archive)) << sentence(error);
         return archive;
     }
+    /// Whether the app can be packed; if not, `error` has the reason.
+    bool pack(const fs::path& app, const fs::path& archive) {
+        error = packApp(app.string(), archive.string(), codec).error();
+        return error == nullptr;
+    }
     AppLibrary read() {
-        auto read = readAppLibrary(library().string(), codec, &error);
-        EXPECT_TRUE(read.has_value());
-        return read.value_or(AppLibrary{});
+        auto read = readAppLibrary(library().string(), codec);
+        EXPECT_TRUE(read) << errorText(read.error());
+        return read ? std::move(*read) : AppLibrary{};
     }
 
     fs::path folder;
@@ -82,7 +87,7 @@ TEST_F(Desktop, PacksAnAppThatCanBeReadAgain) {
     write(app / "TamblinArtwork", "artwork");
     write(app / "stray", "not packed");
     const std::string archive = (library() / "one").string();
-    ASSERT_TRUE(packApp(app.string(), archive, codec, &error));
+    ASSERT_TRUE(pack(app, archive));
     const auto read = readAppArchive(archive, codec);
     ASSERT_TRUE(read) << errorText(read.error());
     EXPECT_EQ(read->identifier, "com.example.one");
@@ -101,8 +106,8 @@ TEST_F(Desktop, PacksAnAppThatCanBeReadAgain) {
 
 TEST_F(Desktop, PacksTheSameBytesAgain) {
     const fs::path app = putApp("One", infoOf("a"));
-    ASSERT_TRUE(packApp(app.string(), (folder / "first").string(), codec, &error));
-    ASSERT_TRUE(packApp((app / "One.app").string(), (folder / "second").string(), codec, &error));
+    ASSERT_TRUE(pack(app, folder / "first"));
+    ASSERT_TRUE(pack(app / "One.app", folder / "second"));
     std::ifstream first(folder / "first", std::ios::binary);
     std::ifstream second(folder / "second", std::ios::binary);
     EXPECT_TRUE(std::equal(std::istreambuf_iterator<char>(first), std::istreambuf_iterator<char>(),
@@ -111,14 +116,14 @@ TEST_F(Desktop, PacksTheSameBytesAgain) {
 
 TEST_F(Desktop, PacksNothingThatIsNoApp) {
     fs::create_directories(folder / "empty");
-    EXPECT_FALSE(packApp((folder / "empty").string(), (folder / "out").string(), codec, &error));
+    EXPECT_FALSE(pack(folder / "empty", folder / "out"));
     EXPECT_NE(sentence(error).find("is no app"), std::string::npos);
     const fs::path nameless = putApp("Two", {{"BXBundleVersion", "1"}});
-    EXPECT_FALSE(packApp(nameless.string(), (folder / "out").string(), codec, &error));
+    EXPECT_FALSE(pack(nameless, folder / "out"));
     EXPECT_NE(sentence(error).find("BXBundleIdentifier"), std::string::npos);
-    EXPECT_FALSE(packApp((folder / "missing").string(), (folder / "out").string(), codec, &error));
+    EXPECT_FALSE(pack(folder / "missing", folder / "out"));
     EXPECT_NE(sentence(error).find("cannot be packed"), std::string::npos);
-    EXPECT_FALSE(packApp(putApp("Three", infoOf("c")).string(), (folder / "no/such/out").string(), codec, &error));
+    EXPECT_FALSE(pack(putApp("Three", infoOf("c")), folder / "no/such/out"));
     EXPECT_FALSE(fs::exists(folder / "out"));
     EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 3); // apps, empty, library
 }
@@ -145,7 +150,7 @@ TEST_F(Desktop, ReadsALibraryAndNamesWhatItPassesOver) {
 }
 
 TEST_F(Desktop, RefusesALibraryThatIsNoFolder) {
-    EXPECT_FALSE(readAppLibrary((folder / "missing").string(), codec, &error).has_value());
+    error = readAppLibrary((folder / "missing").string(), codec).error();
     EXPECT_NE(sentence(error).find("cannot be read"), std::string::npos);
 }
 
@@ -155,7 +160,7 @@ TEST_F(Desktop, TakesNoArchiveWhoseIdentifierCouldLeadElsewhere) {
         EXPECT_FALSE(isBundleIdentifier(bad)) << bad;
     }
     EXPECT_FALSE(isBundleIdentifier(std::string(300, 'a')));
-    EXPECT_FALSE(packApp(putApp("Bad", infoOf("a/../b")).string(), (library() / "bad").string(), codec, &error));
+    EXPECT_FALSE(pack(putApp("Bad", infoOf("a/../b")), library() / "bad"));
 }
 
 TEST_F(Desktop, ReadsWhatDescribesADamagedArchive) {
@@ -236,7 +241,7 @@ TEST_F(SyncLists, LayOutIconsInPages) {
 TEST_F(SyncLists, AreStagedWithTheirApps) {
     installs({}, {});
     inmemory::World world;
-    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}, &error));
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}));
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/";
     EXPECT_EQ(world.files.plistAt(staging + "ApplicationsSync.plist"), Value(toDoRecords(list)));
     EXPECT_EQ(world.files.plistAt(staging + "SkellanIconState.plist"), Value(Array{Array{"a", "b", "c"}}));
@@ -249,7 +254,7 @@ TEST_F(SyncLists, ReplaceWhatWasStagedBefore) {
     inmemory::World world;
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/";
     world.files.put(staging + "old", "x");
-    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}, &error));
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}));
     EXPECT_FALSE(world.files.exists(staging + "old"));
 }
 
@@ -259,9 +264,7 @@ TEST_F(SyncLists, LeaveNothingStagedWhenTheyCannotBeWritten) {
         for (int after = 0; after < 2; ++after) {
             inmemory::World world;
             world.faults.fail(call, inmemory::Faults::always, after);
-            error = nullptr;
-            EXPECT_FALSE(writeStagingArea(world.files, world.propertyLists, list, {}, &error));
-            EXPECT_NE(error, nullptr);
+            EXPECT_FALSE(writeStagingArea(world.files, world.propertyLists, list, {}));
             EXPECT_TRUE(std::ranges::none_of(world.files.paths(), [](const std::string& path) {
                 return path.find("Staging/ApplicationSync") != std::string::npos;
             }));
@@ -274,11 +277,11 @@ TEST_F(SyncLists, StageTheIconThatTheAppNamesAndNoOther) {
     for (const char* name : {"Icon.png", "Other.png"}) {
         write(app / "Icons.app" / name, name);
     }
-    ASSERT_TRUE(packApp(app.string(), (library() / "icons").string(), codec, &error)) << errorText(error);
+    ASSERT_TRUE(pack(app, library() / "icons")) << errorText(error);
     apps = read();
     installs({}, {{"icons"}, {}});
     inmemory::World world;
-    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}, &error));
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}));
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/icons/";
     EXPECT_TRUE(world.files.exists(staging + "Icon.png"));
     EXPECT_FALSE(world.files.exists(staging + "Other.png"));
@@ -290,7 +293,7 @@ TEST_F(SyncLists, NameNoIconThatIsNotAPictureOfTheApp) {
         const fs::path app = putApp("Odd", {{"BXBundleIdentifier", "odd"}, {"BXBundleIconFile", name}});
         fs::create_directories(app / "Odd.app" / "folder.png");
         write(app / "Odd.app" / "Resources" / "Icon.png", "picture");
-        ASSERT_TRUE(packApp(app.string(), (library() / "odd").string(), codec, &error)) << errorText(error);
+        ASSERT_TRUE(pack(app, library() / "odd")) << errorText(error);
         const auto odd = readAppArchive((library() / "odd").string(), codec);
         ASSERT_TRUE(odd);
         const auto description = readAppDescription(*odd, codec);
@@ -305,7 +308,7 @@ TEST_F(SyncLists, FailOnlyTheAppsWhoseArchiveHasChangedBeforeTheyAreStaged) {
     packed("A", infoOf("a", "2.0")); // takes the place of the one that was read
     fs::remove(library() / "B.archive");
     inmemory::World world;
-    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {"x"}, &error));
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {"x"}));
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/";
     EXPECT_EQ(world.files.plistAt(staging + "SkellanIconState.plist"), Value(Array{Array{"x", "c"}}));
     EXPECT_EQ(world.files.plistAt(staging + "ApplicationsSync.plist")->array()->size(), 1U);
@@ -339,10 +342,10 @@ TEST_F(Desktop, NamesWhatIsNoFileAndDoesNotWaitForIt) {
 TEST_F(Desktop, PacksNoLinkThatLeavesTheApp) {
     const fs::path app = putApp("Links", infoOf("links"));
     fs::create_symlink("Resources/data", app / "Links.app" / "inside");
-    EXPECT_TRUE(packApp(app.string(), (folder / "out").string(), codec, &error)) << errorText(error);
+    EXPECT_TRUE(pack(app, folder / "out")) << errorText(error);
     for (const char* target : {"..", "../..", "missing", "/etc/passwd", "../Links.app/Info.plist", "link"}) {
         fs::create_symlink(target, app / "Links.app" / "link");
-        EXPECT_FALSE(packApp(app.string(), (folder / "out").string(), codec, &error)) << target;
+        EXPECT_FALSE(pack(app, folder / "out")) << target;
         EXPECT_NE(sentence(error).find("its entry \"Links.app/link\" is a symbolic link"), std::string::npos);
         fs::remove(app / "Links.app" / "link");
     }
@@ -351,12 +354,12 @@ TEST_F(Desktop, PacksNoLinkThatLeavesTheApp) {
 TEST_F(Desktop, PacksNothingTheDeviceHasNoKindFor) {
     const fs::path app = putApp("Odd", infoOf("odd"));
     ASSERT_EQ(::mkfifo((app / "Odd.app" / "fifo").c_str(), 0600), 0);
-    EXPECT_FALSE(packApp(app.string(), (folder / "out").string(), codec, &error));
+    EXPECT_FALSE(pack(app, folder / "out"));
     EXPECT_NE(sentence(error).find("\"Odd.app/fifo\" is neither a file, a folder nor a symbolic link"),
               std::string::npos);
     fs::remove(app / "Odd.app" / "fifo");
     write(app / "Odd.app" / "a\nb", "x");
-    EXPECT_FALSE(packApp(app.string(), (folder / "out").string(), codec, &error));
+    EXPECT_FALSE(pack(app, folder / "out"));
     EXPECT_NE(sentence(error).find("\"Odd.app/a b\" has a control character"), std::string::npos);
     EXPECT_FALSE(fs::exists(folder / "out"));
 }
@@ -364,7 +367,7 @@ TEST_F(Desktop, PacksNothingTheDeviceHasNoKindFor) {
 TEST_F(Desktop, MayBeGivenALinkToTheAppsFolder) {
     putApp("One", infoOf("one"));
     fs::create_directory_symlink(folder / "apps" / "One" / "One.app", folder / "Link.app");
-    ASSERT_TRUE(packApp((folder / "Link.app").string(), (folder / "out").string(), codec, &error)) << errorText(error);
+    ASSERT_TRUE(pack(folder / "Link.app", folder / "out")) << errorText(error);
     EXPECT_TRUE(readAppArchive((folder / "out").string(), codec));
 }
 

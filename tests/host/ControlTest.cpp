@@ -47,8 +47,7 @@ class Control : public SyncOnBothPaths {
     }
     SyncReport syncWith(const SyncOptions& options) {
         const auto device = device::Device::open(deviceFolder());
-        ErrorPtr error;
-        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists(), &error);
+        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists());
         std::vector<desktop::InstalledApp> installed;
         for (const auto& app : (*device)->registry().applications()) {
             installed.push_back({app.identifier, app.version});

@@ -43,8 +43,7 @@ class ReplacedArchive : public SyncOnBothPaths {
     /// A sync that calls between reading the library and staging, and once it sends the app "a".
     SyncReport run(const std::function<void()>& beforeStaging, const std::function<void()>& whileSending = {}) {
         const auto device = device::Device::open(deviceFolder());
-        ErrorPtr error;
-        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists(), &error);
+        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists());
         auto list = desktop::makeSyncList(*library, {{"com.example.a", "1.0"}}, {});
         if (beforeStaging) {
             beforeStaging();

@@ -171,8 +171,7 @@ class Restores : public Sync {
         write(app / "Info.plist",
               std::string(codec.dataWithPropertyList(info, PropertyListFormat::xml, nullptr)->bytes()));
         fs::remove(archiveOf(name));
-        ErrorPtr error;
-        ASSERT_TRUE(desktop::packApp(app.parent_path().string(), archiveOf(name).string(), codec, &error));
+        ASSERT_TRUE(desktop::packApp(app.parent_path().string(), archiveOf(name).string(), codec));
     }
     void arrange(const std::vector<std::string>& identifiers) {
         Array page;

@@ -57,8 +57,7 @@ class Sync : public testing::Test {
         write(app.parent_path() / "TamblinArtwork", "artwork of " + name);
         write(app.parent_path() / "TamblinMetadata.plist",
               "<plist version=\"1.0\"><dict><key>title</key><string>" + name + "</string></dict></plist>");
-        ErrorPtr error;
-        ASSERT_TRUE(desktop::packApp(app.parent_path().string(), archiveOf(name).string(), codec, &error));
+        ASSERT_TRUE(desktop::packApp(app.parent_path().string(), archiveOf(name).string(), codec));
     }
     void damage(const std::string& name) {
         std::fstream file(archiveOf(name), std::ios::in | std::ios::out | std::ios::binary);

@@ -100,8 +100,7 @@ TEST_F(Sync, GoesOnAfterAnInterruption) {
     addApp("b");
     {
         const auto device = device::Device::open(deviceFolder());
-        ErrorPtr error;
-        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists(), &error);
+        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists());
         const auto list = desktop::makeSyncList(*library, {}, {});
         std::ostringstream shown;
         SyncView view(shown, SyncView::Style::lines);

@@ -58,8 +58,8 @@ FAULTS = [
     Fault('org.example.*: other is none of its files', 'device/registry/ArchiveInstall.cpp',
           '        _sinf = _request.sinf ?', '        (void)container.writeFile("other", "x");\n        _sinf = _request.sinf ?',
           crash('coordinated', 'kill', **ONCE)),
-    Fault('org.example.*: *.txt has another content', 'device/archive/Extraction.cpp',
-          'writeAll(file, piece);', 'writeAll(file, piece.substr(path.ends_with(".txt") ? 1 : 0));',
+    Fault('org.example.*: *.txt has another content', 'device/archive/BundleWriter.cpp',
+          'writeAll(file.get(), bytes);', 'writeAll(file.get(), bytes.substr(path.ends_with(".txt") ? 1 : 0));',
           crash('coordinated', 'kill', **ONCE)),
     Fault('the data of org.example.* is not whole', 'device/registry/ArchiveInstall.cpp', REPLACED,
           when_replaced(f'_registry._files.writeFileAtomically({DATA} + "/other", "x", nullptr);'),
@@ -68,9 +68,9 @@ FAULTS = [
           when_replaced(f'_registry._files.removeItem({DATA}, nullptr);'), crash('coordinated', 'kill', **ONCE)),
     # At the end.
     Fault('after that `qrd sync` ended with 5: *', 'desktop/Staging.cpp',
-          '    device.removeItem(unfinished, nullptr);\n    const auto write',
-          '    if (device.fileExists(unfinished)) {\n        *error = desktopError("it is there", unfinished);\n'
-          '        return false;\n    }\n    const auto write', crash('coordinated', 'kill', points=40)),
+          '    device.removeItem(unfinished, nullptr);\n    if (const auto done = putAll(',
+          '    if (device.fileExists(unfinished)) {\n        return desktopError("it is there", unfinished);\n    }\n'
+          '    if (const auto done = putAll(', crash('coordinated', 'kill', points=40)),
     Fault('at the end: /var/containers/Bundle/.staging/* was left', 'device/registry/Removal.cpp',
           'for (const std::string_view folder : {stagingFolder, containersFolder}) {',
           'for (const std::string_view folder : {containersFolder}) {', crash('coordinated', 'kill', points=40)),

@@ -2,39 +2,39 @@
 from fault import Fault, replay
 
 HUGE = "std::string(std::size_t{8} << 20, 'x')"  # more bytes than any small file of an archive may have
-DESCRIBED = '*targets[number] = Data(std::move((*contents)[number]));'
+DESCRIBED = '*target = std::move(*content);'
 
 
-def described(number):
-    return f'*targets[number] = Data(number == {number} ? {HUGE} : std::move((*contents)[number]));'
+def described(member):
+    return f'*target = target == &description.{member} ? std::optional(Data({HUGE})) : std::move(*content);'
 
 
 FAULTS = [
     # The device's way of an archive.
     Fault('nothing is written outside of the container', 'device/archive/Extraction.cpp',
-          '        ArchiveReader reader(_refuse);\n',
-          '        const Descriptor beside(::openat(_container, "../beside", O_CREAT | O_WRONLY, 0600));\n'
-          '        ArchiveReader reader(_refuse);\n',
+          '    Result<void> _unpack() {\n',
+          '    Result<void> _unpack() {\n'
+          '        const Descriptor beside(::openat(_container, "../beside", O_CREAT | O_WRONLY, 0600));\n',
           replay('archive', 'app')),
     Fault('an app that was accepted is there', 'device/archive/Extraction.cpp',
           '_application.bundleName = _app.bundleName;', '_application.bundleName = "Other.app";',
           replay('archive', 'app')),
     Fault('a refusal has its reason', 'device/archive/Extraction.cpp',
-          '            return directory.error();', '            return ErrorPtr();', replay('archive', 'nothing')),
+          '        return directory.error();', '        return ErrorPtr();', replay('archive', 'nothing')),
     # The desktop's way of an archive.
     Fault('a refusal names its archive', 'desktop/AppArchive.cpp',
           'auto app = readAppArchive(file->descriptor(), propertyLists, Refusal(path));',
           'auto app = readAppArchive(file->descriptor(), propertyLists, Refusal("it"));',
           replay('desktop_archive', 'nothing')),
     Fault('the Info.plist is bounded', 'desktop/AppArchive.cpp',
-          'description.infoPlist = Data(std::move(bytes));', f'description.infoPlist = Data({HUGE});',
+          'description.iconName = _iconName(*info);',
+          f'description.iconName = _iconName(*info);\n        description.infoPlist = Data({HUGE});',
           replay('desktop_archive', 'pictures')),
-    Fault('the metadata is bounded', 'desktop/AppArchive.cpp', DESCRIBED, described(0), replay('desktop_archive')),
-    Fault('the artwork is bounded', 'desktop/AppArchive.cpp', DESCRIBED, described(1), replay('desktop_archive')),
-    Fault('the icon is bounded', 'desktop/AppArchive.cpp', DESCRIBED, described(2), replay('desktop_archive')),
+    Fault('the metadata is bounded', 'desktop/AppArchive.cpp', DESCRIBED, described('metadata'), replay('desktop_archive')),
+    Fault('the artwork is bounded', 'desktop/AppArchive.cpp', DESCRIBED, described('artwork'), replay('desktop_archive')),
+    Fault('the icon is bounded', 'desktop/AppArchive.cpp', DESCRIBED, described('icon'), replay('desktop_archive')),
     Fault('an icon has its name', 'desktop/AppArchive.cpp',
-          '        return description;\n    }\n\n  private:',
-          '        description.iconName.reset();\n        return description;\n    }\n\n  private:',
+          '        return description;\n    }\n', '        description.iconName.reset();\n        return description;\n    }\n',
           replay('desktop_archive', 'pictures')),
     Fault('the icon stands beside the Info.plist', 'desktop/AppArchive.cpp',
           "!name->ends_with(\".png\") || name->find('/') != std::string_view::npos", '!name->ends_with(".png")',

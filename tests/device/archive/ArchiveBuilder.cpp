@@ -114,6 +114,22 @@ RawEntry RawEntry::stored(std::string name, std::string content) {
     return entry;
 }
 
+RawEntry RawEntry::deflated(std::string name, const std::string& content) {
+    RawEntry entry = stored(std::move(name), content);
+    entry.content.resize(compressBound(content.size()) + 64);
+    entry.method = 8;
+    z_stream stream{};
+    deflateInit2(&stream, 9, Z_DEFLATED, -MAX_WBITS, 9, Z_DEFAULT_STRATEGY);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
+    stream.avail_in = static_cast<uInt>(content.size());
+    stream.next_out = reinterpret_cast<Bytef*>(entry.content.data());
+    stream.avail_out = static_cast<uInt>(entry.content.size());
+    deflate(&stream, Z_FINISH);
+    entry.content.resize(stream.total_out);
+    deflateEnd(&stream);
+    return entry;
+}
+
 std::string rawArchive(const std::vector<RawEntry>& entries) {
     std::string out;
     std::string directory;

@@ -53,6 +53,8 @@ struct RawEntry {
 
     /// A stored file with its right size and checksum.
     [[nodiscard]] static RawEntry stored(std::string name, std::string content);
+    /// A deflated one.
+    [[nodiscard]] static RawEntry deflated(std::string name, const std::string& content);
 };
 
 /// The bytes of an archive with these entries, whatever they say.

@@ -1,8 +1,6 @@
 // Archives that must be refused, each with its reason.
 #include "ExtractionFixture.h"
 
-#include <zlib.h>
-
 #include <numeric>
 #include <random>
 
@@ -21,30 +19,9 @@ std::string withEntry(RawEntry entry) {
     return rawArchive(entries);
 }
 
-std::string deflated(const std::string& content) {
-    std::string out(compressBound(content.size()) + 64, '\0');
-    z_stream stream{};
-    deflateInit2(&stream, 9, Z_DEFLATED, -MAX_WBITS, 9, Z_DEFAULT_STRATEGY);
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
-    stream.avail_in = static_cast<uInt>(content.size());
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    deflate(&stream, Z_FINISH);
-    out.resize(stream.total_out);
-    deflateEnd(&stream);
-    return out;
-}
-
-RawEntry deflatedEntry(const std::string& name, const std::string& content) {
-    RawEntry entry = RawEntry::stored(name, content);
-    entry.content = deflated(content);
-    entry.method = 8;
-    return entry;
-}
-
 TEST_F(ExtractionTest, TheSmallestGoodArchiveIsTaken) {
     EXPECT_EQ(refusalOf(rawArchive(goodEntries())), 0) << reason;
-    EXPECT_EQ(refusalOf(withEntry(deflatedEntry("Name.app/more", std::string(1'000, 'x')))), 0) << reason;
+    EXPECT_EQ(refusalOf(withEntry(RawEntry::deflated("Name.app/more", std::string(1'000, 'x')))), 0) << reason;
 }
 
 TEST_F(ExtractionTest, RefusesWhatIsNoArchive) {
@@ -74,7 +51,7 @@ TEST_F(ExtractionTest, RefusesArchiveWithSomethingCutOutOfItsMiddle) {
 TEST_F(ExtractionTest, EveryDamagedByteIsRefusedOrChangesNothingOfTheApp) {
     const std::string archive = rawArchive({RawEntry::stored("Name.app/Info.plist", infoList(identifier)),
                                             RawEntry::stored("Name.app/Name", "executable"),
-                                            deflatedEntry("Name.app/more", "some text, some text, some text")});
+                                            RawEntry::deflated("Name.app/more", "some text, some text, some text")});
     for (std::size_t place = 0; place < archive.size(); ++place) {
         for (const int change : {0x01, 0x80, 0xff}) {
             std::string damaged = archive;
@@ -91,14 +68,14 @@ TEST_F(ExtractionTest, RefusesWrongChecksum) {
     entry.checksum ^= 1;
     EXPECT_EQ(refusalOf(withEntry(entry)), code(InstallerError::archiveDamaged));
     EXPECT_NE(reason.find("its entry \"Name.app/wrong\" is damaged"), std::string::npos) << reason;
-    entry = deflatedEntry("Name.app/wrong", std::string(500'000, 'x'));
+    entry = RawEntry::deflated("Name.app/wrong", std::string(500'000, 'x'));
     entry.checksum ^= 1;
     EXPECT_EQ(refusalOf(withEntry(entry)), code(InstallerError::archiveDamaged));
 }
 
 TEST_F(ExtractionTest, RefusesEntryThatUnpacksToAnotherSize) {
     for (const int difference : {-1, 1}) {
-        RawEntry entry = deflatedEntry("Name.app/wrong", std::string(5'000, 'x'));
+        RawEntry entry = RawEntry::deflated("Name.app/wrong", std::string(5'000, 'x'));
         entry.unpackedBytes += static_cast<std::uint32_t>(difference);
         EXPECT_EQ(refusalOf(withEntry(entry)), code(InstallerError::archiveDamaged)) << reason;
     }
@@ -342,14 +319,14 @@ TEST_F(ExtractionTest, RefusesAHundredThousandEntries) {
 
 TEST_F(ExtractionTest, RefusesArchiveThatUnpacksToTooMuch) {
     limits.unpackedBytes = 10'000;
-    EXPECT_EQ(refusalOf(withEntry(deflatedEntry("Name.app/large", std::string(11'000, 'x')))),
+    EXPECT_EQ(refusalOf(withEntry(RawEntry::deflated("Name.app/large", std::string(11'000, 'x')))),
               code(InstallerError::archiveTooLarge));
     EXPECT_NE(reason.find("it unpacks to more than 10000 bytes"), std::string::npos) << reason;
     EXPECT_FALSE(exists("Name.app"));
 }
 
 TEST_F(ExtractionTest, RefusesHighRatiosBeyondTheFreeAmount) {
-    const std::string archive = withEntry(deflatedEntry("Name.app/zeros", std::string(1'000'000, '\0')));
+    const std::string archive = withEntry(RawEntry::deflated("Name.app/zeros", std::string(1'000'000, '\0')));
     EXPECT_EQ(refusalOf(archive), 0) << reason;
     limits.freeBytes = 900'000;
     EXPECT_EQ(refusalOf(archive), code(InstallerError::archiveTooLarge));
@@ -358,7 +335,7 @@ TEST_F(ExtractionTest, RefusesHighRatiosBeyondTheFreeAmount) {
 
 TEST_F(ExtractionTest, RefusesBombThatUnderstatesItsSize) {
     // Says 100 bytes and unpacks to a million; no more than the 100 may be written.
-    RawEntry bomb = deflatedEntry("Name.app/bomb", std::string(1'000'000, '\0'));
+    RawEntry bomb = RawEntry::deflated("Name.app/bomb", std::string(1'000'000, '\0'));
     bomb.unpackedBytes = 100;
     EXPECT_EQ(refusalOf(withEntry(bomb)), code(InstallerError::archiveDamaged));
     EXPECT_LE(std::filesystem::file_size(folder / "container/Name.app/bomb"), 100U);
