@@ -100,7 +100,7 @@ TEST_F(ArchiveReaderTest, AnEntryThatWasLeftEarlyDoesNotDisturbTheNext) {
 }
 
 TEST_F(ArchiveReaderTest, LeavesTheFilesOffsetAlone) {
-    putBetween(RawEntry::deflated("entry", contentOf(1'000'000)));
+    putBetween(RawEntry::stored("entry", contentOf(1'000'000)));
     ASSERT_EQ(::lseek(file.get(), 7, SEEK_SET), 7);
     EXPECT_EQ(content("entry"), contentOf(1'000'000));
     EXPECT_EQ(::lseek(file.get(), 0, SEEK_CUR), 7);
@@ -138,6 +138,17 @@ TEST_F(ArchiveReaderTest, RefusesLocalHeaderThatDisagreesWithTheDirectory) {
         SCOPED_TRACE(change.what);
         expectRefused("is not what the archive's directory says");
     }
+}
+
+TEST_F(ArchiveReaderTest, RefusesEntryThatReachesIntoTheNext) {
+    // The local header takes the content for an extra field; the next entry's bytes would be the content.
+    std::string archive =
+        device::rawArchive({RawEntry::stored("before", "before"),
+                            RawEntry::stored("entry", std::string("UT\20\0", 4) + std::string(16, 'x')),
+                            RawEntry::stored("behind", "behind")});
+    archive[archive.find("PK\3\4", 1) + 28] = 20;
+    put(archive);
+    expectRefused("is not what the archive's directory says");
 }
 
 TEST_F(ArchiveReaderTest, LocalHeaderMayLeaveToTheDirectoryWhatItDoesNotKnow) {

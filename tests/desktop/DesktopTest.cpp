@@ -319,6 +319,25 @@ TEST_F(SyncLists, FailOnlyTheAppsWhoseArchiveHasChangedBeforeTheyAreStaged) {
     EXPECT_NE(list.failed[1].reason.find("B.archive' cannot be read: No such file"), std::string::npos);
 }
 
+TEST_F(SyncLists, FailTheAppsOfWhichTheDeviceWouldRefuseAnEntry) {
+    std::ifstream file(library() / "A.archive", std::ios::binary);
+    std::string archive{std::istreambuf_iterator<char>(file), {}};
+    archive[archive.rfind("PK\3\4") + 30] = 'X'; // the last entry's name, but for the directory
+    write(library() / "A.archive", archive);
+    apps = read();
+    installs({}, {});
+    inmemory::World world;
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}));
+    EXPECT_EQ(world.files.plistAt("/var/mobile/Media/PublicStaging/ApplicationSync/ApplicationsSync.plist"),
+              Value(toDoRecords(list)));
+    EXPECT_EQ(list.installs.size(), 2U);
+    ASSERT_EQ(list.failed.size(), 1U);
+    EXPECT_NE(list.failed[0].reason.find("\"A.app/Resources/data\" is not what the archive's directory says. Take it "
+                                         "out of the library or replace it."),
+              std::string::npos)
+        << list.failed[0].reason;
+}
+
 // What the library says of an app.
 
 TEST_F(Desktop, KeepsLittleOfAnAppInMemory) {
