@@ -11,6 +11,11 @@ OperationQueue::~OperationQueue() {
     OperationQueue::stop();
 }
 
+bool OperationQueue::start() {
+    const Lock lock(_mutex);
+    return !_threads.empty() || _startThread();
+}
+
 bool OperationQueue::addOperation(std::function<void()> operation) {
     {
         const Lock lock(_mutex);
@@ -18,7 +23,11 @@ bool OperationQueue::addOperation(std::function<void()> operation) {
             return false;
         }
         const bool needsThread = _idle <= _waiting.size() && _threads.size() < _maxConcurrent;
-        if (!needsThread || _startThread() || !_threads.empty()) {
+        const bool hasThread = !needsThread || _startThread() || !_threads.empty();
+        if (!hasThread && _withoutThread == WithoutThread::fails) {
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+        }
+        if (hasThread) {
             _waiting.push_back(std::move(operation));
             _changed.notifyOne();
             return true;
@@ -28,15 +37,12 @@ bool OperationQueue::addOperation(std::function<void()> operation) {
     return true;
 }
 
-/// False: the system has no thread to give, and the operation has another way.
+/// False: the system has no thread to give.
 bool OperationQueue::_startThread() {
     try {
         _threads.emplace_back([this] { _work(); });
         return true;
     } catch (const std::system_error&) {
-        if (_threads.empty() && _withoutThread == WithoutThread::fails) {
-            throw;
-        }
         return false;
     }
 }

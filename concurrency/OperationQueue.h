@@ -11,7 +11,7 @@
 
 namespace appsync {
 
-/// What becomes of an operation for which the system has not one thread to give.
+/// What becomes of an operation for which the system has not one thread to give. After `start` there always is one.
 enum class WithoutThread {
     fails,      // `addOperation` throws std::system_error
     runsAtOnce, // before `addOperation` returns; whoever adds it may hold no lock that it takes
@@ -26,6 +26,8 @@ class OperationQueue {
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
+    /// Starts a thread unless there is one. False: the system has none to give.
+    [[nodiscard]] bool start() EXCLUDES(_mutex);
     /// Returns at once. Threads are started when they are needed. False: the queue has been stopped, and the operation
     /// will not run.
     virtual bool addOperation(std::function<void()> operation) EXCLUDES(_mutex);

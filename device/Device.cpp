@@ -253,7 +253,8 @@ Result<void> Device::Services::openScreen() {
 }
 
 Result<void> Device::Services::openCoordinator() {
-    const CoordinatorServices services{root->files(), *registry, *database, propertyLists, waitingData.get()};
+    const CoordinatorServices services{root->files(), *registry,         *database,
+                                       propertyLists, waitingData.get(), log.get()};
     if (const ErrorPtr error = place(coordinator, InstallCoordinator::open(services, coordinationIsEnabled))) {
         return error;
     }
@@ -274,6 +275,9 @@ Result<void> Device::Services::openAll(const DeviceEnvironment& environment) {
     }
     if (auto opened = openScreen(); !opened) {
         return opened;
+    }
+    if (auto started = scheduler.start(); !started) {
+        return started;
     }
     return openCoordinator();
 }

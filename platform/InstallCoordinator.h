@@ -169,6 +169,9 @@ class KXAppInstallObserver {
     virtual ~KXAppInstallObserver() = default;
 };
 
+/// The service that reports on coordinators.
+inline constexpr std::string_view ObserverServiceName = "com.zuvex.qrd.kpc.icappobserverdelegate";
+
 class KXAppInstallObserverClass {
   public:
     virtual ~KXAppInstallObserverClass() = default;

@@ -11,6 +11,12 @@ ErrorPtr alreadySet(const CoordinatorState& state, std::string_view what) {
                                 "the coordinator for " + state.bundleID + " has " + std::string(what) + " already");
 }
 
+ErrorPtr foreign(const CoordinatorState& state, std::string_view what) {
+    return makeCoordinatorError(CoordinatorError::invalidArgument, "the " + std::string(what) + " for " +
+                                                                       state.bundleID +
+                                                                       " is null or was not made by this device");
+}
+
 ErrorPtr endedPlaceholder(const PlaceholderState& placeholder) {
     return makeCoordinatorError(CoordinatorError::ended, "the placeholder for " + placeholder.bundleID +
                                                              " has been configured or cancelled already");
@@ -27,7 +33,7 @@ Result<void> CoordinatorEngine::_checkOpen(const CoordinatorState& state) const 
 
 Result<void> CoordinatorEngine::_change(const CoordinatorStatePtr& state,
                                         const std::function<void(CoordinatorFacts&)>& change) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (auto open = _checkOpen(*state); !open) {
         return open;
     }
@@ -64,23 +70,19 @@ Result<void> CoordinatorEngine::setResponsibleClient(const CoordinatorStatePtr& 
     return _change(state, [&](CoordinatorFacts& facts) { facts.responsibleClient = client; });
 }
 
-Result<void> CoordinatorEngine::attachAsset(const CoordinatorStatePtr& state, const PromisePtr& promise) {
-    return _attach(state, &CoordinatorState::asset, promise, PromiseRole::appAsset);
-}
-
-Result<void> CoordinatorEngine::attachUserData(const CoordinatorStatePtr& state, const PromisePtr& promise) {
-    return _attach(state, &CoordinatorState::userData, promise, PromiseRole::userData);
-}
-
-Result<void> CoordinatorEngine::_attach(const CoordinatorStatePtr& state, PromisePtr CoordinatorState::*place,
-                                        const PromisePtr& promise, PromiseRole role) {
-    const std::lock_guard lock(_mutex);
+Result<void> CoordinatorEngine::attachPromise(const CoordinatorStatePtr& state, const PromisePtr& promise,
+                                              PromiseRole role) {
+    if (!promise) {
+        return foreign(*state, "promise");
+    }
+    const Lock lock(_mutex);
     if (auto open = _checkOpen(*state); !open) {
         return open;
     }
-    PromisePtr& attached = (*state).*place;
+    const bool isAsset = role == PromiseRole::appAsset;
+    PromisePtr& attached = isAsset ? state->asset : state->userData;
     if (attached) {
-        return alreadySet(*state, role == PromiseRole::appAsset ? "an app asset promise" : "a user data promise");
+        return alreadySet(*state, isAsset ? "an app asset promise" : "a user data promise");
     }
     if (!promise->take(role)) {
         return makeCoordinatorError(CoordinatorError::alreadySet,
@@ -97,7 +99,10 @@ Result<void> CoordinatorEngine::_attach(const CoordinatorStatePtr& state, Promis
 }
 
 Result<void> CoordinatorEngine::attachPlaceholder(const CoordinatorStatePtr& state, const PlaceholderPtr& placeholder) {
-    const std::lock_guard lock(_mutex);
+    if (!placeholder) {
+        return foreign(*state, "placeholder");
+    }
+    const Lock lock(_mutex);
     if (auto open = _checkOpen(*state); !open) {
         return open;
     }
@@ -130,7 +135,7 @@ Result<void> CoordinatorEngine::attachPlaceholder(const CoordinatorStatePtr& sta
 
 Result<void> CoordinatorEngine::changePlaceholder(const PlaceholderPtr& placeholder,
                                                   const std::function<Result<void>(PlaceholderFacts&)>& change) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const auto owner = placeholder->owner.lock();
     if (placeholder->facts.isConfigured || placeholder->isCancelled || (owner && !_checkOpen(*owner))) {
         return endedPlaceholder(*placeholder);
@@ -182,12 +187,13 @@ PromisePtr CoordinatorEngine::makePromise(std::string_view name, KXClientIdentif
 void CoordinatorEngine::setFraction(Promise& promise, double fraction) {
     const bool isFirst = promise.setFraction(fraction);
     const auto owner = promise.owner();
-    if (!owner || promise.role() != PromiseRole::appAsset) {
+    const PromiseRecord record = promise.record();
+    if (!owner || record.role != PromiseRole::appAsset) {
         return;
     }
     _showTransfer(*owner, promise.fraction());
     if (isFirst) {
-        _report(owner, [number = promise.identifier()](KXAppInstallObserverDelegate& delegate) {
+        _report(owner, [number = record.id](KXAppInstallObserverDelegate& delegate) {
             delegate.promiseDidBeginFulfillmentWithIdentifier(number);
         });
     }
@@ -201,40 +207,43 @@ void CoordinatorEngine::complete(Promise& promise) {
     if (!owner) {
         return; // written when it is attached
     }
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (_checkOpen(*owner)) {
-        // When this cannot be written the install goes on all the same; only a restart would wait for the file again.
-        (void)_store.updatePromise(*owner, promise);
+        // Without it a restart would wait for the file again.
+        _passOver(*owner, _store.updatePromise(*owner, promise));
         _advance(owner);
     }
 }
 
 Result<void> CoordinatorEngine::cancel(const PlaceholderPtr& placeholder, const ErrorPtr& reason,
                                        KXClientIdentifier client) {
-    Lock lock(_mutex);
-    const bool isAttached = placeholder->isAttached;
-    const auto owner = placeholder->owner.lock();
-    if (placeholder->isCancelled || (isAttached && !owner)) {
-        return endedPlaceholder(*placeholder);
+    CoordinatorStatePtr owner;
+    PromisePtr icon;
+    {
+        const Lock lock(_mutex);
+        owner = placeholder->owner.lock();
+        if (placeholder->isCancelled || (placeholder->isAttached && !owner)) {
+            return endedPlaceholder(*placeholder);
+        }
+        placeholder->isCancelled = !owner;
+        icon = placeholder->facts.icon;
     }
-    placeholder->isCancelled = !isAttached;
-    const PromisePtr icon = placeholder->facts.icon;
-    lock.unlock();
-    if (isAttached) {
+    if (owner) {
         return cancel(owner, reason, client);
     }
     _removeIcon(icon);
     return {};
 }
 
-/// Under the lock, so that the promise is not attached between the look at its owner and the cancel.
 Result<void> CoordinatorEngine::cancel(Promise& promise, const ErrorPtr& reason, KXClientIdentifier client) {
-    Lock lock(_mutex);
-    const auto owner = promise.owner();
-    const bool isCancelled = !owner && promise.cancel();
-    lock.unlock();
-    if (isCancelled) {
-        return {};
+    CoordinatorStatePtr owner;
+    {
+        // In one step, so that the promise is not attached in between.
+        const Lock lock(_mutex);
+        owner = promise.owner();
+        if (!owner && promise.cancel()) {
+            return {};
+        }
     }
     return owner ? cancel(owner, reason, client)
                  : makeCoordinatorError(CoordinatorError::ended,

@@ -4,6 +4,8 @@
 #include "device/coordinator/CoordinatorHandles.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
+#include "device/root/PosixError.h"
+#include "platform/Log.h"
 #include "values/BundleIdentifier.h"
 
 #include <algorithm>
@@ -27,7 +29,7 @@ CoordinatorEngine::CoordinatorEngine(const CoordinatorServices& services)
 CoordinatorEngine::~CoordinatorEngine() {
     std::vector<CoordinatorStatePtr> running;
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _isWorking = false;
         _ready.clear();
         for (const auto& [bundleID, state] : _coordinators) {
@@ -44,16 +46,22 @@ CoordinatorEngine::~CoordinatorEngine() {
 }
 
 Result<void> CoordinatorEngine::load() {
+    if (!_workers.start()) {
+        return makeNoThreadError("the install coordinator");
+    }
+    if (auto started = _observers.start(); !started) {
+        return started;
+    }
     if (auto registered = _store.registerSchema(); !registered) {
         return registered;
     }
     std::uint64_t lastPromise = 0;
-    auto coordinators = _store.load(lastPromise, MostHeldReports);
+    auto coordinators = _store.load(lastPromise, MaxHeldReports);
     if (!coordinators) {
         return coordinators.error();
     }
     _lastPromise = lastPromise;
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     for (const CoordinatorStatePtr& state : *coordinators) {
         if (state->facts.end == CoordinatorEnd::reporting) {
             _reportEnd(state);
@@ -65,25 +73,32 @@ Result<void> CoordinatorEngine::load() {
 }
 
 void CoordinatorEngine::resume() {
-    Lock lock(_mutex);
-    _isWorking = true;
-    const auto coordinators = _coordinators;
-    for (const auto& [bundleID, state] : coordinators) {
-        if (state->facts.hasOutcome()) {
-            _end(lock, state, {state->facts.error, state->facts.cancelledBy});
-        } else if (const ErrorPtr problem = _problemAfterRestart(*state)) {
-            _end(lock, state, {problem, std::nullopt});
-        } else {
-            if (state->facts.isPlaceholderInstalled) {
-                _showTransfer(*state, 0);
+    std::vector<CoordinatorStatePtr> ending;
+    {
+        const Lock lock(_mutex);
+        _isWorking = true;
+        for (const auto& [bundleID, state] : _coordinators) {
+            const auto checked = _checkAfterRestart(*state);
+            if (state->facts.hasOutcome()) {
+                ending.push_back(state);
+            } else if (!checked) {
+                _fixOutcome(*state, checked.error(), std::nullopt);
+                ending.push_back(state);
+            } else {
+                if (state->facts.isPlaceholderInstalled) {
+                    _showTransfer(*state, 0);
+                }
+                _advance(state);
             }
-            _advance(state);
         }
+    }
+    for (const CoordinatorStatePtr& state : ending) {
+        _completeEnd(state);
     }
 }
 
 CoordinatorStatePtr CoordinatorEngine::find(std::string_view bundleID) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const auto found = _coordinators.find(bundleID);
     return found == _coordinators.end() || found->second->facts.hasOutcome() ? nullptr : found->second;
 }
@@ -95,10 +110,10 @@ Result<CoordinatorStatePtr> CoordinatorEngine::findOrCreate(std::string_view bun
                                     "\"" + std::string(bundleID) +
                                         "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
     }
-    Lock lock(_mutex);
+    const Lock lock(_mutex);
     auto found = _coordinators.find(bundleID);
     while (found != _coordinators.end() && found->second->facts.hasOutcome()) {
-        _changed.wait(lock);
+        _changed.wait(_mutex);
         found = _coordinators.find(bundleID);
     }
     if (found != _coordinators.end()) {
@@ -124,7 +139,7 @@ Result<CoordinatorStatePtr> CoordinatorEngine::findOrCreate(std::string_view bun
 
 std::vector<OpenCoordinator> CoordinatorEngine::openCoordinators() {
     std::vector<CoordinatorStatePtr> states;
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     for (const auto& [bundleID, state] : _coordinators) {
         if (!state->facts.hasOutcome()) {
             states.push_back(state);
@@ -144,21 +159,28 @@ std::vector<OpenCoordinator> CoordinatorEngine::openCoordinators() {
 
 Result<void> CoordinatorEngine::cancel(const CoordinatorStatePtr& state, const ErrorPtr& reason,
                                        KXClientIdentifier client) {
-    Lock lock(_mutex);
-    if (state->facts.hasOutcome() || state->cancelRequester) {
-        _changed.wait(lock, [&] { return state->hasEnded; });
-        return endedError(*state);
+    bool isRunning = false;
+    {
+        const Lock lock(_mutex);
+        if (state->facts.hasOutcome() || state->cancelRequester) {
+            _waitForEnd(*state);
+            return endedError(*state);
+        }
+        isRunning = state->work == CoordinatorState::Work::running;
+        if (isRunning) {
+            state->cancelReason = reason;
+            state->cancelRequester = client;
+        } else {
+            _fixOutcome(*state, reason, client);
+        }
     }
-    if (state->work != CoordinatorState::Work::running) {
-        _end(lock, state, {reason, client});
+    if (!isRunning) {
+        _completeEnd(state);
         return {};
     }
-    state->cancelReason = reason;
-    state->cancelRequester = client;
-    lock.unlock();
     state->stop.request_stop();
-    lock.lock();
-    _changed.wait(lock, [&] { return state->hasEnded; });
+    const Lock lock(_mutex);
+    _waitForEnd(*state);
     if (state->facts.error) {
         return {};
     }
@@ -172,7 +194,7 @@ bool CoordinatorEngine::prioritize(std::string_view bundleID) {
         return false;
     }
     _services.registry.prioritize(bundleID);
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const auto waiting = std::find(_ready.begin(), _ready.end(), state);
     if (waiting != _ready.end()) {
         std::rotate(_ready.begin(), waiting, waiting + 1);
@@ -187,7 +209,7 @@ void CoordinatorEngine::waitUntilIdle() {
     _busy.wait();
 }
 
-/// Has the coordinator's next step done, if there is one and none is under way. The lock is held.
+/// Has the coordinator's next step done, if there is one and none is under way.
 void CoordinatorEngine::_advance(const CoordinatorStatePtr& state) {
     if (!_isWorking || state->work != CoordinatorState::Work::none || _nextStep(*state) == Step::none) {
         return;
@@ -215,118 +237,142 @@ CoordinatorEngine::Step CoordinatorEngine::_nextStep(const CoordinatorState& sta
     return hasAsset && state.facts.options && hasUserData ? Step::app : Step::none;
 }
 
-/// One step of the coordinator that is first in line. Prioritising may have changed who that is.
 void CoordinatorEngine::_work() {
-    {
-        Lock lock(_mutex);
-        if (!_ready.empty()) {
-            const CoordinatorStatePtr state = _ready.front();
-            _ready.pop_front();
-            state->work = CoordinatorState::Work::running;
-            _perform(lock, state, _nextStep(*state));
-            state->work = CoordinatorState::Work::none;
-            _advance(state);
-        }
+    if (const auto job = _takeJob()) {
+        _record(*job, job->perform());
     }
     _busy.leave();
 }
 
-void CoordinatorEngine::_perform(Lock& lock, const CoordinatorStatePtr& state, Step step) {
-    ErrorPtr error;
+/// The step of the coordinator that is first in line; prioritising may have changed who that is. Returns nullopt when
+/// it has been cancelled meanwhile.
+std::optional<CoordinatorEngine::Job> CoordinatorEngine::_takeJob() {
+    const Lock lock(_mutex);
+    if (_ready.empty()) {
+        return std::nullopt;
+    }
+    const CoordinatorStatePtr state = _ready.front();
+    _ready.pop_front();
+    const Step step = _nextStep(*state);
+    state->work = step == Step::none ? CoordinatorState::Work::none : CoordinatorState::Work::running;
+    return step == Step::none ? std::nullopt : std::optional(Job{state, step, _performanceOf(state, step)});
+}
+
+/// What runs without the lock, with copies of what may change meanwhile.
+std::function<Result<void>()> CoordinatorEngine::_performanceOf(const CoordinatorStatePtr& state, Step step) {
     if (step == Step::placeholder) {
-        const PlaceholderState placeholder = *state->placeholder;
-        lock.unlock();
-        error = _installPlaceholder(*state, placeholder);
-        lock.lock();
-    } else if (step == Step::app) {
-        const InstallOptionsRecord options = *state->facts.options;
-        const PromiseRecord asset = state->asset->record();
-        lock.unlock();
-        error = _installApp(*state, options, asset);
-        error = error && !_hasComeEarlier(*state, error) ? error : _restoreUserData(*state);
-        lock.lock();
-    } else if (step == Step::finish) {
-        lock.unlock();
-        error = _restoreUserData(*state);
-        lock.lock();
+        return [this, state, placeholder = *state->placeholder] { return _installPlaceholder(*state, placeholder); };
     }
-    if (step == Step::placeholder && !error) {
-        _placeholderWasInstalled(lock, state);
+    if (step == Step::finish) {
+        return [this, state] { return _restoreUserData(*state); };
     }
-    if (step == Step::app && error && _isWorking && !state->cancelRequester && _mayGetAnotherFile(*state)) {
-        _waitForAnotherFile(lock, state, error);
-        step = Step::none;
+    return [this, state, options = *state->facts.options, asset = state->asset->record()] {
+        auto installed = _installApp(*state, options, asset);
+        const bool isThere = installed || _hasComeEarlier(*state, installed.error());
+        return isThere ? _restoreUserData(*state) : installed;
+    };
+}
+
+/// What comes of a step.
+void CoordinatorEngine::_record(const Job& job, const Result<void>& done) {
+    const bool isDone = done && job.step != Step::placeholder;
+    ErrorPtr error = done.error();
+    if (done && job.step == Step::placeholder) {
+        _placeholderWasInstalled(job.state);
+    } else if (error && job.step == Step::app && _waitForAnotherFile(job.state, error)) {
         error = nullptr;
     }
-    if ((step == Step::finish || step == Step::app) && !error) {
-        _end(lock, state, {});
-    } else if (state->cancelRequester) {
-        _end(lock, state, {state->cancelReason, state->cancelRequester});
-    } else if (error && _isWorking) {
-        _end(lock, state, {error, std::nullopt});
+    if (_beginEnd(job.state, isDone, error)) {
+        _completeEnd(job.state);
     }
 }
 
-/// Whether a restored app whose file is gone is there: an earlier process installed it, and could not write that down.
-bool CoordinatorEngine::_hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const {
-    return isError(error, CoordinatorErrorDomain, CoordinatorError::fileMissing) && isRestoring(state.kind) &&
-           _services.registry.isInstalled(state.bundleID);
+void CoordinatorEngine::_placeholderWasInstalled(const CoordinatorStatePtr& state) {
+    PromisePtr icon;
+    double fraction = 0;
+    {
+        const Lock lock(_mutex);
+        state->facts.isPlaceholderInstalled = true;
+        // When this is lost the placeholder is installed once more after a restart, without its icon.
+        _passOver(*state, _store.update(*state));
+        _report(state, [handle = makeCoordinatorHandle(*this, state)](KXAppInstallObserverDelegate& delegate) {
+            delegate.coordinatorDidInstallPlaceholder(handle);
+        });
+        icon = state->placeholder->facts.icon;
+        fraction = state->asset ? state->asset->fraction() : 0;
+    }
+    _removeIcon(icon);
+    _showTransfer(*state, fraction);
 }
 
 /// Whether an install that failed leaves a restored app to wait on: the backup may be the only other place that has it.
-bool CoordinatorEngine::_mayGetAnotherFile(const CoordinatorState& state) const {
-    return state.kind == CoordinatorKind::restoring && state.facts.responsibleClient != 0 &&
-           !_services.registry.isInstalled(state.bundleID);
-}
-
-/// The lock is held, but not while the file is removed.
-void CoordinatorEngine::_waitForAnotherFile(Lock& lock, const CoordinatorStatePtr& state, const ErrorPtr& error) {
-    const PromisePtr asset = std::exchange(state->asset, nullptr);
-    asset->setOwner(nullptr);
-    state->facts.error = error;
-    // When this cannot be written a restart finds the file missing, and comes here again.
-    (void)_store.removePromise(asset->identifier());
-    lock.unlock();
+/// Then its file is dropped.
+bool CoordinatorEngine::_waitForAnotherFile(const CoordinatorStatePtr& state, const ErrorPtr& error) {
+    PromisePtr asset;
+    {
+        const Lock lock(_mutex);
+        if (!_isWorking || state->cancelRequester || state->kind != CoordinatorKind::restoring ||
+            state->facts.responsibleClient == 0 || _services.registry.isInstalled(state->bundleID)) {
+            return false;
+        }
+        asset = std::exchange(state->asset, nullptr);
+        asset->setOwner(nullptr);
+        state->facts.error = error;
+        // When this cannot be written a restart finds the file missing, and comes here again.
+        _passOver(*state, _store.removePromise(asset->record().id));
+    }
     _removeAsset(asset);
-    lock.lock();
+    return true;
 }
 
-void CoordinatorEngine::_placeholderWasInstalled(Lock& lock, const CoordinatorStatePtr& state) {
-    state->facts.isPlaceholderInstalled = true;
-    // When this is lost the placeholder is installed once more after a restart, without its icon.
-    (void)_store.update(*state);
-    _report(state, [handle = makeCoordinatorHandle(*this, state)](KXAppInstallObserverDelegate& delegate) {
-        delegate.coordinatorDidInstallPlaceholder(handle);
-    });
-    const PromisePtr icon = state->placeholder->facts.icon;
-    const double fraction = state->asset ? state->asset->fraction() : 0;
-    lock.unlock();
-    _removeIcon(icon);
-    _showTransfer(*state, fraction);
-    lock.lock();
+/// Fixes the outcome when a step has ended the coordinator or somebody cancels it; else has the next step done. True:
+/// `_completeEnd` is to follow.
+bool CoordinatorEngine::_beginEnd(const CoordinatorStatePtr& state, bool isDone, const ErrorPtr& error) {
+    const Lock lock(_mutex);
+    if (isDone) {
+        _fixOutcome(*state, nullptr, std::nullopt);
+    } else if (state->cancelRequester) {
+        _fixOutcome(*state, state->cancelReason, state->cancelRequester);
+    } else if (error && _isWorking) {
+        _fixOutcome(*state, error, std::nullopt);
+    } else {
+        state->work = CoordinatorState::Work::none;
+        _advance(state);
+    }
+    return state->facts.hasOutcome();
 }
 
-/// Ends a coordinator. The lock is held, but not while things are cleared away.
+/// The first stage of the end: from now on nothing of the coordinator changes any more.
 ///
-/// Each stage of the end is written down, so that after a crash it goes on where it was: a file that was removed does
-/// not pass for one that was lost, nothing that belongs to a later coordinator of the app is cleared away, and nobody
+/// Each stage is written down, so that after a crash the end goes on where it was: a file that was removed does not
+/// pass for one that was lost, nothing that belongs to a later coordinator of the app is cleared away, and nobody
 /// misses a report. Where a stage cannot be written, a restart settles the coordinator by what it finds.
-void CoordinatorEngine::_end(Lock& lock, const CoordinatorStatePtr& state, const Outcome& outcome) {
-    state->facts.end = CoordinatorEnd::clearing;
-    state->facts.error = outcome.error;
-    state->facts.cancelledBy = outcome.cancelledBy;
-    state->cancelReason = nullptr; // a cancel that came too late is none
-    (void)_store.update(*state);
-    lock.unlock();
-    _clearAway(*state, outcome);
-    lock.lock();
-    const bool isReported = !outcome.cancelledBy || *outcome.cancelledBy != state->creator;
-    (void)(isReported ? _store.updateToReport(*state) : _store.remove(state->id));
+void CoordinatorEngine::_fixOutcome(CoordinatorState& state, const ErrorPtr& error,
+                                    std::optional<KXClientIdentifier> cancelledBy) {
+    state.facts.end = CoordinatorEnd::clearing;
+    state.facts.error = error;
+    state.facts.cancelledBy = cancelledBy;
+    state.cancelReason = nullptr; // a cancel that came too late is none
+    _passOver(state, _store.update(state));
+}
+
+/// The further stages: clears away what is left, and has the outcome reported.
+void CoordinatorEngine::_completeEnd(const CoordinatorStatePtr& state) {
+    _clearAway(*state);
+    const Lock lock(_mutex);
+    const bool isReported = !state->facts.cancelledBy || *state->facts.cancelledBy != state->creator;
+    _passOver(*state, isReported ? _store.updateToReport(*state) : _store.remove(state->id));
     _coordinators.erase(state->bundleID);
     state->hasEnded = true;
-    _changed.notify_all();
+    _changed.notifyAll();
     if (isReported) {
         _reportEnd(state);
+    }
+}
+
+void CoordinatorEngine::_waitForEnd(const CoordinatorState& state) {
+    while (!state.hasEnded) {
+        _changed.wait(_mutex);
     }
 }
 
@@ -340,11 +386,21 @@ void CoordinatorEngine::_reportEnd(const CoordinatorStatePtr& state) {
             delegate.coordinatorDidCompleteSuccessfully(handle);
         }
     };
-    _observers.report(state->creator, state->observer, call, [this, id = state->id] { (void)_store.remove(id); });
+    _observers.report(state->creator, state->observer, call,
+                      [this, state] { _passOver(*state, _store.remove(state->id)); });
 }
 
 void CoordinatorEngine::_report(const CoordinatorStatePtr& state, InstallObservers::Call call) {
     _observers.report(state->creator, state->observer, std::move(call));
+}
+
+/// What could not be written and the install goes on without.
+void CoordinatorEngine::_passOver(const CoordinatorState& state, const Result<void>& done) {
+    if (!done && _services.log) {
+        _services.log->write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
+                             "the coordinator for " + state.bundleID +
+                                 " goes on after a failure: " + errorText(done.error()));
+    }
 }
 
 } // namespace appsync::device

@@ -1,9 +1,9 @@
 // The engine of the install coordinator: the coordinators of all apps and the work that they lead to.
 //
-// One lock guards the states of coordinators and placeholders, commits of their rows included. Installs run without it,
-// on as many worker threads as the machine has cores. A coordinator has at most one step of work at a time: it installs
-// the placeholder when that is configured, then the app when its file is there; each step that ends decides on the
-// next.
+// One lock guards the states of coordinators and placeholders, commits of their rows included. A worker takes a step
+// under the lock, does it without, and records under the lock what came of it; there are as many workers as the machine
+// has cores. A coordinator has at most one step of work at a time: it installs the placeholder when that is configured,
+// then the app when its file is there; each step that ends decides on the next.
 #pragma once
 
 #include "concurrency/Group.h"
@@ -14,10 +14,8 @@
 #include "device/coordinator/InstallObservers.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <map>
-#include <mutex>
 
 namespace appsync::device {
 
@@ -35,6 +33,7 @@ class CoordinatorEngine {
     CoordinatorEngine(const CoordinatorEngine&) = delete;
     CoordinatorEngine& operator=(const CoordinatorEngine&) = delete;
 
+    /// Fails also when the system has no thread for it.
     [[nodiscard]] Result<void> load();
     /// Settles what an earlier process left, and begins to work.
     void resume();
@@ -51,15 +50,17 @@ class CoordinatorEngine {
     // Configuring.
 
     /// Reads the state under the lock.
-    template <class Reader> auto read(Reader&& reader) {
-        const std::lock_guard lock(_mutex);
+    template <class Reader> auto read(Reader&& reader) EXCLUDES(_mutex) {
+        const Lock lock(_mutex);
         return reader();
     }
     [[nodiscard]] Result<void> setOptions(const CoordinatorStatePtr& state, const TVInstallOptions& options);
     [[nodiscard]] Result<void> setODRPromises(const CoordinatorStatePtr& state, std::size_t count);
     [[nodiscard]] Result<void> setResponsibleClient(const CoordinatorStatePtr& state, KXClientIdentifier client);
-    [[nodiscard]] Result<void> attachAsset(const CoordinatorStatePtr& state, const PromisePtr& promise);
-    [[nodiscard]] Result<void> attachUserData(const CoordinatorStatePtr& state, const PromisePtr& promise);
+    /// For the app's file or its user data. Null is refused.
+    [[nodiscard]] Result<void> attachPromise(const CoordinatorStatePtr& state, const PromisePtr& promise,
+                                             PromiseRole role);
+    /// Null is refused.
     [[nodiscard]] Result<void> attachPlaceholder(const CoordinatorStatePtr& state, const PlaceholderPtr& placeholder);
     /// Applies `change` to a placeholder that has been neither configured nor cancelled, and writes it if it is
     /// attached.
@@ -98,43 +99,49 @@ class CoordinatorEngine {
     void waitUntilIdle();
 
   private:
-    using Lock = std::unique_lock<std::mutex>;
     enum class Step { none, placeholder, app, finish };
-    struct Outcome {
-        ErrorPtr error;                                // null: success
-        std::optional<KXClientIdentifier> cancelledBy; // the outcome is a cancel
+    /// A step that a worker has taken, with all that it needs.
+    struct Job {
+        CoordinatorStatePtr state;
+        Step step;
+        std::function<Result<void>()> perform;
     };
 
     // CoordinatorConfiguration.cpp
-    [[nodiscard]] Result<void> _checkOpen(const CoordinatorState& state) const;
+    [[nodiscard]] Result<void> _checkOpen(const CoordinatorState& state) const REQUIRES(_mutex);
     [[nodiscard]] Result<void> _change(const CoordinatorStatePtr& state,
-                                       const std::function<void(CoordinatorFacts&)>& change);
-    [[nodiscard]] Result<void> _attach(const CoordinatorStatePtr& state, PromisePtr CoordinatorState::*place,
-                                       const PromisePtr& promise, PromiseRole role);
+                                       const std::function<void(CoordinatorFacts&)>& change) EXCLUDES(_mutex);
 
     // CoordinatorEngine.cpp
-    void _advance(const CoordinatorStatePtr& state);
+    void _advance(const CoordinatorStatePtr& state) REQUIRES(_mutex);
     [[nodiscard]] static Step _nextStep(const CoordinatorState& state);
-    void _work();
-    void _perform(Lock& lock, const CoordinatorStatePtr& state, Step step);
-    void _placeholderWasInstalled(Lock& lock, const CoordinatorStatePtr& state);
-    [[nodiscard]] bool _hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const;
-    [[nodiscard]] bool _mayGetAnotherFile(const CoordinatorState& state) const;
-    void _waitForAnotherFile(Lock& lock, const CoordinatorStatePtr& state, const ErrorPtr& error);
-    void _end(Lock& lock, const CoordinatorStatePtr& state, const Outcome& outcome);
+    void _work() EXCLUDES(_mutex);
+    [[nodiscard]] std::optional<Job> _takeJob() EXCLUDES(_mutex);
+    [[nodiscard]] std::function<Result<void>()> _performanceOf(const CoordinatorStatePtr& state, Step step)
+        REQUIRES(_mutex);
+    void _record(const Job& job, const Result<void>& done) EXCLUDES(_mutex);
+    void _placeholderWasInstalled(const CoordinatorStatePtr& state) EXCLUDES(_mutex);
+    [[nodiscard]] bool _waitForAnotherFile(const CoordinatorStatePtr& state, const ErrorPtr& error) EXCLUDES(_mutex);
+    [[nodiscard]] bool _beginEnd(const CoordinatorStatePtr& state, bool isDone, const ErrorPtr& error) EXCLUDES(_mutex);
+    void _fixOutcome(CoordinatorState& state, const ErrorPtr& error, std::optional<KXClientIdentifier> cancelledBy)
+        REQUIRES(_mutex);
+    void _completeEnd(const CoordinatorStatePtr& state) EXCLUDES(_mutex);
+    void _waitForEnd(const CoordinatorState& state) REQUIRES(_mutex);
     void _reportEnd(const CoordinatorStatePtr& state);
     void _report(const CoordinatorStatePtr& state, InstallObservers::Call call);
+    void _passOver(const CoordinatorState& state, const Result<void>& done);
 
     // CoordinatorSteps.cpp
-    [[nodiscard]] ErrorPtr _installPlaceholder(const CoordinatorState& state, const PlaceholderState& placeholder);
-    [[nodiscard]] ErrorPtr _installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
-                                       const PromiseRecord& asset);
-    [[nodiscard]] ErrorPtr _restoreUserData(const CoordinatorState& state);
+    [[nodiscard]] Result<void> _installPlaceholder(const CoordinatorState& state, const PlaceholderState& placeholder);
+    [[nodiscard]] Result<void> _installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
+                                           const PromiseRecord& asset);
+    [[nodiscard]] bool _hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const;
+    [[nodiscard]] Result<void> _restoreUserData(const CoordinatorState& state);
     void _showTransfer(const CoordinatorState& state, double fraction);
-    void _clearAway(const CoordinatorState& state, const Outcome& outcome);
+    void _clearAway(const CoordinatorState& state);
     void _removeAsset(const PromisePtr& asset);
     void _removeIcon(const PromisePtr& icon);
-    [[nodiscard]] ErrorPtr _problemAfterRestart(const CoordinatorState& state);
+    [[nodiscard]] Result<void> _checkAfterRestart(const CoordinatorState& state) const;
     [[nodiscard]] Result<void> _remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope);
 
     const CoordinatorServices _services;
@@ -142,11 +149,11 @@ class CoordinatorEngine {
     Group _busy; // steps that are ready or run, calls on the observers' thread
     InstallObservers _observers{_busy};
     std::atomic<std::uint64_t> _lastPromise = 0;
-    std::mutex _mutex; // guards everything below
-    std::condition_variable _changed;
-    std::map<std::string, CoordinatorStatePtr, std::less<>> _coordinators;
-    std::deque<CoordinatorStatePtr> _ready;
-    bool _isWorking = false; // between `resume` and the end
+    Mutex _mutex; // guards also what can change of the coordinators' and placeholders' states
+    Condition _changed;
+    std::map<std::string, CoordinatorStatePtr, std::less<>> _coordinators GUARDED_BY(_mutex);
+    std::deque<CoordinatorStatePtr> _ready GUARDED_BY(_mutex);
+    bool _isWorking GUARDED_BY(_mutex) = false; // between `resume` and the end
     OperationQueue _workers;
 };
 

@@ -14,12 +14,12 @@ namespace appsync::device {
                                                                         const PromisePtr& promise);
 [[nodiscard]] KXPlaceholderPtr makePlaceholderHandle(CoordinatorEngine& engine, const PlaceholderPtr& placeholder);
 
-/// True for a success; else the error goes to `error` unless that is null.
-inline bool hasSucceeded(const ErrorPtr& outcome, ErrorPtr* error) noexcept {
-    if (outcome && error) {
-        *error = outcome;
+/// Whether it is a success; else its error goes to `error` unless that is null.
+template <class T> bool hasSucceeded(const Result<T>& outcome, ErrorPtr* error) noexcept {
+    if (!outcome && error) {
+        *error = outcome.error();
     }
-    return outcome == nullptr;
+    return bool(outcome);
 }
 
 } // namespace appsync::device

@@ -52,7 +52,8 @@ Dictionary placeholderInfo(const PlaceholderState& placeholder) {
 
 } // namespace
 
-ErrorPtr CoordinatorEngine::_installPlaceholder(const CoordinatorState& state, const PlaceholderState& placeholder) {
+Result<void> CoordinatorEngine::_installPlaceholder(const CoordinatorState& state,
+                                                    const PlaceholderState& placeholder) {
     const auto known = _services.registry.application(state.bundleID);
     PlaceholderRequest request;
     request.identifier = state.bundleID;
@@ -64,11 +65,11 @@ ErrorPtr CoordinatorEngine::_installPlaceholder(const CoordinatorState& state, c
     request.metadata = placeholder.facts.metadata;
     request.sinf = placeholder.facts.sinf;
     request.isSystem = known && known->isSystem;
-    return _services.registry.installPlaceholder(request).error();
+    return _services.registry.installPlaceholder(request);
 }
 
-ErrorPtr CoordinatorEngine::_installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
-                                        const PromiseRecord& asset) {
+Result<void> CoordinatorEngine::_installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
+                                            const PromiseRecord& asset) {
     if (!asset.path || !_services.files.fileExists(*asset.path)) {
         return makeCoordinatorError(CoordinatorError::fileMissing,
                                     "the file that was to be installed for " + state.bundleID +
@@ -82,14 +83,20 @@ ErrorPtr CoordinatorEngine::_installApp(const CoordinatorState& state, const Ins
     request.metadata = options.metadata;
     request.sinf = options.sinf;
     request.cancel = state.stop.get_token(); // the registry itself shows how far the install is
-    return _services.registry.installArchive(request).error();
+    return _services.registry.installArchive(request);
 }
 
-ErrorPtr CoordinatorEngine::_restoreUserData(const CoordinatorState& state) {
+/// Whether a restored app whose file is gone is there: an earlier process installed it, and could not write that down.
+bool CoordinatorEngine::_hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const {
+    return isError(error, CoordinatorErrorDomain, CoordinatorError::fileMissing) && isRestoring(state.kind) &&
+           _services.registry.isInstalled(state.bundleID);
+}
+
+Result<void> CoordinatorEngine::_restoreUserData(const CoordinatorState& state) {
     if (!isRestoring(state.kind) || _services.userData == nullptr) {
-        return nullptr;
+        return {};
     }
-    return _services.userData->restore(state.bundleID).error();
+    return _services.userData->restore(state.bundleID);
 }
 
 /// How much of the app's file has arrived. Nothing shows as long as the app has no placeholder.
@@ -108,15 +115,19 @@ void CoordinatorEngine::_showTransfer(const CoordinatorState& state, double frac
     progress->setCompletedUnitCount(static_cast<std::int64_t>(fraction * ProgressUnits));
 }
 
-/// Removes what a coordinator that has ended leaves behind.
-void CoordinatorEngine::_clearAway(const CoordinatorState& state, const Outcome& outcome) {
-    if (outcome.cancelledBy == KXClientPerson) {
+/// Removes what a coordinator whose outcome is fixed leaves behind.
+void CoordinatorEngine::_clearAway(const CoordinatorState& state) {
+    const bool hasFailed = state.facts.error != nullptr;
+    if (state.facts.cancelledBy == KXClientPerson) {
         _services.registry.cancelInstall(state.bundleID);
-    } else if (outcome.error && state.facts.isPlaceholderInstalled) {
-        // That a person has removed it meanwhile is no failure.
-        (void)_services.registry.uninstall(state.bundleID, RemovalReason::sync, RemovalScope::placeholderOnly);
+    } else if (hasFailed && state.facts.isPlaceholderInstalled) {
+        const auto removed =
+            _services.registry.uninstall(state.bundleID, RemovalReason::sync, RemovalScope::placeholderOnly);
+        if (!isError(removed.error(), TVInstallerErrorDomain, InstallerError::nothingToRemove)) {
+            _passOver(state, removed); // a person may have removed it meanwhile
+        }
     }
-    if (outcome.error && isRestoring(state.kind) && _services.userData != nullptr &&
+    if (hasFailed && isRestoring(state.kind) && _services.userData != nullptr &&
         !_services.registry.application(state.bundleID)) {
         _services.userData->giveUp(state.bundleID);
     }
@@ -151,11 +162,11 @@ void CoordinatorEngine::_removeIcon(const PromisePtr& icon) {
     }
 }
 
-/// Why a coordinator of an earlier process cannot go on; null when it can, or when its next step will say why not.
-ErrorPtr CoordinatorEngine::_problemAfterRestart(const CoordinatorState& state) {
+/// Fails when a coordinator of an earlier process cannot go on, unless its next step will say why.
+Result<void> CoordinatorEngine::_checkAfterRestart(const CoordinatorState& state) const {
     const bool needsPlaceholder = state.facts.isPlaceholderInstalled && !(state.asset && state.asset->isComplete());
     if (!needsPlaceholder || _services.registry.hasPlaceholder(state.bundleID)) {
-        return nullptr;
+        return {};
     }
     return makeCoordinatorError(CoordinatorError::placeholderMissing,
                                 "the placeholder of " + state.bundleID +

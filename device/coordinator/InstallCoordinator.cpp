@@ -22,7 +22,7 @@ template <class Coordinator, CoordinatorKind Kind> class KindClass final : publi
         CoordinatorStatePtr state;
         if (createIfNotExisting) {
             auto found = _engine.findOrCreate(bundleID, Kind, client, isNew);
-            if (!hasSucceeded(found.error(), error)) {
+            if (!hasSucceeded(found, error)) {
                 return nullptr;
             }
             state = *found;
@@ -54,17 +54,16 @@ class BaseClass final : public KXAppInstallCoordinatorClass {
         if (const auto state = _engine.find(bundleID)) {
             return makeCoordinatorHandle(_engine, state);
         }
-        if (createIfNotExisting) {
-            hasSucceeded(makeCoordinatorError(CoordinatorError::noKind, "there is no coordinator for " +
-                                                                            std::string(bundleID) +
-                                                                            "; create one with the class of its kind"),
-                         error);
+        if (createIfNotExisting && error) {
+            *error =
+                makeCoordinatorError(CoordinatorError::noKind, "there is no coordinator for " + std::string(bundleID) +
+                                                                   "; create one with the class of its kind");
         }
         return nullptr;
     }
     bool coordinationIsEnabled() noexcept override { return _isEnabled; }
     bool uninstallAppWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
-        return hasSucceeded(_engine.takeBack(bundleID).error(), error);
+        return hasSucceeded(_engine.takeBack(bundleID), error);
     }
     void uninstallAppWithBundleID_requestUserConfirmation_completion(
         std::string_view bundleID, bool requestUserConfirmation,

@@ -31,8 +31,9 @@
 #include <vector>
 
 namespace appsync {
+class HostLog;
 class PropertyListSerialization;
-}
+} // namespace appsync
 
 namespace appsync::device {
 
@@ -69,6 +70,7 @@ struct CoordinatorServices {
     Database& database;
     PropertyListSerialization& propertyLists;
     UserDataRestorer* userData = nullptr; // null: no data ever waits
+    HostLog* log = nullptr;               // of failures that an install goes on after; null: of none
 };
 
 /// Everything that the plug-in's platform needs of it. The objects that these hand out must be dropped before the

@@ -1,5 +1,7 @@
 #include "device/coordinator/InstallObservers.h"
 
+#include "device/root/PosixError.h"
+
 #include <algorithm>
 #include <iterator>
 
@@ -7,21 +9,21 @@ namespace appsync::device {
 
 class InstallObservers::Connection final : public KXAppInstallObserver {
   public:
-    Connection(InstallObservers& service, std::set<KXClientIdentifier> clients, KXAppInstallObserverDelegate* delegate)
-        : _service(service), _clients(std::move(clients)), _delegate(delegate) {}
-    ~Connection() override { _service._disconnect(*this); }
-
-    [[nodiscard]] bool follows(KXClientIdentifier client) const { return _clients.contains(client); }
-    [[nodiscard]] KXAppInstallObserverDelegate& delegate() const noexcept { return *_delegate; }
+    Connection(InstallObservers& service, std::shared_ptr<Follower> follower)
+        : _service(service), _follower(std::move(follower)) {}
+    ~Connection() override { _service._disconnect(_follower); }
 
   private:
     InstallObservers& _service;
-    const std::set<KXClientIdentifier> _clients;
-    KXAppInstallObserverDelegate* const _delegate;
+    const std::shared_ptr<Follower> _follower;
 };
 
 InstallObservers::~InstallObservers() {
     stop();
+}
+
+Result<void> InstallObservers::start() {
+    return _thread.start() ? nullptr : makeNoThreadError("the install coordinator's reports");
 }
 
 std::shared_ptr<KXAppInstallObserver>
@@ -31,22 +33,21 @@ InstallObservers::initWithMachServiceName_forClients_delegate(std::string_view s
     if (serviceName != ObserverServiceName || !delegate) {
         return nullptr;
     }
-    auto connection = std::make_shared<Connection>(*this, clients, delegate);
+    auto follower = std::make_shared<Follower>(clients, *delegate);
     {
-        const std::lock_guard lock(_mutex);
-        _connections.push_back(connection.get());
-        std::move(_fresh.begin(), _fresh.end(), std::back_inserter(_held));
-        _fresh.swap(_held);
+        const Lock lock(_mutex);
+        _followers.push_back(follower);
+        _fresh.insert(_fresh.begin(), std::make_move_iterator(_held.begin()), std::make_move_iterator(_held.end()));
         _held.clear();
     }
     _schedule();
-    return connection;
+    return std::make_shared<Connection>(*this, std::move(follower));
 }
 
 void InstallObservers::report(KXClientIdentifier creator, KXAppInstallObserverDelegate* observer, Call call,
                               std::function<void()> delivered) {
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _fresh.push_back({creator, observer, std::move(call), std::move(delivered)});
     }
     _schedule();
@@ -68,75 +69,54 @@ void InstallObservers::stop() {
 }
 
 void InstallObservers::_schedule() {
-    run([this] { _deliverReports(); });
+    run([this] {
+        while (const auto next = _takeDeliverable()) {
+            _deliver(next->first, next->second);
+        }
+    });
 }
 
-void InstallObservers::_disconnect(Connection& connection) {
-    std::unique_lock lock(_mutex);
-    std::erase(_connections, &connection);
-    if (_deliveryThread != std::this_thread::get_id()) {
-        _callEnded.wait(lock, [&] { return _running != &connection; });
+void InstallObservers::_disconnect(const std::shared_ptr<Follower>& follower) {
+    {
+        const Lock lock(_mutex);
+        std::erase(_followers, follower);
     }
+    follower->gate.close();
 }
 
-void InstallObservers::_deliverReports() {
-    std::unique_lock lock(_mutex);
+/// The next report that somebody follows, with those who do. The others are put aside.
+std::optional<std::pair<InstallObservers::Report, InstallObservers::Followers>> InstallObservers::_takeDeliverable() {
+    const Lock lock(_mutex);
     while (!_fresh.empty()) {
         Report report = std::move(_fresh.front());
         _fresh.pop_front();
-        const auto connections = _connectionsFor(report.creator);
-        if (connections.empty()) {
-            _held.push_back(std::move(report));
-            if (_held.size() > MostHeldReports) {
-                _held.pop_front();
-            }
-            continue;
+        Followers followers;
+        std::ranges::copy_if(_followers, std::back_inserter(followers),
+                             [&](const auto& follower) { return follower->clients.contains(report.creator); });
+        if (!followers.empty()) {
+            return std::pair(std::move(report), std::move(followers));
         }
-        const bool isObserverADelegate =
-            std::any_of(connections.begin(), connections.end(),
-                        [&](const Connection* connection) { return &connection->delegate() == report.observer; });
-        if (isObserverADelegate) {
-            report.observer = nullptr; // told once, as the delegate that it is
+        _held.push_back(std::move(report));
+        if (_held.size() > MaxHeldReports) {
+            _held.pop_front();
         }
-        lock.unlock();
-        _deliver(report, connections);
-        report = {}; // what it holds is released without the lock
-        lock.lock();
     }
+    return std::nullopt;
 }
 
-std::vector<InstallObservers::Connection*> InstallObservers::_connectionsFor(KXClientIdentifier creator) const {
-    std::vector<Connection*> connections;
-    std::copy_if(_connections.begin(), _connections.end(), std::back_inserter(connections),
-                 [&](const Connection* connection) { return connection->follows(creator); });
-    return connections;
-}
-
-void InstallObservers::_deliver(const Report& report, const std::vector<Connection*>& connections) {
-    bool isObserverTold = report.observer == nullptr;
+/// The coordinator's observer is told once, be it also one of the delegates.
+void InstallObservers::_deliver(const Report& report, const Followers& followers) {
+    const bool isDelegate =
+        std::ranges::any_of(followers, [&](const auto& follower) { return &follower->delegate == report.observer; });
+    KXAppInstallObserverDelegate* observer = isDelegate ? nullptr : report.observer;
     bool isDelivered = false;
-    for (Connection* connection : connections) {
-        KXAppInstallObserverDelegate* delegate = nullptr;
-        {
-            // Another delegate's call may have taken long: a connection is looked at only while it is known.
-            const std::lock_guard lock(_mutex);
-            if (std::find(_connections.begin(), _connections.end(), connection) == _connections.end()) {
-                continue;
+    for (const auto& follower : followers) {
+        isDelivered |= follower->gate.pass([&] {
+            report.call(follower->delegate);
+            if (observer) {
+                report.call(*std::exchange(observer, nullptr));
             }
-            delegate = &connection->delegate();
-            _running = connection;
-            _deliveryThread = std::this_thread::get_id();
-        }
-        report.call(*delegate);
-        isDelivered = true;
-        if (!isObserverTold) {
-            report.call(*report.observer);
-            isObserverTold = true;
-        }
-        const std::lock_guard lock(_mutex);
-        _running = nullptr;
-        _deliveryThread = {};
-        _callEnded.notify_all();
+        });
     }
     if (isDelivered && report.delivered) {
         report.delivered();

@@ -1,23 +1,22 @@
 // The coordinator's observer service: reports to those who follow the coordinators of their clients.
 #pragma once
 
+#include "concurrency/CallGate.h"
 #include "concurrency/Group.h"
 #include "concurrency/OperationQueue.h"
 #include "platform/InstallCoordinator.h"
+#include "values/Result.h"
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <thread>
+#include <optional>
 #include <vector>
 
 namespace appsync::device {
 
-inline constexpr std::string_view ObserverServiceName = "com.zuvex.qrd.kpc.icappobserverdelegate";
 /// Reports that wait for a connection; beyond these the oldest are dropped.
-inline constexpr std::size_t MostHeldReports = 4096;
+inline constexpr std::size_t MaxHeldReports = 4096;
 
 /// Calls go out on one thread of the service, one at a time, in the order of the reports. Any thread.
 class InstallObservers final : public KXAppInstallObserverClass {
@@ -28,6 +27,8 @@ class InstallObservers final : public KXAppInstallObserverClass {
     explicit InstallObservers(Group& undelivered) : _undelivered(undelivered) {}
     /// Waits for a running call; undelivered reports are dropped. Connections must have been dropped.
     ~InstallObservers() override;
+    /// To be called first. Fails when the system has no thread for it.
+    [[nodiscard]] Result<void> start();
 
     /// Null without a delegate, and for the name of another service.
     [[nodiscard]] std::shared_ptr<KXAppInstallObserver>
@@ -47,6 +48,15 @@ class InstallObservers final : public KXAppInstallObserverClass {
 
   private:
     class Connection;
+    /// What is there of a connection to deliver to.
+    struct Follower {
+        Follower(const std::set<KXClientIdentifier>& ofClients, KXAppInstallObserverDelegate& toTell)
+            : clients(ofClients), delegate(toTell) {}
+        const std::set<KXClientIdentifier> clients;
+        KXAppInstallObserverDelegate& delegate;
+        CallGate gate;
+    };
+    using Followers = std::vector<std::shared_ptr<Follower>>;
     struct Report {
         KXClientIdentifier creator;
         KXAppInstallObserverDelegate* observer;
@@ -54,19 +64,15 @@ class InstallObservers final : public KXAppInstallObserverClass {
         std::function<void()> delivered;
     };
 
-    void _disconnect(Connection& connection);
+    void _disconnect(const std::shared_ptr<Follower>& follower) EXCLUDES(_mutex);
     void _schedule();
-    void _deliverReports();
-    [[nodiscard]] std::vector<Connection*> _connectionsFor(KXClientIdentifier creator) const;
-    void _deliver(const Report& report, const std::vector<Connection*>& connections);
+    [[nodiscard]] std::optional<std::pair<Report, Followers>> _takeDeliverable() EXCLUDES(_mutex);
+    static void _deliver(const Report& report, const Followers& followers);
 
-    std::mutex _mutex;
-    std::condition_variable _callEnded;
-    std::vector<Connection*> _connections;
-    std::deque<Report> _fresh;
-    std::deque<Report> _held;       // had no connection when their turn came
-    Connection* _running = nullptr; // whose delegate is being called
-    std::thread::id _deliveryThread;
+    Mutex _mutex;
+    Followers _followers GUARDED_BY(_mutex);
+    std::deque<Report> _fresh GUARDED_BY(_mutex);
+    std::deque<Report> _held GUARDED_BY(_mutex); // had no follower when their turn came
     Group& _undelivered;
     OperationQueue _thread{1};
 };

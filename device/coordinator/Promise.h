@@ -1,12 +1,14 @@
 // A promise: what an install waits for, such as a file that is being transferred.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "platform/InstallCoordinator.h"
 
+#include <algorithm>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace appsync::device {
 
@@ -33,38 +35,74 @@ class Promise {
   public:
     explicit Promise(PromiseRecord record) : _record(std::move(record)) {}
 
-    [[nodiscard]] std::uint64_t identifier() const noexcept { return _record.id; }
-    [[nodiscard]] const std::string& name() const noexcept { return _record.name; }
-    [[nodiscard]] PromiseRecord record() const;
-    [[nodiscard]] PromiseRole role() const;
-    [[nodiscard]] bool isComplete() const;
-    [[nodiscard]] bool isCancelled() const;
-    [[nodiscard]] double fraction() const;
+    [[nodiscard]] PromiseRecord record() const {
+        const Lock lock(_mutex);
+        return _record;
+    }
+    [[nodiscard]] std::string name() const { return record().name; }
+    [[nodiscard]] bool isComplete() const { return record().isComplete; }
+    [[nodiscard]] bool isCancelled() const {
+        const Lock lock(_mutex);
+        return _isCancelled;
+    }
+    [[nodiscard]] double fraction() const {
+        const Lock lock(_mutex);
+        return _record.isComplete ? 1 : _fraction;
+    }
     /// The coordinator it belongs to; null before it is attached and after the coordinator has gone.
-    [[nodiscard]] std::shared_ptr<CoordinatorState> owner() const;
+    [[nodiscard]] std::shared_ptr<CoordinatorState> owner() const {
+        const Lock lock(_mutex);
+        return _owner.lock();
+    }
 
     /// Takes it for a role; false when it has one already or was cancelled.
-    [[nodiscard]] bool take(PromiseRole role);
+    [[nodiscard]] bool take(PromiseRole role) {
+        const Lock lock(_mutex);
+        const bool isFree = !_isCancelled && _record.role == PromiseRole::none;
+        _record.role = isFree ? role : _record.role;
+        return isFree;
+    }
     /// Undoes `take`.
-    void release();
-    void setOwner(const std::shared_ptr<CoordinatorState>& owner);
-
+    void release() {
+        const Lock lock(_mutex);
+        _record.role = PromiseRole::none;
+        _owner.reset();
+    }
+    void setOwner(const std::shared_ptr<CoordinatorState>& owner) {
+        const Lock lock(_mutex);
+        _owner = owner;
+    }
     /// A complete promise keeps its path.
-    void setPath(std::optional<std::string> path);
+    void setPath(std::optional<std::string> path) {
+        const Lock lock(_mutex);
+        if (!_record.isComplete) {
+            _record.path = std::move(path);
+        }
+    }
     /// Brings the fraction, 0 to 1, up to date; true for the first progress of an attached promise.
-    [[nodiscard]] bool setFraction(double fraction);
+    [[nodiscard]] bool setFraction(double fraction) {
+        const Lock lock(_mutex);
+        _fraction = fraction > 0 ? std::min(fraction, 1.0) : 0; // 0 also for what is not a number
+        return !_owner.expired() && !std::exchange(_hasBegun, true);
+    }
     /// A complete promise stays complete. True when this call completed it.
-    [[nodiscard]] bool complete();
+    [[nodiscard]] bool complete() {
+        const Lock lock(_mutex);
+        return !_isCancelled && !std::exchange(_record.isComplete, true);
+    }
     /// True when this call cancelled it.
-    [[nodiscard]] bool cancel();
+    [[nodiscard]] bool cancel() {
+        const Lock lock(_mutex);
+        return !std::exchange(_isCancelled, true);
+    }
 
   private:
-    mutable std::mutex _mutex;
-    PromiseRecord _record;
-    std::weak_ptr<CoordinatorState> _owner;
-    double _fraction = 0;
-    bool _hasBegun = false;
-    bool _isCancelled = false;
+    mutable Mutex _mutex;
+    PromiseRecord _record GUARDED_BY(_mutex);
+    std::weak_ptr<CoordinatorState> _owner GUARDED_BY(_mutex);
+    double _fraction GUARDED_BY(_mutex) = 0;
+    bool _hasBegun GUARDED_BY(_mutex) = false;
+    bool _isCancelled GUARDED_BY(_mutex) = false;
 };
 
 } // namespace appsync::device

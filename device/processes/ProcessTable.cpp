@@ -93,24 +93,19 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     if (::ftruncate(record.get(), 0) != 0) {
         return processError(ProcessError::cannotBeStarted, identifier, "its record: " + systemText(errno));
     }
-    if (error = _setBusy(identifier, request.busy); error) {
-        return error;
+    if (const auto set = _setBusy(identifier, request.busy); !set) {
+        return set.error();
     }
     const auto folder = _root.realPath(RunFolder);
     if (!folder) {
         return folder.error();
     }
-    pid_t process = 0;
-    const int failed = spawnDetached(
+    const auto process = spawnDetached(
         {.executable = request.executable,
          .folder = request.dataFolder,
          .variables = {"HOME=" + request.dataFolder, "APP_BUSY_FILE=" + *folder + "/" + busyName(identifier)},
-         .record = record.get()},
-        process);
-    if (failed != 0) {
-        return processError(ProcessError::cannotBeStarted, identifier, request.executable + ": " + systemText(failed));
-    }
-    return process;
+         .record = record.get()});
+    return process ? process : processError(ProcessError::cannotBeStarted, identifier, errorText(process.error()));
 }
 
 bool ProcessTable::isRunning(std::string_view identifier) {
@@ -139,12 +134,12 @@ RunningApps::Answer ProcessTable::_endIfIdle(std::string_view identifier, int re
 }
 
 void ProcessTable::_hold(std::string_view identifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _held.emplace(identifier);
 }
 
 void ProcessTable::letGo(std::string_view identifier) noexcept {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (const auto held = _held.find(identifier); held != _held.end()) {
         _held.erase(held);
     }
@@ -176,15 +171,15 @@ bool ProcessTable::_end(int record) const {
 }
 
 bool ProcessTable::_isHeld(const std::string& identifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _held.contains(identifier);
 }
 
-ErrorPtr ProcessTable::_setBusy(const std::string& identifier, bool busy) {
+Result<void> ProcessTable::_setBusy(const std::string& identifier, bool busy) {
     const std::string path = busyPath(identifier);
     if (!busy) {
         _root.files().removeItem(path, nullptr);
-        return nullptr;
+        return {};
     }
     return _root.files().open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC).error();
 }

@@ -7,6 +7,7 @@
 // and removes it to let go. HOME is the app's data container.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "device/screen/RunningApps.h"
 #include "files/Descriptor.h"
 #include "values/Result.h"
@@ -14,7 +15,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <mutex>
 #include <set>
 #include <string>
 
@@ -62,12 +62,12 @@ class ProcessTable final : public RunningApps {
     [[nodiscard]] Answer _endIfIdle(std::string_view identifier, int record);
     void _hold(std::string_view identifier);
     [[nodiscard]] bool _isHeld(const std::string& identifier);
-    [[nodiscard]] ErrorPtr _setBusy(const std::string& identifier, bool busy);
+    [[nodiscard]] Result<void> _setBusy(const std::string& identifier, bool busy);
 
     Root& _root;
     const std::chrono::milliseconds _grace;
-    std::mutex _mutex;
-    std::multiset<std::string, std::less<>> _held; // one entry a hold
+    Mutex _mutex;
+    std::multiset<std::string, std::less<>> _held GUARDED_BY(_mutex); // one entry a hold
 };
 
 } // namespace appsync::device

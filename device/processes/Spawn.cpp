@@ -1,6 +1,7 @@
 #include "device/processes/Spawn.h"
 
 #include "files/Descriptor.h"
+#include "files/Syscalls.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -34,6 +35,10 @@ struct Prepared {
     const Report report{0, errno};
     (void)!::write(prepared.report, &report, sizeof report);
     ::_exit(127);
+}
+
+ErrorPtr spawnError(int failed, const SpawnRequest& request) {
+    return makeError(PosixErrorDomain, failed, request.executable + ": " + systemText(failed), request.executable);
 }
 
 bool writeNumber(int file, pid_t number) {
@@ -77,10 +82,10 @@ bool writeNumber(int file, pid_t number) {
 
 } // namespace
 
-int spawnDetached(const SpawnRequest& request, pid_t& process) {
+Result<pid_t> spawnDetached(const SpawnRequest& request) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return errno;
+        return spawnError(errno, request);
     }
     const Descriptor reading(ends[0]);
     Descriptor writing(ends[1]);
@@ -96,7 +101,7 @@ int spawnDetached(const SpawnRequest& request, pid_t& process) {
     // A process between the two ends at once, so that the new one has no parent that must wait for it.
     const pid_t between = ::fork();
     if (between < 0) {
-        return errno;
+        return spawnError(errno, request);
     }
     if (between == 0) {
         const pid_t child = ::fork();
@@ -112,18 +117,19 @@ int spawnDetached(const SpawnRequest& request, pid_t& process) {
     }
     writing = Descriptor();
     // Its number, then nothing more when the program has begun, or why it has not.
-    Report report;
+    pid_t process = 0;
     int failed = ECHILD;
+    Report report;
     for (ssize_t length = 0; (length = ::read(reading.get(), &report, sizeof report)) != 0;) {
         if (length < 0 && errno != EINTR) {
-            return errno;
+            return spawnError(errno, request);
         }
         if (length == sizeof report) {
             failed = report.failed;
             process = report.process != 0 ? report.process : process;
         }
     }
-    return failed;
+    return failed == 0 ? Result(process) : spawnError(failed, request);
 }
 
 } // namespace appsync::device

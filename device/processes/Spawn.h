@@ -1,6 +1,8 @@
 // Starting a process that belongs to nobody.
 #pragma once
 
+#include "values/Result.h"
+
 #include <sys/types.h>
 
 #include <string>
@@ -16,7 +18,7 @@ struct SpawnRequest {
 };
 
 /// Starts it as the leader of a session and a process group of its own, without a terminal, its output thrown away.
-/// Nobody has to wait for it. Answers with zero and its number, or with the errno number of why not.
-[[nodiscard]] int spawnDetached(const SpawnRequest& request, pid_t& process);
+/// Nobody has to wait for it. Returns its number.
+[[nodiscard]] Result<pid_t> spawnDetached(const SpawnRequest& request);
 
 } // namespace appsync::device

@@ -1,5 +1,7 @@
 #include "device/registry/Announcer.h"
 
+#include "device/root/PosixError.h"
+
 namespace appsync::device {
 
 namespace {
@@ -15,169 +17,120 @@ std::vector<std::string> identifiersOf(const PDApplicationProxies& applications)
 
 } // namespace
 
-Announcer::Announcer(std::function<Lists()> currentLists)
-    : _currentLists(std::move(currentLists)), _thread([this] { _run(); }) {}
-
 Announcer::~Announcer() {
-    {
-        const std::lock_guard lock(_mutex);
-        _stopped = true;
-        _all.clear();
-        _wakened.notify_one();
-    }
-    _thread.join();
+    _remove([](std::uint64_t, const Listener&) { return true; });
+    _thread.stop();
 }
 
-std::uint64_t Announcer::_add(Listener listener) {
-    const std::lock_guard lock(_mutex);
+Result<void> Announcer::start() {
+    return _thread.start() ? nullptr : makeNoThreadError("the registry's observers");
+}
+
+std::uint64_t Announcer::_add(ListenerPtr listener) {
+    const Lock lock(_mutex);
     _all.emplace(++_lastNumber, std::move(listener));
-    _hasNews = true;
-    _wakened.notify_one();
+    _schedule();
     return _lastNumber;
 }
 
-void Announcer::_remove(std::uint64_t number) {
-    std::unique_lock lock(_mutex);
-    _all.erase(number);
-    if (std::this_thread::get_id() != _thread.get_id()) {
-        _callEnded.wait(lock, [&] { return _called != number; });
+void Announcer::_remove(const std::function<bool(std::uint64_t number, const Listener& listener)>& isMeant) {
+    std::vector<ListenerPtr> removed;
+    {
+        const Lock lock(_mutex);
+        std::erase_if(_all, [&](const auto& entry) {
+            const bool isRemoved = isMeant(entry.first, *entry.second);
+            if (isRemoved) {
+                removed.push_back(entry.second);
+            }
+            return isRemoved;
+        });
+    }
+    for (const ListenerPtr& listener : removed) {
+        listener->gate.close();
     }
 }
 
 void Announcer::addObserver(PDApplicationWorkspaceObserverProtocol* observer) {
-    Listener listener;
-    listener.observer = observer;
+    auto listener = std::make_shared<Listener>();
+    listener->observer = observer;
     _add(std::move(listener));
 }
 
 void Announcer::removeObserver(PDApplicationWorkspaceObserverProtocol* observer) {
-    std::vector<std::uint64_t> numbers;
-    {
-        const std::lock_guard lock(_mutex);
-        for (const auto& [number, listener] : _all) {
-            if (listener.observer == observer) {
-                numbers.push_back(number);
-            }
-        }
-    }
-    for (const std::uint64_t number : numbers) {
-        _remove(number);
-    }
+    _remove([&](std::uint64_t, const Listener& listener) { return listener.observer == observer; });
 }
 
 std::uint64_t Announcer::subscribe(std::function<void()> changed) {
-    Listener listener;
-    listener.changed = std::move(changed);
+    auto listener = std::make_shared<Listener>();
+    listener->changed = std::move(changed);
     return _add(std::move(listener));
 }
 
 void Announcer::unsubscribe(std::uint64_t number) {
-    _remove(number);
+    _remove([&](std::uint64_t other, const Listener&) { return other == number; });
 }
 
 void Announcer::announceChange() {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (_all.empty()) {
         return; // progress changes often, and mostly nobody looks
     }
-    _hasNews = true;
     _hasChange = true;
-    _wakened.notify_one();
+    _schedule();
 }
 
 void Announcer::announceCancellation(PDApplicationProxies applications) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (_all.empty()) {
         return;
     }
-    _hasNews = true;
     _cancellations.push_back(std::move(applications));
-    _wakened.notify_one();
+    _schedule();
 }
 
-std::vector<std::uint64_t> Announcer::_listeners() {
-    std::vector<std::uint64_t> numbers;
-    const std::lock_guard lock(_mutex);
-    for (const auto& [number, listener] : _all) {
-        numbers.push_back(number);
-    }
-    return numbers;
-}
-
-void Announcer::_run() {
-    for (;;) {
-        bool hasChange = false;
-        std::vector<PDApplicationProxies> cancellations;
-        {
-            std::unique_lock lock(_mutex);
-            _wakened.wait(lock, [this] { return _hasNews || _stopped; });
-            if (_stopped) {
-                return;
-            }
-            _hasNews = false;
-            hasChange = std::exchange(_hasChange, false);
-            cancellations.swap(_cancellations);
-        }
-        const Lists lists = _currentLists();
-        for (const std::uint64_t number : _listeners()) {
-            _tellLists(number, lists);
-            for (const PDApplicationProxies& applications : cancellations) {
-                _tell(number, [&](const Listener& listener) {
-                    if (listener.observer) {
-                        listener.observer->applicationInstallsDidCancel(applications);
-                    }
-                });
-            }
-            if (hasChange) {
-                _tell(number, [](const Listener& listener) {
-                    if (listener.changed) {
-                        listener.changed();
-                    }
-                });
-            }
-        }
+void Announcer::_schedule() {
+    if (!std::exchange(_isScheduled, true)) {
+        _thread.addOperation([this] { _announce(); });
     }
 }
 
-void Announcer::_tellLists(std::uint64_t number, const Lists& lists) {
+void Announcer::_announce() {
+    bool hasChange = false;
+    std::vector<PDApplicationProxies> cancellations;
     {
-        const std::lock_guard lock(_mutex);
-        const auto found = _all.find(number);
-        if (found == _all.end() || !found->second.observer) {
-            return;
-        }
-        Listener& listener = found->second;
-        auto prioritized = identifiersOf(lists.first);
-        auto paused = identifiersOf(lists.second);
-        if (listener.hasLists && listener.prioritized == prioritized && listener.paused == paused) {
-            return;
-        }
-        listener.hasLists = true;
-        listener.prioritized = std::move(prioritized);
-        listener.paused = std::move(paused);
+        const Lock lock(_mutex);
+        _isScheduled = false;
+        hasChange = std::exchange(_hasChange, false);
+        cancellations.swap(_cancellations);
     }
-    _tell(number, [&](const Listener& listener) {
-        listener.observer->applicationInstallsArePrioritized_arePaused(lists.first, lists.second);
-    });
+    const Lists lists = _currentLists();
+    std::vector<ListenerPtr> listeners;
+    {
+        const Lock lock(_mutex);
+        for (const auto& [number, listener] : _all) {
+            listeners.push_back(listener);
+        }
+    }
+    for (const ListenerPtr& listener : listeners) {
+        if (listener->observer) {
+            _tell(*listener, lists, cancellations);
+        } else if (hasChange) {
+            listener->gate.pass(listener->changed);
+        }
+    }
 }
 
-/// Calls a listener if it is still there.
-void Announcer::_tell(std::uint64_t number, const std::function<void(const Listener&)>& call) {
-    Listener listener;
-    {
-        const std::lock_guard lock(_mutex);
-        const auto found = _all.find(number);
-        if (found == _all.end()) {
-            return;
-        }
-        listener.observer = found->second.observer;
-        listener.changed = found->second.changed;
-        _called = number;
+/// The lists only when they are others than it was told last.
+void Announcer::_tell(Listener& listener, const Lists& lists, const std::vector<PDApplicationProxies>& cancellations) {
+    std::pair identifiers(identifiersOf(lists.first), identifiersOf(lists.second));
+    if (listener.told != identifiers) {
+        listener.told = std::move(identifiers);
+        listener.gate.pass(
+            [&] { listener.observer->applicationInstallsArePrioritized_arePaused(lists.first, lists.second); });
     }
-    call(listener);
-    const std::lock_guard lock(_mutex);
-    _called = 0;
-    _callEnded.notify_all();
+    for (const PDApplicationProxies& applications : cancellations) {
+        listener.gate.pass([&] { listener.observer->applicationInstallsDidCancel(applications); });
+    }
 }
 
 } // namespace appsync::device

@@ -1,15 +1,17 @@
 // Calls those who follow the registry, on one thread of its own.
 #pragma once
 
+#include "concurrency/CallGate.h"
+#include "concurrency/OperationQueue.h"
 #include "platform/ApplicationRegistry.h"
+#include "values/Result.h"
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
+#include <memory>
+#include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -22,11 +24,13 @@ class Announcer {
     using Lists = std::pair<PDApplicationProxies, PDApplicationProxies>;
 
     /// `currentLists` is called on the announcer's thread.
-    explicit Announcer(std::function<Lists()> currentLists);
+    explicit Announcer(std::function<Lists()> currentLists) : _currentLists(std::move(currentLists)) {}
     /// Waits for a running call; none follows.
     ~Announcer();
     Announcer(const Announcer&) = delete;
     Announcer& operator=(const Announcer&) = delete;
+    /// To be called first. Fails when the system has no thread for it.
+    [[nodiscard]] Result<void> start();
 
     void addObserver(PDApplicationWorkspaceObserverProtocol* observer);
     /// Returns after a running call of the observer has ended; at once when it runs on this very thread.
@@ -40,33 +44,29 @@ class Announcer {
     void announceCancellation(PDApplicationProxies applications);
 
   private:
+    using Identifiers = std::vector<std::string>;
     struct Listener {
         PDApplicationWorkspaceObserverProtocol* observer = nullptr; // null for a subscription
-        std::function<void()> changed;
-        bool hasLists = false;
-        std::vector<std::string> prioritized; // identifiers, as last told
-        std::vector<std::string> paused;
+        std::function<void()> changed;                              // of a subscription
+        CallGate gate;
+        std::optional<std::pair<Identifiers, Identifiers>> told; // the lists; for the announcer's thread alone
     };
+    using ListenerPtr = std::shared_ptr<Listener>;
 
-    void _run();
-    void _tellLists(std::uint64_t number, const Lists& lists);
-    void _tell(std::uint64_t number, const std::function<void(const Listener&)>& call);
-    [[nodiscard]] std::vector<std::uint64_t> _listeners();
-    std::uint64_t _add(Listener listener);
-    void _remove(std::uint64_t number);
+    std::uint64_t _add(ListenerPtr listener) EXCLUDES(_mutex);
+    void _remove(const std::function<bool(std::uint64_t number, const Listener& listener)>& isMeant) EXCLUDES(_mutex);
+    void _schedule() REQUIRES(_mutex);
+    void _announce() EXCLUDES(_mutex);
+    static void _tell(Listener& listener, const Lists& lists, const std::vector<PDApplicationProxies>& cancellations);
 
     const std::function<Lists()> _currentLists;
-    std::mutex _mutex; // guards the rest, except for the thread
-    std::condition_variable _wakened;
-    std::condition_variable _callEnded;
-    std::map<std::uint64_t, Listener> _all; // in the order in which they came
-    std::uint64_t _lastNumber = 0;
-    std::uint64_t _called = 0; // number of the listener that is being called, or 0
-    bool _hasNews = false;
-    bool _hasChange = false;
-    bool _stopped = false;
-    std::vector<PDApplicationProxies> _cancellations;
-    std::thread _thread;
+    Mutex _mutex;
+    std::map<std::uint64_t, ListenerPtr> _all GUARDED_BY(_mutex); // in the order in which they came
+    std::uint64_t _lastNumber GUARDED_BY(_mutex) = 0;
+    bool _isScheduled GUARDED_BY(_mutex) = false;
+    bool _hasChange GUARDED_BY(_mutex) = false;
+    std::vector<PDApplicationProxies> _cancellations GUARDED_BY(_mutex);
+    OperationQueue _thread{1};
 };
 
 } // namespace appsync::device

@@ -47,6 +47,9 @@ Registry::Implementation::Implementation(Root& root, Database& database, Propert
       _groupCommit(_files, database), _announcer([this] { return _lists(); }) {}
 
 Result<void> Registry::Implementation::load() {
+    if (auto started = _announcer.start(); !started) {
+        return started;
+    }
     for (const std::string_view folder : {containersFolder, stagingFolder}) {
         ErrorPtr error;
         if (!_files.createDirectory(folder, true, std::nullopt, &error)) {

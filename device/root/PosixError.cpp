@@ -33,4 +33,10 @@ ErrorPtr makePosixError(int errorNumber, std::string_view operation, std::string
     return makeError(PosixErrorDomain, errorNumber, text, path);
 }
 
+ErrorPtr makeNoThreadError(std::string_view purpose) {
+    return makeError(PosixErrorDomain, EAGAIN,
+                     "no thread can be started for " + std::string(purpose) +
+                         "; end other programs or raise the limit of processes (ulimit -u), and try again");
+}
+
 } // namespace appsync::device

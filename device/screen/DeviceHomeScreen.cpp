@@ -65,8 +65,8 @@ Result<void> DeviceHomeScreen::_load() {
         }
     }
     const auto root = bytes ? _services.propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
-    std::string problem;
-    if (auto layout = root ? IconLayout::fromPropertyList(*root, problem) : std::nullopt) {
+    if (auto layout = IconLayout::fromPropertyList(root.value_or(Value(Array()))); layout) {
+        const Lock lock(_mutex);
         _layout = std::move(*layout);
     }
     return {};
@@ -85,10 +85,9 @@ void DeviceHomeScreen::SKSetIconState(SKPort port, std::string_view iconState) n
     if (!root) {
         return _reject("it is no property list: " + errorText(error));
     }
-    std::string problem;
-    auto layout = IconLayout::fromPropertyList(*root, problem);
+    auto layout = IconLayout::fromPropertyList(*root);
     if (!layout) {
-        return _reject(problem);
+        return _reject(errorText(layout.error()));
     }
     if (const auto arranged = arrange(std::move(*layout)); !arranged) {
         _reject(errorText(arranged.error()));
@@ -110,7 +109,7 @@ Result<void> DeviceHomeScreen::arrange(IconLayout layout) {
     if (!bytes) {
         return error;
     }
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     Database::Transaction transaction(_services.database);
     transaction.run("INSERT OR REPLACE INTO homeScreen VALUES ('layout', ?1)", *bytes);
     auto written = transaction.commit();
@@ -156,7 +155,7 @@ std::shared_ptr<SKSApplicationTerminationAssertion> DeviceHomeScreen::SKSApplica
 }
 
 IconLayout DeviceHomeScreen::layout() const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _layout;
 }
 

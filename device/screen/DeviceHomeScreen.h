@@ -1,13 +1,13 @@
 // The home screen: the icons' layout, kept in the database, and what there is to see.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "device/drawing/Picture.h"
 #include "device/screen/IconLayout.h"
 #include "platform/HomeScreen.h"
 #include "values/Result.h"
 
 #include <memory>
-#include <mutex>
 #include <string_view>
 
 namespace appsync {
@@ -73,8 +73,8 @@ class DeviceHomeScreen final : public HomeScreen {
     void _reject(const std::string& problem);
 
     const HomeScreenServices _services;
-    mutable std::mutex _mutex;
-    IconLayout _layout;
+    mutable Mutex _mutex;
+    IconLayout _layout GUARDED_BY(_mutex);
 };
 
 } // namespace appsync::device

@@ -10,70 +10,69 @@ std::string ordinal(std::size_t index) {
     return std::to_string(index + 1);
 }
 
+ErrorPtr noLayout(const std::string& problem) {
+    return makeError(IconLayoutErrorDomain, 1, problem);
+}
+
 /// Reads a layout; the first thing that is wrong ends it.
 class Reader {
   public:
-    explicit Reader(std::string& problem) : _problem(problem) {}
-
-    bool readPages(const Array& root, std::vector<IconPage>& pages) {
+    Result<IconLayout> read(const Array& root) {
+        IconLayout layout;
         const bool isFlat = !root.empty() && root.front().string().has_value();
         if (isFlat) {
-            return readPage(root, "the list", false, pages.emplace_back());
+            const auto read = readPage(root, "the list", false, layout.pages.emplace_back());
+            return read ? Result(std::move(layout)) : read.error();
         }
         for (std::size_t i = 0; i < root.size(); ++i) {
             const std::string where = "page " + ordinal(i);
             if (!root[i].array()) {
-                return fail(where + " is no array");
+                return noLayout(where + " is no array");
             }
-            if (!readPage(*root[i].array(), where, true, pages.emplace_back())) {
-                return false;
+            if (const auto read = readPage(*root[i].array(), where, true, layout.pages.emplace_back()); !read) {
+                return read.error();
             }
         }
-        return true;
+        return layout;
     }
 
   private:
-    bool fail(std::string problem) {
-        _problem = std::move(problem);
-        return false;
-    }
-
-    bool isNew(std::string_view identifier) { return _seen.emplace(identifier).second; }
-
-    bool readPage(const Array& entries, const std::string& where, bool mayHoldFolders, IconPage& page) {
+    Result<void> readPage(const Array& entries, const std::string& where, bool mayHoldFolders, IconPage& page) {
         for (std::size_t i = 0; i < entries.size(); ++i) {
             const std::string place = "entry " + ordinal(i) + " of " + where;
-            if (const auto identifier = entries[i].string(); identifier && !identifier->empty()) {
-                if (isNew(*identifier)) {
+            const auto identifier = entries[i].string();
+            const Dictionary* folder = entries[i].dictionary();
+            if (identifier && !identifier->empty()) {
+                if (_seen.emplace(*identifier).second) {
                     page.emplace_back(std::string(*identifier));
                 }
-            } else if (const Dictionary* folder = entries[i].dictionary(); folder && mayHoldFolders) {
-                if (!readFolder(*folder, place, page)) {
-                    return false;
+            } else if (folder && mayHoldFolders) {
+                if (auto read = readFolder(*folder, place, page); !read) {
+                    return read;
                 }
             } else {
-                return fail(place + (mayHoldFolders ? " is neither a bundle identifier nor a folder"
-                                                    : " is no bundle identifier"));
+                return noLayout(place + (mayHoldFolders ? " is neither a bundle identifier nor a folder"
+                                                        : " is no bundle identifier"));
             }
         }
-        return true;
+        return {};
     }
 
-    bool readFolder(const Dictionary& entries, const std::string& where, IconPage& page) {
+    Result<void> readFolder(const Dictionary& entries, const std::string& where, IconPage& page) {
         const auto name = entries.string("displayName");
         const Array* lists = entries.array("iconLists");
         if (!name || !lists) {
-            return fail(where + " is a folder without a displayName or iconLists");
+            return noLayout(where + " is a folder without a displayName or iconLists");
         }
         IconFolder folder{std::string(*name), {}};
         for (const Value& list : *lists) {
             const Array* identifiers = list.array();
             if (!identifiers) {
-                return fail(where + " is a folder whose iconLists hold something else than arrays");
+                return noLayout(where + " is a folder whose iconLists hold something else than arrays");
             }
             IconPage inner;
-            if (!readPage(*identifiers, "a page of the folder at " + where, false, inner)) {
-                return false;
+            if (auto read = readPage(*identifiers, "a page of the folder at " + where, false, inner); !read) {
+                return read;
             }
             IdentifierList& folderPage = folder.pages.emplace_back();
             for (IconPlace& place : inner) {
@@ -81,10 +80,9 @@ class Reader {
             }
         }
         page.emplace_back(std::move(folder));
-        return true;
+        return {};
     }
 
-    std::string& _problem;
     std::unordered_set<std::string> _seen;
 };
 
@@ -106,17 +104,8 @@ Value toValue(const IconPlace& place) {
 
 } // namespace
 
-std::optional<IconLayout> IconLayout::fromPropertyList(const Value& root, std::string& problem) {
-    const Array* entries = root.array();
-    if (!entries) {
-        problem = "its root is no array";
-        return std::nullopt;
-    }
-    IconLayout layout;
-    if (!Reader(problem).readPages(*entries, layout.pages)) {
-        return std::nullopt;
-    }
-    return layout;
+Result<IconLayout> IconLayout::fromPropertyList(const Value& root) {
+    return root.array() ? Reader().read(*root.array()) : noLayout("its root is no array");
 }
 
 Value IconLayout::propertyList() const {

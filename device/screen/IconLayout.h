@@ -6,13 +6,16 @@
 #pragma once
 
 #include "values/PropertyList.h"
+#include "values/Result.h"
 
-#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
 namespace appsync::device {
+
+/// The domain of the error of what is no layout; its code is 1.
+inline constexpr std::string_view IconLayoutErrorDomain = "IconLayout";
 
 using IdentifierList = std::vector<std::string>;
 
@@ -30,8 +33,8 @@ struct IconLayout {
     std::vector<IconPage> pages;
 
     /// The layout that a property list holds; a list of identifiers is one page. An identifier that appears again
-    /// counts where it stands first. Nothing, and what is wrong with it in `problem`, when the list has another shape.
-    [[nodiscard]] static std::optional<IconLayout> fromPropertyList(const Value& root, std::string& problem);
+    /// counts where it stands first. Fails when the list has another shape.
+    [[nodiscard]] static Result<IconLayout> fromPropertyList(const Value& root);
     [[nodiscard]] Value propertyList() const;
     /// All identifiers in their order, folders opened out in place.
     [[nodiscard]] IdentifierList flattened() const;

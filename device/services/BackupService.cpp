@@ -105,7 +105,7 @@ Result<void> BackupService::_settle() {
         }
     }
     for (const auto& [bundleID, name] : moving) {
-        if (_isGone(waitingPath(name)) || !_putInPlace(bundleID, name)) {
+        if (_isGone(waitingPath(name)) || _putInPlace(bundleID, name)) {
             if (auto ended = _endRestore(bundleID, name); !ended) {
                 return ended;
             }
@@ -158,7 +158,7 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
     if (const int failed = treeSize(std::move(*opened), size)) {
         return makePosixError(failed, "reading", folder);
     }
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const auto earlier = _nameOf(bundleID);
     if (!earlier) {
         return earlier.error();
@@ -233,7 +233,7 @@ Result<void> BackupService::_noteMoving(const std::string& bundleID, bool isMovi
 }
 
 /// Exchanges the data container for the waiting data; after a failure the container is what it was.
-ErrorPtr BackupService::_putInPlace(const std::string& bundleID, const std::string& name) {
+Result<void> BackupService::_putInPlace(const std::string& bundleID, const std::string& name) {
     const std::string container = dataContainerPath(bundleID);
     const std::string replaced = replacedPath(name);
     ErrorPtr error;
@@ -245,7 +245,7 @@ ErrorPtr BackupService::_putInPlace(const std::string& bundleID, const std::stri
         return error;
     }
     if (_files.moveItem(waitingPath(name), container, &error)) {
-        return nullptr;
+        return {};
     }
     _files.moveItem(replaced, container, nullptr);
     return error;
@@ -266,7 +266,7 @@ Result<void> BackupService::_endRestore(const std::string& bundleID, const std::
 }
 
 Result<void> BackupService::restoreApplicationData(std::string_view bundleID) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const std::string identifier(bundleID);
     const auto name = _nameOf(identifier);
     if (!name) {
@@ -278,17 +278,17 @@ Result<void> BackupService::restoreApplicationData(std::string_view bundleID) {
     if (auto noted = _noteMoving(identifier, true); !noted) {
         return noted;
     }
-    if (ErrorPtr error = _putInPlace(identifier, **name)) {
+    if (auto placed = _putInPlace(identifier, **name); !placed) {
         if (_isGone(replacedPath(**name))) {
             (void)_noteMoving(identifier, false); // when this is lost too it is tried again at the next start
         } // else the old data could not be moved back, and the next start has to end what was begun
-        return error;
+        return placed;
     }
     return _endRestore(identifier, **name);
 }
 
 Result<void> BackupService::cancelRestore(std::string_view bundleID) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const auto name = _nameOf(bundleID);
     if (!name) {
         return name.error();

@@ -5,10 +5,10 @@
 // service is opened. So an app has its old data or the restored data, and never a part of either.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "platform/Backup.h"
 #include "values/Result.h"
 
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -64,13 +64,13 @@ class BackupService final : public HVManagerClass {
     void _clearFolders();
     [[nodiscard]] bool _isGone(const std::string& path);
     [[nodiscard]] Result<void> _noteMoving(const std::string& bundleID, bool isMoving);
-    [[nodiscard]] ErrorPtr _putInPlace(const std::string& bundleID, const std::string& name);
+    [[nodiscard]] Result<void> _putInPlace(const std::string& bundleID, const std::string& name);
     [[nodiscard]] Result<void> _endRestore(const std::string& bundleID, const std::string& name);
     [[nodiscard]] Result<std::optional<std::string>> _nameOf(std::string_view bundleID);
 
     Database& _database;
     DeviceFileSystem& _files;
-    std::mutex _mutex; // held by an operation that moves folders
+    Mutex _mutex; // held by an operation that moves folders
 };
 
 } // namespace appsync::device

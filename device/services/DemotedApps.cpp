@@ -66,12 +66,12 @@ DemotedApps::DemotedApps(DeviceFileSystem& files, PropertyListSerialization& pro
 }
 
 DemotionLists DemotedApps::lists() const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _lists;
 }
 
 std::optional<std::uint64_t> DemotedApps::installTypeOf(const std::string& identifier) const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (!_lists.contains(identifier)) {
         return std::nullopt;
     }
@@ -79,19 +79,19 @@ std::optional<std::uint64_t> DemotedApps::installTypeOf(const std::string& ident
 }
 
 Result<void> DemotedApps::set(DemotionLists lists) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _keep(std::move(lists));
 }
 
 Result<void> DemotedApps::add(const std::string& identifier, bool isAutomatic) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     DemotionLists changed = _lists;
     changed.put(identifier, isAutomatic);
     return _keep(std::move(changed));
 }
 
 Result<void> DemotedApps::remove(const std::string& identifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     if (!_lists.contains(identifier)) {
         return {};
     }

@@ -4,11 +4,11 @@
 // the system has demoted, "IntentionalDowngrades" of those that a person has.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "values/PropertyList.h"
 #include "values/Result.h"
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -56,12 +56,12 @@ class DemotedApps {
     [[nodiscard]] Result<void> remove(const std::string& identifier);
 
   private:
-    [[nodiscard]] Result<void> _keep(DemotionLists lists);
+    [[nodiscard]] Result<void> _keep(DemotionLists lists) REQUIRES(_mutex);
 
     DeviceFileSystem& _files;
     PropertyListSerialization& _propertyLists;
-    mutable std::mutex _mutex; // guards the rest
-    DemotionLists _lists;
+    mutable Mutex _mutex;
+    DemotionLists _lists GUARDED_BY(_mutex);
 };
 
 } // namespace appsync::device

@@ -39,6 +39,7 @@ Result<std::unique_ptr<DevicePolicy>> DevicePolicy::open(Database& database) {
 }
 
 Result<void> DevicePolicy::_load() {
+    const Lock lock(_mutex);
     Database::Transaction transaction(_database);
     auto rows = transaction.query("SELECT setting, value FROM policy");
     while (rows.next()) {
@@ -56,13 +57,13 @@ std::shared_ptr<OLProfileConnection> DevicePolicy::sharedConnection() noexcept {
 }
 
 OLBoolValue DevicePolicy::value(std::string_view setting) const {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     const auto found = _settings.find(setting);
     return found == _settings.end() ? OLBoolValue::unset : found->second;
 }
 
 Result<void> DevicePolicy::set(std::string_view setting, OLBoolValue value) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     Database::Transaction transaction(_database, Durability::durable);
     if (value == OLBoolValue::unset) {
         transaction.run("DELETE FROM policy WHERE setting = ?1", setting);

@@ -1,12 +1,12 @@
 // What the device's owner or administrator allows, kept in the database.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "platform/DevicePolicy.h"
 #include "values/Result.h"
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -34,8 +34,8 @@ class DevicePolicy final : public OLProfileConnectionClass {
     [[nodiscard]] Result<void> _load();
 
     Database& _database;
-    mutable std::mutex _mutex;
-    std::map<std::string, OLBoolValue, std::less<>> _settings;
+    mutable Mutex _mutex;
+    std::map<std::string, OLBoolValue, std::less<>> _settings GUARDED_BY(_mutex);
     std::shared_ptr<OLProfileConnection> _connection;
 };
 

@@ -81,6 +81,7 @@ Result<std::unique_ptr<LogFile>> LogFile::open(DeviceFileSystem& files, LogLimit
         return error;
     }
     std::unique_ptr<LogFile> log(new LogFile(files, limits));
+    const Lock lock(log->_mutex);
     if (const auto opened = log->_open(); !opened) {
         return opened.error();
     }
@@ -111,12 +112,12 @@ void LogFile::write(const SystemLog& log, LogLevel level, std::string_view text)
 }
 
 void LogFile::flush() noexcept {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _flush();
 }
 
 ErrorPtr LogFile::failure() noexcept {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return _failure;
 }
 
@@ -133,7 +134,7 @@ Result<void> LogFile::_open() {
 
 void LogFile::_append(std::string_view source, LogLevel level, std::string_view text) {
     const std::string line = makeLine(source, level, text);
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _buffer += line;
     ++_bufferedMessages;
     if (level == LogLevel::error || _buffer.size() >= BufferSize) {

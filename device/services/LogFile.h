@@ -7,6 +7,7 @@
 // ("\n", "\x1b"), so that a message is a line. A full file becomes "qrd.log.1", an older one "qrd.log.2" and so on.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "files/Descriptor.h"
 #include "platform/Log.h"
 #include "values/Result.h"
@@ -16,7 +17,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace appsync::device {
@@ -53,22 +53,22 @@ class LogFile final : public HostLog {
   private:
     LogFile(DeviceFileSystem& files, LogLimits limits) : _files(files), _limits(limits) {}
 
-    [[nodiscard]] Result<void> _open();
-    void _append(std::string_view source, LogLevel level, std::string_view text);
-    void _flush();
-    [[nodiscard]] Result<void> _writeAll(std::string_view bytes);
-    void _rotate();
+    [[nodiscard]] Result<void> _open() REQUIRES(_mutex);
+    void _append(std::string_view source, LogLevel level, std::string_view text) EXCLUDES(_mutex);
+    void _flush() REQUIRES(_mutex);
+    [[nodiscard]] Result<void> _writeAll(std::string_view bytes) REQUIRES(_mutex);
+    void _rotate() REQUIRES(_mutex);
 
     DeviceFileSystem& _files;
     const LogLimits _limits;
     std::array<std::atomic<bool>, 6> _disabled{}; // by category and level
-    std::mutex _mutex;                            // guards everything below
-    Descriptor _file;
-    std::uint64_t _size = 0;
-    std::string _buffer;
-    std::size_t _bufferedMessages = 0;
-    std::uint64_t _lostMessages = 0;
-    ErrorPtr _failure; // of the last flush
+    Mutex _mutex;
+    Descriptor _file GUARDED_BY(_mutex);
+    std::uint64_t _size GUARDED_BY(_mutex) = 0;
+    std::string _buffer GUARDED_BY(_mutex);
+    std::size_t _bufferedMessages GUARDED_BY(_mutex) = 0;
+    std::uint64_t _lostMessages GUARDED_BY(_mutex) = 0;
+    ErrorPtr _failure GUARDED_BY(_mutex); // of the last flush
 };
 
 /// The category's name in the log.

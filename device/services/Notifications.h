@@ -1,27 +1,20 @@
 // The notification services of the device, for the one process that owns it.
 #pragma once
 
+#include "concurrency/CallGate.h"
 #include "concurrency/Group.h"
 #include "concurrency/OperationQueue.h"
 #include "platform/Notifications.h"
 
-#include <condition_variable>
+#include <atomic>
 #include <functional>
 #include <list>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace appsync::device {
-
-/// Posted by the home screen's owner when a sync starts (state 1) and ends (state 0).
-inline constexpr std::string_view SyncNoticeName = "com.zuvex.skellan.qrd.wsyncnotify";
-/// Posted by the host when it is ready for the install coordinator's reports.
-inline constexpr std::string_view StartupCompleteName = "com.zuvex.qrd.QRStartupCompleteNotification";
 
 /// Statuses of the notification service.
 enum NotificationStatus : std::uint32_t {
@@ -56,15 +49,16 @@ class NotificationNames final : public NotificationService {
         std::list<std::weak_ptr<Listener>> listeners;
     };
 
-    [[nodiscard]] std::size_t _indexOf(std::string_view name);
-    [[nodiscard]] const Name* _find(std::string_view name) const;
+    /// Adds the name when it is new.
+    [[nodiscard]] Name& _named(std::string_view name) REQUIRES(_mutex);
+    [[nodiscard]] std::uint64_t _read(std::string_view name, std::uint64_t Name::*number) const EXCLUDES(_mutex);
 
-    mutable std::mutex _mutex;
-    std::vector<Name> _names; // a token is an index + 1
-    std::map<std::string, std::size_t, std::less<>> _indexes;
+    mutable Mutex _mutex;
+    std::vector<Name> _names GUARDED_BY(_mutex); // a token is an index + 1
 };
 
-/// Delivers posts to observers on a thread of its own, in the order of the posts.
+/// Delivers posts to observers on a thread of its own, in the order of the posts; where the system has no thread for
+/// it, before `post` returns.
 class DeviceNotificationCenter final : public NotificationCenter {
   public:
     DeviceNotificationCenter() = default;
@@ -85,23 +79,20 @@ class DeviceNotificationCenter final : public NotificationCenter {
   private:
     struct Observation {
         void* observer;
-        NotificationCallback callback;
         std::string name;
         const void* object;
-        bool removed = false;
-        bool running = false;
+        std::atomic<NotificationCallback> callback;
+        CallGate gate;
     };
     using Observations = std::vector<std::shared_ptr<Observation>>;
 
     void _deliver(const Observations& observations, const std::string& name, const void* object,
-                  const Dictionary* userInfo);
+                  const Dictionary* userInfo) EXCLUDES(_mutex);
 
-    std::mutex _mutex;
-    std::condition_variable _callEnded;
-    Observations _observations;
-    std::thread::id _deliveryThread; // while a call runs
+    Mutex _mutex;
+    Observations _observations GUARDED_BY(_mutex);
     Group _undelivered;
-    OperationQueue _thread{1};
+    OperationQueue _thread{1, WithoutThread::runsAtOnce};
 };
 
 } // namespace appsync::device

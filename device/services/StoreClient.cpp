@@ -51,8 +51,8 @@ Result<void> StoreClient::refreshReceipts() {
             receipt.set("bundleVersion", *application.version);
         }
         std::string name = application.identifier + ".plist";
-        const ErrorPtr error = _writeReceipt(std::string(ReceiptFolder) + "/" + name, receipt);
-        firstError = firstError ? firstError : error;
+        const auto written = _writeReceipt(std::string(ReceiptFolder) + "/" + name, receipt);
+        firstError = firstError ? firstError : written.error();
         names.insert(std::move(name));
     }
     _removeOtherReceipts(names);
@@ -60,7 +60,7 @@ Result<void> StoreClient::refreshReceipts() {
 }
 
 /// Not written durably: a receipt that a loss of power has cut short differs, and is written again.
-ErrorPtr StoreClient::_writeReceipt(const std::string& path, const Dictionary& receipt) {
+Result<void> StoreClient::_writeReceipt(const std::string& path, const Dictionary& receipt) {
     ErrorPtr error;
     const auto bytes = _propertyLists.dataWithPropertyList(receipt, PropertyListFormat::binary, &error);
     if (!bytes) {
@@ -68,7 +68,7 @@ ErrorPtr StoreClient::_writeReceipt(const std::string& path, const Dictionary& r
     }
     const auto present = _files.readFile(path, nullptr);
     if ((present && *present == *bytes) || _files.createFile(path, bytes->bytes(), {})) {
-        return nullptr;
+        return {};
     }
     return makePosixError(EIO, "write receipt", path);
 }

@@ -33,7 +33,7 @@ class StoreClient final : public MWSoftwareLibraryClass {
     /// Waits for the refreshes that have been asked for.
     ~StoreClient() override;
 
-    /// Its refreshes run one after another on the client's thread.
+    /// Its refreshes run one after another on the client's thread; on the caller's where the system has none for it.
     [[nodiscard]] std::shared_ptr<MWSoftwareLibrary> init() noexcept override;
 
     /// Writes the receipts that are missing or of another version, and removes those of apps that are gone. One receipt
@@ -44,14 +44,14 @@ class StoreClient final : public MWSoftwareLibraryClass {
     class Library;
 
     void _refreshInBackground(std::function<void(const ErrorPtr&)> completion);
-    [[nodiscard]] ErrorPtr _writeReceipt(const std::string& path, const Dictionary& receipt);
+    [[nodiscard]] Result<void> _writeReceipt(const std::string& path, const Dictionary& receipt);
     void _removeOtherReceipts(const std::set<std::string>& names);
 
     DeviceFileSystem& _files;
     Registry& _registry;
     PropertyListSerialization& _propertyLists;
     Group _underWay;
-    OperationQueue _thread{1};
+    OperationQueue _thread{1, WithoutThread::runsAtOnce};
 };
 
 } // namespace appsync::device

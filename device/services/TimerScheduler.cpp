@@ -1,68 +1,60 @@
 #include "device/services/TimerScheduler.h"
 
+#include "concurrency/CallGate.h"
+#include "device/root/PosixError.h"
+
 #include <algorithm>
 
 namespace appsync::device {
 
-/// A task and how far it has come. The handle that the caller holds and the queue's entry are the same object.
+/// The handle that the caller holds and the queue's entry are the same object.
 class TimerScheduler::Entry final : public ScheduledTask {
   public:
     explicit Entry(std::function<void()> task) : _task(std::move(task)) {}
 
     bool cancel() noexcept override {
-        std::function<void()> dropped; // released after the lock, since that may run anything
-        std::unique_lock lock(_mutex);
-        if (_state == State::running && _runner != std::this_thread::get_id()) {
-            _ended.wait(lock, [this] { return _state == State::ended; });
+        _gate.close();
+        if (!_hasBegun) {
+            std::call_once(_dropped, [this] { _task = nullptr; });
         }
-        if (_state == State::waiting) {
-            _state = State::cancelled;
-            dropped.swap(_task);
-        }
-        return _state == State::cancelled;
+        return !_hasBegun;
     }
 
     void run() {
-        std::function<void()> task;
-        {
-            const std::lock_guard lock(_mutex);
-            if (_state != State::waiting) {
-                return;
-            }
-            _state = State::running;
-            _runner = std::this_thread::get_id();
-            task.swap(_task);
-        }
-        task();
-        task = nullptr; // what it holds is gone when `cancel` returns
-        const std::lock_guard lock(_mutex);
-        _state = State::ended;
-        _ended.notify_all();
+        _gate.pass([this] {
+            _hasBegun = true;
+            _task();
+            _task = nullptr; // what it holds is gone when `cancel` returns
+        });
     }
 
   private:
-    enum class State { waiting, running, ended, cancelled };
-
-    std::mutex _mutex;
-    std::condition_variable _ended;
+    CallGate _gate; // only behind it does any of the rest change
+    std::once_flag _dropped;
     std::function<void()> _task;
-    std::thread::id _runner;
-    State _state = State::waiting;
+    bool _hasBegun = false;
 };
-
-TimerScheduler::TimerScheduler(std::size_t workers) : _workers(workers), _timer([this] { _keepTime(); }) {}
 
 TimerScheduler::~TimerScheduler() {
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _stopped = true;
-        _changed.notify_one();
+        _changed.notifyOne();
     }
-    _timer.join();
+    _timer.stop();
     _workers.stop();
+    const Lock lock(_mutex);
     for (const auto& [due, entry] : _waiting) {
         entry->cancel();
     }
+}
+
+Result<void> TimerScheduler::start() {
+    if (!_timer.start()) {
+        return makeNoThreadError("the scheduler");
+    }
+    _timer.addOperation([this] { _keepTime(); });
+    return {};
 }
 
 std::shared_ptr<ScheduledTask> TimerScheduler::runAfter(std::chrono::milliseconds delay,
@@ -70,31 +62,37 @@ std::shared_ptr<ScheduledTask> TimerScheduler::runAfter(std::chrono::millisecond
     auto entry = std::make_shared<Entry>(std::move(task));
     const auto now = Clock::now();
     // A delay that the clock cannot express never comes due.
-    const auto longest = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
-    const std::lock_guard lock(_mutex);
-    const auto place = _waiting.emplace(now + std::clamp(delay, std::chrono::milliseconds(0), longest), entry);
+    const auto maxDelay = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
+    const Lock lock(_mutex);
+    const auto place = _waiting.emplace(now + std::clamp(delay, std::chrono::milliseconds(0), maxDelay), entry);
     if (place == _waiting.begin()) {
-        _changed.notify_one();
+        _changed.notifyOne();
     }
     return entry;
 }
 
 void TimerScheduler::_keepTime() {
-    std::unique_lock lock(_mutex);
+    while (const auto entry = _waitForNext()) {
+        _workers.addOperation([entry] { entry->run(); });
+    }
+}
+
+/// The entry that is due; null when the scheduler ends.
+std::shared_ptr<TimerScheduler::Entry> TimerScheduler::_waitForNext() {
+    const Lock lock(_mutex);
     while (!_stopped) {
         if (_waiting.empty()) {
-            _changed.wait(lock);
+            _changed.wait(_mutex);
             continue;
         }
         const auto first = _waiting.begin();
-        if (first->first > Clock::now()) {
-            const auto due = first->first;
-            _changed.wait_until(lock, due);
-            continue;
+        if (first->first <= Clock::now()) {
+            return _waiting.extract(first).mapped();
         }
-        _workers.addOperation([entry = first->second] { entry->run(); });
-        _waiting.erase(first);
+        const auto due = first->first;
+        _changed.waitUntil(_mutex, due);
     }
+    return nullptr;
 }
 
 } // namespace appsync::device

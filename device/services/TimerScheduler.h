@@ -3,20 +3,20 @@
 
 #include "concurrency/OperationQueue.h"
 #include "platform/Scheduler.h"
+#include "values/Result.h"
 
-#include <condition_variable>
 #include <map>
-#include <mutex>
-#include <thread>
 
 namespace appsync::device {
 
 class TimerScheduler final : public Scheduler {
   public:
     /// At most `workers` tasks run at once; one that is due while all are busy waits for the first that is free.
-    explicit TimerScheduler(std::size_t workers = 4);
+    explicit TimerScheduler(std::size_t workers = 4) : _workers(workers, WithoutThread::runsAtOnce) {}
     /// Drops the tasks that have not begun and waits for those that run. Handles may outlive the scheduler.
     ~TimerScheduler() override;
+    /// To be called first. Fails when the system has no thread for it.
+    [[nodiscard]] Result<void> start();
 
     [[nodiscard]] std::shared_ptr<ScheduledTask> runAfter(std::chrono::milliseconds delay,
                                                           std::function<void()> task) noexcept override;
@@ -25,14 +25,15 @@ class TimerScheduler final : public Scheduler {
     class Entry;
     using Clock = std::chrono::steady_clock;
 
-    void _keepTime();
+    void _keepTime() EXCLUDES(_mutex);
+    [[nodiscard]] std::shared_ptr<Entry> _waitForNext() EXCLUDES(_mutex);
 
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    std::multimap<Clock::time_point, std::shared_ptr<Entry>> _waiting;
-    bool _stopped = false;
+    Mutex _mutex;
+    Condition _changed;
+    std::multimap<Clock::time_point, std::shared_ptr<Entry>> _waiting GUARDED_BY(_mutex);
+    bool _stopped GUARDED_BY(_mutex) = false;
     OperationQueue _workers;
-    std::thread _timer; // last, so that it starts when everything else is there
+    OperationQueue _timer{1};
 };
 
 } // namespace appsync::device

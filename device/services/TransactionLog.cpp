@@ -1,6 +1,7 @@
 #include "device/services/TransactionLog.h"
 
 #include "device/database/Database.h"
+#include "device/root/PosixError.h"
 #include "device/services/LogFile.h"
 
 #include <chrono>
@@ -21,7 +22,7 @@ constexpr std::chrono::milliseconds GatheringTime{20};
 constexpr std::size_t GatheredRecords = 256;
 /// How long the writer waits after a failure. What comes together meanwhile is bounded.
 constexpr std::chrono::milliseconds RetryTime{1000};
-constexpr std::size_t MostWaiting = 20'000;
+constexpr std::size_t MaxWaiting = 20'000;
 constexpr std::size_t PageSize = 1000;
 
 std::int64_t now() {
@@ -59,24 +60,29 @@ Result<std::unique_ptr<TransactionLog>> TransactionLog::open(Database& database,
     if (const auto registered = database.registerSchema("transactionLog", Schema); !registered) {
         return registered.error();
     }
-    return std::unique_ptr<TransactionLog>(new TransactionLog(database, mirror, capacity));
+    std::unique_ptr<TransactionLog> log(new TransactionLog(database, mirror, capacity));
+    if (!log->_writer.start()) {
+        return makeNoThreadError("the transaction log");
+    }
+    log->_writer.addOperation([&writing = *log] { writing._writeInBackground(); });
+    return log;
 }
-
-TransactionLog::TransactionLog(Database& database, LogFile* mirror, std::int64_t capacity)
-    : _database(database), _mirror(mirror), _capacity(capacity), _writer([this] { _writeInBackground(); }) {}
 
 TransactionLog::~TransactionLog() {
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         _stopped = true;
-        _changed.notify_one();
+        _changed.notifyOne();
     }
-    _writer.join();
-    (void)flush();
+    _writer.stop();
+    if (const auto written = flush(); !written && _mirror) {
+        _mirror->write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
+                       "the end of the transaction log is lost: " + errorText(written.error()));
+    }
 }
 
 void TransactionLog::initializeWithLog(const SystemLogPtr& log) noexcept {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _log = log;
 }
 
@@ -99,11 +105,11 @@ void TransactionLog::_append(TransactionRecord record) {
     const std::string text = record.text();
     const LogLevel level = record.success ? LogLevel::standard : LogLevel::error;
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         log = _log;
         _waiting.push_back(std::move(record));
         if (_waiting.size() == 1 || _waiting.size() == GatheredRecords) {
-            _changed.notify_one();
+            _changed.notifyOne();
         }
     }
     if (_mirror && log) {
@@ -112,39 +118,44 @@ void TransactionLog::_append(TransactionRecord record) {
 }
 
 Result<void> TransactionLog::flush() {
-    const std::lock_guard writing(_writing);
+    const Lock writing(_writing);
     std::vector<TransactionRecord> records;
     {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         records.swap(_waiting);
     }
     auto written = records.empty() ? Result<void>() : _write(records);
     if (!written) {
-        const std::lock_guard lock(_mutex);
+        const Lock lock(_mutex);
         std::move(_waiting.begin(), _waiting.end(), std::back_inserter(records));
         _waiting.swap(records);
-        if (_waiting.size() > MostWaiting) {
-            _waiting.erase(_waiting.begin(), _waiting.end() - static_cast<std::ptrdiff_t>(MostWaiting));
+        if (_waiting.size() > MaxWaiting) {
+            _waiting.erase(_waiting.begin(), _waiting.end() - static_cast<std::ptrdiff_t>(MaxWaiting));
         }
     }
     return written;
 }
 
 void TransactionLog::_writeInBackground() {
-    std::unique_lock lock(_mutex);
-    while (!_stopped) {
-        if (_waiting.empty()) {
-            _changed.wait(lock);
-            continue;
-        }
-        _changed.wait_for(lock, GatheringTime, [this] { return _stopped || _waiting.size() >= GatheredRecords; });
-        lock.unlock();
-        const bool isWritten = static_cast<bool>(flush());
-        lock.lock();
-        if (!isWritten) {
-            _changed.wait_for(lock, RetryTime, [this] { return _stopped; });
-        }
+    for (bool isWritten = true; _waitForRecords(isWritten);) {
+        isWritten = bool(flush());
     }
+}
+
+/// Waits until records have come together; after a failure for a while longer. False at the end of the log.
+bool TransactionLog::_waitForRecords(bool isWritten) {
+    using Clock = std::chrono::steady_clock;
+    const Lock lock(_mutex);
+    const auto retry = Clock::now() + RetryTime;
+    while (!isWritten && !_stopped && _changed.waitUntil(_mutex, retry)) {
+    }
+    while (!_stopped && _waiting.empty()) {
+        _changed.wait(_mutex);
+    }
+    const auto gathered = Clock::now() + GatheringTime;
+    while (!_stopped && _waiting.size() < GatheredRecords && _changed.waitUntil(_mutex, gathered)) {
+    }
+    return !_stopped;
 }
 
 Result<void> TransactionLog::_write(const std::vector<TransactionRecord>& records) {

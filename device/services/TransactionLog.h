@@ -1,17 +1,15 @@
 // The install transaction log in the database.
 #pragma once
 
+#include "concurrency/OperationQueue.h"
 #include "platform/TransactionLog.h"
 #include "values/Result.h"
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace appsync::device {
@@ -65,10 +63,12 @@ class TransactionLog final : public AITransactionLog {
     [[nodiscard]] Result<void> flush();
 
   private:
-    TransactionLog(Database& database, LogFile* mirror, std::int64_t capacity);
+    TransactionLog(Database& database, LogFile* mirror, std::int64_t capacity)
+        : _database(database), _mirror(mirror), _capacity(capacity) {}
 
-    void _append(TransactionRecord record);
+    void _append(TransactionRecord record) EXCLUDES(_mutex);
     void _writeInBackground();
+    [[nodiscard]] bool _waitForRecords(bool isWritten) EXCLUDES(_mutex);
     [[nodiscard]] Result<void> _write(const std::vector<TransactionRecord>& records);
     [[nodiscard]] Result<std::vector<TransactionRecord>> _page(std::int64_t after,
                                                                std::optional<std::string_view> bundleID);
@@ -76,13 +76,13 @@ class TransactionLog final : public AITransactionLog {
     Database& _database;
     LogFile* const _mirror;
     const std::int64_t _capacity;
-    std::mutex _writing; // held while records are on their way, so that they stay in order
-    std::mutex _mutex;   // guards everything below
-    std::condition_variable _changed;
-    SystemLogPtr _log;
-    std::vector<TransactionRecord> _waiting;
-    bool _stopped = false;
-    std::thread _writer;
+    Mutex _writing; // held while records are on their way, so that they stay in order
+    Mutex _mutex;
+    Condition _changed;
+    SystemLogPtr _log GUARDED_BY(_mutex);
+    std::vector<TransactionRecord> _waiting GUARDED_BY(_mutex);
+    bool _stopped GUARDED_BY(_mutex) = false;
+    OperationQueue _writer{1};
 };
 
 } // namespace appsync::device

@@ -131,12 +131,12 @@ void readIconState(ListReader& lists, BackupContent& content) {
     auto list = lists.read(IconStateName);
     std::string problem = list ? "" : errorText(list.error());
     if (list) {
-        std::string reason;
-        if (device::IconLayout::fromPropertyList(*list, reason)) {
+        const auto layout = device::IconLayout::fromPropertyList(*list);
+        if (layout) {
             content.iconState = std::move(*list);
             return;
         }
-        problem = "'" + lists.pathOf(IconStateName) + "' is no icon layout: " + reason + ".";
+        problem = "'" + lists.pathOf(IconStateName) + "' is no icon layout: " + errorText(layout.error()) + ".";
     }
     content.problems.push_back(problem + " The icons are not arranged.");
 }

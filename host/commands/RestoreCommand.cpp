@@ -88,9 +88,10 @@ class Restore {
     }
 
     void _arrangeIcons() {
-        std::string problem; // of what is no layout, which the reading of the backup has told
-        auto layout =
-            _content.iconState ? device::IconLayout::fromPropertyList(*_content.iconState, problem) : std::nullopt;
+        if (!_content.iconState) {
+            return; // none that is a layout, which the reading of the backup has told
+        }
+        auto layout = device::IconLayout::fromPropertyList(*_content.iconState);
         if (!layout) {
             return;
         }

@@ -61,11 +61,11 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
         report.failure = hostError("The plug-in '" + plugIn->identifier() + "' did not start.");
         return report;
     }
-    device.notificationCenter().post(device::StartupCompleteName);
+    device.notificationCenter().post(StartupCompleteName);
     device.notificationCenter().waitUntilDelivered();
     // After the plug-in's own connection, which gets the reports that waited for one.
     const auto observer = devicePlatform.installObservers.initWithMachServiceName_forClients_delegate(
-        device::ObserverServiceName, {KXClientSyncHost}, &outcomes);
+        ObserverServiceName, {KXClientSyncHost}, &outcomes);
     // What ended while no plug-in ran is told to it before it opens the sync, since it notes that in its work files.
     device.coordinator().waitUntilIdle();
     PersonOnDevice person(device, deviceService, workspace, busyApps, outcomes);

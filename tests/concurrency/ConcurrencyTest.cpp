@@ -1,14 +1,16 @@
 // The small concurrency pieces.
+#include "concurrency/CallGate.h"
 #include "concurrency/Group.h"
 #include "concurrency/OperationQueue.h"
 #include "concurrency/Semaphore.h"
 #include "concurrency/SerialQueue.h"
+#include "tests/concurrency/NoMoreThreads.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <latch>
 #include <memory>
 #include <system_error>
@@ -175,29 +177,6 @@ TEST(OperationQueue, StoppingWaitsForTheRunningAndDropsTheRest) {
     EXPECT_FALSE(queue.addOperation([] {}));
 }
 
-/// From now on the system has no thread to give, until the object goes.
-class NoMoreThreads {
-  public:
-    NoMoreThreads() {
-        pthread_attr_init(&_usual);
-        pthread_getattr_default_np(&_usual);
-        pthread_attr_t huge;
-        pthread_attr_init(&huge);
-        pthread_attr_setstacksize(&huge, std::size_t{1} << 46); // more than can be reserved
-        EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
-        pthread_attr_destroy(&huge);
-    }
-    ~NoMoreThreads() {
-        pthread_setattr_default_np(&_usual);
-        pthread_attr_destroy(&_usual);
-    }
-    NoMoreThreads(const NoMoreThreads&) = delete;
-    NoMoreThreads& operator=(const NoMoreThreads&) = delete;
-
-  private:
-    pthread_attr_t _usual{};
-};
-
 TEST(OperationQueue, TakesNoOperationWhereNoThreadCanBeStarted) {
     OperationQueue queue(2);
     bool hasRun = false;
@@ -233,6 +212,99 @@ TEST(OperationQueue, LeavesAnOperationToTheThreadsThatItHasWhereNoFurtherOneCanB
     EXPECT_TRUE(queue.addOperation([&] { done.signal(); }));
     goOn.signal();
     EXPECT_TRUE(done.wait(std::chrono::minutes(1)));
+}
+
+TEST(OperationQueue, HasAThreadForEveryOperationOnceItWasStarted) {
+    OperationQueue queue(2, WithoutThread::runsAtOnce);
+    ASSERT_TRUE(queue.start());
+    const NoMoreThreads noMore;
+    EXPECT_TRUE(queue.start()) << "there is one already";
+    std::thread::id runner;
+    Semaphore done;
+    queue.addOperation([&] {
+        runner = std::this_thread::get_id();
+        done.signal();
+    });
+    done.wait();
+    EXPECT_NE(runner, std::this_thread::get_id());
+}
+
+TEST(OperationQueue, IsNotStartedWhereNoThreadCanBe) {
+    OperationQueue queue(2);
+    const NoMoreThreads noMore;
+    EXPECT_FALSE(queue.start());
+}
+
+TEST(CallGate, PassesCallsUntilItIsClosed) {
+    CallGate gate;
+    int calls = 0;
+    EXPECT_TRUE(gate.pass([&] { ++calls; }));
+    EXPECT_TRUE(gate.pass([&] { ++calls; }));
+    gate.close();
+    EXPECT_FALSE(gate.pass([&] { ++calls; }));
+    gate.close();
+    EXPECT_EQ(calls, 2);
+}
+
+/// A call on a thread of its own, which ends when somebody has closed the gate.
+class RunningCall {
+  public:
+    explicit RunningCall(CallGate& gate)
+        : _thread([&gate, this] {
+              gate.pass([&] {
+                  _begun.signal();
+                  while (gate.pass([] {})) {
+                      std::this_thread::yield();
+                  }
+                  mayEnd.wait();
+                  hasEnded = true;
+              });
+          }) {
+        _begun.wait();
+    }
+    Semaphore mayEnd;
+    std::atomic<bool> hasEnded = false;
+
+  private:
+    Semaphore _begun;
+    std::jthread _thread;
+};
+
+TEST(CallGate, ClosingWaitsForTheRunningCall) {
+    CallGate gate;
+    RunningCall call(gate);
+    call.mayEnd.signal();
+    gate.close();
+    EXPECT_TRUE(call.hasEnded);
+}
+
+TEST(CallGate, EveryoneWhoClosesWaits) {
+    CallGate gate;
+    RunningCall call(gate);
+    std::jthread first([&] { gate.close(); });
+    std::jthread second([&] {
+        gate.close();
+        EXPECT_TRUE(call.hasEnded);
+    });
+    call.mayEnd.signal();
+}
+
+TEST(CallGate, ACallMayCloseItsOwnGate) {
+    CallGate gate;
+    gate.pass([&] { gate.close(); });
+    EXPECT_FALSE(gate.pass([] {}));
+}
+
+TEST(CallGate, ACallMayPassAgainFromWithinItself) {
+    CallGate gate;
+    int depth = 0;
+    gate.pass([&] {
+        ++depth;
+        EXPECT_TRUE(gate.pass([&] { ++depth; }));
+        gate.close();
+        EXPECT_FALSE(gate.pass([&] { ++depth; }));
+    });
+    EXPECT_EQ(depth, 2);
 }
 
 } // namespace

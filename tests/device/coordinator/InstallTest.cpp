@@ -1,10 +1,24 @@
 // How coordinators install: placeholder, app, reports, and what is left afterwards.
 #include "archive/InstallerError.h"
+#include "tests/concurrency/NoMoreThreads.h"
 #include "tests/device/coordinator/CoordinatorTest.h"
 #include "tests/device/root/Faults.h"
 
 namespace appsync::device {
 namespace {
+
+TEST_F(CoordinatorTest, InstallsAlsoWhereTheSystemHasNoFurtherThreadForIt) {
+    const NoMoreThreads noMore;
+    install(A);
+}
+
+TEST_F(CoordinatorTest, SaysThatTheSystemHasNoThreadForIt) {
+    connection.reset();
+    coordinator.reset();
+    const NoMoreThreads noMore;
+    const auto opened = InstallCoordinator::open({device.files(), *registry, *device.database, propertyLists}, true);
+    EXPECT_TRUE(isError(opened.error(), PosixErrorDomain, EAGAIN));
+}
 
 TEST_F(CoordinatorTest, InstallsThePlaceholderOnceItIsAttachedAndConfigured) {
     const auto app = prepare(A);

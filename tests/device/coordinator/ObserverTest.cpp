@@ -72,13 +72,13 @@ TEST_F(InstallObserversTest, ReportsWithoutAConnectionWaitForTheNext) {
 }
 
 TEST_F(InstallObserversTest, OfTooManyWaitingReportsTheOldestGo) {
-    for (std::uint64_t i = 0; i < MostHeldReports + 10; ++i) {
+    for (std::uint64_t i = 0; i < MaxHeldReports + 10; ++i) {
         report(3, i);
     }
     undelivered.wait();
     const auto one = connect(first);
     undelivered.wait();
-    ASSERT_EQ(first.lines().size(), MostHeldReports);
+    ASSERT_EQ(first.lines().size(), MaxHeldReports);
     EXPECT_EQ(first.lines().front(), "promise 10");
 }
 

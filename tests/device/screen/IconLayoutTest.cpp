@@ -7,16 +7,15 @@ namespace appsync::device {
 namespace {
 
 IconLayout read(const Value& root) {
-    std::string problem;
-    const auto layout = IconLayout::fromPropertyList(root, problem);
-    EXPECT_TRUE(layout) << problem;
-    return layout.value_or(IconLayout{});
+    const auto layout = IconLayout::fromPropertyList(root);
+    EXPECT_TRUE(layout) << errorText(layout.error());
+    return layout ? *layout : IconLayout{};
 }
 
 std::string problemOf(const Value& root) {
-    std::string problem;
-    EXPECT_FALSE(IconLayout::fromPropertyList(root, problem));
-    return problem;
+    const auto layout = IconLayout::fromPropertyList(root);
+    EXPECT_FALSE(layout);
+    return errorText(layout.error());
 }
 
 template <class... Pages> Value folder(const std::string& name, Pages... pages) {

@@ -18,6 +18,7 @@
 #include "platform/Scheduler.h"
 #include "platform/Store.h"
 #include "platform/SyncHost.h"
+#include "tests/concurrency/NoMoreThreads.h"
 #include "tests/device/archive/ArchiveBuilder.h"
 #include "tests/device/root/Faults.h"
 #include "tests/device/root/TemporaryFolder.h"
@@ -136,6 +137,18 @@ TEST_F(DeviceTest, AFolderThatIsNoDeviceIsNotOpened) {
 TEST_F(DeviceTest, IsOpenOnceAtATime) {
     create();
     EXPECT_TRUE(isError(Device::open(folder.path()).error(), RootErrorDomain, RootError::inUse));
+}
+
+TEST_F(DeviceTest, SaysThatTheSystemHasNoThreadForIt) {
+    create();
+    device.reset();
+    {
+        const NoMoreThreads noMore;
+        const auto opened = Device::open(folder.path());
+        ASSERT_TRUE(isError(opened.error(), PosixErrorDomain, EAGAIN));
+        EXPECT_NE(errorText(opened.error()).find("no thread can be started for"), std::string::npos);
+    }
+    reopen();
 }
 
 TEST_F(DeviceTest, AMakingThatWasInterruptedIsSaidAndCanBeDoneAgain) {

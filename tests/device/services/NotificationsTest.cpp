@@ -1,6 +1,7 @@
 #include "device/services/Notifications.h"
 
 #include "concurrency/Semaphore.h"
+#include "tests/concurrency/NoMoreThreads.h"
 
 #include <gtest/gtest.h>
 
@@ -200,6 +201,15 @@ TEST(DeviceNotificationCenter, AnObserverMayRemoveItselfInItsCall) {
     center.post("a");
     center.waitUntilDelivered();
     EXPECT_EQ(observer.heard.size(), 1U);
+}
+
+TEST(DeviceNotificationCenter, DeliversAtOnceWhereTheSystemHasNoThreadForIt) {
+    const NoMoreThreads noMore;
+    DeviceNotificationCenter center;
+    Observer observer;
+    center.addObserver(&observer, note, "a", nullptr, Drop);
+    center.post("a");
+    EXPECT_EQ(observer.heard, Names{"a"});
 }
 
 } // namespace

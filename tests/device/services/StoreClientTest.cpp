@@ -3,6 +3,7 @@
 #include "concurrency/Semaphore.h"
 #include "device/registry/Registry.h"
 #include "propertylist/Codec.h"
+#include "tests/concurrency/NoMoreThreads.h"
 #include "tests/device/archive/ArchiveBuilder.h"
 #include "tests/device/services/OpenRoot.h"
 
@@ -96,6 +97,14 @@ TEST_F(StoreClientTest, ALibraryRefreshesOnTheClientsThreadAlsoWhenItIsDropped) 
     EXPECT_EQ(outcome, nullptr);
     EXPECT_NE(thread, std::this_thread::get_id());
     EXPECT_TRUE(device.files().fileExists(receiptPath(A)));
+}
+
+TEST_F(StoreClientTest, ALibraryRefreshesAtOnceWhereTheSystemHasNoThreadForIt) {
+    install(A, "1.0");
+    const NoMoreThreads noMore;
+    bool isCompleted = false;
+    store.init()->refreshReceiptsWithCompletionBlock([&](const ErrorPtr& error) { isCompleted = !error; });
+    EXPECT_TRUE(isCompleted);
 }
 
 TEST_F(StoreClientTest, TheEndWaitsForEveryCompletion) {

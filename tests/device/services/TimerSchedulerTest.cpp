@@ -1,6 +1,7 @@
 #include "device/services/TimerScheduler.h"
 
 #include "concurrency/Semaphore.h"
+#include "tests/concurrency/NoMoreThreads.h"
 
 #include <gtest/gtest.h>
 
@@ -15,6 +16,7 @@ using Clock = std::chrono::steady_clock;
 
 TEST(TimerScheduler, RunsATaskNotBeforeItsDelayHasPassed) {
     TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
     Semaphore ran;
     Clock::time_point time;
     const auto asked = Clock::now();
@@ -28,6 +30,7 @@ TEST(TimerScheduler, RunsATaskNotBeforeItsDelayHasPassed) {
 
 TEST(TimerScheduler, RunsATaskWhoseHandleWasDropped) {
     TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
     Semaphore ran;
     (void)scheduler.runAfter(0ms, [&] { ran.signal(); });
     ran.wait();
@@ -35,6 +38,7 @@ TEST(TimerScheduler, RunsATaskWhoseHandleWasDropped) {
 
 TEST(TimerScheduler, RunsTheTaskThatIsDueFirstFirst) {
     TimerScheduler scheduler(1);
+    ASSERT_TRUE(scheduler.start());
     Semaphore ran;
     std::string order;
     (void)scheduler.runAfter(60ms, [&] {
@@ -52,6 +56,7 @@ TEST(TimerScheduler, RunsTheTaskThatIsDueFirstFirst) {
 
 TEST(TimerScheduler, RunsSeveralTasksAtOnce) {
     TimerScheduler scheduler(3);
+    ASSERT_TRUE(scheduler.start());
     std::latch together(3); // passed only when all three are inside
     Semaphore ran;
     for (int i = 0; i < 3; ++i) {
@@ -69,6 +74,7 @@ TEST(TimerScheduler, TakesBackATaskThatWaits) {
     std::atomic<int> runs = 0;
     {
         TimerScheduler scheduler;
+        ASSERT_TRUE(scheduler.start());
         const auto task = scheduler.runAfter(24h, [&] { ++runs; });
         EXPECT_TRUE(task->cancel());
         EXPECT_TRUE(task->cancel()) << "a second time it is still true that the task never runs";
@@ -78,6 +84,7 @@ TEST(TimerScheduler, TakesBackATaskThatWaits) {
 
 TEST(TimerScheduler, TakesBackATaskThatIsDueButHasNoFreeWorker) {
     TimerScheduler scheduler(1);
+    ASSERT_TRUE(scheduler.start());
     Semaphore started;
     Semaphore proceed;
     (void)scheduler.runAfter(0ms, [&] {
@@ -97,6 +104,7 @@ TEST(TimerScheduler, TakesBackATaskThatIsDueButHasNoFreeWorker) {
 
 TEST(TimerScheduler, CancelWaitsForARunningTaskAndAnswersFalse) {
     TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
     Semaphore started;
     Semaphore cancelling;
     std::atomic<bool> ended = false;
@@ -114,6 +122,7 @@ TEST(TimerScheduler, CancelWaitsForARunningTaskAndAnswersFalse) {
 
 TEST(TimerScheduler, CancelAnswersFalseAfterTheTaskHasRun) {
     TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
     Semaphore ran;
     const auto task = scheduler.runAfter(0ms, [&] { ran.signal(); });
     ran.wait();
@@ -122,6 +131,7 @@ TEST(TimerScheduler, CancelAnswersFalseAfterTheTaskHasRun) {
 
 TEST(TimerScheduler, ATaskMayCancelItself) {
     TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
     Semaphore handed;
     Semaphore ran;
     std::shared_ptr<ScheduledTask> task;
@@ -138,6 +148,7 @@ TEST(TimerScheduler, ATaskMayCancelItself) {
 
 TEST(TimerScheduler, WhatATaskHoldsIsGoneOnceItWasCancelled) {
     TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
     auto held = std::make_shared<int>(1);
     const std::weak_ptr<int> watch = held;
     const auto task = scheduler.runAfter(24h, [held = std::move(held)] {});
@@ -153,6 +164,7 @@ TEST(TimerScheduler, TheEndDropsWhatWaitsAndWaitsForWhatRuns) {
     Semaphore started;
     {
         TimerScheduler scheduler;
+        ASSERT_TRUE(scheduler.start());
         waiting = scheduler.runAfter(24h, [&] { ++dropped; });
         (void)scheduler.runAfter(0ms, [&] {
             started.signal();
@@ -167,6 +179,7 @@ TEST(TimerScheduler, TheEndDropsWhatWaitsAndWaitsForWhatRuns) {
 
 TEST(TimerScheduler, AcceptsDelaysThatTheClockCannotHold) {
     TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
     Semaphore ran;
     const auto never = scheduler.runAfter(std::chrono::milliseconds::max(), [] {});
     (void)scheduler.runAfter(std::chrono::milliseconds::min(), [&] { ran.signal(); });
@@ -180,6 +193,7 @@ TEST(TimerScheduler, RunsEachOfManyTasksOnceWhileOthersAreCancelled) {
     constexpr int count = 500;
     Semaphore ran;
     TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
     std::vector<std::shared_ptr<ScheduledTask>> tasks;
     for (int i = 0; i < count; ++i) {
         tasks.push_back(scheduler.runAfter(std::chrono::milliseconds(i % 5), [&] {
@@ -194,6 +208,23 @@ TEST(TimerScheduler, RunsEachOfManyTasksOnceWhileOthersAreCancelled) {
         ran.wait();
     }
     EXPECT_EQ(runs + taken, count);
+}
+
+TEST(TimerScheduler, RunsATaskAlsoWhereTheSystemHasNoFurtherThreadForIt) {
+    TimerScheduler scheduler;
+    ASSERT_TRUE(scheduler.start());
+    const NoMoreThreads noMore;
+    Semaphore ran;
+    (void)scheduler.runAfter(0ms, [&] { ran.signal(); });
+    ran.wait();
+}
+
+TEST(TimerScheduler, SaysThatTheSystemHasNoThreadForIt) {
+    TimerScheduler scheduler;
+    const NoMoreThreads noMore;
+    const auto started = scheduler.start();
+    EXPECT_TRUE(isError(started.error(), PosixErrorDomain, EAGAIN));
+    EXPECT_NE(errorText(started.error()).find("the scheduler"), std::string::npos) << errorText(started.error());
 }
 
 } // namespace
