@@ -3,6 +3,7 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/database/Database.h"
 #include "device/drawing/CairoImage.h"
+#include "device/log/TransactionLog.h"
 #include "device/processes/ProcessTable.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "device/registry/UninstalledList.h"
@@ -16,7 +17,6 @@
 #include "device/services/Notifications.h"
 #include "device/services/StoreClient.h"
 #include "device/services/TimerScheduler.h"
-#include "device/services/TransactionLog.h"
 #include "platform/Platform.h"
 #include "propertylist/Codec.h"
 

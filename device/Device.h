@@ -6,8 +6,8 @@
 //
 //   root            the folder, its lock, its files              device/root/Root.h
 //   database        what the services remember                   device/database/Database.h
-//   log             the sync host's log                          device/services/LogFile.h
-//   transactionLog  what was begun and ended for which app       device/services/TransactionLog.h
+//   log             the sync host's log                          device/log/LogFile.h
+//   transactionLog  what was begun and ended for which app       device/log/TransactionLog.h
 //   registry        apps, placeholders, installs under way       device/registry/Registry.h
 //   uninstalledList what a person has removed                    device/registry/UninstalledList.h
 //   coordinator     installs through coordinators and promises   device/coordinator/InstallCoordinator.h
@@ -22,9 +22,9 @@
 //   scheduler       work for later                               device/services/TimerScheduler.h
 #pragma once
 
+#include "device/log/LogFile.h"
 #include "device/registry/Registry.h"
 #include "device/root/Root.h"
-#include "device/services/LogFile.h"
 
 #include <sys/types.h>
 

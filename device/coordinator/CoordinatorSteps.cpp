@@ -99,7 +99,7 @@ Result<void> CoordinatorEngine::_restoreUserData(const CoordinatorState& state) 
     return _services.userData->restore(state.bundleID);
 }
 
-/// How much of the app's file has arrived. Nothing shows as long as the app has no placeholder.
+/// Shows how much of the app's file has arrived; does nothing as long as the app has no placeholder.
 void CoordinatorEngine::_showTransfer(const CoordinatorState& state, double fraction) {
     if (state.kind == CoordinatorKind::restoringDemoted) {
         return;

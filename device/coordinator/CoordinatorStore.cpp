@@ -50,12 +50,12 @@ Result<void> CoordinatorStore::registerSchema() {
     return _database.registerSchema("coordinator", Schema);
 }
 
-Result<std::vector<CoordinatorStatePtr>> CoordinatorStore::load(std::uint64_t& lastPromise, std::size_t mostReports) {
+Result<std::vector<CoordinatorStatePtr>> CoordinatorStore::load(std::uint64_t& lastPromise, std::size_t maxReports) {
     std::vector<CoordinatorStatePtr> coordinators;
     Database::Transaction transaction(_database);
     transaction.run("DELETE FROM coordinator WHERE ending = ?1 AND id NOT IN"
                     " (SELECT id FROM coordinator WHERE ending = ?1 ORDER BY id DESC LIMIT ?2)",
-                    static_cast<int>(CoordinatorEnd::reporting), mostReports);
+                    static_cast<int>(CoordinatorEnd::reporting), maxReports);
     auto rows = transaction.query("SELECT id, bundle, kind, creator, hasOptions, installType, targetType, metadata,"
                                   " sinf, hasODR, responsible, placeholderInstalled, ending, error,"
                                   " cancelledBy FROM coordinator ORDER BY id");

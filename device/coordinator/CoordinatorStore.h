@@ -21,8 +21,8 @@ class CoordinatorStore {
 
     [[nodiscard]] Result<void> registerSchema();
     /// All coordinators in the order in which they were made, and in `lastPromise` the highest number of a promise. Of
-    /// those that only wait for their report, the newest `mostReports`.
-    [[nodiscard]] Result<std::vector<CoordinatorStatePtr>> load(std::uint64_t& lastPromise, std::size_t mostReports);
+    /// those that only wait for their report, the newest `maxReports`.
+    [[nodiscard]] Result<std::vector<CoordinatorStatePtr>> load(std::uint64_t& lastPromise, std::size_t maxReports);
 
     /// Adds a coordinator and sets its `id`.
     [[nodiscard]] Result<void> insert(CoordinatorState& coordinator);

@@ -10,10 +10,20 @@ namespace appsync::device {
 
 namespace {
 
-/// The lookups of one kind of coordinator.
-template <class Coordinator, CoordinatorKind Kind> class KindClass final : public KXCoordinatorClass<Coordinator> {
+/// A service that the engine does the work of.
+template <class Interface> class OnEngine : public Interface {
   public:
-    explicit KindClass(CoordinatorEngine& engine) : _engine(engine) {}
+    explicit OnEngine(CoordinatorEngine& engine) : _engine(engine) {}
+
+  protected:
+    CoordinatorEngine& _engine;
+};
+
+/// The lookups of one kind of coordinator.
+template <class Coordinator, CoordinatorKind Kind>
+class KindClass final : public OnEngine<KXCoordinatorClass<Coordinator>> {
+  public:
+    using OnEngine<KXCoordinatorClass<Coordinator>>::OnEngine;
 
     std::shared_ptr<Coordinator> coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
         std::string_view bundleID, KXClientIdentifier client, bool createIfNotExisting, bool* created,
@@ -21,29 +31,26 @@ template <class Coordinator, CoordinatorKind Kind> class KindClass final : publi
         bool isNew = false;
         CoordinatorStatePtr state;
         if (createIfNotExisting) {
-            auto found = _engine.findOrCreate(bundleID, Kind, client, isNew);
+            auto found = this->_engine.findOrCreate(bundleID, Kind, client, isNew);
             if (!hasSucceeded(found, error)) {
                 return nullptr;
             }
             state = *found;
         } else {
-            state = _engine.find(bundleID);
+            state = this->_engine.find(bundleID);
         }
         if (created) {
             *created = isNew;
         }
         return state && state->kind == Kind
-                   ? std::static_pointer_cast<Coordinator>(makeCoordinatorHandle(_engine, state))
+                   ? std::static_pointer_cast<Coordinator>(makeCoordinatorHandle(this->_engine, state))
                    : nullptr;
     }
-
-  private:
-    CoordinatorEngine& _engine;
 };
 
-class BaseClass final : public KXAppInstallCoordinatorClass {
+class BaseClass final : public OnEngine<KXAppInstallCoordinatorClass> {
   public:
-    BaseClass(CoordinatorEngine& engine, bool isEnabled) : _engine(engine), _isEnabled(isEnabled) {}
+    BaseClass(CoordinatorEngine& engine, bool isEnabled) : OnEngine(engine), _isEnabled(isEnabled) {}
 
     KXAppInstallCoordinatorPtr coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
         std::string_view bundleID, KXClientIdentifier /*client*/, bool createIfNotExisting, bool* created,
@@ -80,13 +87,12 @@ class BaseClass final : public KXAppInstallCoordinatorClass {
     }
 
   private:
-    CoordinatorEngine& _engine;
     const bool _isEnabled;
 };
 
-class PlaceholderFactory final : public KXPlaceholderClass {
+class PlaceholderFactory final : public OnEngine<KXPlaceholderClass> {
   public:
-    explicit PlaceholderFactory(CoordinatorEngine& engine) : _engine(engine) {}
+    using OnEngine::OnEngine;
 
     KXPlaceholderPtr
     initAppPlaceholderWithBundleName_bundleID_installType_client(std::string_view bundleName, std::string_view bundleID,
@@ -101,14 +107,11 @@ class PlaceholderFactory final : public KXPlaceholderClass {
         placeholder->installType = installType;
         return makePlaceholderHandle(_engine, placeholder);
     }
-
-  private:
-    CoordinatorEngine& _engine;
 };
 
-class TransferFactory final : public KXPromisedTransferToPathClass {
+class TransferFactory final : public OnEngine<KXPromisedTransferToPathClass> {
   public:
-    explicit TransferFactory(CoordinatorEngine& engine) : _engine(engine) {}
+    using OnEngine::OnEngine;
 
     KXPromisedTransferToPathPtr
     initWithName_client_transferPath_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
@@ -121,23 +124,17 @@ class TransferFactory final : public KXPromisedTransferToPathClass {
                                                                     std::uint64_t diskSpaceNeeded) noexcept override {
         return makeTransferPromiseHandle(_engine, _engine.makePromise(name, client, diskSpaceNeeded, std::nullopt));
     }
-
-  private:
-    CoordinatorEngine& _engine;
 };
 
-class OutOfBandFactory final : public KXPromisedOutOfBandTransferClass {
+class OutOfBandFactory final : public OnEngine<KXPromisedOutOfBandTransferClass> {
   public:
-    explicit OutOfBandFactory(CoordinatorEngine& engine) : _engine(engine) {}
+    using OnEngine::OnEngine;
 
     KXPromisedOutOfBandTransferPtr
     initWithName_client_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
                                         std::uint64_t diskSpaceNeeded) noexcept override {
         return makeOutOfBandPromiseHandle(_engine, _engine.makePromise(name, client, diskSpaceNeeded, std::nullopt));
     }
-
-  private:
-    CoordinatorEngine& _engine;
 };
 
 } // namespace

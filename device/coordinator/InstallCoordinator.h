@@ -99,7 +99,7 @@ class InstallCoordinator {
     InstallCoordinator& operator=(const InstallCoordinator&) = delete;
 
     /// Begins to install. Coordinators of earlier processes go on; one whose file or placeholder has disappeared is
-    /// settled with an error. Nothing is installed before.
+    /// settled with an error. No install begins before.
     void resume();
     [[nodiscard]] CoordinatorClasses classes() noexcept;
 

@@ -3,6 +3,7 @@
 #include "device/root/PosixError.h"
 
 #include <algorithm>
+#include <cassert>
 #include <iterator>
 
 namespace appsync::device {
@@ -20,6 +21,8 @@ class InstallObservers::Connection final : public KXAppInstallObserver {
 
 InstallObservers::~InstallObservers() {
     stop();
+    const Lock lock(_mutex);
+    assert(_followers.empty());
 }
 
 Result<void> InstallObservers::start() {

@@ -43,7 +43,7 @@ class InstallObservers final : public KXAppInstallObserverClass {
                 std::function<void()> delivered = {});
     /// Runs something else on the service's thread, after the reports made so far.
     void run(std::function<void()> task);
-    /// Waits for a running call and drops the rest; nothing is delivered afterwards.
+    /// Waits for a running call and drops the rest; no report is delivered afterwards.
     void stop();
 
   private:

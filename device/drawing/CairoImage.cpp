@@ -28,7 +28,7 @@ bool isSizeAllowed(std::string_view header) {
     }
     const std::uint32_t width = bigEndian(header);
     const std::uint32_t height = bigEndian(header.substr(4));
-    return width >= 1 && height >= 1 && width <= LongestPictureSide && height <= LongestPictureSide;
+    return width >= 1 && height >= 1 && width <= MaxPictureSide && height <= MaxPictureSide;
 }
 
 /// The chunks that say what the picture looks like. The decoder never sees the others: compressed texts and profiles,

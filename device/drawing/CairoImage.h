@@ -21,13 +21,13 @@ using CairoSurface = std::unique_ptr<cairo_surface_t, CairoRelease>;
 using CairoPattern = std::unique_ptr<cairo_pattern_t, CairoRelease>;
 
 /// The longest side, in pixels, that a picture read from a file may have.
-inline constexpr std::uint32_t LongestPictureSide = 2048;
+inline constexpr std::uint32_t MaxPictureSide = 2048;
 
-/// The picture in the bytes of a PNG, which are untrusted: memory is bounded by `LongestPictureSide` and the size of
+/// The picture in the bytes of a PNG, which are untrusted: memory is bounded by `MaxPictureSide` and the size of
 /// the bytes. Null when they hold none, are cut short or the picture is too large.
 [[nodiscard]] CairoSurface surfaceFromPNG(std::string_view bytes);
 
-/// The bytes of a PNG; nothing when the surface is in an error state or was not made with `makeSurface`.
+/// The bytes of a PNG; nullopt when the surface is in an error state or was not made with `makeSurface`.
 [[nodiscard]] std::optional<Data> pngFromSurface(cairo_surface_t* surface);
 
 /// A transparent surface of so many pixels.

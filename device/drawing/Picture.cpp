@@ -41,7 +41,7 @@ Point middleOf(std::size_t place) {
 std::vector<ScreenPage> screensOf(const ScreenContents& contents) {
     std::vector<ScreenPage> screens;
     for (const ScreenPage& page : contents.pages) {
-        for (std::size_t first = 0; first < page.size() && screens.size() < MostScreens; first += PlacesPerScreen) {
+        for (std::size_t first = 0; first < page.size() && screens.size() < MaxScreens; first += PlacesPerScreen) {
             const auto begin = page.begin() + static_cast<std::ptrdiff_t>(first);
             const auto count = std::min(PlacesPerScreen, page.size() - first);
             screens.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(count));

@@ -38,9 +38,9 @@ inline constexpr int ScreenHeight = 1334;
 inline constexpr int ScreenGap = 40;
 inline constexpr std::size_t PlacesPerScreen = 24;
 /// Screens beyond these are left out, so that the picture stays within what viewers open.
-inline constexpr std::size_t MostScreens = 12;
+inline constexpr std::size_t MaxScreens = 12;
 
-/// The picture as a PNG; nothing when memory does not suffice. A page with more places than fit goes on on the next
+/// The picture as a PNG; nullopt when memory does not suffice. A page with more places than fit goes on on the next
 /// screen. Names are untrusted: what is no UTF-8 shows as a replacement character.
 [[nodiscard]] std::optional<Data> drawHomeScreen(const ScreenContents& contents);
 

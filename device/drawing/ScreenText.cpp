@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::string_view Ellipsis = "\xE2\x80\xA6";
 /// No name that fits on a screen has more characters.
-constexpr std::size_t LongestName = 80;
+constexpr std::size_t MaxNameLength = 80;
 
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80;
@@ -47,7 +47,7 @@ std::string firstLetter(std::string_view text) {
 }
 
 std::string shortened(cairo_t* context, std::string_view text, double width) {
-    std::string whole = printable(text, LongestName);
+    std::string whole = printable(text, MaxNameLength);
     if (widthOf(context, whole) <= width) {
         return whole;
     }

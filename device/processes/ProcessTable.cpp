@@ -53,9 +53,9 @@ bool isLocked(int record) {
 }
 
 /// Waits until no process holds the record any more. The system's own wait for a lock knows no time-out.
-bool waitUntilFree(int record, std::chrono::milliseconds longest) {
+bool waitUntilFree(int record, std::chrono::milliseconds maxWait) {
     constexpr timespec pause{0, 2'000'000};
-    for (const auto deadline = Clock::now() + longest; isLocked(record);) {
+    for (const auto deadline = Clock::now() + maxWait; isLocked(record);) {
         if (Clock::now() >= deadline) {
             return false;
         }
@@ -152,10 +152,10 @@ Descriptor ProcessTable::_openRecord(std::string_view identifier, int flags) {
 
 /// Ends the processes whose group the record names. True when none is left.
 bool ProcessTable::_end(int record) const {
-    constexpr std::size_t longestNumber = 20;
+    constexpr std::size_t maxDigits = 20;
     std::string text;
     pid_t group = 0;
-    if (::lseek(record, 0, SEEK_SET) != 0 || readAll(record, longestNumber, text) != 0) {
+    if (::lseek(record, 0, SEEK_SET) != 0 || readAll(record, maxDigits, text) != 0) {
         return false;
     }
     std::from_chars(text.data(), text.data() + text.size(), group);

@@ -52,7 +52,7 @@ std::shared_ptr<Image> DeviceIconRenderer::YKCreateDeviceAppropriateHomeScreenIc
 
 std::shared_ptr<Image> DeviceIconRenderer::iconFromFile(const std::string& path) noexcept {
     const auto information = _files.attributesOfItem(path, nullptr);
-    if (!information || information->size > LargestIconFile) {
+    if (!information || information->size > MaxIconFileSize) {
         return nullptr;
     }
     const auto bytes = _files.readFile(path, nullptr);

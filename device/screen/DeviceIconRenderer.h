@@ -14,7 +14,7 @@ inline constexpr int IconSide = 120;
 /// The radius of its corners as a part of its side.
 inline constexpr double IconCorner = 0.225;
 /// A larger icon file, in bytes, is not looked at.
-inline constexpr std::uint64_t LargestIconFile = 8U << 20;
+inline constexpr std::uint64_t MaxIconFileSize = 8U << 20;
 
 class DeviceIconRenderer final : public IconRenderer {
   public:

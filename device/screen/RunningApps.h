@@ -17,7 +17,7 @@ class RunningApps {
     virtual ~RunningApps() = default;
     /// Ends an app and keeps it from being started. Waits while it ends. Holds add up.
     [[nodiscard]] virtual Answer endAndHold(std::string_view bundleIdentifier) noexcept = 0;
-    /// Undoes one `endAndHold` that was answered with `ended`.
+    /// Undoes one `endAndHold` that returned `ended`.
     virtual void letGo(std::string_view bundleIdentifier) noexcept = 0;
 };
 

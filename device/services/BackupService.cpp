@@ -10,8 +10,6 @@
 
 #include <fcntl.h>
 
-#include <map>
-
 namespace appsync::device {
 
 namespace {
@@ -91,22 +89,35 @@ bool BackupService::_isGone(const std::string& path) {
     return !_files.attributesOfItem(path, &error) && (error->code() == ENOENT || error->code() == ENOTDIR);
 }
 
-/// Ends restores whose folders may have begun to move; one that cannot be ended now waits on.
-Result<void> BackupService::_settle() {
-    std::map<std::string, std::string> moving;
+/// What waits for one app, or for all in the order of their identifiers.
+Result<std::vector<BackupService::Waiting>> BackupService::_waiting(std::optional<std::string_view> bundleID) {
+    std::vector<Waiting> waiting;
+    Database::Transaction transaction(_database);
     {
-        Database::Transaction transaction(_database);
-        auto rows = transaction.query("SELECT bundle, folder FROM restoreData WHERE isMoving");
+        auto rows = transaction.query("SELECT bundle, size, folder, isMoving FROM restoreData"
+                                      " WHERE ?1 IS NULL OR bundle = ?1 ORDER BY bundle",
+                                      bundleID);
         while (rows.next()) {
-            moving.emplace(rows.text(0), rows.text(1));
-        }
-        if (transaction.error()) {
-            return transaction.error();
+            waiting.push_back({{std::string(rows.text(0)), static_cast<std::uint64_t>(rows.integer(1))},
+                               std::string(rows.text(2)),
+                               rows.integer(3) != 0});
         }
     }
-    for (const auto& [bundleID, name] : moving) {
-        if (_isGone(waitingPath(name)) || _putInPlace(bundleID, name)) {
-            if (auto ended = _endRestore(bundleID, name); !ended) {
+    if (const auto read = transaction.commit(); !read) {
+        return read.error();
+    }
+    return waiting;
+}
+
+/// Ends restores whose folders may have begun to move; one that cannot be ended now waits on.
+Result<void> BackupService::_settle() {
+    const auto waiting = _waiting();
+    if (!waiting) {
+        return waiting.error();
+    }
+    for (const Waiting& data : *waiting) {
+        if (data.isMoving && (_isGone(waitingPath(data.name)) || _putInPlace(data.bundleID, data.name))) {
+            if (auto ended = _endRestore(data.bundleID, data.name); !ended) {
                 return ended;
             }
         }
@@ -116,26 +127,22 @@ Result<void> BackupService::_settle() {
 
 /// Removes folders that no row names, and rows whose folder is gone.
 void BackupService::_clearFolders() {
+    const auto waiting = _waiting();
+    const auto names = _files.list(waitingFolder);
+    if (!waiting || !names) {
+        return; // the next time, then
+    }
     std::set<std::string> kept;
     Database::Transaction transaction(_database);
-    std::vector<std::string> gone;
-    {
-        auto rows = transaction.query("SELECT bundle, folder FROM restoreData");
-        while (rows.next()) {
-            const std::string name(rows.text(1));
-            if (_isGone(waitingPath(name))) {
-                gone.emplace_back(rows.text(0));
-            } else {
-                kept.insert({name, name + std::string(replacedExtension)});
-            }
+    for (const Waiting& data : *waiting) {
+        if (_isGone(waitingPath(data.name))) {
+            transaction.run("DELETE FROM restoreData WHERE bundle = ?1", data.bundleID);
+        } else {
+            kept.insert({data.name, data.name + std::string(replacedExtension)});
         }
     }
-    for (const std::string& bundleID : gone) {
-        transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
-    }
-    const auto names = _files.list(waitingFolder);
-    if (!transaction.commit() || !names) {
-        return; // the next time, then
+    if (!transaction.commit()) {
+        return; // likewise
     }
     for (const std::string& name : *names) {
         if (!kept.contains(name)) {
@@ -185,22 +192,16 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
 }
 
 std::optional<std::uint64_t> BackupService::restoreDataSize(std::string_view bundleID) {
-    Database::Transaction transaction(_database);
-    auto rows = transaction.query("SELECT size FROM restoreData WHERE bundle = ?1", bundleID);
-    return rows.next() ? std::optional(static_cast<std::uint64_t>(rows.integer(0))) : std::nullopt;
+    const auto waiting = _waiting(bundleID);
+    return waiting && !waiting->empty() ? std::optional(waiting->front().size) : std::nullopt;
 }
 
 Result<std::optional<std::string>> BackupService::_nameOf(std::string_view bundleID) {
-    Database::Transaction transaction(_database);
-    auto rows = transaction.query("SELECT folder FROM restoreData WHERE bundle = ?1", bundleID);
-    std::optional<std::string> name;
-    if (rows.next()) {
-        name = rows.text(0);
+    const auto waiting = _waiting(bundleID);
+    if (!waiting) {
+        return waiting.error();
     }
-    if (transaction.error()) {
-        return transaction.error();
-    }
-    return name;
+    return waiting->empty() ? std::nullopt : std::optional(waiting->front().name);
 }
 
 Result<std::optional<std::string>> BackupService::restoreDataFolder(std::string_view bundleID) {
@@ -212,18 +213,11 @@ Result<std::optional<std::string>> BackupService::restoreDataFolder(std::string_
 }
 
 Result<std::vector<RestoreData>> BackupService::restoreData() {
-    std::vector<RestoreData> waiting;
-    Database::Transaction transaction(_database);
-    {
-        auto rows = transaction.query("SELECT bundle, size FROM restoreData ORDER BY bundle");
-        while (rows.next()) {
-            waiting.push_back({std::string(rows.text(0)), static_cast<std::uint64_t>(rows.integer(1))});
-        }
+    const auto waiting = _waiting();
+    if (!waiting) {
+        return waiting.error();
     }
-    if (const auto read = transaction.commit(); !read) {
-        return read.error();
-    }
-    return waiting;
+    return std::vector<RestoreData>(waiting->begin(), waiting->end());
 }
 
 Result<void> BackupService::_noteMoving(const std::string& bundleID, bool isMoving) {

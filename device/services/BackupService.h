@@ -43,9 +43,9 @@ class BackupService final : public HVManagerClass {
     /// Takes a folder of the device with an app's data, to be restored later; in place of data that waits already.
     /// After a failure the folder is where it was.
     [[nodiscard]] Result<void> addRestoreData(std::string_view bundleID, const std::string& folder);
-    /// Nothing when none waits, or the database cannot be read.
+    /// Its size in bytes; nullopt when none waits, or the database cannot be read.
     [[nodiscard]] std::optional<std::uint64_t> restoreDataSize(std::string_view bundleID);
-    /// The folder in which an app's data waits; nothing when none waits.
+    /// The folder in which an app's data waits; nullopt when none waits.
     [[nodiscard]] Result<std::optional<std::string>> restoreDataFolder(std::string_view bundleID);
     /// In the order of the identifiers.
     [[nodiscard]] Result<std::vector<RestoreData>> restoreData();
@@ -59,6 +59,11 @@ class BackupService final : public HVManagerClass {
 
   private:
     class Manager;
+    /// A row.
+    struct Waiting : RestoreData {
+        std::string name; // of its folder
+        bool isMoving;    // a restore may have begun to move it
+    };
     BackupService(Database& database, DeviceFileSystem& files) : _database(database), _files(files) {}
     [[nodiscard]] Result<void> _settle();
     void _clearFolders();
@@ -66,6 +71,7 @@ class BackupService final : public HVManagerClass {
     [[nodiscard]] Result<void> _noteMoving(const std::string& bundleID, bool isMoving);
     [[nodiscard]] Result<void> _putInPlace(const std::string& bundleID, const std::string& name);
     [[nodiscard]] Result<void> _endRestore(const std::string& bundleID, const std::string& name);
+    [[nodiscard]] Result<std::vector<Waiting>> _waiting(std::optional<std::string_view> bundleID = std::nullopt);
     [[nodiscard]] Result<std::optional<std::string>> _nameOf(std::string_view bundleID);
 
     Database& _database;

@@ -29,7 +29,7 @@ struct DemotionLists {
     std::set<std::string> automatic;
     std::set<std::string> intentional;
 
-    /// What is no string in its lists is passed over. Nothing when the root is no dictionary.
+    /// What is no string in its lists is passed over. Returns nullopt when the root is no dictionary.
     [[nodiscard]] static std::optional<DemotionLists> fromPropertyList(const Value& root);
     [[nodiscard]] Dictionary propertyList() const;
     [[nodiscard]] bool contains(const std::string& identifier) const {
@@ -48,7 +48,7 @@ class DemotedApps {
     DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists);
 
     [[nodiscard]] DemotionLists lists() const;
-    /// The install type of a demoted app's placeholder; nothing for an app that stands on neither list.
+    /// The install type of a demoted app's placeholder; nullopt for an app that stands on neither list.
     [[nodiscard]] std::optional<std::uint64_t> installTypeOf(const std::string& identifier) const;
     [[nodiscard]] Result<void> set(DemotionLists lists);
     /// Puts an app on one list and takes it off the other.

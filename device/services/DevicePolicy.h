@@ -14,7 +14,7 @@ namespace appsync::device {
 
 class Database;
 
-/// Any thread. Questions are answered from memory.
+/// Any thread. Look-ups do not touch the disk.
 class DevicePolicy final : public OLProfileConnectionClass {
   public:
     /// The database must outlive the policy and its connection.

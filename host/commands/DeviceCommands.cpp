@@ -1,9 +1,9 @@
 // The commands about one device: making it, listing its apps, its logs, its home screen.
 #include "device/Device.h"
+#include "device/log/LogReader.h"
+#include "device/log/TransactionLog.h"
 #include "device/processes/ProcessTable.h"
 #include "device/screen/DeviceHomeScreen.h"
-#include "device/services/LogReader.h"
-#include "device/services/TransactionLog.h"
 #include "files/OutputFile.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"

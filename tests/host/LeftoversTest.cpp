@@ -1,7 +1,7 @@
 // What an interrupted sync leaves, and what becomes of it when the next one begins.
 #include "host/session/Leftovers.h"
+#include "device/log/LogReader.h"
 #include "device/registry/Registry.h"
-#include "device/services/LogReader.h"
 #include "host/transfer/Transfer.h"
 
 #include "../device/root/Faults.h"

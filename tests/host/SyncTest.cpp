@@ -1,6 +1,6 @@
 // Whole syncs with real files, a real database, real archives and the loaded plug-in.
 #include "desktop/AppLibrary.h"
-#include "device/services/TransactionLog.h"
+#include "device/log/TransactionLog.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/RunSync.h"

@@ -97,7 +97,7 @@ FAULTS = [
           'dataWithPropertyList(layout.propertyList(),', 'dataWithPropertyList(IconLayout{}.propertyList(),',
           crash('restore-coordinated', 'kill', **ONCE)),
     Fault('* rows are left in coordinator', 'device/coordinator/CoordinatorEngine.cpp',
-          '[this, id = state->id] { (void)_store.remove(id); }', '[] {}', crash('coordinated', 'kill', **ONCE)),
+          '[this, state] { _passOver(*state, _store.remove(state->id)); }', '[] {}', crash('coordinated', 'kill', **ONCE)),
     Fault('the package of org.example.* was sent again', 'plugin/planning/OutstandingAssetTransfers.cpp',
           '!asset->isRestore ? packageOnly\n                                     : packageIsHere   ? dataOnly',
           '!asset->isRestore ? packageOnly\n                                     : false   ? dataOnly',

@@ -80,7 +80,7 @@ FAULTS = [
     Fault('JSON is exact', 'host/view/SyncReport.cpp',
           '{"name", app.name}', '{"name", printable(app.name)}', replay('names', 'escapes')),
     Fault('the home screen can be drawn', 'device/drawing/ScreenText.cpp',
-          'std::string whole = printable(text, LongestName);', 'std::string whole(text.substr(0, LongestName));',
+          'std::string whole = printable(text, MaxNameLength);', 'std::string whole(text.substr(0, MaxNameLength));',
           replay('names', 'no-utf8')),
     # Property lists.
     Fault('there is a value or an error', 'propertylist/Codec.cpp',

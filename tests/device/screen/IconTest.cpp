@@ -117,10 +117,10 @@ TEST_F(IconTest, ABrokenOrTooLargeIconFileIsNoIcon) {
     write("Icon.png", makePNG(4, 4, 1, 1, 1).substr(0, 30));
     EXPECT_FALSE(isDrawn("Icon.png"));
     std::string large = makePNG(4, 4, 1, 1, 1);
-    large.resize(LargestIconFile + 1, '\0');
+    large.resize(MaxIconFileSize + 1, '\0');
     write("Icon.png", large);
     EXPECT_FALSE(isDrawn("Icon.png"));
-    large.resize(LargestIconFile);
+    large.resize(MaxIconFileSize);
     write("Icon.png", large);
     EXPECT_TRUE(isDrawn("Icon.png")) << "what follows the end of a picture does not matter";
 }

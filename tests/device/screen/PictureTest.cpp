@@ -76,7 +76,7 @@ TEST(Picture, PagesStandSideBySideAndAFullPageGoesOnOnTheNextScreen) {
     EXPECT_EQ(widthOf({PlacesPerScreen}), screens(1));
     EXPECT_EQ(widthOf({PlacesPerScreen + 1}), screens(2));
     EXPECT_EQ(widthOf({1, 1, 1}), screens(3));
-    EXPECT_EQ(widthOf({PlacesPerScreen * 100}), screens(MostScreens));
+    EXPECT_EQ(widthOf({PlacesPerScreen * 100}), screens(MaxScreens));
     EXPECT_EQ(widthOf({0}), screens(1));
 }
 

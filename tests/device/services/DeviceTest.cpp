@@ -3,12 +3,12 @@
 
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/database/Database.h"
+#include "device/log/TransactionLog.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
 #include "device/services/DemotedApps.h"
 #include "device/services/DevicePolicy.h"
 #include "device/services/Notifications.h"
-#include "device/services/TransactionLog.h"
 #include "platform/ApplicationRegistry.h"
 #include "platform/Backup.h"
 #include "platform/Icons.h"

@@ -1,6 +1,6 @@
-#include "device/services/TransactionLog.h"
-#include "device/services/LogFile.h"
-#include "device/services/LogReader.h"
+#include "device/log/TransactionLog.h"
+#include "device/log/LogFile.h"
+#include "device/log/LogReader.h"
 #include "tests/device/root/Faults.h"
 #include "tests/device/services/OpenRoot.h"
 

@@ -53,7 +53,7 @@ class TransactionLog final : public AITransactionLog {
                                                           std::string_view bundleID,
                                                           std::string_view description) noexcept override;
 
-    /// All records, oldest first, those of one app if a bundle identifier is given; until `visit` answers false.
+    /// All records, oldest first, those of one app if a bundle identifier is given; until `visit` returns false.
     [[nodiscard]] Result<void> visit(const std::function<bool(const TransactionRecord&)>& visit,
                                      std::optional<std::string_view> bundleID = std::nullopt);
     [[nodiscard]] Result<std::vector<TransactionRecord>>

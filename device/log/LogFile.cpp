@@ -1,4 +1,4 @@
-#include "device/services/LogFile.h"
+#include "device/log/LogFile.h"
 
 #include "device/root/DeviceFileSystem.h"
 #include "device/root/PosixError.h"
@@ -17,10 +17,6 @@ namespace {
 
 constexpr std::size_t BufferSize = 16U << 10;
 constexpr std::string_view OwnSource = "Log"; // of what the log says about itself
-
-std::size_t switchOf(QRLogCategory category, LogLevel level) {
-    return static_cast<std::size_t>(category) * 2 + static_cast<std::size_t>(level);
-}
 
 void appendEscaped(std::string& out, std::string_view text) {
     for (const char character : text) {
@@ -51,6 +47,10 @@ std::string makeLine(std::string_view source, LogLevel level, std::string_view t
 }
 
 } // namespace
+
+std::string logPath(unsigned age) {
+    return std::string(LogPath) + (age > 0 ? "." + std::to_string(age) : "");
+}
 
 std::string_view nameOf(QRLogCategory category) noexcept {
     switch (category) {
@@ -92,19 +92,9 @@ LogFile::~LogFile() {
     flush();
 }
 
-bool LogFile::isEnabled(QRLogCategory category, LogLevel level) noexcept {
-    return !_disabled[switchOf(category, level)].load(std::memory_order_relaxed);
-}
-
-void LogFile::setEnabled(QRLogCategory category, LogLevel level, bool enabled) noexcept {
-    _disabled[switchOf(category, level)].store(!enabled, std::memory_order_relaxed);
-}
-
 void LogFile::write(QRLogCategory category, LogLevel level, std::string_view /*format*/,
                     std::string_view text) noexcept {
-    if (isEnabled(category, level)) {
-        _append(nameOf(category), level, text);
-    }
+    _append(nameOf(category), level, text);
 }
 
 void LogFile::write(const SystemLog& log, LogLevel level, std::string_view text) noexcept {
@@ -181,10 +171,9 @@ Result<void> LogFile::_writeAll(std::string_view bytes) {
 
 /// When a name cannot be changed, that file stays where it is and the log grows on.
 void LogFile::_rotate() {
-    const auto older = [](unsigned age) { return std::string(LogPath) + (age ? "." + std::to_string(age) : ""); };
-    _files.removeItem(older(_limits.olderFiles), nullptr);
+    _files.removeItem(logPath(_limits.olderFiles), nullptr);
     for (unsigned age = _limits.olderFiles; age > 0; --age) {
-        _files.moveItem(older(age - 1), older(age), nullptr);
+        _files.moveItem(logPath(age - 1), logPath(age), nullptr);
     }
     _file = Descriptor();
     (void)_open(); // tried again with the next write when it fails

@@ -1,8 +1,8 @@
-#include "device/services/TransactionLog.h"
+#include "device/log/TransactionLog.h"
 
 #include "device/database/Database.h"
+#include "device/log/LogFile.h"
 #include "device/root/PosixError.h"
-#include "device/services/LogFile.h"
 
 #include <chrono>
 #include <iterator>

@@ -12,8 +12,7 @@
 #include "platform/Log.h"
 #include "values/Result.h"
 
-#include <array>
-#include <atomic>
+#include <cassert>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -24,10 +23,12 @@ namespace appsync::device {
 class DeviceFileSystem;
 
 inline constexpr std::string_view LogPath = "/var/log/qrd.log";
+/// More full files are never kept.
+inline constexpr unsigned MaxOlderLogFiles = 9;
 
 struct LogLimits {
     std::uint64_t fileSize = 8U << 20; // bytes after which a new file is begun
-    unsigned olderFiles = 3;           // how many full ones are kept
+    unsigned olderFiles = 3;           // how many full ones are kept, at most `MaxOlderLogFiles`
 };
 
 /// Messages are written to the file when the buffer is full, with every error, by `flush` and at the end. What cannot
@@ -38,12 +39,11 @@ class LogFile final : public HostLog {
     [[nodiscard]] static Result<std::unique_ptr<LogFile>> open(DeviceFileSystem& files, LogLimits limits = {});
     ~LogFile() override;
 
-    [[nodiscard]] bool isEnabled(QRLogCategory category, LogLevel level) noexcept override;
+    /// Every message is wanted.
+    [[nodiscard]] bool isEnabled(QRLogCategory, LogLevel) noexcept override { return true; }
     void write(QRLogCategory category, LogLevel level, std::string_view format,
                std::string_view text) noexcept override;
 
-    /// Everything is enabled at first.
-    void setEnabled(QRLogCategory category, LogLevel level, bool enabled) noexcept;
     /// A message of another log of the system.
     void write(const SystemLog& log, LogLevel level, std::string_view text) noexcept;
     void flush() noexcept;
@@ -51,7 +51,9 @@ class LogFile final : public HostLog {
     [[nodiscard]] ErrorPtr failure() noexcept;
 
   private:
-    LogFile(DeviceFileSystem& files, LogLimits limits) : _files(files), _limits(limits) {}
+    LogFile(DeviceFileSystem& files, LogLimits limits) : _files(files), _limits(limits) {
+        assert(limits.olderFiles <= MaxOlderLogFiles);
+    }
 
     [[nodiscard]] Result<void> _open() REQUIRES(_mutex);
     void _append(std::string_view source, LogLevel level, std::string_view text) EXCLUDES(_mutex);
@@ -61,7 +63,6 @@ class LogFile final : public HostLog {
 
     DeviceFileSystem& _files;
     const LogLimits _limits;
-    std::array<std::atomic<bool>, 6> _disabled{}; // by category and level
     Mutex _mutex;
     Descriptor _file GUARDED_BY(_mutex);
     std::uint64_t _size GUARDED_BY(_mutex) = 0;
@@ -70,6 +71,9 @@ class LogFile final : public HostLog {
     std::uint64_t _lostMessages GUARDED_BY(_mutex) = 0;
     ErrorPtr _failure GUARDED_BY(_mutex); // of the last flush
 };
+
+/// The path of the present file, or of an older one: 1 is the youngest.
+[[nodiscard]] std::string logPath(unsigned age = 0);
 
 /// The category's name in the log.
 [[nodiscard]] std::string_view nameOf(QRLogCategory category) noexcept;

@@ -1,11 +1,10 @@
-#include "device/services/LogReader.h"
+#include "device/log/LogReader.h"
 
+#include "device/log/LogFile.h"
 #include "device/root/DeviceFileSystem.h"
-#include "device/services/LogFile.h"
 
-#include <algorithm>
+#include <cerrno>
 #include <charconv>
-#include <vector>
 
 namespace appsync::device {
 
@@ -42,37 +41,6 @@ std::optional<std::string_view> cutField(std::string_view& line) {
     return field;
 }
 
-/// The present log and the older ones, oldest first.
-Result<std::vector<std::string>> logFiles(DeviceFileSystem& files) {
-    const auto slash = LogPath.rfind('/');
-    const std::string folder(LogPath.substr(0, slash));
-    const std::string_view name = LogPath.substr(slash + 1);
-    if (!files.fileExists(folder)) {
-        return std::vector<std::string>{};
-    }
-    const auto names = files.list(folder);
-    if (!names) {
-        return names.error();
-    }
-    std::vector<std::pair<unsigned, std::string>> found;
-    for (const std::string& file : *names) {
-        unsigned age = 0;
-        const bool isOlder =
-            file.size() > name.size() + 1 && file.starts_with(std::string(name) + ".") &&
-            std::from_chars(&file[name.size() + 1], file.data() + file.size(), age).ptr == file.data() + file.size();
-        if (file == name || isOlder) {
-            found.emplace_back(age, folder).second.append("/").append(file);
-        }
-    }
-    std::sort(found.begin(), found.end(), std::greater<>());
-    std::vector<std::string> paths;
-    paths.reserve(found.size());
-    for (auto& [age, path] : found) {
-        paths.push_back(std::move(path));
-    }
-    return paths;
-}
-
 } // namespace
 
 std::optional<LogEntry> parseLogLine(std::string_view line) {
@@ -87,13 +55,12 @@ std::optional<LogEntry> parseLogLine(std::string_view line) {
 }
 
 Result<void> readLog(DeviceFileSystem& files, const std::function<bool(const LogEntry&)>& visit) {
-    const auto paths = logFiles(files);
-    if (!paths) {
-        return paths.error();
-    }
-    for (const std::string& path : *paths) {
+    for (unsigned age = MaxOlderLogFiles + 1; age-- > 0;) {
         ErrorPtr error;
-        const auto content = files.readFile(path, &error);
+        const auto content = files.readFile(logPath(age), &error);
+        if (!content && (error->code() == ENOENT || error->code() == ENOTDIR)) {
+            continue;
+        }
         if (!content) {
             return error;
         }

@@ -1,5 +1,5 @@
-#include "device/services/LogFile.h"
-#include "device/services/LogReader.h"
+#include "device/log/LogFile.h"
+#include "device/log/LogReader.h"
 #include "tests/device/services/OpenRoot.h"
 
 #include <gtest/gtest.h>
@@ -94,21 +94,6 @@ TEST_F(LogFileTest, AFullBufferIsWritten) {
         say(*log, std::string(1000, 'x'));
     }
     EXPECT_GE(texts().size(), 16U);
-}
-
-TEST_F(LogFileTest, WhatIsSwitchedOffIsNeitherWantedNorWritten) {
-    auto log = open();
-    EXPECT_TRUE(log->isEnabled(QRLogCategorySyncBundle_Oversize, LogLevel::standard));
-    log->setEnabled(QRLogCategorySyncBundle_Oversize, LogLevel::standard, false);
-    EXPECT_FALSE(log->isEnabled(QRLogCategorySyncBundle_Oversize, LogLevel::standard));
-    EXPECT_TRUE(log->isEnabled(QRLogCategorySyncBundle_Oversize, LogLevel::error));
-    EXPECT_TRUE(log->isEnabled(QRLogCategorySyncBundle, LogLevel::standard));
-    log->write(QRLogCategorySyncBundle_Oversize, LogLevel::standard, "", "unwanted");
-    say(*log, "wanted");
-    log->setEnabled(QRLogCategorySyncBundle_Oversize, LogLevel::standard, true);
-    log->write(QRLogCategorySyncBundle_Oversize, LogLevel::standard, "", "wanted again");
-    log.reset();
-    EXPECT_EQ(texts(), (std::vector<std::string>{"wanted", "wanted again"}));
 }
 
 TEST_F(LogFileTest, ALaterProcessGoesOnAtTheEnd) {

@@ -20,10 +20,10 @@ struct LogEntry {
     std::string text;   // without the escapes
 };
 
-/// The entry that a line (without its end) holds; nothing for a line of another form.
+/// The entry that a line (without its end) holds; nullopt for a line of another form.
 [[nodiscard]] std::optional<LogEntry> parseLogLine(std::string_view line);
 
-/// Calls `visit` with every entry, oldest first and older files before the present one, until it answers false. Lines
+/// Calls `visit` with every entry, oldest first and older files before the present one, until it returns false. Lines
 /// of another form are passed over. A device without a log has no entries. The log may be written meanwhile.
 [[nodiscard]] Result<void> readLog(DeviceFileSystem& files, const std::function<bool(const LogEntry&)>& visit);
 
