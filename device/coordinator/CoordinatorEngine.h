@@ -89,11 +89,9 @@ class CoordinatorEngine {
     // Of the whole device.
 
     [[nodiscard]] bool prioritize(std::string_view bundleID);
-    /// Ends an app's install and removes its placeholder; an installed version stays. Fails when the app has neither
-    /// coordinator nor placeholder, and with `tooLate` when it has been installed meanwhile.
-    [[nodiscard]] Result<void> takeBack(std::string_view bundleID);
-    /// Removes an app with its placeholder and coordinator. Fails when it has none of them.
-    [[nodiscard]] Result<void> uninstall(std::string_view bundleID, RemovalReason reason);
+    /// Ends an app's install and removes of the app what the scope says. Fails when there is none of all that, and with
+    /// `tooLate` when the placeholder alone was meant and the app has been installed meanwhile.
+    [[nodiscard]] Result<void> remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope);
     /// `completion` runs on the observers' thread.
     void uninstallInBackground(std::string_view bundleID, std::function<void(const ErrorPtr&)> completion);
     void waitUntilIdle();
@@ -142,7 +140,6 @@ class CoordinatorEngine {
     void _removeAsset(const PromisePtr& asset);
     void _removeIcon(const PromisePtr& icon);
     [[nodiscard]] Result<void> _checkAfterRestart(const CoordinatorState& state) const;
-    [[nodiscard]] Result<void> _remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope);
 
     const CoordinatorServices _services;
     CoordinatorStore _store;

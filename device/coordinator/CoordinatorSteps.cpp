@@ -173,18 +173,8 @@ Result<void> CoordinatorEngine::_checkAfterRestart(const CoordinatorState& state
                                     " has disappeared while the device was off; begin its install again");
 }
 
-// Uninstalling.
-
-Result<void> CoordinatorEngine::takeBack(std::string_view bundleID) {
-    return _remove(bundleID, RemovalReason::sync, RemovalScope::placeholderOnly);
-}
-
-Result<void> CoordinatorEngine::uninstall(std::string_view bundleID, RemovalReason reason) {
-    return _remove(bundleID, reason, RemovalScope::everything);
-}
-
 /// That there was a coordinator to end is enough: it need not have come as far as its placeholder.
-Result<void> CoordinatorEngine::_remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope) {
+Result<void> CoordinatorEngine::remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope) {
     const auto state = find(bundleID);
     Result<void> ended;
     if (state) {
@@ -201,7 +191,7 @@ void CoordinatorEngine::uninstallInBackground(std::string_view bundleID,
                                               std::function<void(const ErrorPtr&)> completion) {
     _busy.enter();
     _workers.addOperation([this, identifier = std::string(bundleID), completion = std::move(completion)] {
-        const auto removed = uninstall(identifier, RemovalReason::sync);
+        const auto removed = remove(identifier, RemovalReason::sync, RemovalScope::everything);
         _observers.run([completion, error = removed.error()] { completion(error); });
         _busy.leave();
     });

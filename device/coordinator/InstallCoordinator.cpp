@@ -70,7 +70,7 @@ class BaseClass final : public OnEngine<KXAppInstallCoordinatorClass> {
     }
     bool coordinationIsEnabled() noexcept override { return _isEnabled; }
     bool uninstallAppWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
-        return hasSucceeded(_engine.takeBack(bundleID), error);
+        return hasSucceeded(_engine.remove(bundleID, RemovalReason::sync, RemovalScope::placeholderOnly), error);
     }
     void uninstallAppWithBundleID_requestUserConfirmation_completion(
         std::string_view bundleID, bool requestUserConfirmation,
@@ -197,7 +197,7 @@ bool InstallCoordinator::prioritizeByUser(std::string_view bundleID) {
 }
 
 Result<void> InstallCoordinator::uninstallByUser(std::string_view bundleID) {
-    return _engine->uninstall(bundleID, RemovalReason::person);
+    return _engine->remove(bundleID, RemovalReason::person, RemovalScope::everything);
 }
 
 std::vector<OpenCoordinator> InstallCoordinator::openCoordinators() const {
