@@ -24,7 +24,7 @@ class DeviceFileSystem;
 
 inline constexpr std::string_view LogPath = "/var/log/qrd.log";
 /// More full files are never kept.
-inline constexpr unsigned MaxOlderLogFiles = 9;
+inline constexpr unsigned MaxOlderLogFiles = 99;
 
 struct LogLimits {
     std::uint64_t fileSize = 8U << 20; // bytes after which a new file is begun

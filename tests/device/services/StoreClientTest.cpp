@@ -15,8 +15,8 @@
 namespace appsync::device {
 namespace {
 
-const std::string A = "com.example.a";
-const std::string B = "com.example.b";
+const std::string storeA = "com.example.a";
+const std::string storeB = "com.example.b";
 
 class StoreClientTest : public testing::Test {
   protected:
@@ -43,48 +43,48 @@ class StoreClientTest : public testing::Test {
 };
 
 TEST_F(StoreClientTest, EveryInstalledAppGetsAReceipt) {
-    install(A, "1.0");
-    install(B, "2.0");
+    install(storeA, "1.0");
+    install(storeB, "2.0");
     PlaceholderRequest placeholder;
     placeholder.identifier = "com.example.waiting";
     ASSERT_TRUE(registry->installPlaceholder(placeholder));
     ASSERT_TRUE(store.refreshReceipts());
-    EXPECT_EQ(receiptOf(A), Value(Dictionary{{"bundleIdentifier", A}, {"bundleVersion", "1.0"}}));
-    EXPECT_EQ(receiptOf(B), Value(Dictionary{{"bundleIdentifier", B}, {"bundleVersion", "2.0"}}));
+    EXPECT_EQ(receiptOf(storeA), Value(Dictionary{{"bundleIdentifier", storeA}, {"bundleVersion", "1.0"}}));
+    EXPECT_EQ(receiptOf(storeB), Value(Dictionary{{"bundleIdentifier", storeB}, {"bundleVersion", "2.0"}}));
     EXPECT_EQ(device.files().list(ReceiptFolder)->size(), 2U);
 }
 
 TEST_F(StoreClientTest, ReceiptsFollowUpdatesAndRemovals) {
-    install(A, "1.0");
-    install(B, "1.0");
+    install(storeA, "1.0");
+    install(storeB, "1.0");
     ASSERT_TRUE(store.refreshReceipts());
-    install(A, "1.1");
-    ASSERT_TRUE(registry->uninstall(B, RemovalReason::sync, RemovalScope::everything));
+    install(storeA, "1.1");
+    ASSERT_TRUE(registry->uninstall(storeB, RemovalReason::sync, RemovalScope::everything));
     ASSERT_TRUE(store.refreshReceipts());
-    EXPECT_EQ(receiptOf(A).dictionary()->string("bundleVersion"), "1.1");
-    EXPECT_EQ(*device.files().list(ReceiptFolder), std::vector<std::string>{A + ".plist"});
+    EXPECT_EQ(receiptOf(storeA).dictionary()->string("bundleVersion"), "1.1");
+    EXPECT_EQ(*device.files().list(ReceiptFolder), std::vector<std::string>{storeA + ".plist"});
 }
 
 TEST_F(StoreClientTest, AReceiptThatWasCutShortIsWrittenAgain) {
-    install(A, "1.0");
+    install(storeA, "1.0");
     ASSERT_TRUE(store.refreshReceipts());
-    ASSERT_TRUE(device.files().createFile(receiptPath(A), "bplist", {}));
+    ASSERT_TRUE(device.files().createFile(receiptPath(storeA), "bplist", {}));
     ASSERT_TRUE(store.refreshReceipts());
-    EXPECT_EQ(receiptOf(A).dictionary()->string("bundleIdentifier"), A);
+    EXPECT_EQ(receiptOf(storeA).dictionary()->string("bundleIdentifier"), storeA);
 }
 
 TEST_F(StoreClientTest, OneReceiptThatCannotBeWrittenDoesNotKeepTheOthersFromIt) {
-    install(A, "1.0");
-    install(B, "1.0");
-    ASSERT_TRUE(device.files().createDirectory(receiptPath(A), true, std::nullopt, nullptr));
+    install(storeA, "1.0");
+    install(storeB, "1.0");
+    ASSERT_TRUE(device.files().createDirectory(receiptPath(storeA), true, std::nullopt, nullptr));
     const auto refreshed = store.refreshReceipts();
     ASSERT_FALSE(refreshed);
-    EXPECT_NE(errorText(refreshed.error()).find(A), std::string::npos);
-    EXPECT_EQ(receiptOf(B).dictionary()->string("bundleIdentifier"), B);
+    EXPECT_NE(errorText(refreshed.error()).find(storeA), std::string::npos);
+    EXPECT_EQ(receiptOf(storeB).dictionary()->string("bundleIdentifier"), storeB);
 }
 
 TEST_F(StoreClientTest, ALibraryRefreshesOnTheClientsThreadAlsoWhenItIsDropped) {
-    install(A, "1.0");
+    install(storeA, "1.0");
     Semaphore completed;
     std::thread::id thread;
     ErrorPtr outcome = Error::make("x", 1);
@@ -96,11 +96,11 @@ TEST_F(StoreClientTest, ALibraryRefreshesOnTheClientsThreadAlsoWhenItIsDropped) 
     completed.wait();
     EXPECT_EQ(outcome, nullptr);
     EXPECT_NE(thread, std::this_thread::get_id());
-    EXPECT_TRUE(device.files().fileExists(receiptPath(A)));
+    EXPECT_TRUE(device.files().fileExists(receiptPath(storeA)));
 }
 
 TEST_F(StoreClientTest, ALibraryRefreshesAtOnceWhereTheSystemHasNoThreadForIt) {
-    install(A, "1.0");
+    install(storeA, "1.0");
     const NoMoreThreads noMore;
     bool isCompleted = false;
     store.init()->refreshReceiptsWithCompletionBlock([&](const ErrorPtr& error) { isCompleted = !error; });
