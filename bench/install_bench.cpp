@@ -129,7 +129,7 @@ void unzip(const std::string& archive, const std::string& folder) {
 
 struct Device {
     explicit Device(const std::string& folder)
-        : root(required(Root::create(folder))), database(required(Database::open(root->databasePath()))),
+        : root(required(Root::create(folder))), database(required(Database::open(*root))),
           registry(required(Registry::open(*root, *database, codec))) {}
 
     PropertyListCodec codec;

@@ -3,23 +3,6 @@
 //   auto device = Device::open("/path/of/the/device");
 //   ...
 //   Platform platform = (*device)->platform(deviceService, errorClassification);
-//
-//   root            the folder, its lock, its files              device/root/Root.h
-//   database        what the services remember                   device/database/Database.h
-//   log             the sync host's log                          device/log/LogFile.h
-//   transactionLog  what was begun and ended for which app       device/log/TransactionLog.h
-//   registry        apps, placeholders, installs under way       device/registry/Registry.h
-//   uninstalledList what a person has removed                    device/registry/UninstalledList.h
-//   coordinator     installs through coordinators and promises   device/coordinator/InstallCoordinator.h
-//   processes       the apps that run                            device/processes/ProcessTable.h
-//   homeScreen      icon layout, what there is to see            device/screen/DeviceHomeScreen.h
-//   policy          what is allowed                              device/services/DevicePolicy.h
-//   backup          data that waits to be restored               device/services/BackupService.h
-//   demotedApps     apps without their bundle                    device/services/DemotedApps.h
-//   store           receipts                                     device/services/StoreClient.h
-//   notifications   names with a state                           device/services/Notifications.h
-//   notificationCenter  notifications between processes          device/services/Notifications.h
-//   scheduler       work for later                               device/services/TimerScheduler.h
 #pragma once
 
 #include "device/log/LogFile.h"
@@ -39,19 +22,24 @@ struct Platform;
 
 namespace appsync::device {
 
+class AppBundles;
+class ApplicationWorkspace;
 class BackupService;
-class Database;
 class DemotedApps;
 class DeviceHomeScreen;
+class DeviceIconRenderer;
 class DeviceNotificationCenter;
 class DevicePolicy;
+class DeviceProcess;
 class InstallCoordinator;
 class NotificationNames;
+class PNGDestinations;
 class ProcessTable;
 class StoreClient;
 class TimerScheduler;
 class TransactionLog;
 class UninstalledList;
+class UserDataRestorer;
 
 inline constexpr std::string_view DeviceErrorDomain = "Device";
 enum class DeviceError : std::int64_t {
@@ -91,24 +79,39 @@ class Device {
     /// The device's services for a plug-in, beside the two of the host.
     [[nodiscard]] Platform platform(QRDeviceServiceClass& deviceService, QRErrorClassification& errorClassification);
 
-    [[nodiscard]] Root& root() noexcept;
-    [[nodiscard]] DeviceFileSystem& files() noexcept;
-    [[nodiscard]] PropertyListSerialization& propertyLists() noexcept;
-    [[nodiscard]] Database& database() noexcept;
-    [[nodiscard]] LogFile& log() noexcept;
-    [[nodiscard]] TransactionLog& transactionLog() noexcept;
-    [[nodiscard]] Registry& registry() noexcept;
-    [[nodiscard]] UninstalledList& uninstalledList() noexcept;
-    [[nodiscard]] InstallCoordinator& coordinator() noexcept;
-    [[nodiscard]] ProcessTable& processes() noexcept;
-    [[nodiscard]] DeviceHomeScreen& homeScreen() noexcept;
-    [[nodiscard]] DevicePolicy& policy() noexcept;
-    [[nodiscard]] BackupService& backup() noexcept;
-    [[nodiscard]] DemotedApps& demotedApps() noexcept;
-    [[nodiscard]] StoreClient& store() noexcept;
-    [[nodiscard]] NotificationNames& notifications() noexcept;
-    [[nodiscard]] DeviceNotificationCenter& notificationCenter() noexcept;
-    [[nodiscard]] TimerScheduler& scheduler() noexcept;
+    // Its services, in the order in which they are opened; they are closed in the reverse order.
+
+    [[nodiscard]] Root& root() noexcept { return *_root; }
+    [[nodiscard]] DeviceFileSystem& files() noexcept { return _root->files(); }
+    [[nodiscard]] Database& database() noexcept { return *_database; }
+    [[nodiscard]] PropertyListSerialization& propertyLists() noexcept { return *_propertyLists; }
+    [[nodiscard]] LogFile& log() noexcept { return *_log; }
+    /// What was begun and ended for which app.
+    [[nodiscard]] TransactionLog& transactionLog() noexcept { return *_transactionLog; }
+    /// What is allowed.
+    [[nodiscard]] DevicePolicy& policy() noexcept { return *_policy; }
+    /// Data that waits to be restored.
+    [[nodiscard]] BackupService& backup() noexcept { return *_backup; }
+    /// Apps without their bundle.
+    [[nodiscard]] DemotedApps& demotedApps() noexcept { return *_demotedApps; }
+    /// Apps, placeholders, installs under way.
+    [[nodiscard]] Registry& registry() noexcept { return *_registry; }
+    /// What a person has removed.
+    [[nodiscard]] UninstalledList& uninstalledList() noexcept { return *_uninstalledList; }
+    /// Receipts.
+    [[nodiscard]] StoreClient& store() noexcept { return *_store; }
+    /// Names with a state.
+    [[nodiscard]] NotificationNames& notifications() noexcept { return *_notifications; }
+    /// Notifications between processes.
+    [[nodiscard]] DeviceNotificationCenter& notificationCenter() noexcept { return *_notificationCenter; }
+    /// The apps that run.
+    [[nodiscard]] ProcessTable& processes() noexcept { return *_processes; }
+    /// The icon layout, and what there is to see.
+    [[nodiscard]] DeviceHomeScreen& homeScreen() noexcept { return *_homeScreen; }
+    /// Installs through coordinators and promises.
+    [[nodiscard]] InstallCoordinator& coordinator() noexcept { return *_coordinator; }
+    /// Work for later.
+    [[nodiscard]] TimerScheduler& scheduler() noexcept { return *_scheduler; }
 
     /// Starts an installed app, as a tap on its icon would; the number of its process. `busy`: it begins busy. Errors
     /// are of `ProcessErrorDomain`.
@@ -121,15 +124,40 @@ class Device {
     /// A sync may bring a demoted app back: until the device is closed its placeholder is hidden from the sync's
     /// plug-in, which asks for no app that has one. The app stays demoted unless it is installed.
     void letReturn(const std::string& identifier);
-    [[nodiscard]] bool coordinationIsEnabled() const noexcept;
-    /// What the registry had to put in order when the device was opened.
-    [[nodiscard]] const Settlement& settlement() const noexcept;
+    [[nodiscard]] bool coordinationIsEnabled() const noexcept { return _coordinationIsEnabled; }
 
   private:
-    struct Services;
-    explicit Device(std::unique_ptr<Services> services);
+    Device();
+    [[nodiscard]] Result<std::optional<bool>> _openDatabase(Result<std::unique_ptr<Root>> root);
+    [[nodiscard]] Result<void> _openServices(const DeviceEnvironment& environment, bool coordinationIsEnabled);
+    void _followRegistry();
+    void _settleApps();
+    void _passOver(const Result<void>& done);
 
-    std::unique_ptr<Services> _services;
+    bool _coordinationIsEnabled = true;
+    std::unique_ptr<Root> _root;
+    std::unique_ptr<Database> _database;
+    std::unique_ptr<PropertyListSerialization> _propertyLists;
+    std::unique_ptr<LogFile> _log;
+    std::unique_ptr<TransactionLog> _transactionLog;
+    std::unique_ptr<DevicePolicy> _policy;
+    std::unique_ptr<BackupService> _backup;
+    std::unique_ptr<UserDataRestorer> _waitingData;
+    std::unique_ptr<DemotedApps> _demotedApps;
+    std::unique_ptr<Registry> _registry;
+    std::unique_ptr<ApplicationWorkspace> _workspace;
+    std::unique_ptr<UninstalledList> _uninstalledList;
+    std::unique_ptr<StoreClient> _store;
+    std::unique_ptr<NotificationNames> _notifications;
+    std::unique_ptr<DeviceNotificationCenter> _notificationCenter;
+    std::unique_ptr<DeviceProcess> _process;
+    std::unique_ptr<ProcessTable> _processes;
+    std::unique_ptr<AppBundles> _bundles;
+    std::unique_ptr<DeviceIconRenderer> _iconRenderer;
+    std::unique_ptr<PNGDestinations> _imageDestinations;
+    std::unique_ptr<DeviceHomeScreen> _homeScreen;
+    std::unique_ptr<InstallCoordinator> _coordinator;
+    std::unique_ptr<TimerScheduler> _scheduler;
 };
 
 } // namespace appsync::device

@@ -27,14 +27,14 @@ std::string randomName() {
     return {digits.data(), end};
 }
 
-/// Follows the links at the end of a path, the last of which may lead to nothing.
+/// Follows the links at the end of a path, the last of which may lead nowhere.
 int resolve(const std::string& path, std::string& target) {
-    constexpr int mostLinks = 40; // as the kernel has it
+    constexpr int maxLinks = 40; // as the kernel has it
     fs::path place = path;
     std::error_code failed;
     for (int links = 0; fs::is_symlink(place, failed); ++links) {
         const fs::path next = fs::read_symlink(place, failed);
-        if (failed || links == mostLinks) {
+        if (failed || links == maxLinks) {
             return failed ? failed.value() : ELOOP;
         }
         place = place.parent_path() / next;
@@ -54,10 +54,8 @@ bool isStandardOutput(const std::string& path) noexcept {
 
 Result<std::unique_ptr<OutputFile>> OutputFile::open(const std::string& path) {
     std::unique_ptr<OutputFile> file(new OutputFile(path));
-    if (const int failed = file->_open()) {
-        return file->_failure(failed);
-    }
-    return file;
+    const auto opened = file->_outcome(file->_open());
+    return opened ? Result(std::move(file)) : opened.error();
 }
 
 OutputFile::~OutputFile() {
@@ -66,8 +64,11 @@ OutputFile::~OutputFile() {
     }
 }
 
-ErrorPtr OutputFile::_failure(int number) const {
-    return makeError(PosixErrorDomain, number, "'" + _path + "' cannot be written: " + systemText(number) + ".", _path);
+Result<void> OutputFile::_outcome(int failed) const {
+    if (failed == 0) {
+        return {};
+    }
+    return makeError(PosixErrorDomain, failed, "'" + _path + "' cannot be written: " + systemText(failed) + ".", _path);
 }
 
 int OutputFile::_open() {
@@ -119,10 +120,7 @@ int OutputFile::_openContent(const std::string& folder, mode_t mode) {
 }
 
 Result<void> OutputFile::write(std::string_view bytes) {
-    if (const int failed = writeAll(_content.get(), bytes)) {
-        return _failure(failed);
-    }
-    return {};
+    return _outcome(writeAll(_content.get(), bytes));
 }
 
 Result<void> writeOutput(const std::string& path, std::string_view bytes) {
@@ -135,25 +133,16 @@ Result<void> writeOutput(const std::string& path, std::string_view bytes) {
 }
 
 Result<void> OutputFile::finish() {
-    if (const int failed = _node.isOpen() ? _copy() : _replace()) {
-        return _failure(failed);
+    auto finished = _outcome(_node.isOpen() ? _copy() : _replace());
+    if (finished) {
+        _unfinished.clear();
     }
-    _unfinished.clear();
-    return {};
+    return finished;
 }
 
 int OutputFile::_copy() {
-    std::array<char, 1 << 16> buffer; // NOLINT(*-member-init): filled by what is read
-    for (off_t place = 0;;) {
-        const ssize_t length = ::pread(_content.get(), buffer.data(), buffer.size(), place);
-        if (length <= 0) {
-            return length < 0 ? errno : 0;
-        }
-        if (const int failed = writeAll(_node.get(), {buffer.data(), static_cast<std::size_t>(length)})) {
-            return failed;
-        }
-        place += length;
-    }
+    const int failed = ::lseek(_content.get(), 0, SEEK_SET) < 0 ? errno : 0;
+    return failed != 0 ? failed : copyAll(_content.get(), _node.get());
 }
 
 int OutputFile::_replace() {

@@ -33,12 +33,13 @@ class OutputFile {
 
   private:
     explicit OutputFile(std::string path) : _path(std::move(path)) {}
+    // Each returns zero or an errno number.
     [[nodiscard]] int _open();
     [[nodiscard]] int _openTarget();
     [[nodiscard]] int _openContent(const std::string& folder, mode_t mode);
     [[nodiscard]] int _copy();
     [[nodiscard]] int _replace();
-    [[nodiscard]] ErrorPtr _failure(int number) const;
+    [[nodiscard]] Result<void> _outcome(int failed) const;
 
     const std::string _path; // as the person wrote it
     std::string _target;     // the path without links at its end

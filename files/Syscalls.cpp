@@ -41,10 +41,6 @@ int openBeneath(int folder, const std::string& path, int flags, Descriptor& open
     return openResolved(folder, path, flags, 0, RESOLVE_BENEATH | resolve, opened);
 }
 
-int openWithoutLinks(const std::string& path, int flags, Descriptor& opened) noexcept {
-    return openResolved(AT_FDCWD, path, flags, 0, RESOLVE_NO_SYMLINKS, opened);
-}
-
 int checkIsFile(int file) noexcept {
     struct stat status {};
     if (::fstat(file, &status) != 0) {
@@ -75,16 +71,16 @@ int writeAll(int file, std::string_view bytes) noexcept {
     return 0;
 }
 
-int readAll(int file, std::size_t largestSize, std::string& bytes) {
+int readAll(int file, std::size_t maxSize, std::string& bytes) {
     struct stat status {};
     if (::fstat(file, &status) != 0) {
         return errno;
     }
-    if (static_cast<std::uint64_t>(status.st_size) > largestSize) {
+    if (static_cast<std::uint64_t>(status.st_size) > maxSize) {
         return EFBIG;
     }
     const std::size_t start = bytes.size();
-    const std::size_t limit = start + largestSize + 1; // one more byte than is taken shows that there is more
+    const std::size_t limit = start + maxSize + 1; // one more byte than is taken shows that there is more
     // Likewise the end of a file that does not change shows in the first read after it.
     std::size_t used = start;
     bytes.resize(start + static_cast<std::size_t>(status.st_size) + 1);
@@ -106,6 +102,21 @@ int readAll(int file, std::size_t largestSize, std::string& bytes) {
         }
         if (used == bytes.size()) {
             bytes.resize(std::min(limit, used * 2));
+        }
+    }
+}
+
+int copyAll(int from, int to) {
+    std::string buffer(std::size_t{1} << 18, '\0');
+    for (;;) {
+        const ssize_t count = ::read(from, buffer.data(), buffer.size());
+        if (count == 0 || (count < 0 && errno != EINTR)) {
+            return errnoOf(static_cast<int>(count));
+        }
+        if (count > 0) {
+            if (const int failed = writeAll(to, {buffer.data(), static_cast<std::size_t>(count)})) {
+                return failed;
+            }
         }
     }
 }

@@ -14,12 +14,12 @@ namespace appsync {
 /// The system's text for an errno number.
 [[nodiscard]] std::string systemText(int errorNumber);
 
-/// The result of a system call that answers -1 and sets errno: zero or an errno number.
+/// The result of a system call that returns -1 and sets errno: zero or an errno number.
 [[nodiscard]] inline int errnoOf(int result) noexcept {
     return result < 0 ? errno : 0;
 }
 
-// Each answers zero or an errno number.
+// Each returns zero or an errno number.
 
 /// Opens a path as it is seen from inside `root`: "/" is the root, and neither ".." nor a symbolic link leads above it.
 [[nodiscard]] int openInRoot(int root, const std::string& path, int flags, mode_t mode, Descriptor& opened) noexcept;
@@ -27,8 +27,6 @@ namespace appsync {
 /// flags of openat2.
 [[nodiscard]] int openBeneath(int folder, const std::string& path, int flags, Descriptor& opened,
                               unsigned resolve = 0) noexcept;
-/// Opens a path of this machine; one that leads over a symbolic link fails with ELOOP.
-[[nodiscard]] int openWithoutLinks(const std::string& path, int flags, Descriptor& opened) noexcept;
 /// As flags of an opening: what is opened for its bytes must not be waited for or become the terminal.
 inline constexpr int withoutWaiting = O_NONBLOCK | O_NOCTTY;
 /// Zero for a regular file, EISDIR for a folder, ENXIO for a pipe, a socket or a device.
@@ -36,7 +34,9 @@ inline constexpr int withoutWaiting = O_NONBLOCK | O_NOCTTY;
 /// Where an open file or folder stands on this machine at present; empty when that cannot be found out.
 [[nodiscard]] std::string hostPathOf(int opened);
 [[nodiscard]] int writeAll(int file, std::string_view bytes) noexcept;
-/// Appends the rest of a file. EFBIG when that is more than `largestSize` bytes.
-[[nodiscard]] int readAll(int file, std::size_t largestSize, std::string& bytes);
+/// Appends the rest of a file. EFBIG when that is more than `maxSize` bytes.
+[[nodiscard]] int readAll(int file, std::size_t maxSize, std::string& bytes);
+/// Writes the rest of a file to another.
+[[nodiscard]] int copyAll(int from, int to);
 
 } // namespace appsync

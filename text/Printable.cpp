@@ -4,6 +4,8 @@
 
 #include <utf8proc.h>
 
+#include <cassert>
+
 namespace appsync {
 
 namespace {
@@ -39,6 +41,7 @@ bool isPrintable(char32_t c) noexcept {
 }
 
 char32_t takeCharacter(std::string_view& text) noexcept {
+    assert(!text.empty());
     constexpr char32_t replacement = 0xFFFD;
     const std::size_t length = characterLength(text);
     utf8proc_int32_t character = replacement;
@@ -51,6 +54,7 @@ char32_t takeCharacter(std::string_view& text) noexcept {
 }
 
 std::string printable(std::string_view text, std::size_t limit) {
+    assert(limit != 0);
     std::string out;
     for (std::size_t count = 0; !text.empty(); ++count) {
         if (count == limit) {

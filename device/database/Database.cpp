@@ -1,33 +1,131 @@
 #include "device/database/Database.h"
 
-#include "device/database/DatabaseConnection.h"
-#include "device/root/PosixError.h"
+#include "device/database/DatabaseFiles.h"
+#include "device/root/Root.h"
 #include "files/Syscalls.h"
+
+#include <sqlite3.h>
+#include <unistd.h>
 
 namespace appsync::device {
 
-Result<std::unique_ptr<Database>> Database::open(const std::string& path, std::shared_ptr<FaultPoint> faultPoint) {
-    Descriptor folder;
-    const std::string parent = path.substr(0, path.rfind('/') + 1);
-    if (const int failed = openWithoutLinks(parent.empty() ? "." : parent, O_PATH | O_DIRECTORY, folder)) {
-        return makePosixError(failed, "opening the folder of the database", path);
+namespace {
+
+/// Number of the layout that this file describes: the table of the services' versions.
+constexpr std::int64_t formatVersion = 1;
+
+/// The write-ahead log without shared memory: this process is the only one that reads or writes. A database from
+/// elsewhere can hold nothing that runs functions on its own.
+constexpr const char* settings = "PRAGMA locking_mode=EXCLUSIVE;"
+                                 "PRAGMA journal_mode=WAL;"
+                                 "PRAGMA synchronous=NORMAL;"
+                                 "PRAGMA journal_size_limit=8388608;"
+                                 "PRAGMA foreign_keys=ON;"
+                                 "PRAGMA trusted_schema=OFF;"
+                                 "PRAGMA cell_size_check=ON;"
+                                 "PRAGMA temp_store=MEMORY;";
+
+constexpr const char* versionTable = "CREATE TABLE IF NOT EXISTS service_versions ("
+                                     "service TEXT PRIMARY KEY, version INTEGER NOT NULL) WITHOUT ROWID;"
+                                     "PRAGMA user_version=1;";
+
+DatabaseError classify(int code) {
+    switch (code & 0xff) {
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB: return DatabaseError::damaged;
+    case SQLITE_FULL: return DatabaseError::full;
+    default: return DatabaseError::failed;
     }
-    return open(std::move(folder), path, std::move(faultPoint));
 }
 
-Result<std::unique_ptr<Database>> Database::open(Descriptor folder, const std::string& path,
-                                                 std::shared_ptr<FaultPoint> faultPoint) {
-    auto connection = std::make_unique<DatabaseConnection>(std::move(folder), path, std::move(faultPoint));
-    if (ErrorPtr error = connection->open()) {
-        return error;
+std::string_view remedy(int code) {
+    if (code == SQLITE_CANTOPEN_ISDIR) {
+        return "; the file, or one beside it whose name begins alike, is a link, a pipe or something else that is no "
+               "file: move that away";
     }
-    return std::unique_ptr<Database>(new Database(path, std::move(connection)));
+    switch (code & 0xff) {
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+        return "; the file is damaged: put a copy of it back, or move it and the files beside it whose names begin "
+               "alike "
+               "away, which makes the device forget its apps";
+    case SQLITE_FULL: return "; free some space on the device's disk and try again";
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED: return "; another program has the database open, end it";
+    case SQLITE_CANTOPEN:
+    case SQLITE_READONLY: return "; check the permissions of the file and its folder";
+    default: return {};
+    }
 }
 
-Database::Database(std::string path, std::unique_ptr<DatabaseConnection> connection)
-    : _path(std::move(path)), _connection(std::move(connection)) {}
+} // namespace
 
-Database::~Database() = default;
+Result<std::unique_ptr<Database>> Database::open(Root& root) {
+    auto folder = root.openDatabaseFolder();
+    if (!folder) {
+        return folder.error();
+    }
+    std::unique_ptr<Database> database(
+        new Database(std::move(*folder), root.databasePath(), root.files().faultPoint()));
+    if (const auto opened = database->_open(); !opened) {
+        return opened.error();
+    }
+    return database;
+}
+
+Result<void> Database::_open() noexcept {
+    const std::string path =
+        "/proc/self/fd/" + std::to_string(_folder.get()) + "/" + _path.substr(_path.rfind('/') + 1);
+    const bool wasInterrupted = ::access((path + "-wal").c_str(), F_OK) == 0; // closing removes the log
+    constexpr int flags =
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
+    if (const int code = sqlite3_open_v2(path.c_str(), &_handle, flags, databaseFiles()); code != SQLITE_OK) {
+        _fail(code, "opening it");
+        return _failure;
+    }
+    sqlite3_db_config(_handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(_handle, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
+    _execute(settings);
+    _checkVersion();
+    if (wasInterrupted) {
+        _checkContent();
+    }
+    return _failure;
+}
+
+void Database::_checkVersion() {
+    sqlite3_stmt* query = _prepare("PRAGMA user_version", {}, false);
+    const std::int64_t version = _step(query) ? sqlite3_column_int64(query, 0) : 0;
+    _release(query);
+    if (version > formatVersion) {
+        _fail(DatabaseError::newerSchema, "it has format " + std::to_string(version) +
+                                              ", this program knows formats up to " + std::to_string(formatVersion) +
+                                              "; use the later program");
+    } else if (version < formatVersion) {
+        _execute(std::string("BEGIN;") + versionTable + "COMMIT;");
+    }
+}
+
+void Database::_checkContent() {
+    sqlite3_stmt* query = _prepare("PRAGMA quick_check(1)", {}, false);
+    std::string found = "it cannot be checked";
+    if (_step(query)) {
+        found = reinterpret_cast<const char*>(sqlite3_column_text(query, 0));
+    }
+    _release(query);
+    if (found != "ok") {
+        _fail(SQLITE_CORRUPT, "checking it (" + found + ")");
+    }
+}
+
+Database::~Database() {
+    for (const auto& [text, statements] : _idleStatements) {
+        for (sqlite3_stmt* statement : statements) {
+            sqlite3_finalize(statement);
+        }
+    }
+    sqlite3_close(_handle);
+}
 
 Result<void> Database::registerSchema(std::string_view service, std::span<const std::string_view> steps) {
     Transaction transaction(*this);
@@ -39,72 +137,172 @@ Result<void> Database::registerSchema(std::string_view service, std::span<const 
         }
     }
     if (version > steps.size()) {
-        return _connection->makeFailure(DatabaseError::newerSchema,
-                                        "its tables of \"" + std::string(service) + "\" have version " +
-                                            std::to_string(version) + ", this program knows versions up to " +
-                                            std::to_string(steps.size()) + "; use the later program");
+        _fail(DatabaseError::newerSchema, "its tables of \"" + std::string(service) + "\" have version " +
+                                              std::to_string(version) + ", this program knows versions up to " +
+                                              std::to_string(steps.size()) + "; use the later program");
     }
-    if (version == steps.size()) {
+    if (version >= steps.size()) {
         return transaction.error();
     }
     for (const std::string_view step : steps.subspan(version)) {
-        _connection->execute(std::string(step));
+        _execute(std::string(step));
     }
     transaction.run("INSERT INTO service_versions VALUES (?1, ?2) ON CONFLICT DO UPDATE SET version = ?2", service,
                     steps.size());
     return transaction.commit();
 }
 
-Database::Transaction::Transaction(Database& database, Durability durability) noexcept
-    : _lock(database._mutex), _connection(*database._connection) {
-    _connection.begin(durability);
+sqlite3_stmt* Database::_prepare(std::string_view sql, std::span<const SqlValue> arguments,
+                                 bool copyArguments) noexcept {
+    if (_failure) {
+        return nullptr;
+    }
+    sqlite3_stmt* statement = nullptr;
+    if (const auto idle = _idleStatements.find(sql); idle != _idleStatements.end() && !idle->second.empty()) {
+        statement = idle->second.back();
+        idle->second.pop_back();
+    } else if (const int code = sqlite3_prepare_v3(_handle, sql.data(), static_cast<int>(sql.size()),
+                                                   SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+               code != SQLITE_OK) {
+        _fail(code, sql);
+        return nullptr;
+    }
+    if (const int code = _bind(statement, arguments, copyArguments); code != SQLITE_OK) {
+        _fail(code, sql);
+        _release(statement);
+        return nullptr;
+    }
+    return statement;
+}
+
+int Database::_bind(sqlite3_stmt* statement, std::span<const SqlValue> arguments, bool copy) noexcept {
+    const auto keep = copy ? SQLITE_TRANSIENT : SQLITE_STATIC;
+    int number = 0;
+    for (const SqlValue& argument : arguments) {
+        ++number;
+        const auto& value = argument.value();
+        int code = SQLITE_OK;
+        if (const auto* whole = std::get_if<std::int64_t>(&value)) {
+            code = sqlite3_bind_int64(statement, number, *whole);
+        } else if (const auto* real = std::get_if<double>(&value)) {
+            code = sqlite3_bind_double(statement, number, *real);
+        } else if (const auto* text = std::get_if<std::string_view>(&value)) {
+            code = sqlite3_bind_text64(statement, number, text->data() ? text->data() : "", text->size(), keep,
+                                       SQLITE_UTF8);
+        } else if (const auto* data = std::get_if<SqlValue::Bytes>(&value)) {
+            const char* start = data->bytes.data() ? data->bytes.data() : "";
+            code = sqlite3_bind_blob64(statement, number, start, data->bytes.size(), keep);
+        } else {
+            code = sqlite3_bind_null(statement, number);
+        }
+        if (code != SQLITE_OK) {
+            return code;
+        }
+    }
+    return number == sqlite3_bind_parameter_count(statement) ? SQLITE_OK : SQLITE_RANGE;
+}
+
+bool Database::_step(sqlite3_stmt* statement) noexcept {
+    if (!statement || _failure) {
+        return false;
+    }
+    const int code = sqlite3_step(statement);
+    if (code != SQLITE_ROW && code != SQLITE_DONE) {
+        _fail(code, sqlite3_sql(statement));
+    }
+    return code == SQLITE_ROW;
+}
+
+void Database::_run(std::string_view sql, std::span<const SqlValue> arguments) noexcept {
+    sqlite3_stmt* statement = _prepare(sql, arguments, false);
+    (void)_step(statement);
+    _release(statement);
+}
+
+void Database::_release(sqlite3_stmt* statement) noexcept {
+    if (!statement) {
+        return;
+    }
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement);
+    _idleStatements[sqlite3_sql(statement)].push_back(statement);
+}
+
+void Database::_execute(const std::string& sql) noexcept {
+    if (_failure) {
+        return;
+    }
+    if (const int code = sqlite3_exec(_handle, sql.c_str(), nullptr, nullptr, nullptr); code != SQLITE_OK) {
+        _fail(code, sql);
+    }
+}
+
+void Database::_fail(int code, std::string_view what) noexcept {
+    std::string text(what.substr(0, 120));
+    text.append(": ").append(_handle ? sqlite3_errmsg(_handle) : sqlite3_errstr(code));
+    const int systemError = _handle ? sqlite3_system_errno(_handle) : 0;
+    if ((code & 0xff) == SQLITE_IOERR && systemError != 0) {
+        text.append(" (").append(systemText(systemError)).append(")");
+    }
+    _fail(classify(code), text.append(remedy(code)));
+}
+
+void Database::_fail(DatabaseError code, const std::string& text) noexcept {
+    if (!_failure) {
+        _failure = makeError(DatabaseErrorDomain, static_cast<std::int64_t>(code),
+                             "the database " + _path + ": " + text, _path);
+    }
+}
+
+Database::Transaction::Transaction(Database& database, Durability durability) noexcept : _database(database) {
+    _database._mutex.lock();
+    _database._failure = nullptr;
+    if (durability != _database._durability) { // cannot be changed inside a transaction
+        _database._execute(durability == Durability::durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+        _database._durability = durability;
+    }
+    _database._run("BEGIN");
 }
 
 Database::Transaction::~Transaction() {
-    if (!_ended) {
-        _connection.rollBack();
+    if (sqlite3_get_autocommit(_database._handle) == 0) { // not committed
+        sqlite3_exec(_database._handle, "ROLLBACK", nullptr, nullptr, nullptr);
     }
-}
-
-std::int64_t Database::Transaction::changes() const noexcept {
-    return sqlite3_changes64(_connection.handle());
-}
-
-std::int64_t Database::Transaction::lastRowIdentifier() const noexcept {
-    return sqlite3_last_insert_rowid(_connection.handle());
-}
-
-const ErrorPtr& Database::Transaction::error() const noexcept {
-    return _connection.failure();
+    _database._mutex.unlock();
 }
 
 Result<void> Database::Transaction::commit() noexcept {
-    _ended = true;
-    return _connection.commit();
+    if (const int failed = error() ? 0 : beforeChange(_database._faultPoint, "commit", _database._path)) {
+        _database._fail(DatabaseError::failed, "committing: " + systemText(failed));
+    }
+    _database._run("COMMIT");
+    return error();
+}
+
+std::int64_t Database::Transaction::lastRowIdentifier() const noexcept {
+    return sqlite3_last_insert_rowid(_database._handle);
 }
 
 void Database::Transaction::_run(std::string_view sql, std::span<const SqlValue> arguments) noexcept {
-    sqlite3_stmt* statement = _connection.prepare(sql, arguments, false);
-    (void)_connection.step(statement);
-    _connection.release(statement);
+    _database._run(sql, arguments);
 }
 
 Database::Rows Database::Transaction::_query(std::string_view sql, std::span<const SqlValue> arguments) noexcept {
-    return Rows(_connection, _connection.prepare(sql, arguments, true));
+    return Rows(_database, _database._prepare(sql, arguments, true));
 }
 
 Database::Rows::Rows(Rows&& other) noexcept
-    : _connection(other._connection), _statement(std::exchange(other._statement, nullptr)) {}
+    : _database(other._database), _statement(std::exchange(other._statement, nullptr)) {}
 
 Database::Rows::~Rows() {
-    _connection.release(_statement);
+    _database._release(_statement);
 }
 
 bool Database::Rows::next() noexcept {
-    if (_connection.step(_statement)) {
+    if (_database._step(_statement)) {
         return true;
     }
-    _connection.release(std::exchange(_statement, nullptr)); // a finished statement must not hold up the commit
+    _database._release(std::exchange(_statement, nullptr)); // a finished statement must not hold up the commit
     return false;
 }
 

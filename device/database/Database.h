@@ -1,6 +1,7 @@
 // The device's database: one SQLite file, one connection, typed access.
 #pragma once
 
+#include "concurrency/Mutex.h"
 #include "device/root/FaultPoint.h"
 #include "files/Descriptor.h"
 #include "values/PropertyList.h"
@@ -9,18 +10,20 @@
 #include <concepts>
 #include <initializer_list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <variant>
+#include <vector>
 
+struct sqlite3;
 struct sqlite3_stmt;
 
 namespace appsync::device {
 
-class DatabaseConnection;
+class Root;
 
 inline constexpr std::string_view DatabaseErrorDomain = "DeviceDatabase";
 enum class DatabaseError : std::int64_t {
@@ -58,7 +61,9 @@ class SqlValue {
     std::variant<std::monostate, std::int64_t, double, std::string_view, Bytes> _value;
 };
 
-/// Every operation may be called on any thread. While a `Transaction` exists, those of other threads wait.
+/// Every operation may be called on any thread. While a `Transaction` exists, those of other threads wait. The compiler
+/// sees that a transaction holds the database, and so refuses nested ones; what it holds is not annotated, since a
+/// transaction's operations cannot be told that its database is the one that it was made with.
 class Database {
   public:
     class Transaction;
@@ -84,23 +89,23 @@ class Database {
 
       private:
         friend class Transaction;
-        Rows(DatabaseConnection& connection, sqlite3_stmt* statement) noexcept
-            : _connection(connection), _statement(statement) {}
-        DatabaseConnection& _connection;
+        Rows(Database& database, sqlite3_stmt* statement) noexcept : _database(database), _statement(statement) {}
+        Database& _database;
         sqlite3_stmt* _statement; // null after a failure
     };
 
     /// Statements that take effect together. After the first failure the rest do nothing, and `commit` reports it.
     /// Not to be nested on one thread; keep it short.
-    class Transaction {
+    class SCOPED_CAPABILITY Transaction {
       public:
-        explicit Transaction(Database& database, Durability durability = Durability::ordinary) noexcept;
+        explicit Transaction(Database& database, Durability durability = Durability::ordinary) noexcept
+            ACQUIRE(database._mutex);
         /// Rolls back what has not been committed.
-        ~Transaction();
+        ~Transaction() RELEASE();
         Transaction(const Transaction&) = delete;
         Transaction& operator=(const Transaction&) = delete;
 
-        /// Runs a statement that answers no rows.
+        /// Runs a statement that has no rows.
         template <class... Arguments> void run(std::string_view sql, const Arguments&... arguments) noexcept {
             _run(sql, std::initializer_list<SqlValue>{SqlValue(arguments)...});
         }
@@ -108,29 +113,21 @@ class Database {
         [[nodiscard]] Rows query(std::string_view sql, const Arguments&... arguments) noexcept {
             return _query(sql, std::initializer_list<SqlValue>{SqlValue(arguments)...});
         }
-        /// Rows that the last `run` inserted, changed or deleted.
-        [[nodiscard]] std::int64_t changes() const noexcept;
         [[nodiscard]] std::int64_t lastRowIdentifier() const noexcept;
         /// The first failure; null while there was none.
-        [[nodiscard]] const ErrorPtr& error() const noexcept;
+        [[nodiscard]] const ErrorPtr& error() const noexcept { return _database._failure; }
         [[nodiscard]] Result<void> commit() noexcept;
 
       private:
         void _run(std::string_view sql, std::span<const SqlValue> arguments) noexcept;
         Rows _query(std::string_view sql, std::span<const SqlValue> arguments) noexcept;
 
-        std::unique_lock<std::mutex> _lock;
-        DatabaseConnection& _connection;
-        bool _ended = false;
+        Database& _database;
     };
 
-    /// Opens the database at a path of this machine, which must not lead through symbolic links, and makes it when
-    /// there is none. Other processes cannot use it meanwhile.
-    [[nodiscard]] static Result<std::unique_ptr<Database>> open(const std::string& path,
-                                                                std::shared_ptr<FaultPoint> faultPoint = nullptr);
-    /// Likewise, in an opened folder: it stays there whatever becomes of the path, whose last part is the file's name.
-    [[nodiscard]] static Result<std::unique_ptr<Database>> open(Descriptor folder, const std::string& path,
-                                                                std::shared_ptr<FaultPoint> faultPoint = nullptr);
+    /// Opens a device's database, and makes it when there is none. Other processes cannot use it meanwhile. The root
+    /// must outlive it.
+    [[nodiscard]] static Result<std::unique_ptr<Database>> open(Root& root);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
@@ -139,14 +136,44 @@ class Database {
     /// n to n + 1; steps that have been done are not done again, so that a released step must never change. To be
     /// called by each service when it is made.
     [[nodiscard]] Result<void> registerSchema(std::string_view service, std::span<const std::string_view> steps);
-    [[nodiscard]] const std::string& path() const noexcept { return _path; }
 
   private:
-    Database(std::string path, std::unique_ptr<DatabaseConnection> connection);
+    struct TextHash : std::hash<std::string_view> {
+        using is_transparent = void;
+    };
 
-    const std::string _path;
-    std::mutex _mutex; // held by the present transaction
-    std::unique_ptr<DatabaseConnection> _connection;
+    Database(Descriptor folder, std::string path, FaultPoint* faultPoint)
+        : _folder(std::move(folder)), _path(std::move(path)), _faultPoint(faultPoint) {}
+    [[nodiscard]] Result<void> _open() noexcept;
+
+    // After a failure none of these does anything.
+
+    /// A statement with its arguments bound; null after a failure. With `copyArguments` they need not outlive the call.
+    [[nodiscard]] sqlite3_stmt* _prepare(std::string_view sql, std::span<const SqlValue> arguments,
+                                         bool copyArguments) noexcept;
+    [[nodiscard]] int _bind(sqlite3_stmt* statement, std::span<const SqlValue> arguments, bool copy) noexcept;
+    /// Whether there is a (next) row.
+    [[nodiscard]] bool _step(sqlite3_stmt* statement) noexcept;
+    /// Runs a statement to its first row.
+    void _run(std::string_view sql, std::span<const SqlValue> arguments = {}) noexcept;
+    /// Runs any number of statements.
+    void _execute(const std::string& sql) noexcept;
+    void _fail(int code, std::string_view what) noexcept;
+    void _fail(DatabaseError code, const std::string& text) noexcept;
+
+    /// Keeps a statement for the next use of the same text.
+    void _release(sqlite3_stmt* statement) noexcept;
+    void _checkVersion();
+    void _checkContent();
+
+    const Descriptor _folder;
+    const std::string _path; // on this machine, for messages
+    FaultPoint* const _faultPoint;
+    Mutex _mutex; // held by the present transaction, which alone uses the rest
+    sqlite3* _handle = nullptr;
+    std::unordered_map<std::string, std::vector<sqlite3_stmt*>, TextHash, std::equal_to<>> _idleStatements;
+    ErrorPtr _failure; // the first of the present transaction
+    Durability _durability = Durability::ordinary;
 };
 
 } // namespace appsync::device

@@ -1,7 +1,6 @@
 #include "device/log/LogFile.h"
 
 #include "device/root/DeviceFileSystem.h"
-#include "device/root/PosixError.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

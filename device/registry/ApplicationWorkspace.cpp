@@ -1,7 +1,6 @@
 #include "device/registry/ApplicationWorkspace.h"
 
 #include "archive/InstallerError.h"
-#include "device/registry/RegistryImplementation.h"
 
 namespace appsync::device {
 
@@ -21,63 +20,39 @@ std::optional<std::uint64_t> installTypeIn(const Dictionary& options) {
     return type ? type->unsignedInteger() : std::nullopt;
 }
 
-/// Calls `visit` for each record of a bundle type until it answers false. On the home screen an app has one icon,
-/// whether or not an update is under way; everywhere else its placeholder counts by itself.
-void visitRecords(const std::vector<RegistryTable::App>& apps, std::uint64_t type,
-                  const std::function<bool(const RegistryRecordPtr&)>& visit) {
-    for (const RegistryTable::App& app : apps) {
-        const bool isSystem = (app.installed ? app.installed : app.placeholder)->isSystem;
-        if ((type == PDBundleTypeInstalled && isSystem) || (type == PDBundleTypeSystem && !isSystem)) {
-            continue;
-        }
-        if (app.installed && !visit(app.installed)) {
-            return;
-        }
-        const bool isShownAlready = type == PDBundleTypeInstalled && app.installed;
-        if (app.placeholder && !isShownAlready && !visit(app.placeholder)) {
-            return;
-        }
-    }
-}
-
 } // namespace
 
 void ApplicationWorkspace::letReturn(std::string_view bundleIdentifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _returning.emplace(bundleIdentifier);
 }
 
 bool ApplicationWorkspace::_isListed(const RegistryRecord& record) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     return !record.isDemoted() || !_returning.contains(record.identifier);
 }
 
 void ApplicationWorkspace::_begin(std::string_view bundleIdentifier) {
-    const std::lock_guard lock(_mutex);
+    const Lock lock(_mutex);
     _underWay.emplace(bundleIdentifier);
 }
 
 /// The app's install is not under way any more; whether it was.
 bool ApplicationWorkspace::_end(std::string_view bundleIdentifier) {
-    const std::lock_guard lock(_mutex);
-    const auto found = _underWay.find(bundleIdentifier);
-    const bool wasUnderWay = found != _underWay.end();
-    if (wasUnderWay) {
-        _underWay.erase(found);
-    }
-    return wasUnderWay;
+    const Lock lock(_mutex);
+    return _underWay.erase(std::string(bundleIdentifier)) > 0;
 }
 
 void ApplicationWorkspace::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
-    _registry._implementation->announcer().addObserver(observer);
+    _registry.announcer().addObserver(observer);
 }
 
 void ApplicationWorkspace::removeObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
-    _registry._implementation->announcer().removeObserver(observer);
+    _registry.announcer().removeObserver(observer);
 }
 
 bool ApplicationWorkspace::applicationIsInstalled(std::string_view bundleIdentifier) noexcept {
-    return _registry._implementation->table().find(bundleIdentifier).has_value();
+    return _registry.table().find(bundleIdentifier).isKnown();
 }
 
 bool ApplicationWorkspace::installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
@@ -150,25 +125,29 @@ void ApplicationWorkspace::enumerateBundlesOfType_block(
         return;
     }
     bool stop = false;
-    visitRecords(_registry._implementation->table().all(), type, [&](const RegistryRecordPtr& record) {
-        if (!_isListed(*record)) {
-            return true;
+    for (const RegistryTable::App& app : _registry.table().all()) {
+        const bool isSystem = app.main()->isSystem;
+        if ((type == PDBundleTypeInstalled && isSystem) || (type == PDBundleTypeSystem && !isSystem)) {
+            continue;
         }
-        const bool isListedApart =
-            !_coordinationIsEnabled && record->isPlaceholder && record->installType == PDInstallTypeRestore;
-        block(_registry._implementation->proxy(record, isListedApart ? restoreListPrefix : ""), stop);
-        return !stop;
-    });
+        // On the home screen an app has one icon, whether or not an update is under way; everywhere else its
+        // placeholder counts by itself.
+        const bool hasOneIcon = type == PDBundleTypeInstalled && app.installed;
+        for (const RegistryRecordPtr& record : {app.installed, hasOneIcon ? nullptr : app.placeholder}) {
+            if (record && !stop && _isListed(*record)) {
+                const bool isListedApart =
+                    !_coordinationIsEnabled && record->isPlaceholder && record->installType == PDInstallTypeRestore;
+                block(_registry.proxy(record, isListedApart ? restoreListPrefix : ""), stop);
+            }
+        }
+    }
 }
 
 PDApplicationProxyPtr ApplicationWorkspace::applicationProxyForIdentifier_placeholder(std::string_view bundleIdentifier,
                                                                                       bool placeholder) noexcept {
-    const auto app = _registry._implementation->table().find(bundleIdentifier);
-    if (!app) {
-        return nullptr;
-    }
-    const RegistryRecordPtr& record = placeholder && app->placeholder ? app->placeholder : app->installed;
-    return record ? _registry._implementation->proxy(record) : nullptr;
+    const auto app = _registry.table().find(bundleIdentifier);
+    const RegistryRecordPtr& record = placeholder && app.placeholder ? app.placeholder : app.installed;
+    return record ? _registry.proxy(record) : nullptr;
 }
 
 } // namespace appsync::device

@@ -2,16 +2,9 @@
 #pragma once
 
 #include "device/registry/Registry.h"
-#include "platform/ApplicationRegistry.h"
 #include "platform/Log.h"
 
-#include <mutex>
-#include <set>
-#include <string>
-
 namespace appsync::device {
-
-struct RegistryRecord;
 
 /// Removals made through it count as the sync's, not a person's.
 class ApplicationWorkspace final : public PDApplicationWorkspace,
@@ -19,7 +12,7 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
                                    public PDApplicationProxyClass {
   public:
     /// The registry must outlive the workspace and every proxy and progress object handed out, `log` the workspace. The
-    /// log gets the reasons of removals that fail, for which the platform's answer has no room; it may be null.
+    /// log gets the reasons of removals that fail, for which the platform's operation has no room; it may be null.
     explicit ApplicationWorkspace(Registry& registry, HostLog* log = nullptr, bool coordinationIsEnabled = true)
         : _registry(registry), _log(log), _coordinationIsEnabled(coordinationIsEnabled) {}
 
@@ -45,7 +38,7 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
     void letReturn(std::string_view bundleIdentifier);
 
     [[nodiscard]] PDApplicationWorkspace& defaultWorkspace() noexcept override { return *this; }
-    /// With `placeholder`, an app that has both is answered by its placeholder.
+    /// With `placeholder`, of an app that has both the placeholder.
     [[nodiscard]] PDApplicationProxyPtr applicationProxyForIdentifier_placeholder(std::string_view bundleIdentifier,
                                                                                   bool placeholder) noexcept override;
 
@@ -57,9 +50,9 @@ class ApplicationWorkspace final : public PDApplicationWorkspace,
     Registry& _registry;
     HostLog* const _log;
     const bool _coordinationIsEnabled;
-    std::mutex _mutex;                             // guards the rest
-    std::set<std::string, std::less<>> _underWay;  // apps that have an install under way
-    std::set<std::string, std::less<>> _returning; // demoted apps that are to come back
+    Mutex _mutex;
+    std::set<std::string, std::less<>> _underWay GUARDED_BY(_mutex);  // apps that have an install under way
+    std::set<std::string, std::less<>> _returning GUARDED_BY(_mutex); // demoted apps that are to come back
 };
 
 } // namespace appsync::device

@@ -1,119 +1,84 @@
 // Installing an app from an archive: unpack, make durable, register, and only then let the old version go.
-#include "device/registry/RegistryImplementation.h"
-
 #include "archive/InstallerError.h"
+#include "device/archive/Extraction.h"
+#include "device/registry/Registry.h"
 #include "device/registry/UninstalledList.h"
+#include "device/root/Container.h"
+#include "device/root/DeviceFileSystem.h"
 
 #include <fcntl.h>
 
-#include <optional>
-
 namespace appsync::device {
 
-namespace {
-
-/// Ends the install's progress as cancelled, failed or finished.
-class ProgressScope {
+class Registry::ArchiveInstall {
   public:
-    ProgressScope(std::shared_ptr<InstallProgress> progress, const std::stop_source& cancellation)
-        : _progress(std::move(progress)) {
-        _progress->begin(PDInstallPhaseInstalling, cancellation);
-        _progress->setTotalUnitCount(unitCount);
-    }
-    ~ProgressScope() {
-        _progress->detach();
-        _progress->setInstallState(_finalState);
-    }
-    ProgressScope(const ProgressScope&) = delete;
-    ProgressScope& operator=(const ProgressScope&) = delete;
-
-    void report(double fraction) {
-        _progress->setCompletedUnitCount(static_cast<std::int64_t>(fraction * static_cast<double>(unitCount)));
-    }
-    void end(const ErrorPtr& error) {
-        _finalState = !error                                                              ? PDInstallStateFinished
-                      : isError(error, TVInstallerErrorDomain, InstallerError::cancelled) ? PDInstallStateCanceled
-                                                                                          : PDInstallStateFailed;
-    }
-    [[nodiscard]] const InstallProgress& progress() const noexcept { return *_progress; }
-
-  private:
-    static constexpr std::int64_t unitCount = 1000;
-    const std::shared_ptr<InstallProgress> _progress;
-    std::uint64_t _finalState = PDInstallStateFailed;
-};
-
-} // namespace
-
-class Registry::Implementation::ArchiveInstall {
-  public:
-    ArchiveInstall(Implementation& registry, const ArchiveRequest& request, std::stop_token cancel,
+    ArchiveInstall(Registry& registry, const ArchiveRequest& request, std::stop_token cancel,
                    std::function<void(double)> progress)
-        : _registry(registry), _request(request), _cancel(std::move(cancel)), _progress(std::move(progress)),
-          _before(registry._table.find(request.identifier).value_or(RegistryTable::App{})) {}
+        : _registry(registry), _files(registry._files), _request(request), _cancel(std::move(cancel)),
+          _progress(std::move(progress)), _before(registry._table.find(request.identifier)) {}
 
-    ErrorPtr run() {
-        auto container = Container::make(_registry._files);
+    Result<void> run() {
+        auto container = Container::make(_files);
         if (!container) {
             return _failure(container.error());
         }
         for (const auto step :
              {&ArchiveInstall::_unpack, &ArchiveInstall::_writeCompanions, &ArchiveInstall::_register}) {
-            if (ErrorPtr error = (this->*step)(*container)) {
-                return error;
+            if (auto done = (this->*step)(*container); !done) {
+                return done;
             }
         }
-        container->keep();
-        _replace();
-        return nullptr;
+        _registry._table.install(_record, _arrival);
+        for (const RegistryRecordPtr& old : {_before.installed, _before.placeholder}) {
+            if (old) {
+                _files.removeItem(old->containerPath(), nullptr); // what stays is cleared away at the next start
+            }
+        }
+        return {};
     }
 
   private:
     [[nodiscard]] ErrorPtr _failure(const ErrorPtr& reason) const {
-        return installerFailure("install " + _request.identifier, reason, _request.archivePath);
+        return _makeFailure("install " + _request.identifier, reason, _request.archivePath);
     }
 
-    ErrorPtr _unpack(Container& container) {
-        const auto archive = _registry._files.open(_request.archivePath, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    Result<void> _unpack(Container& container) {
+        const auto archive = _files.open(_request.archivePath, O_RDONLY | O_NONBLOCK | O_NOCTTY);
         if (!archive) {
             return makeInstallerError(InstallerError::archiveMissing,
                                       "cannot install " + _request.identifier + ": " + errorText(archive.error()),
                                       _request.archivePath);
         }
-        const auto freeSpace = _registry._files.freeSpace();
+        const auto freeSpace = _files.freeSpace();
         const ExtractionRequest extraction{archive->get(),      _request.archivePath,
                                            _request.identifier, freeSpace ? std::optional(*freeSpace) : std::nullopt,
                                            _progress,           _cancel,
                                            !_request.metadata};
         auto unpacked = extractApplication(extraction, container.folder(), _registry._options.limits,
-                                           _registry._propertyLists, _registry._files.faultPoint());
-        if (!unpacked) {
-            return unpacked.error();
+                                           _registry._propertyLists, _files.faultPoint());
+        if (unpacked) {
+            _unpacked = std::move(*unpacked);
         }
-        _unpacked = std::move(*unpacked);
-        return nullptr;
+        return unpacked.error();
     }
 
     /// The store's files beside the app; what neither request nor archive brings is taken from the placeholder.
-    ErrorPtr _writeCompanions(Container& container) {
-        std::optional<Data> metadata = _request.metadata    ? _request.metadata
-                                       : _unpacked.metadata ? std::nullopt
-                                                            : _ofPlaceholder(metadataFileName);
-        _sinf = _request.sinf ? _request.sinf : _ofPlaceholder(sinfFileName);
-        for (const auto& [name, content] : {std::tie(metadataFileName, metadata), std::tie(sinfFileName, _sinf)}) {
-            if (!content) {
-                continue;
-            }
-            if (const auto written = container.writeFile(name, content->bytes()); !written) {
-                return _failure(written.error());
-            }
+    Result<void> _writeCompanions(Container& container) {
+        std::optional<Data> metadata = _request.metadata;
+        if (!metadata && !_unpacked.metadata) {
+            metadata = _ofPlaceholder(metadataFileName);
         }
-        return nullptr;
+        _sinf = _request.sinf ? _request.sinf : _ofPlaceholder(sinfFileName);
+        auto written = container.writeFile(metadataFileName, metadata);
+        if (written) {
+            written = container.writeFile(sinfFileName, _sinf);
+        }
+        return written ? written : _failure(written.error());
     }
 
     [[nodiscard]] std::optional<Data> _ofPlaceholder(std::string_view file) const {
         return _before.placeholder
-                   ? _registry._files.readFile(_before.placeholder->containerPath() + "/" + std::string(file), nullptr)
+                   ? _files.readFile(_before.placeholder->containerPath() + "/" + std::string(file), nullptr)
                    : std::nullopt;
     }
 
@@ -127,44 +92,27 @@ class Registry::Implementation::ArchiveInstall {
         record.container = container;
         record.bundle = _unpacked.bundleName;
         record.bytes = _unpacked.bytes;
-        record.hasDeviceSinf = _registry._isDeviceSinf(_sinf);
-        _registry._describe(record, _unpacked.info);
+        _registry._describe(record, _unpacked.info, _sinf);
         return std::make_shared<const RegistryRecord>(std::move(record));
     }
 
     /// From here on the install cannot be cancelled: it takes effect in one transaction, or not at all.
-    ErrorPtr _register(Container& container) {
+    Result<void> _register(Container& container) {
         if (_cancel.stop_requested()) {
             return makeCancelledError(_request.identifier, _request.archivePath);
         }
-        if (const auto moved = container.putInPlace(); !moved) {
-            return _failure(moved.error());
-        }
         _record = _makeRecord(container.name());
-        _arrival = _before.arrival != 0 ? _before.arrival : _registry._table.takeArrival();
-        const auto committed = _registry._groupCommit.commit([this](Database::Transaction& transaction) {
-            RegistryStore::put(transaction, *_record, _arrival);
-            RegistryStore::remove(transaction, _record->identifier, true);
+        _arrival = _registry._table.arrivalOf(_before);
+        const auto entered = _registry._enter(container, Durability::durable, [this](auto& transaction) {
+            RegistryTable::write(transaction, *_record, _arrival);
+            RegistryTable::erase(transaction, _record->identifier, true);
             UninstalledList::remove(transaction, _record->identifier);
         });
-        if (isError(committed.error(), DatabaseErrorDomain, DatabaseError::failed)) {
-            // It may have reached the disk all the same. What stands at the next start decides which container goes.
-            container.keep();
-        }
-        return committed ? nullptr : _failure(committed.error());
+        return entered ? entered : _failure(entered.error());
     }
 
-    void _replace() {
-        _registry._table.install(_record, _arrival);
-        for (const RegistryRecordPtr& old : {_before.installed, _before.placeholder}) {
-            if (old) {
-                _registry._files.removeItem(old->containerPath(),
-                                            nullptr); // what stays is cleared away at the next start
-            }
-        }
-    }
-
-    Implementation& _registry;
+    Registry& _registry;
+    DeviceFileSystem& _files;
     const ArchiveRequest& _request;
     const std::stop_token _cancel;
     const std::function<void(double)> _progress;
@@ -175,36 +123,35 @@ class Registry::Implementation::ArchiveInstall {
     std::int64_t _arrival = 0;
 };
 
-Result<void> Registry::Implementation::installArchive(const ArchiveRequest& request) {
-    if (ErrorPtr error = checkIdentifier(request.identifier)) {
-        return error;
+Result<void> Registry::installArchive(const ArchiveRequest& request) {
+    if (auto checked = _checkIdentifier(request.identifier); !checked) {
+        return checked;
     }
     const AppLocks::Held held(_locks, request.identifier);
     std::stop_source cancellation;
     const std::stop_callback forward(request.cancel, [&] { cancellation.request_stop(); });
-    const auto shown = _makeProgress(request.identifier, PDInstallPhaseInstalling);
-    ErrorPtr error;
-    {
-        ProgressScope scope(shown, cancellation);
-        const auto report = [&](double fraction) {
-            scope.report(fraction);
-            if (request.progress) {
-                request.progress(fraction);
-            }
-        };
-        error = ArchiveInstall(*this, request, cancellation.get_token(), report).run();
-        scope.end(error);
-    }
-    if (!error && _follower.wasInstalled) {
+    const auto shown = _installs.findOrMake(request.identifier, PDInstallPhaseInstalling);
+    constexpr std::int64_t unitCount = 1000;
+    shown->begin(PDInstallPhaseInstalling, cancellation);
+    shown->setTotalUnitCount(unitCount);
+    const auto report = [&](double fraction) {
+        shown->setCompletedUnitCount(static_cast<std::int64_t>(fraction * static_cast<double>(unitCount)));
+        if (request.progress) {
+            request.progress(fraction);
+        }
+    };
+    auto installed = ArchiveInstall(*this, request, cancellation.get_token(), report).run();
+    const bool isCancelled = isError(installed.error(), TVInstallerErrorDomain, InstallerError::cancelled);
+    shown->end(installed ? PDInstallStateFinished : isCancelled ? PDInstallStateCanceled : PDInstallStateFailed);
+    if (installed && _follower.wasInstalled) {
         _follower.wasInstalled(request.identifier);
     }
     // After a failure a placeholder goes on showing how its install ended.
-    const auto app = _table.find(request.identifier);
-    if (!error || !app || !app->placeholder) {
-        _table.endProgress(*shown);
+    if (installed || !hasPlaceholder(request.identifier)) {
+        _installs.end(*shown);
     }
     _announcer.announceChange();
-    return error;
+    return installed;
 }
 
 } // namespace appsync::device

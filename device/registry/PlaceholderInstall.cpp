@@ -1,62 +1,56 @@
 // Registering a placeholder: its bundle moves into a container of its own.
-#include "device/registry/RegistryImplementation.h"
-
+#include "archive/AppInArchive.h"
 #include "archive/EntryPath.h"
 #include "archive/InstallerError.h"
-#include "device/root/Tree.h"
-#include "files/Syscalls.h"
+#include "device/registry/Registry.h"
+#include "device/root/Container.h"
+#include "device/root/DeviceFileSystem.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
 
-#include <fcntl.h>
-
-#include <tuple>
-
 namespace appsync::device {
 
-class Registry::Implementation::PlaceholderInstall {
+class Registry::PlaceholderInstall {
   public:
-    PlaceholderInstall(Implementation& registry, const PlaceholderRequest& request)
+    PlaceholderInstall(Registry& registry, const PlaceholderRequest& request)
         : _registry(registry), _files(registry._files), _request(request),
-          _before(registry._table.find(request.identifier).value_or(RegistryTable::App{})),
+          _before(registry._table.find(request.identifier)),
           _continuesRestore(request.installType == PDInstallTypeSync && _before.placeholder &&
-                            _before.placeholder->installType == PDInstallTypeRestore) {}
+                            _before.placeholder->installType == PDInstallTypeRestore),
+          _replaced(request.replacesApp ? _before.installed : nullptr) {}
 
-    ErrorPtr run() {
-        if (ErrorPtr error = _readInfo()) {
-            return error;
+    Result<void> run() {
+        if (auto read = _readInfo(); !read) {
+            return read;
         }
         auto container = Container::make(_files);
         if (!container) {
             return _failure(container.error());
         }
-        ErrorPtr error = _fill(*container);
-        if (!error) {
-            error = _register(*container);
+        auto installed = _fill(*container);
+        if (installed) {
+            installed = _register(*container);
         }
-        if (error && _mayBeRegistered) {
-            container->keep();
-        } else if (error) {
-            _giveBack(*container);
+        if (!installed) {
+            if (_isMoved && !container->isKept()) {
+                _files.moveItem(container->path() + "/" + _bundle, _request.bundlePath, nullptr);
+            }
+            return installed;
         }
-        if (error) {
-            return error;
-        }
-        container->keep();
         _registry._table.put(_record, _arrival);
         if (_before.placeholder) {
             _files.removeItem(_before.placeholder->containerPath(), nullptr);
         }
-        if (_replacesApp()) {
-            _registry._table.remove(_request.identifier, false);
-            _files.removeItem(_before.installed->containerPath(), nullptr);
+        if (_replaced) {
+            _registry._table.remove(*_replaced);
+            _files.removeItem(_replaced->containerPath(), nullptr);
         }
-        return nullptr;
+        return {};
     }
 
   private:
     [[nodiscard]] ErrorPtr _failure(const ErrorPtr& reason) const {
-        return installerFailure("install the placeholder of " + _request.identifier, reason, _request.bundlePath);
+        return _makeFailure("install the placeholder of " + _request.identifier, reason, _request.bundlePath);
     }
     [[nodiscard]] ErrorPtr _invalid(const std::string& reason) const {
         return makeInstallerError(InstallerError::placeholderInvalid,
@@ -64,14 +58,13 @@ class Registry::Implementation::PlaceholderInstall {
                                       " cannot be installed: " + reason,
                                   _request.bundlePath);
     }
-    [[nodiscard]] bool _replacesApp() const { return _request.replacesApp && _before.installed; }
     [[nodiscard]] bool _isBuiltHere() const { return _request.bundlePath.empty(); }
 
-    ErrorPtr _readInfo() {
+    Result<void> _readInfo() {
         if (_isBuiltHere()) {
             _info = _request.info;
             _info.set("BXBundleIdentifier", _request.identifier);
-            return nullptr;
+            return {};
         }
         const std::string path = _request.bundlePath + "/" + std::string(infoFileName);
         const auto size = _files.attributesOfItem(path, nullptr);
@@ -92,28 +85,21 @@ class Registry::Implementation::PlaceholderInstall {
         if (identifier != _request.identifier) {
             return _invalid("its Info.plist is that of \"" + printable(identifier.value_or("")) + "\"");
         }
-        return nullptr;
+        return {};
     }
 
-    ErrorPtr _fill(Container& container) {
-        std::optional<Data> metadata = _companion(metadataFileName, _request.metadata);
+    Result<void> _fill(Container& container) {
+        const auto metadata = _companion(metadataFileName, _request.metadata);
         _sinf = _companion(sinfFileName, _request.sinf);
-        for (const auto& [name, content] : {std::tie(metadataFileName, metadata), std::tie(sinfFileName, _sinf)}) {
-            if (!content) {
-                continue;
-            }
-            if (const auto written = container.writeFile(name, content->bytes()); !written) {
-                return _failure(written.error());
-            }
+        auto filled = container.writeFile(metadataFileName, metadata);
+        if (filled) {
+            filled = container.writeFile(sinfFileName, _sinf);
         }
-        _bundle = _bundleName();
-        const std::string bundle = container.path() + "/" + _bundle;
-        ErrorPtr error;
-        if (!_isBuiltHere()) {
-            _isMoved = _files.moveItem(_request.bundlePath, bundle, &error);
-            return _isMoved ? nullptr : _failure(error);
+        if (filled) {
+            _bundle = _bundleName();
+            filled = _isBuiltHere() ? _build(container) : _moveBundle(container);
         }
-        return _build(container, bundle);
+        return filled ? filled : _failure(filled.error());
     }
 
     /// A file beside the bundle: what a restore has brought, else what the request brings.
@@ -131,23 +117,30 @@ class Registry::Implementation::PlaceholderInstall {
         return isUsable ? std::string(own) : _request.identifier + std::string(bundleExtension);
     }
 
-    ErrorPtr _build(Container& container, const std::string& bundle) {
+    Result<void> _moveBundle(const Container& container) {
+        ErrorPtr error;
+        _isMoved = _files.moveItem(_request.bundlePath, container.path() + "/" + _bundle, &error);
+        return error;
+    }
+
+    Result<void> _build(Container& container) {
+        const std::string bundle = container.path() + "/" + _bundle;
         ErrorPtr error;
         if (!_files.createDirectory(bundle, false, std::nullopt, &error)) {
-            return _failure(error);
+            return error;
         }
         if (_request.iconPath && _files.copyItem(*_request.iconPath, bundle + "/Icon.png", nullptr)) {
             _info.set("BXBundleIconFile", "Icon.png"); // a placeholder whose icon is missing is better than none
         }
         const auto bytes = _registry._propertyLists.dataWithPropertyList(_info, PropertyListFormat::binary, &error);
-        if (!bytes) {
-            return _failure(error);
-        }
-        const auto written = container.writeFile(_bundle + "/" + std::string(infoFileName), bytes->bytes());
-        return written ? nullptr : _failure(written.error());
+        return bytes ? container.writeFile(_bundle + "/" + std::string(infoFileName), bytes) : error;
     }
 
-    [[nodiscard]] ErrorPtr _makeRecord(const Container& container) {
+    [[nodiscard]] Result<RegistryRecordPtr> _makeRecord(const Container& container) {
+        const auto size = _files.treeSize(container.path() + "/" + _bundle);
+        if (!size) {
+            return _invalid(errorText(size.error()));
+        }
         RegistryRecord record;
         record.identifier = _request.identifier;
         record.isPlaceholder = true;
@@ -155,77 +148,53 @@ class Registry::Implementation::PlaceholderInstall {
         record.installType = _continuesRestore ? std::uint64_t{PDInstallTypeRestore} : _request.installType;
         record.container = container.name();
         record.bundle = _bundle;
-        record.hasDeviceSinf = _registry._isDeviceSinf(_sinf);
-        _registry._describe(record, _info);
-        auto folder = _files.open(container.path() + "/" + _bundle, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-        if (!folder) {
-            return _invalid(errorText(folder.error()));
-        }
-        if (const int failed = treeSize(std::move(*folder), record.bytes)) {
-            return _invalid(systemText(failed));
-        }
-        _record = std::make_shared<const RegistryRecord>(std::move(record));
-        return nullptr;
+        record.bytes = *size;
+        _registry._describe(record, _info, _sinf);
+        return std::make_shared<const RegistryRecord>(std::move(record));
     }
 
-    /// A new placeholder need not outlast a loss of power; the one that it replaces must not be gone then.
-    ErrorPtr _register(Container& container) {
-        if (ErrorPtr error = _makeRecord(container)) {
-            return error;
+    /// A new placeholder need not outlast a loss of power; what it replaces must not be gone then.
+    Result<void> _register(Container& container) {
+        auto record = _makeRecord(container);
+        if (!record) {
+            return record.error();
         }
-        if (const auto moved = container.putInPlace(); !moved) {
-            return _failure(moved.error());
-        }
-        _arrival = _before.arrival != 0 ? _before.arrival : _registry._table.takeArrival();
-        const bool replaces = _before.placeholder || _replacesApp();
-        const auto committed = replaces ? _registry._groupCommit.commit([this](auto& transaction) {
-            RegistryStore::put(transaction, *_record, _arrival);
-            if (_replacesApp()) {
-                RegistryStore::remove(transaction, _request.identifier, false);
+        _record = std::move(*record);
+        _arrival = _registry._table.arrivalOf(_before);
+        const auto durability = _before.placeholder || _replaced ? Durability::durable : Durability::ordinary;
+        const auto entered = _registry._enter(container, durability, [this](auto& transaction) {
+            RegistryTable::write(transaction, *_record, _arrival);
+            if (_replaced) {
+                RegistryTable::erase(transaction, _request.identifier, false);
             }
-        })
-                                        : _putSoon();
-        // It may have reached the disk all the same. What stands at the next start decides which container goes.
-        _mayBeRegistered = replaces && isError(committed.error(), DatabaseErrorDomain, DatabaseError::failed);
-        return committed ? nullptr : _failure(committed.error());
+        });
+        return entered ? entered : _failure(entered.error());
     }
 
-    Result<void> _putSoon() {
-        Database::Transaction transaction(_registry._database);
-        RegistryStore::put(transaction, *_record, _arrival);
-        return transaction.commit();
-    }
-
-    void _giveBack(const Container& container) {
-        if (_isMoved) {
-            _files.moveItem(container.path() + "/" + _bundle, _request.bundlePath, nullptr);
-        }
-    }
-
-    Implementation& _registry;
+    Registry& _registry;
     DeviceFileSystem& _files;
     const PlaceholderRequest& _request;
     const RegistryTable::App _before;
     const bool _continuesRestore;
+    const RegistryRecordPtr _replaced; // the installed version that goes; may be null
     std::optional<Data> _sinf;
     Dictionary _info;
     std::string _bundle;
     bool _isMoved = false;
-    bool _mayBeRegistered = false;
     RegistryRecordPtr _record;
     std::int64_t _arrival = 0;
 };
 
-Result<void> Registry::Implementation::installPlaceholder(const PlaceholderRequest& request) {
-    if (ErrorPtr error = checkIdentifier(request.identifier)) {
-        return error;
+Result<void> Registry::installPlaceholder(const PlaceholderRequest& request) {
+    if (auto checked = _checkIdentifier(request.identifier); !checked) {
+        return checked;
     }
     const AppLocks::Held held(_locks, request.identifier);
-    if (ErrorPtr error = PlaceholderInstall(*this, request).run()) {
-        return error;
+    auto installed = PlaceholderInstall(*this, request).run();
+    if (installed) {
+        _announcer.announceChange();
     }
-    _announcer.announceChange();
-    return {};
+    return installed;
 }
 
 } // namespace appsync::device

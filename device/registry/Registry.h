@@ -7,18 +7,10 @@
 #pragma once
 
 #include "archive/ArchiveLimits.h"
-#include "platform/ApplicationRegistry.h"
-#include "values/PropertyList.h"
-#include "values/Result.h"
-
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <stop_token>
-#include <string>
-#include <string_view>
-#include <vector>
+#include "device/database/GroupCommit.h"
+#include "device/registry/Announcer.h"
+#include "device/registry/Installs.h"
+#include "device/registry/RegistryTable.h"
 
 namespace appsync {
 class PropertyListSerialization;
@@ -26,7 +18,8 @@ class PropertyListSerialization;
 
 namespace appsync::device {
 
-class Database;
+class Container;
+class DeviceFileSystem;
 class Root;
 
 /// A placeholder to install: a bundle folder that stands ready, or what a bundle is to be made from.
@@ -80,10 +73,7 @@ struct Application {
     std::string dataContainerPath; // made by whoever first writes into it
 
     /// Whether its bundle was given up to save space, so that a placeholder and the data are all there is.
-    [[nodiscard]] bool isDemoted() const noexcept {
-        return isPlaceholder && !isInstalled &&
-               (installType == PDInstallTypeDowngrade || installType == PDInstallTypeIntentionalDowngrade);
-    }
+    [[nodiscard]] bool isDemoted() const noexcept { return isPlaceholder && !isInstalled && isDemotion(installType); }
 };
 
 /// What `settle` found and put in order.
@@ -96,13 +86,21 @@ struct Settlement {
 /// Keeps a subscription; dropping it ends it, after a running call has ended. Not to be dropped from within one.
 class RegistrySubscription {
   public:
-    virtual ~RegistrySubscription() = default;
+    RegistrySubscription(Announcer& announcer, std::function<void()> changed)
+        : _announcer(announcer), _number(announcer.subscribe(std::move(changed))) {}
+    ~RegistrySubscription() { _announcer.unsubscribe(_number); }
+    RegistrySubscription(const RegistrySubscription&) = delete;
+    RegistrySubscription& operator=(const RegistrySubscription&) = delete;
+
+  private:
+    Announcer& _announcer;
+    const std::uint64_t _number;
 };
 
 /// What another service does when apps come and go. Called on the thread of the operation once it is durable, while
 /// nothing else changes the app; must not install or remove. Each may be empty.
 struct RegistryFollower {
-    /// The install type of the placeholder that a demoted app has; nothing for an app that is not demoted. May be asked
+    /// The install type of the placeholder that a demoted app has; nullopt for an app that is not demoted. May be asked
     /// at any time.
     std::function<std::optional<std::uint64_t>(std::string_view identifier)> demotion = nullptr;
     std::function<void(std::string_view identifier)> wasInstalled = nullptr; // from an archive
@@ -121,7 +119,7 @@ class Registry {
     [[nodiscard]] static Result<std::unique_ptr<Registry>>
     open(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options = {});
     /// Waits for a running call of an observer. No other operation may be running.
-    ~Registry();
+    ~Registry() = default;
     Registry(const Registry&) = delete;
     Registry& operator=(const Registry&) = delete;
 
@@ -170,17 +168,58 @@ class Registry {
     // Following.
 
     /// To be called before anything is installed or removed.
-    void follow(RegistryFollower follower);
+    void follow(RegistryFollower follower) { _follower = std::move(follower); }
 
     /// Calls `changed` on the registry's thread after apps, placeholders or progress have changed; several changes may
     /// give one call.
     [[nodiscard]] std::unique_ptr<RegistrySubscription> subscribe(std::function<void()> changed);
+    /// Who observes it in the terms of the platform.
+    [[nodiscard]] Announcer& announcer() noexcept { return _announcer; }
+
+    // Records, as the platform's services present them.
+
+    [[nodiscard]] const RegistryTable& table() const noexcept { return _table; }
+    /// `prefix` stands before the application identifier. The registry must outlive the proxy.
+    [[nodiscard]] PDApplicationProxyPtr proxy(RegistryRecordPtr record, std::string_view prefix = {}) const;
 
   private:
-    friend class ApplicationWorkspace;
-    class Implementation;
-    explicit Registry(std::unique_ptr<Implementation> implementation);
-    std::unique_ptr<Implementation> _implementation;
+    class ArchiveInstall;
+    class PlaceholderInstall;
+
+    Registry(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options);
+
+    [[nodiscard]] static Result<void> _checkIdentifier(std::string_view identifier);
+    /// An error of the installer for one of the disk or the database.
+    [[nodiscard]] static ErrorPtr _makeFailure(std::string_view what, const ErrorPtr& reason,
+                                               std::string_view path = {});
+    [[nodiscard]] Result<void> _load();
+    [[nodiscard]] Announcer::Lists _lists() const;
+    void _describe(RegistryRecord& record, const Dictionary& info, const std::optional<Data>& sinf) const;
+    [[nodiscard]] Result<void> _enter(Container& container, Durability durability,
+                                      const std::function<void(Database::Transaction&)>& write);
+    [[nodiscard]] InstallProgressPtr _stopInstall(std::string_view identifier);
+    [[nodiscard]] std::optional<std::uint64_t> _typeToFallBackTo(const RegistryTable::App& app) const;
+    [[nodiscard]] Result<void> _demoteAgain(const RegistryTable::App& app, std::uint64_t installType,
+                                            RemovalReason reason);
+    void _endInstallOf(const RegistryRecordPtr& placeholder, RemovalReason reason);
+    [[nodiscard]] Result<void> _remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
+                                       RemovalReason reason, bool keepsData = false);
+    [[nodiscard]] bool _isGone(const std::string& path) const;
+    [[nodiscard]] Result<void> _endRemoval(const std::string& path);
+    [[nodiscard]] Result<void> _settleRemovals(Settlement& settlement);
+    [[nodiscard]] Result<void> _settleRecords(Settlement& settlement);
+    [[nodiscard]] Result<void> _settleContainers(Settlement& settlement);
+
+    DeviceFileSystem& _files;
+    Database& _database;
+    PropertyListSerialization& _propertyLists;
+    const RegistryOptions _options;
+    RegistryFollower _follower;
+    RegistryTable _table;
+    Installs _installs;
+    AppLocks _locks;
+    GroupCommit _groupCommit;
+    Announcer _announcer; // last: its thread uses the rest
 };
 
 } // namespace appsync::device

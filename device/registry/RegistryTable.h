@@ -1,14 +1,12 @@
-// The registry's memory: every app's records, and the installs under way.
+// What the registry knows of every app: in memory, and as rows of the database.
 #pragma once
 
-#include "device/registry/InstallProgress.h"
-#include "device/registry/RegistryRecord.h"
+#include "concurrency/Mutex.h"
+#include "device/database/Database.h"
+#include "platform/ApplicationRegistry.h"
 
-#include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,6 +15,31 @@
 
 namespace appsync::device {
 
+/// Whether a placeholder of this install type is that of a demoted app.
+[[nodiscard]] constexpr bool isDemotion(std::uint64_t installType) noexcept {
+    return installType == PDInstallTypeDowngrade || installType == PDInstallTypeIntentionalDowngrade;
+}
+
+/// One version or placeholder of an app, and where it stands on disk.
+struct RegistryRecord {
+    std::string identifier;
+    bool isPlaceholder = false;
+    bool isSystem = false;
+    std::uint64_t installType = 0;
+    std::string name; // never empty
+    std::optional<std::string> version;
+    std::string container;               // name of its folder
+    std::string bundle;                  // "<Name>.app"
+    std::optional<std::string> iconFile; // path in the bundle
+    std::uint64_t bytes = 0;             // of the files in the bundle
+    bool hasDeviceSinf = false;          // its protection record is bound to this device
+
+    [[nodiscard]] bool isDemoted() const noexcept { return isPlaceholder && isDemotion(installType); }
+    [[nodiscard]] std::string containerPath() const;
+    [[nodiscard]] std::string bundlePath() const { return containerPath() + "/" + bundle; }
+};
+using RegistryRecordPtr = std::shared_ptr<const RegistryRecord>;
+
 /// Any thread; each operation is atomic.
 class RegistryTable {
   public:
@@ -24,50 +47,52 @@ class RegistryTable {
     struct App {
         RegistryRecordPtr installed;
         RegistryRecordPtr placeholder;
-        std::int64_t arrival = 0;
-    };
-    struct Install {
-        std::shared_ptr<InstallProgress> progress;
-        std::int64_t arrival = 0;  // of the progress object
-        std::int64_t priority = 0; // the higher, the earlier
+        std::int64_t arrival = 0; // orders the apps; 0 for one that is not known
+
+        [[nodiscard]] bool isKnown() const noexcept { return installed || placeholder; }
+        /// The record of the installed version, else of the placeholder.
+        [[nodiscard]] const RegistryRecordPtr& main() const noexcept { return installed ? installed : placeholder; }
     };
 
-    [[nodiscard]] std::optional<App> find(std::string_view identifier) const;
+    /// Makes the tables of the database and reads what they hold.
+    [[nodiscard]] Result<void> load(Database& database);
+
+    /// Without records when the registry does not have it.
+    [[nodiscard]] App find(std::string_view identifier) const;
     /// All apps in the order of their arrival.
     [[nodiscard]] std::vector<App> all() const;
-    /// A number for an app that is new; none is given twice.
-    [[nodiscard]] std::int64_t takeArrival();
+    /// The records of all apps.
+    [[nodiscard]] std::vector<RegistryRecordPtr> records() const;
+    /// The app's arrival, or a number for one that is new; none is given twice.
+    [[nodiscard]] std::int64_t arrivalOf(const App& app);
 
     /// Sets one of an app's records; the arrival of an app that is there stays.
     void put(const RegistryRecordPtr& record, std::int64_t arrival);
     /// Sets an app's installed version in place of the present one and of its placeholder.
     void install(const RegistryRecordPtr& record, std::int64_t arrival);
-    void remove(std::string_view identifier, bool placeholder);
+    void remove(const RegistryRecord& record);
 
-    [[nodiscard]] std::shared_ptr<InstallProgress> findProgress(std::string_view identifier) const;
-    /// The app's progress object; `make` makes one if there is none yet.
-    [[nodiscard]] std::shared_ptr<InstallProgress>
-    progress(std::string_view identifier, const std::function<std::shared_ptr<InstallProgress>()>& make);
-    /// Forgets a progress object, if it is still the app's.
-    void endProgress(const InstallProgress& progress);
-    void prioritize(std::string_view identifier);
-    /// All installs, those with priority first, then in the order of their beginning.
-    [[nodiscard]] std::vector<Install> installs() const;
+    // The database's rows. Each operation works within the caller's transaction, which reports failures.
+
+    /// Writes a record in place of the app's other one of the same kind.
+    static void write(Database::Transaction& transaction, const RegistryRecord& record, std::int64_t arrival);
+    static void erase(Database::Transaction& transaction, std::string_view identifier, bool isPlaceholder);
+    // Folders that are to go although no record names them any more.
+    static void addRemoval(Database::Transaction& transaction, std::string_view path);
+    static void endRemoval(Database::Transaction& transaction, std::string_view path);
+    [[nodiscard]] static std::vector<std::string> removals(Database::Transaction& transaction);
 
   private:
     struct TextHash : std::hash<std::string_view> {
         using is_transparent = void;
     };
-    template <class T> using ByIdentifier = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
 
-    App& _put(const RegistryRecordPtr& record, std::int64_t arrival);
+    App& _put(const RegistryRecordPtr& record, std::int64_t arrival) REQUIRES(_mutex);
 
-    mutable std::mutex _mutex; // guards the rest
-    std::map<std::int64_t, App> _apps;
-    ByIdentifier<std::int64_t> _arrivals;
-    std::int64_t _nextArrival = 1;
-    ByIdentifier<Install> _installs;
-    std::int64_t _lastInstall = 0;
+    mutable Mutex _mutex;
+    std::map<std::int64_t, App> _apps GUARDED_BY(_mutex); // by arrival
+    std::unordered_map<std::string, std::int64_t, TextHash, std::equal_to<>> _arrivals GUARDED_BY(_mutex);
+    std::int64_t _nextArrival GUARDED_BY(_mutex) = 1;
 };
 
 } // namespace appsync::device

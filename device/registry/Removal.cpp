@@ -1,21 +1,23 @@
 // Removing apps and placeholders, and clearing away what an interrupted run left.
-#include "device/registry/RegistryImplementation.h"
-
+#include "archive/AppInArchive.h"
 #include "archive/InstallerError.h"
+#include "device/registry/Registry.h"
 #include "device/registry/UninstalledList.h"
+#include "device/root/DeviceFileSystem.h"
+#include "device/root/Paths.h"
+#include "device/root/Tree.h"
 #include "text/Printable.h"
 
 #include <cerrno>
 
 namespace appsync::device {
 
-Result<void> Registry::Implementation::uninstall(std::string_view identifier, RemovalReason reason,
-                                                 RemovalScope scope) {
+Result<void> Registry::uninstall(std::string_view identifier, RemovalReason reason, RemovalScope scope) {
     if (reason == RemovalReason::person) {
         (void)_stopInstall(identifier);
     }
-    const AppLocks::Held held(_locks, std::string(identifier));
-    const auto app = _table.find(identifier).value_or(RegistryTable::App{});
+    const AppLocks::Held held(_locks, identifier);
+    const auto app = _table.find(identifier);
     const bool removesPlaceholder =
         app.placeholder && !(scope == RemovalScope::placeholderOnly && app.placeholder->isDemoted());
     const bool removesApp = app.installed && (scope == RemovalScope::everything ||
@@ -33,18 +35,18 @@ Result<void> Registry::Implementation::uninstall(std::string_view identifier, Re
 }
 
 /// Asks a running install to end; one that can no longer be stopped runs to its end.
-std::shared_ptr<InstallProgress> Registry::Implementation::_stopInstall(std::string_view identifier) {
-    auto progress = _table.findProgress(identifier);
+InstallProgressPtr Registry::_stopInstall(std::string_view identifier) {
+    auto progress = _installs.find(identifier);
     if (progress && progress->installState() < PDInstallStateCanceled) {
         progress->cancel();
     }
     return progress;
 }
 
-bool Registry::Implementation::cancelInstall(std::string_view identifier) {
+bool Registry::cancelInstall(std::string_view identifier) {
     const auto progress = _stopInstall(identifier);
-    const AppLocks::Held held(_locks, std::string(identifier));
-    const auto app = _table.find(identifier).value_or(RegistryTable::App{});
+    const AppLocks::Held held(_locks, identifier);
+    const auto app = _table.find(identifier);
     if (const auto installType = _typeToFallBackTo(app)) {
         return bool(_demoteAgain(app, *installType, RemovalReason::person));
     }
@@ -54,83 +56,82 @@ bool Registry::Implementation::cancelInstall(std::string_view identifier) {
     if (!progress || progress->installState() != PDInstallStateCanceled) {
         return false;
     }
-    _table.endProgress(*progress);
+    _installs.end(*progress);
     if (app.installed) {
-        _announceCancellation(app.installed);
+        _announcer.announceCancellation({proxy(app.installed)});
     }
     return true;
 }
 
-/// What an app becomes again whose placeholder stands for its return; nothing for one that was not demoted.
-std::optional<std::uint64_t> Registry::Implementation::_typeToFallBackTo(const RegistryTable::App& app) const {
+/// What an app becomes again whose placeholder stands for its return; nullopt for one that was not demoted.
+std::optional<std::uint64_t> Registry::_typeToFallBackTo(const RegistryTable::App& app) const {
     const bool isReturning = app.placeholder && !app.installed && !app.placeholder->isDemoted();
     return isReturning && _follower.demotion ? _follower.demotion(app.placeholder->identifier) : std::nullopt;
 }
 
 /// The placeholder stays, and with it the app's data; it stands for no install any more.
-Result<void> Registry::Implementation::_demoteAgain(const RegistryTable::App& app, std::uint64_t installType,
-                                                    RemovalReason reason) {
+Result<void> Registry::_demoteAgain(const RegistryTable::App& app, std::uint64_t installType, RemovalReason reason) {
     RegistryRecord record = *app.placeholder;
     record.installType = installType;
     Database::Transaction transaction(_database, Durability::durable);
-    RegistryStore::put(transaction, record, app.arrival);
+    RegistryTable::write(transaction, record, app.arrival);
     if (const auto committed = transaction.commit(); !committed) {
-        return installerFailure("take back the install of " + record.identifier, committed.error());
+        return _makeFailure("take back the install of " + record.identifier, committed.error());
     }
     _table.put(std::make_shared<const RegistryRecord>(record), app.arrival);
-    _endPlaceholderOf(app, reason);
+    _endInstallOf(app.placeholder, reason);
     _announcer.announceChange();
     return {};
 }
 
 /// The install that a placeholder stood for is over.
-void Registry::Implementation::_endPlaceholderOf(const RegistryTable::App& app, RemovalReason reason) {
-    if (const auto progress = _table.findProgress(app.placeholder->identifier)) {
-        _table.endProgress(*progress);
+void Registry::_endInstallOf(const RegistryRecordPtr& placeholder, RemovalReason reason) {
+    if (const auto progress = _installs.find(placeholder->identifier)) {
+        _installs.end(*progress);
     }
     if (reason == RemovalReason::person) {
-        _announceCancellation(app.placeholder);
+        _announcer.announceCancellation({proxy(placeholder)});
     }
 }
 
 /// What is there but cannot be looked at just now is not gone.
-bool Registry::Implementation::_isGone(const std::string& path) {
+bool Registry::_isGone(const std::string& path) const {
     ErrorPtr error;
     return !_files.attributesOfItem(path, &error) && (error->code() == ENOENT || error->code() == ENOTDIR);
 }
 
 /// Durable before the first file goes: what is registered is always whole.
-Result<void> Registry::Implementation::_remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
-                                               RemovalReason reason, bool keepsData) {
-    const std::string identifier = (app.installed ? app.installed : app.placeholder)->identifier;
+Result<void> Registry::_remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
+                               RemovalReason reason, bool keepsData) {
+    const std::string identifier = app.main()->identifier;
     const std::string dataPath = dataContainerPath(identifier);
     const bool removesAll = !keepsData && (removesApp || !app.installed) && (removesPlaceholder || !app.placeholder);
     const bool removesData = removesAll && !_isGone(dataPath);
     {
         Database::Transaction transaction(_database, Durability::durable);
         if (removesPlaceholder) {
-            RegistryStore::remove(transaction, identifier, true);
+            RegistryTable::erase(transaction, identifier, true);
         }
         if (removesApp) {
-            RegistryStore::remove(transaction, identifier, false);
+            RegistryTable::erase(transaction, identifier, false);
             if (reason == RemovalReason::person) {
                 UninstalledList::add(transaction, identifier);
             }
         }
         if (removesData) {
-            RegistryStore::addRemoval(transaction, dataPath);
+            RegistryTable::addRemoval(transaction, dataPath);
         }
         if (const auto committed = transaction.commit(); !committed) {
-            return installerFailure("remove " + identifier, committed.error());
+            return _makeFailure("remove " + identifier, committed.error());
         }
     }
     if (removesPlaceholder) {
-        _table.remove(identifier, true);
-        _endPlaceholderOf(app, reason);
+        _table.remove(*app.placeholder);
+        _endInstallOf(app.placeholder, reason);
         _files.removeItem(app.placeholder->containerPath(), nullptr);
     }
     if (removesApp) {
-        _table.remove(identifier, false);
+        _table.remove(*app.installed);
         _files.removeItem(app.installed->containerPath(), nullptr);
     }
     if (removesAll && _follower.isGone) {
@@ -142,7 +143,7 @@ Result<void> Registry::Implementation::_remove(const RegistryTable::App& app, bo
 
 /// Removes a data container that is registered for removal: as a whole, since an app that comes back finds what is
 /// left. What cannot be removed now is tried again at the next start, unless the app has come back until then.
-Result<void> Registry::Implementation::_endRemoval(const std::string& path) {
+Result<void> Registry::_endRemoval(const std::string& path) {
     ErrorPtr error;
     const std::string aside = std::string(stagingFolder) + "/" + makeUniqueName();
     const bool isAside = _files.moveItem(path, aside, &error);
@@ -152,18 +153,17 @@ Result<void> Registry::Implementation::_endRemoval(const std::string& path) {
         return {};
     }
     Database::Transaction transaction(_database);
-    RegistryStore::endRemoval(transaction, path);
+    RegistryTable::endRemoval(transaction, path);
     const auto committed = transaction.commit();
     if (isAside) {
         _files.removeItem(aside, nullptr); // what stays is cleared away at the next start
     }
-    return committed ? Result<void>() : installerFailure("remove " + path, committed.error(), path);
+    return committed ? Result<void>() : _makeFailure("remove " + path, committed.error(), path);
 }
 
-Result<Settlement> Registry::Implementation::settle() {
+Result<Settlement> Registry::settle() {
     Settlement settlement;
-    for (const auto step :
-         {&Implementation::_settleRemovals, &Implementation::_settleRecords, &Implementation::_settleContainers}) {
+    for (const auto step : {&Registry::_settleRemovals, &Registry::_settleRecords, &Registry::_settleContainers}) {
         if (const auto settled = (this->*step)(settlement); !settled) {
             return settled.error();
         }
@@ -174,13 +174,13 @@ Result<Settlement> Registry::Implementation::settle() {
     return settlement;
 }
 
-Result<void> Registry::Implementation::_settleRemovals(Settlement& settlement) {
+Result<void> Registry::_settleRemovals(Settlement& settlement) {
     std::vector<std::string> paths;
     {
         Database::Transaction transaction(_database);
-        paths = RegistryStore::removals(transaction);
+        paths = RegistryTable::removals(transaction);
         if (transaction.error()) {
-            return installerFailure("settle the application registry", transaction.error());
+            return _makeFailure("settle the application registry", transaction.error());
         }
     }
     for (const std::string& path : paths) {
@@ -193,46 +193,38 @@ Result<void> Registry::Implementation::_settleRemovals(Settlement& settlement) {
 }
 
 /// A record whose bundle is gone, because the power went before its files were durable, is no app any more.
-Result<void> Registry::Implementation::_settleRecords(Settlement& settlement) {
-    std::vector<RegistryRecordPtr> gone;
-    for (const RegistryTable::App& app : _table.all()) {
-        for (const RegistryRecordPtr& record : {app.installed, app.placeholder}) {
-            if (record && _isGone(record->bundlePath() + "/" + std::string(infoFileName))) {
-                gone.push_back(record);
-            }
-        }
-    }
+Result<void> Registry::_settleRecords(Settlement& settlement) {
+    auto gone = _table.records();
+    std::erase_if(gone, [this](const RegistryRecordPtr& record) {
+        return !_isGone(record->bundlePath() + "/" + std::string(infoFileName));
+    });
     if (gone.empty()) {
         return {};
     }
     Database::Transaction transaction(_database, Durability::durable);
     for (const RegistryRecordPtr& record : gone) {
-        RegistryStore::remove(transaction, record->identifier, record->isPlaceholder);
+        RegistryTable::erase(transaction, record->identifier, record->isPlaceholder);
     }
     if (const auto committed = transaction.commit(); !committed) {
-        return installerFailure("settle the application registry", committed.error());
+        return _makeFailure("settle the application registry", committed.error());
     }
     for (const RegistryRecordPtr& record : gone) {
-        _table.remove(record->identifier, record->isPlaceholder);
+        _table.remove(*record);
     }
     settlement.droppedRecords = gone.size();
     return {};
 }
 
 /// Removes containers that belong to no app, finished or not.
-Result<void> Registry::Implementation::_settleContainers(Settlement& settlement) {
+Result<void> Registry::_settleContainers(Settlement& settlement) {
     std::set<std::string> kept;
-    for (const RegistryTable::App& app : _table.all()) {
-        for (const RegistryRecordPtr& record : {app.installed, app.placeholder}) {
-            if (record) {
-                kept.insert(record->container);
-            }
-        }
+    for (const RegistryRecordPtr& record : _table.records()) {
+        kept.insert(record->container);
     }
     for (const std::string_view folder : {stagingFolder, containersFolder}) {
         const auto names = _files.list(folder);
         if (!names) {
-            return installerFailure("settle the application registry", names.error(), folder);
+            return _makeFailure("settle the application registry", names.error(), folder);
         }
         for (const std::string& name : *names) {
             if (folder == containersFolder && kept.contains(name)) {

@@ -15,13 +15,6 @@ Result<void> UninstalledList::registerSchema(Database& database) {
     return database.registerSchema("uninstalled list", schema);
 }
 
-Result<std::unique_ptr<UninstalledList>> UninstalledList::open(Database& database) {
-    if (const auto registered = registerSchema(database); !registered) {
-        return registered.error();
-    }
-    return std::unique_ptr<UninstalledList>(new UninstalledList(database));
-}
-
 std::optional<Dictionary> UninstalledList::TevrinLookupUninstalled(const Dictionary* /*options*/) noexcept {
     Database::Transaction transaction(_database);
     Dictionary apps;

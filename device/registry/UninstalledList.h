@@ -5,15 +5,14 @@
 #include "platform/InstallationService.h"
 #include "values/Result.h"
 
-#include <memory>
 #include <string_view>
 
 namespace appsync::device {
 
 class UninstalledList final : public TevrinInstallationService {
   public:
-    /// The database must outlive the list.
-    [[nodiscard]] static Result<std::unique_ptr<UninstalledList>> open(Database& database);
+    /// The database must outlive the list. To be made when the registry has been opened, which makes its table.
+    explicit UninstalledList(Database& database) : _database(database) {}
 
     /// Values are the dates of removal.
     [[nodiscard]] std::optional<Dictionary> TevrinLookupUninstalled(const Dictionary* options) noexcept override;
@@ -28,7 +27,6 @@ class UninstalledList final : public TevrinInstallationService {
     static void remove(Database::Transaction& transaction, std::string_view identifier);
 
   private:
-    explicit UninstalledList(Database& database) : _database(database) {}
     Database& _database;
 };
 

@@ -1,16 +1,16 @@
 #include "device/root/DeviceFileSystem.h"
 
-#include "device/root/AccountNames.h"
-#include "device/root/FaultPoint.h"
-#include "device/root/FolderReader.h"
-#include "device/root/PosixError.h"
 #include "device/root/Tree.h"
+#include "device/root/TreeWalk.h"
 #include "files/Syscalls.h"
 
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 
 namespace appsync::device {
@@ -29,35 +29,34 @@ bool report(int failed, std::string_view operation, std::string_view path, Error
     return failed == 0;
 }
 
-int copyByHand(int from, int to) {
-    std::string buffer(std::size_t{256} << 10, '\0');
-    for (;;) {
-        const ssize_t count = ::read(from, buffer.data(), buffer.size());
-        if (count == 0) {
-            return 0;
-        }
-        if (count < 0 && errno != EINTR) {
-            return errno;
-        }
-        if (count > 0) {
-            if (const int failed = writeAll(to, std::string_view(buffer).substr(0, static_cast<std::size_t>(count)))) {
-                return failed;
-            }
-        }
-    }
+/// Room for one account's texts; a group with more members than fit counts as unknown.
+using AccountTexts = std::array<char, 16'384>;
+
+std::optional<uid_t> userNamed(const std::optional<std::string>& name) {
+    AccountTexts texts;
+    passwd account{};
+    passwd* found = nullptr;
+    const bool isKnown =
+        name && ::getpwnam_r(name->c_str(), &account, texts.data(), texts.size(), &found) == 0 && found;
+    return isKnown ? std::optional(account.pw_uid) : std::nullopt;
 }
 
-int copyContent(int from, int to) {
-    for (;;) {
-        const ssize_t count = ::copy_file_range(from, nullptr, to, nullptr, std::size_t{1} << 30, 0);
-        if (count == 0) {
-            return 0;
-        }
-        if (count < 0 && errno != EINTR) {
-            // File systems that cannot; what has been copied stays, both files stand at their offsets.
-            const bool unsupported = errno == EXDEV || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS;
-            return unsupported ? copyByHand(from, to) : errno;
-        }
+std::optional<gid_t> groupNamed(const std::optional<std::string>& name) {
+    AccountTexts texts;
+    group account{};
+    group* found = nullptr;
+    const bool isKnown =
+        name && ::getgrnam_r(name->c_str(), &account, texts.data(), texts.size(), &found) == 0 && found;
+    return isKnown ? std::optional(account.gr_gid) : std::nullopt;
+}
+
+void setOwner(int folder, const char* name, const FileAttributes& attributes) {
+    const auto user = userNamed(attributes.ownerAccountName);
+    const auto group = groupNamed(attributes.groupOwnerAccountName);
+    if (user || group) {
+        // Fails for an ordinary user, whose device then owns all its files.
+        (void)::fchownat(folder, name, user.value_or(static_cast<uid_t>(-1)), group.value_or(static_cast<gid_t>(-1)),
+                         AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH);
     }
 }
 
@@ -74,14 +73,33 @@ class DeviceFileSystem::NewFile {
   public:
     NewFile(DeviceFileSystem& files, std::string_view path) : _files(files), _path(path) {}
     ~NewFile() {
-        if (_file.isOpen() && !_inPlace) {
+        if (_file.isOpen() && !_isInPlace) {
             ::unlinkat(_place.folder.get(), _temporaryName.c_str(), 0);
         }
     }
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    int create() {
+    /// Fills it with `fill`, which gets its descriptor and returns zero or an errno number, and renames it to its path.
+    /// If it is to be durable, its content is so before that, and its name is so afterwards.
+    template <class Fill> int make(const Fill& fill, bool isDurable) {
+        _failed = _create();
+        _change("write", [&] { return fill(_file.get()); });
+        if (isDurable) {
+            _change("sync", [&] { return errnoOf(::fdatasync(_file.get())); });
+        }
+        const int folder = _place.folder.get();
+        _change("rename",
+                [&] { return errnoOf(::renameat(folder, _temporaryName.c_str(), folder, _place.name.c_str())); });
+        _isInPlace = _failed == 0;
+        if (isDurable) {
+            _change("sync folder", [&] { return errnoOf(::fsync(folder)); });
+        }
+        return _failed;
+    }
+
+  private:
+    int _create() {
         int failed = _files._findPlace(_path, O_RDONLY, _place);
         if (failed == EACCES) { // a folder that may be written but not listed
             failed = _files._findPlace(_path, O_PATH, _place);
@@ -97,43 +115,24 @@ class DeviceFileSystem::NewFile {
                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
         return _file.isOpen() ? 0 : errno;
     }
-    [[nodiscard]] int file() const noexcept { return _file.get(); }
-
-    int write(std::string_view bytes) {
-        const int failed = beforeChange(_files.faultPoint(), "write", _path);
-        return failed != 0 ? failed : writeAll(_file.get(), bytes);
-    }
-    int sync() {
-        const int failed = beforeChange(_files.faultPoint(), "sync", _path);
-        return failed != 0 ? failed : errnoOf(::fdatasync(_file.get()));
-    }
-    int putInPlace() {
-        int failed = beforeChange(_files.faultPoint(), "rename", _path);
-        if (failed == 0) {
-            const int folder = _place.folder.get();
-            failed = errnoOf(::renameat(folder, _temporaryName.c_str(), folder, _place.name.c_str()));
+    /// Does nothing after a failure.
+    template <class Change> void _change(std::string_view name, const Change& change) {
+        if (_failed == 0) {
+            _failed = beforeChange(_files.faultPoint(), name, _path);
         }
-        _inPlace = failed == 0;
-        return failed;
-    }
-    int syncFolder() {
-        const int failed = beforeChange(_files.faultPoint(), "sync folder", _path);
-        return failed != 0 ? failed : errnoOf(::fsync(_place.folder.get()));
+        if (_failed == 0) {
+            _failed = change();
+        }
     }
 
-  private:
     DeviceFileSystem& _files;
     std::string_view _path;
     Place _place;
     std::string _temporaryName;
     Descriptor _file;
-    bool _inPlace = false;
+    int _failed = 0;
+    bool _isInPlace = false;
 };
-
-DeviceFileSystem::DeviceFileSystem(Descriptor root, std::shared_ptr<FaultPoint> faultPoint)
-    : _root(std::move(root)), _faultPoint(std::move(faultPoint)), _accounts(std::make_unique<AccountNames>()) {}
-
-DeviceFileSystem::~DeviceFileSystem() = default;
 
 int DeviceFileSystem::_findPlace(std::string_view path, int flags, Place& place) {
     if (const int failed = checkPath(path)) {
@@ -159,17 +158,6 @@ int DeviceFileSystem::_open(std::string_view path, int flags, mode_t mode, Descr
     return failed == 0 && wantsBytes ? checkIsFile(opened.get()) : failed;
 }
 
-void DeviceFileSystem::_setOwner(int folder, const char* name, const FileAttributes& attributes) {
-    const auto user = attributes.ownerAccountName ? _accounts->user(*attributes.ownerAccountName) : std::nullopt;
-    const auto group =
-        attributes.groupOwnerAccountName ? _accounts->group(*attributes.groupOwnerAccountName) : std::nullopt;
-    if (user || group) {
-        // Fails for an ordinary user, whose device then owns all its files.
-        (void)::fchownat(folder, name, user.value_or(static_cast<uid_t>(-1)), group.value_or(static_cast<gid_t>(-1)),
-                         AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH);
-    }
-}
-
 int DeviceFileSystem::_createDirectory(std::string_view path, bool withIntermediateDirectories,
                                        const std::optional<FileAttributes>& attributes) {
     Place place;
@@ -188,7 +176,7 @@ int DeviceFileSystem::_createDirectory(std::string_view path, bool withIntermedi
     }
     if (::mkdirat(place.folder.get(), place.name.c_str(), 0755) == 0) {
         if (attributes) {
-            _setOwner(place.folder.get(), place.name.c_str(), *attributes);
+            setOwner(place.folder.get(), place.name.c_str(), *attributes);
         }
         return 0;
     }
@@ -243,17 +231,7 @@ bool DeviceFileSystem::copyItem(std::string_view from, std::string_view to, Erro
     if (failed != 0) {
         return report(failed, "copying", from, error);
     }
-    NewFile copy(*this, to);
-    failed = copy.create();
-    if (failed == 0) {
-        failed = copy.write({});
-    }
-    if (failed == 0) {
-        failed = copyContent(source.get(), copy.file());
-    }
-    if (failed == 0) {
-        failed = copy.putInPlace();
-    }
+    failed = NewFile(*this, to).make([&](int copy) { return copyAll(source.get(), copy); }, false);
     return report(failed, "copying " + std::string(from) + " to", to, error);
 }
 
@@ -267,7 +245,7 @@ std::optional<Data> DeviceFileSystem::readFile(std::string_view path, ErrorPtr* 
     int failed = _open(path, O_RDONLY, 0, file);
     std::string bytes;
     if (failed == 0) {
-        failed = readAll(file.get(), largestReadFile, bytes);
+        failed = readAll(file.get(), maxReadSize, bytes);
     }
     if (failed == 0) {
         return Data(std::move(bytes));
@@ -277,35 +255,20 @@ std::optional<Data> DeviceFileSystem::readFile(std::string_view path, ErrorPtr* 
 }
 
 bool DeviceFileSystem::writeFileAtomically(std::string_view path, std::string_view bytes, ErrorPtr* error) noexcept {
-    NewFile file(*this, path);
-    int failed = file.create();
-    if (failed == 0) {
-        failed = file.write(bytes);
-    }
-    if (failed == 0) {
-        failed = file.sync();
-    }
-    if (failed == 0) {
-        failed = file.putInPlace();
-    }
-    if (failed == 0) {
-        failed = file.syncFolder();
-    }
-    return report(failed, "writing", path, error);
+    const auto fill = [&](int file) { return writeAll(file, bytes); };
+    return report(NewFile(*this, path).make(fill, true), "writing", path, error);
 }
 
 bool DeviceFileSystem::createFile(std::string_view path, std::string_view bytes,
                                   const FileAttributes& attributes) noexcept {
-    NewFile file(*this, path);
-    int failed = file.create();
-    if (failed == 0) {
-        failed = file.write(bytes);
-    }
-    if (failed == 0) {
-        _setOwner(file.file(), "", attributes);
-        failed = file.putInPlace();
-    }
-    return failed == 0;
+    const auto fill = [&](int file) {
+        const int failed = writeAll(file, bytes);
+        if (failed == 0) {
+            setOwner(file, "", attributes);
+        }
+        return failed;
+    };
+    return NewFile(*this, path).make(fill, false) == 0;
 }
 
 std::optional<FileInformation> DeviceFileSystem::attributesOfItem(std::string_view path, ErrorPtr* error) noexcept {
@@ -355,6 +318,18 @@ Result<std::vector<std::string>> DeviceFileSystem::list(std::string_view path) n
     }
     std::ranges::sort(names);
     return names;
+}
+
+Result<std::uint64_t> DeviceFileSystem::treeSize(std::string_view path) noexcept {
+    auto folder = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!folder) {
+        return folder.error();
+    }
+    std::uint64_t bytes = 0;
+    if (const int failed = device::treeSize(std::move(*folder), bytes)) {
+        return makePosixError(failed, "reading", path);
+    }
+    return bytes;
 }
 
 Result<void> DeviceFileSystem::sync() noexcept {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "device/root/FaultPoint.h"
+#include "device/root/PosixError.h"
 #include "files/Descriptor.h"
 #include "platform/FileSystem.h"
 #include "values/Result.h"
@@ -16,11 +17,9 @@
 
 namespace appsync::device {
 
-class AccountNames;
-
 /// The largest file that is read at once, in bytes; a larger one is refused with EFBIG, since memory is not the place
 /// for it and its size may be a lie.
-inline constexpr std::size_t largestReadFile = std::size_t{1} << 30;
+inline constexpr std::size_t maxReadSize = std::size_t{1} << 30;
 
 /// Paths are absolute paths of the device. Errors are POSIX errors that name operation, path and reason.
 ///
@@ -29,8 +28,8 @@ inline constexpr std::size_t largestReadFile = std::size_t{1} << 30;
 class DeviceFileSystem final : public FileSystem {
   public:
     /// `root` is the descriptor of the root folder; `faultPoint` may be null.
-    DeviceFileSystem(Descriptor root, std::shared_ptr<FaultPoint> faultPoint);
-    ~DeviceFileSystem() override;
+    DeviceFileSystem(Descriptor root, std::shared_ptr<FaultPoint> faultPoint)
+        : _root(std::move(root)), _faultPoint(std::move(faultPoint)) {}
 
     bool createDirectory(std::string_view path, bool withIntermediateDirectories,
                          const std::optional<FileAttributes>& attributes, ErrorPtr* error) noexcept override;
@@ -53,6 +52,9 @@ class DeviceFileSystem final : public FileSystem {
     [[nodiscard]] Result<Descriptor> open(std::string_view path, int flags, mode_t mode = 0644) noexcept;
     /// The names in a folder, sorted, without "." and "..".
     [[nodiscard]] Result<std::vector<std::string>> list(std::string_view path) noexcept;
+    /// The sizes of the files in a folder and below it, added up. Neither the path's end nor anything below it is a
+    /// link that is followed.
+    [[nodiscard]] Result<std::uint64_t> treeSize(std::string_view path) noexcept;
     /// Returns when everything written to the root's file system so far is durable.
     [[nodiscard]] Result<void> sync() noexcept;
     /// Bytes that an ordinary user can still write.
@@ -65,16 +67,14 @@ class DeviceFileSystem final : public FileSystem {
     struct Place;
     class NewFile;
 
-    // Each answers zero or an errno number.
+    // Each returns zero or an errno number.
     [[nodiscard]] int _findPlace(std::string_view path, int flags, Place& place);
     [[nodiscard]] int _open(std::string_view path, int flags, mode_t mode, Descriptor& opened);
     [[nodiscard]] int _createDirectory(std::string_view path, bool withIntermediateDirectories,
                                        const std::optional<FileAttributes>& attributes);
-    void _setOwner(int folder, const char* name, const FileAttributes& attributes);
 
-    Descriptor _root;
-    std::shared_ptr<FaultPoint> _faultPoint;
-    std::unique_ptr<AccountNames> _accounts;
+    const Descriptor _root;
+    const std::shared_ptr<FaultPoint> _faultPoint;
 };
 
 } // namespace appsync::device

@@ -1,11 +1,11 @@
 #include "device/root/Root.h"
 
-#include "device/root/PosixError.h"
 #include "device/root/Tree.h"
 #include "files/Syscalls.h"
 
 #include <sys/file.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <filesystem>
@@ -16,20 +16,19 @@ namespace {
 
 constexpr std::string_view markerPath = "/device-root";
 constexpr std::string_view lockPath = "/device-lock";
-constexpr std::string_view databaseFolder = "/var/db";
 /// The marker file: this text, the number of the layout, a line end.
 constexpr std::string_view markerText = "application device root, layout ";
 constexpr unsigned layoutVersion = 1;
 
-constexpr std::array<std::string_view, 6> layoutFolders{"/tmp",
-                                                        "/var/db",
-                                                        "/var/containers/Bundle/Application",
+constexpr std::array<std::string_view, 6> layoutFolders{temporaryFolder,
+                                                        databaseFolder,
+                                                        containersFolder,
                                                         "/var/mobile/Library",
                                                         "/var/mobile/Library/Logs/MediaServices",
                                                         "/var/mobile/Media"};
 /// Where an interrupted write leaves its temporary file: where files are replaced over and over, and where the icons of
 /// placeholders are copied to.
-constexpr std::array<std::string_view, 2> writtenFolders{"/var/mobile/Library", "/tmp"};
+constexpr std::array<std::string_view, 2> writtenFolders{"/var/mobile/Library", temporaryFolder};
 
 ErrorPtr rootError(RootError code, const std::string& folder, const std::string& text) {
     return makeError(RootErrorDomain, static_cast<std::int64_t>(code), text, folder);
@@ -48,7 +47,7 @@ ErrorPtr systemError(int failed, const std::string& folder, const std::string& t
     return rootError(RootError::failed, folder, text + " " + folder + ": " + systemText(failed));
 }
 
-ErrorPtr checkMarker(DeviceFileSystem& files, const std::string& folder) {
+Result<void> checkMarker(DeviceFileSystem& files, const std::string& folder) {
     ErrorPtr error;
     const auto marker = files.readFile(markerPath, &error);
     if (!marker) {
@@ -72,13 +71,13 @@ ErrorPtr checkMarker(DeviceFileSystem& files, const std::string& folder) {
                          folder + " has layout " + std::to_string(version) + ", this program knows layouts up to " +
                              std::to_string(layoutVersion) + "; use the program that made the device");
     }
-    return nullptr;
+    return {};
 }
 
 ErrorPtr inUseError(int lock, const std::string& folder) {
-    constexpr std::size_t largestOwner = 100;
+    constexpr std::size_t maxOwnerSize = 100;
     std::string owner;
-    if (readAll(lock, largestOwner, owner) != 0 || owner.empty()) {
+    if (readAll(lock, maxOwnerSize, owner) != 0 || owner.empty()) {
         owner = "another process\n";
     }
     owner.pop_back();
@@ -88,32 +87,34 @@ ErrorPtr inUseError(int lock, const std::string& folder) {
 }
 
 /// Takes the device for this process until the lock's descriptor is closed.
-ErrorPtr takeLock(DeviceFileSystem& files, const std::string& folder, Descriptor& lock) {
-    auto opened = files.open(lockPath, O_RDWR | O_CREAT | O_NOFOLLOW, 0644);
-    if (!opened) {
-        const int failed = static_cast<int>(opened.error()->code());
+Result<Descriptor> takeLock(DeviceFileSystem& files, const std::string& folder) {
+    auto lock = files.open(lockPath, O_RDWR | O_CREAT | O_NOFOLLOW, 0644);
+    if (!lock) {
+        const int failed = static_cast<int>(lock.error()->code());
         return isPermission(failed) ? systemError(failed, folder, "cannot lock the device")
                                     : rootError(RootError::failed, folder,
-                                                "cannot lock the device " + folder + ": " + errorText(opened.error()));
+                                                "cannot lock the device " + folder + ": " + errorText(lock.error()));
     }
-    lock = std::move(*opened);
     int failed = 0;
     do {
-        failed = errnoOf(::flock(lock.get(), LOCK_EX | LOCK_NB));
+        failed = errnoOf(::flock(lock->get(), LOCK_EX | LOCK_NB));
     } while (failed == EINTR);
     if (failed == EWOULDBLOCK) {
-        return inUseError(lock.get(), folder);
+        return inUseError(lock->get(), folder);
     }
     if (failed == 0) {
-        failed = errnoOf(::ftruncate(lock.get(), 0));
+        failed = errnoOf(::ftruncate(lock->get(), 0));
     }
     if (failed == 0) {
-        failed = writeAll(lock.get(), "process " + std::to_string(::getpid()) + "\n");
+        failed = writeAll(lock->get(), "process " + std::to_string(::getpid()) + "\n");
     }
-    return failed == 0 ? nullptr : systemError(failed, folder, "cannot lock the device");
+    if (failed != 0) {
+        return systemError(failed, folder, "cannot lock the device");
+    }
+    return lock;
 }
 
-ErrorPtr makeLayout(DeviceFileSystem& files, const std::string& folder) {
+Result<void> makeLayout(DeviceFileSystem& files, const std::string& folder) {
     for (const std::string_view path : layoutFolders) {
         ErrorPtr error;
         if (!files.createDirectory(path, true, std::nullopt, &error)) {
@@ -121,95 +122,94 @@ ErrorPtr makeLayout(DeviceFileSystem& files, const std::string& folder) {
                                "cannot create " + std::string(path) + " in the device");
         }
     }
-    return nullptr;
+    return {};
 }
 
-/// Whether nothing stands in a folder but what may be in any new one.
+/// Whether a folder holds only what may stand in any new one.
 bool isVacant(const std::vector<std::string>& names) {
-    for (const std::string& name : names) {
-        if (name != "lost+found" && !isTemporaryName(name)) {
-            return false;
-        }
-    }
-    return true;
+    return std::ranges::all_of(names,
+                               [](const std::string& name) { return name == "lost+found" || isTemporaryName(name); });
 }
 
-/// Opens a folder of this machine and finds its absolute path without symbolic links. From here on the descriptor is
-/// the device, whatever becomes of the path.
-ErrorPtr openHostFolder(const std::string& folder, Descriptor& opened, std::string& absolute) {
-    opened = Descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (opened.isOpen()) {
-        absolute = hostPathOf(opened.get());
-        return nullptr;
+/// Makes a device of a folder, unless it is one.
+Result<void> writeMarker(DeviceFileSystem& files, const std::string& folder) {
+    if (files.fileExists(markerPath)) {
+        return {};
     }
-    if (errno == ENOENT || errno == ENOTDIR) {
-        return rootError(RootError::noSuchFolder, folder,
-                         "there is no folder " + folder + "; name an existing device, or create one first");
+    const auto names = files.list("/");
+    if (!names) {
+        return systemError(static_cast<int>(names.error()->code()), folder, "cannot read the folder");
     }
-    return systemError(errno, folder, "cannot open the device");
+    if (!isVacant(*names)) {
+        return rootError(RootError::notEmpty, folder,
+                         folder + " is not empty and not a device; create the device in an empty folder");
+    }
+    ErrorPtr error;
+    const std::string marker = std::string(markerText) + std::to_string(layoutVersion) + "\n";
+    const bool isWritten = files.writeFileAtomically(markerPath, marker, &error);
+    return isWritten ? Result<void>()
+                     : systemError(static_cast<int>(error->code()), folder, "cannot create a device in");
 }
 
 } // namespace
 
-Root::Root(std::string folder, Descriptor lock, std::unique_ptr<DeviceFileSystem> files)
-    : _folder(std::move(folder)), _lock(std::move(lock)), _files(std::move(files)) {}
+/// From when it is opened the descriptor is the device, whatever becomes of the path.
+struct Root::HostFolder {
+    Descriptor opened;
+    std::string path; // absolute, without symbolic links
 
-Root::~Root() = default;
+    static Result<HostFolder> open(const std::string& folder) {
+        Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (opened.isOpen()) {
+            std::string path = hostPathOf(opened.get());
+            return HostFolder{std::move(opened), std::move(path)};
+        }
+        if (errno == ENOENT || errno == ENOTDIR) {
+            return rootError(RootError::noSuchFolder, folder,
+                             "there is no folder " + folder + "; name an existing device, or create one first");
+        }
+        return systemError(errno, folder, "cannot open the device");
+    }
+};
 
-Result<std::unique_ptr<Root>> Root::create(const std::string& folder, RootOptions options) {
+Result<std::unique_ptr<Root>> Root::create(const std::string& folder, std::shared_ptr<FaultPoint> faultPoint) {
     std::error_code failed;
     std::filesystem::create_directories(folder, failed);
-    Descriptor opened;
-    std::string absolute;
-    if (ErrorPtr error = openHostFolder(folder, opened, absolute)) {
-        return failed ? systemError(failed.value(), folder, "cannot create the folder") : error;
+    auto host = HostFolder::open(folder);
+    if (!host) {
+        return failed ? systemError(failed.value(), folder, "cannot create the folder") : host.error();
     }
-    {
-        DeviceFileSystem files(Descriptor(::fcntl(opened.get(), F_DUPFD_CLOEXEC, 0)), options.faultPoint);
-        if (!files.fileExists(markerPath)) {
-            const auto names = files.list("/");
-            if (!names) {
-                return systemError(static_cast<int>(names.error()->code()), folder, "cannot read the folder");
-            }
-            if (!isVacant(*names)) {
-                return rootError(RootError::notEmpty, folder,
-                                 folder + " is not empty and not a device; create the device in an empty folder");
-            }
-            ErrorPtr error;
-            const std::string marker = std::string(markerText) + std::to_string(layoutVersion) + "\n";
-            if (!files.writeFileAtomically(markerPath, marker, &error)) {
-                return systemError(static_cast<int>(error->code()), folder, "cannot create a device in");
-            }
-        }
+    DeviceFileSystem files(Descriptor(::fcntl(host->opened.get(), F_DUPFD_CLOEXEC, 0)), faultPoint);
+    if (const auto written = writeMarker(files, folder); !written) {
+        return written.error();
     }
-    return _open(std::move(opened), std::move(absolute), std::move(options));
+    return _open(std::move(*host), std::move(faultPoint));
 }
 
-Result<std::unique_ptr<Root>> Root::open(const std::string& folder, RootOptions options) {
-    Descriptor opened;
-    std::string absolute;
-    if (ErrorPtr error = openHostFolder(folder, opened, absolute)) {
-        return error;
+Result<std::unique_ptr<Root>> Root::open(const std::string& folder, std::shared_ptr<FaultPoint> faultPoint) {
+    auto host = HostFolder::open(folder);
+    if (!host) {
+        return host.error();
     }
-    return _open(std::move(opened), std::move(absolute), std::move(options));
+    return _open(std::move(*host), std::move(faultPoint));
 }
 
-Result<std::unique_ptr<Root>> Root::_open(Descriptor opened, std::string absolute, RootOptions options) {
-    auto files = std::make_unique<DeviceFileSystem>(std::move(opened), std::move(options.faultPoint));
-    if (ErrorPtr error = checkMarker(*files, absolute)) {
-        return error;
+Result<std::unique_ptr<Root>> Root::_open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint) {
+    auto files = std::make_unique<DeviceFileSystem>(std::move(host.opened), std::move(faultPoint));
+    if (const auto checked = checkMarker(*files, host.path); !checked) {
+        return checked.error();
     }
-    Descriptor lock;
-    if (ErrorPtr error = takeLock(*files, absolute, lock)) {
-        return error;
+    auto lock = takeLock(*files, host.path);
+    if (!lock) {
+        return lock.error();
     }
-    if (ErrorPtr error = makeLayout(*files, absolute)) {
-        return error;
+    if (const auto made = makeLayout(*files, host.path); !made) {
+        return made.error();
     }
     for (const std::string_view path : writtenFolders) {
         files->removeLeftovers(path);
     }
-    return std::unique_ptr<Root>(new Root(std::move(absolute), std::move(lock), std::move(files)));
+    return std::unique_ptr<Root>(new Root(std::move(host.path), std::move(*lock), std::move(files)));
 }
 
 Result<std::string> Root::realPath(std::string_view devicePath) {
@@ -219,10 +219,6 @@ Result<std::string> Root::realPath(std::string_view devicePath) {
     }
     std::string path = hostPathOf(found->get());
     return path.empty() ? Result<std::string>(makePosixError(ENOENT, "looking for", devicePath)) : std::move(path);
-}
-
-std::string Root::hostPath(std::string_view devicePath) const {
-    return _folder + std::string(devicePath);
 }
 
 Result<Descriptor> Root::openDatabaseFolder() noexcept {

@@ -10,7 +10,7 @@
 #pragma once
 
 #include "device/root/DeviceFileSystem.h"
-#include "values/Result.h"
+#include "device/root/Paths.h"
 
 #include <memory>
 #include <string>
@@ -28,42 +28,37 @@ enum class RootError : std::int64_t {
     failed = 7,      // anything else; the description has the system's reason
 };
 
-struct RootOptions {
-    std::shared_ptr<FaultPoint> faultPoint; // may be null
-};
-
 /// An open device root; at most one exists per folder, in all processes. Any thread.
 class Root {
   public:
     /// Makes a device of a folder that is empty or does not exist yet, and opens it. One that is a device is just
-    /// opened.
-    [[nodiscard]] static Result<std::unique_ptr<Root>> create(const std::string& folder, RootOptions options = {});
-    [[nodiscard]] static Result<std::unique_ptr<Root>> open(const std::string& folder, RootOptions options = {});
-    ~Root();
+    /// opened. `faultPoint` may be null.
+    [[nodiscard]] static Result<std::unique_ptr<Root>> create(const std::string& folder,
+                                                              std::shared_ptr<FaultPoint> faultPoint = nullptr);
+    [[nodiscard]] static Result<std::unique_ptr<Root>> open(const std::string& folder,
+                                                            std::shared_ptr<FaultPoint> faultPoint = nullptr);
     Root(const Root&) = delete;
     Root& operator=(const Root&) = delete;
 
     [[nodiscard]] DeviceFileSystem& files() noexcept { return *_files; }
-    /// The temporary directory, as a path of the device.
-    [[nodiscard]] std::string temporaryDirectory() const { return "/tmp"; }
-    /// The root folder's absolute path on this machine.
-    [[nodiscard]] const std::string& folder() const noexcept { return _folder; }
     /// Where a path of the device stood on this machine when the root was opened, for messages.
-    [[nodiscard]] std::string hostPath(std::string_view devicePath) const;
+    [[nodiscard]] std::string hostPath(std::string_view devicePath) const { return _folder + std::string(devicePath); }
     /// Where what stands at a path of the device stands on this machine now, for other processes.
     [[nodiscard]] Result<std::string> realPath(std::string_view devicePath);
     /// The database file's path on this machine, for messages.
-    [[nodiscard]] std::string databasePath() const { return hostPath("/var/db/device.sqlite"); }
+    [[nodiscard]] std::string databasePath() const { return hostPath(databaseFile); }
     /// The folder of the database, opened; never one outside of the root.
     [[nodiscard]] Result<Descriptor> openDatabaseFolder() noexcept;
 
   private:
-    static Result<std::unique_ptr<Root>> _open(Descriptor opened, std::string absolute, RootOptions options);
-    Root(std::string folder, Descriptor lock, std::unique_ptr<DeviceFileSystem> files);
+    struct HostFolder;
+    static Result<std::unique_ptr<Root>> _open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint);
+    Root(std::string folder, Descriptor lock, std::unique_ptr<DeviceFileSystem> files)
+        : _folder(std::move(folder)), _lock(std::move(lock)), _files(std::move(files)) {}
 
-    std::string _folder;
-    Descriptor _lock;
-    std::unique_ptr<DeviceFileSystem> _files;
+    const std::string _folder; // the absolute path on this machine
+    const Descriptor _lock;
+    const std::unique_ptr<DeviceFileSystem> _files;
 };
 
 } // namespace appsync::device

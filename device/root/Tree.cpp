@@ -1,7 +1,5 @@
 #include "device/root/Tree.h"
 
-#include "device/root/FaultPoint.h"
-#include "device/root/FolderReader.h"
 #include "device/root/TreeWalk.h"
 #include "files/Syscalls.h"
 
@@ -9,7 +7,6 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <cstdio>
 
 namespace appsync::device {
 
@@ -18,7 +15,7 @@ namespace {
 constexpr std::string_view temporaryPrefix = ".";
 constexpr std::string_view temporarySuffix = ".device-tmp";
 /// Folders deeper than this are not descended into one inside the other: each level holds a descriptor.
-constexpr int maximumDepth = 32;
+constexpr int maxDepth = 32;
 
 int openFolder(int parent, const std::string& name, Descriptor& folder) {
     return openBeneath(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW, folder);
@@ -83,7 +80,7 @@ class TreeRemover {
                 return errno;
             }
         }
-        if (depth == maximumDepth) {
+        if (depth == maxDepth) {
             _movedUp = true;
             return errnoOf(::renameat(folder, name.c_str(), _top, makeTemporaryName().c_str()));
         }
@@ -135,13 +132,25 @@ class SizeAdder final : public TreeVisitor {
 
 } // namespace
 
-std::string makeTemporaryName() {
-    std::uint64_t number = 0;
-    while (::getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) {
+std::string makeUniqueName() {
+    std::array<unsigned char, 16> bytes{};
+    while (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
     }
-    std::array<char, 17> digits{};
-    std::snprintf(digits.data(), digits.size(), "%016llx", static_cast<unsigned long long>(number));
-    return std::string(temporaryPrefix).append(digits.data()).append(temporarySuffix);
+    bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0f) | 0x40); // version 4: random
+    bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3f) | 0x80);
+    std::string text;
+    for (std::size_t place = 0; place < bytes.size(); ++place) {
+        if (place == 4 || place == 6 || place == 8 || place == 10) {
+            text += '-';
+        }
+        text += "0123456789ABCDEF"[bytes[place] >> 4];
+        text += "0123456789ABCDEF"[bytes[place] & 15];
+    }
+    return text;
+}
+
+std::string makeTemporaryName() {
+    return std::string(temporaryPrefix) + makeUniqueName() + std::string(temporarySuffix);
 }
 
 bool isTemporaryName(std::string_view name) noexcept {

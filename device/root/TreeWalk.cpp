@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <cassert>
 #include <memory>
 
 namespace appsync::device {
@@ -59,8 +60,8 @@ class TreeWalk {
         if (const int failed = _path.enter(std::move(folder))) {
             return failed;
         }
-        if (_readings.size() >= FolderPath::mostOpen) {
-            Reading& far = _readings[_readings.size() - FolderPath::mostOpen];
+        if (_readings.size() >= FolderPath::maxOpen) {
+            Reading& far = _readings[_readings.size() - FolderPath::maxOpen];
             far.position = far.reader ? far.reader->position() : far.position;
             far.reader.reset();
         }
@@ -106,19 +107,56 @@ class TreeWalk {
 
 } // namespace
 
+FolderReader::FolderReader(Descriptor folder) noexcept : _stream(::fdopendir(folder.get())) {
+    if (_stream) {
+        (void)folder.release(); // closed with the stream
+    } else {
+        _error = errno;
+    }
+}
+
+FolderReader::~FolderReader() {
+    if (_stream) {
+        ::closedir(_stream);
+    }
+}
+
+std::optional<FolderReader::Entry> FolderReader::next() noexcept {
+    while (_stream) {
+        errno = 0;
+        const dirent* entry = ::readdir(_stream);
+        if (!entry) {
+            _error = errno;
+            break;
+        }
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        if (entry->d_type != DT_UNKNOWN) {
+            return Entry{name, entry->d_type == DT_DIR};
+        }
+        struct stat status {};
+        const bool known = ::fstatat(::dirfd(_stream), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+        return Entry{name, known && S_ISDIR(status.st_mode)};
+    }
+    return std::nullopt;
+}
+
 int FolderPath::enter(Descriptor folder) noexcept {
     Level level{std::move(folder)};
     if (const int failed = identityOf(level.folder.get(), level.device, level.number)) {
         return failed;
     }
     _levels.push_back(std::move(level));
-    if (_levels.size() > mostOpen) {
-        const Descriptor closed = std::move(_levels[_levels.size() - mostOpen - 1].folder);
+    if (_levels.size() > maxOpen) {
+        const Descriptor closed = std::move(_levels[_levels.size() - maxOpen - 1].folder);
     }
     return 0;
 }
 
 int FolderPath::leave(Descriptor* left) noexcept {
+    assert(!_levels.empty());
     Descriptor present = std::move(_levels.back().folder);
     _levels.pop_back();
     int failed = 0;

@@ -1,24 +1,59 @@
 // Going through a folder and all folders below it: of any depth, with few descriptors, and never over a symbolic link.
 #pragma once
 
-#include "device/root/FolderReader.h"
 #include "files/Descriptor.h"
 
+#include <dirent.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace appsync::device {
+
+/// The entries of an open folder, without "." and "..".
+class FolderReader {
+  public:
+    struct Entry {
+        std::string_view name; // valid until the next one is read
+        bool isFolder = false;
+    };
+
+    /// `folder` must be opened for reading.
+    explicit FolderReader(Descriptor folder) noexcept;
+    ~FolderReader();
+    FolderReader(const FolderReader&) = delete;
+    FolderReader& operator=(const FolderReader&) = delete;
+
+    /// Nullopt at the end, and after a failure.
+    [[nodiscard]] std::optional<Entry> next() noexcept;
+    /// The folder's descriptor.
+    [[nodiscard]] int folder() const noexcept { return _stream ? ::dirfd(_stream) : -1; }
+    /// How far it has been read, for a later reader of the same folder.
+    [[nodiscard]] long position() const noexcept { return _stream ? ::telldir(_stream) : 0; }
+    void goTo(long position) noexcept {
+        if (_stream) {
+            ::seekdir(_stream, position);
+        }
+    }
+    /// Zero, or the errno number of the failure.
+    [[nodiscard]] int error() const noexcept { return _error; }
+
+  private:
+    DIR* _stream = nullptr;
+    int _error = 0;
+};
 
 /// The folders from the top of a tree down to the present one. Only the lowest ones are held open; one further up is
 /// opened again through ".." and must then be the folder that it was.
 class FolderPath {
   public:
     /// How many folders are held open at most.
-    static constexpr std::size_t mostOpen = 16;
+    static constexpr std::size_t maxOpen = 16;
 
-    // Each answers zero or an errno number.
+    // Each returns zero or an errno number.
     [[nodiscard]] int enter(Descriptor folder) noexcept;
     /// Goes up by one; ESTALE when that folder was moved away meanwhile. `left` gets the folder that was the present
     /// one.
@@ -36,7 +71,7 @@ class FolderPath {
     std::vector<Level> _levels;
 };
 
-/// What is done on the way. Each operation answers zero, or an errno number, which ends the walk.
+/// What is done on the way. Each operation returns zero, or an errno number, which ends the walk.
 class TreeVisitor {
   public:
     virtual ~TreeVisitor() = default;

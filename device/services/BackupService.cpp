@@ -1,10 +1,8 @@
 #include "device/services/BackupService.h"
 
 #include "device/database/Database.h"
-#include "device/registry/Container.h"
-#include "device/registry/RegistryRecord.h"
 #include "device/root/DeviceFileSystem.h"
-#include "device/root/PosixError.h"
+#include "device/root/Paths.h"
 #include "device/root/Tree.h"
 #include "values/BundleIdentifier.h"
 
@@ -157,13 +155,9 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
                            "\"" + std::string(bundleID) +
                                "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
     }
-    auto opened = _files.open(folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    if (!opened) {
-        return opened.error();
-    }
-    std::uint64_t size = 0;
-    if (const int failed = treeSize(std::move(*opened), size)) {
-        return makePosixError(failed, "reading", folder);
+    const auto size = _files.treeSize(folder);
+    if (!size) {
+        return size.error();
     }
     const Lock lock(_mutex);
     const auto earlier = _nameOf(bundleID);
@@ -178,7 +172,7 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
     auto written = _files.sync();
     if (written) {
         Database::Transaction transaction(_database, Durability::durable);
-        transaction.run("INSERT OR REPLACE INTO restoreData VALUES (?1, ?2, ?3, 0)", bundleID, size, name);
+        transaction.run("INSERT OR REPLACE INTO restoreData VALUES (?1, ?2, ?3, 0)", bundleID, *size, name);
         written = transaction.commit();
     }
     if (!written) {

@@ -2,7 +2,6 @@
 
 #include "device/registry/Registry.h"
 #include "device/root/DeviceFileSystem.h"
-#include "device/root/PosixError.h"
 #include "platform/PropertyListSerialization.h"
 
 #include <cerrno>

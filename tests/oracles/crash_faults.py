@@ -18,10 +18,10 @@ FAULTS = [
           '        printJson(std::cout, list, 2);\n    } else if (list.empty()) {',
           '        return ExitCode::failed;\n    } else if (list.empty()) {', crash('coordinated', 'kill', **ONCE)),
     Fault('after that: org.example.* is lost', 'device/registry/ArchiveInstall.cpp',
-          '        _arrival = _before.arrival != 0',
+          '        _arrival = _registry._table.arrivalOf',
           '        {\n            Database::Transaction gone(_registry._database, Durability::durable);\n'
-          '            RegistryStore::remove(gone, _request.identifier, false);\n            (void)gone.commit();\n        }\n'
-          '        _arrival = _before.arrival != 0', crash('own', 'kill', points=60)),
+          '            RegistryTable::erase(gone, _request.identifier, false);\n            (void)gone.commit();\n        }\n'
+          '        _arrival = _registry._table.arrivalOf', crash('own', 'kill', points=60)),
     Fault('org.example.* is there in version 2.0-0', 'host/commands/DeviceCommands.cpp',
           'list.push_back(toJson(app, isRunning));',
           'device::Application other = app;\n        other.version = "2.0-0";\n'
@@ -49,14 +49,14 @@ FAULTS = [
     Fault('it ended with 139: *', 'tests/crash/Disturb.cpp',
           '128 + WTERMSIG(status)', '130 + WTERMSIG(status)', power('own', 'ext4', points=2)),
     # Installed apps and their data.
-    Fault('org.example.* 1.0-0 is installed', 'device/registry/RegistryImplementation.cpp',
+    Fault('org.example.* 1.0-0 is installed', 'device/registry/Registry.cpp',
           'record.version = text("BXBundleVersion");', 'record.version = "1.0-0";', crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.*: *.txt is missing', 'device/archive/Extraction.cpp',
           '        if (entry.kind == ZipDirectory::Kind::folder) {',
           '        if (entry.path.ends_with(".txt")) {\n            return nullptr;\n        }\n'
           '        if (entry.kind == ZipDirectory::Kind::folder) {', crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.*: other is none of its files', 'device/registry/ArchiveInstall.cpp',
-          '        _sinf = _request.sinf ?', '        (void)container.writeFile("other", "x");\n        _sinf = _request.sinf ?',
+          '        _sinf = _request.sinf ?', '        (void)container.writeFile("other", Data("x"));\n        _sinf = _request.sinf ?',
           crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.*: *.txt has another content', 'device/archive/BundleWriter.cpp',
           'writeAll(file.get(), bytes);', 'writeAll(file.get(), bytes.substr(path.ends_with(".txt") ? 1 : 0));',
@@ -83,9 +83,9 @@ FAULTS = [
           '"/var/mobile/Containers/Data/Application/org.example.elder/note.txt", nullptr);',
           crash('own', 'kill', points=40)),
     Fault("'org.example.* is missing'", 'device/registry/ArchiveInstall.cpp',
-          '            RegistryStore::put(transaction, *_record, _arrival);\n', '', crash('coordinated', 'kill', **ONCE)),
+          '            RegistryTable::write(transaction, *_record, _arrival);\n', '', crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.* has a placeholder', 'device/registry/ArchiveInstall.cpp',
-          '            RegistryStore::remove(transaction, _record->identifier, true);\n', '',
+          '            RegistryTable::erase(transaction, _record->identifier, true);\n', '',
           crash('coordinated', 'kill', **ONCE)),
     Fault('demoted are *', 'plugin/coordination/RestorePlaceholder.cpp',
           'case intentionallyDemoted: return PDInstallTypeIntentionalDowngrade;',
@@ -103,7 +103,7 @@ FAULTS = [
           '!asset->isRestore ? packageOnly\n                                     : false   ? dataOnly',
           crash('restore-own', 'kill', points=60)),
     # What the disk has kept.
-    Fault('after that: org.example.*', 'device/registry/GroupCommit.cpp',
-          'if (const auto synced = _files.sync(); !synced) {', 'if (const auto synced = Result<void>(); !synced) {',
+    Fault('after that: org.example.*', 'device/database/GroupCommit.cpp',
+          'if (auto synced = _files.sync(); !synced) {', 'if (auto synced = Result<void>(); !synced) {',
           power('own', 'ext4', points=25)),
 ]

@@ -25,9 +25,9 @@ class OpenDevice {
     explicit OpenDevice(const std::string& folder, std::shared_ptr<FaultPoint> faults = nullptr,
                         RegistryOptions options = {}) {
         root = take(Root::create(folder, {faults}));
-        database = take(Database::open(root->databasePath(), faults));
+        database = take(Database::open(*root));
         registry = take(Registry::open(*root, *database, codec, options));
-        uninstalled = take(UninstalledList::open(*database));
+        uninstalled = std::make_unique<UninstalledList>(*database);
         workspace = std::make_unique<ApplicationWorkspace>(*registry);
     }
     DeviceFileSystem& files() const { return root->files(); }

@@ -1,6 +1,6 @@
 #include "RegistryFixture.h"
 
-#include "device/registry/RegistryRecord.h"
+#include "device/root/Paths.h"
 
 #include <filesystem>
 

@@ -126,13 +126,11 @@ TEST_F(Confinement, LoopOfLinksIsAnError) {
 }
 
 TEST_F(Confinement, ADatabaseStaysInItsFolderWhateverBecomesOfThePath) {
-    auto opened = root->openDatabaseFolder();
-    ASSERT_TRUE(opened);
     std::filesystem::rename(folder / "device", folder / "moved");
     std::filesystem::create_directories(folder / "other/var/db");
     std::filesystem::create_symlink("other", folder / "device");
     {
-        const auto database = Database::open(std::move(*opened), root->databasePath());
+        const auto database = Database::open(*root);
         ASSERT_TRUE(database) << errorText(database.error());
         Database::Transaction transaction(**database);
         transaction.run("CREATE TABLE t (a)");
@@ -147,6 +145,7 @@ TEST_F(Confinement, ADatabaseFolderThatIsALinkIsNotFollowed) {
     std::filesystem::rename(folder / "device/var/db", folder / "outside/db");
     link("var/db", folder / "outside/db");
     EXPECT_FALSE(root->openDatabaseFolder());
+    EXPECT_FALSE(Database::open(*root));
     std::filesystem::remove(folder / "device/var/db");
     std::filesystem::rename(folder / "outside/db", folder / "device/var/db");
 }

@@ -19,9 +19,9 @@ TEST(Root, CreatesDeviceInFolderThatDoesNotExist) {
     const TemporaryFolder folder;
     const auto root = Root::create(folder / "new/device");
     ASSERT_TRUE(root) << sentence(root);
-    EXPECT_EQ((*root)->folder(), folder / "new/device");
+    EXPECT_EQ((*root)->hostPath(""), folder / "new/device");
     EXPECT_TRUE((*root)->files().fileExists("/var/mobile/Library"));
-    EXPECT_TRUE((*root)->files().fileExists((*root)->temporaryDirectory()));
+    EXPECT_TRUE((*root)->files().fileExists(temporaryFolder));
     EXPECT_TRUE(std::filesystem::is_directory(folder / "new/device/var/db"));
     EXPECT_EQ((*root)->databasePath(), folder / "new/device/var/db/device.sqlite");
 }
@@ -153,7 +153,7 @@ TEST(Root, SymbolicLinkToADeviceIsTheDevice) {
     std::filesystem::create_symlink("device", folder / "link");
     const auto root = Root::open(folder / "link");
     ASSERT_TRUE(root);
-    EXPECT_EQ((*root)->folder(), folder / "device");
+    EXPECT_EQ((*root)->hostPath(""), folder / "device");
 }
 
 TEST(Root, SaysThatADeviceIsNotWritable) {

@@ -1,6 +1,6 @@
 // Data that waits to be restored, and the crash in the middle of restoring it.
 #include "device/services/BackupService.h"
-#include "device/registry/RegistryRecord.h"
+#include "device/root/Paths.h"
 #include "device/services/DemotedApps.h"
 #include "propertylist/Codec.h"
 #include "tests/device/root/Faults.h"

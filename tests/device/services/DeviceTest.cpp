@@ -104,7 +104,6 @@ TEST_F(DeviceTest, ANewDeviceIsEmptyAndAllowsEverything) {
     EXPECT_EQ(device->policy().value(OLFeatureAppInstallationAllowed), OLBoolValue::unset);
     EXPECT_EQ(device->policy().value(OLFeatureAppRemovalAllowed), OLBoolValue::unset);
     EXPECT_TRUE(device->registry().applications().empty());
-    EXPECT_EQ(device->settlement().removedFolders, 0U);
 }
 
 TEST_F(DeviceTest, KeepsWhatItWasMadeWith) {
@@ -242,7 +241,7 @@ TEST_F(DeviceTest, TheRestOfThePlatformAnswers) {
     create();
     const Platform services = platform();
     EXPECT_EQ(services.process.mainBundleIdentifier(), "com.zuvex.qrd");
-    EXPECT_EQ(services.process.temporaryDirectory(), device->root().temporaryDirectory());
+    EXPECT_EQ(services.process.temporaryDirectory(), temporaryFolder);
     EXPECT_EQ(&services.deviceService, &host);
     EXPECT_FALSE(services.backupManagers.init()->restoreDataExistsForApplicationWithBundleID_size(A, nullptr));
     EXPECT_TRUE(services.installationService.TevrinLookupUninstalled(nullptr));
@@ -267,6 +266,26 @@ TEST_F(DeviceTest, TheRestOfThePlatformAnswers) {
     device->notificationCenter().post(StartupCompleteName);
     done.wait();
     services.notificationCenter.removeObserver(&done, StartupCompleteName);
+}
+
+TEST_F(DeviceTest, AFailureAfterWhichItGoesOnIsLogged) {
+    const auto faults = std::make_shared<RecordingFaults>();
+    faults->failure = EIO;
+    auto made = Device::create(folder.path(), {}, {.faultPoint = faults, .registry = {}, .log = {}});
+    ASSERT_TRUE(made) << errorText(made.error());
+    device = std::move(*made);
+    PlaceholderRequest request;
+    request.identifier = A;
+    ASSERT_TRUE(device->registry().installPlaceholder(request));
+    ASSERT_TRUE(device->demotedApps().add(A, false));
+    faults->failBelow = {demotedAppsPath};
+    EXPECT_TRUE(device->registry().uninstall(A, RemovalReason::person, RemovalScope::everything));
+    const std::string path = device->root().hostPath(LogPath);
+    reopen();
+    const std::string content = readHostFile(path);
+    EXPECT_NE(content.find("com.zuvex.Halvane.DemotedApps.plist: Input/output error"), std::string::npos) << content;
+    EXPECT_EQ(content.find("waits to be restored"), std::string::npos) << "it is no failure that no data waits";
+    EXPECT_FALSE(device->demotedApps().lists().contains(A)) << "the opening puts it right";
 }
 
 TEST_F(DeviceTest, LogsAreWrittenWhenItCloses) {

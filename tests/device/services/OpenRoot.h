@@ -15,7 +15,7 @@ class OpenRoot {
 
     void open(std::shared_ptr<FaultPoint> faultPoint = nullptr) {
         root = std::move(*Root::create(folder.path(), {faultPoint}));
-        database = std::move(*Database::open(root->databasePath(), faultPoint));
+        database = std::move(*Database::open(*root));
     }
     /// As when the process ends and another one starts.
     void reopen(std::shared_ptr<FaultPoint> faultPoint = nullptr) {

@@ -1,8 +1,8 @@
 // A new app container: filled in the staging folder, then put in its place.
 #pragma once
 
-#include "device/registry/RegistryRecord.h"
 #include "files/Descriptor.h"
+#include "values/PropertyList.h"
 #include "values/Result.h"
 
 #include <string>
@@ -26,23 +26,21 @@ class Container {
     /// Its folder, opened.
     [[nodiscard]] int folder() const noexcept { return _folder.get(); }
     [[nodiscard]] std::string path() const;
-    /// Writes a file beside the app's folder, in place of one that stands there.
-    [[nodiscard]] Result<void> writeFile(std::string_view name, std::string_view content);
+    /// Writes a file beside the app's folder, in place of one that stands there; what is absent is left out.
+    [[nodiscard]] Result<void> writeFile(std::string_view name, const std::optional<Data>& content);
     /// Moves it from the staging folder among the others.
     [[nodiscard]] Result<void> putInPlace();
     /// It belongs to an app now.
     void keep() noexcept { _files = nullptr; }
+    [[nodiscard]] bool isKept() const noexcept { return _files == nullptr; }
 
   private:
     Container(DeviceFileSystem& files, std::string name) : _files(&files), _name(std::move(name)) {}
 
-    DeviceFileSystem* _files; // null when there is nothing to remove
+    DeviceFileSystem* _files; // null when it is kept
     std::string _name;
     Descriptor _folder;
     bool _isInPlace = false;
 };
-
-/// A random identifier in its usual form, such as "1B4E28BA-2FA1-4D2E-883F-B9A761BDE3FB".
-[[nodiscard]] std::string makeUniqueName();
 
 } // namespace appsync::device

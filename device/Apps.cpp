@@ -1,0 +1,187 @@
+// What is done with an app beyond its install: it is launched or demoted, comes back, and gets its data.
+#include "archive/AppInArchive.h"
+#include "archive/InstallerError.h"
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
+#include "device/processes/ProcessTable.h"
+#include "device/registry/ApplicationWorkspace.h"
+#include "device/screen/AppBundles.h"
+#include "device/services/BackupService.h"
+#include "device/services/DemotedApps.h"
+#include "platform/PropertyListSerialization.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace appsync::device {
+
+namespace {
+
+/// Keeps an app from running; lets it go at the end.
+class Hold {
+  public:
+    Hold(ProcessTable& processes, const std::string& identifier)
+        : _processes(processes), _identifier(identifier), _outcome(processes.endAndHold(identifier)) {}
+    ~Hold() {
+        if (_outcome == RunningApps::Answer::ended) {
+            _processes.letGo(_identifier);
+        }
+    }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+    [[nodiscard]] bool isRefused() const noexcept { return _outcome == RunningApps::Answer::busy; }
+
+  private:
+    ProcessTable& _processes;
+    const std::string& _identifier;
+    const RunningApps::Answer _outcome;
+};
+
+PlaceholderRequest placeholderOf(DeviceFileSystem& files, const Application& app, bool isAutomatic) {
+    PlaceholderRequest request;
+    request.identifier = app.identifier;
+    request.info.set("BXBundleDisplayName", app.name);
+    if (app.version) {
+        request.info.set("BXBundleVersion", *app.version);
+    }
+    request.iconPath = app.iconPath;
+    request.installType = isAutomatic ? PDInstallTypeDowngrade : PDInstallTypeIntentionalDowngrade;
+    request.metadata = files.readFile(app.containerPath + "/" + std::string(metadataFileName), nullptr);
+    request.sinf = files.readFile(app.containerPath + "/" + std::string(sinfFileName), nullptr);
+    request.isSystem = app.isSystem;
+    request.replacesApp = true;
+    return request;
+}
+
+/// The lists as they should be: of the expected apps, those that have a demoted app's placeholder, and no installed
+/// one.
+DemotionLists settled(const DemotionLists& before, const std::set<std::string>& expected,
+                      const std::vector<Application>& apps) {
+    DemotionLists lists;
+    std::ranges::set_intersection(before.automatic, expected, std::inserter(lists.automatic, lists.automatic.end()));
+    std::ranges::set_intersection(before.intentional, expected,
+                                  std::inserter(lists.intentional, lists.intentional.end()));
+    for (const Application& app : apps) {
+        if (app.isInstalled) {
+            lists.take(app.identifier);
+        } else if (app.isDemoted() && !lists.contains(app.identifier)) {
+            lists.put(app.identifier, app.installType == PDInstallTypeDowngrade);
+        }
+    }
+    return lists;
+}
+
+} // namespace
+
+Result<pid_t> Device::launch(std::string_view identifier, bool busy) {
+    const auto refuse = [&](ProcessError code, const std::string& reason) {
+        return makeError(ProcessErrorDomain, static_cast<std::int64_t>(code),
+                         std::string(identifier) + " cannot be launched: " + reason);
+    };
+    const auto app = _registry->application(identifier);
+    if (!app || !app->isInstalled) {
+        return refuse(ProcessError::notInstalled, "the device has no such app");
+    }
+    AppBundle bundle(files(), *_propertyLists, app->bundlePath);
+    if (const auto prohibited = bundle.objectForInfoDictionaryKey("PDApplicationLaunchProhibited");
+        prohibited && prohibited->truth().value_or(false)) {
+        return refuse(ProcessError::prohibited, "its Info.plist prohibits that");
+    }
+    const auto name = bundle.objectForInfoDictionaryKey("BXBundleExecutable");
+    const std::string executable(name ? name->string().value_or("") : "");
+    if (executable.empty() || executable.find('/') != std::string::npos) {
+        return refuse(ProcessError::noExecutable, "its Info.plist names no executable");
+    }
+    ErrorPtr error;
+    if (!files().createDirectory(app->dataContainerPath, true, std::nullopt, &error)) {
+        return error;
+    }
+    const auto program = _root->realPath(app->bundlePath + "/" + executable);
+    const auto data = _root->realPath(app->dataContainerPath);
+    if (!program || !data) {
+        return refuse(ProcessError::cannotBeStarted, errorText(program ? data.error() : program.error()));
+    }
+    return _processes->launch(
+        {.identifier = app->identifier, .executable = *program, .dataFolder = *data, .busy = busy});
+}
+
+Result<void> Device::demote(const std::string& identifier, bool isAutomatic) {
+    const auto app = registry().application(identifier);
+    if (!app || (!app->isDemoted() && (!app->isInstalled || app->isPlaceholder))) {
+        const std::string reason = !app ? "the device has no such app" : "it is on its way; wait until it is installed";
+        return makeInstallerError(InstallerError::invalidRequest, "cannot demote " + identifier + ": " + reason);
+    }
+    const Hold hold(processes(), identifier);
+    if (hold.isRefused()) {
+        return makeError(ProcessErrorDomain, static_cast<std::int64_t>(ProcessError::inUse),
+                         identifier + " is in use and cannot be ended now; close it and try again");
+    }
+    // First the list: one that names an installed app is put right when the device is opened.
+    if (auto listed = demotedApps().add(identifier, isAutomatic); !listed) {
+        return listed;
+    }
+    auto demoted = registry().installPlaceholder(placeholderOf(files(), *app, isAutomatic));
+    if (!demoted && app->isInstalled) {
+        (void)demotedApps().remove(identifier);
+    }
+    return demoted;
+}
+
+void Device::letReturn(const std::string& identifier) {
+    _workspace->letReturn(identifier);
+}
+
+/// A failure after which the operation goes on: what was not done is done when the device is next opened.
+void Device::_passOver(const Result<void>& done) {
+    if (!done) {
+        _log->write(QRLogCategoryFramework, LogLevel::error, "%{public}@", errorText(done.error()));
+    }
+}
+
+/// What is kept for an app goes with it.
+void Device::_followRegistry() {
+    const auto isNotDemoted = [this](std::string_view identifier) {
+        _passOver(_demotedApps->remove(std::string(identifier)));
+    };
+    _registry->follow(
+        {.demotion =
+             [this](std::string_view identifier) { return _demotedApps->installTypeOf(std::string(identifier)); },
+         .wasInstalled = isNotDemoted,
+         .isGone =
+             [this, isNotDemoted](std::string_view identifier) {
+                 isNotDemoted(identifier);
+                 const auto cancelled = _backup->cancelRestore(identifier);
+                 if (!isError(cancelled.error(), BackupErrorDomain, BackupError::nothingToCancel)) {
+                     _passOver(cancelled);
+                 }
+             }});
+}
+
+/// The process may have ended when an app came, went or was demoted, before its data was put in place or given up and
+/// the list of demoted apps was written; that list may have been damaged, too.
+void Device::_settleApps() {
+    std::set<std::string> onTheirWay;
+    for (const OpenCoordinator& open : _coordinator->openCoordinators()) {
+        onTheirWay.insert(open.bundleID);
+    }
+    const auto apps = _registry->applications();
+    std::set<std::string> expected = onTheirWay;
+    for (const Application& app : apps) {
+        expected.insert(app.identifier);
+    }
+    const DemotionLists before = _demotedApps->lists();
+    if (DemotionLists lists = settled(before, expected, apps); lists != before) {
+        _passOver(_demotedApps->set(std::move(lists)));
+    }
+    _backup->cancelAllBut(expected);
+    const auto waiting = _backup->restoreData();
+    for (const RestoreData& data : waiting ? *waiting : std::vector<RestoreData>()) {
+        const auto app = _registry->application(data.bundleID);
+        const bool isThere = app && ((app->isInstalled && !app->isPlaceholder) || app->isDemoted());
+        if (isThere && !onTheirWay.contains(data.bundleID) && !_processes->isRunning(data.bundleID)) {
+            _passOver(_backup->restoreApplicationData(data.bundleID));
+        }
+    }
+}
+
+} // namespace appsync::device
