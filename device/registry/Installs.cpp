@@ -93,6 +93,7 @@ std::vector<InstallProgressPtr> Installs::inOrder() const {
         }
     }
     std::vector<InstallProgressPtr> installs;
+    installs.reserve(ordered.size());
     for (const auto& [order, progress] : ordered) {
         installs.push_back(progress);
     }
