@@ -1,8 +1,8 @@
 // The plug-in's own time against services in memory: planning a sync of many apps, restoring many apps. And with a real
 // device: one change of the to-do list, and the host's queries about many apps.
 #include "device/Device.h"
-#include "platform/Asset.h"
 #include "platform/PropertyListSerialization.h"
+#include "platform/host/Asset.h"
 #include "plugin/client/AppsClient.h"
 #include "plugin/client/Paths.h"
 #include "propertylist/Codec.h"

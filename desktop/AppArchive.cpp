@@ -204,7 +204,7 @@ Result<AppDescription> readAppDescription(const AppArchive& app, PropertyListSer
 }
 
 ErrorPtr desktopError(std::string description, std::string_view path) {
-    return makeError(DesktopErrorDomain, 1, description, path);
+    return makeError(desktopErrorDomain, 1, description, path);
 }
 
 } // namespace appsync::desktop

@@ -18,7 +18,7 @@ class Refusal;
 namespace appsync::desktop {
 
 /// Domain of the errors of this folder; the description says what, where and what to do.
-inline constexpr std::string_view DesktopErrorDomain = "Desktop";
+inline constexpr std::string_view desktopErrorDomain = "Desktop";
 
 /// What the desktop needs to know of an app to decide what a sync does. A library holds many: these are small.
 struct AppArchive {
@@ -54,7 +54,7 @@ struct AppDescription {
 [[nodiscard]] Result<AppDescription> readAppDescription(const AppArchive& app,
                                                         PropertyListSerialization& propertyLists);
 
-/// An error of `DesktopErrorDomain` with its sentence.
+/// An error of `desktopErrorDomain` with its sentence.
 [[nodiscard]] ErrorPtr desktopError(std::string description, std::string_view path = {});
 
 } // namespace appsync::desktop

@@ -99,7 +99,7 @@ Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list)
             return;
         }
         page.emplace_back(identifier);
-        if (page.size() == IconsPerPage) {
+        if (page.size() == iconsPerPage) {
             pages.emplace_back(std::move(page));
             page = {};
         }

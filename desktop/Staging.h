@@ -19,9 +19,9 @@ class PropertyListSerialization;
 
 namespace appsync::desktop {
 
-inline constexpr std::size_t IconsPerPage = 24;
+inline constexpr std::size_t iconsPerPage = 24;
 
-/// Pages of at most `IconsPerPage` identifiers: those on the device in their order, then the new ones in the list's.
+/// Pages of at most `iconsPerPage` identifiers: those on the device in their order, then the new ones in the list's.
 [[nodiscard]] Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list);
 
 /// Replaces the staging area; `onDevice` are the apps of the device in their order. Apps whose archive cannot be read

@@ -75,7 +75,7 @@ DemotionLists settled(const DemotionLists& before, const std::set<std::string>& 
 
 Result<pid_t> Device::launch(std::string_view identifier, bool busy) {
     const auto refuse = [&](ProcessError code, const std::string& reason) {
-        return makeError(ProcessErrorDomain, static_cast<std::int64_t>(code),
+        return makeError(processErrorDomain, static_cast<std::int64_t>(code),
                          std::string(identifier) + " cannot be launched: " + reason);
     };
     const auto app = _registry->application(identifier);
@@ -113,7 +113,7 @@ Result<void> Device::demote(const std::string& identifier, bool isAutomatic) {
     }
     const Hold hold(processes(), identifier);
     if (hold.isRefused()) {
-        return makeError(ProcessErrorDomain, static_cast<std::int64_t>(ProcessError::inUse),
+        return makeError(processErrorDomain, static_cast<std::int64_t>(ProcessError::inUse),
                          identifier + " is in use and cannot be ended now; close it and try again");
     }
     // First the list: one that names an installed app is put right when the device is opened.
@@ -151,7 +151,7 @@ void Device::_followRegistry() {
              [this, isNotDemoted](std::string_view identifier) {
                  isNotDemoted(identifier);
                  const auto cancelled = _backup->cancelRestore(identifier);
-                 if (!isError(cancelled.error(), BackupErrorDomain, BackupError::nothingToCancel)) {
+                 if (!isError(cancelled.error(), backupErrorDomain, BackupError::nothingToCancel)) {
                      _passOver(cancelled);
                  }
              }});

@@ -23,12 +23,12 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view Schema[] = {
+constexpr std::string_view schema[] = {
     "CREATE TABLE device (setting TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;"};
 
 /// The device's own settings; nullopt when it has not been made completely.
 Result<std::optional<bool>> readCoordination(Database& database) {
-    if (const auto registered = database.registerSchema("device", Schema); !registered) {
+    if (const auto registered = database.registerSchema("device", schema); !registered) {
         return registered.error();
     }
     Database::Transaction transaction(database);
@@ -47,7 +47,7 @@ Result<void> writeCoordination(Database& database, bool isEnabled) {
 }
 
 ErrorPtr deviceError(DeviceError code, const std::string& folder, const std::string& description) {
-    return makeError(DeviceErrorDomain, static_cast<std::int64_t>(code), description, folder);
+    return makeError(deviceErrorDomain, static_cast<std::int64_t>(code), description, folder);
 }
 
 /// The backup service as the install coordinator uses it.
@@ -56,7 +56,7 @@ class WaitingData final : public UserDataRestorer {
     explicit WaitingData(BackupService& backup) : _backup(backup) {}
     Result<void> restore(std::string_view bundleID) override {
         auto restored = _backup.restoreApplicationData(bundleID);
-        const bool isNone = isError(restored.error(), BackupErrorDomain, BackupError::nothingToRestore);
+        const bool isNone = isError(restored.error(), backupErrorDomain, BackupError::nothingToRestore);
         return isNone ? Result<void>() : restored;
     }
     void giveUp(std::string_view bundleID) override { (void)_backup.cancelRestore(bundleID); }

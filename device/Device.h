@@ -41,7 +41,7 @@ class TransactionLog;
 class UninstalledList;
 class UserDataRestorer;
 
-inline constexpr std::string_view DeviceErrorDomain = "Device";
+inline constexpr std::string_view deviceErrorDomain = "Device";
 enum class DeviceError : std::int64_t {
     existsAlready = 1, // `create`: the folder is a device already
     notFinished = 2,   // `open`: the making of the device was interrupted; create it again
@@ -114,11 +114,11 @@ class Device {
     [[nodiscard]] TimerScheduler& scheduler() noexcept { return *_scheduler; }
 
     /// Starts an installed app, as a tap on its icon would; the number of its process. `busy`: it begins busy. Errors
-    /// are of `ProcessErrorDomain`.
+    /// are of `processErrorDomain`.
     [[nodiscard]] Result<pid_t> launch(std::string_view identifier, bool busy = false);
     /// Lets go of an installed app's bundle. Its data stays, and a placeholder that knows its name, version, icon and
     /// store metadata; a person demotes intentionally, the system automatically. Demoting a demoted app again changes
-    /// the list that it is on. Errors are of `ProcessErrorDomain` when the app is in use, of `TVInstallerErrorDomain`
+    /// the list that it is on. Errors are of `processErrorDomain` when the app is in use, of `TVInstallerErrorDomain`
     /// otherwise.
     [[nodiscard]] Result<void> demote(const std::string& identifier, bool isAutomatic);
     /// A sync may bring a demoted app back: until the device is closed its placeholder is hidden from the sync's

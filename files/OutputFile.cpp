@@ -68,7 +68,7 @@ Result<void> OutputFile::_outcome(int failed) const {
     if (failed == 0) {
         return {};
     }
-    return makeError(PosixErrorDomain, failed, "'" + _path + "' cannot be written: " + systemText(failed) + ".", _path);
+    return makeError(posixErrorDomain, failed, "'" + _path + "' cannot be written: " + systemText(failed) + ".", _path);
 }
 
 int OutputFile::_open() {

@@ -14,7 +14,7 @@ FileStamp stampOf(const struct stat& status) noexcept {
 }
 
 ErrorPtr failure(const std::string& path, int number, std::string_view reason) {
-    return makeError(PosixErrorDomain, number, "'" + path + "' cannot be read: " + std::string(reason), path);
+    return makeError(posixErrorDomain, number, "'" + path + "' cannot be read: " + std::string(reason), path);
 }
 
 } // namespace

@@ -37,9 +37,9 @@ class Folder {
 
 /// A backup with these bytes as lists.
 void write(const fs::path& folder, std::string_view apps, std::string_view others) {
-    std::ofstream(folder / RestoreInfoName, std::ios::binary) << apps;
-    std::ofstream(folder / DemotedAppsName, std::ios::binary) << others;
-    std::ofstream(folder / IconStateName, std::ios::binary) << others;
+    std::ofstream(folder / restoreInfoName, std::ios::binary) << apps;
+    std::ofstream(folder / demotedAppsName, std::ios::binary) << others;
+    std::ofstream(folder / iconStateName, std::ios::binary) << others;
 }
 
 void expectUsable(const BackupContent& content) {

@@ -46,7 +46,7 @@ void expectHarmless(const std::string& printed, std::size_t lines) {
         expect(!isHarmful(appsync::takeCharacter(rest)), "nothing in it steers a terminal");
     }
     expect(static_cast<std::size_t>(std::ranges::count(printed, '\n')) == lines, "it has as many lines as it should");
-    expect(printed.size() <= lines * 4 * (appsync::host::LineLimit + 200), "its length is bounded");
+    expect(printed.size() <= lines * 4 * (appsync::host::maxLineLength + 200), "its length is bounded");
 }
 
 /// With what draws the home screen's labels; the whole of it takes too long.

@@ -1,6 +1,6 @@
 // Any bytes as the to-do list: the whole of planning and of a removal over it, on both install paths.
 #include "fuzz/Device.h"
-#include "platform/Asset.h"
+#include "platform/host/Asset.h"
 
 using appsync::fuzz::Device;
 using appsync::fuzz::expect;

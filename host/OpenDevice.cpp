@@ -21,7 +21,7 @@ std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* 
 }
 
 ExitCode exitCodeOf(const ErrorPtr& error) {
-    return isError(error, device::RootErrorDomain, device::RootError::inUse) ? ExitCode::deviceInUse
+    return isError(error, device::rootErrorDomain, device::RootError::inUse) ? ExitCode::deviceInUse
                                                                              : ExitCode::deviceUnusable;
 }
 

@@ -68,7 +68,12 @@ struct KXPlaceholderAttributes {
     }
     void setLaunchProhibited(bool prohibited) { launchProhibited = prohibited; }
     void setBundleVersion(std::optional<std::string> version) { bundleVersion = std::move(version); }
-    [[nodiscard]] std::string description() const;
+    [[nodiscard]] std::string description() const {
+        std::string out = "<launchProhibited=";
+        out += launchProhibited ? '1' : '0';
+        out += " bundleVersion=" + bundleVersion.value_or("(null)") + " infoPlist=";
+        return out + (infoPlist ? Value(*infoPlist) : Value()).description() + ">";
+    }
 };
 
 /// The promise of a placeholder: installed by its coordinator when its configuration is complete.
@@ -170,7 +175,7 @@ class KXAppInstallObserver {
 };
 
 /// The service that reports on coordinators.
-inline constexpr std::string_view ObserverServiceName = "com.zuvex.qrd.kpc.icappobserverdelegate";
+inline constexpr std::string_view observerServiceName = "com.zuvex.qrd.kpc.icappobserverdelegate";
 
 class KXAppInstallObserverClass {
   public:

@@ -11,9 +11,9 @@ namespace appsync {
 class NotificationCenter;
 
 /// Posted by the host when it is ready for the install coordinator's reports.
-inline constexpr std::string_view StartupCompleteName = "com.zuvex.qrd.QRStartupCompleteNotification";
+inline constexpr std::string_view startupCompleteName = "com.zuvex.qrd.QRStartupCompleteNotification";
 /// Posted for the home screen when a sync starts (state 1) and ends (state 0).
-inline constexpr std::string_view SyncNoticeName = "com.zuvex.skellan.qrd.wsyncnotify";
+inline constexpr std::string_view syncNoticeName = "com.zuvex.skellan.qrd.wsyncnotify";
 
 /// `object` is the sender's, `userInfo` its facts; either may be null. Runs on a thread of the center.
 using NotificationCallback = void (*)(NotificationCenter* center, void* observer, std::string_view name,

@@ -1,7 +1,7 @@
 // The install transaction log: what was begun and ended for which app, kept for later questions.
 #pragma once
 
-#include "platform/Log.h"
+#include "platform/host/Log.h"
 
 #include <cstdint>
 #include <string_view>

@@ -1,7 +1,7 @@
 #include "propertylist/ByteBuffer.h"
 
 #include "propertylist/Failure.h"
-#include "values/ValueStorage.h"
+#include "values/storage/ValueStorage.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,11 +1,11 @@
 #include "propertylist/Codec.h"
 
-#include "propertylist/BinaryFormat.h"
-#include "propertylist/BinaryReader.h"
-#include "propertylist/BinaryWriter.h"
 #include "propertylist/Failure.h"
-#include "propertylist/XmlReader.h"
-#include "propertylist/XmlWriter.h"
+#include "propertylist/binary/BinaryFormat.h"
+#include "propertylist/binary/BinaryReader.h"
+#include "propertylist/binary/BinaryWriter.h"
+#include "propertylist/xml/XmlReader.h"
+#include "propertylist/xml/XmlWriter.h"
 
 #include <exception>
 
@@ -17,8 +17,8 @@ using propertylist::Failure;
 using Code = PropertyListErrorCode;
 
 Value read(std::string_view bytes) {
-    if (bytes.size() > PropertyListSizeLimit) {
-        propertylist::failReading(Code::tooLarge, PropertyListSizeLimit, "more bytes than a property list may have");
+    if (bytes.size() > maxPropertyListSize) {
+        propertylist::failReading(Code::tooLarge, maxPropertyListSize, "more bytes than a property list may have");
     }
     if (bytes.starts_with(propertylist::binaryMagic)) {
         return propertylist::readBinary(bytes);
@@ -66,8 +66,8 @@ std::optional<Value> PropertyListCodec::propertyListWithData(std::string_view by
 std::optional<Data> PropertyListCodec::dataWithPropertyList(const Value& value, PropertyListFormat format,
                                                             ErrorPtr* error) noexcept {
     return guarded(error, false, [&] {
-        return format == PropertyListFormat::binary ? propertylist::writeBinary(value, PropertyListSizeLimit)
-                                                    : propertylist::writeXml(value, PropertyListXmlLimit);
+        return format == PropertyListFormat::binary ? propertylist::writeBinary(value, maxPropertyListSize)
+                                                    : propertylist::writeXml(value, maxPropertyListXmlSize);
     });
 }
 

@@ -5,20 +5,20 @@
 // an XML file is ignored, definitions inside it are refused, and none is ever written.
 //
 // What is read is untrusted. Reading takes time in proportion to the bytes, and memory of at most
-// `PropertyListMemoryFactor` times their number plus a few kilobytes, the value included:
-// - there are at most `PropertyListSizeLimit` bytes, and containers are nested at most `PropertyListDepthLimit` deep;
+// `propertyListMemoryFactor` times their number plus a few kilobytes, the value included:
+// - there are at most `maxPropertyListSize` bytes, and containers are nested at most `maxPropertyListDepth` deep;
 // - a binary file may refer to the same object many times, as long as the list that one sees who follows every
-//   reference stays within bounds: it has at most `PropertyListExpansionFactor` elements for each byte of the file, and
-//   its keys, texts and data, where they are met again, have at most `PropertyListRepetitionFactor` bytes for each byte
-//   of the file, and `PropertyListRepetitionAllowance` more (texts of up to 14 bytes do not count);
+//   reference stays within bounds: it has at most `propertyListExpansionFactor` elements for each byte of the file, and
+//   its keys, texts and data, where they are met again, have at most `propertyListRepetitionFactor` bytes for each byte
+//   of the file, and `propertyListRepetitionAllowance` more (texts of up to 14 bytes do not count);
 // - text must be valid, keys must be texts and differ from one another.
-// Anything else ends in an error of the domain `PropertyListErrorDomain`.
+// Anything else ends in an error of the domain `propertyListErrorDomain`.
 //
 // What is written can be read again and gives an equal value, except for what XML cannot hold
-// (propertylist/XmlWriter.h). Equal values whose dictionaries have the same order give the same bytes. The binary
+// (propertylist/xml/XmlWriter.h). Equal values whose dictionaries have the same order give the same bytes. The binary
 // format holds each text, number, date and datum once, or as often as the bounds above ask for. XML has nothing shared:
-// of a list that expands to more than `PropertyListXmlLimit` bytes no file is made, but the text can still be had piece
-// by piece.
+// of a list that expands to more than `maxPropertyListXmlSize` bytes no file is made, but the text can still be had
+// piece by piece.
 #pragma once
 
 #include "platform/PropertyListSerialization.h"
@@ -28,13 +28,13 @@
 
 namespace appsync {
 
-inline constexpr std::size_t PropertyListSizeLimit = (std::size_t{1} << 31) - 1;
-inline constexpr std::size_t PropertyListDepthLimit = 512;
-inline constexpr std::size_t PropertyListExpansionFactor = 8;
-inline constexpr std::size_t PropertyListRepetitionFactor = 32;
-inline constexpr std::size_t PropertyListRepetitionAllowance = std::size_t{16} << 20;
-inline constexpr std::size_t PropertyListMemoryFactor = 40;
-inline constexpr std::size_t PropertyListXmlLimit = std::size_t{64} << 20;
+inline constexpr std::size_t maxPropertyListSize = (std::size_t{1} << 31) - 1;
+inline constexpr std::size_t maxPropertyListDepth = 512;
+inline constexpr std::size_t propertyListExpansionFactor = 8;
+inline constexpr std::size_t propertyListRepetitionFactor = 32;
+inline constexpr std::size_t propertyListRepetitionAllowance = std::size_t{16} << 20;
+inline constexpr std::size_t propertyListMemoryFactor = 40;
+inline constexpr std::size_t maxPropertyListXmlSize = std::size_t{64} << 20;
 
 class PropertyListCodec final : public PropertyListSerialization {
   public:

@@ -47,14 +47,14 @@ ErrorPtr errorFromFailure(const Failure& failure) {
     if (failure.offset) {
         sentence =
             "The property list cannot be read: " + failure.reason + " at byte " + std::to_string(*failure.offset) + ".";
-        userInfo.set(PropertyListErrorOffsetKey, *failure.offset);
+        userInfo.set(propertyListErrorOffsetKey, *failure.offset);
     } else {
         sentence = "The property list cannot be written: " + failure.reason + " at " +
                    (failure.keyPath.empty() ? "its root" : failure.keyPath) + ".";
-        userInfo.set(PropertyListErrorKeyPathKey, failure.keyPath);
+        userInfo.set(propertyListErrorKeyPathKey, failure.keyPath);
     }
-    userInfo.set(ErrorDescriptionKey, sentence);
-    return Error::make(PropertyListErrorDomain, static_cast<std::int64_t>(failure.code), std::move(userInfo));
+    userInfo.set(errorDescriptionKey, sentence);
+    return Error::make(propertyListErrorDomain, static_cast<std::int64_t>(failure.code), std::move(userInfo));
 }
 
 } // namespace appsync::propertylist

@@ -6,12 +6,12 @@
 
 namespace appsync {
 
-inline constexpr std::string_view PropertyListErrorDomain = "PropertyListError";
+inline constexpr std::string_view propertyListErrorDomain = "PropertyListError";
 
 /// In the user info of an error in reading: the number of the byte, from 0, where the trouble begins.
-inline constexpr std::string_view PropertyListErrorOffsetKey = "offset";
+inline constexpr std::string_view propertyListErrorOffsetKey = "offset";
 /// In the user info of an error in writing: the way from the root to the value, such as "[3].name"; empty for the root.
-inline constexpr std::string_view PropertyListErrorKeyPathKey = "keyPath";
+inline constexpr std::string_view propertyListErrorKeyPathKey = "keyPath";
 
 enum class PropertyListErrorCode : std::int64_t {
     // Reading either format.

@@ -9,7 +9,7 @@
 namespace appsync {
 
 /// Bytes that a value's or an error's description has at most, but for the mark.
-inline constexpr std::size_t DescriptionLimit = std::size_t{16} << 10;
+inline constexpr std::size_t maxDescriptionSize = std::size_t{16} << 10;
 
 /// A text, valid UTF-8, as far as it takes at most `limit` bytes: cut between two characters.
 [[nodiscard]] std::string_view cutText(std::string_view text, std::size_t limit) noexcept;
@@ -19,7 +19,7 @@ inline constexpr std::size_t DescriptionLimit = std::size_t{16} << 10;
 /// stops.
 class Description {
   public:
-    explicit Description(std::string& out, std::size_t limit = DescriptionLimit) noexcept
+    explicit Description(std::string& out, std::size_t limit = maxDescriptionSize) noexcept
         : _out(out), _limit(limit), _left(limit) {}
 
     void append(std::string_view piece) {

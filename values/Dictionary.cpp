@@ -1,7 +1,7 @@
 // The table: entries in their order in one block of memory, and behind them, when there is room for more than
 // `searchedSize`, an index by hash. Up to that size a search in order beats any index.
-#include "values/ValueHash.h"
-#include "values/ValueStorage.h"
+#include "values/storage/ValueHash.h"
+#include "values/storage/ValueStorage.h"
 
 #include <algorithm>
 #include <bit>

@@ -13,9 +13,9 @@ std::string Error::description() const {
 }
 
 ErrorPtr makeError(std::string_view domain, std::int64_t code, std::string_view description, std::string_view path) {
-    Dictionary facts{{ErrorDescriptionKey, description}};
+    Dictionary facts{{errorDescriptionKey, description}};
     if (!path.empty()) {
-        facts.set(ErrorPathKey, path);
+        facts.set(errorPathKey, path);
     }
     return Error::make(domain, code, std::move(facts));
 }
@@ -24,7 +24,7 @@ std::string errorText(const ErrorPtr& error) {
     if (!error) {
         return "no error";
     }
-    const auto description = error->userInfo().string(ErrorDescriptionKey);
+    const auto description = error->userInfo().string(errorDescriptionKey);
     return description ? std::string(*description) : error->description();
 }
 

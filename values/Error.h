@@ -19,11 +19,11 @@ using ErrorPtr = std::shared_ptr<const Error>;
 /// 30 install promise could not be attached or a coordinator was left outstanding.
 inline constexpr std::string_view QRErrorDomain = "QRError";
 /// Codes are errno numbers.
-inline constexpr std::string_view PosixErrorDomain = "POSIX";
+inline constexpr std::string_view posixErrorDomain = "POSIX";
 
 /// Keys of an error's user info that every service uses alike; all are optional.
-inline constexpr std::string_view ErrorDescriptionKey = "description"; // a sentence: what, where, what to do
-inline constexpr std::string_view ErrorPathKey = "path";               // the file or folder that is meant
+inline constexpr std::string_view errorDescriptionKey = "description"; // a sentence: what, where, what to do
+inline constexpr std::string_view errorPathKey = "path";               // the file or folder that is meant
 
 class Error {
   public:

@@ -1,6 +1,6 @@
 #include "values/PropertyList.h"
 
-#include "values/ValueStorage.h"
+#include "values/storage/ValueStorage.h"
 
 #include <algorithm>
 #include <charconv>
@@ -147,7 +147,7 @@ Dictionary* Value::mutableDictionary() {
 namespace {
 
 /// How deep comparisons and descriptions go, so that no value can exhaust the stack.
-constexpr std::size_t depthLimit = 512;
+constexpr std::size_t maxDepth = 512;
 
 bool areEqual(const Value& a, const Value& b, std::size_t depth) noexcept;
 
@@ -181,10 +181,10 @@ bool areEqual(const Value& a, const Value& b, std::size_t depth) noexcept {
     case Value::Kind::string: return a.string() == b.string();
     case Value::Kind::data: return a.data() == b.data();
     case Value::Kind::array:
-        return a.array() == b.array() || (depth < depthLimit && areEqual(*a.array(), *b.array(), depth + 1));
+        return a.array() == b.array() || (depth < maxDepth && areEqual(*a.array(), *b.array(), depth + 1));
     case Value::Kind::dictionary:
         return a.dictionary() == b.dictionary() ||
-               (depth < depthLimit && areEqual(*a.dictionary(), *b.dictionary(), depth + 1));
+               (depth < maxDepth && areEqual(*a.dictionary(), *b.dictionary(), depth + 1));
     }
     return false;
 }
@@ -258,7 +258,7 @@ void append(Description& out, const Value& value, std::size_t depth) {
         break;
     case Value::Kind::array:
     case Value::Kind::dictionary:
-        if (depth == depthLimit) {
+        if (depth == maxDepth) {
             out.append("...");
         } else if (const Array* items = value.array()) {
             append(out, *items, depth + 1);

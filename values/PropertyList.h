@@ -6,7 +6,7 @@
 #pragma once
 
 #include "values/Description.h"
-#include "values/ValueCell.h"
+#include "values/storage/ValueCell.h"
 
 #include <cstddef>
 #include <cstdint>

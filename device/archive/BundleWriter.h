@@ -15,7 +15,7 @@
 namespace appsync::device {
 
 /// Paths are relative to the folder and safe (`findUnsafe`); no two are alike and none lies below a file or link. What
-/// fails has an error of `PosixErrorDomain`.
+/// fails has an error of `posixErrorDomain`.
 class BundleWriter {
   public:
     /// The descriptor must stay open as long as the object is used; the fault point may be null.

@@ -5,7 +5,7 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
 #include "device/root/PosixError.h"
-#include "platform/Log.h"
+#include "platform/host/Log.h"
 #include "values/BundleIdentifier.h"
 
 #include <algorithm>
@@ -56,7 +56,7 @@ Result<void> CoordinatorEngine::load() {
         return registered;
     }
     std::uint64_t lastPromise = 0;
-    auto coordinators = _store.load(lastPromise, MaxHeldReports);
+    auto coordinators = _store.load(lastPromise, maxHeldReports);
     if (!coordinators) {
         return coordinators.error();
     }

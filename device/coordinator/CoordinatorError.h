@@ -5,7 +5,7 @@
 
 namespace appsync::device {
 
-inline constexpr std::string_view CoordinatorErrorDomain = "DeviceInstallCoordinator";
+inline constexpr std::string_view coordinatorErrorDomain = "DeviceInstallCoordinator";
 enum class CoordinatorError : std::int64_t {
     invalidArgument = 1, // an identifier that cannot be one, an object of another device, null
     otherKind = 2,       // the app has a coordinator of another kind
@@ -23,7 +23,7 @@ enum class CoordinatorError : std::int64_t {
 
 [[nodiscard]] inline ErrorPtr makeCoordinatorError(CoordinatorError code, std::string_view description,
                                                    std::string_view path = {}) {
-    return makeError(CoordinatorErrorDomain, static_cast<std::int64_t>(code), description, path);
+    return makeError(coordinatorErrorDomain, static_cast<std::int64_t>(code), description, path);
 }
 
 } // namespace appsync::device

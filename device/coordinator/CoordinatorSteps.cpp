@@ -12,8 +12,8 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::int64_t ProgressUnits = 1000;
-constexpr std::string_view TemporaryFolder = "/tmp/";
+constexpr std::int64_t progressUnits = 1000;
+constexpr std::string_view temporaryFolder = "/tmp/";
 
 bool isBelow(std::string_view path, std::string_view folder) {
     return path.starts_with(folder) && path.find("/../") == std::string_view::npos && !path.ends_with("/..");
@@ -28,7 +28,7 @@ bool isFile(DeviceFileSystem& files, const std::string& path) {
 
 /// Removes a file that belonged to a coordinator, if it stands where files are received or made for one.
 void removeOwnedFile(DeviceFileSystem& files, const std::string& path) {
-    const bool isReceived = isBelow(path, "/var/mobile/") || isBelow(path, TemporaryFolder);
+    const bool isReceived = isBelow(path, "/var/mobile/") || isBelow(path, temporaryFolder);
     if (isReceived && isFile(files, path)) {
         files.removeItem(path, nullptr);
     }
@@ -88,7 +88,7 @@ Result<void> CoordinatorEngine::_installApp(const CoordinatorState& state, const
 
 /// Whether a restored app whose file is gone is there: an earlier process installed it, and could not write that down.
 bool CoordinatorEngine::_hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const {
-    return isError(error, CoordinatorErrorDomain, CoordinatorError::fileMissing) && isRestoring(state.kind) &&
+    return isError(error, coordinatorErrorDomain, CoordinatorError::fileMissing) && isRestoring(state.kind) &&
            _services.registry.isInstalled(state.bundleID);
 }
 
@@ -109,10 +109,10 @@ void CoordinatorEngine::_showTransfer(const CoordinatorState& state, double frac
         return;
     }
     progress->setInstallState(fraction > 0 ? PDInstallStateActive : PDInstallStateWaiting);
-    if (progress->totalUnitCount() != ProgressUnits) {
-        progress->setTotalUnitCount(ProgressUnits);
+    if (progress->totalUnitCount() != progressUnits) {
+        progress->setTotalUnitCount(progressUnits);
     }
-    progress->setCompletedUnitCount(static_cast<std::int64_t>(fraction * ProgressUnits));
+    progress->setCompletedUnitCount(static_cast<std::int64_t>(fraction * progressUnits));
 }
 
 /// Removes what a coordinator whose outcome is fixed leaves behind.
@@ -153,7 +153,7 @@ void CoordinatorEngine::_removeIcon(const PromisePtr& icon) {
     const std::string path = icon->record().path.value_or("");
     removeOwnedFile(_services.files, path);
     const std::string folder = path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/'));
-    if (!isBelow(folder, TemporaryFolder)) {
+    if (!isBelow(folder, temporaryFolder)) {
         return;
     }
     const auto left = _services.files.list(folder);

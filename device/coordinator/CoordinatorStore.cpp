@@ -9,7 +9,7 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view Schema[] = {
+constexpr std::string_view schema[] = {
     "CREATE TABLE coordinator (id INTEGER PRIMARY KEY, bundle TEXT NOT NULL, kind INTEGER NOT NULL,"
     " creator INTEGER NOT NULL, hasOptions INTEGER NOT NULL DEFAULT 0, installType INTEGER, targetType INTEGER,"
     " metadata BLOB, sinf BLOB, hasODR INTEGER NOT NULL DEFAULT 0, responsible INTEGER NOT NULL DEFAULT 0,"
@@ -47,7 +47,7 @@ void removeBelongings(Database::Transaction& transaction, std::int64_t coordinat
 } // namespace
 
 Result<void> CoordinatorStore::registerSchema() {
-    return _database.registerSchema("coordinator", Schema);
+    return _database.registerSchema("coordinator", schema);
 }
 
 Result<std::vector<CoordinatorStatePtr>> CoordinatorStore::load(std::uint64_t& lastPromise, std::size_t maxReports) {

@@ -33,7 +33,7 @@ std::shared_ptr<KXAppInstallObserver>
 InstallObservers::initWithMachServiceName_forClients_delegate(std::string_view serviceName,
                                                               const std::set<KXClientIdentifier>& clients,
                                                               KXAppInstallObserverDelegate* delegate) noexcept {
-    if (serviceName != ObserverServiceName || !delegate) {
+    if (serviceName != observerServiceName || !delegate) {
         return nullptr;
     }
     auto follower = std::make_shared<Follower>(clients, *delegate);
@@ -100,7 +100,7 @@ std::optional<std::pair<InstallObservers::Report, InstallObservers::Followers>> 
             return std::pair(std::move(report), std::move(followers));
         }
         _held.push_back(std::move(report));
-        if (_held.size() > MaxHeldReports) {
+        if (_held.size() > maxHeldReports) {
             _held.pop_front();
         }
     }

@@ -16,7 +16,7 @@
 namespace appsync::device {
 
 /// Reports that wait for a connection; beyond these the oldest are dropped.
-inline constexpr std::size_t MaxHeldReports = 4096;
+inline constexpr std::size_t maxHeldReports = 4096;
 
 /// Calls go out on one thread of the service, one at a time, in the order of the reports. Any thread.
 class InstallObservers final : public KXAppInstallObserverClass {

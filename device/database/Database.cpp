@@ -249,7 +249,7 @@ void Database::_fail(int code, std::string_view what) noexcept {
 
 void Database::_fail(DatabaseError code, const std::string& text) noexcept {
     if (!_failure) {
-        _failure = makeError(DatabaseErrorDomain, static_cast<std::int64_t>(code),
+        _failure = makeError(databaseErrorDomain, static_cast<std::int64_t>(code),
                              "the database " + _path + ": " + text, _path);
     }
 }

@@ -25,7 +25,7 @@ namespace appsync::device {
 
 class Root;
 
-inline constexpr std::string_view DatabaseErrorDomain = "DeviceDatabase";
+inline constexpr std::string_view databaseErrorDomain = "DeviceDatabase";
 enum class DatabaseError : std::int64_t {
     failed = 1,      // the description has SQLite's reason
     damaged = 2,     // the file is no database, or a damaged one

@@ -11,8 +11,8 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view PNGSignature("\x89PNG\r\n\x1a\n", 8);
-constexpr std::size_t ChunkFrame = 12; // length, type and checksum around a chunk's content
+constexpr std::string_view pngSignature("\x89PNG\r\n\x1a\n", 8);
+constexpr std::size_t chunkFrame = 12; // length, type and checksum around a chunk's content
 
 std::uint32_t bigEndian(std::string_view bytes) {
     std::uint32_t number = 0;
@@ -28,24 +28,24 @@ bool isSizeAllowed(std::string_view header) {
     }
     const std::uint32_t width = bigEndian(header);
     const std::uint32_t height = bigEndian(header.substr(4));
-    return width >= 1 && height >= 1 && width <= MaxPictureSide && height <= MaxPictureSide;
+    return width >= 1 && height >= 1 && width <= maxPictureSide && height <= maxPictureSide;
 }
 
 /// The chunks that say what the picture looks like. The decoder never sees the others: compressed texts and profiles,
 /// which can unfold to any size.
 std::optional<std::string> essentialChunks(std::string_view bytes) {
-    if (!bytes.starts_with(PNGSignature)) {
+    if (!bytes.starts_with(pngSignature)) {
         return std::nullopt;
     }
-    std::string kept(PNGSignature);
-    std::string_view rest = bytes.substr(PNGSignature.size());
+    std::string kept(pngSignature);
+    std::string_view rest = bytes.substr(pngSignature.size());
     bool isFirst = true;
-    while (rest.size() >= ChunkFrame) {
+    while (rest.size() >= chunkFrame) {
         const std::uint32_t length = bigEndian(rest);
-        if (length > rest.size() - ChunkFrame) {
+        if (length > rest.size() - chunkFrame) {
             return std::nullopt;
         }
-        const std::string_view chunk = rest.substr(0, length + ChunkFrame);
+        const std::string_view chunk = rest.substr(0, length + chunkFrame);
         const std::string_view type = chunk.substr(4, 4);
         if (isFirst != (type == "IHDR") || (isFirst && !isSizeAllowed(chunk.substr(8, length)))) {
             return std::nullopt;

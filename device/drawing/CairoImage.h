@@ -21,9 +21,9 @@ using CairoSurface = std::unique_ptr<cairo_surface_t, CairoRelease>;
 using CairoPattern = std::unique_ptr<cairo_pattern_t, CairoRelease>;
 
 /// The longest side, in pixels, that a picture read from a file may have.
-inline constexpr std::uint32_t MaxPictureSide = 2048;
+inline constexpr std::uint32_t maxPictureSide = 2048;
 
-/// The picture in the bytes of a PNG, which are untrusted: memory is bounded by `MaxPictureSide` and the size of
+/// The picture in the bytes of a PNG, which are untrusted: memory is bounded by `maxPictureSide` and the size of
 /// the bytes. Null when they hold none, are cut short or the picture is too large.
 [[nodiscard]] CairoSurface surfaceFromPNG(std::string_view bytes);
 

@@ -12,17 +12,17 @@ namespace appsync::device {
 
 namespace {
 
-constexpr int Columns = 4;
-constexpr double Side = IconSide;
-constexpr double Corner = Side * IconCorner;
-constexpr double ColumnGap = (ScreenWidth - Columns * Side) / (Columns + 1);
-constexpr double TopOfGrid = 128;
-constexpr double RowHeight = 186;
-constexpr double LabelDrop = 32; // from an icon's lower edge to its name's base line
-constexpr double LabelWidth = Side + ColumnGap - 10;
-constexpr double LabelSize = 22;
-constexpr double StatusLine = 46; // base line of the status line
-constexpr double FullTurn = 2 * std::numbers::pi;
+constexpr int columns = 4;
+constexpr double side = iconSide;
+constexpr double corner = side * iconCorner;
+constexpr double columnGap = (screenWidth - columns * side) / (columns + 1);
+constexpr double topOfGrid = 128;
+constexpr double rowHeight = 186;
+constexpr double labelDrop = 32; // from an icon's lower edge to its name's base line
+constexpr double labelWidth = side + columnGap - 10;
+constexpr double labelSize = 22;
+constexpr double statusLine = 46; // base line of the status line
+constexpr double fullTurn = 2 * std::numbers::pi;
 
 struct Point {
     double x;
@@ -31,19 +31,19 @@ struct Point {
 
 /// The middle of an icon, seen from the upper left of its screen.
 Point middleOf(std::size_t place) {
-    const auto column = static_cast<double>(place % Columns);
-    const std::size_t line = place / Columns;
+    const auto column = static_cast<double>(place % columns);
+    const std::size_t line = place / columns;
     const auto row = static_cast<double>(line);
-    return {ColumnGap + Side / 2 + column * (Side + ColumnGap), TopOfGrid + Side / 2 + row * RowHeight};
+    return {columnGap + side / 2 + column * (side + columnGap), topOfGrid + side / 2 + row * rowHeight};
 }
 
 /// A page as it is spread over screens.
 std::vector<ScreenPage> screensOf(const ScreenContents& contents) {
     std::vector<ScreenPage> screens;
     for (const ScreenPage& page : contents.pages) {
-        for (std::size_t first = 0; first < page.size() && screens.size() < MaxScreens; first += PlacesPerScreen) {
+        for (std::size_t first = 0; first < page.size() && screens.size() < maxScreens; first += placesPerScreen) {
             const auto begin = page.begin() + static_cast<std::ptrdiff_t>(first);
-            const auto count = std::min(PlacesPerScreen, page.size() - first);
+            const auto count = std::min(placesPerScreen, page.size() - first);
             screens.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(count));
         }
     }
@@ -93,33 +93,33 @@ class Pen {
     }
 
     void drawWallpaper() {
-        const CairoPattern sky(cairo_pattern_create_linear(0, 0, ScreenWidth * 0.4, ScreenHeight));
+        const CairoPattern sky(cairo_pattern_create_linear(0, 0, screenWidth * 0.4, screenHeight));
         cairo_pattern_add_color_stop_rgb(sky.get(), 0.0, 0.10, 0.13, 0.33);
         cairo_pattern_add_color_stop_rgb(sky.get(), 0.5, 0.24, 0.27, 0.56);
         cairo_pattern_add_color_stop_rgb(sky.get(), 0.8, 0.53, 0.40, 0.62);
         cairo_pattern_add_color_stop_rgb(sky.get(), 1.0, 0.87, 0.58, 0.56);
         cairo_set_source(_context, sky.get());
         cairo_paint(_context);
-        glow({ScreenWidth * 0.85, ScreenHeight * 0.12}, 620, 0.35, 0.62, 0.95, 0.45);
-        glow({ScreenWidth * 0.1, ScreenHeight * 0.62}, 560, 0.20, 0.75, 0.75, 0.30);
-        glow({ScreenWidth * 0.75, ScreenHeight * 1.0}, 640, 1.00, 0.80, 0.55, 0.35);
+        glow({screenWidth * 0.85, screenHeight * 0.12}, 620, 0.35, 0.62, 0.95, 0.45);
+        glow({screenWidth * 0.1, screenHeight * 0.62}, 560, 0.20, 0.75, 0.75, 0.30);
+        glow({screenWidth * 0.75, screenHeight * 1.0}, 640, 1.00, 0.80, 0.55, 0.35);
     }
 
     void drawStatusLine(bool isSyncing) {
         for (int bar = 0; bar < 4; ++bar) {
             const double height = 8 + bar * 5;
-            roundedRectangle(_context, 36 + bar * 10, StatusLine - height, 7, height, 2);
+            roundedRectangle(_context, 36 + bar * 10, statusLine - height, 7, height, 2);
         }
         white(0.95);
         cairo_fill(_context);
-        drawBattery(ScreenWidth - 88, StatusLine - 21);
+        drawBattery(screenWidth - 88, statusLine - 21);
         if (!isSyncing) {
             return;
         }
         font(26, true);
         white(1);
-        showCentred(_context, "Syncing\xE2\x80\xA6", ScreenWidth / 2.0 + 18, StatusLine - 1);
-        drawSyncArrows({ScreenWidth / 2.0 - 72, StatusLine - 11});
+        showCentred(_context, "Syncing\xE2\x80\xA6", screenWidth / 2.0 + 18, statusLine - 1);
+        drawSyncArrows({screenWidth / 2.0 - 72, statusLine - 11});
     }
 
     void drawBattery(double x, double y) {
@@ -138,8 +138,8 @@ class Pen {
     void drawSyncArrows(Point middle) {
         constexpr double radius = 10;
         cairo_set_line_width(_context, 3);
-        for (const double start : {0.0, FullTurn / 2}) {
-            const double end = start + FullTurn * 0.36;
+        for (const double start : {0.0, fullTurn / 2}) {
+            const double end = start + fullTurn * 0.36;
             cairo_new_sub_path(_context);
             cairo_arc(_context, middle.x, middle.y, radius, start, end);
             cairo_stroke(_context);
@@ -156,9 +156,9 @@ class Pen {
     }
 
     void drawLabel(const std::string& name, Point middle, double opacity) {
-        font(LabelSize, false);
-        const std::string label = shortened(_context, name, LabelWidth);
-        const double base = middle.y + Side / 2 + LabelDrop;
+        font(labelSize, false);
+        const std::string label = shortened(_context, name, labelWidth);
+        const double base = middle.y + side / 2 + labelDrop;
         black(0.35 * opacity);
         showCentred(_context, label, middle.x, base + 1.5);
         white(opacity);
@@ -170,7 +170,7 @@ class Pen {
         cairo_save(_context);
         cairo_translate(_context, middle.x, middle.y);
         cairo_scale(_context, scale, scale);
-        cairo_translate(_context, -Side / 2, -Side / 2);
+        cairo_translate(_context, -side / 2, -side / 2);
         drawShadow();
         if (const auto* picture = dynamic_cast<const CairoImage*>(icon.icon.get())) {
             cairo_set_source_surface(_context, picture->surface(), 0, 0);
@@ -179,7 +179,7 @@ class Pen {
             drawTile(icon.name);
         }
         if (icon.isPlaceholder) {
-            roundedRectangle(_context, 0, 0, Side, Side, Corner);
+            roundedRectangle(_context, 0, 0, side, side, corner);
             black(0.5);
             cairo_fill(_context);
         }
@@ -191,30 +191,30 @@ class Pen {
 
     void drawShadow() {
         for (int spread = 4; spread >= 1; --spread) {
-            roundedRectangle(_context, -spread, 2 - spread, Side + 2 * spread, Side + 2 * spread, Corner + spread);
+            roundedRectangle(_context, -spread, 2 - spread, side + 2 * spread, side + 2 * spread, corner + spread);
             black(0.05);
             cairo_fill(_context);
         }
     }
 
     void drawTile(const std::string& name) {
-        const CairoPattern grey(cairo_pattern_create_linear(0, 0, 0, Side));
+        const CairoPattern grey(cairo_pattern_create_linear(0, 0, 0, side));
         cairo_pattern_add_color_stop_rgb(grey.get(), 0, 0.66, 0.69, 0.75);
         cairo_pattern_add_color_stop_rgb(grey.get(), 1, 0.46, 0.49, 0.56);
-        roundedRectangle(_context, 0, 0, Side, Side, Corner);
+        roundedRectangle(_context, 0, 0, side, side, corner);
         cairo_set_source(_context, grey.get());
         cairo_fill(_context);
         font(64, true);
         white(0.92);
-        showCentred(_context, firstLetter(name), Side / 2, Side / 2 + 23);
+        showCentred(_context, firstLetter(name), side / 2, side / 2 + 23);
     }
 
     void drawProgress(double progress) {
-        constexpr double radius = Side * 0.29;
+        constexpr double radius = side * 0.29;
         cairo_set_line_width(_context, 8);
         cairo_set_line_cap(_context, CAIRO_LINE_CAP_ROUND);
         cairo_new_sub_path(_context);
-        cairo_arc(_context, Side / 2, Side / 2, radius, 0, FullTurn);
+        cairo_arc(_context, side / 2, side / 2, radius, 0, fullTurn);
         black(0.3);
         cairo_stroke_preserve(_context);
         white(0.3);
@@ -222,7 +222,7 @@ class Pen {
         const double part = progress >= 0 ? std::min(progress, 1.0) : 0; // also for what is not a number
         if (part > 0) {
             cairo_new_sub_path(_context);
-            cairo_arc(_context, Side / 2, Side / 2, radius, -FullTurn / 4, (part - 0.25) * FullTurn);
+            cairo_arc(_context, side / 2, side / 2, radius, -fullTurn / 4, (part - 0.25) * fullTurn);
             white(0.95);
             cairo_stroke(_context);
         }
@@ -230,7 +230,7 @@ class Pen {
     }
 
     void drawFolder(const ScreenFolder& folder, Point middle) {
-        roundedRectangle(_context, middle.x - Side / 2, middle.y - Side / 2, Side, Side, Corner);
+        roundedRectangle(_context, middle.x - side / 2, middle.y - side / 2, side, side, corner);
         white(0.28);
         cairo_fill(_context);
         constexpr double step = 34;
@@ -238,15 +238,15 @@ class Pen {
             const double column = static_cast<double>(i % 3) - 1;
             const std::size_t line = i / 3;
             const double row = static_cast<double>(line) - 1;
-            drawIcon(folder.icons[i], {middle.x + column * step, middle.y + row * step}, 28 / Side);
+            drawIcon(folder.icons[i], {middle.x + column * step, middle.y + row * step}, 28 / side);
         }
     }
 
     void drawPageDots(std::size_t number, std::size_t count) {
         constexpr double step = 28;
-        const double first = ScreenWidth / 2.0 - step * static_cast<double>(count - 1) / 2;
+        const double first = screenWidth / 2.0 - step * static_cast<double>(count - 1) / 2;
         for (std::size_t i = 0; i < count; ++i) {
-            cairo_arc(_context, first + step * static_cast<double>(i), ScreenHeight - 46, 7, 0, FullTurn);
+            cairo_arc(_context, first + step * static_cast<double>(i), screenHeight - 46, 7, 0, fullTurn);
             white(i == number ? 0.95 : 0.4);
             cairo_fill(_context);
         }
@@ -260,14 +260,14 @@ class Pen {
 std::optional<Data> drawHomeScreen(const ScreenContents& contents) {
     const auto screens = screensOf(contents);
     const int count = static_cast<int>(screens.size());
-    const CairoSurface surface = makeSurface(count * ScreenWidth + (count - 1) * ScreenGap, ScreenHeight);
+    const CairoSurface surface = makeSurface(count * screenWidth + (count - 1) * screenGap, screenHeight);
     const CairoContext context(cairo_create(surface.get()));
     cairo_set_source_rgb(context.get(), 0.06, 0.06, 0.09);
     cairo_paint(context.get());
     for (std::size_t i = 0; i < screens.size(); ++i) {
         cairo_save(context.get());
-        cairo_translate(context.get(), static_cast<double>(i) * (ScreenWidth + ScreenGap), 0);
-        cairo_rectangle(context.get(), 0, 0, ScreenWidth, ScreenHeight);
+        cairo_translate(context.get(), static_cast<double>(i) * (screenWidth + screenGap), 0);
+        cairo_rectangle(context.get(), 0, 0, screenWidth, screenHeight);
         cairo_clip(context.get());
         Pen(context.get()).drawScreen(screens[i], i, screens.size(), contents.isSyncing);
         cairo_restore(context.get());

@@ -33,12 +33,12 @@ struct ScreenContents {
 };
 
 // One screen in pixels; a picture of several has them side by side.
-inline constexpr int ScreenWidth = 750;
-inline constexpr int ScreenHeight = 1334;
-inline constexpr int ScreenGap = 40;
-inline constexpr std::size_t PlacesPerScreen = 24;
+inline constexpr int screenWidth = 750;
+inline constexpr int screenHeight = 1334;
+inline constexpr int screenGap = 40;
+inline constexpr std::size_t placesPerScreen = 24;
 /// Screens beyond these are left out, so that the picture stays within what viewers open.
-inline constexpr std::size_t MaxScreens = 12;
+inline constexpr std::size_t maxScreens = 12;
 
 /// The picture as a PNG; nullopt when memory does not suffice. A page with more places than fit goes on on the next
 /// screen. Names are untrusted: what is no UTF-8 shows as a replacement character.

@@ -6,9 +6,9 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view Ellipsis = "\xE2\x80\xA6";
+constexpr std::string_view ellipsis = "\xE2\x80\xA6";
 /// No name that fits on a screen has more characters.
-constexpr std::size_t MaxNameLength = 80;
+constexpr std::size_t maxNameLength = 80;
 
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80;
@@ -47,18 +47,18 @@ std::string firstLetter(std::string_view text) {
 }
 
 std::string shortened(cairo_t* context, std::string_view text, double width) {
-    std::string whole = printable(text, MaxNameLength);
+    std::string whole = printable(text, maxNameLength);
     if (widthOf(context, whole) <= width) {
         return whole;
     }
-    const double room = width - widthOf(context, std::string(Ellipsis));
+    const double room = width - widthOf(context, std::string(ellipsis));
     while (!whole.empty() && widthOf(context, whole) > room) {
         dropLastCharacter(whole);
     }
     while (whole.ends_with(' ')) {
         whole.pop_back();
     }
-    return whole.append(Ellipsis);
+    return whole.append(ellipsis);
 }
 
 void showCentred(cairo_t* context, const std::string& text, double x, double y) {

@@ -14,8 +14,8 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::size_t BufferSize = 16U << 10;
-constexpr std::string_view OwnSource = "Log"; // of what the log says about itself
+constexpr std::size_t bufferSize = 16U << 10;
+constexpr std::string_view ownSource = "Log"; // of what the log says about itself
 
 void appendEscaped(std::string& out, std::string_view text) {
     for (const char character : text) {
@@ -48,7 +48,7 @@ std::string makeLine(std::string_view source, LogLevel level, std::string_view t
 } // namespace
 
 std::string logPath(unsigned age) {
-    return std::string(LogPath) + (age > 0 ? "." + std::to_string(age) : "");
+    return std::string(logFilePath) + (age > 0 ? "." + std::to_string(age) : "");
 }
 
 std::string_view nameOf(QRLogCategory category) noexcept {
@@ -75,7 +75,7 @@ std::string formatLogTime(std::chrono::system_clock::time_point time) {
 
 Result<std::unique_ptr<LogFile>> LogFile::open(DeviceFileSystem& files, LogLimits limits) {
     ErrorPtr error;
-    const std::string_view folder = LogPath.substr(0, LogPath.rfind('/'));
+    const std::string_view folder = logFilePath.substr(0, logFilePath.rfind('/'));
     if (!files.createDirectory(folder, true, std::nullopt, &error)) {
         return error;
     }
@@ -111,7 +111,7 @@ ErrorPtr LogFile::failure() noexcept {
 }
 
 Result<void> LogFile::_open() {
-    auto file = _files.open(LogPath, O_WRONLY | O_APPEND | O_CREAT);
+    auto file = _files.open(logFilePath, O_WRONLY | O_APPEND | O_CREAT);
     if (!file) {
         return file.error();
     }
@@ -126,7 +126,7 @@ void LogFile::_append(std::string_view source, LogLevel level, std::string_view 
     const Lock lock(_mutex);
     _buffer += line;
     ++_bufferedMessages;
-    if (level == LogLevel::error || _buffer.size() >= BufferSize) {
+    if (level == LogLevel::error || _buffer.size() >= bufferSize) {
         _flush();
     }
 }
@@ -140,7 +140,7 @@ void LogFile::_flush() {
     }
     std::string note;
     if (_lostMessages > 0) {
-        note = makeLine(OwnSource, LogLevel::error, std::to_string(_lostMessages) + " messages could not be written");
+        note = makeLine(ownSource, LogLevel::error, std::to_string(_lostMessages) + " messages could not be written");
     }
     _failure = _writeAll(note + _buffer).error();
     _lostMessages = _failure ? _lostMessages + _bufferedMessages : 0;
@@ -160,7 +160,7 @@ Result<void> LogFile::_writeAll(std::string_view bytes) {
             continue;
         }
         if (written <= 0) {
-            return makePosixError(written < 0 ? errno : EIO, "writing", LogPath);
+            return makePosixError(written < 0 ? errno : EIO, "writing", logFilePath);
         }
         _size += static_cast<std::uint64_t>(written);
         bytes.remove_prefix(static_cast<std::size_t>(written));

@@ -9,7 +9,7 @@
 
 #include "concurrency/Mutex.h"
 #include "files/Descriptor.h"
-#include "platform/Log.h"
+#include "platform/host/Log.h"
 #include "values/Result.h"
 
 #include <cassert>
@@ -22,13 +22,13 @@ namespace appsync::device {
 
 class DeviceFileSystem;
 
-inline constexpr std::string_view LogPath = "/var/log/qrd.log";
+inline constexpr std::string_view logFilePath = "/var/log/qrd.log";
 /// More full files are never kept.
-inline constexpr unsigned MaxOlderLogFiles = 99;
+inline constexpr unsigned maxOlderLogFiles = 99;
 
 struct LogLimits {
     std::uint64_t fileSize = 8U << 20; // bytes after which a new file is begun
-    unsigned olderFiles = 3;           // how many full ones are kept, at most `MaxOlderLogFiles`
+    unsigned olderFiles = 3;           // how many full ones are kept, at most `maxOlderLogFiles`
 };
 
 /// Messages are written to the file when the buffer is full, with every error, by `flush` and at the end. What cannot
@@ -52,7 +52,7 @@ class LogFile final : public HostLog {
 
   private:
     LogFile(DeviceFileSystem& files, LogLimits limits) : _files(files), _limits(limits) {
-        assert(limits.olderFiles <= MaxOlderLogFiles);
+        assert(limits.olderFiles <= maxOlderLogFiles);
     }
 
     [[nodiscard]] Result<void> _open() REQUIRES(_mutex);

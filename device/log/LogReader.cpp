@@ -55,7 +55,7 @@ std::optional<LogEntry> parseLogLine(std::string_view line) {
 }
 
 Result<void> readLog(DeviceFileSystem& files, const std::function<bool(const LogEntry&)>& visit) {
-    for (unsigned age = MaxOlderLogFiles + 1; age-- > 0;) {
+    for (unsigned age = maxOlderLogFiles + 1; age-- > 0;) {
         ErrorPtr error;
         const auto content = files.readFile(logPath(age), &error);
         if (!content && (error->code() == ENOENT || error->code() == ENOTDIR)) {

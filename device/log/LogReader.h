@@ -1,7 +1,7 @@
 // Reads what `LogFile` has written.
 #pragma once
 
-#include "platform/Log.h"
+#include "platform/host/Log.h"
 #include "values/Result.h"
 
 #include <functional>

@@ -11,19 +11,19 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view Schema[] = {
+constexpr std::string_view schema[] = {
     "CREATE TABLE transactionLog (number INTEGER PRIMARY KEY, time INTEGER NOT NULL, scenario TEXT,"
     " step INTEGER NOT NULL, party INTEGER NOT NULL, phase INTEGER NOT NULL, success INTEGER NOT NULL,"
     " bundle TEXT NOT NULL, description TEXT NOT NULL);"
     "CREATE INDEX transactionLogBundle ON transactionLog (bundle);"};
 
 /// How long the writer lets records come together, and how many it does not let wait.
-constexpr std::chrono::milliseconds GatheringTime{20};
-constexpr std::size_t GatheredRecords = 256;
+constexpr std::chrono::milliseconds gatheringTime{20};
+constexpr std::size_t gatheredRecords = 256;
 /// How long the writer waits after a failure. What comes together meanwhile is bounded.
-constexpr std::chrono::milliseconds RetryTime{1000};
-constexpr std::size_t MaxWaiting = 20'000;
-constexpr std::size_t PageSize = 1000;
+constexpr std::chrono::milliseconds retryTime{1000};
+constexpr std::size_t maxWaiting = 20'000;
+constexpr std::size_t pageSize = 1000;
 
 std::int64_t now() {
     const auto time = std::chrono::system_clock::now().time_since_epoch();
@@ -57,7 +57,7 @@ std::string TransactionRecord::text() const {
 
 Result<std::unique_ptr<TransactionLog>> TransactionLog::open(Database& database, LogFile* mirror,
                                                              std::int64_t capacity) {
-    if (const auto registered = database.registerSchema("transactionLog", Schema); !registered) {
+    if (const auto registered = database.registerSchema("transactionLog", schema); !registered) {
         return registered.error();
     }
     std::unique_ptr<TransactionLog> log(new TransactionLog(database, mirror, capacity));
@@ -108,7 +108,7 @@ void TransactionLog::_append(TransactionRecord record) {
         const Lock lock(_mutex);
         log = _log;
         _waiting.push_back(std::move(record));
-        if (_waiting.size() == 1 || _waiting.size() == GatheredRecords) {
+        if (_waiting.size() == 1 || _waiting.size() == gatheredRecords) {
             _changed.notifyOne();
         }
     }
@@ -129,8 +129,8 @@ Result<void> TransactionLog::flush() {
         const Lock lock(_mutex);
         std::move(_waiting.begin(), _waiting.end(), std::back_inserter(records));
         _waiting.swap(records);
-        if (_waiting.size() > MaxWaiting) {
-            _waiting.erase(_waiting.begin(), _waiting.end() - static_cast<std::ptrdiff_t>(MaxWaiting));
+        if (_waiting.size() > maxWaiting) {
+            _waiting.erase(_waiting.begin(), _waiting.end() - static_cast<std::ptrdiff_t>(maxWaiting));
         }
     }
     return written;
@@ -146,14 +146,14 @@ void TransactionLog::_writeInBackground() {
 bool TransactionLog::_waitForRecords(bool isWritten) {
     using Clock = std::chrono::steady_clock;
     const Lock lock(_mutex);
-    const auto retry = Clock::now() + RetryTime;
+    const auto retry = Clock::now() + retryTime;
     while (!isWritten && !_stopped && _changed.waitUntil(_mutex, retry)) {
     }
     while (!_stopped && _waiting.empty()) {
         _changed.wait(_mutex);
     }
-    const auto gathered = Clock::now() + GatheringTime;
-    while (!_stopped && _waiting.size() < GatheredRecords && _changed.waitUntil(_mutex, gathered)) {
+    const auto gathered = Clock::now() + gatheringTime;
+    while (!_stopped && _waiting.size() < gatheredRecords && _changed.waitUntil(_mutex, gathered)) {
     }
     return !_stopped;
 }
@@ -188,7 +188,7 @@ Result<void> TransactionLog::visit(const std::function<bool(const TransactionRec
             }
             last = record.number;
         }
-        if (page->size() < PageSize) {
+        if (page->size() < pageSize) {
             return {};
         }
     }
@@ -205,7 +205,7 @@ Result<std::vector<TransactionRecord>> TransactionLog::_page(std::int64_t after,
         "SELECT number, time, scenario, step, party, phase, success, bundle, description"
         " FROM transactionLog WHERE number > ?1 AND bundle = ?3 ORDER BY number LIMIT ?2";
     auto rows =
-        bundleID ? transaction.query(ofOne, after, PageSize, *bundleID) : transaction.query(all, after, PageSize);
+        bundleID ? transaction.query(ofOne, after, pageSize, *bundleID) : transaction.query(all, after, pageSize);
     while (rows.next()) {
         records.push_back(
             {rows.integer(0), rows.integer(1), rows.optionalText(2), static_cast<TransactionStep>(rows.integer(3)),

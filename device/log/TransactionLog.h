@@ -36,11 +36,11 @@ struct TransactionRecord {
 /// together. Queries find everything that was logged before.
 class TransactionLog final : public AITransactionLog {
   public:
-    static constexpr std::int64_t DefaultCapacity = 100'000;
+    static constexpr std::int64_t defaultCapacity = 100'000;
 
     /// Keeps the newest `capacity` records. Both must outlive the log; `mirror` may be null.
     [[nodiscard]] static Result<std::unique_ptr<TransactionLog>> open(Database& database, LogFile* mirror,
-                                                                      std::int64_t capacity = DefaultCapacity);
+                                                                      std::int64_t capacity = defaultCapacity);
     /// Writes what has not been written yet.
     ~TransactionLog() override;
 

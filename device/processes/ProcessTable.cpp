@@ -19,10 +19,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::string_view RunFolder = "/var/run/apps";
+constexpr std::string_view runFolder = "/var/run/apps";
 
 std::string recordPath(std::string_view identifier) {
-    return std::string(RunFolder) + "/" + std::string(identifier) + ".run";
+    return std::string(runFolder) + "/" + std::string(identifier) + ".run";
 }
 
 std::string busyName(std::string_view identifier) {
@@ -30,7 +30,7 @@ std::string busyName(std::string_view identifier) {
 }
 
 std::string busyPath(std::string_view identifier) {
-    return std::string(RunFolder) + "/" + busyName(identifier);
+    return std::string(runFolder) + "/" + busyName(identifier);
 }
 
 /// The lock is the open file's: children that inherit it hold it, too.
@@ -65,7 +65,7 @@ bool waitUntilFree(int record, std::chrono::milliseconds maxWait) {
 }
 
 ErrorPtr processError(ProcessError code, std::string_view identifier, const std::string& reason) {
-    return makeError(ProcessErrorDomain, static_cast<std::int64_t>(code),
+    return makeError(processErrorDomain, static_cast<std::int64_t>(code),
                      std::string(identifier) + " cannot be launched: " + reason);
 }
 
@@ -74,7 +74,7 @@ ErrorPtr processError(ProcessError code, std::string_view identifier, const std:
 Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     const std::string& identifier = request.identifier;
     ErrorPtr error;
-    if (!_root.files().createDirectory(RunFolder, true, std::nullopt, &error)) {
+    if (!_root.files().createDirectory(runFolder, true, std::nullopt, &error)) {
         return error;
     }
     const Descriptor record = isBundleIdentifier(identifier) ? _openRecord(identifier, O_RDWR | O_CREAT) : Descriptor();
@@ -96,7 +96,7 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     if (const auto set = _setBusy(identifier, request.busy); !set) {
         return set.error();
     }
-    const auto folder = _root.realPath(RunFolder);
+    const auto folder = _root.realPath(runFolder);
     if (!folder) {
         return folder.error();
     }

@@ -22,7 +22,7 @@ namespace appsync::device {
 
 class Root;
 
-inline constexpr std::string_view ProcessErrorDomain = "DeviceProcess";
+inline constexpr std::string_view processErrorDomain = "DeviceProcess";
 enum class ProcessError : std::int64_t {
     notInstalled = 1,    // the device has no such app, or a placeholder of it only
     prohibited = 2,      // the app may not be launched

@@ -38,7 +38,7 @@ struct Prepared {
 }
 
 ErrorPtr spawnError(int failed, const SpawnRequest& request) {
-    return makeError(PosixErrorDomain, failed, request.executable + ": " + systemText(failed), request.executable);
+    return makeError(posixErrorDomain, failed, request.executable + ": " + systemText(failed), request.executable);
 }
 
 bool writeNumber(int file, pid_t number) {

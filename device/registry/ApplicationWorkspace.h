@@ -2,7 +2,7 @@
 #pragma once
 
 #include "device/registry/Registry.h"
-#include "platform/Log.h"
+#include "platform/host/Log.h"
 
 namespace appsync::device {
 

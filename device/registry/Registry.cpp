@@ -115,8 +115,8 @@ Result<void> Registry::_checkIdentifier(std::string_view identifier) {
 }
 
 ErrorPtr Registry::_makeFailure(std::string_view what, const ErrorPtr& reason, std::string_view path) {
-    const bool isFull = isError(reason, PosixErrorDomain, ENOSPC) || isError(reason, PosixErrorDomain, EDQUOT) ||
-                        isError(reason, DatabaseErrorDomain, DatabaseError::full);
+    const bool isFull = isError(reason, posixErrorDomain, ENOSPC) || isError(reason, posixErrorDomain, EDQUOT) ||
+                        isError(reason, databaseErrorDomain, DatabaseError::full);
     return makeInstallerError(isFull ? InstallerError::notEnoughSpace : InstallerError::failed,
                               "cannot " + std::string(what) + ": " + errorText(reason), path);
 }
@@ -235,7 +235,7 @@ Result<void> Registry::_enter(Container& container, Durability durability,
     };
     const bool isDurable = durability == Durability::durable;
     auto committed = isDurable ? _groupCommit.commit(write) : commitSoon();
-    if (committed || (isDurable && isError(committed.error(), DatabaseErrorDomain, DatabaseError::failed))) {
+    if (committed || (isDurable && isError(committed.error(), databaseErrorDomain, DatabaseError::failed))) {
         container.keep();
     }
     return committed;

@@ -30,11 +30,11 @@ ErrorPtr makePosixError(int errorNumber, std::string_view operation, std::string
     const std::string reason =
         errorNumber == ENXIO ? "it is a pipe, a socket or a device and no file; move it away" : systemText(errorNumber);
     text.append(" ").append(path).append(": ").append(reason).append(remedy(errorNumber));
-    return makeError(PosixErrorDomain, errorNumber, text, path);
+    return makeError(posixErrorDomain, errorNumber, text, path);
 }
 
 ErrorPtr makeNoThreadError(std::string_view purpose) {
-    return makeError(PosixErrorDomain, EAGAIN,
+    return makeError(posixErrorDomain, EAGAIN,
                      "no thread can be started for " + std::string(purpose) +
                          "; end other programs or raise the limit of processes (ulimit -u), and try again");
 }

@@ -31,7 +31,7 @@ constexpr std::array<std::string_view, 6> layoutFolders{temporaryFolder,
 constexpr std::array<std::string_view, 2> writtenFolders{"/var/mobile/Library", temporaryFolder};
 
 ErrorPtr rootError(RootError code, const std::string& folder, const std::string& text) {
-    return makeError(RootErrorDomain, static_cast<std::int64_t>(code), text, folder);
+    return makeError(rootErrorDomain, static_cast<std::int64_t>(code), text, folder);
 }
 
 bool isPermission(int failed) {

@@ -17,7 +17,7 @@
 
 namespace appsync::device {
 
-inline constexpr std::string_view RootErrorDomain = "DeviceRoot";
+inline constexpr std::string_view rootErrorDomain = "DeviceRoot";
 enum class RootError : std::int64_t {
     noSuchFolder = 1,
     notADevice = 2, // a folder without a layout version, or with one that cannot be read

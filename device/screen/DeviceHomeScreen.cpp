@@ -5,8 +5,8 @@
 #include "device/screen/DeviceIconRenderer.h"
 #include "device/screen/RunningApps.h"
 #include "device/services/Notifications.h"
-#include "platform/Log.h"
 #include "platform/PropertyListSerialization.h"
+#include "platform/host/Log.h"
 
 #include <algorithm>
 #include <map>
@@ -17,7 +17,7 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view Schema[] = {"CREATE TABLE homeScreen (name TEXT PRIMARY KEY, value BLOB) WITHOUT ROWID;"};
+constexpr std::string_view schema[] = {"CREATE TABLE homeScreen (name TEXT PRIMARY KEY, value BLOB) WITHOUT ROWID;"};
 
 class TerminationAssertion final : public SKSApplicationTerminationAssertion {
   public:
@@ -42,7 +42,7 @@ ScreenIcon iconOf(const Application& application, DeviceIconRenderer& renderer) 
 } // namespace
 
 Result<std::unique_ptr<DeviceHomeScreen>> DeviceHomeScreen::open(const HomeScreenServices& services) {
-    if (const auto registered = services.database.registerSchema("homeScreen", Schema); !registered) {
+    if (const auto registered = services.database.registerSchema("homeScreen", schema); !registered) {
         return registered.error();
     }
     std::unique_ptr<DeviceHomeScreen> screen(new DeviceHomeScreen(services));
@@ -73,11 +73,11 @@ Result<void> DeviceHomeScreen::_load() {
 }
 
 SKPort DeviceHomeScreen::SKSSkellanBlockableServerPort() noexcept {
-    return Port;
+    return onlyPort;
 }
 
 void DeviceHomeScreen::SKSetIconState(SKPort port, std::string_view iconState) noexcept {
-    if (port != Port) {
+    if (port != onlyPort) {
         return _reject("it was sent to port " + std::to_string(port));
     }
     ErrorPtr error;
@@ -123,7 +123,7 @@ void DeviceHomeScreen::SKGetFlattenedIconState(SKPort port, std::uint32_t format
                                                std::size_t* length) noexcept {
     *buffer = nullptr;
     *length = 0;
-    if (port != Port || format != BinaryFormat) {
+    if (port != onlyPort || format != binaryFormat) {
         return;
     }
     const IdentifierList order = flattenedOrder();
@@ -171,7 +171,7 @@ IdentifierList DeviceHomeScreen::flattenedOrder() const {
 }
 
 bool DeviceHomeScreen::isSyncing() const {
-    return _services.notifications.state(SyncNoticeName) != 0;
+    return _services.notifications.state(syncNoticeName) != 0;
 }
 
 ScreenContents DeviceHomeScreen::contents() const {

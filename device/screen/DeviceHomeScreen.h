@@ -38,9 +38,9 @@ struct HomeScreenServices {
 class DeviceHomeScreen final : public HomeScreen {
   public:
     /// The port of the service.
-    static constexpr SKPort Port = 1;
+    static constexpr SKPort onlyPort = 1;
     /// The one format of the flattened icon state: a binary property list.
-    static constexpr std::uint32_t BinaryFormat = 1;
+    static constexpr std::uint32_t binaryFormat = 1;
 
     [[nodiscard]] static Result<std::unique_ptr<DeviceHomeScreen>> open(const HomeScreenServices& services);
 

@@ -23,11 +23,11 @@ bool staysInFolder(std::string_view name) {
 CairoSurface drawIcon(cairo_surface_t* picture) {
     const double width = cairo_image_surface_get_width(picture);
     const double height = cairo_image_surface_get_height(picture);
-    const double scale = IconSide / std::min(width, height);
-    CairoSurface icon = makeSurface(IconSide, IconSide);
+    const double scale = iconSide / std::min(width, height);
+    CairoSurface icon = makeSurface(iconSide, iconSide);
     const CairoContext context(cairo_create(icon.get()));
-    roundedRectangle(context.get(), 0, 0, IconSide, IconSide, IconSide * IconCorner);
-    cairo_translate(context.get(), (IconSide - width * scale) / 2, (IconSide - height * scale) / 2);
+    roundedRectangle(context.get(), 0, 0, iconSide, iconSide, iconSide * iconCorner);
+    cairo_translate(context.get(), (iconSide - width * scale) / 2, (iconSide - height * scale) / 2);
     cairo_scale(context.get(), scale, scale);
     cairo_set_source_surface(context.get(), picture, 0, 0);
     cairo_pattern_t* source = cairo_get_source(context.get());
@@ -52,7 +52,7 @@ std::shared_ptr<Image> DeviceIconRenderer::YKCreateDeviceAppropriateHomeScreenIc
 
 std::shared_ptr<Image> DeviceIconRenderer::iconFromFile(const std::string& path) noexcept {
     const auto information = _files.attributesOfItem(path, nullptr);
-    if (!information || information->size > MaxIconFileSize) {
+    if (!information || information->size > maxIconFileSize) {
         return nullptr;
     }
     const auto bytes = _files.readFile(path, nullptr);

@@ -10,11 +10,11 @@ class FileSystem;
 namespace appsync::device {
 
 /// The side of a home screen icon, in pixels.
-inline constexpr int IconSide = 120;
+inline constexpr int iconSide = 120;
 /// The radius of its corners as a part of its side.
-inline constexpr double IconCorner = 0.225;
+inline constexpr double iconCorner = 0.225;
 /// A larger icon file, in bytes, is not looked at.
-inline constexpr std::uint64_t MaxIconFileSize = 8U << 20;
+inline constexpr std::uint64_t maxIconFileSize = 8U << 20;
 
 class DeviceIconRenderer final : public IconRenderer {
   public:

@@ -11,7 +11,7 @@ std::string ordinal(std::size_t index) {
 }
 
 ErrorPtr noLayout(const std::string& problem) {
-    return makeError(IconLayoutErrorDomain, 1, problem);
+    return makeError(iconLayoutErrorDomain, 1, problem);
 }
 
 /// Reads a layout; the first thing that is wrong ends it.

@@ -15,7 +15,7 @@
 namespace appsync::device {
 
 /// The domain of the error of what is no layout; its code is 1.
-inline constexpr std::string_view IconLayoutErrorDomain = "IconLayout";
+inline constexpr std::string_view iconLayoutErrorDomain = "IconLayout";
 
 using IdentifierList = std::vector<std::string>;
 

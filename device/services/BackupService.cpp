@@ -12,7 +12,7 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view Schema[] = {
+constexpr std::string_view schema[] = {
     "CREATE TABLE restoreData (bundle TEXT PRIMARY KEY, size INTEGER NOT NULL) WITHOUT ROWID;",
     // Rows of the first version told of data that was nowhere.
     "DELETE FROM restoreData;"
@@ -32,7 +32,7 @@ std::string replacedPath(const std::string& name) {
 }
 
 ErrorPtr backupError(BackupError code, const std::string& text) {
-    return makeError(BackupErrorDomain, static_cast<std::int64_t>(code), text);
+    return makeError(backupErrorDomain, static_cast<std::int64_t>(code), text);
 }
 
 } // namespace
@@ -62,7 +62,7 @@ class BackupService::Manager final : public HVManager {
 };
 
 Result<std::unique_ptr<BackupService>> BackupService::open(Database& database, DeviceFileSystem& files) {
-    if (const auto registered = database.registerSchema("backup", Schema); !registered) {
+    if (const auto registered = database.registerSchema("backup", schema); !registered) {
         return registered.error();
     }
     ErrorPtr error;

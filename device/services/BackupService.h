@@ -19,7 +19,7 @@ namespace appsync::device {
 class Database;
 class DeviceFileSystem;
 
-inline constexpr std::string_view BackupErrorDomain = "DeviceBackup";
+inline constexpr std::string_view backupErrorDomain = "DeviceBackup";
 enum class BackupError : std::int64_t {
     nothingToCancel = 1,
     nothingToRestore = 2,

@@ -6,12 +6,12 @@
 
 namespace appsync::device {
 
-inline constexpr std::string_view HostBundleIdentifier = "com.zuvex.qrd";
+inline constexpr std::string_view hostBundleIdentifier = "com.zuvex.qrd";
 
 class DeviceProcess final : public HostProcess {
   public:
     [[nodiscard]] std::optional<std::string> mainBundleIdentifier() noexcept override {
-        return std::string(HostBundleIdentifier);
+        return std::string(hostBundleIdentifier);
     }
     [[nodiscard]] std::string temporaryDirectory() noexcept override { return std::string(temporaryFolder); }
 };

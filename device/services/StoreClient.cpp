@@ -37,7 +37,7 @@ void StoreClient::_refreshInBackground(std::function<void(const ErrorPtr&)> comp
 
 Result<void> StoreClient::refreshReceipts() {
     ErrorPtr firstError;
-    if (!_files.createDirectory(ReceiptFolder, true, std::nullopt, &firstError)) {
+    if (!_files.createDirectory(receiptFolder, true, std::nullopt, &firstError)) {
         return firstError;
     }
     std::set<std::string> names;
@@ -50,7 +50,7 @@ Result<void> StoreClient::refreshReceipts() {
             receipt.set("bundleVersion", *application.version);
         }
         std::string name = application.identifier + ".plist";
-        const auto written = _writeReceipt(std::string(ReceiptFolder) + "/" + name, receipt);
+        const auto written = _writeReceipt(std::string(receiptFolder) + "/" + name, receipt);
         firstError = firstError ? firstError : written.error();
         names.insert(std::move(name));
     }
@@ -73,13 +73,13 @@ Result<void> StoreClient::_writeReceipt(const std::string& path, const Dictionar
 }
 
 void StoreClient::_removeOtherReceipts(const std::set<std::string>& names) {
-    const auto receipts = _files.list(ReceiptFolder);
+    const auto receipts = _files.list(receiptFolder);
     if (!receipts) {
         return;
     }
     for (const std::string& receipt : *receipts) {
         if (!names.contains(receipt)) {
-            _files.removeItem(std::string(ReceiptFolder) + "/" + receipt, nullptr);
+            _files.removeItem(std::string(receiptFolder) + "/" + receipt, nullptr);
         }
     }
 }

@@ -22,7 +22,7 @@ class Registry;
 
 /// One file per app, "<bundle identifier>.plist", a binary property list with "bundleIdentifier" and, if the app has
 /// one, "bundleVersion".
-inline constexpr std::string_view ReceiptFolder = "/var/mobile/Library/StoreReceipts";
+inline constexpr std::string_view receiptFolder = "/var/mobile/Library/StoreReceipts";
 
 /// Any thread.
 class StoreClient final : public MWSoftwareLibraryClass {

@@ -14,10 +14,10 @@ namespace appsync::host {
 
 namespace {
 
-constexpr std::size_t largestList = std::size_t{256} << 20;
+constexpr std::size_t maxListSize = std::size_t{256} << 20;
 
 std::string textOf(const ErrorPtr& error) {
-    const auto text = error != nullptr ? error->userInfo().string(ErrorDescriptionKey) : std::nullopt;
+    const auto text = error != nullptr ? error->userInfo().string(errorDescriptionKey) : std::nullopt;
     return text ? ": " + std::string(*text) : std::string(".");
 }
 
@@ -37,7 +37,7 @@ class ListReader {
             failed = checkIsFile(file.get());
         }
         if (failed == 0) {
-            failed = readAll(file.get(), largestList, bytes);
+            failed = readAll(file.get(), maxListSize, bytes);
         }
         if (failed != 0) {
             return hostError("'" + shown + "' cannot be read: " + reasonOf(failed) + ".");
@@ -119,7 +119,7 @@ void readEntry(const Value& value, PropertyListSerialization& propertyLists, Bac
 }
 
 void readDemoted(ListReader& lists, BackupContent& content) {
-    const auto list = lists.readDictionary(DemotedAppsName);
+    const auto list = lists.readDictionary(demotedAppsName);
     if (list) {
         content.demoted = device::DemotionLists::fromPropertyList(*list);
     } else {
@@ -128,7 +128,7 @@ void readDemoted(ListReader& lists, BackupContent& content) {
 }
 
 void readIconState(ListReader& lists, BackupContent& content) {
-    auto list = lists.read(IconStateName);
+    auto list = lists.read(iconStateName);
     std::string problem = list ? "" : errorText(list.error());
     if (list) {
         const auto layout = device::IconLayout::fromPropertyList(*list);
@@ -136,7 +136,7 @@ void readIconState(ListReader& lists, BackupContent& content) {
             content.iconState = std::move(*list);
             return;
         }
-        problem = "'" + lists.pathOf(IconStateName) + "' is no icon layout: " + errorText(layout.error()) + ".";
+        problem = "'" + lists.pathOf(iconStateName) + "' is no icon layout: " + errorText(layout.error()) + ".";
     }
     content.problems.push_back(problem + " The icons are not arranged.");
 }
@@ -157,9 +157,9 @@ Result<BackupFolder> BackupFolder::open(const std::string& path) {
 
 Result<BackupContent> BackupFolder::read(PropertyListSerialization& propertyLists) const {
     ListReader lists(_folder.get(), _path, propertyLists);
-    const auto info = lists.readDictionary(RestoreInfoName);
+    const auto info = lists.readDictionary(restoreInfoName);
     if (!info) {
-        return noBackup(errorText(info.error()), lists.pathOf(RestoreInfoName));
+        return noBackup(errorText(info.error()), lists.pathOf(restoreInfoName));
     }
     BackupContent content;
     for (const auto& [identifier, entry] : *info->dictionary()) {
@@ -173,12 +173,12 @@ Result<BackupContent> BackupFolder::read(PropertyListSerialization& propertyList
 }
 
 std::string BackupFolder::dataPath(const std::string& identifier) const {
-    return _path + "/" + std::string(BackupDataName) + "/" + identifier;
+    return _path + "/" + std::string(backupDataName) + "/" + identifier;
 }
 
 Result<std::optional<Descriptor>> BackupFolder::openData(const std::string& identifier) const {
     Descriptor opened;
-    const int failed = openBeneath(_folder.get(), std::string(BackupDataName) + "/" + identifier,
+    const int failed = openBeneath(_folder.get(), std::string(backupDataName) + "/" + identifier,
                                    O_RDONLY | O_DIRECTORY, opened, RESOLVE_NO_SYMLINKS);
     if (failed == ENOENT) {
         return std::optional<Descriptor>();

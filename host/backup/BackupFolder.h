@@ -25,11 +25,11 @@ class PropertyListSerialization;
 
 namespace appsync::host {
 
-inline constexpr std::string_view RestoreInfoName = "RestoreApplications.plist";
-inline constexpr std::string_view DemotedAppsName = "DemotedApps.plist";
-inline constexpr std::string_view IconStateName = "IconState.plist";
-inline constexpr std::string_view BackupDataName = "Data";
-inline constexpr std::array BackupNames{RestoreInfoName, DemotedAppsName, IconStateName, BackupDataName};
+inline constexpr std::string_view restoreInfoName = "RestoreApplications.plist";
+inline constexpr std::string_view demotedAppsName = "DemotedApps.plist";
+inline constexpr std::string_view iconStateName = "IconState.plist";
+inline constexpr std::string_view backupDataName = "Data";
+inline constexpr std::array backupNames{restoreInfoName, demotedAppsName, iconStateName, backupDataName};
 
 /// One app of a backup.
 struct BackupApp {

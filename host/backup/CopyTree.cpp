@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t pieceSize = std::size_t{1} << 18;
 constexpr mode_t keptPermissions = 0755;
-constexpr std::size_t longestPathShown = 1000;
+constexpr std::size_t maxPathShown = 1000;
 
 class TreeCopier final : public device::TreeVisitor {
   public:
@@ -32,7 +32,7 @@ class TreeCopier final : public device::TreeVisitor {
         if (failed == 0) {
             return {};
         }
-        const std::string shown = _path.size() > longestPathShown ? _path.substr(0, longestPathShown) + "…" : _path;
+        const std::string shown = _path.size() > maxPathShown ? _path.substr(0, maxPathShown) + "…" : _path;
         return hostError("'" + shown + "' cannot be copied: " + std::strerror(failed) + ".", shown);
     }
 

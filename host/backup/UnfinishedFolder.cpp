@@ -27,7 +27,7 @@ std::string randomText() {
 bool holdsPartOfBackup(int folder) {
     device::FolderReader reader(Descriptor(::fcntl(folder, F_DUPFD_CLOEXEC, 0)));
     while (const auto entry = reader.next()) {
-        if (std::ranges::find(BackupNames, entry->name) == BackupNames.end()) {
+        if (std::ranges::find(backupNames, entry->name) == backupNames.end()) {
             return false;
         }
     }

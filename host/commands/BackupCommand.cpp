@@ -43,7 +43,7 @@ class BackupWriter {
 
     /// Writes every app that can be read; `failed` has the others.
     Result<void> write() {
-        const std::string data(BackupDataName);
+        const std::string data(backupDataName);
         if (::mkdirat(_folder, data.c_str(), 0755) != 0) {
             return writeError(_path + "/" + data, errno);
         }
@@ -62,9 +62,9 @@ class BackupWriter {
                 ++_count;
             }
         }
-        for (const auto& [name, list] : {std::pair<std::string_view, Value>{RestoreInfoName, std::move(info)},
-                                         {DemotedAppsName, _device.demotedApps().lists().propertyList()},
-                                         {IconStateName, _device.homeScreen().layout().propertyList()}}) {
+        for (const auto& [name, list] : {std::pair<std::string_view, Value>{restoreInfoName, std::move(info)},
+                                         {demotedAppsName, _device.demotedApps().lists().propertyList()},
+                                         {iconStateName, _device.homeScreen().layout().propertyList()}}) {
             if (const auto written = _put(name, list); !written) {
                 return written;
             }
@@ -102,7 +102,7 @@ class BackupWriter {
     Result<std::optional<Data>> _read(const std::string& path) {
         ErrorPtr error;
         auto bytes = _device.files().readFile(path, &error);
-        if (!bytes && !isError(error, PosixErrorDomain, ENOENT)) {
+        if (!bytes && !isError(error, posixErrorDomain, ENOENT)) {
             return error;
         }
         return bytes;
@@ -160,9 +160,9 @@ class BackupWriter {
         const std::string source = waiting->value_or(app.dataContainerPath);
         auto from = _device.files().open(source, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (!from) {
-            return isError(from.error(), PosixErrorDomain, ENOENT) ? Result<void>() : from.error();
+            return isError(from.error(), posixErrorDomain, ENOENT) ? Result<void>() : from.error();
         }
-        const std::string target = _path + "/" + std::string(BackupDataName) + "/" + app.identifier;
+        const std::string target = _path + "/" + std::string(backupDataName) + "/" + app.identifier;
         const char* name = app.identifier.c_str();
         if (::mkdirat(_data.get(), name, 0755) != 0) {
             return writeError(target, errno);

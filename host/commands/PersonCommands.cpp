@@ -26,9 +26,9 @@ constexpr std::chrono::seconds patience{10}; // with a sync that does not answer
 
 /// No deeper than an answer is.
 Json parsed(const std::string& line) {
-    constexpr int deepest = 4;
+    constexpr int maxDepth = 4;
     return Json::parse(
-        line, [](int depth, Json::parse_event_t, Json&) { return depth <= deepest; }, false);
+        line, [](int depth, Json::parse_event_t, Json&) { return depth <= maxDepth; }, false);
 }
 
 std::string textIn(const Json& object, const char* key) {
@@ -124,7 +124,7 @@ ExitCode launch(const LaunchArguments& arguments) {
     }
     const auto process = device->launch(arguments.app, arguments.busy);
     if (!process) {
-        const bool isUnknown = isError(process.error(), device::ProcessErrorDomain, device::ProcessError::notInstalled);
+        const bool isUnknown = isError(process.error(), device::processErrorDomain, device::ProcessError::notInstalled);
         return fail(reasonOf(process.error()) +
                         (isUnknown ? "; `qrd apps " + arguments.device + "` lists those that it has" : ""),
                     ExitCode::someAppFailed);

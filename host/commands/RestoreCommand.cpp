@@ -29,7 +29,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr int desktopRestore = 2; // the type for which the plug-in reads the restore info
 const std::string restoreFolder = "/var/mobile/Media/TamblinRestore";
-const std::string restoreInfoPath = restoreFolder + "/" + std::string(RestoreInfoName);
+const std::string restoreInfoPath = restoreFolder + "/" + std::string(restoreInfoName);
 /// Where an app's data arrives before the backup service takes it.
 const std::string incomingFolder = "/tmp/com.zuvex.qrd.RestoreData";
 

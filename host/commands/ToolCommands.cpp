@@ -20,10 +20,10 @@ namespace {
 
 /// The property list in a file; nullopt, after telling the person why, when there is none.
 std::optional<Value> readPlist(const std::string& path) {
-    constexpr std::size_t largestList = std::size_t{64} << 20; // else a device without an end would be read for ever
+    constexpr std::size_t maxListSize = std::size_t{64} << 20; // else a device without an end would be read for ever
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC)); // it may be a pipe
     std::string bytes;
-    if (const int failed = file.isOpen() ? readAll(file.get(), largestList, bytes) : errno) {
+    if (const int failed = file.isOpen() ? readAll(file.get(), maxListSize, bytes) : errno) {
         fail("'" + path + "' cannot be read: " +
              (failed == EFBIG ? "it is larger than a property list may be, 64 MB" : systemText(failed)) + ".");
         return std::nullopt;

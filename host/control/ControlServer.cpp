@@ -80,7 +80,7 @@ void ControlServer::_accept() {
         }
         return;
     }
-    if (_clients.size() < mostClients || _makeRoom()) {
+    if (_clients.size() < maxClients || _makeRoom()) {
         _clients.push_back({std::move(connection)});
         return;
     }
@@ -108,7 +108,7 @@ void ControlServer::_attend(Client& client) {
 }
 
 void ControlServer::_read(Client& client) {
-    std::array<char, longestRequest> piece{};
+    std::array<char, maxRequestSize> piece{};
     const ssize_t length = ::recv(client.connection.get(), piece.data(), piece.size(), 0);
     if (length <= 0) {
         client.hasEnded = length == 0 || (errno != EAGAIN && errno != EINTR);
@@ -128,7 +128,7 @@ void ControlServer::_answerLines(Client& client) {
         const auto place = std::ranges::find(_clients, &client, [](const Client& other) { return &other; });
         _clients.splice(_clients.end(), _clients, place);
     }
-    if (client.unsent.empty() && client.received.size() > longestRequest) {
+    if (client.unsent.empty() && client.received.size() > maxRequestSize) {
         client.received.clear();
         client.unsent = errorAnswer("The request is longer than 4096 bytes.") + "\n";
         client.isLast = true;

@@ -33,7 +33,7 @@ struct ControlHandlers {
 
 /// How many clients are served at once. Of more, the one that has asked nothing for the longest time makes room, but no
 /// follower; where all are followers, a new one is told that the sync is busy.
-inline constexpr std::size_t mostClients = 16;
+inline constexpr std::size_t maxClients = 16;
 /// How long the end of a sync waits for all followers together to take the last status.
 inline constexpr std::chrono::milliseconds farewellTime{500};
 

@@ -25,7 +25,7 @@ constexpr std::string_view runFolder = "/var/run";
 constexpr std::string_view controlFolder = "/var/run/control";
 constexpr const char* socketName = "socket";
 /// Of a line that a server sends: the status of some ten thousand apps.
-constexpr std::size_t longestAnswer = std::size_t{4} << 20;
+constexpr std::size_t maxAnswerSize = std::size_t{4} << 20;
 
 /// A path may be too long for a socket's address, the one through an opened folder or socket never is.
 sockaddr_un addressThrough(int opened, const std::string& name = {}) {
@@ -181,7 +181,7 @@ ReadResult readLine(int connection, std::string& buffer, std::string& line) {
         if (length < 0 && errno == EAGAIN) {
             return ReadResult::noAnswer;
         }
-        if (length <= 0 || searched > longestAnswer) {
+        if (length <= 0 || searched > maxAnswerSize) {
             return ReadResult::ended;
         }
         buffer.append(piece.data(), static_cast<std::size_t>(length));

@@ -21,7 +21,7 @@ class DeviceFileSystem;
 namespace appsync::host {
 
 /// The longest line that a client may send, in bytes.
-inline constexpr std::size_t longestRequest = 4096;
+inline constexpr std::size_t maxRequestSize = 4096;
 
 struct ControlRequest {
     std::string command;

@@ -17,7 +17,7 @@ Result<std::unique_ptr<ClientOnDevice>> ClientOnDevice::start(device::Device& de
     if (started->_client == nullptr) {
         return hostError("The plug-in '" + started->_plugIn.identifier() + "' did not start.");
     }
-    device.notificationCenter().post(StartupCompleteName);
+    device.notificationCenter().post(startupCompleteName);
     device.notificationCenter().waitUntilDelivered();
     return started;
 }

@@ -3,7 +3,7 @@
 
 #include "host/plugin/PlugIn.h"
 #include "host/transfer/TransferQueue.h"
-#include "platform/Client.h"
+#include "platform/host/Client.h"
 
 #include <memory>
 #include <string>

@@ -1,8 +1,8 @@
 #include "host/plugin/PlugIn.h"
 
-#include "platform/Client.h"
 #include "platform/Platform.h"
 #include "platform/PropertyListSerialization.h"
+#include "platform/host/Client.h"
 
 #include <dlfcn.h>
 
@@ -64,11 +64,11 @@ std::unique_ptr<QRClient> PlugIn::createClient(const Platform& platform) const {
 }
 
 ErrorPtr hostError(std::string_view description, std::string_view path) {
-    Dictionary facts{{ErrorDescriptionKey, description}};
+    Dictionary facts{{errorDescriptionKey, description}};
     if (!path.empty()) {
-        facts.set(ErrorPathKey, path);
+        facts.set(errorPathKey, path);
     }
-    return Error::make(HostErrorDomain, 1, std::move(facts));
+    return Error::make(hostErrorDomain, 1, std::move(facts));
 }
 
 } // namespace appsync::host

@@ -16,7 +16,7 @@ struct Platform;
 namespace appsync::host {
 
 /// Domain of the host's own errors; the description says what, where and what to do.
-inline constexpr std::string_view HostErrorDomain = "SyncHost";
+inline constexpr std::string_view hostErrorDomain = "SyncHost";
 
 /// A loaded bundle; its clients must go before it does. Its code stays in the process for what clients leave behind.
 class PlugIn {
@@ -40,7 +40,7 @@ class PlugIn {
     void* _create;
 };
 
-/// An error of `HostErrorDomain` with its sentence.
+/// An error of `hostErrorDomain` with its sentence.
 [[nodiscard]] ErrorPtr hostError(std::string_view description, std::string_view path = {});
 
 } // namespace appsync::host

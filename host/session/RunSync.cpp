@@ -15,7 +15,7 @@
 #include "host/session/InstallOutcomes.h"
 #include "host/session/SyncSession.h"
 #include "host/transfer/TransferQueue.h"
-#include "platform/Client.h"
+#include "platform/host/Client.h"
 
 namespace appsync::host {
 
@@ -61,11 +61,11 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
         report.failure = hostError("The plug-in '" + plugIn->identifier() + "' did not start.");
         return report;
     }
-    device.notificationCenter().post(StartupCompleteName);
+    device.notificationCenter().post(startupCompleteName);
     device.notificationCenter().waitUntilDelivered();
     // After the plug-in's own connection, which gets the reports that waited for one.
     const auto observer = devicePlatform.installObservers.initWithMachServiceName_forClients_delegate(
-        ObserverServiceName, {KXClientSyncHost}, &outcomes);
+        observerServiceName, {KXClientSyncHost}, &outcomes);
     // What ended while no plug-in ran is told to it before it opens the sync, since it notes that in its work files.
     device.coordinator().waitUntilIdle();
     PersonOnDevice person(device, deviceService, workspace, busyApps, outcomes);

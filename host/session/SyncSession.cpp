@@ -12,8 +12,8 @@
 #include "host/session/Leftovers.h"
 #include "host/transfer/Transfer.h"
 #include "host/transfer/TransferQueue.h"
-#include "platform/Client.h"
 #include "platform/DevicePolicy.h"
+#include "platform/host/Client.h"
 
 #include <algorithm>
 

@@ -54,11 +54,11 @@ Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const s
 } // namespace
 
 std::string receivedFolder() {
-    return publicStaging + std::string(ReceivedFolder);
+    return publicStaging + std::string(receivedFolderName);
 }
 
 std::string receivedPath(const std::string& identifier) {
-    return std::string(ReceivedFolder) + "/" + identifier + ".archive";
+    return std::string(receivedFolderName) + "/" + identifier + ".archive";
 }
 
 Result<void> transfer(device::DeviceFileSystem& files, const TransferRequest& request) {

@@ -19,7 +19,7 @@ namespace appsync::host {
 class Bandwidth;
 
 /// The folder of received files, relative to the public staging area.
-inline constexpr std::string_view ReceivedFolder = "Received";
+inline constexpr std::string_view receivedFolderName = "Received";
 
 struct TransferRequest {
     const desktop::AppArchive& app;

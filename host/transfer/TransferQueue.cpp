@@ -86,12 +86,12 @@ bool ErrorClassification::QRIsRecoverableError(const ErrorPtr& error) noexcept {
     if (error == nullptr) {
         return false;
     }
-    if (error->domain() == PosixErrorDomain) {
+    if (error->domain() == posixErrorDomain) {
         // The plug-in reports EINVAL when it could not learn whether a busy app may be ended, as at an interrupt.
         return error->code() == ENOSPC || error->code() == EDQUOT ||
                (error->code() == EINVAL && Interrupt::requested());
     }
-    return error->domain() == HostTransferErrorDomain &&
+    return error->domain() == hostTransferErrorDomain &&
            (error->code() == static_cast<int>(TransferError::interrupted) ||
             error->code() == static_cast<int>(TransferError::noSpace));
 }
@@ -101,7 +101,7 @@ ErrorPtr cancelledByUserError() {
 }
 
 ErrorPtr transferError(TransferError code, std::string_view description) {
-    return Error::make(HostTransferErrorDomain, static_cast<int>(code), Dictionary{{ErrorDescriptionKey, description}});
+    return Error::make(hostTransferErrorDomain, static_cast<int>(code), Dictionary{{errorDescriptionKey, description}});
 }
 
 } // namespace appsync::host

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "concurrency/Mutex.h"
-#include "platform/Asset.h"
-#include "platform/SyncHost.h"
+#include "platform/host/Asset.h"
+#include "platform/host/SyncHost.h"
 
 #include <deque>
 #include <functional>
@@ -15,8 +15,8 @@
 
 namespace appsync::host {
 
-/// Codes of the errors with which the host ends a transfer, in `HostTransferErrorDomain`.
-inline constexpr std::string_view HostTransferErrorDomain = "SyncHostTransfer";
+/// Codes of the errors with which the host ends a transfer, in `hostTransferErrorDomain`.
+inline constexpr std::string_view hostTransferErrorDomain = "SyncHostTransfer";
 enum class TransferError : int {
     interrupted = 1,     // the sync was ended; a later one goes on
     cancelledByUser = 2, // on the device
@@ -76,7 +76,7 @@ class ErrorClassification final : public QRErrorClassification {
     [[nodiscard]] bool QRIsRecoverableError(const ErrorPtr& error) noexcept override;
 };
 
-/// An error of `HostTransferErrorDomain` with its sentence.
+/// An error of `hostTransferErrorDomain` with its sentence.
 [[nodiscard]] ErrorPtr transferError(TransferError code, std::string_view description);
 [[nodiscard]] ErrorPtr cancelledByUserError();
 

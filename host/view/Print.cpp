@@ -37,7 +37,7 @@ void printLine(std::ostream& out, std::string_view line, std::size_t limit) {
 }
 
 void printQuestion(std::ostream& out, std::string_view question) {
-    out << printable(question, LineLimit) << ' ' << std::flush;
+    out << printable(question, maxLineLength) << ' ' << std::flush;
 }
 
 void printJson(std::ostream& out, const nlohmann::ordered_json& json, int indent) {

@@ -13,9 +13,9 @@
 namespace appsync::host {
 
 /// Characters of a line; no reason for a person has more.
-inline constexpr std::size_t LineLimit = 4000;
+inline constexpr std::size_t maxLineLength = 4000;
 
-void printLine(std::ostream& out, std::string_view line, std::size_t limit = LineLimit);
+void printLine(std::ostream& out, std::string_view line, std::size_t limit = maxLineLength);
 
 /// A question; what is answered stands behind it on the line.
 void printQuestion(std::ostream& out, std::string_view question);

@@ -39,7 +39,7 @@ std::string reasonOf(const ErrorPtr& error) {
     if (error == nullptr) {
         return "";
     }
-    if (const auto sentence = error->userInfo().string(ErrorDescriptionKey)) {
+    if (const auto sentence = error->userInfo().string(errorDescriptionKey)) {
         return std::string(*sentence);
     }
     if (error->domain() == QRErrorDomain && error->code() == 1) {

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::size_t barWidth = 28;
 constexpr std::size_t nameWidth = 22;
-constexpr std::size_t mostBars = 8;
+constexpr std::size_t maxBars = 8;
 
 std::string bar(double fraction) {
     const auto filled = static_cast<std::size_t>(std::clamp(fraction, 0.0, 1.0) * static_cast<double>(barWidth));
@@ -158,7 +158,7 @@ void SyncView::_drawBars() {
     _eraseBars();
     std::size_t drawn = 0;
     for (const std::string& identifier : _underWay) {
-        if (drawn < mostBars) {
+        if (drawn < maxBars) {
             const AppStatus& app = _app(identifier);
             printLine(_out, padded(app.name) + " " + bar(app.fraction) + " " + stageText(app));
             ++drawn;

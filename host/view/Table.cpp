@@ -12,7 +12,7 @@ namespace appsync::host {
 
 namespace {
 
-constexpr std::size_t CellLimit = 60; // characters of a cell that has cells behind it
+constexpr std::size_t maxCellLength = 60; // characters of a cell that has cells behind it
 
 } // namespace
 
@@ -20,7 +20,7 @@ Table::Table(std::vector<std::string> headings) : _rows{std::move(headings)} {}
 
 void Table::add(std::vector<std::string> cells) {
     for (std::string& cell : cells) {
-        cell = printable(cell, &cell == &cells.back() ? LineLimit : CellLimit);
+        cell = printable(cell, &cell == &cells.back() ? maxLineLength : maxCellLength);
     }
     _rows.push_back(std::move(cells));
 }

@@ -13,8 +13,6 @@ namespace appsync {
 namespace {
 
 constexpr std::string_view daemonIdentifier = "com.zuvex.qrd";
-constexpr std::string_view startupCompleteNotification = "com.zuvex.qrd.QRStartupCompleteNotification";
-constexpr std::string_view observerServiceName = "com.zuvex.qrd.kpc.icappobserverdelegate";
 constexpr std::size_t concurrentInstalls = 10;
 
 bool runsInDaemon(const Platform& platform) {
@@ -41,9 +39,8 @@ AppsClient::AppsClient(const Platform& platform, std::unique_ptr<OperationQueue>
         std::make_shared<const SystemLog>(SystemLog{"com.zuvex.appinstallation", "qrd.appsync"}));
     _useInstallCoordinator = _platform.coordinators.coordinationIsEnabled();
     if (runsInDaemon(_platform)) {
-        _platform.notificationCenter.addObserver(this, _handleQRDStartupCompletedNotification,
-                                                 startupCompleteNotification, nullptr,
-                                                 NotificationSuspensionBehavior::drop);
+        _platform.notificationCenter.addObserver(this, _handleQRDStartupCompletedNotification, startupCompleteName,
+                                                 nullptr, NotificationSuspensionBehavior::drop);
     }
 }
 
@@ -55,7 +52,7 @@ AppsClient::~AppsClient() {
     }
     _platform.workspaces.defaultWorkspace().removeObserver(this);
     if (runsInDaemon(_platform)) {
-        _platform.notificationCenter.removeObserver(this, startupCompleteNotification);
+        _platform.notificationCenter.removeObserver(this, startupCompleteName);
         _appInstallObserver = nullptr;
     }
 }

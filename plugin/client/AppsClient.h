@@ -10,13 +10,13 @@
 #include "concurrency/OperationQueue.h"
 #include "concurrency/SerialQueue.h"
 #include "platform/ApplicationRegistry.h"
-#include "platform/Client.h"
 #include "platform/FileSystem.h"
 #include "platform/InstallCoordinator.h"
 #include "platform/Platform.h"
+#include "platform/host/Client.h"
 #include "plugin/client/IdentifierSet.h"
-#include "plugin/client/Log.h"
 #include "plugin/client/PendingRetries.h"
+#include "plugin/log/Log.h"
 
 #include <atomic>
 #include <functional>

@@ -1,7 +1,7 @@
 // What the install coordinator and the registry report, and what a person does on the device.
 #include "plugin/client/AppsClient.h"
 
-#include "platform/SyncHost.h"
+#include "platform/host/SyncHost.h"
 #include "plugin/coordination/Coordination.h"
 
 namespace appsync {

@@ -6,15 +6,9 @@
 
 namespace appsync {
 
-namespace {
-
-constexpr std::string_view syncNotice = "com.zuvex.skellan.qrd.wsyncnotify";
-
-} // namespace
-
 void AppsClient::_notifySkellan(bool starting) {
     int token = 0;
-    const std::uint32_t status = _platform.notifications.notify_register_check(syncNotice, &token);
+    const std::uint32_t status = _platform.notifications.notify_register_check(syncNoticeName, &token);
     _log.message("Notifying SK we are %s syncing", starting ? "starting" : "done");
     // Asking for the port wakes the home screen; the answer is not needed.
     static_cast<void>(_platform.homeScreen.SKSSkellanBlockableServerPort());
@@ -23,7 +17,7 @@ void AppsClient::_notifySkellan(bool starting) {
         return;
     }
     _platform.notifications.notify_set_state(token, starting ? 1 : 0);
-    _platform.notifications.notify_post(syncNotice);
+    _platform.notifications.notify_post(syncNoticeName);
 }
 
 } // namespace appsync

@@ -1,6 +1,6 @@
 #include "plugin/pipeline/InProgressAssetQuery.h"
 
-#include "plugin/client/Log.h"
+#include "plugin/log/Log.h"
 
 #include <array>
 #include <span>

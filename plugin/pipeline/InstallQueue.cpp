@@ -68,7 +68,7 @@ void AppsClient::_performAssetInstall(const QRAssetPtr& asset) {
     default:
         _log.error("Unknown error %d getting assertion for %{public}@", outcome, identifier);
         logAssetInstall(_platform, false, identifier, "unknown error grabbing assertion");
-        assetInstallFailed_withError(asset, Error::make(PosixErrorDomain, EINVAL));
+        assetInstallFailed_withError(asset, Error::make(posixErrorDomain, EINVAL));
         assertion = nullptr;
         _platform.files.removeItem(*asset->path, nullptr);
         return;

@@ -5,8 +5,8 @@
 #include "platform/Backup.h"
 #include "platform/InstallationService.h"
 #include "platform/Store.h"
-#include "platform/SyncHost.h"
 #include "platform/TransactionLog.h"
+#include "platform/host/SyncHost.h"
 #include "plugin/client/Paths.h"
 
 namespace appsync {

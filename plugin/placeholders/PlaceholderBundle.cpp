@@ -3,9 +3,9 @@
 #include "platform/ApplicationRegistry.h"
 #include "platform/Platform.h"
 #include "platform/TransactionLog.h"
-#include "plugin/client/Log.h"
 #include "plugin/client/Paths.h"
 #include "plugin/client/PropertyListFile.h"
+#include "plugin/log/Log.h"
 
 namespace appsync::placeholderBundle {
 

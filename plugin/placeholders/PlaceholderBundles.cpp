@@ -79,7 +79,7 @@ bool AppsClient::createPlaceHolderPath_forBundleIdentifier_withAttributes(std::s
                                                                           std::string_view bundleIdentifier,
                                                                           const FileAttributes& attributes) {
     // What begins with "../" may be an identifier, and would lead out of the folder of the placeholders.
-    ErrorPtr error = paths::climbs(path) ? Error::make(PosixErrorDomain, EINVAL) : nullptr;
+    ErrorPtr error = paths::climbs(path) ? Error::make(posixErrorDomain, EINVAL) : nullptr;
     const bool created = error == nullptr && _platform.files.createDirectory(path, true, attributes, &error);
     if (!created || error != nullptr) {
         placeholderBundle::logAppRestore(_platform, false, bundleIdentifier, "Failed to create app directory");

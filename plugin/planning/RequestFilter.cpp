@@ -1,7 +1,7 @@
 #include "plugin/planning/RequestFilter.h"
 
 #include "plugin/client/IdentifierSet.h"
-#include "plugin/client/Log.h"
+#include "plugin/log/Log.h"
 
 namespace appsync {
 

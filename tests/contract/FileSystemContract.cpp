@@ -33,9 +33,9 @@ class Files {
 /// Refused with this number of the POSIX domain, and the path is named.
 void expectPosix(const ErrorPtr& error, std::int64_t number, const std::string& path) {
     ASSERT_NE(error, nullptr) << path;
-    EXPECT_EQ(error->domain(), PosixErrorDomain);
+    EXPECT_EQ(error->domain(), posixErrorDomain);
     EXPECT_EQ(error->code(), number) << textOf(error);
-    EXPECT_EQ(error->userInfo().string(ErrorPathKey), path);
+    EXPECT_EQ(error->userInfo().string(errorPathKey), path);
 }
 
 } // namespace

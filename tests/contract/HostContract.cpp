@@ -1,10 +1,10 @@
 // The process, the log and transaction log, the scheduler, and what the sync host offers.
 #include "platform/FileSystem.h"
-#include "platform/Log.h"
 #include "platform/Process.h"
 #include "platform/Scheduler.h"
-#include "platform/SyncHost.h"
 #include "platform/TransactionLog.h"
+#include "platform/host/Log.h"
+#include "platform/host/SyncHost.h"
 #include "tests/contract/Rules.h"
 
 #include <atomic>

@@ -73,7 +73,7 @@ class ReferenceDevice final : public DeviceUnderTest {
                                       .file("App.app/Icon.png", {std::begin(iconBytes), std::end(iconBytes)})
                                       .bytes();
         const std::string path = "/var/mobile/Media/" + app.identifier + "-" + app.version + ".archive";
-        must<void>(_device->files().createFile(path, bytes, {}) ? ErrorPtr() : Error::make(PosixErrorDomain, EIO));
+        must<void>(_device->files().createFile(path, bytes, {}) ? ErrorPtr() : Error::make(posixErrorDomain, EIO));
         return *FileURL::fileURLWithPath(path, false);
     }
     void install(const AppDescription& app) override {

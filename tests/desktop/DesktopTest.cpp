@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 using Sentences = std::vector<std::string>;
 
 std::string sentence(const ErrorPtr& error) {
-    return error != nullptr ? std::string(error->userInfo().string(ErrorDescriptionKey).value_or("")) : "";
+    return error != nullptr ? std::string(error->userInfo().string(errorDescriptionKey).value_or("")) : "";
 }
 
 /// A folder of its own for each test, gone afterwards.
@@ -233,7 +233,7 @@ TEST_F(SyncLists, LayOutIconsInPages) {
     }
     const Array pages = iconLayout(many, list);
     ASSERT_EQ(pages.size(), 2u);
-    EXPECT_EQ(pages[0].array()->size(), IconsPerPage);
+    EXPECT_EQ(pages[0].array()->size(), iconsPerPage);
     EXPECT_EQ(pages[1], Value(Array{"a", "b", "c"}));
     EXPECT_EQ(iconLayout({}, SyncList{}), Array{});
 }

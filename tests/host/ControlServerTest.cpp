@@ -94,7 +94,7 @@ TEST_F(Server, EveryQuestionIsAnsweredInItsTurnHoweverSlowlyTheAnswersAreRead) {
 TEST_F(Server, TheOldestIdleClientMakesRoom) {
     start();
     std::vector<Descriptor> silent;
-    for (std::size_t place = 0; place < mostClients; ++place) {
+    for (std::size_t place = 0; place < maxClients; ++place) {
         silent.push_back(connected());
     }
     EXPECT_EQ(asked(silent.back(), "status"), small); // so all have been let in
@@ -108,7 +108,7 @@ TEST_F(Server, TheOldestIdleClientMakesRoom) {
 TEST_F(Server, WhereAllFollowANewClientIsToldThatTheSyncIsBusy) {
     start();
     std::vector<Descriptor> followers;
-    for (std::size_t place = 0; place < mostClients; ++place) {
+    for (std::size_t place = 0; place < maxClients; ++place) {
         followers.push_back(connected());
         EXPECT_EQ(asked(followers.back(), "follow"), small);
     }
@@ -148,7 +148,7 @@ TEST_F(Server, WhatIsNoRequestIsToldOrHungUpOn) {
         (void)::send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
     const Descriptor tooLong = connected();
-    send(tooLong, std::string(longestRequest + 1, 'x'));
+    send(tooLong, std::string(maxRequestSize + 1, 'x'));
     EXPECT_NE(lineFrom(tooLong).find("longer than 4096 bytes"), std::string::npos);
     EXPECT_EQ(lineFrom(tooLong), "(hung up)");
     EXPECT_EQ(asked(connected(), "status"), small);

@@ -176,7 +176,7 @@ TEST_P(Control, AnEndlessRequestIsHungUpOn) {
             return;
         }
         const auto connection = connected();
-        const std::string endless(2 * longestRequest, 'x');
+        const std::string endless(2 * maxRequestSize, 'x');
         ASSERT_GT(::write(connection.get(), endless.data(), endless.size()), 0);
         std::string buffer;
         std::string answer;

@@ -85,23 +85,23 @@ TEST(ErrorClasses, CountAnEndedSyncAndAFullDiskAsPassing) {
     ErrorClassification errors;
     EXPECT_TRUE(errors.QRIsRecoverableError(transferError(TransferError::interrupted, "")));
     EXPECT_TRUE(errors.QRIsRecoverableError(transferError(TransferError::noSpace, "")));
-    EXPECT_TRUE(errors.QRIsRecoverableError(Error::make(PosixErrorDomain, ENOSPC)));
+    EXPECT_TRUE(errors.QRIsRecoverableError(Error::make(posixErrorDomain, ENOSPC)));
     EXPECT_FALSE(errors.QRIsRecoverableError(transferError(TransferError::cancelledByUser, "")));
     EXPECT_FALSE(errors.QRIsRecoverableError(transferError(TransferError::sourceFailed, "")));
-    EXPECT_FALSE(errors.QRIsRecoverableError(Error::make(PosixErrorDomain, EACCES)));
+    EXPECT_FALSE(errors.QRIsRecoverableError(Error::make(posixErrorDomain, EACCES)));
     EXPECT_FALSE(errors.QRIsRecoverableError(Error::make("Other", 1)));
     EXPECT_FALSE(errors.QRIsRecoverableError(nullptr));
 }
 
 TEST(ErrorClasses, CountAnAppThatMayBeBusyAsPassingWhileTheSyncIsInterrupted) {
     ErrorClassification errors;
-    const ErrorPtr unknownAnswer = Error::make(PosixErrorDomain, EINVAL);
+    const ErrorPtr unknownAnswer = Error::make(posixErrorDomain, EINVAL);
     EXPECT_FALSE(errors.QRIsRecoverableError(unknownAnswer));
     const Interrupt interrupt;
     EXPECT_FALSE(errors.QRIsRecoverableError(unknownAnswer));
     std::raise(SIGINT);
     EXPECT_TRUE(errors.QRIsRecoverableError(unknownAnswer));
-    EXPECT_FALSE(errors.QRIsRecoverableError(Error::make(PosixErrorDomain, EACCES)));
+    EXPECT_FALSE(errors.QRIsRecoverableError(Error::make(posixErrorDomain, EACCES)));
 }
 
 // What a person sees.
@@ -142,7 +142,7 @@ TEST(Printing, MakesAWholeLinePrintable) {
     std::ostringstream out;
     printLine(out, "a\nb\x1b[2J\xFF\u202E");
     printLine(out, std::string(1'000'000, 'x'));
-    EXPECT_EQ(out.str(), "a b\uFFFD[2J\uFFFD\uFFFD\n" + std::string(LineLimit, 'x') + "…\n");
+    EXPECT_EQ(out.str(), "a b\uFFFD[2J\uFFFD\uFFFD\n" + std::string(maxLineLength, 'x') + "…\n");
 }
 
 TEST(Printing, WritesJsonExactlyAndInAscii) {

@@ -181,7 +181,7 @@ class Restores : public Sync {
         PropertyListCodec codec;
         const auto bytes = codec.dataWithPropertyList(Array{page}, PropertyListFormat::binary, nullptr);
         const auto opened = device::Device::open(device());
-        (*opened)->homeScreen().SKSetIconState(device::DeviceHomeScreen::Port, bytes->bytes());
+        (*opened)->homeScreen().SKSetIconState(device::DeviceHomeScreen::onlyPort, bytes->bytes());
     }
     /// As an interrupted sync leaves it: the placeholder of the install stands where that of the demoted app stood.
     void beginReturnOf(const std::string& name) {

@@ -1,7 +1,7 @@
 // The fixture of the plug-in's tests: a client on a device in memory.
 #pragma once
 
-#include "platform/Asset.h"
+#include "platform/host/Asset.h"
 #include "plugin/client/AppsClient.h"
 #include "plugin/client/Paths.h"
 #include "tests/inmemory/World.h"

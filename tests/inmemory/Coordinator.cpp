@@ -80,7 +80,7 @@ CoordinatorStatePtr Coordinators::findOrAdd(std::string_view identifier, const s
     }
     if (isThere || kind == "any") {
         if (error != nullptr) {
-            *error = Error::make("CoordinatorInMemory", 1, {{ErrorDescriptionKey, "of another kind, or of none"}});
+            *error = Error::make("CoordinatorInMemory", 1, {{errorDescriptionKey, "of another kind, or of none"}});
         }
         return nullptr;
     }

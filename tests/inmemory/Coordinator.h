@@ -155,7 +155,7 @@ template <class Interface> class Coordinator : public Interface {
     bool _call(const std::string& name, const std::string& arguments, ErrorPtr* error) {
         ErrorPtr fault = _context.callOn("coordinator", _state->identifier, name, arguments);
         if (fault == nullptr && _state->cancelled) {
-            fault = Error::make("CoordinatorInMemory", 3, {{ErrorDescriptionKey, "it has ended"}});
+            fault = Error::make("CoordinatorInMemory", 3, {{errorDescriptionKey, "it has ended"}});
         }
         if (fault != nullptr && error != nullptr) {
             *error = fault;
@@ -166,7 +166,7 @@ template <class Interface> class Coordinator : public Interface {
     bool _take(const std::string& name, const std::shared_ptr<KXPromise>& promise, bool hasOne, ErrorPtr* error) {
         const bool isTaken = _call(name, promise != nullptr ? promise->description() : "(null)", error);
         if (isTaken && (promise == nullptr || hasOne) && error != nullptr) {
-            *error = Error::make("CoordinatorInMemory", 2, {{ErrorDescriptionKey, "null, or there is one already"}});
+            *error = Error::make("CoordinatorInMemory", 2, {{errorDescriptionKey, "null, or there is one already"}});
         }
         return isTaken && promise != nullptr && !hasOne;
     }

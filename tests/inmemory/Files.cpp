@@ -12,7 +12,7 @@ namespace {
 
 bool report(int failed, std::string_view path, ErrorPtr* error) {
     if (failed != 0 && error != nullptr) {
-        *error = Error::make(PosixErrorDomain, failed, {{ErrorPathKey, path}});
+        *error = Error::make(posixErrorDomain, failed, {{errorPathKey, path}});
     }
     return failed == 0;
 }

@@ -1,11 +1,11 @@
 // The sync host's side: log, transaction log, device service, error classification, process, and the clock.
 #pragma once
 
-#include "platform/Log.h"
 #include "platform/Process.h"
 #include "platform/Scheduler.h"
-#include "platform/SyncHost.h"
 #include "platform/TransactionLog.h"
+#include "platform/host/Log.h"
+#include "platform/host/SyncHost.h"
 #include "tests/inmemory/Context.h"
 
 #include <chrono>

@@ -215,7 +215,7 @@ bool Registry::_install(const FileURL& url, const Dictionary& options, ErrorPtr*
     const bool isPlaceholder = package == PDPackageTypePlaceholder;
     if (identifier.empty() || (!isPlaceholder && package != PDPackageTypeCustomer)) {
         if (error != nullptr) {
-            *error = Error::make(TVInstallerErrorDomain, 1, {{ErrorDescriptionKey, "no package type or identifier"}});
+            *error = Error::make(TVInstallerErrorDomain, 1, {{errorDescriptionKey, "no package type or identifier"}});
         }
         return false;
     }

@@ -76,7 +76,7 @@ class BackupService final : public HVManagerClass {
                 return true;
             }
             if (error != nullptr) {
-                *error = Error::make("BackupServiceInMemory", 1, {{ErrorDescriptionKey, "nothing waits"}});
+                *error = Error::make("BackupServiceInMemory", 1, {{errorDescriptionKey, "nothing waits"}});
             }
             return false;
         }

@@ -1,4 +1,4 @@
-#include "propertylist/Base64.h"
+#include "propertylist/xml/Base64.h"
 
 #include <gtest/gtest.h>
 

@@ -21,7 +21,7 @@ TEST(HostileBinary, EveryTruncationIsRefused) {
         ErrorPtr error;
         EXPECT_FALSE(PropertyListCodec().propertyListWithData({cut.data(), cut.size()}, &error)) << size;
         ASSERT_TRUE(error) << size;
-        EXPECT_EQ(error->domain(), PropertyListErrorDomain);
+        EXPECT_EQ(error->domain(), propertyListErrorDomain);
     }
 }
 
@@ -107,14 +107,14 @@ BinaryFile nestedFile(std::size_t depth) {
 }
 
 TEST(HostileBinary, ReadsContainersUpToTheDepthLimit) {
-    EXPECT_EQ(mustRead(nestedFile(PropertyListDepthLimit).file()), nestedArrays(PropertyListDepthLimit));
-    const BinaryFile deeper = nestedFile(PropertyListDepthLimit + 1);
-    expectReadError(deeper.file(), Code::tooDeep, deeper.offsetOf(PropertyListDepthLimit));
+    EXPECT_EQ(mustRead(nestedFile(maxPropertyListDepth).file()), nestedArrays(maxPropertyListDepth));
+    const BinaryFile deeper = nestedFile(maxPropertyListDepth + 1);
+    expectReadError(deeper.file(), Code::tooDeep, deeper.offsetOf(maxPropertyListDepth));
 }
 
 TEST(HostileBinary, RefusesAHundredThousandLevels) {
     const std::string file = nestedFile(100'000).file();
-    expectReadError(file, Code::tooDeep, 8 + PropertyListDepthLimit * 5);
+    expectReadError(file, Code::tooDeep, 8 + maxPropertyListDepth * 5);
 }
 
 TEST(HostileBinary, RefusesDictionariesNestedTooDeep) {
@@ -125,7 +125,7 @@ TEST(HostileBinary, RefusesDictionariesNestedTooDeep) {
         file.objects.push_back(bytes({0xD1}) + bigEndian(depth, 2) + bigEndian(i + 1, 2));
     }
     file.objects.push_back(bytes({0x51}) + "k");
-    expectReadError(file.file(), Code::tooDeep, file.offsetOf(PropertyListDepthLimit));
+    expectReadError(file.file(), Code::tooDeep, file.offsetOf(maxPropertyListDepth));
 }
 
 /// A chain of `inner` arrays, referred to from the root and from the end of another chain of `outer` arrays.
@@ -142,7 +142,7 @@ BinaryFile chainSharedAtDepth(std::size_t outer, std::size_t inner) {
 
 TEST(HostileBinary, CountsTheDepthOfSharedContainers) {
     constexpr std::size_t inner = 200;
-    constexpr std::size_t outer = PropertyListDepthLimit - inner - 1;
+    constexpr std::size_t outer = maxPropertyListDepth - inner - 1;
     const BinaryFile allowed = chainSharedAtDepth(outer, inner);
     EXPECT_EQ((*mustRead(allowed.file()).array())[1], nestedArrays(outer + inner));
     const BinaryFile tooDeep = chainSharedAtDepth(outer + 1, inner);
@@ -162,7 +162,7 @@ TEST(HostileBinary, CountsTheDepthOfSharedDictionaries) {
         file.objects.push_back(bytes({0x51}) + "k");
         return file;
     };
-    constexpr std::size_t outer = PropertyListDepthLimit - 200 - 1;
+    constexpr std::size_t outer = maxPropertyListDepth - 200 - 1;
     EXPECT_TRUE(mustRead(chain(outer).file()).array());
     expectReadError(chain(outer + 1).file(), Code::tooDeep, chain(outer + 1).offsetOf(200) + 5);
 }
@@ -204,7 +204,7 @@ TEST(HostileBinary, AllowsExactlyTheDocumentedExpansion) {
     int exact = 0;
     for (std::size_t inner = 20; inner < 400; ++inner) {
         for (std::size_t outer = 20; outer < 400 && exact < 5; ++outer) {
-            if (outer * (inner + 1) != PropertyListExpansionFactor * (overhead + outer + inner)) {
+            if (outer * (inner + 1) != propertyListExpansionFactor * (overhead + outer + inner)) {
                 continue;
             }
             ++exact;
@@ -235,7 +235,7 @@ std::string dictionariesWithKey(std::size_t count, std::size_t size) {
 
 /// How many repeated bytes a file of this size may lead to.
 std::size_t allowedRepetition(std::size_t fileSize) {
-    return PropertyListRepetitionFactor * fileSize + PropertyListRepetitionAllowance;
+    return propertyListRepetitionFactor * fileSize + propertyListRepetitionAllowance;
 }
 
 TEST(HostileBinary, RefusesLongKeysThatAreUsedAgainAndAgain) {
@@ -292,7 +292,7 @@ TEST(HostileBinary, CountsTheTextsOfSharedContainers) {
 
 TEST(HostileBinary, RefusesMoreBytesThanTheLimitWithoutLookingAtThem) {
     const std::string file = fileOf(bytes({0x09}));
-    expectReadError(std::string_view(file.data(), PropertyListSizeLimit + 1), Code::tooLarge, PropertyListSizeLimit);
+    expectReadError(std::string_view(file.data(), maxPropertyListSize + 1), Code::tooLarge, maxPropertyListSize);
 }
 
 TEST(HostileBinary, CountsSharedDictionaries) {

@@ -1,4 +1,4 @@
-#include "propertylist/BinaryWriter.h"
+#include "propertylist/binary/BinaryWriter.h"
 #include "propertylist/Failure.h"
 #include "tests/propertylist/BinaryFile.h"
 #include "tests/propertylist/Expectations.h"
@@ -283,9 +283,9 @@ TEST(BinaryWriter, EndsWhenTheLimitIsReached) {
 }
 
 TEST(BinaryWriter, WritesUpToTheDepthLimit) {
-    EXPECT_EQ(mustRead(written(nestedArrays(PropertyListDepthLimit))), nestedArrays(PropertyListDepthLimit));
+    EXPECT_EQ(mustRead(written(nestedArrays(maxPropertyListDepth))), nestedArrays(maxPropertyListDepth));
     ErrorPtr error;
-    for (const std::size_t depth : {PropertyListDepthLimit + 1, std::size_t{100'000}}) {
+    for (const std::size_t depth : {maxPropertyListDepth + 1, std::size_t{100'000}}) {
         EXPECT_FALSE(PropertyListCodec().dataWithPropertyList(nestedArrays(depth), PropertyListFormat::binary, &error));
         EXPECT_EQ(error->code(), static_cast<std::int64_t>(Code::tooDeep));
     }

@@ -6,9 +6,9 @@ namespace {
 
 void expectError(const ErrorPtr& error, PropertyListErrorCode code) {
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), PropertyListErrorDomain);
+    EXPECT_EQ(error->domain(), propertyListErrorDomain);
     EXPECT_EQ(error->code(), static_cast<std::int64_t>(code)) << error->description();
-    const auto sentence = error->userInfo().string(ErrorDescriptionKey);
+    const auto sentence = error->userInfo().string(errorDescriptionKey);
     ASSERT_TRUE(sentence);
     EXPECT_TRUE(sentence->starts_with("The property list cannot be ")) << *sentence;
     EXPECT_TRUE(sentence->ends_with('.')) << *sentence;
@@ -35,7 +35,7 @@ void expectReadError(std::string_view bytes, PropertyListErrorCode code, std::si
     const auto value = PropertyListCodec().propertyListWithData(bytes, &error);
     EXPECT_FALSE(value) << value->description();
     ASSERT_NO_FATAL_FAILURE(expectError(error, code));
-    const Value* found = error->userInfo().find(PropertyListErrorOffsetKey);
+    const Value* found = error->userInfo().find(propertyListErrorOffsetKey);
     ASSERT_TRUE(found);
     EXPECT_EQ(found->unsignedInteger(), offset) << error->description();
     EXPECT_FALSE(PropertyListCodec().propertyListWithData(bytes, nullptr));
@@ -46,7 +46,7 @@ void expectWriteError(const Value& value, PropertyListFormat format, PropertyLis
     ErrorPtr error;
     EXPECT_FALSE(PropertyListCodec().dataWithPropertyList(value, format, &error));
     ASSERT_NO_FATAL_FAILURE(expectError(error, code));
-    EXPECT_EQ(error->userInfo().string(PropertyListErrorKeyPathKey), keyPath);
+    EXPECT_EQ(error->userInfo().string(propertyListErrorKeyPathKey), keyPath);
     EXPECT_FALSE(PropertyListCodec().dataWithPropertyList(value, format, nullptr));
 }
 
@@ -59,9 +59,9 @@ void expectValueOrError(std::string_view bytes) {
         EXPECT_LE(value->description().size(), 100 * bytes.size());
     } else {
         ASSERT_TRUE(error);
-        EXPECT_EQ(error->domain(), PropertyListErrorDomain);
-        EXPECT_TRUE(error->userInfo().string(ErrorDescriptionKey));
-        EXPECT_TRUE(error->userInfo().contains(PropertyListErrorOffsetKey));
+        EXPECT_EQ(error->domain(), propertyListErrorDomain);
+        EXPECT_TRUE(error->userInfo().string(errorDescriptionKey));
+        EXPECT_TRUE(error->userInfo().contains(propertyListErrorOffsetKey));
     }
 }
 

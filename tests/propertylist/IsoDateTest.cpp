@@ -1,4 +1,4 @@
-#include "propertylist/IsoDate.h"
+#include "propertylist/xml/IsoDate.h"
 
 #include <gtest/gtest.h>
 

@@ -35,7 +35,7 @@ std::size_t peakOfReading(std::string_view bytes) {
 }
 
 void expectBounded(std::string_view bytes) {
-    EXPECT_LE(peakOfReading(bytes), PropertyListMemoryFactor * bytes.size() + fewKilobytes) << bytes.size() << " bytes";
+    EXPECT_LE(peakOfReading(bytes), propertyListMemoryFactor * bytes.size() + fewKilobytes) << bytes.size() << " bytes";
 }
 
 std::string binaryArrayOf(std::size_t count, const std::string& item) {

@@ -239,7 +239,7 @@ TEST(XmlReader, EveryTruncationIsRefused) {
         ErrorPtr error;
         EXPECT_FALSE(PropertyListCodec().propertyListWithData({cut.data(), cut.size()}, &error)) << size;
         ASSERT_TRUE(error) << size;
-        EXPECT_EQ(error->domain(), PropertyListErrorDomain);
+        EXPECT_EQ(error->domain(), propertyListErrorDomain);
     }
 }
 
@@ -267,9 +267,9 @@ std::string nestedElements(std::size_t depth) {
 }
 
 TEST(XmlReader, ReadsContainersUpToTheDepthLimit) {
-    EXPECT_EQ(mustRead(nestedElements(PropertyListDepthLimit)), nestedArrays(PropertyListDepthLimit));
-    const std::size_t offset = head.size() + 7 * PropertyListDepthLimit;
-    expectReadError(nestedElements(PropertyListDepthLimit + 1), Code::tooDeep, offset);
+    EXPECT_EQ(mustRead(nestedElements(maxPropertyListDepth)), nestedArrays(maxPropertyListDepth));
+    const std::size_t offset = head.size() + 7 * maxPropertyListDepth;
+    expectReadError(nestedElements(maxPropertyListDepth + 1), Code::tooDeep, offset);
     expectReadError(nestedElements(100'000), Code::tooDeep, offset);
 }
 
@@ -278,7 +278,7 @@ TEST(XmlReader, RefusesAHundredThousandUnclosedElements) {
     for (int i = 0; i < 100'000; ++i) {
         file += "<dict><key>a</key>";
     }
-    expectReadError(file, Code::tooDeep, head.size() + 18 * PropertyListDepthLimit);
+    expectReadError(file, Code::tooDeep, head.size() + 18 * maxPropertyListDepth);
 }
 
 TEST(XmlReader, GivesTheSameAsTheBinaryReader) {

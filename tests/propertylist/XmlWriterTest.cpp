@@ -1,4 +1,4 @@
-#include "propertylist/XmlWriter.h"
+#include "propertylist/xml/XmlWriter.h"
 #include "propertylist/Failure.h"
 #include "tests/propertylist/Expectations.h"
 
@@ -139,7 +139,7 @@ TEST(XmlWriter, MakesNoFileOfAListThatExpandsBeyondMeasure) {
         return true;
     };
     EXPECT_TRUE(PropertyListCodec().writeXml(list, count, nullptr));
-    EXPECT_GT(size, PropertyListXmlLimit);
+    EXPECT_GT(size, maxPropertyListXmlSize);
 }
 
 TEST(XmlWriter, RefusesWhatXmlCannotHold) {
@@ -173,9 +173,9 @@ TEST(XmlWriter, EndsWhenTheLimitIsReached) {
 }
 
 TEST(XmlWriter, WritesUpToTheDepthLimit) {
-    EXPECT_EQ(mustRead(written(nestedArrays(PropertyListDepthLimit))), nestedArrays(PropertyListDepthLimit));
+    EXPECT_EQ(mustRead(written(nestedArrays(maxPropertyListDepth))), nestedArrays(maxPropertyListDepth));
     ErrorPtr error;
-    for (const std::size_t depth : {PropertyListDepthLimit + 1, std::size_t{100'000}}) {
+    for (const std::size_t depth : {maxPropertyListDepth + 1, std::size_t{100'000}}) {
         EXPECT_FALSE(PropertyListCodec().dataWithPropertyList(nestedArrays(depth), PropertyListFormat::xml, &error));
         EXPECT_EQ(error->code(), static_cast<std::int64_t>(Code::tooDeep));
     }

@@ -1,7 +1,7 @@
 // What comes in between: services that fail, calls on other threads in the midst of a call, and the host's death.
 #pragma once
 
-#include "platform/Log.h"
+#include "platform/host/Log.h"
 #include "tests/simulation/Calls.h"
 #include "tests/simulation/OtherThread.h"
 

@@ -1,4 +1,4 @@
-#include "values/ValueHash.h"
+#include "values/storage/ValueHash.h"
 
 #include <gtest/gtest.h>
 

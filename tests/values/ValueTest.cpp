@@ -239,8 +239,8 @@ TEST(Value, DescribesItselfOnOneLine) {
 }
 
 TEST(Value, DescribesNoMoreThanTheLimit) {
-    const std::string mark = "... (cut after " + std::to_string(DescriptionLimit) + " bytes)";
-    const std::string longest(DescriptionLimit, 'x');
+    const std::string mark = "... (cut after " + std::to_string(maxDescriptionSize) + " bytes)";
+    const std::string longest(maxDescriptionSize, 'x');
     EXPECT_EQ(Value(longest).description(), longest);
     EXPECT_EQ(Value(longest + "x").description(), longest + mark);
     EXPECT_EQ(Value(Array{longest, 1}).description(), "(" + longest.substr(1) + mark);
@@ -254,8 +254,8 @@ TEST(Value, DescribesWhatExpandsBeyondMeasureInNoTime) {
     for (int i = 0; i < 200; ++i) { // a description of all of it would never end
         value = Array{value, Dictionary{{"", value}}};
     }
-    EXPECT_LT(value.description().size(), DescriptionLimit + 100);
-    EXPECT_LT(Error("Domain", 1, {{"list", value}}).description().size(), DescriptionLimit + 100);
+    EXPECT_LT(value.description().size(), maxDescriptionSize + 100);
+    EXPECT_LT(Error("Domain", 1, {{"list", value}}).description().size(), maxDescriptionSize + 100);
 }
 
 /// `depth` containers in one another, arrays and dictionaries in turn.

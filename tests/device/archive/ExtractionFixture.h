@@ -38,7 +38,7 @@ class ExtractionTest : public testing::Test {
         }
         reason = errorText(result.error());
         EXPECT_EQ(result.error()->domain(), TVInstallerErrorDomain);
-        EXPECT_EQ(result.error()->userInfo().string(ErrorPathKey), request.archivePath);
+        EXPECT_EQ(result.error()->userInfo().string(errorPathKey), request.archivePath);
         EXPECT_NE(reason.find(request.archivePath), std::string::npos) << reason;
         return result.error()->code();
     }

@@ -73,7 +73,7 @@ TEST_F(CoordinatorTest, ARunningInstallIsStopped) {
     }
     ErrorPtr error;
     EXPECT_FALSE(app.coordinator->setInstallOptions_error(TVInstallOptions{}, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::ended));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::ended));
     gate->open();
     person.join();
     EXPECT_TRUE(isCancelled);
@@ -126,7 +126,7 @@ TEST_F(CoordinatorTest, ACancelThatComesTooLateIsRefusedAndTheInstallIsASuccess)
     gate->open();
     client.join();
     EXPECT_FALSE(isCancelled);
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::tooLate));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::tooLate));
     coordinator->waitUntilIdle();
     EXPECT_TRUE(registry->isInstalled(A));
     EXPECT_EQ(reports.lines(), Lines{"completed " + A});
@@ -138,7 +138,7 @@ TEST_F(CoordinatorTest, ASecondCancelIsRefused) {
     EXPECT_TRUE(app.coordinator->cancelForReason_client_error(reason(), KXClientSyncHost, nullptr));
     ErrorPtr error;
     EXPECT_FALSE(app.coordinator->cancelForReason_client_error(reason(), KXClientSyncHost, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::ended));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::ended));
 }
 
 TEST_F(CoordinatorTest, ACoordinatorThatHasEndedTakesNothingMore) {
@@ -324,7 +324,7 @@ TEST_F(CoordinatorTest, TakingAnInstallBackEndsItAndLeavesTheApp) {
     coordinator->waitUntilIdle();
     (void)reports.take();
     EXPECT_TRUE(classes().coordinators.uninstallAppWithBundleID_error(A, nullptr));
-    EXPECT_TRUE(isError(app.coordinator->error(), CoordinatorErrorDomain, CoordinatorError::uninstalled));
+    EXPECT_TRUE(isError(app.coordinator->error(), coordinatorErrorDomain, CoordinatorError::uninstalled));
     EXPECT_EQ(registry->application(A)->version, "1.0");
     coordinator->waitUntilIdle();
     EXPECT_TRUE(reports.lines().empty());
@@ -350,7 +350,7 @@ TEST_F(CoordinatorTest, AnInstallThatHasSucceededMeanwhileCannotBeTakenBack) {
     gate->open();
     client.join();
     EXPECT_FALSE(isTakenBack);
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::tooLate));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::tooLate));
     EXPECT_TRUE(registry->isInstalled(A));
 }
 
@@ -413,7 +413,7 @@ TEST_F(CoordinatorTest, UninstallingWhatIsNotThereOrNeedsAPersonsWordCompletesWi
     Completion asked;
     classes().coordinators.uninstallAppWithBundleID_requestUserConfirmation_completion(A, true, asked.callback());
     asked.wait();
-    EXPECT_TRUE(isError(asked.outcome, CoordinatorErrorDomain, CoordinatorError::unsupported));
+    EXPECT_TRUE(isError(asked.outcome, coordinatorErrorDomain, CoordinatorError::unsupported));
     EXPECT_TRUE(registry->isInstalled(A));
 }
 

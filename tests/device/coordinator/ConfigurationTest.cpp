@@ -20,7 +20,7 @@ TEST_F(CoordinatorTest, AnAppHasOneCoordinatorOfOneKind) {
     ASSERT_TRUE(lookUp(classes().restoringCoordinators, A, true));
     ErrorPtr error;
     EXPECT_FALSE(lookUp(classes().initiatingCoordinators, A, true, KXClientSyncHost, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::otherKind));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::otherKind));
     EXPECT_EQ(rowsIn("coordinator"), 1);
 }
 
@@ -29,14 +29,14 @@ TEST_F(CoordinatorTest, IsMadeForABundleIdentifierOnly) {
                                    std::string(201, 'a'), std::string("a\0b", 3)}) {
         ErrorPtr error;
         EXPECT_FALSE(lookUp(classes().initiatingCoordinators, odd, true, KXClientSyncHost, &error));
-        EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::invalidArgument)) << odd;
+        EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::invalidArgument)) << odd;
     }
 }
 
 TEST_F(CoordinatorTest, TheBaseClassFindsButDoesNotCreate) {
     ErrorPtr error;
     EXPECT_FALSE(lookUp(classes().coordinators, A, true, KXClientSyncHost, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::noKind));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::noKind));
     ASSERT_TRUE(lookUp(classes().updatingCoordinators, A, true));
     error = nullptr;
     EXPECT_TRUE(lookUp(classes().coordinators, A, true, KXClientSyncHost, &error));
@@ -62,7 +62,7 @@ TEST_F(CoordinatorTest, RefusesWhatCannotBeAnIdentifier) {
          {std::string(), std::string("a/b"), std::string("a\0b", 3), std::string(300, 'a')}) {
         ErrorPtr error;
         EXPECT_FALSE(lookUp(classes().initiatingCoordinators, wrong, true, KXClientSyncHost, &error));
-        EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::invalidArgument));
+        EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::invalidArgument));
     }
     EXPECT_EQ(classes().placeholders.initAppPlaceholderWithBundleName_bundleID_installType_client("n", "", 4, 3),
               nullptr);
@@ -102,10 +102,10 @@ TEST_F(CoordinatorTest, WhatIsSetAlreadyIsNotSetAgain) {
     ErrorPtr error;
     const auto other = classes().transferPromises.initWithName_client_diskSpaceNeeded("x", KXClientSyncHost, 0);
     EXPECT_FALSE(app.coordinator->setAppAssetPromise_error(other, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::alreadySet));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::alreadySet));
     error = nullptr;
     EXPECT_FALSE(app.coordinator->setPlaceholderPromise_error(makePlaceholder(A), &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::alreadySet));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::alreadySet));
 }
 
 TEST_F(CoordinatorTest, APromiseOrPlaceholderServesOneCoordinatorOnly) {
@@ -113,9 +113,9 @@ TEST_F(CoordinatorTest, APromiseOrPlaceholderServesOneCoordinatorOnly) {
     const auto other = lookUp(classes().initiatingCoordinators, B, true);
     ErrorPtr error;
     EXPECT_FALSE(other->setAppAssetPromise_error(app.asset, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::alreadySet));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::alreadySet));
     EXPECT_FALSE(other->setPlaceholderPromise_error(app.placeholder, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::invalidArgument)) << "it is for another app";
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::invalidArgument)) << "it is for another app";
 }
 
 class ForeignPromise final : public KXPromisedTransferToPath {
@@ -132,7 +132,7 @@ TEST_F(CoordinatorTest, NullAndObjectsOfOtherMakersAreRefused) {
     const auto made = lookUp(classes().restoringCoordinators, A, true);
     ErrorPtr error;
     EXPECT_FALSE(made->setPlaceholderPromise_error(nullptr, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::invalidArgument));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::invalidArgument));
     EXPECT_FALSE(made->hasPlaceholderPromise());
     EXPECT_FALSE(made->setAppAssetPromise_error(nullptr, nullptr));
     EXPECT_FALSE(made->setUserDataPromise_error(nullptr, nullptr));
@@ -145,7 +145,7 @@ TEST_F(CoordinatorTest, OnDemandResourcesAreRefused) {
     const auto promise = classes().transferPromises.initWithName_client_diskSpaceNeeded("x", KXClientSyncHost, 0);
     ErrorPtr error;
     EXPECT_FALSE(made->setInitialODRAssetPromises_error({promise}, &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::unsupported));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::unsupported));
     EXPECT_FALSE(made->hasInitialODRAssetPromises());
 }
 
@@ -167,7 +167,7 @@ TEST_F(CoordinatorTest, AConfiguredPlaceholderIsNotChanged) {
     const auto placeholder = makePlaceholder(A);
     ErrorPtr error;
     EXPECT_FALSE(placeholder->setPlaceholderAttributes_error(KXPlaceholderAttributes::init(), &error));
-    EXPECT_TRUE(isError(error, CoordinatorErrorDomain, CoordinatorError::ended));
+    EXPECT_TRUE(isError(error, coordinatorErrorDomain, CoordinatorError::ended));
     EXPECT_FALSE(placeholder->setConfigurationCompleteWithError(nullptr));
     EXPECT_EQ(placeholder->description(), "<placeholder \"Name of " + A + "\" for " + A + ">");
 }

@@ -125,7 +125,7 @@ void CoordinatorTest::reopen(const std::shared_ptr<FaultPoint>& faultPoint, bool
 }
 
 void CoordinatorTest::connect() {
-    connection = classes().observers.initWithMachServiceName_forClients_delegate(ObserverServiceName,
+    connection = classes().observers.initWithMachServiceName_forClients_delegate(observerServiceName,
                                                                                  {KXClientSyncHost}, &reports);
     ASSERT_TRUE(connection);
 }

@@ -17,7 +17,7 @@ TEST_F(CoordinatorTest, SaysThatTheSystemHasNoThreadForIt) {
     coordinator.reset();
     const NoMoreThreads noMore;
     const auto opened = InstallCoordinator::open({device.files(), *registry, *device.database, propertyLists}, true);
-    EXPECT_TRUE(isError(opened.error(), PosixErrorDomain, EAGAIN));
+    EXPECT_TRUE(isError(opened.error(), posixErrorDomain, EAGAIN));
 }
 
 TEST_F(CoordinatorTest, InstallsThePlaceholderOnceItIsAttachedAndConfigured) {
@@ -204,8 +204,8 @@ TEST_F(CoordinatorTest, AFileThatIsNotThereIsAFailure) {
     const auto unnamed = prepare(B);
     unnamed.asset->setComplete(true);
     coordinator->waitUntilIdle();
-    EXPECT_TRUE(isError(gone.coordinator->error(), CoordinatorErrorDomain, CoordinatorError::fileMissing));
-    EXPECT_TRUE(isError(unnamed.coordinator->error(), CoordinatorErrorDomain, CoordinatorError::fileMissing));
+    EXPECT_TRUE(isError(gone.coordinator->error(), coordinatorErrorDomain, CoordinatorError::fileMissing));
+    EXPECT_TRUE(isError(unnamed.coordinator->error(), coordinatorErrorDomain, CoordinatorError::fileMissing));
 }
 
 TEST_F(CoordinatorTest, APlaceholderThatCannotBeInstalledIsAFailure) {

@@ -12,7 +12,7 @@ class InstallObserversTest : public testing::Test {
     ~InstallObserversTest() override { undelivered.wait(); }
 
     std::shared_ptr<KXAppInstallObserver> connect(Reports& reports, const std::set<KXClientIdentifier>& clients = {3}) {
-        return observers.initWithMachServiceName_forClients_delegate(ObserverServiceName, clients, &reports);
+        return observers.initWithMachServiceName_forClients_delegate(observerServiceName, clients, &reports);
     }
     void report(KXClientIdentifier creator, std::uint64_t number, KXAppInstallObserverDelegate* observer = nullptr) {
         observers.report(creator, observer, [number](KXAppInstallObserverDelegate& delegate) {
@@ -28,7 +28,7 @@ class InstallObserversTest : public testing::Test {
 
 TEST_F(InstallObserversTest, ConnectsToItsOwnServiceWithADelegateOnly) {
     EXPECT_EQ(observers.initWithMachServiceName_forClients_delegate("com.example.other", {3}, &first), nullptr);
-    EXPECT_EQ(observers.initWithMachServiceName_forClients_delegate(ObserverServiceName, {3}, nullptr), nullptr);
+    EXPECT_EQ(observers.initWithMachServiceName_forClients_delegate(observerServiceName, {3}, nullptr), nullptr);
     EXPECT_NE(connect(first), nullptr);
 }
 
@@ -72,13 +72,13 @@ TEST_F(InstallObserversTest, ReportsWithoutAConnectionWaitForTheNext) {
 }
 
 TEST_F(InstallObserversTest, OfTooManyWaitingReportsTheOldestGo) {
-    for (std::uint64_t i = 0; i < MaxHeldReports + 10; ++i) {
+    for (std::uint64_t i = 0; i < maxHeldReports + 10; ++i) {
         report(3, i);
     }
     undelivered.wait();
     const auto one = connect(first);
     undelivered.wait();
-    ASSERT_EQ(first.lines().size(), MaxHeldReports);
+    ASSERT_EQ(first.lines().size(), maxHeldReports);
     EXPECT_EQ(first.lines().front(), "promise 10");
 }
 

@@ -133,7 +133,7 @@ TEST_F(UserDataOfTheStoresApp, WaitsForAnotherFileWhenTheOneThatHadArrivedIsGone
     coordinator->resume();
     coordinator->waitUntilIdle();
     ASSERT_NO_FATAL_FAILURE(expectToWait());
-    EXPECT_TRUE(isError(find(A)->error(), CoordinatorErrorDomain, CoordinatorError::fileMissing));
+    EXPECT_TRUE(isError(find(A)->error(), coordinatorErrorDomain, CoordinatorError::fileMissing));
 }
 
 TEST_F(UserDataOfTheStoresApp, IsRestoredWhenAnEarlierProcessCouldNotWriteDownThatItCame) {

@@ -96,7 +96,7 @@ TEST_F(DatabaseTest, FirstFailureStopsTheTransactionAndIsReported) {
     EXPECT_FALSE(rows.next());
     const auto committed = transaction.commit();
     ASSERT_FALSE(committed);
-    EXPECT_TRUE(isError(committed.error(), DatabaseErrorDomain, DatabaseError::failed));
+    EXPECT_TRUE(isError(committed.error(), databaseErrorDomain, DatabaseError::failed));
     EXPECT_NE(errorText(committed.error()).find("UNIQUE constraint failed"), std::string::npos);
     EXPECT_NE(errorText(committed.error()).find(path), std::string::npos);
 }
@@ -179,7 +179,7 @@ TEST_F(DatabaseTest, FailedSchemaStepLeavesTheOldVersion) {
 TEST_F(DatabaseTest, RefusesTablesOfALaterProgram) {
     const auto failed = database->registerSchema("numbers", {});
     ASSERT_FALSE(failed);
-    EXPECT_TRUE(isError(failed.error(), DatabaseErrorDomain, DatabaseError::newerSchema));
+    EXPECT_TRUE(isError(failed.error(), databaseErrorDomain, DatabaseError::newerSchema));
     EXPECT_NE(errorText(failed.error()).find("\"numbers\" have version 1"), std::string::npos);
 }
 
@@ -192,7 +192,7 @@ TEST_F(DatabaseTest, RefusesFormatOfALaterProgram) {
     database.reset();
     const auto opened = Database::open(*root);
     ASSERT_FALSE(opened);
-    EXPECT_TRUE(isError(opened.error(), DatabaseErrorDomain, DatabaseError::newerSchema));
+    EXPECT_TRUE(isError(opened.error(), databaseErrorDomain, DatabaseError::newerSchema));
 }
 
 TEST_F(DatabaseTest, FileThatIsNoDatabaseIsReportedAsDamaged) {
@@ -200,10 +200,10 @@ TEST_F(DatabaseTest, FileThatIsNoDatabaseIsReportedAsDamaged) {
     writeHostFile(path, std::string(5'000, 'x'));
     const auto opened = Database::open(*root);
     ASSERT_FALSE(opened);
-    EXPECT_TRUE(isError(opened.error(), DatabaseErrorDomain, DatabaseError::damaged));
+    EXPECT_TRUE(isError(opened.error(), databaseErrorDomain, DatabaseError::damaged));
     EXPECT_NE(errorText(opened.error()).find(path), std::string::npos);
     EXPECT_NE(errorText(opened.error()).find("put a copy of it back"), std::string::npos);
-    EXPECT_EQ(opened.error()->userInfo().string(ErrorPathKey), path);
+    EXPECT_EQ(opened.error()->userInfo().string(errorPathKey), path);
 }
 
 TEST_F(DatabaseTest, DamageAnywhereGivesAnErrorOrTheData) {
@@ -241,9 +241,9 @@ TEST_F(DatabaseTest, TruncatedDatabaseIsReportedAsDamaged) {
         auto rows = transaction.query("SELECT n FROM numbers");
         while (rows.next()) {
         }
-        EXPECT_TRUE(isError(transaction.error(), DatabaseErrorDomain, DatabaseError::damaged));
+        EXPECT_TRUE(isError(transaction.error(), databaseErrorDomain, DatabaseError::damaged));
     } else {
-        EXPECT_TRUE(isError(opened.error(), DatabaseErrorDomain, DatabaseError::damaged));
+        EXPECT_TRUE(isError(opened.error(), databaseErrorDomain, DatabaseError::damaged));
     }
 }
 

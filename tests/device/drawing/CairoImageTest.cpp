@@ -74,10 +74,10 @@ TEST(CairoImage, ReadsUpToTheLargestSizeAndNoFurther) {
         return surfaceFromPNG(signature + header(width, height) + chunk("IDAT", deflated(rows)) + chunk("IEND", "")) !=
                nullptr;
     };
-    EXPECT_TRUE(isRead(MaxPictureSide, 1));
-    EXPECT_TRUE(isRead(1, MaxPictureSide));
-    EXPECT_FALSE(isRead(MaxPictureSide + 1, 1));
-    EXPECT_FALSE(isRead(1, MaxPictureSide + 1));
+    EXPECT_TRUE(isRead(maxPictureSide, 1));
+    EXPECT_TRUE(isRead(1, maxPictureSide));
+    EXPECT_FALSE(isRead(maxPictureSide + 1, 1));
+    EXPECT_FALSE(isRead(1, maxPictureSide + 1));
     EXPECT_FALSE(isRead(0, 1));
     EXPECT_FALSE(isRead(1, 0));
 }
@@ -123,7 +123,7 @@ TEST(CairoImage, DamagedPicturesNeverDoHarm) {
         }
         const CairoSurface read = surfaceFromPNG(damaged);
         if (read) {
-            EXPECT_LE(cairo_image_surface_get_width(read.get()), static_cast<int>(MaxPictureSide)) << seed;
+            EXPECT_LE(cairo_image_surface_get_width(read.get()), static_cast<int>(maxPictureSide)) << seed;
         }
     }
 }

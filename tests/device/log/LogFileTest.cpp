@@ -13,7 +13,7 @@ namespace {
 class LogFileTest : public testing::Test {
   protected:
     [[nodiscard]] std::string content(const std::string& suffix = "") {
-        return readHostFile(device.root->hostPath(LogPath) + suffix);
+        return readHostFile(device.root->hostPath(logFilePath) + suffix);
     }
     [[nodiscard]] std::vector<LogEntry> entries() {
         std::vector<LogEntry> all;
@@ -112,7 +112,7 @@ TEST_F(LogFileTest, AFullFileBecomesAnOlderOneAndTheOldestGoes) {
     EXPECT_NE(content().find("four"), std::string::npos);
     EXPECT_NE(content(".1").find("three"), std::string::npos);
     EXPECT_NE(content(".2").find("two"), std::string::npos);
-    EXPECT_FALSE(device.files().fileExists(std::string(LogPath) + ".3"));
+    EXPECT_FALSE(device.files().fileExists(std::string(logFilePath) + ".3"));
     const auto all = texts();
     ASSERT_EQ(all.size(), 3U);
     EXPECT_TRUE(all[0].starts_with("two"));
@@ -152,7 +152,7 @@ TEST_F(LogFileTest, SaysHowManyMessagesCouldNotBeWritten) {
 }
 
 TEST_F(LogFileTest, OpeningSaysWhyThereCanBeNoLog) {
-    ASSERT_TRUE(device.files().createDirectory(LogPath, true, std::nullopt, nullptr));
+    ASSERT_TRUE(device.files().createDirectory(logFilePath, true, std::nullopt, nullptr));
     const auto log = LogFile::open(device.files());
     ASSERT_FALSE(log);
     EXPECT_NE(errorText(log.error()).find("qrd.log"), std::string::npos) << errorText(log.error());
@@ -195,8 +195,8 @@ TEST_F(LogFileTest, ADeviceWithoutALogHasNoEntries) {
 
 TEST_F(LogFileTest, LinesOfAnotherFormArePassedOver) {
     say(*open(), "good");
-    std::ofstream(device.root->hostPath(LogPath), std::ios::app) << "nonsense\n\n2026-01-01Z loud X y\n half a line";
-    std::ofstream(device.root->hostPath(std::string(LogPath) + ".old")) << "2026-01-01T00:00:00.000000Z error X y\n";
+    std::ofstream(device.root->hostPath(logFilePath), std::ios::app) << "nonsense\n\n2026-01-01Z loud X y\n half a line";
+    std::ofstream(device.root->hostPath(std::string(logFilePath) + ".old")) << "2026-01-01T00:00:00.000000Z error X y\n";
     EXPECT_EQ(texts(), std::vector<std::string>{"good"});
 }
 

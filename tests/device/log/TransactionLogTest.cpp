@@ -14,7 +14,7 @@ namespace {
 
 class TransactionLogTest : public testing::Test {
   protected:
-    void open(std::int64_t capacity = TransactionLog::DefaultCapacity) {
+    void open(std::int64_t capacity = TransactionLog::defaultCapacity) {
         log.reset();
         log = std::move(*TransactionLog::open(*device.database, nullptr, capacity));
     }

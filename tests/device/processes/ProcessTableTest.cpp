@@ -96,7 +96,7 @@ TEST_F(ProcessTableTest, AnAppEndsWhenItIsAskedAndIsNotStartedBeforeItIsLetGo) {
     EXPECT_TRUE(fs::exists(data() + "/asked"));
 
     const auto refused = launch(table, script(Obedient));
-    EXPECT_TRUE(isError(refused.error(), ProcessErrorDomain, ProcessError::beingReplaced));
+    EXPECT_TRUE(isError(refused.error(), processErrorDomain, ProcessError::beingReplaced));
     table.letGo("a");
     EXPECT_EQ(start(table, Obedient), "ready");
 }
@@ -111,11 +111,11 @@ TEST_F(ProcessTableTest, AnAppIsNotStartedBetweenItsEndAndItsHold) {
         std::thread impatient([&] {
             do {
                 refusal = launch(table, program).error();
-            } while (isError(refusal, ProcessErrorDomain, ProcessError::runsAlready));
+            } while (isError(refusal, processErrorDomain, ProcessError::runsAlready));
         });
         EXPECT_EQ(table.endAndHold("a"), Answer::ended);
         impatient.join();
-        ASSERT_TRUE(isError(refusal, ProcessErrorDomain, ProcessError::beingReplaced)) << errorText(refusal);
+        ASSERT_TRUE(isError(refusal, processErrorDomain, ProcessError::beingReplaced)) << errorText(refusal);
         ASSERT_FALSE(table.isRunning("a"));
         table.letGo("a");
     }
@@ -216,26 +216,26 @@ TEST_F(ProcessTableTest, IsNotStartedTwice) {
     ProcessTable table(*root);
     start(table, Obedient);
     const auto again = table.launch({.identifier = "a", .executable = script(Obedient), .dataFolder = data()});
-    EXPECT_TRUE(isError(again.error(), ProcessErrorDomain, ProcessError::runsAlready));
+    EXPECT_TRUE(isError(again.error(), processErrorDomain, ProcessError::runsAlready));
 }
 
 TEST_F(ProcessTableTest, WhatCannotBeStartedSaysWhy) {
     ProcessTable table(*root);
     const auto missing = launch(table, folder / "nothing");
-    EXPECT_TRUE(isError(missing.error(), ProcessErrorDomain, ProcessError::cannotBeStarted));
+    EXPECT_TRUE(isError(missing.error(), processErrorDomain, ProcessError::cannotBeStarted));
     EXPECT_EQ(errorText(missing.error()),
               "a cannot be launched: " + (folder / "nothing") + ": No such file or directory");
     waitUntilEnded(table);
 
     fs::remove_all(data());
     const auto homeless = launch(table, script(Obedient));
-    EXPECT_TRUE(isError(homeless.error(), ProcessErrorDomain, ProcessError::cannotBeStarted));
+    EXPECT_TRUE(isError(homeless.error(), processErrorDomain, ProcessError::cannotBeStarted));
 }
 
 TEST_F(ProcessTableTest, AnIdentifierThatIsAPathNamesNoApp) {
     ProcessTable table(*root);
     const auto refused = table.launch({.identifier = "../a", .executable = script(Obedient), .dataFolder = data()});
-    EXPECT_TRUE(isError(refused.error(), ProcessErrorDomain, ProcessError::cannotBeStarted));
+    EXPECT_TRUE(isError(refused.error(), processErrorDomain, ProcessError::cannotBeStarted));
     EXPECT_FALSE(fs::exists(folder / "device/var/run/a.run"));
 }
 

@@ -102,7 +102,7 @@ TEST_F(RegistryTest, BadPlaceholderBundleIsRefusedAndLeftInItsPlace) {
         const auto failed = registry().installPlaceholder(made);
         EXPECT_FALSE(failed);
         EXPECT_EQ(failed.error()->code(), code(InstallerError::placeholderInvalid));
-        EXPECT_EQ(failed.error()->userInfo().string(ErrorPathKey), made.bundlePath);
+        EXPECT_EQ(failed.error()->userInfo().string(errorPathKey), made.bundlePath);
         EXPECT_FALSE(registry().application(identifier));
         EXPECT_EQ(staged(), std::vector<std::string>());
         EXPECT_EQ(containers(), std::vector<std::string>());

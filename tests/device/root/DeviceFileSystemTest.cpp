@@ -114,10 +114,10 @@ TEST_F(Files, RemovesFolderThatMayNotBeWritten) {
 
 TEST_F(Files, RemovingNothingIsAnError) {
     EXPECT_FALSE(files().removeItem("/tmp/missing", &error));
-    EXPECT_EQ(error->domain(), PosixErrorDomain);
+    EXPECT_EQ(error->domain(), posixErrorDomain);
     EXPECT_EQ(error->code(), ENOENT);
     EXPECT_EQ(errorText(error), "removing /tmp/missing: No such file or directory");
-    EXPECT_EQ(error->userInfo().string(ErrorPathKey), "/tmp/missing");
+    EXPECT_EQ(error->userInfo().string(errorPathKey), "/tmp/missing");
 }
 
 TEST_F(Files, PathsWithoutANameOfTheirOwnCannotBeRemoved) {

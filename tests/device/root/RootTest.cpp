@@ -31,7 +31,7 @@ TEST(Root, RefusesToMakeDeviceOfFolderWithOtherFiles) {
     writeHostFile(folder / "letter.txt", "dear");
     const auto root = Root::create(folder.path());
     ASSERT_FALSE(root);
-    EXPECT_TRUE(isError(root.error(), RootErrorDomain, RootError::notEmpty));
+    EXPECT_TRUE(isError(root.error(), rootErrorDomain, RootError::notEmpty));
     EXPECT_EQ(sentence(root), folder.path() + " is not empty and not a device; create the device in an empty folder");
     EXPECT_FALSE(std::filesystem::exists(folder / "device-root"));
 }
@@ -59,7 +59,7 @@ TEST(Root, CreationThatWasCutShortCanBeRepeated) {
             EXPECT_GT(step, 5);
             break;
         }
-        EXPECT_TRUE(isError(root.error(), RootErrorDomain, RootError::failed)) << sentence(root);
+        EXPECT_TRUE(isError(root.error(), rootErrorDomain, RootError::failed)) << sentence(root);
         EXPECT_NE(sentence(root).find("Input/output error"), std::string::npos) << sentence(root);
     }
 }
@@ -96,7 +96,7 @@ TEST(Root, SaysThatThereIsNoSuchFolder) {
     const TemporaryFolder folder;
     const auto root = Root::open(folder / "missing");
     ASSERT_FALSE(root);
-    EXPECT_TRUE(isError(root.error(), RootErrorDomain, RootError::noSuchFolder));
+    EXPECT_TRUE(isError(root.error(), rootErrorDomain, RootError::noSuchFolder));
     EXPECT_NE(sentence(root).find(folder / "missing"), std::string::npos);
 }
 
@@ -104,7 +104,7 @@ TEST(Root, SaysThatAFolderIsNoDevice) {
     const TemporaryFolder folder;
     const auto root = Root::open(folder.path());
     ASSERT_FALSE(root);
-    EXPECT_TRUE(isError(root.error(), RootErrorDomain, RootError::notADevice));
+    EXPECT_TRUE(isError(root.error(), rootErrorDomain, RootError::notADevice));
     EXPECT_EQ(sentence(root), folder.path() +
                                   " is not a device (it has no layout file); name the folder of a device, or "
                                   "create one first");
@@ -116,7 +116,7 @@ TEST(Root, DamagedLayoutFileIsNoDevice) {
         writeHostFile(folder / "device-root", content);
         const auto root = Root::open(folder.path());
         ASSERT_FALSE(root) << content;
-        EXPECT_TRUE(isError(root.error(), RootErrorDomain, RootError::notADevice)) << content;
+        EXPECT_TRUE(isError(root.error(), rootErrorDomain, RootError::notADevice)) << content;
     }
 }
 
@@ -125,7 +125,7 @@ TEST(Root, RefusesLayoutOfALaterProgram) {
     writeHostFile(folder / "device-root", "application device root, layout 2\n");
     const auto root = Root::open(folder.path());
     ASSERT_FALSE(root);
-    EXPECT_TRUE(isError(root.error(), RootErrorDomain, RootError::newerLayout));
+    EXPECT_TRUE(isError(root.error(), rootErrorDomain, RootError::newerLayout));
     EXPECT_NE(sentence(root).find("layout 2"), std::string::npos);
     EXPECT_NE(sentence(root).find("use the program that made the device"), std::string::npos);
 }
@@ -136,7 +136,7 @@ TEST(Root, SecondOpenerHearsWhoHasTheDevice) {
     ASSERT_TRUE(first);
     const auto second = Root::open(folder.path());
     ASSERT_FALSE(second);
-    EXPECT_TRUE(isError(second.error(), RootErrorDomain, RootError::inUse));
+    EXPECT_TRUE(isError(second.error(), rootErrorDomain, RootError::inUse));
     EXPECT_EQ(sentence(second), "the device " + folder.path() + " is in use by process " + std::to_string(::getpid()) +
                                     "; only one process at a time can have it open: end that one, or wait for it");
 }
@@ -169,7 +169,7 @@ TEST(Root, SaysThatADeviceIsNotWritable) {
             ::_exit(2);
         }
         const auto root = Root::open(folder.path());
-        ::_exit(!root && isError(root.error(), RootErrorDomain, RootError::notWritable) ? 0 : 1);
+        ::_exit(!root && isError(root.error(), rootErrorDomain, RootError::notWritable) ? 0 : 1);
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);

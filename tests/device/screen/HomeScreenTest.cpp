@@ -4,7 +4,7 @@
 #include "device/screen/DeviceIconRenderer.h"
 #include "device/screen/RunningApps.h"
 #include "device/services/Notifications.h"
-#include "platform/Log.h"
+#include "platform/host/Log.h"
 #include "propertylist/Codec.h"
 #include "tests/device/archive/ArchiveBuilder.h"
 #include "tests/device/drawing/Pixels.h"
@@ -78,7 +78,7 @@ class HomeScreenTest : public testing::Test {
     }
     void setLayout(const Value& layout) { screen->SKSetIconState(port(), bytesOf(layout)); }
     [[nodiscard]] SKPort port() { return screen->SKSSkellanBlockableServerPort(); }
-    [[nodiscard]] std::optional<IdentifierList> order(std::uint32_t format = DeviceHomeScreen::BinaryFormat) {
+    [[nodiscard]] std::optional<IdentifierList> order(std::uint32_t format = DeviceHomeScreen::binaryFormat) {
         const char* buffer = reinterpret_cast<const char*>(this);
         std::size_t length = 99;
         screen->SKGetFlattenedIconState(port(), format, &buffer, &length);
@@ -191,7 +191,7 @@ TEST_F(HomeScreenTest, AnswersOneFormatOnOnePort) {
     EXPECT_FALSE(order(2));
     const char* buffer = "x";
     std::size_t length = 1;
-    screen->SKGetFlattenedIconState(port() + 1, DeviceHomeScreen::BinaryFormat, &buffer, &length);
+    screen->SKGetFlattenedIconState(port() + 1, DeviceHomeScreen::binaryFormat, &buffer, &length);
     EXPECT_EQ(buffer, nullptr);
     screen->SKDeallocate(nullptr, 0);
 }
@@ -219,7 +219,7 @@ TEST_F(HomeScreenTest, AnAssertionHoldsTheAppUntilItIsDropped) {
 TEST_F(HomeScreenTest, KnowsFromTheNoticeWhetherASyncIsUnderWay) {
     EXPECT_FALSE(screen->isSyncing());
     int token = 0;
-    notifications.notify_register_check(SyncNoticeName, &token);
+    notifications.notify_register_check(syncNoticeName, &token);
     notifications.notify_set_state(token, 1);
     EXPECT_TRUE(screen->isSyncing());
     EXPECT_TRUE(screen->contents().isSyncing);

@@ -67,12 +67,12 @@ TEST_F(IconTest, AnIconIsDrawnInTheDevicesSizeWithRoundCorners) {
     writeInfo(Dictionary{{"BXBundleIconFile", "Icon.png"}});
     const auto icon = render();
     ASSERT_TRUE(icon);
-    EXPECT_EQ(cairo_image_surface_get_width(icon->surface()), IconSide);
-    EXPECT_EQ(cairo_image_surface_get_height(icon->surface()), IconSide);
-    EXPECT_EQ(pixelAt(icon->surface(), IconSide / 2, IconSide / 2), 0xFFFF0000U);
-    EXPECT_EQ(pixelAt(icon->surface(), IconSide / 2, 0), 0xFFFF0000U) << "no border is lighter than the icon";
-    for (const int x : {0, IconSide - 1}) {
-        for (const int y : {0, IconSide - 1}) {
+    EXPECT_EQ(cairo_image_surface_get_width(icon->surface()), iconSide);
+    EXPECT_EQ(cairo_image_surface_get_height(icon->surface()), iconSide);
+    EXPECT_EQ(pixelAt(icon->surface(), iconSide / 2, iconSide / 2), 0xFFFF0000U);
+    EXPECT_EQ(pixelAt(icon->surface(), iconSide / 2, 0), 0xFFFF0000U) << "no border is lighter than the icon";
+    for (const int x : {0, iconSide - 1}) {
+        for (const int y : {0, iconSide - 1}) {
             EXPECT_EQ(pixelAt(icon->surface(), x, y), 0U) << x << ", " << y;
         }
     }
@@ -84,8 +84,8 @@ TEST_F(IconTest, SmallAndOblongPicturesFillTheIcon) {
         writeInfo(Dictionary{{"BXBundleIconFile", "Icon.png"}});
         const auto icon = render();
         ASSERT_TRUE(icon) << width << "x" << height;
-        EXPECT_EQ(pixelAt(icon->surface(), IconSide / 2, 1), 0xFF00FF00U) << width << "x" << height;
-        EXPECT_EQ(pixelAt(icon->surface(), 1, IconSide / 2), 0xFF00FF00U) << width << "x" << height;
+        EXPECT_EQ(pixelAt(icon->surface(), iconSide / 2, 1), 0xFF00FF00U) << width << "x" << height;
+        EXPECT_EQ(pixelAt(icon->surface(), 1, iconSide / 2), 0xFF00FF00U) << width << "x" << height;
     }
 }
 
@@ -117,10 +117,10 @@ TEST_F(IconTest, ABrokenOrTooLargeIconFileIsNoIcon) {
     write("Icon.png", makePNG(4, 4, 1, 1, 1).substr(0, 30));
     EXPECT_FALSE(isDrawn("Icon.png"));
     std::string large = makePNG(4, 4, 1, 1, 1);
-    large.resize(MaxIconFileSize + 1, '\0');
+    large.resize(maxIconFileSize + 1, '\0');
     write("Icon.png", large);
     EXPECT_FALSE(isDrawn("Icon.png"));
-    large.resize(MaxIconFileSize);
+    large.resize(maxIconFileSize);
     write("Icon.png", large);
     EXPECT_TRUE(isDrawn("Icon.png")) << "what follows the end of a picture does not matter";
 }

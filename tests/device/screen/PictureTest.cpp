@@ -11,7 +11,7 @@ namespace appsync::device {
 namespace {
 
 // Where the first icon stands.
-constexpr int IconLeft = (ScreenWidth - 4 * IconSide) / 5;
+constexpr int IconLeft = (screenWidth - 4 * iconSide) / 5;
 constexpr int IconTop = 128;
 
 class Fonts final : public testing::Environment {
@@ -41,7 +41,7 @@ ScreenContents one(const ScreenIcon& icon) {
 }
 
 std::shared_ptr<Image> whiteIcon() {
-    CairoSurface surface = makeSurface(IconSide, IconSide);
+    CairoSurface surface = makeSurface(iconSide, iconSide);
     const CairoContext context(cairo_create(surface.get()));
     cairo_set_source_rgb(context.get(), 1, 1, 1);
     cairo_paint(context.get());
@@ -49,13 +49,13 @@ std::shared_ptr<Image> whiteIcon() {
 }
 
 double iconBrightness(const ScreenIcon& icon) {
-    return brightness(draw(one(icon)).get(), IconLeft, IconTop, IconSide, IconSide);
+    return brightness(draw(one(icon)).get(), IconLeft, IconTop, iconSide, iconSide);
 }
 
 TEST(Picture, OneScreenHasTheSizeOfAHandheldsScreen) {
     const CairoSurface picture = draw({});
-    EXPECT_EQ(cairo_image_surface_get_width(picture.get()), ScreenWidth);
-    EXPECT_EQ(cairo_image_surface_get_height(picture.get()), ScreenHeight);
+    EXPECT_EQ(cairo_image_surface_get_width(picture.get()), screenWidth);
+    EXPECT_EQ(cairo_image_surface_get_height(picture.get()), screenHeight);
 }
 
 TEST(Picture, TheSameContentsGiveTheSameBytes) {
@@ -72,11 +72,11 @@ TEST(Picture, PagesStandSideBySideAndAFullPageGoesOnOnTheNextScreen) {
         }
         return cairo_image_surface_get_width(draw(contents).get());
     };
-    const auto screens = [](int count) { return count * ScreenWidth + (count - 1) * ScreenGap; };
-    EXPECT_EQ(widthOf({PlacesPerScreen}), screens(1));
-    EXPECT_EQ(widthOf({PlacesPerScreen + 1}), screens(2));
+    const auto screens = [](int count) { return count * screenWidth + (count - 1) * screenGap; };
+    EXPECT_EQ(widthOf({placesPerScreen}), screens(1));
+    EXPECT_EQ(widthOf({placesPerScreen + 1}), screens(2));
     EXPECT_EQ(widthOf({1, 1, 1}), screens(3));
-    EXPECT_EQ(widthOf({PlacesPerScreen * 100}), screens(MaxScreens));
+    EXPECT_EQ(widthOf({placesPerScreen * 100}), screens(maxScreens));
     EXPECT_EQ(widthOf({0}), screens(1));
 }
 
@@ -112,7 +112,7 @@ TEST(Picture, AnAppWithoutAnIconGetsATileWithItsFirstLetter) {
     const CairoSurface other = draw(one({"M", nullptr}));
     const CairoSurface empty = draw({});
     const auto iconOf = [](const CairoSurface& picture) {
-        return brightness(picture.get(), IconLeft, IconTop, IconSide, IconSide);
+        return brightness(picture.get(), IconLeft, IconTop, iconSide, iconSide);
     };
     EXPECT_NE(iconOf(tile), iconOf(empty));
     EXPECT_GT(iconOf(other), iconOf(tile)) << "the wider letter covers more of the tile";
@@ -124,7 +124,7 @@ TEST(Picture, ASyncUnderWayIsWrittenInTheStatusLineOnly) {
     contents.isSyncing = true;
     const CairoSurface syncing = draw(contents);
     EXPECT_GT(brightness(syncing.get(), 250, 10, 250, 50), brightness(quiet.get(), 250, 10, 250, 50) + 5);
-    for (int y = 70; y < ScreenHeight; y += 7) {
+    for (int y = 70; y < screenHeight; y += 7) {
         ASSERT_EQ(pixelAt(syncing.get(), 300, y), pixelAt(quiet.get(), 300, y));
     }
 }
@@ -132,7 +132,7 @@ TEST(Picture, ASyncUnderWayIsWrittenInTheStatusLineOnly) {
 TEST(Picture, AFolderShowsNineOfItsIcons) {
     const auto brightnessOf = [](std::size_t icons) {
         const ScreenFolder folder{"F", std::vector<ScreenIcon>(icons, ScreenIcon{"a", whiteIcon()})};
-        return brightness(draw({{{folder}}, false}).get(), IconLeft, IconTop, IconSide, IconSide);
+        return brightness(draw({{{folder}}, false}).get(), IconLeft, IconTop, iconSide, iconSide);
     };
     EXPECT_LT(brightnessOf(1), brightnessOf(8));
     EXPECT_LT(brightnessOf(8), brightnessOf(9));

@@ -100,7 +100,7 @@ TEST_F(BackupServiceTest, DataThatIsNotThereOrForNoAppIsRefused) {
     EXPECT_FALSE(backup->addRestoreData(A, "/tmp/nothing"));
     write(device, "/tmp/data/file", "x");
     for (const std::string bad : {"", ".", "..", "a/b", "../a"}) {
-        EXPECT_TRUE(isError(backup->addRestoreData(bad, "/tmp/data").error(), BackupErrorDomain,
+        EXPECT_TRUE(isError(backup->addRestoreData(bad, "/tmp/data").error(), backupErrorDomain,
                             BackupError::invalidIdentifier))
             << bad;
     }
@@ -115,7 +115,7 @@ TEST_F(BackupServiceTest, CancellingRemovesTheDataAndASecondTimeIsAnError) {
     EXPECT_FALSE(backup->restoreDataSize(A));
     EXPECT_TRUE(device.files().list(waiting)->empty());
     EXPECT_FALSE(manager->cancelApplicationRestoreWithBundleID_error(A, &error));
-    EXPECT_TRUE(isError(error, BackupErrorDomain, BackupError::nothingToCancel));
+    EXPECT_TRUE(isError(error, backupErrorDomain, BackupError::nothingToCancel));
     EXPECT_FALSE(manager->cancelApplicationRestoreWithBundleID_error(A, nullptr));
 }
 
@@ -136,7 +136,7 @@ TEST_F(BackupServiceTest, RestoringReplacesTheAppsData) {
     EXPECT_FALSE(device.files().fileExists(dataContainerPath(A) + "/old"));
     EXPECT_TRUE(device.files().list(waiting)->empty());
     EXPECT_FALSE(backup->restoreDataSize(A));
-    EXPECT_TRUE(isError(backup->restoreApplicationData(A).error(), BackupErrorDomain, BackupError::nothingToRestore));
+    EXPECT_TRUE(isError(backup->restoreApplicationData(A).error(), backupErrorDomain, BackupError::nothingToRestore));
 }
 
 TEST_F(BackupServiceTest, WhatBelongsToNobodyIsClearedAway) {
@@ -207,8 +207,8 @@ TEST_F(BackupServiceTest, WhatCannotBeReadIsNotTakenForNothing) {
         ASSERT_TRUE(transaction.commit());
     }
     EXPECT_FALSE(backup->restoreDataFolder(A));
-    EXPECT_TRUE(isError(backup->restoreApplicationData(A).error(), DatabaseErrorDomain, DatabaseError::failed));
-    EXPECT_TRUE(isError(backup->cancelRestore(A).error(), DatabaseErrorDomain, DatabaseError::failed));
+    EXPECT_TRUE(isError(backup->restoreApplicationData(A).error(), databaseErrorDomain, DatabaseError::failed));
+    EXPECT_TRUE(isError(backup->cancelRestore(A).error(), databaseErrorDomain, DatabaseError::failed));
 }
 
 TEST_F(BackupServiceTest, ACrashAnywhereLeavesTheOldDataOrTheNewAndNothingElse) {

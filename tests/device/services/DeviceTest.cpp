@@ -17,7 +17,7 @@
 #include "platform/Process.h"
 #include "platform/Scheduler.h"
 #include "platform/Store.h"
-#include "platform/SyncHost.h"
+#include "platform/host/SyncHost.h"
 #include "tests/concurrency/NoMoreThreads.h"
 #include "tests/device/archive/ArchiveBuilder.h"
 #include "tests/device/root/Faults.h"
@@ -122,20 +122,20 @@ TEST_F(DeviceTest, IsMadeOnce) {
     create();
     device.reset();
     const auto again = Device::create(folder.path(), {});
-    EXPECT_TRUE(isError(again.error(), DeviceErrorDomain, DeviceError::existsAlready));
+    EXPECT_TRUE(isError(again.error(), deviceErrorDomain, DeviceError::existsAlready));
     reopen();
 }
 
 TEST_F(DeviceTest, AFolderThatIsNoDeviceIsNotOpened) {
-    EXPECT_TRUE(isError(Device::open(folder.path()).error(), RootErrorDomain, RootError::notADevice));
-    EXPECT_TRUE(isError(Device::open(folder / "none").error(), RootErrorDomain, RootError::noSuchFolder));
+    EXPECT_TRUE(isError(Device::open(folder.path()).error(), rootErrorDomain, RootError::notADevice));
+    EXPECT_TRUE(isError(Device::open(folder / "none").error(), rootErrorDomain, RootError::noSuchFolder));
     writeHostFile(folder / "file", "x");
-    EXPECT_TRUE(isError(Device::create(folder.path(), {}).error(), RootErrorDomain, RootError::notEmpty));
+    EXPECT_TRUE(isError(Device::create(folder.path(), {}).error(), rootErrorDomain, RootError::notEmpty));
 }
 
 TEST_F(DeviceTest, IsOpenOnceAtATime) {
     create();
-    EXPECT_TRUE(isError(Device::open(folder.path()).error(), RootErrorDomain, RootError::inUse));
+    EXPECT_TRUE(isError(Device::open(folder.path()).error(), rootErrorDomain, RootError::inUse));
 }
 
 TEST_F(DeviceTest, SaysThatTheSystemHasNoThreadForIt) {
@@ -144,7 +144,7 @@ TEST_F(DeviceTest, SaysThatTheSystemHasNoThreadForIt) {
     {
         const NoMoreThreads noMore;
         const auto opened = Device::open(folder.path());
-        ASSERT_TRUE(isError(opened.error(), PosixErrorDomain, EAGAIN));
+        ASSERT_TRUE(isError(opened.error(), posixErrorDomain, EAGAIN));
         EXPECT_NE(errorText(opened.error()).find("no thread can be started for"), std::string::npos);
     }
     reopen();
@@ -170,7 +170,7 @@ TEST_F(DeviceTest, AMakingThatWasInterruptedIsSaidAndCanBeDoneAgain) {
             continue;
         }
         EXPECT_FALSE(isThrough) << errorText(opened.error());
-        interrupted += isError(opened.error(), DeviceErrorDomain, DeviceError::notFinished) ? 1 : 0;
+        interrupted += isError(opened.error(), deviceErrorDomain, DeviceError::notFinished) ? 1 : 0;
         EXPECT_TRUE(Device::create(own.path(), {false, false, false}));
     }
     EXPECT_GT(interrupted, 3);
@@ -181,7 +181,7 @@ TEST_F(DeviceTest, ADamagedDatabaseIsSaid) {
     const std::string database = device->root().databasePath();
     device.reset();
     writeHostFile(database, std::string(10'000, 'x'));
-    EXPECT_TRUE(isError(Device::open(folder.path()).error(), DatabaseErrorDomain, DatabaseError::damaged));
+    EXPECT_TRUE(isError(Device::open(folder.path()).error(), databaseErrorDomain, DatabaseError::damaged));
 }
 
 TEST_F(DeviceTest, AnAppGoesThroughThePlatformsCoordinatorOntoTheHomeScreen) {
@@ -248,7 +248,7 @@ TEST_F(DeviceTest, TheRestOfThePlatformAnswers) {
     EXPECT_NE(services.homeScreen.SKSSkellanBlockableServerPort(), 0U);
 
     int token = 0;
-    EXPECT_EQ(services.notifications.notify_register_check(SyncNoticeName, &token), 0U);
+    EXPECT_EQ(services.notifications.notify_register_check(syncNoticeName, &token), 0U);
     EXPECT_EQ(services.notifications.notify_set_state(token, 1), 0U);
     EXPECT_TRUE(device->homeScreen().isSyncing());
 
@@ -262,10 +262,10 @@ TEST_F(DeviceTest, TheRestOfThePlatformAnswers) {
         [](NotificationCenter*, void* observer, std::string_view, const void*, const Dictionary*) {
             static_cast<Semaphore*>(observer)->signal();
         },
-        StartupCompleteName, nullptr, NotificationSuspensionBehavior::drop);
-    device->notificationCenter().post(StartupCompleteName);
+        startupCompleteName, nullptr, NotificationSuspensionBehavior::drop);
+    device->notificationCenter().post(startupCompleteName);
     done.wait();
-    services.notificationCenter.removeObserver(&done, StartupCompleteName);
+    services.notificationCenter.removeObserver(&done, startupCompleteName);
 }
 
 TEST_F(DeviceTest, AFailureAfterWhichItGoesOnIsLogged) {
@@ -280,7 +280,7 @@ TEST_F(DeviceTest, AFailureAfterWhichItGoesOnIsLogged) {
     ASSERT_TRUE(device->demotedApps().add(A, false));
     faults->failBelow = {demotedAppsPath};
     EXPECT_TRUE(device->registry().uninstall(A, RemovalReason::person, RemovalScope::everything));
-    const std::string path = device->root().hostPath(LogPath);
+    const std::string path = device->root().hostPath(logFilePath);
     reopen();
     const std::string content = readHostFile(path);
     EXPECT_NE(content.find("com.zuvex.Halvane.DemotedApps.plist: Input/output error"), std::string::npos) << content;
@@ -294,7 +294,7 @@ TEST_F(DeviceTest, LogsAreWrittenWhenItCloses) {
     platform().transactionLog.initializeWithLog(std::make_shared<const SystemLog>(SystemLog{"s", "c"}));
     platform().transactionLog.logScenario_step_success_forBundleID_description("S", TransactionStep::none, true, A,
                                                                                "d");
-    const std::string path = device->root().hostPath(LogPath);
+    const std::string path = device->root().hostPath(logFilePath);
     reopen();
     const std::string content = readHostFile(path);
     EXPECT_NE(content.find(" standard SyncBundle hello\n"), std::string::npos) << content;

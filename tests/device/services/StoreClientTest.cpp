@@ -29,7 +29,7 @@ class StoreClientTest : public testing::Test {
         ASSERT_TRUE(registry->installArchive(request));
     }
     [[nodiscard]] static std::string receiptPath(const std::string& bundleID) {
-        return std::string(ReceiptFolder) + "/" + bundleID + ".plist";
+        return std::string(receiptFolder) + "/" + bundleID + ".plist";
     }
     [[nodiscard]] Value receiptOf(const std::string& bundleID) {
         const auto bytes = device.files().readFile(receiptPath(bundleID), nullptr);
@@ -51,7 +51,7 @@ TEST_F(StoreClientTest, EveryInstalledAppGetsAReceipt) {
     ASSERT_TRUE(store.refreshReceipts());
     EXPECT_EQ(receiptOf(storeA), Value(Dictionary{{"bundleIdentifier", storeA}, {"bundleVersion", "1.0"}}));
     EXPECT_EQ(receiptOf(storeB), Value(Dictionary{{"bundleIdentifier", storeB}, {"bundleVersion", "2.0"}}));
-    EXPECT_EQ(device.files().list(ReceiptFolder)->size(), 2U);
+    EXPECT_EQ(device.files().list(receiptFolder)->size(), 2U);
 }
 
 TEST_F(StoreClientTest, ReceiptsFollowUpdatesAndRemovals) {
@@ -62,7 +62,7 @@ TEST_F(StoreClientTest, ReceiptsFollowUpdatesAndRemovals) {
     ASSERT_TRUE(registry->uninstall(storeB, RemovalReason::sync, RemovalScope::everything));
     ASSERT_TRUE(store.refreshReceipts());
     EXPECT_EQ(receiptOf(storeA).dictionary()->string("bundleVersion"), "1.1");
-    EXPECT_EQ(*device.files().list(ReceiptFolder), std::vector<std::string>{storeA + ".plist"});
+    EXPECT_EQ(*device.files().list(receiptFolder), std::vector<std::string>{storeA + ".plist"});
 }
 
 TEST_F(StoreClientTest, AReceiptThatWasCutShortIsWrittenAgain) {
@@ -120,7 +120,7 @@ TEST_F(StoreClientTest, TheEndWaitsForEveryCompletion) {
 
 TEST_F(StoreClientTest, AFailedRefreshCompletesWithItsReason) {
     ASSERT_TRUE(device.files().createFile("/var/mobile/Library", "a file", {}) ||
-                device.files().createFile(std::string(ReceiptFolder), "a file", {}));
+                device.files().createFile(std::string(receiptFolder), "a file", {}));
     Semaphore completed;
     ErrorPtr outcome;
     store.init()->refreshReceiptsWithCompletionBlock([&](const ErrorPtr& error) {

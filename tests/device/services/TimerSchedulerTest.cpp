@@ -223,7 +223,7 @@ TEST(TimerScheduler, SaysThatTheSystemHasNoThreadForIt) {
     TimerScheduler scheduler;
     const NoMoreThreads noMore;
     const auto started = scheduler.start();
-    EXPECT_TRUE(isError(started.error(), PosixErrorDomain, EAGAIN));
+    EXPECT_TRUE(isError(started.error(), posixErrorDomain, EAGAIN));
     EXPECT_NE(errorText(started.error()).find("the scheduler"), std::string::npos) << errorText(started.error());
 }
 

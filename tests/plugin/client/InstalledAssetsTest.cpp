@@ -261,7 +261,7 @@ TEST_F(RememberedUninstalledApps, AreClearedEvenWhenTheTimesCannotBeSet) {
     putUninstalled({"a"});
     deleted();
     journal();
-    world.faults.fail("files.utimes", 1, 0, Error::make(PosixErrorDomain, 13));
+    world.faults.fail("files.utimes", 1, 0, Error::make(posixErrorDomain, 13));
     client().syncEndedWithSuccess(true);
     const std::string root{paths::applicationSync};
     EXPECT_EQ(journal(), (Lines{"log: sync ended with success: y", "files.utimes(" + root + ")",

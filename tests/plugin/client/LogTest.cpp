@@ -1,5 +1,5 @@
 // How messages are rendered and handed to the host.
-#include "plugin/client/Log.h"
+#include "plugin/log/Log.h"
 #include "platform/InstallCoordinator.h"
 #include "tests/inmemory/World.h"
 
@@ -165,7 +165,7 @@ std::string cutAfter(std::size_t bytes) {
 }
 
 TEST_F(PlugInMessages, CutAnArgumentAtItsLimit) {
-    const std::size_t limit = UsualMessageLimits.argument;
+    const std::size_t limit = usualMessageLimits.argument;
     const std::string longest(limit, 'x');
     EXPECT_EQ(render("%{public}@|%{public}@", longest, std::string("b")), longest + "|b");
     EXPECT_EQ(render("a %{public}@ b", longest + "y"), "a " + longest + cutAfter(limit) + " b");
@@ -175,15 +175,15 @@ TEST_F(PlugInMessages, CutAnArgumentAtItsLimit) {
 }
 
 TEST_F(PlugInMessages, CutTheirArgumentsTogetherAtALimit) {
-    const std::string half(UsualMessageLimits.argument, 'x');
+    const std::string half(usualMessageLimits.argument, 'x');
     log.message("%s%s%s%s%s%d", half, half, half, half, half, 7);
     const std::string& text = sink.messages.back().text;
-    EXPECT_LT(text.size(), UsualMessageLimits.message + 100);
+    EXPECT_LT(text.size(), usualMessageLimits.message + 100);
     EXPECT_TRUE(text.ends_with(cutAfter(0))) << text.substr(text.size() - 100);
 }
 
 TEST_F(PlugInMessages, HoldMoreOfALargePayload) {
-    const std::size_t limit = OversizeMessageLimits.argument;
+    const std::size_t limit = oversizeMessageLimits.argument;
     const std::string longest(limit, 'x');
     log.oversize("%{public}@", longest);
     EXPECT_TRUE(sink.messages.back().text.ends_with("|" + longest));

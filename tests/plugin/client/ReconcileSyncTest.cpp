@@ -122,7 +122,7 @@ TEST_F(ReconcileSync, GoesOnWithAListThatCannotBeRead) {
     EXPECT_EQ(journal(),
               whole(joined({"plist.parse()", "error: couldn't parse todo list", "log: Nothing to do from Tamblin"},
                            startingNotice)));
-    EXPECT_EQ(error->domain(), PropertyListErrorDomain);
+    EXPECT_EQ(error->domain(), propertyListErrorDomain);
 }
 
 TEST_F(ReconcileSync, GoesOnWithAListOfAnotherRoot) {
@@ -296,7 +296,7 @@ TEST_F(SyncEnd, RefreshesTheRootAndDropsTheLastState) {
 
 TEST_F(SyncEnd, SaysWhenTheTimesCannotBeSet) {
     start();
-    world.faults.fail("files.utimes", 1, 0, Error::make(PosixErrorDomain, 13));
+    world.faults.fail("files.utimes", 1, 0, Error::make(posixErrorDomain, 13));
     client().syncEndedWithSuccess(true);
     EXPECT_EQ(journal(), (Lines{"log: sync ended with success: y", "files.utimes(" + root + ")",
                                 "error: Failed to update utimes of \"" + root + "\": errno 13",

@@ -83,7 +83,7 @@ TEST_F(WorkFiles, SaysThatAListCannotBeParsed) {
     world.files.put(toDo, "no property list");
     ErrorPtr error;
     EXPECT_EQ(client()._loadPlist_withError(toDo, &error), std::nullopt);
-    EXPECT_EQ(error->domain(), PropertyListErrorDomain);
+    EXPECT_EQ(error->domain(), propertyListErrorDomain);
     EXPECT_EQ(journal(), (Lines{"files.readFile(" + toDo + ")", "plist.parse()", "error: couldn't parse todo list"}));
 }
 
@@ -108,7 +108,7 @@ TEST_F(WorkFiles, LoadsTheDemotedApps) {
 TEST_F(WorkFiles, TakesMissingOrEmptyDemotedAppsForNone) {
     ErrorPtr error;
     EXPECT_EQ(client()._loadDemotedAppsPlist_withError(demoted, &error), std::nullopt);
-    EXPECT_EQ(error->domain(), PosixErrorDomain);
+    EXPECT_EQ(error->domain(), posixErrorDomain);
     world.files.put(demoted, "");
     EXPECT_EQ(client()._loadDemotedAppsPlist_withError(demoted, nullptr), std::nullopt);
     EXPECT_EQ(journal(), Lines(2, "files.readFile(" + demoted + ")"));
@@ -118,7 +118,7 @@ TEST_F(WorkFiles, SaysThatDemotedAppsCannotBeParsed) {
     world.files.put(demoted, "no property list");
     ErrorPtr error;
     EXPECT_EQ(client()._loadDemotedAppsPlist_withError(demoted, &error), std::nullopt);
-    EXPECT_EQ(error->domain(), PropertyListErrorDomain);
+    EXPECT_EQ(error->domain(), propertyListErrorDomain);
     EXPECT_EQ(journal(),
               (Lines{"files.readFile(" + demoted + ")", "plist.parse()", "error: couldn't parse demoted apps list"}));
 }

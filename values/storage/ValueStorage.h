@@ -1,8 +1,8 @@
 // The boxes that values share, and the way into a value's cell. Not for use outside `values/` and the codec.
 #pragma once
 
-#include "values/BoxArena.h"
 #include "values/PropertyList.h"
+#include "values/storage/BoxArena.h"
 
 namespace appsync {
 

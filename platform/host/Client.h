@@ -1,7 +1,7 @@
 // The sync host's plug-in protocol: what the host may ask of a client that handles a data class.
 #pragma once
 
-#include "platform/Asset.h"
+#include "platform/host/Asset.h"
 #include "values/Error.h"
 #include "values/PropertyList.h"
 

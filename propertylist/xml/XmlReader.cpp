@@ -1,11 +1,11 @@
-#include "propertylist/XmlReader.h"
+#include "propertylist/xml/XmlReader.h"
 
-#include "propertylist/Base64.h"
 #include "propertylist/Codec.h"
 #include "propertylist/Failure.h"
-#include "propertylist/IsoDate.h"
 #include "propertylist/Utf.h"
-#include "propertylist/XmlText.h"
+#include "propertylist/xml/Base64.h"
+#include "propertylist/xml/IsoDate.h"
+#include "propertylist/xml/XmlText.h"
 
 #include <expat.h>
 
@@ -169,7 +169,7 @@ std::size_t XmlReader::offset() const {
 }
 
 Value XmlReader::read() {
-    static_assert(PropertyListSizeLimit <= std::numeric_limits<int>::max());
+    static_assert(maxPropertyListSize <= std::numeric_limits<int>::max());
     const XML_Status status = XML_Parse(_parser.get(), _bytes.data(), static_cast<int>(_bytes.size()), XML_TRUE);
     if (_failure) {
         throw std::move(*_failure);
@@ -241,7 +241,7 @@ void XmlReader::startPlist(const char** attributes) {
 }
 
 void XmlReader::startContainer(bool isDictionary) {
-    if (_levels.size() >= PropertyListDepthLimit) {
+    if (_levels.size() >= maxPropertyListDepth) {
         failReading(Code::tooDeep, offset(), "containers are nested too deep");
     }
     _levels.push_back({isDictionary, {}, {}, {}});

@@ -26,7 +26,13 @@ class QRAsset {
     /// A record of something that the host is to fetch for this device.
     [[nodiscard]] static QRAssetPtr
     downloadAssetWithIdentifier_dataclass_prettyName(std::string_view identifier, std::string_view dataclass,
-                                                     std::optional<std::string> prettyName);
+                                                     std::optional<std::string> prettyName) {
+        auto asset = std::make_shared<QRAsset>();
+        asset->identifier = identifier;
+        asset->dataclass = dataclass;
+        asset->prettyName = std::move(prettyName);
+        return asset;
+    }
 
     // Set when it is made.
     std::string identifier; // the app's bundle identifier
@@ -49,11 +55,17 @@ class QRAsset {
     std::int64_t storePID = 0;             // the store's number of the product
 
     /// "Version" of the variant options, if it is there and a string.
-    [[nodiscard]] std::optional<std::string> version() const;
+    [[nodiscard]] std::optional<std::string> version() const {
+        const auto version = variantOptions ? variantOptions->string("Version") : std::nullopt;
+        return version ? std::optional<std::string>(*version) : std::nullopt;
+    }
     /// Data class and identifier.
-    [[nodiscard]] std::string shortDescription() const;
+    [[nodiscard]] std::string shortDescription() const { return dataclass + ":" + identifier; }
     /// Short description, name, kind and path, on one line.
-    [[nodiscard]] std::string description() const;
+    [[nodiscard]] std::string description() const {
+        return "<" + shortDescription() + " " + prettyName.value_or("(null)") + (isDownload ? " download" : " upload") +
+               (isRestore ? " restore" : "") + " path=" + path.value_or("(null)") + ">";
+    }
 };
 
 } // namespace appsync

@@ -1,17 +1,17 @@
 // One walk through the value writes the scalars, each once: it is written behind the last one and stays if its bytes
 // are new. What the containers hold is noted; they follow behind the scalars when the number of those, and with it the
 // width of references, is known.
-#include "propertylist/BinaryWriter.h"
+#include "propertylist/binary/BinaryWriter.h"
 
-#include "propertylist/BigEndian.h"
-#include "propertylist/BinaryFormat.h"
 #include "propertylist/ByteBuffer.h"
 #include "propertylist/Codec.h"
 #include "propertylist/Failure.h"
-#include "propertylist/ObjectIndex.h"
 #include "propertylist/Utf.h"
-#include "values/ValueHash.h"
-#include "values/ValueStorage.h"
+#include "propertylist/binary/BigEndian.h"
+#include "propertylist/binary/BinaryFormat.h"
+#include "propertylist/binary/ObjectIndex.h"
+#include "values/storage/ValueHash.h"
+#include "values/storage/ValueStorage.h"
 
 #include <algorithm>
 #include <array>
@@ -31,14 +31,14 @@ using detail::Tag;
 /// that is taken in one piece is touched only once.
 struct Estimate {
     explicit Estimate(const Value& value) {
-        constexpr std::size_t mostRecords = 100'000;
-        constexpr std::size_t mostEntries = 32;
+        constexpr std::size_t maxRecords = 100'000;
+        constexpr std::size_t maxEntries = 32;
         const Array* const items = value.array();
         if (items != nullptr && !items->empty()) {
             const Dictionary* const record = items->front().dictionary();
-            const std::size_t count = std::min(items->size(), mostRecords);
+            const std::size_t count = std::min(items->size(), maxRecords);
             containers = record == nullptr ? 0 : count;
-            scalars = record == nullptr ? count : count * std::min(record->size(), mostEntries);
+            scalars = record == nullptr ? count : count * std::min(record->size(), maxEntries);
         }
     }
     std::size_t containers = 0;
@@ -158,7 +158,7 @@ std::uint32_t BinaryWriter::addScalar(const Cell& cell, std::uint64_t hash) {
 /// each number that is noted takes at least one byte.
 bool BinaryWriter::mayRepeat(std::size_t size) {
     const std::size_t least = _out.size() + _containers.size() + _keys.size() + _pending.size();
-    if (_repeated + size > least * PropertyListRepetitionFactor + PropertyListRepetitionAllowance) {
+    if (_repeated + size > least * propertyListRepetitionFactor + propertyListRepetitionAllowance) {
         return false;
     }
     _repeated += size;
@@ -200,7 +200,7 @@ template <class CellAt> void BinaryWriter::addRun(std::size_t count, CellAt cell
 // Containers.
 
 std::uint32_t BinaryWriter::addContainer(const Cell& cell, std::size_t depth) {
-    if (depth >= PropertyListDepthLimit) {
+    if (depth >= maxPropertyListDepth) {
         failWriting(Code::tooDeep, "containers are nested too deep");
     }
     if (cell.tag() == Tag::array) {

@@ -1,4 +1,4 @@
-#include "propertylist/XmlText.h"
+#include "propertylist/xml/XmlText.h"
 
 #include "propertylist/Utf.h"
 

@@ -8,8 +8,8 @@
 // that expands beyond measure.
 #pragma once
 
-#include "platform/Log.h"
-#include "plugin/client/Describe.h"
+#include "platform/host/Log.h"
+#include "plugin/log/Describe.h"
 
 #include <algorithm>
 #include <array>
@@ -29,9 +29,9 @@ struct MessageLimits {
     std::size_t argument; // each
     std::size_t message;  // all together, the format's text before them included
 };
-inline constexpr MessageLimits UsualMessageLimits = {DescriptionLimit, 4 * DescriptionLimit};
+inline constexpr MessageLimits usualMessageLimits = {maxDescriptionSize, 4 * maxDescriptionSize};
 /// A payload is logged for its content: the to-do list of thousands of apps fits.
-inline constexpr MessageLimits OversizeMessageLimits = {std::size_t{2} << 20, std::size_t{4} << 20};
+inline constexpr MessageLimits oversizeMessageLimits = {std::size_t{2} << 20, std::size_t{4} << 20};
 
 namespace detail {
 
@@ -159,7 +159,7 @@ class PlugInLog {
             return;
         }
         const MessageLimits& limits =
-            category == QRLogCategorySyncBundle_Oversize ? OversizeMessageLimits : UsualMessageLimits;
+            category == QRLogCategorySyncBundle_Oversize ? oversizeMessageLimits : usualMessageLimits;
         std::string text;
         if (withIdentifier) {
             text.append(plugInIdentifier).append("|");

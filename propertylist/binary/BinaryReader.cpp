@@ -1,14 +1,14 @@
 // Every object is read when a first reference to it is met. What lives in a box of its own, such as containers and long
 // texts, is remembered by its number, so that further references share the box; what fits into a cell is read again,
 // which costs less than remembering it.
-#include "propertylist/BinaryReader.h"
+#include "propertylist/binary/BinaryReader.h"
 
-#include "propertylist/BigEndian.h"
-#include "propertylist/BinaryFormat.h"
 #include "propertylist/Codec.h"
 #include "propertylist/Failure.h"
 #include "propertylist/Utf.h"
-#include "values/ValueStorage.h"
+#include "propertylist/binary/BigEndian.h"
+#include "propertylist/binary/BinaryFormat.h"
+#include "values/storage/ValueStorage.h"
 
 #include <array>
 #include <bit>
@@ -127,11 +127,11 @@ void BinaryReader::readTrailer() {
         failReading(Code::invalidTrailer, trailer + trailerObjectCount, "the offset table holds fewer objects");
     }
     _table = static_cast<std::size_t>(table);
-    _largestOffset = largestOfWidth(_offsetWidth);
-    _largestReference = largestOfWidth(_referenceWidth);
-    _elementsLeft = _bytes.size() * PropertyListExpansionFactor;
+    _largestOffset = maxOfWidth(_offsetWidth);
+    _largestReference = maxOfWidth(_referenceWidth);
+    _elementsLeft = _bytes.size() * propertyListExpansionFactor;
     _contentLeft = _bytes.size();
-    _repetitionLeft = _bytes.size() * PropertyListRepetitionFactor + PropertyListRepetitionAllowance;
+    _repetitionLeft = _bytes.size() * propertyListRepetitionFactor + propertyListRepetitionAllowance;
     _boxes.resize(static_cast<std::size_t>(_objectCount));
 }
 
@@ -173,7 +173,7 @@ Cell BinaryReader::boxedObject(std::uint64_t number, std::size_t at, std::size_t
     if (known == &_beingRead) {
         failReading(Code::referenceCycle, referenceAt, "a container holds itself");
     }
-    if (isContainer && depth >= PropertyListDepthLimit) {
+    if (isContainer && depth >= maxPropertyListDepth) {
         failReading(Code::tooDeep, at, "containers are nested too deep");
     }
     if (known != nullptr) {
@@ -447,7 +447,7 @@ void BinaryReader::chargeShared(const Cell& cell, std::size_t at, std::size_t de
         chargeRepetition(boxedSize(cell), at);
         return;
     }
-    if (depth >= PropertyListDepthLimit) {
+    if (depth >= maxPropertyListDepth) {
         failReading(Code::tooDeep, at, "containers are nested too deep");
     }
     if (cell.tag() == Tag::array) {

@@ -40,7 +40,7 @@ class BoxArena {
     [[nodiscard]] Memory make(std::size_t size) {
         const std::size_t taken = (size + slabPointerSize + alignof(Slab*) - 1) & ~(alignof(Slab*) - 1);
         if (taken > _left) {
-            if (size > largestBox) {
+            if (size > maxBoxSize) {
                 return {allocate(size), false};
             }
             startSlab();
@@ -55,8 +55,8 @@ class BoxArena {
 
   private:
     static constexpr std::size_t slabPointerSize = sizeof(void*);
-    static constexpr std::size_t largestBox = 480;
-    static constexpr std::size_t largestSlab = 4096 - 16; // with what the allocator adds, a page
+    static constexpr std::size_t maxBoxSize = 480;
+    static constexpr std::size_t maxSlabSize = 4096 - 16; // with what the allocator adds, a page
 
     void startSlab();
     void leaveSlab() noexcept;

@@ -13,7 +13,7 @@ namespace appsync::propertylist {
 }
 
 /// The largest number of so many bytes.
-[[nodiscard]] constexpr std::uint64_t largestOfWidth(std::size_t width) noexcept {
+[[nodiscard]] constexpr std::uint64_t maxOfWidth(std::size_t width) noexcept {
     return ~std::uint64_t{0} >> (64 - 8 * width);
 }
 
@@ -29,7 +29,7 @@ namespace appsync::propertylist {
     return bigEndian(word) & largest;
 }
 [[nodiscard]] inline std::uint64_t readNumber(const char* at, std::size_t width) noexcept {
-    return readNumber(at, width, largestOfWidth(width));
+    return readNumber(at, width, maxOfWidth(width));
 }
 
 /// Writes a number to `[at, at + width)`; the 8 bytes from `at` on must be writable and may change.

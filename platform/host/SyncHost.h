@@ -1,7 +1,7 @@
 // What the sync host offers to the plug-in.
 #pragma once
 
-#include "platform/Asset.h"
+#include "platform/host/Asset.h"
 #include "values/Error.h"
 
 #include <functional>

@@ -1,7 +1,7 @@
 // A fast hash of bytes. Not for use outside `values/` and the codec.
 #pragma once
 
-#include "values/ValueCell.h"
+#include "values/storage/ValueCell.h"
 
 #include <cstdint>
 #include <cstring>

@@ -160,7 +160,7 @@ static_assert(sizeof(Cell) == 16);
 /// A text that is too long for a cell; its bytes follow the box.
 class TextBox : public Box {
   public:
-    static constexpr std::size_t largestLength = (std::size_t{1} << 31) - 1;
+    static constexpr std::size_t maxLength = (std::size_t{1} << 31) - 1;
 
     TextBox(std::uint32_t length, bool inSlab) noexcept : _length(length | (inSlab ? slabFlag : 0)) {}
 

@@ -1,4 +1,4 @@
-#include "plugin/client/Log.h"
+#include "plugin/log/Log.h"
 
 namespace appsync {
 

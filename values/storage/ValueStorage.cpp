@@ -1,4 +1,4 @@
-#include "values/ValueStorage.h"
+#include "values/storage/ValueStorage.h"
 
 #include <cstdlib>
 #include <memory>
@@ -9,7 +9,7 @@ namespace appsync::detail {
 namespace {
 
 std::uint32_t checkedLength(std::size_t length) {
-    if (length > TextBox::largestLength) {
+    if (length > TextBox::maxLength) {
         throw std::bad_alloc();
     }
     return static_cast<std::uint32_t>(length);
@@ -131,7 +131,7 @@ class Destruction {
     }
 
   private:
-    static constexpr unsigned depthLimit = 64;
+    static constexpr unsigned maxDepth = 64;
 
     void destroy(Box* box, Tag tag, unsigned depth) noexcept {
         switch (tag) {
@@ -144,7 +144,7 @@ class Destruction {
     }
 
     void destroyArray(ArrayBox* box, unsigned depth) noexcept {
-        if (depth == depthLimit) {
+        if (depth == maxDepth) {
             return _arrays.push(box);
         }
         for (Value& item : box->items) {
@@ -154,7 +154,7 @@ class Destruction {
     }
 
     void destroyDictionary(DictionaryBox* box, unsigned depth) noexcept {
-        if (depth == depthLimit) {
+        if (depth == maxDepth) {
             return _dictionaries.push(box);
         }
         for (Dictionary::Entry& entry : ValueAccess::entries(box->entries)) {

@@ -1,11 +1,11 @@
-#include "propertylist/XmlWriter.h"
+#include "propertylist/xml/XmlWriter.h"
 
-#include "propertylist/Base64.h"
 #include "propertylist/ByteBuffer.h"
 #include "propertylist/Codec.h"
 #include "propertylist/Failure.h"
-#include "propertylist/IsoDate.h"
-#include "propertylist/XmlText.h"
+#include "propertylist/xml/Base64.h"
+#include "propertylist/xml/IsoDate.h"
+#include "propertylist/xml/XmlText.h"
 
 #include <algorithm>
 #include <charconv>
@@ -134,7 +134,7 @@ void XmlWriter::append(const Value& value, std::size_t depth) {
 }
 
 void XmlWriter::appendArray(const Array& items, std::size_t depth) {
-    if (depth >= PropertyListDepthLimit) {
+    if (depth >= maxPropertyListDepth) {
         failWriting(Code::tooDeep, "containers are nested too deep");
     }
     if (items.empty()) {
@@ -156,7 +156,7 @@ void XmlWriter::appendArray(const Array& items, std::size_t depth) {
 }
 
 void XmlWriter::appendDictionary(const Dictionary& entries, std::size_t depth) {
-    if (depth >= PropertyListDepthLimit) {
+    if (depth >= maxPropertyListDepth) {
         failWriting(Code::tooDeep, "containers are nested too deep");
     }
     if (entries.empty()) {

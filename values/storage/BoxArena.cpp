@@ -1,4 +1,4 @@
-#include "values/BoxArena.h"
+#include "values/storage/BoxArena.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -26,7 +26,7 @@ void BoxArena::startSlab() {
     _slab = slab;
     _next = reinterpret_cast<char*>(slab + 1);
     _left = _slabSize - sizeof(Slab);
-    _slabSize = std::min(2 * _slabSize, largestSlab);
+    _slabSize = std::min(2 * _slabSize, maxSlabSize);
 }
 
 void BoxArena::leaveSlab() noexcept {
