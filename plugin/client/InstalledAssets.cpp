@@ -52,7 +52,7 @@ void addMissingApps(PDApplicationWorkspace& workspace, const std::optional<Array
     for (const Value& app : *lastSyncedApps) {
         const auto identifier = app.text();
         if (identifier && !workspace.applicationIsInstalled(*identifier)) {
-            candidates.insert(*identifier, true);
+            candidates.insert(*identifier, {});
         }
     }
 }
@@ -67,7 +67,7 @@ Dictionary AppsClient::installedAssets() noexcept {
     Dictionary candidates; // each identifier once
     if (auto uninstalled = lookUpUninstalledApps(_platform, _log)) {
         for (const Value& identifier : *uninstalled) {
-            candidates.insert(*identifier.text(), true);
+            candidates.insert(*identifier.text(), {});
         }
         _uninstalledApps.set(std::move(uninstalled)); // until the service has forgotten them
     }

@@ -40,7 +40,7 @@ class Build:
             command = [word for word in shlex.split(entry['command']) if word != '-Werror']
             if 'appsync_plugin.dir' in entry['command']:
                 self.commands[os.path.relpath(entry['file'], root)] = command
-            elif (found := re.search(r' -o (tests/(\w+)/CMakeFiles/\2_test\.dir/\S+)', entry['command'])) and \
+            elif (found := re.search(r' -o (tests/plugin/(\w+)/CMakeFiles/\2_test\.dir/\S+)', entry['command'])) and \
                     found.group(2) in TESTS:
                 self.units[found.group(1)] = Unit(found.group(2), entry['file'], command)
         self.dependencies = self._dependencies()

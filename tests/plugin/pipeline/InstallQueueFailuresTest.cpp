@@ -1,5 +1,6 @@
 // Installs that the queue cannot run or the registry cannot be asked for.
 #include "concurrency/Semaphore.h"
+#include "tests/concurrency/NoMoreThreads.h"
 #include "tests/inmemory/ClientTest.h"
 
 #include <algorithm>
@@ -34,6 +35,14 @@ TEST_F(InstallQueueFailures, AnArchiveThatNoURLNamesFailsWithoutAnError) {
                "files.readFile(" + std::string(paths::restoreState) + ")", "screen.releaseAssertion(a)",
                "files.removeItem(" + path + ")"}));
     EXPECT_EQ(client()._getAndResetNumAppInstallsAttempted(), 1u);
+}
+
+TEST_F(InstallQueueFailures, WhereNoThreadCanBeStartedAnInstallRunsBeforeItsRequestReturns) {
+    const NoMoreThreads noMore;
+    std::thread::id installer;
+    world.screen.beforeAssertion = [&] { installer = std::this_thread::get_id(); };
+    client()._enqueueAssetInstall(staged("a", "/staged/a"));
+    EXPECT_EQ(installer, std::this_thread::get_id());
 }
 
 TEST_F(InstallQueueFailures, ARequestDuringTeardownIsDropped) {
