@@ -194,6 +194,15 @@ Result<std::unique_ptr<Root>> Root::open(const std::string& folder, std::shared_
     return _open(std::move(*host), std::move(faultPoint));
 }
 
+Result<void> Root::check(const std::string& folder) {
+    auto host = HostFolder::open(folder);
+    if (!host) {
+        return host.error();
+    }
+    DeviceFileSystem files(std::move(host->opened), nullptr);
+    return checkMarker(files, host->path);
+}
+
 Result<std::unique_ptr<Root>> Root::_open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint) {
     auto files = std::make_unique<DeviceFileSystem>(std::move(host.opened), std::move(faultPoint));
     if (const auto checked = checkMarker(*files, host.path); !checked) {

@@ -37,6 +37,9 @@ class Root {
                                                               std::shared_ptr<FaultPoint> faultPoint = nullptr);
     [[nodiscard]] static Result<std::unique_ptr<Root>> open(const std::string& folder,
                                                             std::shared_ptr<FaultPoint> faultPoint = nullptr);
+    /// Whether a folder is a device that this program knows. Opens nothing and changes nothing, so that it may be asked
+    /// while another process has the device open.
+    [[nodiscard]] static Result<void> check(const std::string& folder);
     Root(const Root&) = delete;
     Root& operator=(const Root&) = delete;
 

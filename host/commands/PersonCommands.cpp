@@ -80,10 +80,16 @@ class RunningSync {
     Descriptor _connection;
 };
 
+/// What is said where no sync runs, unless the folder is no device.
+template <class Say> ExitCode noSync(const std::string& folder, Say&& say) {
+    const auto checked = device::Root::check(folder);
+    return checked ? say() : fail(reasonOf(checked.error()), exitCodeOf(checked.error()));
+}
+
 ExitCode act(const ControlArguments& arguments, const char* command) {
     RunningSync running(arguments.device);
     if (!running.isThere()) {
-        return fail("No sync is running on " + arguments.device + ".");
+        return noSync(arguments.device, [&] { return fail("No sync is running on " + arguments.device + "."); });
     }
     const Json answer = running.ask({command, arguments.app});
     if (!answer.is_object()) {
@@ -144,12 +150,14 @@ ExitCode cancel(const ControlArguments& arguments) {
 ExitCode showSyncStatus(const StatusArguments& arguments) {
     RunningSync running(arguments.device);
     if (!running.isThere()) {
-        if (arguments.json) {
-            printJson(std::cout, {{"running", false}});
-        } else {
-            printLine(std::cout, "No sync is running on " + arguments.device + ".");
-        }
-        return ExitCode::done;
+        return noSync(arguments.device, [&] {
+            if (arguments.json) {
+                printJson(std::cout, {{"running", false}});
+            } else {
+                printLine(std::cout, "No sync is running on " + arguments.device + ".");
+            }
+            return ExitCode::done;
+        });
     }
     Json status = running.ask({arguments.follow ? "follow" : "status"});
     if (!status.is_object()) {

@@ -108,6 +108,19 @@ TEST_F(CommandLine, TellsWhyADeviceCannotBeUsed) {
     EXPECT_TRUE(fs::exists(folder / "other" / "file"));
 }
 
+TEST_F(CommandLine, SaysWhereNoSyncCanRunSinceThereIsNoDevice) {
+    write("other/file", "x");
+    for (const char* words : {"status other", "status other --json", "cancel other a", "prioritize other a"}) {
+        const Answer answer = qrd(words);
+        EXPECT_EQ(answer.code, 4) << words;
+        EXPECT_NE(answer.text.find("is not a device"), std::string::npos) << answer.text;
+    }
+    EXPECT_EQ(qrd("status missing").code, 4);
+    EXPECT_EQ(qrd("device create d").code, 0);
+    EXPECT_EQ(qrd("status d").text, "No sync is running on d.\n");
+    EXPECT_EQ(qrd("status d").code, 0);
+}
+
 TEST_F(CommandLine, MakesADeviceOnce) {
     EXPECT_EQ(qrd("device create d").code, 0);
     EXPECT_EQ(qrd("device create d").code, 4);

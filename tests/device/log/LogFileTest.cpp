@@ -195,8 +195,10 @@ TEST_F(LogFileTest, ADeviceWithoutALogHasNoEntries) {
 
 TEST_F(LogFileTest, LinesOfAnotherFormArePassedOver) {
     say(*open(), "good");
-    std::ofstream(device.root->hostPath(logFilePath), std::ios::app) << "nonsense\n\n2026-01-01Z loud X y\n half a line";
-    std::ofstream(device.root->hostPath(std::string(logFilePath) + ".old")) << "2026-01-01T00:00:00.000000Z error X y\n";
+    std::ofstream(device.root->hostPath(logFilePath), std::ios::app)
+        << "nonsense\n\n2026-01-01Z loud X y\n half a line";
+    std::ofstream(device.root->hostPath(std::string(logFilePath) + ".old"))
+        << "2026-01-01T00:00:00.000000Z error X y\n";
     EXPECT_EQ(texts(), std::vector<std::string>{"good"});
 }
 
