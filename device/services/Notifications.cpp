@@ -19,25 +19,25 @@ NotificationNames::Name& NotificationNames::_named(std::string_view name) {
 
 std::uint32_t NotificationNames::notify_register_check(std::string_view name, int* token) noexcept {
     if (!isValidName(name) || !token) {
-        return NotificationStatusInvalidName;
+        return notificationStatusInvalidName;
     }
     const Lock lock(_mutex);
     *token = static_cast<int>(&_named(name) - _names.data()) + 1;
-    return NotificationStatusOK;
+    return notificationStatusOK;
 }
 
 std::uint32_t NotificationNames::notify_set_state(int token, std::uint64_t newState) noexcept {
     const Lock lock(_mutex);
     if (token < 1 || static_cast<std::size_t>(token) > _names.size()) {
-        return NotificationStatusInvalidToken;
+        return notificationStatusInvalidToken;
     }
     _names[static_cast<std::size_t>(token) - 1].state = newState;
-    return NotificationStatusOK;
+    return notificationStatusOK;
 }
 
 std::uint32_t NotificationNames::notify_post(std::string_view name) noexcept {
     if (!isValidName(name)) {
-        return NotificationStatusInvalidName;
+        return notificationStatusInvalidName;
     }
     std::vector<std::shared_ptr<Listener>> listeners;
     std::uint64_t present = 0;
@@ -58,7 +58,7 @@ std::uint32_t NotificationNames::notify_post(std::string_view name) noexcept {
             (*listener)(name, present);
         }
     }
-    return NotificationStatusOK;
+    return notificationStatusOK;
 }
 
 std::uint64_t NotificationNames::_read(std::string_view name, std::uint64_t Name::*number) const {

@@ -18,9 +18,9 @@ namespace appsync::device {
 
 /// Statuses of the notification service.
 enum NotificationStatus : std::uint32_t {
-    NotificationStatusOK = 0,
-    NotificationStatusInvalidName = 1,  // empty, or with a zero byte
-    NotificationStatusInvalidToken = 2, // never given out
+    notificationStatusOK = 0,
+    notificationStatusInvalidName = 1,  // empty, or with a zero byte
+    notificationStatusInvalidToken = 2, // never given out
 };
 
 /// Names with a state. Names live as long as the service; registering one again gives the token that it has.

@@ -13,9 +13,9 @@ namespace {
 TEST(NotificationNames, AStateSetThroughATokenIsTheNamesState) {
     NotificationNames names;
     int token = 0;
-    ASSERT_EQ(names.notify_register_check("com.example.a", &token), NotificationStatusOK);
+    ASSERT_EQ(names.notify_register_check("com.example.a", &token), notificationStatusOK);
     EXPECT_EQ(names.state("com.example.a"), 0U);
-    EXPECT_EQ(names.notify_set_state(token, 7), NotificationStatusOK);
+    EXPECT_EQ(names.notify_set_state(token, 7), notificationStatusOK);
     EXPECT_EQ(names.state("com.example.a"), 7U);
     EXPECT_EQ(names.state("com.example.b"), 0U);
 }
@@ -37,12 +37,12 @@ TEST(NotificationNames, RegisteringANameAgainGivesItsTokenAndKeepsItsState) {
 TEST(NotificationNames, RefusesWhatIsNoNameAndNoToken) {
     NotificationNames names;
     int token = 0;
-    EXPECT_EQ(names.notify_register_check("", &token), NotificationStatusInvalidName);
-    EXPECT_EQ(names.notify_register_check(std::string_view("a\0b", 3), &token), NotificationStatusInvalidName);
-    EXPECT_EQ(names.notify_register_check("a", nullptr), NotificationStatusInvalidName);
-    EXPECT_EQ(names.notify_post(""), NotificationStatusInvalidName);
+    EXPECT_EQ(names.notify_register_check("", &token), notificationStatusInvalidName);
+    EXPECT_EQ(names.notify_register_check(std::string_view("a\0b", 3), &token), notificationStatusInvalidName);
+    EXPECT_EQ(names.notify_register_check("a", nullptr), notificationStatusInvalidName);
+    EXPECT_EQ(names.notify_post(""), notificationStatusInvalidName);
     for (const int wrong : {-1, 0, 1, 1000}) {
-        EXPECT_EQ(names.notify_set_state(wrong, 1), NotificationStatusInvalidToken) << wrong;
+        EXPECT_EQ(names.notify_set_state(wrong, 1), notificationStatusInvalidToken) << wrong;
     }
 }
 
