@@ -31,23 +31,18 @@ std::size_t distance(std::string_view a, std::string_view b) {
 
 } // namespace
 
-std::optional<std::string> nearestTo(std::string_view word, const std::vector<std::string>& choices) {
-    std::optional<std::string> nearest;
+std::string suggestion(std::string_view word, const std::vector<std::string>& choices) {
+    const std::string* nearest = nullptr;
     std::size_t fewest = word.size() / 3 + 1;
     for (const std::string& choice : choices) {
         if (word.size() > maxWordLength || choice.size() > maxWordLength) {
             continue;
         }
         if (const std::size_t changes = distance(word, choice); changes < fewest) {
-            nearest = choice;
+            nearest = &choice;
             fewest = changes;
         }
     }
-    return nearest;
-}
-
-std::string suggestion(std::string_view word, const std::vector<std::string>& choices) {
-    const auto nearest = nearestTo(word, choices);
     return nearest ? " Did you mean '" + *nearest + "'?" : "";
 }
 

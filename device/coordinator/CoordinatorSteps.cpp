@@ -4,6 +4,7 @@
 #include "device/coordinator/CoordinatorError.h"
 #include "device/registry/Registry.h"
 #include "device/root/DeviceFileSystem.h"
+#include "device/root/Paths.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,10 +14,10 @@ namespace appsync::device {
 namespace {
 
 constexpr std::int64_t progressUnits = 1000;
-constexpr std::string_view temporaryFolder = "/tmp/";
 
 bool isBelow(std::string_view path, std::string_view folder) {
-    return path.starts_with(folder) && path.find("/../") == std::string_view::npos && !path.ends_with("/..");
+    return path.starts_with(folder) && path.substr(folder.size()).starts_with('/') &&
+           path.find("/../") == std::string_view::npos && !path.ends_with("/..");
 }
 
 /// Whether a path names a file, or a link as such; a folder is never a transferred file.
@@ -28,7 +29,7 @@ bool isFile(DeviceFileSystem& files, const std::string& path) {
 
 /// Removes a file that belonged to a coordinator, if it stands where files are received or made for one.
 void removeOwnedFile(DeviceFileSystem& files, const std::string& path) {
-    const bool isReceived = isBelow(path, "/var/mobile/") || isBelow(path, temporaryFolder);
+    const bool isReceived = isBelow(path, "/var/mobile") || isBelow(path, temporaryFolder);
     if (isReceived && isFile(files, path)) {
         files.removeItem(path, nullptr);
     }
