@@ -281,7 +281,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     IdentifierSet _kplAppsToIgnore; // volume-licensed apps that this sync leaves alone; none is recognised today
     std::set<std::string, std::less<>> _updatingApps GUARDED_BY(_accessQueue);      // updates of installed apps
     std::set<std::string, std::less<>> _userCancelledApps GUARDED_BY(_accessQueue); // cancelled on the device
-    std::atomic<bool> _useInstallCoordinator = false;                               // never changes after construction
+    std::atomic<bool> _useInstallCoordinator;                                       // never changes after construction
     SerialQueue _accessQueue;
     std::shared_ptr<KXAppInstallObserver> _appInstallObserver; // null until the daemon's start-up is complete
 };

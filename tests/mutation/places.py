@@ -29,6 +29,9 @@ OTHER_LEVEL = {'message': 'error', 'error': 'message', 'oversize': 'message', 't
 FUNCTIONS = {Kind.FUNCTION_DECL, Kind.CXX_METHOD, Kind.CONSTRUCTOR, Kind.DESTRUCTOR, Kind.FUNCTION_TEMPLATE,
              Kind.CONVERSION_FUNCTION}
 LABEL = re.compile(r'case\b|default:')
+ASSIGNMENT = re.compile(r'((?:\w+(?:->|\.))*\w+)(?: = |\.emplace\(\))')
+LOGS = re.compile(r'_?log\.')
+CALL_OF_MORE = re.compile(r'(?<![\w:])(?!paths::|std::|value_or\()[\w:]+\(')  # than what only computes
 
 
 @dataclass(frozen=True)
@@ -248,8 +251,14 @@ class Finder:
         return statement.kind != Kind.DECL_STMT or bool(re.search(r'\b_?platform\.|\b_?log\.|\b_[a-z]\w*\(', source))
 
     def _commute(self, first, second):
-        """One of them only fills a local container that the other does not mention, or both set fields of one value."""
+        """Nothing can tell which came first: one assigns to a variable, calling nothing that acts, and the other
+        does so to another variable or logs something else; or both set fields of one value; or one only fills a
+        local container that the other does not mention."""
         sources = [self._source(first), self._source(second)]
+        for one, other in (sources, reversed(sources)):
+            if (target := assigned(one)) and not re.search(rf'{re.escape(target)}\b', other) and (
+                    LOGS.match(other) or (second_target := assigned(other)) and not re.search(rf'{re.escape(second_target)}\b', one)):
+                return True
         fields = [re.match(r'([a-z]\w*)\.set([A-Z]\w*)\(', source) for source in sources]
         if all(fields) and fields[0].group(1) == fields[1].group(1) and fields[0].group(2) != fields[1].group(2):
             return not any(re.search(r'\b_[a-z]\w*[.(]', source) for source in sources)
@@ -303,6 +312,12 @@ class Finder:
         else:
             new = '{}'
         self._replace('argument', argument, new, function)
+
+
+def assigned(source):
+    """The variable that a statement assigns to, when it does no more than that."""
+    found = ASSIGNMENT.match(source)
+    return found.group(1) if found and not CALL_OF_MORE.search(source, found.end()) else None
 
 
 def cursor_arity(source, arguments):
