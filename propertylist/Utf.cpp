@@ -1,6 +1,5 @@
 #include "propertylist/Utf.h"
 
-#include <cstdint>
 #include <cstring>
 
 namespace appsync::propertylist {
@@ -56,25 +55,6 @@ char* writeUnit(char* at, std::uint32_t unit) noexcept {
     return at + 2;
 }
 
-void appendCharacter(std::string& out, std::uint32_t c) {
-    const auto tail = [&](unsigned shift) { out += static_cast<char>(0x80 | ((c >> shift) & 0x3F)); };
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        tail(0);
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        tail(6);
-        tail(0);
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        tail(12);
-        tail(6);
-        tail(0);
-    }
-}
-
 } // namespace
 
 std::size_t characterLength(std::string_view text) noexcept {
@@ -122,6 +102,25 @@ char* writeUtf16(char* at, std::string_view utf8) noexcept {
         i += length;
     }
     return at;
+}
+
+void appendCharacter(std::string& out, std::uint32_t c) {
+    const auto tail = [&](unsigned shift) { out += static_cast<char>(0x80 | ((c >> shift) & 0x3F)); };
+    if (c < 0x80) {
+        out += static_cast<char>(c);
+    } else if (c < 0x800) {
+        out += static_cast<char>(0xC0 | (c >> 6));
+        tail(0);
+    } else if (c < 0x10000) {
+        out += static_cast<char>(0xE0 | (c >> 12));
+        tail(6);
+        tail(0);
+    } else {
+        out += static_cast<char>(0xF0 | (c >> 18));
+        tail(12);
+        tail(6);
+        tail(0);
+    }
 }
 
 std::size_t appendUtf8(std::string& out, std::string_view utf16) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,9 @@ inline constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
 [[nodiscard]] std::size_t utf16Length(std::string_view utf8) noexcept;
 /// Writes valid UTF-8 as UTF-16, two bytes for each unit. Where the next byte goes.
 char* writeUtf16(char* at, std::string_view utf8) noexcept;
+
+/// Appends a character, which is no surrogate and at most U+10FFFF.
+void appendCharacter(std::string& out, std::uint32_t character);
 
 /// Appends UTF-16 (an even number of bytes) as UTF-8. Where the first unpaired surrogate stands, in bytes, or
 /// `allValid`.

@@ -2,20 +2,15 @@
 
 #include "propertylist/Codec.h"
 #include "propertylist/Failure.h"
-#include "propertylist/Utf.h"
 #include "propertylist/xml/Base64.h"
 #include "propertylist/xml/IsoDate.h"
-#include "propertylist/xml/XmlText.h"
-
-#include <expat.h>
+#include "propertylist/xml/XmlScanner.h"
+#include "values/storage/ValueStorage.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <limits>
-#include <memory>
-#include <new>
 #include <vector>
 
 namespace appsync::propertylist {
@@ -23,6 +18,12 @@ namespace appsync::propertylist {
 namespace {
 
 using Code = PropertyListErrorCode;
+
+using detail::ArrayBox;
+using detail::BoxArena;
+using detail::Cell;
+using detail::DictionaryBox;
+using detail::Tag;
 
 constexpr std::string_view whiteSpace = " \t\r\n";
 
@@ -32,275 +33,263 @@ std::string_view trimmed(std::string_view text) {
                                            : text.substr(first, text.find_last_not_of(whiteSpace) - first + 1);
 }
 
-bool isUtf8Name(std::string_view encoding) {
-    constexpr std::string_view name = "utf-8";
-    return std::equal(encoding.begin(), encoding.end(), name.begin(), name.end(),
-                      [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a + ('a' - 'A') : a) == b; });
-}
-
-/// Builds values from the events of the XML parser. A failure inside an event is kept and stops the parser, because no
-/// exception may pass through it.
+/// Builds values from the elements and texts of a document.
 class XmlReader {
   public:
-    explicit XmlReader(std::string_view bytes);
+    explicit XmlReader(std::string_view bytes) : _scanner(bytes) {}
     Value read();
 
   private:
     enum class Element { plist, dictionary, array, key, string, integer, real, date, data, trueValue, falseValue };
-    struct Level { // a container whose end has not come
-        bool isDictionary;
-        Array items;
-        Dictionary entries;
-        std::optional<Text> key;
-    };
     struct Name {
         std::string_view name;
         Element element;
     };
-    struct FreeParser {
-        void operator()(XML_Parser parser) const noexcept { XML_ParserFree(parser); }
+    struct Item {
+        Text key; // in a dictionary
+        Value value;
+        std::size_t offset; // of the key
+    };
+    struct Level { // a container whose end has not come
+        bool isDictionary;
+        bool hasKey; // for which no value has come
+        std::size_t firstItem;
     };
 
     static const Name names[];
 
-    template <class Event> static void guarded(void* self, Event event) noexcept;
-    [[nodiscard]] std::size_t offset() const;
-    void handleEvents();
-    void start(std::string_view name, const char** attributes);
+    bool takePlain();
+    bool takeLeaf(Element element);
+    void start();
     void requirePlaceFor(Element element) const;
-    void startPlist(const char** attributes);
-    void startContainer(bool isDictionary);
+    void startPlist();
+    void startLeaf(Element element);
+    void text(std::string_view piece, bool isInDocument);
     void end();
-    void endContainer();
-    void text(std::string_view piece);
-    void takeKey();
-    void take(Value value);
-    Value leafValue();
+    void endLeaf();
+    void requireNoKeyAlone() const;
+    Cell* place();
+    Cell array(std::size_t firstItem);
+    Cell dictionary(std::size_t firstItem);
+    Cell leaf();
+    Value otherLeaf();
     Value integer();
     Value real();
-    [[noreturn]] void failMalformed();
 
-    std::string_view _bytes;
-    std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser> _parser;
-    std::optional<Failure> _failure;
-    bool _ranOutOfMemory = false;
-
+    XmlScanner _scanner;
     bool _inPlist = false;
     std::optional<Element> _leaf; // the element whose text is being collected
     std::size_t _leafOffset = 0;
-    std::string _text;
+    std::string_view _text;  // of the leaf
+    std::string _joinedText; // when it comes in pieces
+    bool _isJoined = false;
     std::vector<Level> _levels;
+    std::vector<Item> _items; // of all containers whose end has not come
+    BoxArena _arena;
     std::optional<Value> _root;
 };
 
 const XmlReader::Name XmlReader::names[] = {
-    {"string", Element::string},    {"key", Element::key},         {"dict", Element::dictionary},
+    {"key", Element::key},          {"string", Element::string},   {"dict", Element::dictionary},
     {"array", Element::array},      {"integer", Element::integer}, {"true", Element::trueValue},
     {"false", Element::falseValue}, {"real", Element::real},       {"date", Element::date},
     {"data", Element::data},        {"plist", Element::plist},
 };
 
-XmlReader::XmlReader(std::string_view bytes) : _bytes(bytes), _parser(XML_ParserCreate("UTF-8")) {
-    if (_parser == nullptr) {
-        throw std::bad_alloc();
-    }
-    const std::size_t wrong = invalidUtf8(bytes);
-    if (wrong != allValid) {
-        failReading(Code::invalidText, wrong, "a byte that is not valid UTF-8");
-    }
-    handleEvents();
-}
-
-template <class Event> void XmlReader::guarded(void* self, Event event) noexcept {
-    auto& reader = *static_cast<XmlReader*>(self);
-    if (reader._failure || reader._ranOutOfMemory) {
-        return; // the parser may still deliver events after it was told to stop
-    }
-    try {
-        event(reader);
-        return;
-    } catch (Failure& failure) {
-        reader._failure = std::move(failure);
-    } catch (const std::exception&) {
-        reader._ranOutOfMemory = true;
-    }
-    XML_StopParser(reader._parser.get(), XML_FALSE);
-}
-
-void XmlReader::handleEvents() {
-    XML_Parser parser = _parser.get();
-    XML_SetUserData(parser, this);
-    XML_SetElementHandler(
-        parser,
-        [](void* self, const char* name, const char** attributes) {
-            guarded(self, [&](XmlReader& reader) { reader.start(name, attributes); });
-        },
-        [](void* self, const char*) { guarded(self, [](XmlReader& reader) { reader.end(); }); });
-    XML_SetCharacterDataHandler(parser, [](void* self, const char* piece, int length) {
-        guarded(self, [&](XmlReader& reader) { reader.text({piece, static_cast<std::size_t>(length)}); });
-    });
-    XML_SetXmlDeclHandler(parser, [](void* self, const char*, const char* encoding, int) {
-        guarded(self, [&](XmlReader& reader) {
-            if (encoding != nullptr && !isUtf8Name(encoding)) {
-                failReading(Code::unsupportedEncoding, reader.offset(),
-                            "the encoding " + quoted(encoding) + " instead of UTF-8");
-            }
-        });
-    });
-    XML_SetStartDoctypeDeclHandler(parser, [](void* self, const char*, const char*, const char*, int hasDefinitions) {
-        guarded(self, [&](XmlReader& reader) {
-            if (hasDefinitions != 0) {
-                failReading(Code::typeDefinitions, reader.offset(),
-                            "a document type with definitions of its own, such as entities,");
-            }
-        });
-    });
-    // Without this, a reference to an entity that the ignored document type may define would vanish from the text.
-    XML_SetSkippedEntityHandler(parser, [](void* self, const char* name, int) {
-        guarded(self, [&](XmlReader& reader) {
-            failReading(Code::malformedXml, reader.offset(), "the undefined entity " + quoted(name));
-        });
-    });
-}
-
-std::size_t XmlReader::offset() const {
-    const XML_Index index = XML_GetCurrentByteIndex(_parser.get());
-    return index < 0 ? 0 : static_cast<std::size_t>(index);
-}
-
 Value XmlReader::read() {
-    static_assert(maxPropertyListSize <= std::numeric_limits<int>::max());
-    const XML_Status status = XML_Parse(_parser.get(), _bytes.data(), static_cast<int>(_bytes.size()), XML_TRUE);
-    if (_failure) {
-        throw std::move(*_failure);
+    for (;;) {
+        if (!_leaf) {
+            _scanner.skipSpace(); // in most places none that means anything
+            if (takePlain()) {
+                continue;
+            }
+        }
+        switch (_scanner.next()) {
+        case XmlScanner::Token::start: start(); break;
+        case XmlScanner::Token::text: text(_scanner.text(), true); break;
+        case XmlScanner::Token::character: text(_scanner.text(), false); break;
+        case XmlScanner::Token::end: end(); break;
+        case XmlScanner::Token::finish: return std::move(*_root);
+        }
     }
-    if (_ranOutOfMemory || XML_GetErrorCode(_parser.get()) == XML_ERROR_NO_MEMORY) {
-        throw std::bad_alloc();
-    }
-    if (status != XML_STATUS_OK) {
-        failMalformed();
-    }
-    return std::move(*_root);
 }
 
-void XmlReader::failMalformed() {
-    const std::size_t at = offset();
-    const XML_Error error = XML_GetErrorCode(_parser.get());
-    const bool atForbidden = at < _bytes.size() && isForbiddenInXml(_bytes, at);
-    if (error == XML_ERROR_BAD_CHAR_REF || (error == XML_ERROR_INVALID_TOKEN && atForbidden)) {
-        failReading(Code::invalidText, at, "a character that XML cannot hold");
+/// Reads the element that comes next if it is one of the most frequent and simplest, in a container.
+bool XmlReader::takePlain() {
+    if (_levels.empty()) {
+        return false;
     }
-    failReading(Code::malformedXml, at, std::string("it is not well-formed XML (") + XML_ErrorString(error) + ")");
+    if (const Level& level = _levels.back(); level.isDictionary && !level.hasKey) {
+        return _scanner.takePlain("<key>", "</key>") && takeLeaf(Element::key);
+    }
+    return (_scanner.takePlain("<string>", "</string>") && takeLeaf(Element::string)) ||
+           (_scanner.takePlain("<integer>", "</integer>") && takeLeaf(Element::integer));
 }
 
-void XmlReader::start(std::string_view name, const char** attributes) {
-    const auto isNamed = [&](const Name& candidate) { return candidate.name == name; };
+bool XmlReader::takeLeaf(Element element) {
+    startLeaf(element);
+    _text = _scanner.text();
+    endLeaf();
+    return true;
+}
+
+void XmlReader::start() {
+    const auto isNamed = [&](const Name& candidate) { return candidate.name == _scanner.name(); };
     const Name* const known = std::find_if(std::begin(names), std::end(names), isNamed);
     const bool isPlist = known != std::end(names) && known->element == Element::plist;
     if (known == std::end(names) || _leaf || isPlist == _inPlist) {
-        failReading(Code::unexpectedElement, offset(), "an unexpected element " + quoted(name));
+        failReading(Code::unexpectedElement, _scanner.offset(), "an unexpected element " + quoted(_scanner.name()));
     }
     if (isPlist) {
-        startPlist(attributes);
+        startPlist();
         return;
     }
     requirePlaceFor(known->element);
     if (known->element == Element::dictionary || known->element == Element::array) {
-        startContainer(known->element == Element::dictionary);
+        if (_levels.size() >= maxPropertyListDepth) {
+            failReading(Code::tooDeep, _scanner.offset(), "containers are nested too deep");
+        }
+        _levels.push_back({known->element == Element::dictionary, false, _items.size()});
         return;
     }
-    _leaf = known->element;
-    _leafOffset = offset();
-    _text.clear();
+    startLeaf(known->element);
+}
+
+void XmlReader::startLeaf(Element element) {
+    _leaf = element;
+    _leafOffset = _scanner.offset();
+    _text = {};
+    _isJoined = false;
 }
 
 /// Keys and values take turns in dictionaries, keys stand nowhere else, and there is one root.
 void XmlReader::requirePlaceFor(Element element) const {
     if (_levels.empty() && _root) {
-        failReading(Code::unexpectedElement, offset(), "a second root value");
+        failReading(Code::unexpectedElement, _scanner.offset(), "a second root value");
     }
     const bool inDictionary = !_levels.empty() && _levels.back().isDictionary;
     if (element != Element::key) {
-        if (inDictionary && !_levels.back().key) {
-            failReading(Code::missingKey, offset(), "a value without a key");
+        if (inDictionary && !_levels.back().hasKey) {
+            failReading(Code::missingKey, _scanner.offset(), "a value without a key");
         }
     } else if (!inDictionary) {
-        failReading(Code::unexpectedElement, offset(), "a key outside of a dictionary");
-    } else if (_levels.back().key) {
-        failReading(Code::missingValue, offset(), "no value after the key " + quoted(*_levels.back().key));
+        failReading(Code::unexpectedElement, _scanner.offset(), "a key outside of a dictionary");
+    } else {
+        requireNoKeyAlone();
     }
 }
 
-void XmlReader::startPlist(const char** attributes) {
-    for (const char** attribute = attributes; *attribute != nullptr; attribute += 2) {
-        if (std::strcmp(attribute[0], "version") == 0 && std::strcmp(attribute[1], "1.0") != 0) {
-            failReading(Code::unexpectedElement, offset(), "a property list of version " + quoted(attribute[1]));
+void XmlReader::startPlist() {
+    for (const XmlScanner::Attribute& attribute : _scanner.attributes()) {
+        if (attribute.name == "version" && attribute.value != "1.0") {
+            failReading(Code::unexpectedElement, _scanner.offset(),
+                        "a property list of version " + quoted(attribute.value));
         }
     }
     _inPlist = true;
 }
 
-void XmlReader::startContainer(bool isDictionary) {
-    if (_levels.size() >= maxPropertyListDepth) {
-        failReading(Code::tooDeep, offset(), "containers are nested too deep");
+/// The text of a leaf is a view into the document unless it comes in pieces.
+void XmlReader::text(std::string_view piece, bool isInDocument) {
+    if (!_leaf) {
+        if (const std::size_t at = piece.find_first_not_of(whiteSpace); at != std::string_view::npos) {
+            failReading(Code::unexpectedText, _scanner.offset() + at, "text between elements");
+        }
+    } else if (_text.empty() && isInDocument) {
+        _text = piece;
+    } else {
+        if (!_isJoined) {
+            _joinedText = _text;
+            _isJoined = true;
+        }
+        _joinedText += piece;
+        _text = _joinedText;
     }
-    _levels.push_back({isDictionary, {}, {}, {}});
 }
 
-void XmlReader::text(std::string_view piece) {
-    if (_leaf) {
-        _text += piece;
-    } else if (const std::size_t at = piece.find_first_not_of(whiteSpace); at != std::string_view::npos) {
-        failReading(Code::unexpectedText, offset() + at, "text between elements");
+void XmlReader::endLeaf() {
+    if (*_leaf == Element::key) {
+        Item& item = _items.emplace_back();
+        new (&ValueAccess::cell(item.key)) Cell(Cell::text(_text, _arena));
+        item.offset = _leafOffset;
+        _levels.back().hasKey = true;
+    } else {
+        new (place()) Cell(leaf());
     }
+    _leaf.reset();
 }
 
 void XmlReader::end() {
     if (_leaf) {
-        if (*_leaf == Element::key) {
-            takeKey();
-        } else {
-            take(leafValue());
-        }
-        _leaf.reset();
+        endLeaf();
     } else if (!_levels.empty()) {
-        endContainer();
+        requireNoKeyAlone();
+        const Level level = _levels.back();
+        _levels.pop_back();
+        Cell container = level.isDictionary ? dictionary(level.firstItem) : array(level.firstItem);
+        _items.resize(level.firstItem);
+        new (place()) Cell(std::move(container));
     } else if (!_root) {
-        failReading(Code::missingValue, offset(), "no root value");
+        failReading(Code::missingValue, _scanner.offset(), "no root value");
     }
 }
 
-void XmlReader::endContainer() {
-    Level level = std::move(_levels.back());
-    if (level.key) {
-        failReading(Code::missingValue, offset(), "no value after the key " + quoted(*level.key));
+void XmlReader::requireNoKeyAlone() const {
+    if (_levels.back().hasKey) {
+        failReading(Code::missingValue, _scanner.offset(), "no value after the key " + quoted(_items.back().key));
     }
-    _levels.pop_back();
-    take(level.isDictionary ? Value(std::move(level.entries)) : Value(std::move(level.items)));
 }
 
-void XmlReader::takeKey() {
-    Level& level = _levels.back();
-    if (level.entries.contains(_text)) {
-        failReading(Code::duplicateKey, _leafOffset, "the key " + quoted(_text) + " for the second time");
-    }
-    level.key = Text(_text);
-}
-
-void XmlReader::take(Value value) {
+/// Where the next value goes: a cell that holds null.
+Cell* XmlReader::place() {
     if (_levels.empty()) {
-        _root = std::move(value);
-    } else if (Level& level = _levels.back(); level.isDictionary) {
-        level.entries.insert(std::move(*level.key), std::move(value));
-        level.key.reset();
-    } else {
-        level.items.push_back(std::move(value));
+        return &ValueAccess::cell(_root.emplace());
     }
+    Level& level = _levels.back();
+    if (!level.isDictionary) {
+        return &ValueAccess::cell(_items.emplace_back().value);
+    }
+    level.hasKey = false;
+    return &ValueAccess::cell(_items.back().value);
 }
 
-Value XmlReader::leafValue() {
+Cell XmlReader::array(std::size_t firstItem) {
+    Array items;
+    items.reserve(_items.size() - firstItem);
+    for (std::size_t i = firstItem; i < _items.size(); ++i) {
+        items.push_back(std::move(_items[i].value));
+    }
+    return Cell::boxed(Tag::array, ArrayBox::make(std::move(items), _arena));
+}
+
+Cell XmlReader::dictionary(std::size_t firstItem) {
+    DictionaryBox* box = DictionaryBox::make(_items.size() - firstItem, _arena);
+    Cell made = Cell::boxed(Tag::dictionary, box);
+    ValueAccess::fillCapacity(box->entries);
+    Item* item = _items.data() + firstItem;
+    for (Dictionary::Entry& entry : ValueAccess::entries(box->entries)) {
+        new (&ValueAccess::cell(entry.key)) Cell(std::move(ValueAccess::cell(item->key)));
+        new (&ValueAccess::cell(entry.value)) Cell(std::move(ValueAccess::cell(item->value)));
+        ++item;
+    }
+    if (const std::size_t duplicate = ValueAccess::indexUnlessDuplicate(box->entries);
+        duplicate != box->entries.size()) {
+        failReading(Code::duplicateKey, _items[firstItem + duplicate].offset,
+                    "the key " + quoted(box->entries.begin()[duplicate].key) + " for the second time");
+    }
+    return made;
+}
+
+Cell XmlReader::leaf() {
+    if (*_leaf == Element::string) {
+        return Cell::text(_text, _arena);
+    }
+    Value value = otherLeaf();
+    return std::move(ValueAccess::cell(value));
+}
+
+Value XmlReader::otherLeaf() {
     switch (*_leaf) {
-    case Element::string: return _text;
     case Element::integer: return integer();
     case Element::real: return real();
     case Element::date:

@@ -91,6 +91,8 @@ FAULTS = [
           '"<false/>"', '"<no/>"', replay('xml_list', 'every-kind')),
     Fault('a round trip changes nothing', 'propertylist/xml/XmlWriter.cpp',
           'appendNumber(*value.integer());', 'appendNumber(*value.integer() - 1);', replay('xml_list', 'every-kind')),
+    Fault('what is read as XML is well-formed', 'propertylist/xml/XmlScanner.cpp',
+          'if (isAt("]]>")) {', 'if (isAt("]]>]]>")) {', replay('xml_list', 'end-of-character-data-in-a-text')),
     # The plug-in's lists.
     Fault('a bad list does not end the sync', 'plugin/client/ReconcileSync.cpp',
           '        _log.message("Nothing to do from Tamblin");',

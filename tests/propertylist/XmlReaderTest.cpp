@@ -14,6 +14,24 @@ std::string plist(std::string_view content) {
     return std::string(head) + std::string(content) + "</plist>";
 }
 
+constexpr int manyKeyCount = 100;
+
+std::string manyKeys() {
+    std::string element = "<dict>";
+    for (int i = 0; i < manyKeyCount; ++i) {
+        element += "<key>the key of number " + std::to_string(i) + "</key><integer>" + std::to_string(i) + "</integer>";
+    }
+    return element + "</dict>";
+}
+
+Dictionary manyEntries() {
+    Dictionary entries;
+    for (int i = 0; i < manyKeyCount; ++i) {
+        entries.set("the key of number " + std::to_string(i), i);
+    }
+    return entries;
+}
+
 struct ElementCase {
     const char* name;
     std::string element;
@@ -62,6 +80,17 @@ const ElementCase elementCases[] = {
     {"characterData", "<string>a<![CDATA[<b>&amp;]]>c</string>", "a<b>&amp;c"},
     {"comments", "<!-- a --><string>a<!-- b -->c</string><!-- d -->", "ac"},
     {"processingInstruction", "<?a b?><string>a<?c d?>b</string>", "ab"},
+    {"characterDataWithLineEnds", "<string><![CDATA[a\r\nb\rc]]]]></string>", "a\nb\nc]]"},
+    {"emptyCharacterData", "<string>a<![CDATA[]]>b</string>", "ab"},
+    {"emptyContainersBesideLeaves", "<array><dict/><string>a</string><array/><integer>1</integer></array>",
+     Array{Dictionary{}, "a", Array{}, 1}},
+    {"bracketsInAText", "<string>a]]b]</string>", "a]]b]"},
+    {"greaterThanInAText", "<string>a > b</string>", "a > b"},
+    {"referenceInAKey", "<dict><key>a&amp;b</key><true/></dict>", Dictionary{{"a&b", true}}},
+    {"spaceInTags", "<dict\n><key >a</key\t><string  >b</string\r\n></dict >", Dictionary{{"a", "b"}}},
+    {"attributes", "<string a='1' b = \"&lt;&#65;'\" _c:d-1.e='\n'>a</string>", "a"},
+    {"longestText", "<string>" + std::string(100'000, 'x') + "</string>", std::string(100'000, 'x')},
+    {"dictionaryOfManyKeys", manyKeys(), manyEntries()},
     {"lineEndsBecomeLineFeeds", "<string>a\r\nb\rc</string>", "a\nb\nc"},
     {"utf8", "<string>\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80</string>", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"},
     {"emptyArray", "<array/>", Array{}},
@@ -104,6 +133,7 @@ const ElementErrorCase elementErrorCases[] = {
     {"textInAnArray", "<array>text<true/></array>", Code::unexpectedText, 7},
     {"textInADictionary", "<dict><key>a</key>text<true/></dict>", Code::unexpectedText, 18},
     {"characterDataInAnArray", "<array><![CDATA[x]]></array>", Code::unexpectedText, 16},
+    {"elementInCharacterData", "<array><![CDATA[\r<string>a</string>]]></array>", Code::unexpectedText, 17},
     {"unknownElement", "<array><set/></array>", Code::unexpectedElement, 7},
     {"elementInAnotherCase", "<String>a</String>", Code::unexpectedElement, 0},
     {"uid", "<uid>1</uid>", Code::unexpectedElement, 0},
@@ -157,10 +187,53 @@ const ElementErrorCase elementErrorCases[] = {
     {"undefinedEntity", "<string>&foo;</string>", Code::malformedXml, 8},
     {"bareAmpersand", "<string>a & b</string>", Code::malformedXml, 11},
     {"crossedElements", "<array><string></array></string>", Code::malformedXml, 17},
+    {"entityWithoutEnd", "<string>&amp</string>", Code::malformedXml, 12},
+    {"referenceWithoutNumber", "<string>&#;</string>", Code::malformedXml, 10},
+    {"hexadecimalReferenceWithoutNumber", "<string>&#x;</string>", Code::malformedXml, 11},
+    {"referenceOfManyDigits", "<string>&#99999999999999999999;</string>", Code::invalidText, 8},
+    {"referenceToAHighSurrogate", "<string>&#xDFFF;</string>", Code::invalidText, 8},
+    {"referenceBetweenElements", "<array>&#65;</array>", Code::unexpectedText, 7},
+    {"characterDataEndInAText", "<string>a]]>b</string>", Code::malformedXml, 9},
+    {"characterDataWithoutEnd", "<string><![CDATA[a</string>", Code::malformedXml, 8},
+    {"controlCharacterInCharacterData", "<string><![CDATA[\x01]]></string>", Code::invalidText, 17},
+    {"controlCharacterInAComment", "<!-- \x01 --><true/>", Code::invalidText, 5},
+    {"controlCharacterInAnInstruction", "<?a \x01?><true/>", Code::invalidText, 4},
+    {"controlCharacterInAnAttribute", "<true a='\x01'/>", Code::invalidText, 9},
+    {"controlCharacterInATag", "<true \x01/>", Code::invalidText, 6},
+    {"hyphensInAComment", "<!-- a -- b --><true/>", Code::malformedXml, 9},
+    {"commentWithoutEnd", "<!-- a <true/>", Code::malformedXml, 0},
+    {"instructionWithoutEnd", "<?a b><true/>", Code::malformedXml, 0},
+    {"instructionWithoutName", "<? a?><true/>", Code::malformedXml, 2},
+    {"declarationInside", "<?xml version=\"1.0\"?><true/>", Code::malformedXml, 0},
+    {"instructionOfTheDeclarationsName", "<?XmL a?><true/>", Code::malformedXml, 0},
+    {"documentTypeInside", "<!DOCTYPE plist><true/>", Code::malformedXml, 0},
+    {"markupWithoutMeaning", "<!ELEMENT a ANY><true/>", Code::malformedXml, 0},
+    {"tagWithoutName", "< true/>", Code::malformedXml, 1},
+    {"nameThatBeginsWithADigit", "<1/>", Code::malformedXml, 1},
+    {"tagWithoutEnd", "<true <true/>", Code::malformedXml, 6},
+    {"slashInATag", "<true / >", Code::malformedXml, 7},
+    {"attributeWithoutValue", "<true a/>", Code::malformedXml, 7},
+    {"attributeWithoutQuotes", "<true a=1/>", Code::malformedXml, 8},
+    {"attributeWithoutEnd", "<true a='1/>", Code::malformedXml, 0},
+    {"attributesWithoutSpace", "<true a='1'b='2'/>", Code::malformedXml, 11},
+    {"tagInAnAttribute", "<true a='<'/>", Code::malformedXml, 9},
+    {"undefinedEntityInAnAttribute", "<true a='&foo;'/>", Code::malformedXml, 9},
+    {"endOfAnotherName", "<array></arrays>", Code::malformedXml, 9},
+    {"endOfAShorterName", "<string>a</strin>", Code::malformedXml, 11},
+    {"endWithAttribute", "<array></array a='1'>", Code::malformedXml, 15},
+    {"endTooMany", "</array><true/>", Code::malformedXml, 2},
     {"twoAttributesOfOneName", "<true a=\"1\" a=\"2\"/>", Code::malformedXml, 12},
 };
 
 INSTANTIATE_TEST_SUITE_P(Kinds, WrongXmlElement, testing::ValuesIn(elementErrorCases), nameOf<ElementErrorCase>);
+
+void expectMalformed(const std::string& file) {
+    ErrorPtr error;
+    EXPECT_FALSE(PropertyListCodec().propertyListWithData(file, &error)) << file;
+    ASSERT_TRUE(error) << file;
+    EXPECT_EQ(error->domain(), propertyListErrorDomain);
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(Code::malformedXml)) << error->description();
+}
 
 TEST(XmlReader, IgnoresTheDocumentTypeLine) {
     const std::string declaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
@@ -169,6 +242,39 @@ TEST(XmlReader, IgnoresTheDocumentTypeLine) {
     EXPECT_EQ(mustRead("<!DOCTYPE other PUBLIC \"-//EXAMPLE//DTD 1//EN\" \"http://example.com/a.dtd\">" +
                        plist("<string>&amp;</string>")),
               Value("&"));
+}
+
+TEST(XmlReader, RefusesAWrongDocumentType) {
+    for (const char* type :
+         {"<!DOCTYPE>", "<!DOCTYPEplist>", "<!DOCTYPE plist", "<!DOCTYPE plist a>", "<!DOCTYPE plist SYSTEM>",
+          "<!DOCTYPE plist SYSTEM 'a>", "<!DOCTYPE plist PUBLIC 'a'>", "<!DOCTYPE plist PUBLIC '<' 'a'>",
+          "<!DOCTYPE plist PUBLIC 'a''b'>", "<!DOCTYPE plist><!DOCTYPE plist>", "<!doctype plist>"}) {
+        expectMalformed(type + plist("<true/>"));
+    }
+}
+
+TEST(XmlReader, RefusesAWrongDeclaration) {
+    for (const char* declaration :
+         {"<?xml?>", "<?xml ?>", "<?xml version='1.0'>", "<?xml version=1.0?>", "<?xml version='1 0'?>",
+          "<?xml version=''?>", "<?xml encoding='UTF-8'?>", "<?xml version='1.0' encoding=''?>",
+          "<?xml version='1.0' standalone='maybe'?>", "<?xml version='1.0' standalone='yes' encoding='UTF-8'?>",
+          "<?xml version='1.0'encoding='UTF-8'?>", " <?xml version='1.0'?>", "<!-- a --><?xml version='1.0'?>"}) {
+        expectMalformed(declaration + plist("<true/>"));
+    }
+    EXPECT_EQ(mustRead("<?xml version = '1.0'  encoding='UTF-8' standalone='no' ?>" + plist("<true/>")), Value(true));
+    EXPECT_EQ(mustRead("<?xmlish a?>" + plist("<true/>")), Value(true));
+}
+
+TEST(XmlReader, BoundsTheAttributesOfAnElement) {
+    const auto elementWith = [](int count) {
+        std::string element = "<true";
+        for (int i = 0; i < count; ++i) {
+            element += " a" + std::to_string(i) + "=''";
+        }
+        return plist(element + "/>");
+    };
+    EXPECT_EQ(mustRead(elementWith(32)), Value(true));
+    expectMalformed(elementWith(33));
 }
 
 TEST(XmlReader, RefusesDefinitionsInTheDocumentType) {
