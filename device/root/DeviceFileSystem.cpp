@@ -4,13 +4,10 @@
 #include "device/root/TreeWalk.h"
 #include "files/Syscalls.h"
 
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 
 namespace appsync::device {
@@ -29,30 +26,9 @@ bool report(int failed, std::string_view operation, std::string_view path, Error
     return failed == 0;
 }
 
-/// Room for one account's texts; a group with more members than fit counts as unknown.
-using AccountTexts = std::array<char, 16'384>;
-
-std::optional<uid_t> userNamed(const std::optional<std::string>& name) {
-    AccountTexts texts;
-    passwd account{};
-    passwd* found = nullptr;
-    const bool isKnown =
-        name && ::getpwnam_r(name->c_str(), &account, texts.data(), texts.size(), &found) == 0 && found;
-    return isKnown ? std::optional(account.pw_uid) : std::nullopt;
-}
-
-std::optional<gid_t> groupNamed(const std::optional<std::string>& name) {
-    AccountTexts texts;
-    group account{};
-    group* found = nullptr;
-    const bool isKnown =
-        name && ::getgrnam_r(name->c_str(), &account, texts.data(), texts.size(), &found) == 0 && found;
-    return isKnown ? std::optional(account.gr_gid) : std::nullopt;
-}
-
-void setOwner(int folder, const char* name, const FileAttributes& attributes) {
-    const auto user = userNamed(attributes.ownerAccountName);
-    const auto group = groupNamed(attributes.groupOwnerAccountName);
+void setOwner(Accounts& accounts, int folder, const char* name, const FileAttributes& attributes) {
+    const auto user = accounts.user(attributes.ownerAccountName);
+    const auto group = accounts.group(attributes.groupOwnerAccountName);
     if (user || group) {
         // Fails for an ordinary user, whose device then owns all its files.
         (void)::fchownat(folder, name, user.value_or(static_cast<uid_t>(-1)), group.value_or(static_cast<gid_t>(-1)),
@@ -176,7 +152,7 @@ int DeviceFileSystem::_createDirectory(std::string_view path, bool withIntermedi
     }
     if (::mkdirat(place.folder.get(), place.name.c_str(), 0755) == 0) {
         if (attributes) {
-            setOwner(place.folder.get(), place.name.c_str(), *attributes);
+            setOwner(_accounts, place.folder.get(), place.name.c_str(), *attributes);
         }
         return 0;
     }
@@ -264,7 +240,7 @@ bool DeviceFileSystem::createFile(std::string_view path, std::string_view bytes,
     const auto fill = [&](int file) {
         const int failed = writeAll(file, bytes);
         if (failed == 0) {
-            setOwner(file, "", attributes);
+            setOwner(_accounts, file, "", attributes);
         }
         return failed;
     };

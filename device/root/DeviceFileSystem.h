@@ -2,6 +2,7 @@
 // no path leads out of it.
 #pragma once
 
+#include "device/root/Accounts.h"
 #include "device/root/FaultPoint.h"
 #include "device/root/PosixError.h"
 #include "files/Descriptor.h"
@@ -75,6 +76,7 @@ class DeviceFileSystem final : public FileSystem {
 
     const Descriptor _root;
     const std::shared_ptr<FaultPoint> _faultPoint;
+    Accounts _accounts;
 };
 
 } // namespace appsync::device
