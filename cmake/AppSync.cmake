@@ -17,15 +17,17 @@ endif()
 find_package(Threads REQUIRED)
 
 add_library(appsync_options INTERFACE)
-target_include_directories(appsync_options INTERFACE ${CMAKE_SOURCE_DIR})
-target_compile_options(appsync_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+target_include_directories(appsync_options INTERFACE $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>
+                                                     $<INSTALL_INTERFACE:include/appsync>)
+target_compile_features(appsync_options INTERFACE cxx_std_20)
+target_compile_options(appsync_options INTERFACE $<BUILD_INTERFACE:-Wall;-Wextra;-Wpedantic;-Wshadow;-Wconversion;-Werror>)
 target_link_libraries(appsync_options INTERFACE Threads::Threads)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-    target_compile_options(appsync_options INTERFACE -Wthread-safety)
+    target_compile_options(appsync_options INTERFACE $<BUILD_INTERFACE:-Wthread-safety>)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     # It finds overlaps in the library's own string concatenation that cannot be there.
-    target_compile_options(appsync_options INTERFACE -Wno-restrict)
+    target_compile_options(appsync_options INTERFACE $<BUILD_INTERFACE:-Wno-restrict>)
 endif()
 if(APPSYNC_SANITIZE)
     target_compile_options(appsync_options INTERFACE -fsanitize=${APPSYNC_SANITIZE} -fno-omit-frame-pointer

@@ -1,6 +1,8 @@
 // Everything that a plug-in client needs of the device and its sync host, handed over when it is created.
 #pragma once
 
+#include <cstdint>
+
 namespace appsync {
 
 class AITransactionLog;
@@ -36,8 +38,15 @@ class Scheduler;
 class TevrinInstallationService;
 template <class Coordinator> class KXCoordinatorClass;
 
+/// The version of all that `platform/` and `values/` declare. It grows with each change that a host or plug-in which is
+/// compiled already would not survive.
+inline constexpr std::uint32_t platformVersion = 1;
+
 /// References to all services. They outlive every client made with them.
 struct Platform {
+    /// The host's; it stands first, so that a plug-in of any version finds it.
+    std::uint32_t version = platformVersion;
+
     // The sync host.
     HostLog& log;
     AITransactionLog& transactionLog;
@@ -76,9 +85,10 @@ struct Platform {
     ImageDestinationClass& imageDestinations;
 };
 
-/// The one function that a plug-in's shared object exports, under this name. The caller owns the client and deletes it
-/// before it unloads the object; null when no client could be made.
-using QRCreateClientFunction = QRClient*(const Platform& platform);
+/// The one function that a plug-in's shared object exports, under this name. It sets `version` to the plug-in's own;
+/// when that is not the platform's, it touches nothing else and returns null. The caller owns the client and deletes it
+/// before it unloads the object; null also when no client could be made.
+using QRCreateClientFunction = QRClient*(const Platform& platform, std::uint32_t& version);
 inline constexpr const char* QRCreateClientFunctionName = "QRCreateClient";
 
 } // namespace appsync

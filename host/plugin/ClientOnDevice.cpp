@@ -12,11 +12,12 @@ Result<std::unique_ptr<ClientOnDevice>> ClientOnDevice::start(device::Device& de
         return plugIn.error();
     }
     std::unique_ptr<ClientOnDevice> started(new ClientOnDevice(std::move(*plugIn)));
-    started->_client =
+    auto client =
         started->_plugIn.createClient(device.platform(started->_deviceService, started->_errorClassification));
-    if (started->_client == nullptr) {
-        return hostError("The plug-in '" + started->_plugIn.identifier() + "' did not start.");
+    if (!client) {
+        return client.error();
     }
+    started->_client = std::move(*client);
     device.notificationCenter().post(startupCompleteName);
     device.notificationCenter().waitUntilDelivered();
     return started;

@@ -15,6 +15,8 @@ namespace appsync::host {
 
 namespace {
 
+constexpr const char* bundleName = "ApplicationSync.bundle";
+
 std::optional<std::string> readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -54,13 +56,27 @@ Result<PlugIn> PlugIn::load(const std::string& bundlePath, PropertyListSerializa
 
 std::string PlugIn::defaultPath() {
     std::error_code ignored;
-    const auto program = std::filesystem::read_symlink("/proc/self/exe", ignored);
-    return (program.parent_path() / "ApplicationSync.bundle").string();
+    const auto folder = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
+    const auto beside = folder / bundleName;
+    const auto installed = folder.parent_path() / "lib" / "appsync" / bundleName;
+    return (std::filesystem::exists(beside, ignored) || !std::filesystem::exists(installed, ignored) ? beside
+                                                                                                     : installed)
+        .string();
 }
 
-std::unique_ptr<QRClient> PlugIn::createClient(const Platform& platform) const {
+Result<std::unique_ptr<QRClient>> PlugIn::createClient(const Platform& platform) const {
     const auto create = reinterpret_cast<QRCreateClientFunction*>(_create);
-    return std::unique_ptr<QRClient>(create(platform));
+    std::uint32_t version = 0;
+    std::unique_ptr<QRClient> client(create(platform, version));
+    if (version != platform.version) {
+        return hostError("The plug-in '" + _identifier + "' is made for version " + std::to_string(version) +
+                         " of the platform, and this program has version " + std::to_string(platform.version) +
+                         ". Use a plug-in and a program of one release.");
+    }
+    if (client == nullptr) {
+        return hostError("The plug-in '" + _identifier + "' did not start.");
+    }
+    return client;
 }
 
 ErrorPtr hostError(std::string_view description, std::string_view path) {

@@ -22,12 +22,12 @@ inline constexpr std::string_view hostErrorDomain = "SyncHost";
 class PlugIn {
   public:
     [[nodiscard]] static Result<PlugIn> load(const std::string& bundlePath, PropertyListSerialization& propertyLists);
-    /// The bundle that is delivered beside this program.
+    /// The bundle that is delivered with this program: beside it, or in `lib/appsync` next to its folder.
     [[nodiscard]] static std::string defaultPath();
 
     [[nodiscard]] const std::string& identifier() const noexcept { return _identifier; }
-    /// A new client; null when the plug-in could not make one.
-    [[nodiscard]] std::unique_ptr<QRClient> createClient(const Platform& platform) const;
+    /// A new client; an error when the plug-in is made for another version of the platform, or could not make one.
+    [[nodiscard]] Result<std::unique_ptr<QRClient>> createClient(const Platform& platform) const;
 
   private:
     struct Unload {

@@ -56,11 +56,12 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
                       [&view](const std::string& identifier, BusyApps::Time nextTry) {
                           view.installWaits(identifier, inUse, nextTry);
                       });
-    const auto client = plugIn->createClient(withHostServices(devicePlatform, {workspace, busyApps, busyApps}));
-    if (client == nullptr) {
-        report.failure = hostError("The plug-in '" + plugIn->identifier() + "' did not start.");
+    const auto created = plugIn->createClient(withHostServices(devicePlatform, {workspace, busyApps, busyApps}));
+    if (!created) {
+        report.failure = created.error();
         return report;
     }
+    QRClient& client = **created;
     device.notificationCenter().post(startupCompleteName);
     device.notificationCenter().waitUntilDelivered();
     // After the plug-in's own connection, which gets the reports that waited for one.
@@ -79,7 +80,7 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
                                  .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
                                  .cancel = [&person](const std::string& app) { return person.cancel(app); },
                                  .interrupted = [&busyApps] { busyApps.giveUp(); }});
-    report = SyncSession({device, *client, deviceService, outcomes, view, options.bandwidth}, list).run();
+    report = SyncSession({device, client, deviceService, outcomes, view, options.bandwidth}, list).run();
     noteLostMessages(device, report);
     return report;
 }

@@ -3,7 +3,8 @@
 
 #include "platform/Platform.h"
 
-extern "C" __attribute__((visibility("default"))) appsync::QRClient*
-QRCreateClient(const appsync::Platform& platform) noexcept {
-    return appsync::AppsClient::init(platform).release();
+extern "C" __attribute__((visibility("default"))) appsync::QRClient* QRCreateClient(const appsync::Platform& platform,
+                                                                                    std::uint32_t& version) noexcept {
+    version = appsync::platformVersion;
+    return platform.version == version ? appsync::AppsClient::init(platform).release() : nullptr;
 }

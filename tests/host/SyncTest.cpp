@@ -4,6 +4,10 @@
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/RunSync.h"
+#include "host/transfer/TransferQueue.h"
+#include "host/view/SyncReport.h"
+#include "platform/Platform.h"
+#include "platform/host/Client.h"
 #include "tests/host/SyncFixture.h"
 
 #include <dlfcn.h>
@@ -237,6 +241,24 @@ TEST_F(Sync, LoadsThePlugInByItsInfo) {
     const auto plugIn = PlugIn::load(APPSYNC_BUNDLE, codec);
     ASSERT_TRUE(plugIn);
     EXPECT_EQ(plugIn->identifier(), "com.zuvex.tzl.Quorrel.AppSync");
+}
+
+TEST_F(Sync, RefusesAPlatformOfAnotherVersionThanThePlugIns) {
+    createDevice();
+    const auto device = device::Device::open((folder / "device").string());
+    ASSERT_TRUE(device);
+    const auto plugIn = PlugIn::load(APPSYNC_BUNDLE, (*device)->propertyLists());
+    ASSERT_TRUE(plugIn);
+    DeviceService deviceService;
+    ErrorClassification errorClassification;
+    Platform platform = (*device)->platform(deviceService, errorClassification);
+    EXPECT_TRUE(plugIn->createClient(platform));
+    platform.version = platformVersion + 1;
+    const auto client = plugIn->createClient(platform);
+    ASSERT_FALSE(client);
+    EXPECT_EQ(reasonOf(client.error()),
+              "The plug-in 'com.zuvex.tzl.Quorrel.AppSync' is made for version 1 of the platform, and this program has "
+              "version 2. Use a plug-in and a program of one release.");
 }
 
 TEST_F(Sync, KeepsThePlugInsCodeForWhatItLeavesBehind) {
