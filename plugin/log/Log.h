@@ -38,12 +38,12 @@ namespace detail {
 enum class Conversion { none, object, text, character, smallNumber, unsignedNumber, signedNumber, real };
 
 struct Specifier {
-    Conversion conversion = Conversion::none;
-    std::size_t begin = 0; // of the '%'
-    std::size_t end = 0;   // past the last letter
+    Conversion conversion;
+    std::size_t begin; // of the '%'
+    std::size_t end;   // past the last letter
 };
 
-/// The first conversion at or after a position; `none` when there is no further one.
+/// The first conversion at or after a position; `none` at the end when there is no further one.
 constexpr Specifier nextSpecifier(std::string_view format, std::size_t from) {
     constexpr struct {
         std::string_view letters;
@@ -55,7 +55,7 @@ constexpr Specifier nextSpecifier(std::string_view format, std::size_t from) {
                  {"%c", Conversion::character},      {"%s", Conversion::text}};
     const std::size_t begin = format.find('%', from);
     if (begin == std::string_view::npos) {
-        return {};
+        return {Conversion::none, format.size(), format.size()};
     }
     for (const auto& [letters, conversion] : known) {
         if (format.substr(begin).starts_with(letters)) {

@@ -49,6 +49,7 @@ void Log::write(QRLogCategory category, LogLevel level, std::string_view format,
     if (format.find('%') != std::string_view::npos && !formatsWithConversions().contains(format)) {
         const std::lock_guard lock(_mutex);
         _unknownFormats.emplace_back(format);
+        source = "UNKNOWN FORMAT " + source;
     }
     _context.journal.add(source + std::string(text));
 }

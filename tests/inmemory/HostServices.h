@@ -21,7 +21,7 @@ namespace appsync::inmemory {
 
 /// Writes "log: text" and "error: text" for the plug-in's category, "oversize: text" for large payloads and
 /// "framework error: text" for type checks. The plug-in's identifier is checked and taken off. A format that is not in
-/// the table (Formats.h) is kept, for the fixture to fail on.
+/// the table (Formats.h) is kept, for the fixture to fail on, and its line says so.
 class Log final : public HostLog {
   public:
     explicit Log(Context& context) : _context(context) {}

@@ -30,7 +30,7 @@ FUNCTIONS = {Kind.FUNCTION_DECL, Kind.CXX_METHOD, Kind.CONSTRUCTOR, Kind.DESTRUC
              Kind.CONVERSION_FUNCTION}
 LABEL = re.compile(r'case\b|default:')
 ASSIGNMENT = re.compile(r'((?:\w+(?:->|\.))*\w+)(?: = |\.emplace\(\))')
-LOGS = re.compile(r'_?log\.')
+LOGS = re.compile(r'(if \([^{};]*\) \{\s*)?_?log\.[^;]*;?\s*\}?$')
 CALL_OF_MORE = re.compile(r'(?<![\w:])(?!paths::|std::|value_or\()[\w:]+\(')  # than what only computes
 
 

@@ -377,9 +377,9 @@ TEST_F(RestoreInfo, OfAnIdentifierThatCouldLeadElsewhereIsSkippedBeforeAnythingI
 
 TEST_F(RestoreInfo, OfOtherAppsIsProcessedBesideAnIdentifierThatLeadsElsewhere) {
     start(false);
-    putInfo(Dictionary{{"a", app()}, {"../b", app()}, {"..c", app()}, {"d/..", app()}, {"e", app()}});
+    putInfo(Dictionary{{"a", app()}, {"../b", app()}, {"..c", app()}, {"d/..", app()}, {"e~", app()}});
     EXPECT_TRUE(process());
-    EXPECT_EQ(restored(), (Lines{"a", "..c", "e"}));
+    EXPECT_EQ(restored(), (Lines{"a", "..c", "e~"}));
 }
 
 // With the coordinator.
