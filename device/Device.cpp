@@ -77,7 +77,7 @@ Device::~Device() = default;
 Result<std::unique_ptr<Device>> Device::create(const std::string& folder, const DeviceOptions& options,
                                                const DeviceEnvironment& environment) {
     std::unique_ptr<Device> device(new Device());
-    const auto known = device->_openDatabase(Root::create(folder, environment.faultPoint));
+    const auto known = device->_openDatabase(Root::create(folder, environment.faultPoint, environment.purpose));
     if (!known) {
         return known.error();
     }
@@ -100,8 +100,17 @@ Result<std::unique_ptr<Device>> Device::create(const std::string& folder, const 
 }
 
 Result<std::unique_ptr<Device>> Device::open(const std::string& folder, const DeviceEnvironment& environment) {
+    return _open(Root::open(folder, environment.faultPoint, environment.purpose), folder, environment, false);
+}
+
+Result<std::unique_ptr<Device>> Device::look(const std::string& folder) {
+    return _open(Root::look(folder), folder, {}, true);
+}
+
+Result<std::unique_ptr<Device>> Device::_open(Result<std::unique_ptr<Root>> root, const std::string& folder,
+                                              const DeviceEnvironment& environment, bool looks) {
     std::unique_ptr<Device> device(new Device());
-    const auto known = device->_openDatabase(Root::open(folder, environment.faultPoint));
+    const auto known = device->_openDatabase(std::move(root), looks);
     if (!known) {
         return known.error();
     }
@@ -114,12 +123,12 @@ Result<std::unique_ptr<Device>> Device::open(const std::string& folder, const De
 }
 
 /// Whether installs go through coordinators; nullopt when the device has not been made completely.
-Result<std::optional<bool>> Device::_openDatabase(Result<std::unique_ptr<Root>> root) {
+Result<std::optional<bool>> Device::_openDatabase(Result<std::unique_ptr<Root>> root, bool looks) {
     if (!root) {
         return root.error();
     }
     _root = std::move(*root);
-    auto database = Database::open(*_root);
+    auto database = looks ? Database::look(*_root) : Database::open(*_root);
     if (!database) {
         return database.error();
     }
@@ -137,7 +146,8 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
         }
         return bool(opened);
     };
-    if (!place(_log, LogFile::open(files(), environment.log)) ||
+    const bool looks = _database->isReadOnly();
+    if (!place(_log, looks ? LogFile::makeSilent(files()) : LogFile::open(files(), environment.log)) ||
         !place(_transactionLog, TransactionLog::open(*_database, _log.get())) ||
         !place(_policy, DevicePolicy::open(*_database)) || !place(_backup, BackupService::open(*_database, files()))) {
         return failure;
@@ -147,7 +157,7 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
     if (!place(_registry, Registry::open(*_root, *_database, *_propertyLists, environment.registry))) {
         return failure;
     }
-    if (const auto settled = _registry->settle(); !settled) {
+    if (const auto settled = looks ? Settlement() : _registry->settle(); !settled) {
         return settled.error();
     }
     _followRegistry();
@@ -169,8 +179,10 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
     if (!place(_coordinator, InstallCoordinator::open(services, _coordinationIsEnabled))) {
         return failure;
     }
-    _settleApps();
-    _coordinator->resume();
+    if (!looks) {
+        _settleApps();
+        _coordinator->resume();
+    }
     return {};
 }
 

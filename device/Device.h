@@ -56,9 +56,10 @@ struct DeviceOptions {
 
 /// How this process runs it.
 struct DeviceEnvironment {
-    std::shared_ptr<FaultPoint> faultPoint; // may be null
-    RegistryOptions registry;
-    LogLimits log;
+    std::shared_ptr<FaultPoint> faultPoint = nullptr; // may be null
+    std::string purpose = "another command";          // what others are told who find the device in use
+    RegistryOptions registry = {};
+    LogLimits log = {};
 };
 
 /// Any thread. Objects that its services hand out, and clients made with its platform, must be gone before it.
@@ -71,6 +72,11 @@ class Device {
     /// has a device.
     [[nodiscard]] static Result<std::unique_ptr<Device>> open(const std::string& folder,
                                                               const DeviceEnvironment& environment = {});
+    /// Opens a device to look at it, also while another process has it, and where nothing can be written. It is as it
+    /// was at the moment of this call, but for its files; of what runs in another process alone, such as the progress
+    /// of installs, it knows nothing. Nothing is settled, nothing logged, and every change is refused, without one to
+    /// the disk.
+    [[nodiscard]] static Result<std::unique_ptr<Device>> look(const std::string& folder);
     /// Interrupts running installs, which go on when the device is opened again, and closes everything in order.
     ~Device();
     Device(const Device&) = delete;
@@ -128,7 +134,10 @@ class Device {
 
   private:
     Device();
-    [[nodiscard]] Result<std::optional<bool>> _openDatabase(Result<std::unique_ptr<Root>> root);
+    [[nodiscard]] Result<std::optional<bool>> _openDatabase(Result<std::unique_ptr<Root>> root, bool looks = false);
+    [[nodiscard]] static Result<std::unique_ptr<Device>> _open(Result<std::unique_ptr<Root>> root,
+                                                               const std::string& folder,
+                                                               const DeviceEnvironment& environment, bool looks);
     [[nodiscard]] Result<void> _openServices(const DeviceEnvironment& environment, bool coordinationIsEnabled);
     void _followRegistry();
     void _settleApps();

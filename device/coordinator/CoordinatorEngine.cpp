@@ -55,6 +55,9 @@ Result<void> CoordinatorEngine::load() {
     if (auto registered = _store.registerSchema(); !registered) {
         return registered;
     }
+    if (_services.database.isReadOnly()) {
+        return {}; // what is under way belongs to who has the device open, and so do the reports that wait
+    }
     std::uint64_t lastPromise = 0;
     auto coordinators = _store.load(lastPromise, maxHeldReports);
     if (!coordinators) {

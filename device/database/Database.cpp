@@ -5,7 +5,7 @@
 #include "files/Syscalls.h"
 
 #include <sqlite3.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 namespace appsync::device {
 
@@ -14,20 +14,34 @@ namespace {
 /// Number of the layout that this file describes: the table of the services' versions.
 constexpr std::int64_t formatVersion = 1;
 
-/// The write-ahead log without shared memory: this process is the only one that reads or writes. A database from
-/// elsewhere can hold nothing that runs functions on its own.
-constexpr const char* settings = "PRAGMA locking_mode=EXCLUSIVE;"
-                                 "PRAGMA journal_mode=WAL;"
+/// A database from elsewhere can hold nothing that runs functions on its own.
+constexpr const char* safety = "PRAGMA trusted_schema=OFF;"
+                               "PRAGMA cell_size_check=ON;"
+                               "PRAGMA temp_store=MEMORY;";
+
+/// The write-ahead log, beside which others can look.
+constexpr const char* settings = "PRAGMA journal_mode=WAL;"
                                  "PRAGMA synchronous=NORMAL;"
                                  "PRAGMA journal_size_limit=8388608;"
-                                 "PRAGMA foreign_keys=ON;"
-                                 "PRAGMA trusted_schema=OFF;"
-                                 "PRAGMA cell_size_check=ON;"
-                                 "PRAGMA temp_store=MEMORY;";
+                                 "PRAGMA foreign_keys=ON;";
+
+/// How long one waits for the other where the moments of a writer and of a reader meet, such as when the file is made.
+constexpr int maxWait = 5000; // milliseconds
 
 constexpr const char* versionTable = "CREATE TABLE IF NOT EXISTS service_versions ("
                                      "service TEXT PRIMARY KEY, version INTEGER NOT NULL) WITHOUT ROWID;"
                                      "PRAGMA user_version=1;";
+
+constexpr const char* logExtension = "-wal";
+constexpr std::string_view notUpToDate =
+    "its tables are not those of this program: the device is just being made, or was left by an earlier version; have "
+    "a command that changes the device open it first";
+
+/// Of a file; -1 when there is none.
+std::int64_t sizeOf(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 ? static_cast<std::int64_t>(status.st_size) : -1;
+}
 
 DatabaseError classify(int code) {
     switch (code & 0xff) {
@@ -42,6 +56,9 @@ std::string_view remedy(int code) {
     if (code == SQLITE_CANTOPEN_ISDIR) {
         return "; the file, or one beside it whose name begins alike, is a link, a pipe or something else that is no "
                "file: move that away";
+    }
+    if (code == SQLITE_READONLY_RECOVERY || code == SQLITE_READONLY_CANTINIT) {
+        return "; the process that had it open has just ended: try again";
     }
     switch (code & 0xff) {
     case SQLITE_CORRUPT:
@@ -60,23 +77,37 @@ std::string_view remedy(int code) {
 
 } // namespace
 
-Result<std::unique_ptr<Database>> Database::open(Root& root) {
+Database::Database(Descriptor folder, Root& root, bool isReadOnly)
+    : _folder(std::move(folder)), _path(root.databasePath()), _faultPoint(root.files().faultPoint()),
+      _isReadOnly(isReadOnly) {}
+
+Result<std::unique_ptr<Database>> Database::_make(Root& root, bool isReadOnly) {
     auto folder = root.openDatabaseFolder();
     if (!folder) {
         return folder.error();
     }
-    std::unique_ptr<Database> database(
-        new Database(std::move(*folder), root.databasePath(), root.files().faultPoint()));
-    if (const auto opened = database->_open(); !opened) {
+    std::unique_ptr<Database> database(new Database(std::move(*folder), root, isReadOnly));
+    if (const auto opened = isReadOnly ? database->_look() : database->_open(); !opened) {
         return opened.error();
     }
     return database;
 }
 
+Result<std::unique_ptr<Database>> Database::open(Root& root) {
+    return _make(root, false);
+}
+
+Result<std::unique_ptr<Database>> Database::look(Root& root) {
+    return _make(root, true);
+}
+
+std::string Database::_reachablePath() const {
+    return "/proc/self/fd/" + std::to_string(_folder.get()) + "/" + _path.substr(_path.rfind('/') + 1);
+}
+
 Result<void> Database::_open() noexcept {
-    const std::string path =
-        "/proc/self/fd/" + std::to_string(_folder.get()) + "/" + _path.substr(_path.rfind('/') + 1);
-    const bool wasInterrupted = ::access((path + "-wal").c_str(), F_OK) == 0; // closing removes the log
+    const std::string path = _reachablePath();
+    const bool wasInterrupted = sizeOf(path + logExtension) > 0; // closing empties the log
     constexpr int flags =
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
     if (const int code = sqlite3_open_v2(path.c_str(), &_handle, flags, databaseFiles()); code != SQLITE_OK) {
@@ -85,6 +116,11 @@ Result<void> Database::_open() noexcept {
     }
     sqlite3_db_config(_handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(_handle, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
+    sqlite3_busy_timeout(_handle, maxWait);
+    // The log and the shared memory stay: one who looks cannot make them.
+    int keepsFiles = 1;
+    sqlite3_file_control(_handle, "main", SQLITE_FCNTL_PERSIST_WAL, &keepsFiles);
+    _execute(safety);
     _execute(settings);
     _checkVersion();
     if (wasInterrupted) {
@@ -93,16 +129,55 @@ Result<void> Database::_open() noexcept {
     return _failure;
 }
 
-void Database::_checkVersion() {
+/// With the log and the shared memory there SQLite finds out by their locks whether the device is open elsewhere, and
+/// without them only that nobody has opened it since it was closed, by a version of this program that removed them.
+Result<void> Database::_look() noexcept {
+    const std::string path = _reachablePath();
+    const std::int64_t logSize = sizeOf(path + logExtension);
+    const bool hasSharedMemory = sizeOf(path + "-shm") >= 0;
+    if (logSize > 0 && !hasSharedMemory) {
+        _fail(
+            DatabaseError::failed,
+            "its log, the file beside it that ends in \"-wal\", holds changes that cannot be read without the one that "
+            "ends in \"-shm\", which is missing; have a command that changes the device open it first");
+        return _failure;
+    }
+    const bool isAlone = logSize < 0 || !hasSharedMemory;
+    const std::string address = "file:" + path + (isAlone ? "?immutable=1" : "?readonly_shm=1");
+    constexpr int flags =
+        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
+    if (const int code = sqlite3_open_v2(address.c_str(), &_handle, flags, databaseFilesForReading());
+        code != SQLITE_OK) {
+        _fail(code, "opening it to look at it");
+        return _failure;
+    }
+    sqlite3_db_config(_handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(_handle, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
+    sqlite3_db_config(_handle, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    sqlite3_busy_timeout(_handle, maxWait);
+    _execute(safety);
+    _execute("BEGIN"); // ended by closing
+    _checkVersion();   // the first look: its moment is that of all others
+    return _failure;
+}
+
+std::int64_t Database::_readVersion() {
     sqlite3_stmt* query = _prepare("PRAGMA user_version", {}, false);
     const std::int64_t version = _step(query) ? sqlite3_column_int64(query, 0) : 0;
     _release(query);
+    return version;
+}
+
+void Database::_checkVersion() {
+    const std::int64_t version = _readVersion();
     if (version > formatVersion) {
         _fail(DatabaseError::newerSchema, "it has format " + std::to_string(version) +
                                               ", this program knows formats up to " + std::to_string(formatVersion) +
                                               "; use the later program");
-    } else if (version < formatVersion) {
+    } else if (version < formatVersion && !_isReadOnly) {
         _execute(std::string("BEGIN;") + versionTable + "COMMIT;");
+    } else if (version < formatVersion) {
+        _fail(DatabaseError::olderSchema, std::string(notUpToDate));
     }
 }
 
@@ -141,7 +216,10 @@ Result<void> Database::registerSchema(std::string_view service, std::span<const 
                                               std::to_string(version) + ", this program knows versions up to " +
                                               std::to_string(steps.size()) + "; use the later program");
     }
-    if (version >= steps.size()) {
+    if (_isReadOnly && version < steps.size()) {
+        _fail(DatabaseError::olderSchema, std::string(notUpToDate));
+    }
+    if (_isReadOnly || version >= steps.size()) {
         return transaction.error();
     }
     for (const std::string_view step : steps.subspan(version)) {
@@ -257,6 +335,9 @@ void Database::_fail(DatabaseError code, const std::string& text) noexcept {
 Database::Transaction::Transaction(Database& database, Durability durability) noexcept : _database(database) {
     _database._mutex.lock();
     _database._failure = nullptr;
+    if (_database._isReadOnly) {
+        return; // within the one that sees the moment of opening
+    }
     if (durability != _database._durability) { // cannot be changed inside a transaction
         _database._execute(durability == Durability::durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
         _database._durability = durability;
@@ -265,13 +346,16 @@ Database::Transaction::Transaction(Database& database, Durability durability) no
 }
 
 Database::Transaction::~Transaction() {
-    if (sqlite3_get_autocommit(_database._handle) == 0) { // not committed
+    if (!_database._isReadOnly && sqlite3_get_autocommit(_database._handle) == 0) { // not committed
         sqlite3_exec(_database._handle, "ROLLBACK", nullptr, nullptr, nullptr);
     }
     _database._mutex.unlock();
 }
 
 Result<void> Database::Transaction::commit() noexcept {
+    if (_database._isReadOnly) {
+        return error();
+    }
     if (const int failed = error() ? 0 : beforeChange(_database._faultPoint, "commit", _database._path)) {
         _database._fail(DatabaseError::failed, "committing: " + systemText(failed));
     }

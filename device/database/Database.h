@@ -31,6 +31,7 @@ enum class DatabaseError : std::int64_t {
     damaged = 2,     // the file is no database, or a damaged one
     newerSchema = 3, // made by a later version of this program
     full = 4,        // no space is left
+    olderSchema = 5, // `look`: made by an earlier version of this program, or not made completely
 };
 
 /// When a committed transaction outlasts a loss of power. Either way it outlasts the process, and after a loss of power
@@ -125,9 +126,13 @@ class Database {
         Database& _database;
     };
 
-    /// Opens a device's database, and makes it when there is none. Other processes cannot use it meanwhile. The root
+    /// Opens a device's database, and makes it when there is none. Other processes may look at it meanwhile. The root
     /// must outlive it.
     [[nodiscard]] static Result<std::unique_ptr<Database>> open(Root& root);
+    /// Opens it to look at it, also while another process changes it, and where nothing can be written. All
+    /// transactions together see one moment, that of this call; none changes anything. Nothing is made or written, not
+    /// even beside the file.
+    [[nodiscard]] static Result<std::unique_ptr<Database>> look(Root& root);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
@@ -135,16 +140,21 @@ class Database {
     /// Brings a service's own tables up to date. `steps[n]` is the SQL (one or more statements) that leads from version
     /// n to n + 1; steps that have been done are not done again, so that a released step must never change. To be
     /// called by each service when it is made.
+    /// One who looks brings nothing up to date: tables of an earlier version are an error.
     [[nodiscard]] Result<void> registerSchema(std::string_view service, std::span<const std::string_view> steps);
+    /// Whether it was opened to look at it.
+    [[nodiscard]] bool isReadOnly() const noexcept { return _isReadOnly; }
 
   private:
     struct TextHash : std::hash<std::string_view> {
         using is_transparent = void;
     };
 
-    Database(Descriptor folder, std::string path, FaultPoint* faultPoint)
-        : _folder(std::move(folder)), _path(std::move(path)), _faultPoint(faultPoint) {}
+    Database(Descriptor folder, Root& root, bool isReadOnly);
+    [[nodiscard]] static Result<std::unique_ptr<Database>> _make(Root& root, bool isReadOnly);
+    [[nodiscard]] std::string _reachablePath() const;
     [[nodiscard]] Result<void> _open() noexcept;
+    [[nodiscard]] Result<void> _look() noexcept;
 
     // After a failure none of these does anything.
 
@@ -163,12 +173,14 @@ class Database {
 
     /// Keeps a statement for the next use of the same text.
     void _release(sqlite3_stmt* statement) noexcept;
+    [[nodiscard]] std::int64_t _readVersion();
     void _checkVersion();
     void _checkContent();
 
     const Descriptor _folder;
     const std::string _path; // on this machine, for messages
     FaultPoint* const _faultPoint;
+    const bool _isReadOnly;
     Mutex _mutex; // held by the present transaction, which alone uses the rest
     sqlite3* _handle = nullptr;
     std::unordered_map<std::string, std::vector<sqlite3_stmt*>, TextHash, std::equal_to<>> _idleStatements;

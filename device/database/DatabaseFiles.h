@@ -8,4 +8,7 @@ namespace appsync::device {
 /// there but is no regular file is refused with SQLITE_CANTOPEN_ISDIR; opening a pipe would wait without end.
 [[nodiscard]] const char* databaseFiles() noexcept;
 
+/// The same for one who looks: every file is opened for reading alone, and none is made.
+[[nodiscard]] const char* databaseFilesForReading() noexcept;
+
 } // namespace appsync::device

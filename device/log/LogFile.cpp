@@ -73,6 +73,12 @@ std::string formatLogTime(std::chrono::system_clock::time_point time) {
     return {text, static_cast<std::size_t>(length)};
 }
 
+std::chrono::system_clock::time_point parseLogTime(const std::string& text) {
+    std::tm utc{};
+    const bool isTime = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &utc) != nullptr;
+    return std::chrono::system_clock::from_time_t(isTime ? ::timegm(&utc) : 0);
+}
+
 Result<std::unique_ptr<LogFile>> LogFile::open(DeviceFileSystem& files, LogLimits limits) {
     ErrorPtr error;
     const std::string_view folder = logFilePath.substr(0, logFilePath.rfind('/'));
@@ -85,6 +91,10 @@ Result<std::unique_ptr<LogFile>> LogFile::open(DeviceFileSystem& files, LogLimit
         return opened.error();
     }
     return log;
+}
+
+std::unique_ptr<LogFile> LogFile::makeSilent(DeviceFileSystem& files) {
+    return std::unique_ptr<LogFile>(new LogFile(files, {}, true));
 }
 
 LogFile::~LogFile() {
@@ -122,6 +132,9 @@ Result<void> LogFile::_open() {
 }
 
 void LogFile::_append(std::string_view source, LogLevel level, std::string_view text) {
+    if (_isSilent) {
+        return;
+    }
     const std::string line = makeLine(source, level, text);
     const Lock lock(_mutex);
     _buffer += line;

@@ -37,10 +37,12 @@ class LogFile final : public HostLog {
   public:
     /// Goes on at the end of the file that is there. `files` must outlive the log.
     [[nodiscard]] static Result<std::unique_ptr<LogFile>> open(DeviceFileSystem& files, LogLimits limits = {});
+    /// Of a device that is only looked at: nothing is wanted, and nothing written.
+    [[nodiscard]] static std::unique_ptr<LogFile> makeSilent(DeviceFileSystem& files);
     ~LogFile() override;
 
-    /// Every message is wanted.
-    [[nodiscard]] bool isEnabled(QRLogCategory, LogLevel) noexcept override { return true; }
+    /// Every message is wanted, or none.
+    [[nodiscard]] bool isEnabled(QRLogCategory, LogLevel) noexcept override { return !_isSilent; }
     void write(QRLogCategory category, LogLevel level, std::string_view format,
                std::string_view text) noexcept override;
 
@@ -51,7 +53,8 @@ class LogFile final : public HostLog {
     [[nodiscard]] ErrorPtr failure() noexcept;
 
   private:
-    LogFile(DeviceFileSystem& files, LogLimits limits) : _files(files), _limits(limits) {
+    LogFile(DeviceFileSystem& files, LogLimits limits, bool isSilent = false)
+        : _files(files), _limits(limits), _isSilent(isSilent) {
         assert(limits.olderFiles <= maxOlderLogFiles);
     }
 
@@ -63,6 +66,7 @@ class LogFile final : public HostLog {
 
     DeviceFileSystem& _files;
     const LogLimits _limits;
+    const bool _isSilent;
     Mutex _mutex;
     Descriptor _file GUARDED_BY(_mutex);
     std::uint64_t _size GUARDED_BY(_mutex) = 0;
@@ -80,5 +84,7 @@ class LogFile final : public HostLog {
 
 /// A point in time as it stands in the log.
 [[nodiscard]] std::string formatLogTime(std::chrono::system_clock::time_point time);
+/// The point in time, to the second; the beginning of 1970 for what is none.
+[[nodiscard]] std::chrono::system_clock::time_point parseLogTime(const std::string& text);
 
 } // namespace appsync::device

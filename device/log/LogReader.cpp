@@ -3,8 +3,15 @@
 #include "device/log/LogFile.h"
 #include "device/root/DeviceFileSystem.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
+#include <utility>
 
 namespace appsync::device {
 
@@ -54,26 +61,95 @@ std::optional<LogEntry> parseLogLine(std::string_view line) {
                     withoutEscapes(line)};
 }
 
-Result<void> readLog(DeviceFileSystem& files, const std::function<bool(const LogEntry&)>& visit) {
-    for (unsigned age = maxOlderLogFiles + 1; age-- > 0;) {
-        ErrorPtr error;
-        const auto content = files.readFile(logPath(age), &error);
-        if (!content && (error->code() == ENOENT || error->code() == ENOTDIR)) {
+/// The files that there are, oldest first. Each is opened before any is read, and the younger ones first: what is put
+/// aside meanwhile is found under its new name, perhaps twice, but not missed.
+Result<std::vector<LogCursor::OpenedFile>> LogCursor::_openFiles() {
+    std::vector<OpenedFile> opened;
+    for (unsigned age = 0; age <= maxOlderLogFiles; ++age) {
+        auto file = _files.open(logPath(age), O_RDONLY);
+        struct stat status {};
+        if (!file && (file.error()->code() == ENOENT || file.error()->code() == ENOTDIR)) {
             continue;
         }
-        if (!content) {
-            return error;
+        if (!file) {
+            return file.error();
         }
-        std::string_view rest = content->bytes();
-        for (auto end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
-            const auto entry = parseLogLine(rest.substr(0, end));
-            if (entry && !visit(*entry)) {
-                return {};
-            }
-            rest.remove_prefix(end + 1);
+        const ino_t identity = ::fstat(file->get(), &status) == 0 ? status.st_ino : 0;
+        if (std::ranges::find(opened, identity, &OpenedFile::identity) == opened.end()) {
+            opened.push_back({std::move(*file), identity});
+        }
+    }
+    std::ranges::reverse(opened);
+    return opened;
+}
+
+/// A file that is open is read to its end first: it may have been put aside, and others after it.
+Result<void> LogCursor::readOn(const std::function<bool(const LogEntry&)>& visit) {
+    auto files = _openFiles();
+    if (!files) {
+        return files.error();
+    }
+    if (_file.isOpen()) {
+        const auto isWanted = _readFile(_file.get(), visit);
+        if (!isWanted || !*isWanted) {
+            return isWanted.error();
+        }
+    }
+    const auto last = std::ranges::find(*files, _identity, &OpenedFile::identity);
+    for (auto file = last == files->end() ? files->begin() : last + 1; file != files->end(); ++file) {
+        _unended.clear();
+        _skips = false;
+        _file = std::move(file->file);
+        _identity = file->identity;
+        const auto isWanted = _readFile(_file.get(), visit);
+        if (!isWanted || !*isWanted) {
+            return isWanted.error();
         }
     }
     return {};
+}
+
+Result<bool> LogCursor::_readFile(int file, const std::function<bool(const LogEntry&)>& visit) {
+    std::array<char, 64U << 10> piece{};
+    for (;;) {
+        const ssize_t length = ::read(file, piece.data(), piece.size());
+        if (length < 0 && errno == EINTR) {
+            continue;
+        }
+        if (length < 0) {
+            return makePosixError(errno, "reading", logFilePath);
+        }
+        if (length == 0) {
+            return true;
+        }
+        _unended.append(piece.data(), static_cast<std::size_t>(length));
+        if (!_visitLines(visit)) {
+            return false;
+        }
+    }
+}
+
+/// Visits the lines that have an end.
+bool LogCursor::_visitLines(const std::function<bool(const LogEntry&)>& visit) {
+    constexpr std::size_t maxLineSize = 16U << 20;
+    std::string_view rest = _unended;
+    for (auto end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
+        const auto entry = std::exchange(_skips, false) ? std::nullopt : parseLogLine(rest.substr(0, end));
+        rest.remove_prefix(end + 1);
+        if (entry && !visit(*entry)) {
+            return false;
+        }
+    }
+    _unended.erase(0, _unended.size() - rest.size());
+    if (_unended.size() > maxLineSize) {
+        _unended.clear();
+        _skips = true;
+    }
+    return true;
+}
+
+Result<void> readLog(DeviceFileSystem& files, const std::function<bool(const LogEntry&)>& visit) {
+    return LogCursor(files).readOn(visit);
 }
 
 } // namespace appsync::device

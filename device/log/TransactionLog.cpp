@@ -61,6 +61,9 @@ Result<std::unique_ptr<TransactionLog>> TransactionLog::open(Database& database,
         return registered.error();
     }
     std::unique_ptr<TransactionLog> log(new TransactionLog(database, mirror, capacity));
+    if (database.isReadOnly()) {
+        return log;
+    }
     if (!log->_writer.start()) {
         return makeNoThreadError("the transaction log");
     }
@@ -101,6 +104,9 @@ void TransactionLog::logScenario_step_success_forBundleID_description(std::strin
 }
 
 void TransactionLog::_append(TransactionRecord record) {
+    if (_database.isReadOnly()) {
+        return;
+    }
     SystemLogPtr log;
     const std::string text = record.text();
     const LogLevel level = record.success ? LogLevel::standard : LogLevel::error;
@@ -172,11 +178,11 @@ Result<void> TransactionLog::_write(const std::vector<TransactionRecord>& record
 }
 
 Result<void> TransactionLog::visit(const std::function<bool(const TransactionRecord&)>& visit,
-                                   std::optional<std::string_view> bundleID) {
+                                   std::optional<std::string_view> bundleID, std::int64_t after) {
     if (auto flushed = flush(); !flushed) {
         return flushed;
     }
-    std::int64_t last = 0;
+    std::int64_t last = after;
     for (;;) {
         const auto page = _page(last, bundleID);
         if (!page) {

@@ -38,7 +38,8 @@ class TransactionLog final : public AITransactionLog {
   public:
     static constexpr std::int64_t defaultCapacity = 100'000;
 
-    /// Keeps the newest `capacity` records. Both must outlive the log; `mirror` may be null.
+    /// Keeps the newest `capacity` records, and in a database that is only looked at no further ones. Both must outlive
+    /// the log; `mirror` may be null.
     [[nodiscard]] static Result<std::unique_ptr<TransactionLog>> open(Database& database, LogFile* mirror,
                                                                       std::int64_t capacity = defaultCapacity);
     /// Writes what has not been written yet.
@@ -53,9 +54,10 @@ class TransactionLog final : public AITransactionLog {
                                                           std::string_view bundleID,
                                                           std::string_view description) noexcept override;
 
-    /// All records, oldest first, those of one app if a bundle identifier is given; until `visit` returns false.
+    /// All records with a number above `after`, oldest first, those of one app if a bundle identifier is given; until
+    /// `visit` returns false.
     [[nodiscard]] Result<void> visit(const std::function<bool(const TransactionRecord&)>& visit,
-                                     std::optional<std::string_view> bundleID = std::nullopt);
+                                     std::optional<std::string_view> bundleID = std::nullopt, std::int64_t after = 0);
     [[nodiscard]] Result<std::vector<TransactionRecord>>
     records(std::optional<std::string_view> bundleID = std::nullopt);
     /// Returns when everything logged before is in the database, or with the reason why it cannot be written; then it

@@ -29,10 +29,6 @@ std::string busyName(std::string_view identifier) {
     return std::string(identifier) + ".busy";
 }
 
-std::string busyPath(std::string_view identifier) {
-    return std::string(runFolder) + "/" + busyName(identifier);
-}
-
 /// The lock is the open file's: children that inherit it hold it, too.
 bool askForLock(int record, int command, struct flock& lock) {
     lock = {};
@@ -70,6 +66,10 @@ ErrorPtr processError(ProcessError code, std::string_view identifier, const std:
 }
 
 } // namespace
+
+std::string busyPath(std::string_view identifier) {
+    return std::string(runFolder) + "/" + busyName(identifier);
+}
 
 Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     const std::string& identifier = request.identifier;

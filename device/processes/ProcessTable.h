@@ -33,6 +33,9 @@ enum class ProcessError : std::int64_t {
     inUse = 7,           // it is busy and cannot be ended now
 };
 
+/// The file by which an app holds itself busy.
+[[nodiscard]] std::string busyPath(std::string_view bundleIdentifier);
+
 /// What to start; the paths are paths of this machine.
 struct LaunchRequest {
     std::string identifier;

@@ -95,7 +95,7 @@ Result<void> Registry::_load() {
     }
     for (const std::string_view folder : {containersFolder, stagingFolder}) {
         ErrorPtr error;
-        if (!_files.createDirectory(folder, true, std::nullopt, &error)) {
+        if (!_database.isReadOnly() && !_files.createDirectory(folder, true, std::nullopt, &error)) {
             return _makeFailure("open the application registry", error, folder);
         }
     }

@@ -127,7 +127,11 @@ int DeviceFileSystem::_findPlace(std::string_view path, int flags, Place& place)
 
 int DeviceFileSystem::_open(std::string_view path, int flags, mode_t mode, Descriptor& opened) {
     const bool wantsBytes = (flags & (O_DIRECTORY | O_PATH)) == 0;
+    const bool changes = (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
     int failed = checkPath(path);
+    if (failed == 0 && changes) {
+        failed = beforeChange(faultPoint(), "open", path);
+    }
     if (failed == 0) {
         failed = openInRoot(_root.get(), std::string(path), flags | (wantsBytes ? withoutWaiting : 0), mode, opened);
     }
@@ -262,7 +266,10 @@ std::optional<FileInformation> DeviceFileSystem::attributesOfItem(std::string_vi
 
 int DeviceFileSystem::utimes(std::string_view path) noexcept {
     Descriptor found;
-    const int failed = _open(path, O_PATH, 0, found);
+    int failed = _open(path, O_PATH, 0, found);
+    if (failed == 0) {
+        failed = beforeChange(faultPoint(), "utimes", path);
+    }
     return failed != 0 ? failed : errnoOf(::utimensat(found.get(), "", nullptr, AT_EMPTY_PATH));
 }
 

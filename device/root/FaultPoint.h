@@ -1,6 +1,7 @@
 // A place to step in before the device changes its disk.
 #pragma once
 
+#include <cerrno>
 #include <string_view>
 
 namespace appsync::device {
@@ -13,6 +14,12 @@ class FaultPoint {
     /// `operation` names the change ("write", "rename", "sync", "commit", …), `path` what it changes. Zero to go on, or
     /// an errno number with which the operation is to fail without being tried.
     virtual int before(std::string_view operation, std::string_view path) noexcept = 0;
+};
+
+/// Refuses every change: the disk is only looked at.
+class NoChanges final : public FaultPoint {
+  public:
+    int before(std::string_view /*operation*/, std::string_view /*path*/) noexcept override { return EROFS; }
 };
 
 /// Asks the fault point, if there is one, before a change; zero or an errno number.

@@ -3,7 +3,8 @@
 #include "device/root/Tree.h"
 #include "files/Syscalls.h"
 
-#include <sys/file.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -74,20 +75,65 @@ Result<void> checkMarker(DeviceFileSystem& files, const std::string& folder) {
     return {};
 }
 
-ErrorPtr inUseError(int lock, const std::string& folder) {
-    constexpr std::size_t maxOwnerSize = 100;
-    std::string owner;
-    if (readAll(lock, maxOwnerSize, owner) != 0 || owner.empty()) {
-        owner = "another process\n";
+/// The lock is the open file's.
+struct flock wholeFile() {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET; // from the beginning, of any length
+    return lock;
+}
+
+// What the owner writes into the locked file: "process 1234 since 1795347727: a sync", the time in seconds since 1970.
+constexpr std::string_view ownerWord = "process ";
+constexpr std::string_view sinceWord = " since ";
+
+std::string ownerText(std::string_view purpose) {
+    const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    return std::string(ownerWord) + std::to_string(::getpid()) + std::string(sinceWord) + std::to_string(now) + ": " +
+           std::string(purpose) + "\n";
+}
+
+/// Takes a word off the front of a text, and the number behind it.
+template <class Number> bool cutNumber(std::string_view& text, std::string_view word, Number& number) {
+    if (!text.starts_with(word)) {
+        return false;
     }
-    owner.pop_back();
+    text.remove_prefix(word.size());
+    const auto end = std::from_chars(text.data(), text.data() + text.size(), number);
+    text.remove_prefix(static_cast<std::size_t>(end.ptr - text.data()));
+    return end.ec == std::errc();
+}
+
+/// Of a locked file; anybody may have written it.
+DeviceOwner readOwner(int lock) {
+    constexpr std::size_t maxOwnerSize = 200;
+    std::string bytes;
+    DeviceOwner owner;
+    if (readAll(lock, maxOwnerSize, bytes) != 0) {
+        return owner;
+    }
+    std::string_view text = bytes;
+    std::int64_t seconds = 0;
+    if (!cutNumber(text, ownerWord, owner.process) || !cutNumber(text, sinceWord, seconds) || !text.starts_with(": ") ||
+        !text.ends_with('\n')) {
+        return owner;
+    }
+    owner.since = std::chrono::system_clock::from_time_t(seconds);
+    owner.purpose = text.substr(2, text.size() - 3);
+    return owner;
+}
+
+ErrorPtr inUseError(int lock, const std::string& folder) {
+    const DeviceOwner owner = readOwner(lock);
+    const std::string process = owner.process > 0 ? " (process " + std::to_string(owner.process) + ")" : "";
     return rootError(RootError::inUse, folder,
-                     "the device " + folder + " is in use by " + owner +
-                         "; only one process at a time can have it open: end that one, or wait for it");
+                     "the device " + folder + " is in use by " +
+                         (owner.purpose.empty() ? "another command" : owner.purpose) + process +
+                         "; only one process at a time can change it: end that one, or wait for it");
 }
 
 /// Takes the device for this process until the lock's descriptor is closed.
-Result<Descriptor> takeLock(DeviceFileSystem& files, const std::string& folder) {
+Result<Descriptor> takeLock(DeviceFileSystem& files, const std::string& folder, std::string_view purpose) {
     auto lock = files.open(lockPath, O_RDWR | O_CREAT | O_NOFOLLOW, 0644);
     if (!lock) {
         const int failed = static_cast<int>(lock.error()->code());
@@ -95,18 +141,16 @@ Result<Descriptor> takeLock(DeviceFileSystem& files, const std::string& folder) 
                                     : rootError(RootError::failed, folder,
                                                 "cannot lock the device " + folder + ": " + errorText(lock.error()));
     }
-    int failed = 0;
-    do {
-        failed = errnoOf(::flock(lock->get(), LOCK_EX | LOCK_NB));
-    } while (failed == EINTR);
-    if (failed == EWOULDBLOCK) {
+    struct flock whole = wholeFile();
+    int failed = errnoOf(::fcntl(lock->get(), F_OFD_SETLK, &whole));
+    if (failed == EAGAIN || failed == EACCES) {
         return inUseError(lock->get(), folder);
     }
     if (failed == 0) {
         failed = errnoOf(::ftruncate(lock->get(), 0));
     }
     if (failed == 0) {
-        failed = writeAll(lock->get(), "process " + std::to_string(::getpid()) + "\n");
+        failed = writeAll(lock->get(), ownerText(purpose));
     }
     if (failed != 0) {
         return systemError(failed, folder, "cannot lock the device");
@@ -172,7 +216,8 @@ struct Root::HostFolder {
     }
 };
 
-Result<std::unique_ptr<Root>> Root::create(const std::string& folder, std::shared_ptr<FaultPoint> faultPoint) {
+Result<std::unique_ptr<Root>> Root::create(const std::string& folder, std::shared_ptr<FaultPoint> faultPoint,
+                                           std::string_view purpose) {
     std::error_code failed;
     std::filesystem::create_directories(folder, failed);
     auto host = HostFolder::open(folder);
@@ -183,15 +228,40 @@ Result<std::unique_ptr<Root>> Root::create(const std::string& folder, std::share
     if (const auto written = writeMarker(files, folder); !written) {
         return written.error();
     }
-    return _open(std::move(*host), std::move(faultPoint));
+    return _open(std::move(*host), std::move(faultPoint), purpose);
 }
 
-Result<std::unique_ptr<Root>> Root::open(const std::string& folder, std::shared_ptr<FaultPoint> faultPoint) {
+Result<std::unique_ptr<Root>> Root::open(const std::string& folder, std::shared_ptr<FaultPoint> faultPoint,
+                                         std::string_view purpose) {
     auto host = HostFolder::open(folder);
     if (!host) {
         return host.error();
     }
-    return _open(std::move(*host), std::move(faultPoint));
+    return _open(std::move(*host), std::move(faultPoint), purpose);
+}
+
+Result<std::unique_ptr<Root>> Root::look(const std::string& folder) {
+    auto host = HostFolder::open(folder);
+    if (!host) {
+        return host.error();
+    }
+    auto files = std::make_unique<DeviceFileSystem>(std::move(host->opened), std::make_shared<NoChanges>());
+    if (const auto checked = checkMarker(*files, host->path); !checked) {
+        return checked.error();
+    }
+    return std::unique_ptr<Root>(new Root(std::move(host->path), Descriptor(), std::move(files)));
+}
+
+std::optional<DeviceOwner> Root::owner(const std::string& folder) {
+    auto host = HostFolder::open(folder);
+    if (!host) {
+        return std::nullopt;
+    }
+    DeviceFileSystem files(std::move(host->opened), nullptr);
+    const auto lock = files.open(lockPath, O_RDONLY | O_NOFOLLOW);
+    struct flock whole = wholeFile(); // asked for, not taken
+    const bool isLocked = lock && ::fcntl(lock->get(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+    return isLocked ? std::optional(readOwner(lock->get())) : std::nullopt;
 }
 
 Result<void> Root::check(const std::string& folder) {
@@ -203,12 +273,13 @@ Result<void> Root::check(const std::string& folder) {
     return checkMarker(files, host->path);
 }
 
-Result<std::unique_ptr<Root>> Root::_open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint) {
+Result<std::unique_ptr<Root>> Root::_open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint,
+                                          std::string_view purpose) {
     auto files = std::make_unique<DeviceFileSystem>(std::move(host.opened), std::move(faultPoint));
     if (const auto checked = checkMarker(*files, host.path); !checked) {
         return checked.error();
     }
-    auto lock = takeLock(*files, host.path);
+    auto lock = takeLock(*files, host.path, purpose);
     if (!lock) {
         return lock.error();
     }

@@ -1,7 +1,7 @@
 // A folder that is a device: its files at their fixed paths, its temporary directory and its database.
 //
 //   DIR/device-root               says that the folder is a device, and the version of its layout
-//   DIR/device-lock               locked by the process that has the device open
+//   DIR/device-lock               locked by the process that has the device open, and says what that does
 //   DIR/var/db/device.sqlite      what the services remember
 //   DIR/var/containers/Bundle/    the installed apps
 //   DIR/var/mobile/               files of the person who owns the device
@@ -12,7 +12,11 @@
 #include "device/root/DeviceFileSystem.h"
 #include "device/root/Paths.h"
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace appsync::device {
@@ -28,18 +32,32 @@ enum class RootError : std::int64_t {
     failed = 7,      // anything else; the description has the system's reason
 };
 
-/// An open device root; at most one exists per folder, in all processes. Any thread.
+/// The process that has a device open, as it says itself.
+struct DeviceOwner {
+    std::string purpose; // what it does, such as "a sync"
+    pid_t process = 0;
+    std::chrono::system_clock::time_point since = {};
+};
+
+/// An open device root; at most one exists per folder, in all processes, beside those that look. Any thread.
 class Root {
   public:
     /// Makes a device of a folder that is empty or does not exist yet, and opens it. One that is a device is just
-    /// opened. `faultPoint` may be null.
+    /// opened. `faultPoint` may be null. `purpose` is what others are told who find the device in use.
     [[nodiscard]] static Result<std::unique_ptr<Root>> create(const std::string& folder,
-                                                              std::shared_ptr<FaultPoint> faultPoint = nullptr);
+                                                              std::shared_ptr<FaultPoint> faultPoint = nullptr,
+                                                              std::string_view purpose = "another command");
     [[nodiscard]] static Result<std::unique_ptr<Root>> open(const std::string& folder,
-                                                            std::shared_ptr<FaultPoint> faultPoint = nullptr);
+                                                            std::shared_ptr<FaultPoint> faultPoint = nullptr,
+                                                            std::string_view purpose = "another command");
+    /// Opens a device to look at it, whoever has it open, and where nothing can be written: nothing is settled, and
+    /// every change is refused with EROFS.
+    [[nodiscard]] static Result<std::unique_ptr<Root>> look(const std::string& folder);
     /// Whether a folder is a device that this program knows. Opens nothing and changes nothing, so that it may be asked
     /// while another process has the device open.
     [[nodiscard]] static Result<void> check(const std::string& folder);
+    /// Who has a device open now; nullopt when nobody has, or when it cannot be found out. What is not told is empty.
+    [[nodiscard]] static std::optional<DeviceOwner> owner(const std::string& folder);
     Root(const Root&) = delete;
     Root& operator=(const Root&) = delete;
 
@@ -55,12 +73,13 @@ class Root {
 
   private:
     struct HostFolder;
-    static Result<std::unique_ptr<Root>> _open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint);
+    static Result<std::unique_ptr<Root>> _open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint,
+                                               std::string_view purpose);
     Root(std::string folder, Descriptor lock, std::unique_ptr<DeviceFileSystem> files)
         : _folder(std::move(folder)), _lock(std::move(lock)), _files(std::move(files)) {}
 
     const std::string _folder; // the absolute path on this machine
-    const Descriptor _lock;
+    const Descriptor _lock;    // not opened by one who looks
     const std::unique_ptr<DeviceFileSystem> _files;
 };
 

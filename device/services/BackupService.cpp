@@ -65,11 +65,14 @@ Result<std::unique_ptr<BackupService>> BackupService::open(Database& database, D
     if (const auto registered = database.registerSchema("backup", schema); !registered) {
         return registered.error();
     }
+    std::unique_ptr<BackupService> service(new BackupService(database, files));
+    if (database.isReadOnly()) {
+        return service;
+    }
     ErrorPtr error;
     if (!files.createDirectory(waitingFolder, true, std::nullopt, &error)) {
         return error;
     }
-    std::unique_ptr<BackupService> service(new BackupService(database, files));
     if (const auto settled = service->_settle(); !settled) {
         return settled.error();
     }

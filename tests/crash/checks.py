@@ -172,8 +172,8 @@ def check_end(scenario, device, names, has_installed=True):
                 if not WORK_AREA.match(name) and (has_installed or not RECEIPT.match(name))]
     problems += [f"{name} is missing" for name in names - found
                  if not WORK_AREA.match(name) and not PLACEHOLDER_ICON.fullmatch(name)]
-    if "/var/db/device.sqlite-wal" in found:
-        return problems
+    if os.path.getsize(device + "/var/db/device.sqlite-wal") > 0:
+        return problems + ["the database was not closed"]
     problems += _check_installed(device, {identifier: [app] for identifier, app in scenario.after.items()})
     rows = _query(device, "SELECT identifier, placeholder FROM applications")
     problems += [f"{identifier} has a placeholder" for identifier, placeholder in rows

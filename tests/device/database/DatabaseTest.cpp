@@ -4,7 +4,6 @@
 #include "tests/device/root/Faults.h"
 #include "tests/device/root/TemporaryFolder.h"
 
-#include <sqlite3.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -245,19 +244,6 @@ TEST_F(DatabaseTest, TruncatedDatabaseIsReportedAsDamaged) {
     } else {
         EXPECT_TRUE(isError(opened.error(), databaseErrorDomain, DatabaseError::damaged));
     }
-}
-
-TEST_F(DatabaseTest, OtherProgramsAreKeptOut) {
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open_v2(path.c_str(), &other, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(other, "INSERT INTO numbers (n) VALUES (9)", nullptr, nullptr, nullptr), SQLITE_BUSY);
-    sqlite3_close(other);
-}
-
-TEST_F(DatabaseTest, SaysThatAnotherProgramHasTheDatabaseOpen) {
-    const auto second = Database::open(*root);
-    ASSERT_FALSE(second);
-    EXPECT_NE(errorText(second.error()).find("another program has the database open"), std::string::npos);
 }
 
 TEST_F(DatabaseTest, CommittedTransactionsOutlastTheProcess) {

@@ -202,6 +202,64 @@ TEST_F(LogFileTest, LinesOfAnotherFormArePassedOver) {
     EXPECT_EQ(texts(), std::vector<std::string>{"good"});
 }
 
+TEST_F(LogFileTest, ACursorReadsOnThroughFullFiles) {
+    LogCursor cursor(device.files());
+    const auto come = [&] {
+        std::string texts;
+        EXPECT_TRUE(cursor.readOn([&](const LogEntry& entry) {
+            texts += entry.text + " ";
+            return true;
+        }));
+        return texts;
+    };
+    EXPECT_EQ(come(), "");
+    auto log = open({1, 5}); // each flush begins a new file
+    const auto flushed = [&](std::string_view text) {
+        say(*log, text);
+        log->flush();
+    };
+    flushed("a");
+    EXPECT_EQ(come(), "a ");
+    EXPECT_EQ(come(), "");
+    flushed("b");
+    EXPECT_EQ(come(), "b ");
+    flushed("c");
+    flushed("d");
+    flushed("e");
+    EXPECT_EQ(come(), "c d e ");
+    for (const char* text : {"f", "g", "h", "i", "j", "k", "l"}) {
+        flushed(text);
+    }
+    EXPECT_EQ(come(), "g h i j k l ") << "what is kept";
+}
+
+TEST_F(LogFileTest, ACursorReadsALineWhenItHasItsEnd) {
+    LogCursor cursor(device.files());
+    int lines = 0;
+    const auto count = [&](const LogEntry& entry) {
+        EXPECT_EQ(entry.text, "a b");
+        ++lines;
+        return true;
+    };
+    (void)open();
+    const std::string path = device.root->hostPath(logFilePath);
+    std::ofstream(path, std::ios::app) << "2026-01-01T00:00:00.000000Z error S a";
+    EXPECT_TRUE(cursor.readOn(count));
+    EXPECT_EQ(lines, 0);
+    std::ofstream(path, std::ios::app) << " b\n";
+    EXPECT_TRUE(cursor.readOn(count));
+    EXPECT_EQ(lines, 1);
+}
+
+TEST_F(LogFileTest, ALineWithoutEndIsNotKept) {
+    (void)open();
+    std::ofstream file(device.root->hostPath(logFilePath), std::ios::app);
+    file << "2026-01-01T00:00:00.000000Z error S " << std::string(40U << 20, 'x') << "\n";
+    file.close();
+    say(*open(), "good");
+    EXPECT_EQ(texts(), std::vector<std::string>{"good"});
+}
+
 TEST(LogReader, EscapesThatAreCutShortAreReadAsFarAsTheyGo) {
     const auto textOf = [](const std::string& escaped) {
         return parseLogLine("2026-01-01T00:00:00.000000Z error S " + escaped)->text;

@@ -2,6 +2,7 @@
 
 #include "Faults.h"
 #include "TemporaryFolder.h"
+#include "Tree.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -132,13 +133,89 @@ TEST(Root, RefusesLayoutOfALaterProgram) {
 
 TEST(Root, SecondOpenerHearsWhoHasTheDevice) {
     const TemporaryFolder folder;
-    const auto first = Root::create(folder.path());
+    const auto first = Root::create(folder.path(), nullptr, "a sync");
     ASSERT_TRUE(first);
     const auto second = Root::open(folder.path());
     ASSERT_FALSE(second);
     EXPECT_TRUE(isError(second.error(), rootErrorDomain, RootError::inUse));
-    EXPECT_EQ(sentence(second), "the device " + folder.path() + " is in use by process " + std::to_string(::getpid()) +
-                                    "; only one process at a time can have it open: end that one, or wait for it");
+    EXPECT_EQ(sentence(second), "the device " + folder.path() + " is in use by a sync (process " +
+                                    std::to_string(::getpid()) +
+                                    "); only one process at a time can change it: end that one, or wait for it");
+}
+
+TEST(Root, TellsWhoHasTheDeviceAndSinceWhen) {
+    const TemporaryFolder folder;
+    const auto before = std::chrono::system_clock::now() - std::chrono::seconds(1);
+    {
+        const auto root = Root::create(folder.path(), nullptr, "a restore");
+        const auto owner = Root::owner(folder.path());
+        ASSERT_TRUE(owner);
+        EXPECT_EQ(owner->purpose, "a restore");
+        EXPECT_EQ(owner->process, ::getpid());
+        EXPECT_GT(owner->since, before);
+        EXPECT_LE(owner->since, std::chrono::system_clock::now());
+        EXPECT_TRUE(Root::owner(folder.path())) << "asking takes nothing";
+    }
+    EXPECT_FALSE(Root::owner(folder.path())) << "what the last owner has left means nothing";
+    EXPECT_FALSE(Root::owner(folder / "none"));
+}
+
+TEST(Root, TakesNoStrangersWordForTheOwner) {
+    const TemporaryFolder folder;
+    const auto root = Root::create(folder.path());
+    for (const std::string text : {"", "\n", "process", "process x since 1: a\n", "process 1 since : a\n",
+                                   "process 1 since 1: a", "process 99999999999999999999 since 1: a\n"}) {
+        writeHostFile(folder / "device-lock", text);
+        const auto owner = Root::owner(folder.path());
+        ASSERT_TRUE(owner) << text;
+        EXPECT_EQ(owner->purpose, "") << text;
+    }
+    writeHostFile(folder / "device-lock", "process 1 since 1: " + std::string(100'000, 'x') + "\n");
+    EXPECT_EQ(Root::owner(folder.path())->purpose, "");
+}
+
+TEST(Root, LookingTakesNoLockAndChangesNothing) {
+    const TemporaryFolder folder;
+    (void)Root::create(folder.path());
+    writeHostFile(folder / "tmp/.00ff-1.device-tmp", "half");
+    std::filesystem::remove_all(folder / "var/mobile/Media");
+    const auto owner = Root::create(folder / "other");
+    const Tree before(folder.path());
+    const auto first = Root::look(folder.path());
+    const auto second = Root::look(folder / "other");
+    ASSERT_TRUE(first && second);
+    EXPECT_FALSE(Root::owner(folder.path()));
+    EXPECT_EQ(Tree(folder.path()), before);
+    EXPECT_FALSE(Root::look(folder / "none"));
+    EXPECT_TRUE(isError(Root::look(folder / "tmp").error(), rootErrorDomain, RootError::notADevice));
+}
+
+TEST(Root, WhoLooksIsRefusedEveryChange) {
+    const TemporaryFolder folder;
+    ASSERT_TRUE((*Root::create(folder.path()))->files().writeFileAtomically("/tmp/a", "a", nullptr));
+    const Tree before(folder.path());
+    const auto root = Root::look(folder.path());
+    DeviceFileSystem& files = (*root)->files();
+    ErrorPtr error;
+    const auto isRefused = [&](bool done) {
+        return !done && isError(std::exchange(error, {}), posixErrorDomain, EROFS);
+    };
+    EXPECT_EQ(files.readFile("/tmp/a", nullptr), Data("a"));
+    EXPECT_TRUE(isRefused(files.createDirectory("/tmp/b", true, std::nullopt, &error)));
+    EXPECT_TRUE(isRefused(files.removeItem("/tmp/a", &error)));
+    EXPECT_TRUE(isRefused(files.removeItem("/var/mobile", &error)));
+    EXPECT_TRUE(isRefused(files.moveItem("/tmp/a", "/tmp/b", &error)));
+    EXPECT_TRUE(isRefused(files.copyItem("/tmp/a", "/tmp/b", &error)));
+    EXPECT_TRUE(isRefused(files.writeFileAtomically("/tmp/a", "b", &error)));
+    EXPECT_FALSE(files.createFile("/tmp/b", "b", {}));
+    EXPECT_EQ(files.utimes("/tmp/a"), EROFS);
+    for (const int flags : {O_WRONLY, O_RDWR, O_RDONLY | O_CREAT, O_RDONLY | O_TRUNC}) {
+        error = files.open("/tmp/a", flags).error();
+        EXPECT_TRUE(isRefused(false)) << flags;
+    }
+    EXPECT_FALSE(files.sync());
+    files.removeLeftovers("/tmp");
+    EXPECT_EQ(Tree(folder.path()), before);
 }
 
 TEST(Root, ClosingGivesTheDeviceFree) {

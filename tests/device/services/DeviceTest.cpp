@@ -4,6 +4,7 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/database/Database.h"
 #include "device/log/TransactionLog.h"
+#include "device/registry/UninstalledList.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
 #include "device/services/DemotedApps.h"
@@ -22,6 +23,7 @@
 #include "tests/device/archive/ArchiveBuilder.h"
 #include "tests/device/root/Faults.h"
 #include "tests/device/root/TemporaryFolder.h"
+#include "tests/device/root/Tree.h"
 
 #include "concurrency/Semaphore.h"
 
@@ -300,6 +302,51 @@ TEST_F(DeviceTest, LogsAreWrittenWhenItCloses) {
     EXPECT_NE(content.find(" standard SyncBundle hello\n"), std::string::npos) << content;
     EXPECT_NE(content.find(" standard s/c scenario \"S\" for com.example.a: d\n"), std::string::npos) << content;
     EXPECT_EQ(device->transactionLog().records()->size(), 1U);
+}
+
+TEST_F(DeviceTest, CanBeLookedAtWhileAnotherHasItAndIsNotChangedByThat) {
+    create();
+    PlaceholderRequest request;
+    request.identifier = "x";
+    ASSERT_TRUE(device->registry().installPlaceholder(request));
+    device->log().flush();
+    // The two share the memory beside the database, since they are one process.
+    const Tree before(folder.path(), "-shm");
+    {
+        const auto looked = Device::look(folder.path());
+        ASSERT_TRUE(looked) << errorText(looked.error());
+        EXPECT_EQ((*looked)->registry().applications().size(), 1U);
+        EXPECT_FALSE((*looked)->log().isEnabled(QRLogCategorySyncBundle, LogLevel::error));
+        (*looked)->log().write(QRLogCategorySyncBundle, LogLevel::error, "", "not to be kept");
+        (*looked)->transactionLog().logScenario_step_success_forBundleID_description("nothing", TransactionStep::none,
+                                                                                     false, "x", "not to be kept");
+        request.identifier = "y";
+        EXPECT_FALSE((*looked)->registry().installPlaceholder(request));
+        EXPECT_FALSE((*looked)->registry().uninstall("x", RemovalReason::person, RemovalScope::everything));
+        EXPECT_FALSE((*looked)->policy().set(OLFeatureAppRemovalAllowed, OLBoolValue::explicitlyNo));
+        EXPECT_FALSE((*looked)->homeScreen().arrange({}));
+        EXPECT_NE((*looked)->uninstalledList().TevrinClearUninstalled({"x"}, nullptr), 0);
+    }
+    EXPECT_EQ(Tree(folder.path(), "-shm"), before);
+    EXPECT_EQ(device->registry().applications().size(), 1U);
+}
+
+TEST_F(DeviceTest, LookingSettlesNothing) {
+    create();
+    ASSERT_TRUE(device->files().createDirectory(std::string(stagingFolder) + "/half", true, std::nullopt, nullptr));
+    device.reset();
+    const Tree before(folder.path());
+    ASSERT_TRUE(Device::look(folder.path()));
+    EXPECT_EQ(Tree(folder.path()), before);
+    reopen();
+    EXPECT_FALSE(device->files().fileExists(std::string(stagingFolder) + "/half"));
+}
+
+TEST_F(DeviceTest, WhatHasNotBeenMadeCompletelyCannotBeLookedAt) {
+    ASSERT_TRUE(Root::create(folder.path()));
+    EXPECT_FALSE(Device::look(folder.path()));
+    ASSERT_TRUE(Database::open(**Root::open(folder.path())));
+    EXPECT_TRUE(isError(Device::look(folder.path()).error(), databaseErrorDomain, DatabaseError::olderSchema));
 }
 
 } // namespace
