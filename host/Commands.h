@@ -3,6 +3,8 @@
 
 #include "host/ExitCode.h"
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,7 +60,11 @@ struct AppsArguments {
 
 struct LogArguments {
     std::string device = {};
-    std::string app = {}; // empty: of all apps
+    std::string app = {};                 // only what names this app; empty: of all apps
+    std::string level = {};               // only this one and worse; empty: every level
+    std::string since = {};               // a time that `parseTime` takes; empty: from the beginning
+    std::optional<std::size_t> tail = {}; // only so many, the last ones
+    bool follow = false;                  // go on with what is still to come
     bool transactions = false;
     bool json = false;
 };

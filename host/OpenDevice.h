@@ -13,8 +13,15 @@ class Device;
 
 namespace appsync::host {
 
-/// The device, opened; null after telling the person why not, with the exit code in `code`.
-[[nodiscard]] std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code);
+/// The device, opened; null after telling the person why not, with the exit code in `code`. `purpose` is what others
+/// are told who want to change it meanwhile, such as "a sync".
+[[nodiscard]] std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code,
+                                                         const char* purpose);
+/// The same to look at it, whatever else runs on it.
+[[nodiscard]] std::unique_ptr<device::Device> lookAtDevice(const std::string& folder, ExitCode* code);
+
+/// Who has a device open, such as "a sync since 11:42 (process 1234)"; empty when nobody has.
+[[nodiscard]] std::string describeOwner(const std::string& folder);
 
 /// The exit code of a device that could not be opened or made.
 [[nodiscard]] ExitCode exitCodeOf(const ErrorPtr& error);

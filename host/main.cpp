@@ -198,7 +198,14 @@ class CommandLine {
         auto* log = _app.add_subcommand("log", "Show what a device has logged");
         log->add_option("DIR", _log.device, "The device")->required();
         log->add_flag("--transactions", _log.transactions, "The install transaction log instead of the messages");
-        log->add_option("--app", _log.app, "With --transactions: only those of this app (bundle identifier)");
+        log->add_option("--app", _log.app, "Only what names this app (bundle identifier)");
+        log->add_option("--level", _log.level, "Only messages of this level and worse: default or error");
+        log->add_option(
+            "--since", _log.since,
+            "Only from this time on: 14:05, 2026-11-21, 2026-11-21T14:05:30, or an age such as 10m, 2h, 1d");
+        log->add_option("--tail", _log.tail, "Only the last N")->type_name("N")->check(CLI::NonNegativeNumber);
+        log->add_flag("--follow", _log.follow,
+                      "Go on with what is still to come, until Ctrl-C; first the last 10, or as --tail says");
         log->add_flag("--json", _log.json, "Print JSON, one object a line");
         _choose(log, _log, showLog);
 

@@ -228,7 +228,7 @@ ExitCode backup(const BackupArguments& arguments) {
                     ExitCode::wrongUse);
     }
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = openDevice(arguments.device, &code, "a backup");
     if (device == nullptr) {
         return code;
     }

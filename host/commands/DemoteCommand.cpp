@@ -12,7 +12,7 @@ namespace appsync::host {
 
 ExitCode demote(const DemoteArguments& arguments) {
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = openDevice(arguments.device, &code, "a demotion");
     if (device == nullptr) {
         return code;
     }

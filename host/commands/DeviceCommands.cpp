@@ -1,12 +1,11 @@
-// The commands about one device: making it, listing its apps, its logs, its home screen.
+// The commands about one device: making it, listing its apps, drawing its home screen.
 #include "device/Device.h"
-#include "device/log/LogReader.h"
-#include "device/log/TransactionLog.h"
 #include "device/processes/ProcessTable.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "files/OutputFile.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/control/RunningSync.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
@@ -20,10 +19,6 @@ namespace appsync::host {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-const char* levelName(LogLevel level) {
-    return level == LogLevel::error ? "error" : "default";
-}
 
 std::string stateOf(const device::Application& app, bool isRunning) {
     if (!app.isPlaceholder) {
@@ -56,53 +51,14 @@ Json toJson(const device::Application& app, bool isRunning) {
     return entry;
 }
 
-ExitCode showTransactions(device::Device& device, const LogArguments& arguments) {
-    const auto show = [&](const device::TransactionRecord& record) {
-        if (arguments.json) {
-            Json entry{{"number", record.number},
-                       {"microsecondsSince1970", record.time},
-                       {"step", static_cast<unsigned>(record.step)},
-                       {"success", record.success},
-                       {"app", record.bundleID},
-                       {"description", record.description}};
-            if (record.scenario) {
-                entry["scenario"] = *record.scenario;
-            } else {
-                entry["phase"] = static_cast<unsigned>(record.phase);
-            }
-            printJson(std::cout, entry);
-        } else {
-            printLine(std::cout, record.text());
-        }
-        return std::cout.good();
-    };
-    const auto app = arguments.app.empty() ? std::nullopt : std::optional<std::string_view>(arguments.app);
-    const auto visited = device.transactionLog().visit(show, app);
-    return visited ? ExitCode::done : fail(reasonOf(visited.error()));
-}
-
-ExitCode showMessages(device::Device& device, const LogArguments& arguments) {
-    const auto show = [&](const device::LogEntry& entry) {
-        if (arguments.json) {
-            printJson(std::cout, {{"time", entry.time},
-                                  {"level", levelName(entry.level)},
-                                  {"source", entry.source},
-                                  {"text", entry.text}});
-        } else {
-            printLine(std::cout, entry.time + " " + levelName(entry.level) + " " + entry.text, std::string::npos);
-        }
-        return std::cout.good();
-    };
-    const auto read = device::readLog(device.files(), show);
-    return read ? ExitCode::done : fail(reasonOf(read.error()));
-}
-
 } // namespace
 
 ExitCode createDevice(const DeviceCreateArguments& arguments) {
-    const auto created = device::Device::create(arguments.device, {.coordinationIsEnabled = !arguments.noCoordination,
-                                                                   .forbidsInstalling = arguments.forbidInstall,
-                                                                   .forbidsRemoving = arguments.forbidRemoval});
+    const auto created = device::Device::create(arguments.device,
+                                                {.coordinationIsEnabled = !arguments.noCoordination,
+                                                 .forbidsInstalling = arguments.forbidInstall,
+                                                 .forbidsRemoving = arguments.forbidRemoval},
+                                                {.purpose = "the making of it"});
     if (!created) {
         return fail(reasonOf(created.error()), exitCodeOf(created.error()));
     }
@@ -112,10 +68,11 @@ ExitCode createDevice(const DeviceCreateArguments& arguments) {
 
 ExitCode listApps(const AppsArguments& arguments) {
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = lookAtDevice(arguments.device, &code);
     if (device == nullptr) {
         return code;
     }
+    showProgressOf(arguments.device, *device);
     Json list = Json::array();
     Table table({"App", "Version", "State", "Identifier"});
     for (const device::Application& app : device->registry().applications()) {
@@ -133,21 +90,13 @@ ExitCode listApps(const AppsArguments& arguments) {
     return ExitCode::done;
 }
 
-ExitCode showLog(const LogArguments& arguments) {
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
-    if (device == nullptr) {
-        return code;
-    }
-    return arguments.transactions ? showTransactions(*device, arguments) : showMessages(*device, arguments);
-}
-
 ExitCode drawScreen(const ScreenArguments& arguments) {
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = lookAtDevice(arguments.device, &code);
     if (device == nullptr) {
         return code;
     }
+    showProgressOf(arguments.device, *device);
     const auto picture = device::drawHomeScreen(device->homeScreen().contents());
     device::releaseFonts();
     if (!picture) {

@@ -3,7 +3,7 @@
 #include "device/processes/ProcessTable.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
-#include "host/control/ControlSocket.h"
+#include "host/control/RunningSync.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
@@ -22,74 +22,35 @@ using Json = nlohmann::ordered_json;
 
 constexpr std::chrono::seconds patience{10}; // with a sync that does not answer
 
-// The other end may be no sync of this program: an element of another kind counts as absent.
-
-/// No deeper than an answer is.
-Json parsed(const std::string& line) {
-    constexpr int maxDepth = 4;
-    return Json::parse(
-        line, [](int depth, Json::parse_event_t, Json&) { return depth <= maxDepth; }, false);
-}
-
-std::string textIn(const Json& object, const char* key) {
-    const auto found = object.find(key);
-    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
-}
-
-double numberIn(const Json& object, const char* key) {
-    const auto found = object.find(key);
-    return found != object.end() && found->is_number() ? std::clamp(found->get<double>(), 0.0, 1e6) : 0;
-}
-
 std::string percentIn(const Json& object) {
     return std::to_string(static_cast<int>(std::min(numberIn(object, "fraction"), 1.0) * 100)) + "%";
 }
 
-/// The sync that runs on a device, as seen by one who asks it something.
-class RunningSync {
-  public:
-    explicit RunningSync(const std::string& deviceFolder) : RunningSync(connectToControl(deviceFolder, patience)) {}
+/// What is said where no sync runs.
+std::string noSyncSentence(const std::string& folder) {
+    const std::string owner = describeOwner(folder);
+    return "No sync is running on " + folder + (owner.empty() ? "." : "; it is in use by " + owner + ".");
+}
 
-    [[nodiscard]] bool isThere() const { return _connection.isOpen() || !_problem.empty(); }
-    /// An answer; of another kind than an object when none came, as `problem` says then.
-    Json ask(const ControlRequest& request) {
-        if (!_connection.isOpen()) {
-            return {};
-        }
-        (void)writeLine(_connection.get(), toJson(request)); // one that is busy answers before it has read
-        return next();
+Json noSyncJson(const std::string& folder) {
+    Json status{{"running", false}};
+    if (const auto owner = device::Root::owner(folder)) {
+        status["inUseBy"] = {
+            {"purpose", owner->purpose}, {"process", owner->process}, {"since", device::formatLogTime(owner->since)}};
     }
-    Json next() {
-        std::string line;
-        const ReadResult result = readLine(_connection.get(), _buffer, line);
-        Json answer = result == ReadResult::line ? parsed(line) : Json();
-        if (!answer.is_object()) {
-            _problem = result == ReadResult::noAnswer ? busySentence() : "The sync has ended before it could answer.";
-        }
-        return answer;
-    }
-    void waitWithoutEnd() const { waitForAnswersWithoutEnd(_connection.get()); }
-    [[nodiscard]] const std::string& problem() const { return _problem; }
+    return status;
+}
 
-  private:
-    explicit RunningSync(Result<Descriptor> connection)
-        : _problem(reasonOf(connection.error())), _connection(connection ? std::move(*connection) : Descriptor()) {}
-
-    std::string _problem;
-    std::string _buffer;
-    Descriptor _connection;
-};
-
-/// What is said where no sync runs, unless the folder is no device.
+/// Unless the folder is no device.
 template <class Say> ExitCode noSync(const std::string& folder, Say&& say) {
     const auto checked = device::Root::check(folder);
     return checked ? say() : fail(reasonOf(checked.error()), exitCodeOf(checked.error()));
 }
 
 ExitCode act(const ControlArguments& arguments, const char* command) {
-    RunningSync running(arguments.device);
+    RunningSync running(arguments.device, patience);
     if (!running.isThere()) {
-        return noSync(arguments.device, [&] { return fail("No sync is running on " + arguments.device + "."); });
+        return noSync(arguments.device, [&] { return fail(noSyncSentence(arguments.device)); });
     }
     const Json answer = running.ask({command, arguments.app});
     if (!answer.is_object()) {
@@ -124,7 +85,7 @@ void showStatus(const Json& status, bool json) {
 
 ExitCode launch(const LaunchArguments& arguments) {
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = openDevice(arguments.device, &code, "a launch");
     if (device == nullptr) {
         return code;
     }
@@ -148,13 +109,13 @@ ExitCode cancel(const ControlArguments& arguments) {
 }
 
 ExitCode showSyncStatus(const StatusArguments& arguments) {
-    RunningSync running(arguments.device);
+    RunningSync running(arguments.device, patience);
     if (!running.isThere()) {
         return noSync(arguments.device, [&] {
             if (arguments.json) {
-                printJson(std::cout, {{"running", false}});
+                printJson(std::cout, noSyncJson(arguments.device));
             } else {
-                printLine(std::cout, "No sync is running on " + arguments.device + ".");
+                printLine(std::cout, noSyncSentence(arguments.device));
             }
             return ExitCode::done;
         });

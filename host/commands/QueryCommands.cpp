@@ -21,19 +21,21 @@ namespace appsync::host {
 
 namespace {
 
-/// Opens the device, starts the plug-in on it and has `ask` ask it.
-template <class Ask> ExitCode askClient(const QueryArguments& arguments, Ask&& ask) {
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
-    if (device == nullptr) {
-        return code;
-    }
-    const auto plugIn = ClientOnDevice::start(*device, arguments.plugin);
+/// Starts the plug-in on a device and has `ask` ask it.
+template <class Ask> ExitCode askClient(device::Device& device, const std::string& plugInPath, Ask&& ask) {
+    const auto plugIn = ClientOnDevice::start(device, plugInPath);
     if (!plugIn) {
         return fail(reasonOf(plugIn.error()));
     }
-    ask((*plugIn)->client(), *device);
+    ask((*plugIn)->client());
     return ExitCode::done;
+}
+
+/// The same on a device that is looked at: the plug-in's messages are not logged, and what it would write is refused.
+template <class Ask> ExitCode askClient(const QueryArguments& arguments, Ask&& ask) {
+    ExitCode code = ExitCode::failed;
+    const auto device = lookAtDevice(arguments.device, &code);
+    return device != nullptr ? askClient(*device, arguments.plugin, ask) : code;
 }
 
 /// The plug-in would take them for apps on their way; one that is to return is not listed.
@@ -57,7 +59,7 @@ bool isConfirmed(const std::string& device) {
 } // namespace
 
 ExitCode showInventory(const QueryArguments& arguments) {
-    return askClient(arguments, [&](QRClient& client, device::Device& /*device*/) {
+    return askClient(arguments, [&](QRClient& client) {
         const auto deleted = deletedApps(client.installedAssets());
         if (arguments.json) {
             printJson(std::cout, {{"deleted", deleted}}, 2);
@@ -71,7 +73,7 @@ ExitCode showInventory(const QueryArguments& arguments) {
 }
 
 ExitCode showMetrics(const QueryArguments& arguments) {
-    return askClient(arguments, [&](QRClient& client, device::Device& /*device*/) {
+    return askClient(arguments, [&](QRClient& client) {
         const Dictionary metrics = client.installedAssetMetrics();
         const auto number = [&](std::string_view key) {
             const Value* value = metrics.find(key);
@@ -91,7 +93,7 @@ ExitCode showMetrics(const QueryArguments& arguments) {
 }
 
 ExitCode showAccounts(const QueryArguments& arguments) {
-    return askClient(arguments, [&](QRClient& client, device::Device& /*device*/) {
+    return askClient(arguments, [&](QRClient& client) {
         const auto accounts = client.zuvexIDsForAssets();
         if (arguments.json) {
             printJson(std::cout, {{"accounts", accounts}}, 2);
@@ -106,7 +108,7 @@ ExitCode showAccounts(const QueryArguments& arguments) {
 
 ExitCode uninstall(const UninstallArguments& arguments) {
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = openDevice(arguments.device, &code, "an uninstall");
     if (device == nullptr) {
         return code;
     }
@@ -131,12 +133,16 @@ ExitCode reset(const ResetArguments& arguments) {
     if (!arguments.yes && !isConfirmed(arguments.device)) {
         return fail("Nothing was changed.", ExitCode::wrongUse);
     }
-    return askClient({.device = arguments.device, .plugin = arguments.plugin},
-                     [&](QRClient& client, device::Device& device) {
-                         hideDemotedApps(device);
-                         client.clearSyncData();
-                         printLine(std::cout, "reset " + arguments.device);
-                     });
+    ExitCode code = ExitCode::failed;
+    const auto device = openDevice(arguments.device, &code, "a reset");
+    if (device == nullptr) {
+        return code;
+    }
+    return askClient(*device, arguments.plugin, [&](QRClient& client) {
+        hideDemotedApps(*device);
+        client.clearSyncData();
+        printLine(std::cout, "reset " + arguments.device);
+    });
 }
 
 } // namespace appsync::host

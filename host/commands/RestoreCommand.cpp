@@ -282,7 +282,7 @@ ExitCode restore(const RestoreArguments& arguments) {
         return fail(reasonOf(content.error()), ExitCode::someAppFailed);
     }
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = openDevice(arguments.device, &code, "a restore");
     if (device == nullptr) {
         return code;
     }

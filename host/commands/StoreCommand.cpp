@@ -139,7 +139,7 @@ class StoreClient {
 
 ExitCode store(const StoreArguments& arguments) {
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = openDevice(arguments.device, &code, "a visit to the store");
     if (device == nullptr) {
         return code;
     }

@@ -95,7 +95,7 @@ ExitCode sync(const SyncArguments& arguments) {
         return fail("'" + arguments.bandwidth + "' is no bandwidth; write one like 10MB/s.", ExitCode::wrongUse);
     }
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code);
+    const auto device = openDevice(arguments.device, &code, "a sync");
     if (device == nullptr) {
         return code;
     }

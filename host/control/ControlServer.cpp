@@ -146,6 +146,10 @@ std::string ControlServer::_answerTo(Client& client, const std::string& line) {
         client.follows = true;
         return {}; // the first status comes with those of all followers
     }
+    if (request->command == "flush") {
+        _handlers.flush();
+        return doneAnswer() + "\n";
+    }
     return (request->command == "status" ? _handlers.status() : _act(*request)) + "\n";
 }
 

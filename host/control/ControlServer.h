@@ -24,6 +24,8 @@ namespace appsync::host {
 struct ControlHandlers {
     /// The present status as one line of JSON.
     std::function<std::string()> status;
+    /// Writes out what is logged.
+    std::function<void()> flush;
     /// The error says why nothing was done.
     std::function<Result<void>(const std::string& app)> prioritize;
     std::function<Result<void>(const std::string& app)> cancel;

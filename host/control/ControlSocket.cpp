@@ -94,10 +94,10 @@ Result<ControlRequest> parseControlRequest(std::string_view line) {
         return value != root.end() && value->is_string() ? value->get<std::string>() : std::string();
     };
     ControlRequest request{text("command"), text("app")};
-    const bool isQuestion = request.command == "status" || request.command == "follow";
+    const bool isQuestion = request.command == "status" || request.command == "follow" || request.command == "flush";
     const bool isAct = request.command == "prioritize" || request.command == "cancel";
     if (!isQuestion && !isAct) {
-        return hostError("\"command\" is one of status, follow, prioritize, cancel.");
+        return hostError("\"command\" is one of status, follow, flush, prioritize, cancel.");
     }
     if (isAct && request.app.empty()) {
         return hostError("\"app\" names the app by its bundle identifier.");

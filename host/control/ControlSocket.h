@@ -1,9 +1,10 @@
 // The socket by which a person acts on a device while a sync runs.
 //
 // It stands in the device root, at var/run/control/socket, in a folder that only the owner may enter. A client sends
-// one line, a JSON object {"command": "status" | "follow" | "prioritize" | "cancel", "app": identifier}, and gets one
-// line back: {"running": true, …} for the first two, {"done": true} or {"error": sentence} for the others. After
-// "follow" a further status comes whenever something has changed, until the sync ends and the server hangs up.
+// one line, a JSON object {"command": "status" | "follow" | "flush" | "prioritize" | "cancel", "app": identifier}, and
+// gets one line back: {"running": true, …} for the first two, {"done": true} or {"error": sentence} for the others.
+// After "follow" a further status comes whenever something has changed, until the sync ends and the server hangs up.
+// "flush" has the sync write out what it has logged.
 #pragma once
 
 #include "files/Descriptor.h"

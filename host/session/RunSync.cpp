@@ -4,6 +4,7 @@
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/coordinator/InstallObservers.h"
+#include "device/log/TransactionLog.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/Notifications.h"
 #include "host/control/ControlServer.h"
@@ -77,6 +78,11 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
     const ControlServer control(listening ? listening->descriptor() : -1,
                                 options.interrupt != nullptr ? options.interrupt->descriptor() : -1,
                                 {.status = [&view] { return toJson(view.status()); },
+                                 .flush =
+                                     [&device] {
+                                         device.log().flush();
+                                         (void)device.transactionLog().flush(); // tried again by its own thread
+                                     },
                                  .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
                                  .cancel = [&person](const std::string& app) { return person.cancel(app); },
                                  .interrupted = [&busyApps] { busyApps.giveUp(); }});

@@ -1,51 +1,8 @@
-// `qrd` as a person or a script runs it: words in, text and an exit code out.
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
+// The commands as a whole, and what `qrd` says to wrong words.
+#include "tests/host/CommandLineFixture.h"
 
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <string>
-
+namespace appsync::host {
 namespace {
-
-namespace fs = std::filesystem;
-
-struct Answer {
-    int code = -1;
-    std::string text; // standard output and error
-};
-
-class CommandLine : public testing::Test {
-  protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "qrd.XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder = pattern;
-    }
-    void TearDown() override { fs::remove_all(folder); }
-
-    Answer qrd(const std::string& words) {
-        const std::string command = "cd '" + folder.string() + "' && " + APPSYNC_QRD + " " + words + " 2>&1";
-        Answer answer;
-        FILE* pipe = ::popen(command.c_str(), "r");
-        std::array<char, 4096> buffer{};
-        for (std::size_t read = 0; (read = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
-            answer.text.append(buffer.data(), read);
-        }
-        const int status = ::pclose(pipe);
-        answer.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return answer;
-    }
-    void write(const std::string& name, const std::string& bytes) {
-        fs::create_directories((folder / name).parent_path());
-        std::ofstream(folder / name, std::ios::binary) << bytes;
-    }
-    fs::path folder;
-};
 
 const std::string xmlList = "<plist version=\"1.0\"><array><string>a</string></array></plist>";
 
@@ -192,3 +149,4 @@ TEST_F(CommandLine, TellsWhyAFileIsNoPropertyList) {
 }
 
 } // namespace
+} // namespace appsync::host

@@ -29,6 +29,7 @@ class Server : public testing::Test {
     void start(std::chrono::milliseconds farewell = 0min) {
         server.emplace(listening->descriptor(), -1,
                        ControlHandlers{.status = [this] { return *status.load(); },
+                                       .flush = [] {},
                                        .prioritize = [](const std::string&) { return Result<void>(); },
                                        .cancel = [](const std::string&) { return hostError("no"); },
                                        .interrupted = [] {}},
