@@ -37,6 +37,13 @@ struct LaunchArguments {
 };
 [[nodiscard]] ExitCode launch(const LaunchArguments& arguments);
 
+/// Ends a running app, unless it is busy.
+struct QuitArguments {
+    std::string device = {};
+    std::string app = {};
+};
+[[nodiscard]] ExitCode quit(const QuitArguments& arguments);
+
 /// Of the sync that runs on a device.
 struct ControlArguments {
     std::string device = {};

@@ -1,6 +1,7 @@
 #include "host/OpenDevice.h"
 
 #include "device/Device.h"
+#include "device/processes/ProcessTable.h"
 #include "host/LocalTime.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
@@ -69,6 +70,10 @@ std::unique_ptr<device::Device> lookAtDevice(const std::string& folder, ExitCode
 std::string describeOwner(const std::string& folder) {
     const auto owner = device::Root::owner(folder);
     return owner ? described(*owner) : "";
+}
+
+std::string letGoCommand(const std::string& folder, const std::string& app) {
+    return "rm " + shellWord(folder + device::busyPath(app));
 }
 
 ExitCode exitCodeOf(const ErrorPtr& error) {

@@ -37,7 +37,7 @@ class CommandLine {
         _addTools();
         _group("Bring apps to a device", {"device", "sync", "status", "prioritize", "cancel"});
         _group("Back up and restore", {"backup", "restore", "store"});
-        _group("Use the device", {"launch", "demote", "uninstall", "reset"});
+        _group("Use the device", {"launch", "quit", "demote", "uninstall", "reset"});
         _group("Look at a device", {"apps", "screen", "log", "inventory", "metrics", "accounts"});
         _group("Make and check files", {"pack", "plist"});
         _app.footer("Exit codes: 0 all done, 1 some app failed, 2 wrong use, 3 the device is in use (try again), "
@@ -150,6 +150,11 @@ class CommandLine {
                             "The app holds itself busy: it cannot be ended, and so not updated");
         _choose(launching, _launch, launch);
 
+        auto* quitting = _app.add_subcommand("quit", "End a running app, unless it is busy");
+        quitting->add_option("DIR", _quit.device, "The device")->required();
+        quitting->add_option("ID", _quit.app, "The app's bundle identifier")->required();
+        _choose(quitting, _quit, quit);
+
         auto* removing = _app.add_subcommand("uninstall", "Remove an app, as a person on the device would");
         removing->add_option("DIR", _uninstall.device, "The device")->required();
         removing->add_option("ID", _uninstall.app, "The app's bundle identifier")->required();
@@ -240,6 +245,7 @@ class CommandLine {
     DeviceCreateArguments _create;
     SyncArguments _sync;
     LaunchArguments _launch;
+    QuitArguments _quit;
     ControlArguments _control;
     StatusArguments _status;
     BackupArguments _backup;

@@ -1,6 +1,7 @@
 // `qrd demote`: frees the space that an app takes, and keeps its data.
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
+#include "device/processes/ProcessTable.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/view/Print.h"
@@ -18,7 +19,10 @@ ExitCode demote(const DemoteArguments& arguments) {
     }
     device->coordinator().waitUntilIdle();
     if (const auto demoted = device->demote(arguments.app, arguments.automatic); !demoted) {
-        return fail(reasonOf(demoted.error()), ExitCode::someAppFailed);
+        const bool isBusy = isError(demoted.error(), device::processErrorDomain, device::ProcessError::inUse);
+        const std::string advice =
+            isBusy ? "; let go of it with `" + letGoCommand(arguments.device, arguments.app) + "`" : "";
+        return fail(reasonOf(demoted.error()) + advice, ExitCode::someAppFailed);
     }
     printLine(std::cout, "demoted " + arguments.app);
     return ExitCode::done;

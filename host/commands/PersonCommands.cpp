@@ -97,7 +97,30 @@ ExitCode launch(const LaunchArguments& arguments) {
                     ExitCode::someAppFailed);
     }
     printLine(std::cout, "launched " + arguments.app + " (process " + std::to_string(*process) + ")");
+    if (arguments.busy) {
+        printLine(std::cerr, "note: it is busy and cannot be ended until it is let go of with `" +
+                                 letGoCommand(arguments.device, arguments.app) + "`");
+    }
     return ExitCode::done;
+}
+
+/// The app's processes are nobody's: the device is only looked at, also while a sync waits for the app.
+ExitCode quit(const QuitArguments& arguments) {
+    const auto root = device::Root::look(arguments.device);
+    if (!root) {
+        return fail(reasonOf(root.error()), exitCodeOf(root.error()));
+    }
+    device::ProcessTable processes(**root);
+    switch (processes.endAndHold(arguments.app)) {
+    case device::RunningApps::Answer::ended: printLine(std::cout, "ended " + arguments.app); return ExitCode::done;
+    case device::RunningApps::Answer::notRunning:
+        return fail("'" + arguments.app + "' does not run; `qrd apps " + arguments.device + "` shows which apps do.",
+                    ExitCode::someAppFailed);
+    case device::RunningApps::Answer::busy: break;
+    }
+    const std::string letGo = letGoCommand(arguments.device, arguments.app);
+    return fail("'" + arguments.app + "' is busy and goes on; let go of it with `" + letGo + "` and quit it again.",
+                ExitCode::someAppFailed);
 }
 
 ExitCode prioritize(const ControlArguments& arguments) {

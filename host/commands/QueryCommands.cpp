@@ -116,7 +116,8 @@ ExitCode uninstall(const UninstallArguments& arguments) {
         return fail("This device does not allow removing apps.", ExitCode::someAppFailed);
     }
     if (device->processes().endAndHold(arguments.app) == device::RunningApps::Answer::busy) {
-        return fail("'" + arguments.app + "' is in use and cannot be ended now; close it and try again.",
+        return fail("'" + arguments.app + "' is in use and cannot be ended now; let go of it with `" +
+                        letGoCommand(arguments.device, arguments.app) + "` and try again.",
                     ExitCode::someAppFailed);
     }
     if (const auto removed = device->coordinator().uninstallByUser(arguments.app); !removed) {

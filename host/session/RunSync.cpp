@@ -7,6 +7,7 @@
 #include "device/log/TransactionLog.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/Notifications.h"
+#include "host/OpenDevice.h"
 #include "host/control/ControlServer.h"
 #include "host/control/Interrupt.h"
 #include "host/control/PersonOnDevice.h"
@@ -21,8 +22,6 @@
 namespace appsync::host {
 
 namespace {
-
-constexpr const char* inUse = "it is in use and cannot be ended now";
 
 /// The report points at the log for reasons; a full disk does not take them.
 void noteLostMessages(device::Device& device, SyncReport& report) {
@@ -54,8 +53,11 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
     const Platform devicePlatform = device.platform(deviceService, errorClassification);
     ObservedWorkspace workspace(devicePlatform.workspaces.defaultWorkspace(), outcomes);
     BusyApps busyApps(devicePlatform.homeScreen, devicePlatform.scheduler,
-                      [&view](const std::string& identifier, BusyApps::Time nextTry) {
-                          view.installWaits(identifier, inUse, nextTry);
+                      [&](const std::string& identifier, BusyApps::Time nextTry) {
+                          view.installWaits(identifier,
+                                            "it is busy; let go of it with `" +
+                                                letGoCommand(device.root().hostPath(""), identifier) + "`",
+                                            nextTry);
                       });
     const auto created = plugIn->createClient(withHostServices(devicePlatform, {workspace, busyApps, busyApps}));
     if (!created) {

@@ -82,7 +82,7 @@ FOLDERS = ["tmp", "var", "var/run", "var/run/control", "var/log", "var/db", "var
 
 
 @pytest.mark.parametrize("words", [["sync", "--library", "LIBRARY"], ["status"], ["cancel", "org.example.kettle"],
-                                   ["launch", "org.example.kettle"], ["log"],
+                                   ["launch", "org.example.kettle"], ["quit", "org.example.kettle"], ["log"],
                                    ["backup", "-o", "BACKUP"], ["apps"]],
                          ids=lambda words: words[0])
 @pytest.mark.parametrize("name", FOLDERS)
