@@ -26,10 +26,11 @@ std::string percentIn(const Json& object) {
     return std::to_string(static_cast<int>(std::min(numberIn(object, "fraction"), 1.0) * 100)) + "%";
 }
 
-/// What is said where no sync runs.
+/// What is said where no sync can be asked: a device may be in use by another command, or by a sync that just begins.
 std::string noSyncSentence(const std::string& folder) {
     const std::string owner = describeOwner(folder);
-    return "No sync is running on " + folder + (owner.empty() ? "." : "; it is in use by " + owner + ".");
+    return owner.empty() ? "No sync is running on " + folder + "."
+                         : folder + " is in use by " + owner + ", which does not say how far it is.";
 }
 
 Json noSyncJson(const std::string& folder) {
@@ -41,7 +42,7 @@ Json noSyncJson(const std::string& folder) {
     return status;
 }
 
-/// Unless the folder is no device.
+/// Says that, unless the folder is no device.
 template <class Say> ExitCode noSync(const std::string& folder, Say&& say) {
     const auto checked = device::Root::check(folder);
     return checked ? say() : fail(reasonOf(checked.error()), exitCodeOf(checked.error()));
