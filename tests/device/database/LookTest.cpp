@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 constexpr std::array<std::string_view, 1> plainTable{"CREATE TABLE numbers (n INTEGER PRIMARY KEY)"};
 
-class Look : public testing::Test {
+class DatabaseLook : public testing::Test {
   protected:
     void SetUp() override {
         const auto root = Root::create(folder.path());
@@ -68,7 +68,7 @@ class Look : public testing::Test {
     }();
 };
 
-TEST_F(Look, SeesTheMomentOfOpeningBesideOneWhoWrites) {
+TEST_F(DatabaseLook, SeesTheMomentOfOpeningBesideOneWhoWrites) {
     const auto root = Root::open(folder.path());
     const auto writer = open(**root);
     const auto first = look();
@@ -79,25 +79,25 @@ TEST_F(Look, SeesTheMomentOfOpeningBesideOneWhoWrites) {
     EXPECT_EQ(count(*writer), 2);
 }
 
-TEST_F(Look, FindsTheLogAndTheSharedMemoryThatItCannotMake) {
+TEST_F(DatabaseLook, FindsTheLogAndTheSharedMemoryThatItCannotMake) {
     EXPECT_EQ(fs::file_size(path + "-wal"), 0U);
     EXPECT_TRUE(fs::exists(path + "-shm"));
 }
 
-TEST_F(Look, ChangesNothingOnTheDisk) {
+TEST_F(DatabaseLook, ChangesNothingOnTheDisk) {
     const Tree before(folder.path());
     EXPECT_EQ(count(*look()), 1);
     EXPECT_EQ(Tree(folder.path()), before);
 }
 
-TEST_F(Look, SeesWhatAKilledProcessHasCommittedAndChangesNothing) {
+TEST_F(DatabaseLook, SeesWhatAKilledProcessHasCommittedAndChangesNothing) {
     endAProcessThatInserts(2);
     const Tree before(folder.path());
     EXPECT_EQ(count(*look()), 3);
     EXPECT_EQ(Tree(folder.path()), before);
 }
 
-TEST_F(Look, DoesNotKeepTheOwnerFromOpeningWritingAndClosing) {
+TEST_F(DatabaseLook, DoesNotKeepTheOwnerFromOpeningWritingAndClosing) {
     endAProcessThatInserts(2);
     std::array<int, 2> begin{};
     ASSERT_EQ(::pipe(begin.data()), 0);
@@ -123,7 +123,7 @@ TEST_F(Look, DoesNotKeepTheOwnerFromOpeningWritingAndClosing) {
     EXPECT_EQ(count(*look()), 1'993);
 }
 
-TEST_F(Look, NeedsNoLogAndNoSharedMemoryAfterACleanEnd) {
+TEST_F(DatabaseLook, NeedsNoLogAndNoSharedMemoryAfterACleanEnd) {
     fs::remove(path + "-wal");
     fs::remove(path + "-shm");
     EXPECT_EQ(count(*look()), 1);
@@ -131,7 +131,7 @@ TEST_F(Look, NeedsNoLogAndNoSharedMemoryAfterACleanEnd) {
     EXPECT_FALSE(fs::exists(path + "-shm"));
 }
 
-TEST_F(Look, SaysThatALogWithoutItsSharedMemoryCannotBeRead) {
+TEST_F(DatabaseLook, SaysThatALogWithoutItsSharedMemoryCannotBeRead) {
     endAProcessThatInserts(2);
     fs::remove(path + "-shm");
     const auto looked = Database::look(*looking);
@@ -143,7 +143,7 @@ TEST_F(Look, SaysThatALogWithoutItsSharedMemoryCannotBeRead) {
     EXPECT_EQ(count(*look()), 3);
 }
 
-TEST_F(Look, RefusesToWrite) {
+TEST_F(DatabaseLook, RefusesToWrite) {
     const auto looked = look();
     EXPECT_TRUE(looked->isReadOnly());
     {
@@ -154,7 +154,7 @@ TEST_F(Look, RefusesToWrite) {
     EXPECT_EQ(count(*looked), 1);
 }
 
-TEST_F(Look, BringsNoTablesUpToDate) {
+TEST_F(DatabaseLook, BringsNoTablesUpToDate) {
     const auto looked = look();
     EXPECT_TRUE(looked->registerSchema("numbers", plainTable));
     constexpr std::array<std::string_view, 2> later{plainTable[0], "ALTER TABLE numbers ADD COLUMN extra"};
@@ -164,7 +164,7 @@ TEST_F(Look, BringsNoTablesUpToDate) {
         isError(looked->registerSchema("others", plainTable).error(), databaseErrorDomain, DatabaseError::olderSchema));
 }
 
-TEST_F(Look, MakesNoDatabase) {
+TEST_F(DatabaseLook, MakesNoDatabase) {
     fs::remove(path);
     EXPECT_FALSE(Database::look(*looking));
     EXPECT_FALSE(fs::exists(path));
