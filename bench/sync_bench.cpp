@@ -1,5 +1,5 @@
-// Times whole syncs and restores of `qrd`, the syncs beside `unzip -q` of the same archives, in one run, and prints a
-// table.
+// Times whole syncs and restores of `qrd`, the syncs beside `unzip -q` of the same archives and beside the least that
+// installing them can take (bench/floor.cpp), in one run, and prints a table.
 //
 // Usage: sync_bench QRD FOLDER      FOLDER is made, filled and removed; the runs alternate, and the medians count.
 #include "desktop/ArchivePacker.h"
@@ -144,6 +144,13 @@ double unzipOnce(const fs::path& folder, const fs::path& library) {
     return seconds;
 }
 
+/// The program lies beside `qrd`.
+double floorOnce(const std::string& qrd, const fs::path& folder, const fs::path& library) {
+    const fs::path target = newFolder(folder);
+    ::sync();
+    return run({fs::path(qrd).parent_path() / "floor", library, target}).seconds;
+}
+
 void row(const char* what, double figure, const char* unit, double bound) {
     std::printf("%-64s %10.2f %-10s at most %7.2f   %s\n", what, figure, unit, bound,
                 figure <= bound ? "ok" : "MISSED");
@@ -160,19 +167,23 @@ void compareWithUnzip(const std::string& qrd, const fs::path& folder) {
     std::vector<double> coordinated;
     std::vector<double> own;
     std::vector<double> unzip;
+    std::vector<double> least;
     std::vector<double> peak;
     for (int round = 0; round < rounds; ++round) {
         const Measured sync = syncOnce(qrd, folder, library, true);
+        least.push_back(floorOnce(qrd, folder, library));
         unzip.push_back(unzipOnce(folder, library));
         own.push_back(syncOnce(qrd, folder, library, false).seconds);
         coordinated.push_back(sync.seconds);
         peak.push_back(sync.peakMegabytes);
     }
     std::printf(
-        "100 archives of 4 MB: unzip -q one after another %.2f s, sync %.2f s coordinated, %.2f s by the plug-in "
-        "(medians of %d)\n",
-        median(unzip), median(coordinated), median(own), rounds);
+        "100 archives of 4 MB: unzip -q one after another %.2f s, sync %.2f s coordinated, %.2f s by the plug-in, "
+        "the least %.2f s (medians of %d)\n",
+        median(unzip), median(coordinated), median(own), median(least), rounds);
     row("coordinated sync, wall time beside unzip -q", median(coordinated) / median(unzip), "times", 1.0);
+    row("coordinated sync, wall time beside the least", median(coordinated) / median(least), "times", 1.8);
+    row("sync by the plug-in itself, wall time beside the least", median(own) / median(least), "times", 1.8);
     row("coordinated sync, peak memory", median(peak), "MB", 150);
     row("sync by the plug-in itself, wall time beside unzip -q", median(own) / median(unzip), "times", 0.8);
 }

@@ -1,0 +1,132 @@
+// The least that installing a library can take: as many threads as the machine has cores copy each archive, inflate its
+// entries, check their sums and write their files; at the end everything is made durable at once. No registry, no
+// confinement, no progress, no undoing. What a sync takes is measured beside it.
+//
+// Usage: floor LIBRARY FOLDER      FOLDER is made and filled; the archives are trusted.
+#include "archive/ArchiveFile.h"
+#include "archive/ArchiveLimits.h"
+#include "archive/InstallerError.h"
+#include "archive/ZipDirectory.h"
+#include "files/Descriptor.h"
+#include "values/Error.h"
+
+#include <fcntl.h>
+#include <libdeflate.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using appsync::Descriptor;
+using appsync::ZipDirectory;
+
+[[noreturn]] void fail(const std::string& sentence) {
+    std::cerr << "floor: " << sentence << '\n';
+    std::_Exit(1);
+}
+
+void writeFile(const fs::path& path, std::string_view bytes) {
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (file < 0 || ::write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||
+        ::close(file) != 0) {
+        fail("cannot write " + path.string());
+    }
+}
+
+struct FreeInflater {
+    void operator()(libdeflate_decompressor* inflater) const noexcept { libdeflate_free_decompressor(inflater); }
+};
+
+class Unpacker {
+  public:
+    void unpack(const fs::path& archive, const fs::path& folder) {
+        std::ifstream in(archive, std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        fs::create_directories(folder);
+        const fs::path copy = folder / "archive";
+        writeFile(copy, bytes);
+        const Descriptor descriptor(::open(copy.c_str(), O_RDONLY | O_CLOEXEC));
+        const std::string name = copy.string();
+        const appsync::Refusal refusal(name);
+        auto file = appsync::ArchiveFile::open(descriptor.get(), refusal);
+        const auto directory = file ? ZipDirectory::read(*file, {}, refusal) : file.error();
+        if (!directory) {
+            fail(directory.error()->description());
+        }
+        for (const ZipDirectory::Entry& entry : directory->entries()) {
+            if (entry.kind == ZipDirectory::Kind::folder) {
+                fs::create_directories(folder / entry.path);
+            } else {
+                const fs::path path = folder / entry.path;
+                fs::create_directories(path.parent_path());
+                writeFile(path, _content(bytes, entry));
+            }
+        }
+    }
+
+  private:
+    std::string_view _content(const std::string& bytes, const ZipDirectory::Entry& entry) {
+        const std::size_t header = entry.start;
+        const auto lengthAt = [&](std::size_t at) {
+            return static_cast<unsigned char>(bytes[header + at]) +
+                   256U * static_cast<unsigned char>(bytes[header + at + 1]);
+        };
+        constexpr std::size_t headerSize = 30; // then the name and further fields, whose lengths end it
+        const char* const packed = bytes.data() + header + headerSize + lengthAt(26) + lengthAt(28);
+        std::string_view content(packed, entry.packedBytes);
+        if (entry.isDeflated) {
+            _unpacked.resize(entry.unpackedBytes);
+            if (libdeflate_deflate_decompress(_inflater.get(), packed, entry.packedBytes, _unpacked.data(),
+                                              _unpacked.size(), nullptr) != LIBDEFLATE_SUCCESS) {
+                fail("an entry cannot be inflated");
+            }
+            content = _unpacked;
+        }
+        if (libdeflate_crc32(0, content.data(), content.size()) != entry.checksum) {
+            fail("an entry has another checksum");
+        }
+        return content;
+    }
+
+    std::unique_ptr<libdeflate_decompressor, FreeInflater> _inflater{libdeflate_alloc_decompressor()};
+    std::string _unpacked;
+};
+
+} // namespace
+
+int main(int count, char** words) {
+    if (count != 3) {
+        std::cerr << "usage: floor LIBRARY FOLDER\n";
+        return 2;
+    }
+    const fs::path folder = words[2];
+    fs::create_directories(folder);
+    std::vector<fs::path> archives;
+    std::ranges::copy(fs::directory_iterator(words[1]), std::back_inserter(archives));
+    std::atomic<std::size_t> next = 0;
+    const auto work = [&] {
+        Unpacker unpacker;
+        for (std::size_t i = next++; i < archives.size(); i = next++) {
+            unpacker.unpack(archives[i], folder / std::to_string(i));
+        }
+    };
+    std::vector<std::jthread> workers;
+    for (unsigned i = std::thread::hardware_concurrency(); i > 0; --i) {
+        workers.emplace_back(work);
+    }
+    workers.clear(); // waits for them
+    const Descriptor whole(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return ::syncfs(whole.get()) == 0 ? 0 : 1;
+}
