@@ -144,6 +144,7 @@ Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyL
         return info.error();
     }
     AppArchive app;
+    app.unpackedSize = archive->directory.unpackedBytes();
     app.identifier = *info->string("BXBundleIdentifier");
     if (!isBundleIdentifier(app.identifier)) {
         return refuse(InstallerError::invalidIdentifier,

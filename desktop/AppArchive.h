@@ -22,9 +22,10 @@ inline constexpr std::string_view desktopErrorDomain = "Desktop";
 
 /// What the desktop needs to know of an app to decide what a sync does. A library holds many: these are small.
 struct AppArchive {
-    std::string path;       // on this machine
-    std::uint64_t size = 0; // of the archive, in bytes
-    FileStamp stamp;        // its state when this was read
+    std::string path;               // on this machine
+    std::uint64_t size = 0;         // of the archive, in bytes
+    std::uint64_t unpackedSize = 0; // of its files
+    FileStamp stamp;                // its state when this was read
     std::string identifier;
     // Both cut after a thousand bytes; such an app then counts as one of another version than the device has.
     std::optional<std::string> version;

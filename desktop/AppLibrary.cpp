@@ -40,7 +40,7 @@ Result<AppLibrary> readArchives(const std::string& folder, PropertyListSerializa
     for (const std::string& file : *files) {
         auto app = readAppArchive(file, propertyLists);
         if (!app) {
-            library.problems.push_back(errorText(app.error()));
+            library.unreadable.push_back({file, errorText(app.error())});
         } else if (const auto [first, isFirst] = pathOf.emplace(app->identifier, file); !isFirst && !keepsAll) {
             library.problems.push_back("'" + file + "' holds " + app->identifier + " as '" + first->second +
                                        "' does; the latter is used. Keep one of the two.");

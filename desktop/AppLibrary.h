@@ -10,10 +10,17 @@
 
 namespace appsync::desktop {
 
+/// A file of a library that is no archive of an app.
+struct UnreadableFile {
+    std::string path;
+    std::string reason; // one sentence or more, with what to do
+};
+
 struct AppLibrary {
     /// The apps by file name. Of several archives of one app, the first.
     std::vector<AppArchive> apps;
-    /// One sentence for each file that was passed over, and why.
+    std::vector<UnreadableFile> unreadable; // by file name
+    /// One sentence for each other archive that was passed over, and why.
     std::vector<std::string> problems;
 
     /// The app's first archive; null when there is none.

@@ -21,9 +21,11 @@ struct DeviceCreateArguments {
 struct SyncArguments {
     std::string device = {};
     std::string library = {};
-    std::vector<std::string> install = {}; // bundle identifiers; none means everything that the device lacks
+    std::vector<std::string> install = {}; // identifiers or names; none means everything that the device lacks
     std::vector<std::string> remove = {};
     std::string plugin = {}; // empty: the bundle beside the program
+    bool reinstall = false;  // those of `install` also when they are there in the library's version
+    bool downgrade = false;  // also to an older version
     bool dryRun = false;
     bool json = false;
     std::string bandwidth = {}; // of the transfers, "10MB/s"; empty: as fast as it goes

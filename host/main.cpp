@@ -108,11 +108,17 @@ class CommandLine {
         auto* command = _app.add_subcommand("sync", "Bring a library's apps to a device");
         command->add_option("DIR", _sync.device, "The device")->required();
         command->add_option("--library", _sync.library, "The folder of app archives")->required();
-        command->add_option("--install", _sync.install,
-                            "Install this app only (bundle identifier; may be repeated). Without it, every app that "
-                            "the device lacks or has in another version");
-        command->add_option("--remove", _sync.remove, "Remove this app (bundle identifier; may be repeated)");
-        command->add_flag("--dry-run", _sync.dryRun, "Say what would be done, and do nothing");
+        auto* installs = command->add_option("--install", _sync.install,
+                                             "Install this app only (bundle identifier or name; may be repeated). "
+                                             "Without it, every app that the device lacks or has in an older version");
+        command->add_option("--remove", _sync.remove, "Remove this app (bundle identifier or name; may be repeated)");
+        command->add_flag("--reinstall", _sync.reinstall, "Send what --install names also when it is there already")
+            ->needs(installs);
+        command->add_flag(
+            "--downgrade", _sync.downgrade,
+            "Replace a newer version by the library's. Without it the newer one stays, which is a failure "
+            "for an app that --install names");
+        command->add_flag("--dry-run", _sync.dryRun, "Say what would be done, do nothing, and exit as the sync would");
         command->add_flag("--json", _sync.json, "Print the result as JSON");
         command->add_option("--bandwidth", _sync.bandwidth, "Send no faster than this, for example 10MB/s");
         command->add_option("--plugin", _sync.plugin, "The plug-in bundle, instead of the one beside this program");

@@ -155,12 +155,18 @@ ExitCode store(const StoreArguments& arguments) {
         report.apps = client.reports();
     }
     report.problems = catalogue->problems;
+    for (const desktop::UnreadableFile& file : catalogue->unreadable) {
+        report.problems.push_back(file.reason);
+    }
     if (arguments.json) {
         printJson(std::cout, report);
     } else if (report.apps.empty()) {
         printLine(std::cout, "No app waits for the store.");
     } else {
         printTable(std::cout, report);
+    }
+    if (!arguments.json) {
+        printNotes(std::cerr, report);
     }
     return report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
 }

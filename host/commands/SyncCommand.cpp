@@ -1,5 +1,5 @@
-// `qrd sync`: what the person asked for becomes a sync list, and its report becomes text and an exit code.
-#include "desktop/SyncList.h"
+// `qrd sync`: what the person asked for becomes a plan, and its report becomes text and an exit code.
+#include "desktop/AppLibrary.h"
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "host/Commands.h"
@@ -10,43 +10,16 @@
 #include "host/session/RunSync.h"
 #include "host/transfer/Bandwidth.h"
 #include "host/view/Print.h"
-#include "host/view/Table.h"
 
 #include <unistd.h>
 
+#include <chrono>
 #include <iostream>
+#include <utility>
 
 namespace appsync::host {
 
 namespace {
-
-std::vector<desktop::InstalledApp> installedApps(const device::Registry& registry) {
-    std::vector<desktop::InstalledApp> installed;
-    for (const device::Application& app : registry.applications()) {
-        if (app.isInstalled) {
-            installed.push_back({app.identifier, app.version});
-        }
-    }
-    return installed;
-}
-
-std::set<std::string> restoringApps(const device::Registry& registry) {
-    std::set<std::string> restoring;
-    for (const device::Application& app : registry.applications()) {
-        if (app.isPlaceholder && app.installType == PDInstallTypeRestore) {
-            restoring.insert(app.identifier);
-        }
-    }
-    return restoring;
-}
-
-/// With coordination a restore is the store's.
-void leaveRestoresToStore(desktop::SyncList& list) {
-    for (const desktop::AppArchive* app : list.restores) {
-        list.problems.push_back(app->identifier + " is being restored and waits for the store; `qrd store` brings it.");
-    }
-    list.restores.clear();
-}
 
 /// Without coordination the plug-in asks for no app that has a placeholder of another's making.
 void letDemotedAppsReturn(device::Device& device, const desktop::SyncList& list) {
@@ -58,25 +31,21 @@ void letDemotedAppsReturn(device::Device& device, const desktop::SyncList& list)
     }
 }
 
-void showPlanned(const std::string& what, const desktop::AppArchive& app) {
-    printLine(std::cout, what + app.identifier + " " + app.version.value_or("-") + " (" + sizeText(app.size) + ")");
-}
-
-void showPlan(const desktop::SyncList& list) {
-    for (const std::string& identifier : list.removals) {
-        printLine(std::cout, "would remove  " + identifier);
+void show(const SyncReport& report, bool json) {
+    if (json) {
+        printJson(std::cout, report);
+    } else if (report.failure == nullptr) {
+        printTable(std::cout, report);
     }
-    for (const desktop::AppArchive* app : list.installs) {
-        showPlanned("would install ", *app);
+    if (!json) {
+        std::cout.flush(); // before what stands on the other stream
+        printNotes(std::cerr, report);
     }
-    for (const desktop::AppArchive* app : list.restores) {
-        showPlanned("would restore ", *app);
+    if (report.failure != nullptr) {
+        fail(reasonOf(report.failure));
     }
-    if (list.removals.empty() && list.installs.empty() && list.restores.empty()) {
-        printLine(std::cout, "nothing to do");
-    }
-    for (const std::string& problem : list.problems) {
-        printLine(std::cout, "note: " + problem);
+    if (report.interrupted) {
+        fail("interrupted; sync again to go on");
     }
 }
 
@@ -100,23 +69,21 @@ ExitCode sync(const SyncArguments& arguments) {
         return code;
     }
     device->coordinator().waitUntilIdle(); // what an interrupted sync left to install is installed first
-    clearLeftovers(*device);
+    const auto began = std::chrono::system_clock::now();
     const auto library = desktop::readAppLibrary(arguments.library, device->propertyLists());
     if (!library) {
         return fail(reasonOf(library.error()), ExitCode::wrongUse);
     }
-    auto list = desktop::makeSyncList(*library, installedApps(device->registry()),
-                                      {arguments.install, arguments.remove, restoringApps(device->registry())});
-    if (device->coordinationIsEnabled()) {
-        leaveRestoresToStore(list);
+    SyncPlan plan = planSync(*library, stateOf(*device),
+                             {arguments.install, arguments.remove, arguments.reinstall, arguments.downgrade});
+    plan.report.isDryRun = arguments.dryRun;
+    if (arguments.dryRun || plan.report.failure != nullptr) {
+        show(plan.report, arguments.json);
+        return exitCodeOf(plan.report);
     }
-    list.problems.insert(list.problems.begin(), library->problems.begin(), library->problems.end());
-    if (arguments.dryRun) {
-        showPlan(list);
-        return ExitCode::done;
-    }
+    clearLeftovers(*device, plan.waiting, plan.takenBack);
     if (!device->coordinationIsEnabled()) {
-        letDemotedAppsReturn(*device, list);
+        letDemotedAppsReturn(*device, plan.list);
     }
     const Interrupt interrupt;
     SyncOptions options{.plugInPath = arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin,
@@ -127,18 +94,10 @@ ExitCode sync(const SyncArguments& arguments) {
         options.bandwidth = &*bandwidth;
     }
     SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(STDOUT_FILENO));
-    const SyncReport report = runSync(*device, list, options, view);
-    if (arguments.json) {
-        printJson(std::cout, report);
-    } else if (report.failure == nullptr) {
-        printTable(std::cout, report);
-    }
-    if (report.failure != nullptr) {
-        fail(reasonOf(report.failure));
-    }
-    if (report.interrupted) {
-        fail("interrupted; sync again to go on");
-    }
+    SyncReport report = runSync(*device, std::move(plan), options, view);
+    report.began = began;
+    report.ended = std::chrono::system_clock::now();
+    show(report, arguments.json);
     return exitCodeOf(report);
 }
 

@@ -47,16 +47,28 @@ std::set<std::string> rememberedPaths(device::Device& device) {
     return paths;
 }
 
+/// The report of the sync will point at the log.
+void logFailure(device::Device& device, const Result<void>& done) {
+    if (!done) {
+        device.log().write(QRLogCategoryFramework, LogLevel::error, "%{public}@", errorText(done.error()));
+    }
+}
+
 /// The plug-in never asks again for an app that has a placeholder of its own making.
-void clearPlaceholders(device::Device& device) {
+void clearPlaceholders(device::Device& device, const Apps& waiting) {
     for (const device::Application& app : device.registry().applications()) {
-        if (app.isPlaceholder && app.installType == PDInstallTypeSync) {
-            const auto removed = device.registry().uninstall(app.identifier, device::RemovalReason::sync,
-                                                             device::RemovalScope::placeholderOnly);
-            if (!removed) { // the report of the sync will point at the log
-                device.log().write(QRLogCategoryFramework, LogLevel::error, "%{public}@", errorText(removed.error()));
-            }
+        if (app.isPlaceholder && app.installType == PDInstallTypeSync && !waiting.contains(app.identifier)) {
+            logFailure(device, device.registry().uninstall(app.identifier, device::RemovalReason::sync,
+                                                           device::RemovalScope::placeholderOnly));
         }
+    }
+}
+
+void takeBack(device::Device& device, const Apps& apps) {
+    for (const std::string& app : apps) {
+        ErrorPtr error;
+        device.coordinator().classes().coordinators.uninstallAppWithBundleID_error(app, &error);
+        logFailure(device, error);
     }
 }
 
@@ -86,11 +98,14 @@ void clearReceivedFiles(device::Device& device) {
     }
 }
 
-void clearLeftovers(device::Device& device) {
+void clearLeftovers(device::Device& device, const Apps& waiting, const Apps& takenBack) {
     clearReceivedFiles(device);
+    if (device.coordinationIsEnabled()) {
+        takeBack(device, takenBack);
+    }
     clearPlaceholderBundles(device);
     if (!device.coordinationIsEnabled()) {
-        clearPlaceholders(device);
+        clearPlaceholders(device, waiting);
         (void)device.store().refreshReceipts(); // the plug-in asks for it at the end of a sync that has installed
     }
 }

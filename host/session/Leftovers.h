@@ -1,18 +1,26 @@
 // What an interrupted sync leaves on a device for nobody.
 #pragma once
 
+#include <functional>
+#include <set>
+#include <string>
+
 namespace appsync::device {
 class Device;
 }
 
 namespace appsync::host {
 
+/// Identifiers.
+using Apps = std::set<std::string, std::less<>>;
+
 /// Removes received files that nobody will install, unfinished ones too, and placeholder bundles that nobody
-/// registered; on a device without coordination also the placeholders of installs that will not go on, so that their
-/// apps are asked for again, and the receipts that such a sync has not brought up to date. Files whose place the
-/// plug-in has noted in its restore state stay. To be called before a sync, when no install runs. What cannot be
-/// removed now is left for the next time.
-void clearLeftovers(device::Device& device);
+/// registered, and takes back the installs of `takenBack`. On a device without coordination it also removes the
+/// placeholders of the other installs that are to begin anew, so that their apps are asked for again, but for those
+/// that go on `waiting`, and the receipts that such a sync has not brought up to date. Files whose place the plug-in
+/// has noted in its restore state stay. To be called before a sync, when no install runs. What cannot be removed now is
+/// left for the next time.
+void clearLeftovers(device::Device& device, const Apps& waiting, const Apps& takenBack);
 /// Of that, the received files alone. Also to be called after a sync: an app that a person cancels just when its
 /// transfer ends has a file that nobody takes.
 void clearReceivedFiles(device::Device& device);

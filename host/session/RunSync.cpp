@@ -31,11 +31,18 @@ void noteLostMessages(device::Device& device, SyncReport& report) {
     }
 }
 
+/// The report of a sync that did not begin.
+SyncReport unfinished(const SyncReport& planned) {
+    SyncReport report;
+    report.problems = planned.problems;
+    return report;
+}
+
 } // namespace
 
-SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOptions& options, SyncView& view) {
-    SyncReport report;
-    if (const auto staged = desktop::writeStagingArea(device.files(), device.propertyLists(), list,
+SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& options, SyncView& view) {
+    SyncReport report = unfinished(plan.report);
+    if (const auto staged = desktop::writeStagingArea(device.files(), device.propertyLists(), plan.list,
                                                       device.homeScreen().flattenedOrder());
         !staged) {
         report.failure = staged.error();
@@ -88,7 +95,7 @@ SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOpt
                                  .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
                                  .cancel = [&person](const std::string& app) { return person.cancel(app); },
                                  .interrupted = [&busyApps] { busyApps.giveUp(); }});
-    report = SyncSession({device, client, deviceService, outcomes, view, options.bandwidth}, list).run();
+    report = SyncSession({device, client, deviceService, outcomes, view, options.bandwidth}, plan).run();
     noteLostMessages(device, report);
     return report;
 }

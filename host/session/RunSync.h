@@ -1,8 +1,7 @@
 // One sync from its list to its report.
 #pragma once
 
-#include "desktop/SyncList.h"
-#include "host/view/SyncReport.h"
+#include "host/session/SyncPlan.h"
 #include "host/view/SyncView.h"
 
 #include <string>
@@ -22,9 +21,8 @@ struct SyncOptions {
     const Interrupt* interrupt = nullptr; // ends the sync early, and cleanly; may be null
 };
 
-/// Writes the staging area as the desktop would, loads the plug-in from its bundle, announces that the host is ready,
-/// and lets a session drive the sync. What prevents all of it stands in the report's `failure`.
-[[nodiscard]] SyncReport runSync(device::Device& device, desktop::SyncList list, const SyncOptions& options,
-                                 SyncView& view);
+/// Does what is planned: writes the staging area as the desktop would, loads the plug-in from its bundle, announces
+/// that the host is ready, and lets a session drive the sync. What prevents all of it stands in the report's `failure`.
+[[nodiscard]] SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& options, SyncView& view);
 
 } // namespace appsync::host

@@ -4,7 +4,6 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
 #include "device/services/BackupService.h"
-#include "device/services/DevicePolicy.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/DeletedApps.h"
@@ -12,10 +11,10 @@
 #include "host/session/Leftovers.h"
 #include "host/transfer/Transfer.h"
 #include "host/transfer/TransferQueue.h"
-#include "platform/DevicePolicy.h"
 #include "platform/host/Client.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace appsync::host {
 
@@ -28,24 +27,24 @@ ErrorPtr interruptedError() {
     return transferError(TransferError::interrupted, "The sync was interrupted; sync again to go on.");
 }
 
-} // namespace
-
-SyncSession::SyncSession(const SyncParties& parties, const desktop::SyncList& list) : _parties(parties), _list(list) {
-    for (const device::Application& app : parties.device.registry().applications()) {
-        _namesBefore[app.identifier] = app.name;
-        if (app.isInstalled) {
-            _installedBefore.insert(app.identifier);
-        }
-    }
+ErrorPtr notInThisSyncError() {
+    return transferError(TransferError::interrupted, "This sync does not bring it; a later one may.");
 }
+
+const std::string& identifierOf(const desktop::FailedApp& failed) {
+    return failed.app->identifier;
+}
+
+} // namespace
 
 SyncReport SyncSession::run() {
     if (const auto opened = _open(); !opened) {
         SyncReport report;
+        report.problems = _plan.report.problems;
         report.failure = opened.error();
         return report;
     }
-    _transferAll(_plan());
+    _transferAll(_assetsToSend());
     _close();
     return _report();
 }
@@ -57,7 +56,7 @@ Result<void> SyncSession::_open() {
         return hostError("The plug-in does not handle the data class \"Application\".");
     }
     if (const auto disabled = client.disabledAssetTypes(); disabled && disabled->contains("Application")) {
-        return hostError("This device allows neither installing nor removing apps.");
+        return nothingAllowedError();
     }
     const std::string anchor = client.currentSyncAnchor();
     ErrorPtr error;
@@ -68,24 +67,21 @@ Result<void> SyncSession::_open() {
     return {};
 }
 
-std::vector<QRAssetPtr> SyncSession::_plan() {
+std::vector<QRAssetPtr> SyncSession::_assetsToSend() {
     if (_parties.client.responds(QRClientOperation::installedAssets)) {
         _deleted = deletedApps(_parties.client.installedAssets());
     }
-    auto assets = _parties.client.outstandingAssetTransfers();
-    std::map<std::string_view, std::uint64_t> sizes;
-    for (const auto* apps : {&_list.installs, &_list.restores}) {
-        for (const desktop::AppArchive* app : *apps) {
-            sizes[app->identifier] = app->size;
-        }
-    }
+    std::vector<QRAssetPtr> assets;
     std::vector<AppStatus> planned;
-    for (const QRAssetPtr& asset : assets) {
-        _requested.insert(asset->identifier);
-        planned.push_back({asset->identifier, asset->prettyName.value_or(asset->identifier), sizes[asset->identifier]});
-        if (asset->isRestore) {
-            _restores.push_back(asset);
+    for (const QRAssetPtr& asset : _parties.client.outstandingAssetTransfers()) {
+        const desktop::AppArchive* app = desktop::findArchive(_list, asset->identifier);
+        if (app == nullptr) { // it has a placeholder, for which the device asks whatever it is told
+            _parties.client.assetTransfer_succeeded_withError(asset, false, notInThisSyncError());
+            continue;
         }
+        assets.push_back(asset);
+        planned.push_back({asset->identifier, asset->prettyName.value_or(asset->identifier), app->size});
+        _requested.insert(asset->identifier);
     }
     _parties.view.began(std::move(planned));
     return assets;
@@ -170,9 +166,6 @@ Result<void> SyncSession::_mayGoOn(const QRAsset& asset, const TransferQueue& qu
 
 Result<void> SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue& queue) {
     const desktop::AppArchive* app = desktop::findArchive(_list, asset->identifier);
-    if (app == nullptr) {
-        return transferError(TransferError::sourceFailed, "The library has no '" + asset->identifier + "'.");
-    }
     const auto mayGoOn = [&] { return _mayGoOn(*asset, queue); };
     if (const auto goesOn = mayGoOn(); !goesOn) {
         return goesOn;
@@ -207,33 +200,46 @@ void SyncSession::_close() {
 }
 
 SyncReport SyncSession::_report() const {
-    SyncReport report;
-    for (const std::string& identifier : _list.removals) {
-        report.apps.push_back(_reportOfRemoval(identifier));
+    SyncReport report = _plan.report;
+    for (AppReport& app : report.apps) {
+        app = _reportOf(std::move(app));
     }
-    for (const desktop::AppArchive* app : _list.installs) {
-        report.apps.push_back(_reportOfInstall({app->identifier, app->name.value_or(app->identifier), app->version}));
-    }
-    for (const QRAssetPtr& asset : _restores) {
-        report.apps.push_back(
-            _reportOfInstall({asset->identifier, asset->prettyName.value_or(asset->identifier), asset->version()}));
-    }
-    for (const desktop::FailedApp& failed : _list.failed) {
-        report.apps.push_back({failed.app->identifier, failed.app->name.value_or(failed.app->identifier),
-                               failed.app->version, AppResult::failed, failed.reason});
-    }
-    report.problems = _list.problems;
     report.deleted = _deleted;
     report.interrupted = Interrupt::requested();
     return report;
 }
 
+AppReport SyncSession::_reportOf(AppReport report) const {
+    if (isSent(report.result)) {
+        return _reportOfInstall(std::move(report));
+    }
+    if (report.result == AppResult::removed) {
+        return _reportOfRemoval(std::move(report));
+    }
+    if (report.result == AppResult::waiting && _parties.outcomes.isCancelled(report.identifier)) {
+        report.result = AppResult::cancelled;
+        report.reason = reasonOf(cancelledByUserError());
+    } else if (report.result == AppResult::cancelled && _parties.device.registry().hasPlaceholder(report.identifier)) {
+        report.result = AppResult::failed;
+        report.isPassedOver = false;
+        report.reason = "Its install could not be taken back; `qrd log` tells why.";
+    }
+    return report;
+}
+
 AppReport SyncSession::_reportOfInstall(AppReport report) const {
     const std::string& identifier = report.identifier;
+    const auto planned = std::exchange(report.result, AppResult::failed);
+    if (const auto unstaged = std::ranges::find(_list.failed, identifier, identifierOf);
+        unstaged != _list.failed.end()) {
+        report.reason = unstaged->reason;
+        return report;
+    }
     if (const auto error = _transferErrors.find(identifier); error != _transferErrors.end()) {
         report.reason = reasonOf(error->second);
         switch (static_cast<TransferError>(error->second->code())) {
-        case TransferError::interrupted: report.result = AppResult::interrupted; break;
+        case TransferError::interrupted:
+        case TransferError::noSpace: report.result = AppResult::waiting; break;
         case TransferError::cancelledByUser: report.result = AppResult::cancelled; break;
         default: break;
         }
@@ -241,7 +247,7 @@ AppReport SyncSession::_reportOfInstall(AppReport report) const {
     }
     const auto outcome = _parties.outcomes.outcomeOf(identifier);
     if (outcome && *outcome == nullptr) {
-        report.result = _installedBefore.contains(identifier) ? AppResult::updated : AppResult::installed;
+        report.result = planned;
         if (const auto app = _parties.device.registry().application(identifier)) {
             report.version = app->version; // what the archive was, whatever the library has said
         }
@@ -250,14 +256,11 @@ AppReport SyncSession::_reportOfInstall(AppReport report) const {
         report.result = isCancelled ? AppResult::cancelled : AppResult::failed;
         report.reason = reasonOf(isCancelled ? cancelledByUserError() : *outcome);
     } else if (_requested.contains(identifier) && Interrupt::requested()) {
-        report.result = AppResult::interrupted;
-        report.reason = _isWaiting(identifier) ? "It is in use and could not be replaced; close it and sync again."
-                                               : reasonOf(interruptedError());
+        report.result = AppResult::waiting;
+        report.reason = _isInUse(identifier) ? "It is in use and could not be replaced; close it and sync again."
+                                             : reasonOf(interruptedError());
     } else if (_requested.contains(identifier)) {
         report.reason = "The device did not say how the install ended; `qrd log` tells more.";
-    } else if (_parties.device.policy().value(OLFeatureAppInstallationAllowed) == OLBoolValue::explicitlyNo) {
-        report.result = AppResult::refused;
-        report.reason = "This device does not allow installing apps.";
     } else {
         report.result = AppResult::refused;
         report.reason = "The device did not ask for it; `qrd log` tells why.";
@@ -265,23 +268,14 @@ AppReport SyncSession::_reportOfInstall(AppReport report) const {
     return report;
 }
 
-bool SyncSession::_isWaiting(std::string_view identifier) const {
+bool SyncSession::_isInUse(std::string_view identifier) const {
     const SyncStatus status = _parties.view.status();
     const auto app = std::ranges::find(status.apps, identifier, &AppStatus::identifier);
     return app != status.apps.end() && app->stage == AppStage::waiting;
 }
 
-AppReport SyncSession::_reportOfRemoval(const std::string& identifier) const {
-    const auto name = _namesBefore.find(identifier);
-    AppReport report{identifier, name != _namesBefore.end() ? name->second : identifier, std::nullopt,
-                     AppResult::removed, ""};
-    if (!_parties.device.registry().isInstalled(identifier)) {
-        return report;
-    }
-    if (_parties.device.policy().value(OLFeatureAppRemovalAllowed) == OLBoolValue::explicitlyNo) {
-        report.result = AppResult::refused;
-        report.reason = "This device does not allow removing apps.";
-    } else {
+AppReport SyncSession::_reportOfRemoval(AppReport report) const {
+    if (_parties.device.registry().isInstalled(report.identifier)) {
         report.result = AppResult::failed;
         report.reason = "The device could not remove it; `qrd log` tells why.";
     }

@@ -1,10 +1,10 @@
 // Drives one sync: the calls of the plug-in in their order, and the transfers between them.
 #pragma once
 
-#include "desktop/SyncList.h"
-#include "host/view/SyncReport.h"
+#include "host/session/SyncPlan.h"
 #include "host/view/SyncView.h"
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -36,10 +36,10 @@ struct SyncParties {
     Bandwidth* bandwidth; // null: as fast as it goes
 };
 
-/// For one sync, whose staging area has been written. One thread.
+/// For one sync, whose staging area has been written; the plan must outlive it. One thread.
 class SyncSession {
   public:
-    SyncSession(const SyncParties& parties, const desktop::SyncList& list);
+    SyncSession(const SyncParties& parties, const SyncPlan& plan) : _parties(parties), _plan(plan), _list(plan.list) {}
 
     /// Ends early, and cleanly, when the process is interrupted.
     [[nodiscard]] SyncReport run();
@@ -47,7 +47,7 @@ class SyncSession {
   private:
     /// An error when the sync cannot go on.
     [[nodiscard]] Result<void> _open();
-    [[nodiscard]] std::vector<std::shared_ptr<QRAsset>> _plan();
+    [[nodiscard]] std::vector<std::shared_ptr<QRAsset>> _assetsToSend();
     void _transferAll(const std::vector<std::shared_ptr<QRAsset>>& assets);
     /// All parts that the device asks for.
     [[nodiscard]] Result<void> _transferRestore(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
@@ -58,17 +58,16 @@ class SyncSession {
     [[nodiscard]] Result<void> _transferOne(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
     void _close();
     [[nodiscard]] SyncReport _report() const;
-    /// `report` says which app is meant.
+    // Each is given what was planned.
+    [[nodiscard]] AppReport _reportOf(AppReport report) const;
     [[nodiscard]] AppReport _reportOfInstall(AppReport report) const;
-    [[nodiscard]] bool _isWaiting(std::string_view identifier) const;
-    [[nodiscard]] AppReport _reportOfRemoval(const std::string& identifier) const;
+    [[nodiscard]] AppReport _reportOfRemoval(AppReport report) const;
+    [[nodiscard]] bool _isInUse(std::string_view identifier) const;
 
     const SyncParties _parties;
-    const desktop::SyncList& _list;
-    std::set<std::string> _installedBefore;
-    std::map<std::string, std::string> _namesBefore;
+    const SyncPlan& _plan;
+    const desktop::SyncList& _list; // of the plan
     std::set<std::string> _requested;
-    std::vector<std::shared_ptr<QRAsset>> _restores; // of those, what a restore brings back
     std::map<std::string, ErrorPtr> _transferErrors;
     std::vector<std::string> _deleted;
     bool _allTransferred = true;

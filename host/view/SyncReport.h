@@ -3,6 +3,9 @@
 
 #include "values/Error.h"
 
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -10,32 +13,59 @@
 
 namespace appsync::host {
 
-enum class AppResult { installed, updated, removed, failed, cancelled, interrupted, refused };
+/// What became of an app, or would.
+enum class AppResult {
+    installed,
+    updated,
+    downgraded, // to an older version
+    removed,
+    unchanged,
+    waiting,   // for a later sync or the store
+    cancelled, // its install was taken back
+    refused,   // by what the device or the command line allows
+    failed,
+};
 
 struct AppReport {
-    std::string identifier;
-    std::string name; // never empty
-    std::optional<std::string> version;
+    std::string identifier;             // of a file that is no app: empty
+    std::string name;                   // never empty
+    std::optional<std::string> version; // that a sync brings; nullopt when none is or none is known
     AppResult result = AppResult::failed;
-    std::string reason = {}; // in words a person understands; empty for a success
+    std::string reason = {};              // in words a person understands; may be empty for a success
+    std::optional<std::string> from = {}; // the version that was there before
+    std::uint64_t size = 0;               // of what is sent, in bytes
+    bool isPassedOver = false;            // nobody asked for it, so that it is no failure
 };
+
+using ReportTime = std::chrono::system_clock::time_point;
 
 struct SyncReport {
     std::vector<AppReport> apps;
     std::vector<std::string> problems; // what was passed over, a sentence each
     std::vector<std::string> deleted;  // apps that were deleted on the device since the last sync
     bool interrupted = false;
-    ErrorPtr failure; // why the whole sync could not go on; null when it could
+    ErrorPtr failure;                       // why the whole sync could not go on; null when it could
+    bool isDryRun = false;                  // it says what would become of the apps
+    std::size_t unchanged = 0;              // apps of the library, those among `apps` included
+    std::uint64_t bytes = 0;                // to be sent
+    std::uint64_t bytesNeeded = 0;          // on the device, about
+    std::optional<std::uint64_t> bytesFree; // there, before; nullopt when that is not known
+    std::optional<ReportTime> began;
+    std::optional<ReportTime> ended;
 
     [[nodiscard]] bool allDone() const;
 };
 
 [[nodiscard]] const char* nameOf(AppResult result);
+/// Whether a new version came, or comes.
+[[nodiscard]] bool isSent(AppResult result);
 /// The sentence for a person: an error's description, or what its domain and code are known to mean.
 [[nodiscard]] std::string reasonOf(const ErrorPtr& error);
 
-/// A table: app, version, result, reason; then the problems.
+/// A table: app, version, result, reason. A dry run also says how much it is.
 void printTable(std::ostream& out, const SyncReport& report);
+/// What else a person should know, a line each.
+void printNotes(std::ostream& out, const SyncReport& report);
 /// One JSON object on several lines.
 void printJson(std::ostream& out, const SyncReport& report);
 

@@ -101,7 +101,7 @@ class Scenario:
 
     def reasons(self, report):
         """Why a command failed, according to its report."""
-        reasons = [app.get("reason", "") for app in report["apps"] if app["result"] in ("failed", "refused")]
+        reasons = [app.get("reason", "") for app in report["apps"] if app["result"] in ("failed", "refused", "waiting")]
         return reasons + ([report["failure"]] if "failure" in report else [])
 
     def is_all_right(self, command, answer):

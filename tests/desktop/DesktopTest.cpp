@@ -95,6 +95,11 @@ TEST_F(Desktop, PacksAnAppThatCanBeReadAgain) {
     EXPECT_EQ(read->name, "The One");
     EXPECT_EQ(read->path, archive);
     EXPECT_EQ(read->size, fs::file_size(archive));
+    EXPECT_EQ(read->unpackedSize, fs::file_size(app / "One.app" / "Info.plist") + std::string("One data"
+                                                                                              "png"
+                                                                                              "metadata"
+                                                                                              "artwork")
+                                                                                      .size());
     const auto description = readAppDescription(*read, codec);
     ASSERT_TRUE(description) << errorText(description.error());
     EXPECT_NE(description->infoPlist.bytes().find("com.example.one"), std::string::npos);
@@ -141,10 +146,12 @@ TEST_F(Desktop, ReadsALibraryAndNamesWhatItPassesOver) {
     EXPECT_EQ(found.apps[0].identifier, "com.example.a");
     EXPECT_EQ(found.apps[0].version, "1.0");
     EXPECT_EQ(found.apps[1].identifier, "com.example.b");
-    ASSERT_EQ(found.problems.size(), 3u);
+    ASSERT_EQ(found.problems.size(), 1u);
     EXPECT_NE(found.problems[0].find("Z.archive"), std::string::npos);
-    EXPECT_NE(found.problems[1].find("notes.txt"), std::string::npos);
-    EXPECT_NE(found.problems[2].find("zeros"), std::string::npos);
+    ASSERT_EQ(found.unreadable.size(), 2u);
+    EXPECT_EQ(found.unreadable[0].path, library() / "notes.txt");
+    EXPECT_NE(found.unreadable[0].reason.find("notes.txt"), std::string::npos);
+    EXPECT_EQ(found.unreadable[1].path, library() / "zeros");
     EXPECT_NE(found.find("com.example.b"), nullptr);
     EXPECT_EQ(found.find("com.example.c"), nullptr);
 }
@@ -167,7 +174,7 @@ TEST_F(Desktop, ReadsWhatDescribesADamagedArchive) {
     const fs::path archive = packed("A", infoOf("a"));
     fs::resize_file(archive, fs::file_size(archive) - 40);
     const AppLibrary found = read();
-    EXPECT_EQ(found.apps.size() + found.problems.size(), 1u);
+    EXPECT_EQ(found.apps.size() + found.unreadable.size(), 1u);
 }
 
 // What a sync does.
@@ -181,41 +188,20 @@ class SyncLists : public Desktop {
         packed("C", infoOf("c", "3.0"));
         apps = read();
     }
-    Sentences installs(const std::vector<InstalledApp>& installed, const SyncWishes& wishes) {
-        list = makeSyncList(apps, installed, wishes);
-        Sentences identifiers;
-        for (const AppArchive* app : list.installs) {
-            identifiers.push_back(app->identifier);
+    /// Makes the list: all apps of the library.
+    void installAll() {
+        list = {};
+        for (const AppArchive& app : apps.apps) {
+            list.installs.push_back(&app);
         }
-        return identifiers;
     }
     AppLibrary apps;
     SyncList list;
 };
 
-TEST_F(SyncLists, InstallWhatTheDeviceLacksOrHasInAnotherVersion) {
-    EXPECT_EQ(installs({{"a", "1.0"}, {"c", "2.0"}, {"other", "1"}}, {}), (Sentences{"b", "c"}));
-    EXPECT_EQ(installs({{"a", "1.0"}, {"b", "1.0"}, {"c", "3.0"}}, {}), Sentences{});
-    EXPECT_EQ(installs({{"a", std::nullopt}, {"b", "1.0"}, {"c", "3.0"}}, {}), Sentences{"a"});
-    EXPECT_TRUE(list.problems.empty());
-}
-
-TEST_F(SyncLists, InstallOnlyWhatWasAskedFor) {
-    EXPECT_EQ(installs({{"b", "1.0"}}, {{"b", "missing"}, {}}), Sentences{"b"});
-    ASSERT_EQ(list.problems.size(), 1u);
-    EXPECT_NE(list.problems[0].find("'missing' cannot be installed"), std::string::npos);
-}
-
-TEST_F(SyncLists, RemoveRatherThanInstall) {
-    EXPECT_EQ(installs({{"a", "0.9"}}, {{"a"}, {"a", "a", "missing"}}), Sentences{});
-    EXPECT_EQ(list.removals, Sentences{"a"});
-    ASSERT_EQ(list.problems.size(), 2u);
-    EXPECT_NE(list.problems[0].find("'missing' cannot be removed"), std::string::npos);
-    EXPECT_NE(list.problems[1].find("is to be installed and removed"), std::string::npos);
-}
-
 TEST_F(SyncLists, BecomeToDoRecords) {
-    installs({{"x", "1"}, {"a", "1.0"}, {"b", "1.0"}}, {{}, {"x"}});
+    list.removals = {"x"};
+    list.installs = {apps.find("c")};
     EXPECT_EQ(toDoRecords(list), (Array{Dictionary{{"identifier", "x"}, {"operation", "remove"}},
                                         Dictionary{{"identifier", "c"},
                                                    {"operation", "install"},
@@ -225,7 +211,8 @@ TEST_F(SyncLists, BecomeToDoRecords) {
 }
 
 TEST_F(SyncLists, LayOutIconsInPages) {
-    installs({{"x", "1"}}, {{}, {"x"}});
+    installAll();
+    list.removals = {"x"};
     EXPECT_EQ(iconLayout({"y", "x", "b"}, list), (Array{Array{"y", "b", "a", "c"}}));
     std::vector<std::string> many;
     for (int i = 0; i < 24; ++i) {
@@ -239,7 +226,7 @@ TEST_F(SyncLists, LayOutIconsInPages) {
 }
 
 TEST_F(SyncLists, AreStagedWithTheirApps) {
-    installs({}, {});
+    installAll();
     inmemory::World world;
     ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}));
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/";
@@ -250,7 +237,7 @@ TEST_F(SyncLists, AreStagedWithTheirApps) {
 }
 
 TEST_F(SyncLists, ReplaceWhatWasStagedBefore) {
-    installs({}, {});
+    installAll();
     inmemory::World world;
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/";
     world.files.put(staging + "old", "x");
@@ -259,7 +246,7 @@ TEST_F(SyncLists, ReplaceWhatWasStagedBefore) {
 }
 
 TEST_F(SyncLists, LeaveNothingStagedWhenTheyCannotBeWritten) {
-    installs({}, {});
+    installAll();
     for (const char* call : {"files.createDirectory", "files.createFile", "plist.serialise"}) {
         for (int after = 0; after < 2; ++after) {
             inmemory::World world;
@@ -279,7 +266,7 @@ TEST_F(SyncLists, StageTheIconThatTheAppNamesAndNoOther) {
     }
     ASSERT_TRUE(pack(app, library() / "icons")) << errorText(error);
     apps = read();
-    installs({}, {{"icons"}, {}});
+    list.installs = {apps.find("icons")};
     inmemory::World world;
     ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}));
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/icons/";
@@ -304,7 +291,7 @@ TEST_F(SyncLists, NameNoIconThatIsNotAPictureOfTheApp) {
 }
 
 TEST_F(SyncLists, FailOnlyTheAppsWhoseArchiveHasChangedBeforeTheyAreStaged) {
-    installs({}, {});
+    installAll();
     packed("A", infoOf("a", "2.0")); // takes the place of the one that was read
     fs::remove(library() / "B.archive");
     inmemory::World world;
@@ -325,7 +312,7 @@ TEST_F(SyncLists, FailTheAppsOfWhichTheDeviceWouldRefuseAnEntry) {
     archive[archive.rfind("PK\3\4") + 30] = 'X'; // the last entry's name, but for the directory
     write(library() / "A.archive", archive);
     apps = read();
-    installs({}, {});
+    installAll();
     inmemory::World world;
     ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {}));
     EXPECT_EQ(world.files.plistAt("/var/mobile/Media/PublicStaging/ApplicationSync/ApplicationsSync.plist"),
@@ -353,9 +340,9 @@ TEST_F(Desktop, NamesWhatIsNoFileAndDoesNotWaitForIt) {
     ASSERT_EQ(::mkfifo((library() / "fifo").c_str(), 0600), 0);
     fs::create_symlink("/dev/zero", library() / "zeros");
     const AppLibrary found = read();
-    ASSERT_EQ(found.problems.size(), 2U);
-    EXPECT_NE(found.problems[0].find("fifo' cannot be read: it is no regular file"), std::string::npos);
-    EXPECT_NE(found.problems[1].find("zeros' cannot be read: it is no regular file"), std::string::npos);
+    ASSERT_EQ(found.unreadable.size(), 2U);
+    EXPECT_NE(found.unreadable[0].reason.find("fifo' cannot be read: it is no regular file"), std::string::npos);
+    EXPECT_NE(found.unreadable[1].reason.find("zeros' cannot be read: it is no regular file"), std::string::npos);
 }
 
 TEST_F(Desktop, PacksNoLinkThatLeavesTheApp) {

@@ -48,13 +48,8 @@ class Control : public SyncOnBothPaths {
     SyncReport syncWith(const SyncOptions& options) {
         const auto device = device::Device::open(deviceFolder());
         const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists());
-        std::vector<desktop::InstalledApp> installed;
-        for (const auto& app : (*device)->registry().applications()) {
-            installed.push_back({app.identifier, app.version});
-        }
-        const auto list = desktop::makeSyncList(*library, installed, {});
         SyncView view(shown, SyncView::Style::lines);
-        return runSync(**device, list, options, view);
+        return runSync(**device, planSync(*library, stateOf(**device), {}), options, view);
     }
     /// The order in which apps were sent.
     std::string sent() const {
@@ -305,7 +300,7 @@ TEST_P(BusyUpdate, IsShownWithItsReasonAndItsNextTryAndEndsAtAnInterrupt) {
     const SyncReport report = syncWith({.plugInPath = APPSYNC_BUNDLE, .interrupt = &interrupt});
     watcher.join();
     EXPECT_TRUE(report.interrupted);
-    EXPECT_EQ(resultsOf(report), (Results{{"com.example.a", "not sent"}}));
+    EXPECT_EQ(resultsOf(report), (Results{{"com.example.a", "waiting"}}));
     EXPECT_EQ(report.apps[0].reason, "It is in use and could not be replaced; close it and sync again.");
     EXPECT_NE(shown.str().find("waiting The a: " + waitReason() + "; next try at "), std::string::npos);
 

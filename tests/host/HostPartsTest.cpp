@@ -177,53 +177,94 @@ TEST(Tables, TellSizesInTheUnitThatFits) {
 
 SyncReport sampleReport() {
     SyncReport report;
-    report.apps = {{"com.a", "A", "1.0", AppResult::installed, ""},
-                   {"com.b", "B", std::nullopt, AppResult::failed, "It is damaged."}};
+    report.apps = {{"com.a", "A", "1.1", AppResult::updated, "", "1.0", 1234},
+                   {"", "B.archive", std::nullopt, AppResult::failed, "It is damaged."}};
     report.problems = {"'x' is no archive."};
+    report.unchanged = 3;
+    report.bytes = 1234;
+    report.bytesNeeded = 5000;
+    report.bytesFree = 4000;
     return report;
 }
 
-TEST(Reports, PrintATable) {
+TEST(Reports, PrintATableAndNotes) {
     std::ostringstream out;
     printTable(out, sampleReport());
-    EXPECT_EQ(out.str(), "App  Version  Result     Reason\n"
-                         "A    1.0      installed\n"
-                         "B    -        failed     It is damaged.\n"
-                         "note: 'x' is no archive.\n");
+    EXPECT_EQ(out.str(), "App        Version     Result   Reason\n"
+                         "A          1.0 -> 1.1  updated\n"
+                         "B.archive  -           failed   It is damaged.\n");
+    std::ostringstream notes;
+    printNotes(notes, sampleReport());
+    EXPECT_EQ(notes.str(), "note: 'x' is no archive.\n");
     std::ostringstream nothing;
     printTable(nothing, {});
     EXPECT_EQ(nothing.str(), "Nothing to do: the device has every app of the library.\n");
 }
 
+TEST(Reports, OfADryRunSayHowMuchItIsAndWhatTheDeviceLacks) {
+    SyncReport report = sampleReport();
+    report.isDryRun = true;
+    std::ostringstream out;
+    printTable(out, report);
+    EXPECT_TRUE(out.str().starts_with("App        Version     Would be  Reason\n")) << out.str();
+    EXPECT_TRUE(
+        out.str().ends_with("\n1.2 kB to send, 3 unchanged; the device needs about 5.0 kB and has 4.0 kB free\n"))
+        << out.str();
+    std::ostringstream notes;
+    printNotes(notes, report);
+    EXPECT_TRUE(notes.str().ends_with("note: the device may lack about 1.0 kB; remove something from it first\n"));
+    report.bytesFree.reset();
+    std::ostringstream unknown;
+    printTable(unknown, report);
+    EXPECT_TRUE(unknown.str().ends_with("\n1.2 kB to send, 3 unchanged\n")) << unknown.str();
+}
+
 TEST(Reports, PrintJson) {
     SyncReport report = sampleReport();
+    report.isDryRun = true;
     report.apps[0].name = "bad \xFF text";
     report.failure = transferError(TransferError::interrupted, "Why.");
+    report.began = ReportTime(std::chrono::seconds(1'800'000'000));
     std::ostringstream out;
     printJson(out, report);
     const auto json = nlohmann::json::parse(out.str());
+    EXPECT_EQ(json["version"], 1);
     EXPECT_EQ(json["done"], false);
+    EXPECT_EQ(json["dryRun"], true);
     EXPECT_EQ(json["interrupted"], false);
+    EXPECT_EQ(json["began"], "2027-01-15T08:00:00Z");
+    EXPECT_EQ(json["ended"], nullptr);
     EXPECT_EQ(json["apps"][0]["identifier"], "com.a");
-    EXPECT_EQ(json["apps"][0]["version"], "1.0");
-    EXPECT_EQ(json["apps"][0]["result"], "installed");
+    EXPECT_EQ(json["apps"][0]["result"], "updated");
+    EXPECT_EQ(json["apps"][0]["from"], "1.0");
+    EXPECT_EQ(json["apps"][0]["to"], "1.1");
+    EXPECT_EQ(json["apps"][0]["size"], 1234);
     EXPECT_FALSE(json["apps"][0].contains("reason"));
-    EXPECT_TRUE(json["apps"][1]["version"].is_null());
+    EXPECT_EQ(json["apps"][1]["identifier"], nullptr);
+    EXPECT_EQ(json["apps"][1]["to"], nullptr);
     EXPECT_EQ(json["apps"][1]["reason"], "It is damaged.");
+    EXPECT_EQ(json["unchanged"], 3);
+    EXPECT_EQ(json["bytes"], 1234);
+    EXPECT_EQ(json["bytesNeeded"], 5000);
+    EXPECT_EQ(json["bytesFree"], 4000);
+    EXPECT_EQ(json["bytesMissing"], 1000);
     EXPECT_EQ(json["problems"][0], "'x' is no archive.");
     EXPECT_EQ(json["failure"], "Why.");
 }
 
 TEST(Reports, AreDoneOnlyWhenEverythingIs) {
+    using enum AppResult;
     SyncReport report;
     EXPECT_TRUE(report.allDone());
-    for (const AppResult good : {AppResult::installed, AppResult::updated, AppResult::removed}) {
+    for (const AppResult good : {installed, updated, downgraded, removed, unchanged}) {
         report.apps = {{"a", "A", std::nullopt, good, ""}};
-        EXPECT_TRUE(report.allDone());
+        EXPECT_TRUE(report.allDone()) << nameOf(good);
     }
-    for (const AppResult bad : {AppResult::failed, AppResult::cancelled, AppResult::interrupted, AppResult::refused}) {
+    for (const AppResult bad : {waiting, cancelled, refused, failed}) {
         report.apps = {{"a", "A", std::nullopt, bad, ""}};
-        EXPECT_FALSE(report.allDone());
+        EXPECT_FALSE(report.allDone()) << nameOf(bad);
+        report.apps[0].isPassedOver = true;
+        EXPECT_TRUE(report.allDone()) << nameOf(bad);
     }
     report.apps.clear();
     report.interrupted = true;

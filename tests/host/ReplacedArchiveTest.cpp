@@ -44,7 +44,7 @@ class ReplacedArchive : public SyncOnBothPaths {
     SyncReport run(const std::function<void()>& beforeStaging, const std::function<void()>& whileSending = {}) {
         const auto device = device::Device::open(deviceFolder());
         const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists());
-        auto list = desktop::makeSyncList(*library, {{"com.example.a", "1.0"}}, {});
+        auto plan = planSync(*library, stateOf(**device), {});
         if (beforeStaging) {
             beforeStaging();
         }
@@ -52,7 +52,7 @@ class ReplacedArchive : public SyncOnBothPaths {
         std::ostream shown(&watch);
         shown << std::unitbuf;
         SyncView view(shown, SyncView::Style::lines);
-        return runSync(**device, std::move(list), {.plugInPath = APPSYNC_BUNDLE}, view);
+        return runSync(**device, std::move(plan), {.plugInPath = APPSYNC_BUNDLE}, view);
     }
     static const AppReport& reportOf(const SyncReport& report, const std::string& identifier) {
         return *std::ranges::find(report.apps, identifier, &AppReport::identifier);

@@ -622,9 +622,9 @@ TEST_F(Restores, ASyncLeavesToTheStoreWhatIsItsOwn) {
     create("b");
     bringBack(ExitCode::done);
     const Json report = syncLibrary(ExitCode::done);
-    EXPECT_EQ(report["apps"], Json::array());
-    EXPECT_EQ(report["problems"],
-              (Json{"com.example.a is being restored and waits for the store; `qrd store` brings it."}));
+    EXPECT_EQ(results(report), (Results{{"com.example.a", "waiting"}}));
+    EXPECT_EQ(reasonOf(report, "a"), "It is being restored and waits for the store; `qrd store` brings it.");
+    syncLibrary(ExitCode::someAppFailed, {.install = {"com.example.a"}});
     EXPECT_EQ(results(visitStore(ExitCode::done)), (Results{{"com.example.a", "installed"}}));
 }
 

@@ -1,18 +1,23 @@
 // A library of small apps and a device, each in a folder of its own, for tests of whole syncs.
 #pragma once
 
+#include "desktop/AppLibrary.h"
 #include "desktop/ArchivePacker.h"
 #include "device/Device.h"
 #include "host/Commands.h"
+#include "host/control/Interrupt.h"
+#include "host/session/RunSync.h"
 #include "propertylist/Codec.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
+#include <sstream>
 
 namespace appsync::host {
 
@@ -64,16 +69,29 @@ class Sync : public testing::Test {
         file.seekp(static_cast<std::streamoff>(fs::file_size(archiveOf(name)) / 2));
         file << "damage";
     }
-    Json sync(ExitCode expected, SyncArguments arguments = {}) {
+    std::pair<ExitCode, Json> syncAnyhow(SyncArguments arguments = {}) {
         arguments.device = deviceFolder();
         arguments.library = (folder / "library").string();
         arguments.plugin = APPSYNC_BUNDLE;
         arguments.json = true;
         testing::internal::CaptureStdout();
         const ExitCode code = host::sync(arguments);
-        const std::string output = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(code, expected) << output;
-        return Json::parse(output, nullptr, false);
+        return {code, Json::parse(testing::internal::GetCapturedStdout(), nullptr, false)};
+    }
+    Json sync(ExitCode expected, SyncArguments arguments = {}) {
+        auto [code, report] = syncAnyhow(std::move(arguments));
+        EXPECT_EQ(code, expected) << report.dump();
+        return report;
+    }
+    /// A sync that is ended before it sends anything.
+    SyncReport syncInterrupted() {
+        const auto device = device::Device::open(deviceFolder());
+        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists());
+        std::ostringstream shown;
+        SyncView view(shown, SyncView::Style::quiet);
+        const Interrupt interrupt;
+        std::raise(SIGINT);
+        return runSync(**device, planSync(*library, stateOf(**device), {}), {.plugInPath = APPSYNC_BUNDLE}, view);
     }
     static std::map<std::string, std::string> results(const Json& report) {
         std::map<std::string, std::string> all;

@@ -1,5 +1,4 @@
 // Whole syncs with real files, a real database, real archives and the loaded plug-in.
-#include "desktop/AppLibrary.h"
 #include "device/log/TransactionLog.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
@@ -102,25 +101,59 @@ TEST_F(Sync, GoesOnAfterAnInterruption) {
     createDevice();
     addApp("a");
     addApp("b");
-    {
-        const auto device = device::Device::open(deviceFolder());
-        const auto library = desktop::readAppLibrary((folder / "library").string(), (*device)->propertyLists());
-        const auto list = desktop::makeSyncList(*library, {}, {});
-        std::ostringstream shown;
-        SyncView view(shown, SyncView::Style::lines);
-        const Interrupt interrupt;
-        std::raise(SIGINT); // before the first piece is sent
-        const SyncReport report = runSync(**device, list, {.plugInPath = APPSYNC_BUNDLE}, view);
-        EXPECT_TRUE(report.interrupted);
-        ASSERT_EQ(report.apps.size(), 2u);
-        for (const AppReport& app : report.apps) {
-            EXPECT_EQ(app.result, AppResult::interrupted);
-            EXPECT_EQ(app.reason, "The sync was interrupted; sync again to go on.");
-        }
+    const SyncReport report = syncInterrupted();
+    EXPECT_TRUE(report.interrupted);
+    ASSERT_EQ(report.apps.size(), 2u);
+    for (const AppReport& app : report.apps) {
+        EXPECT_EQ(app.result, AppResult::waiting);
+        EXPECT_EQ(app.reason, "The sync was interrupted; sync again to go on.");
     }
     EXPECT_EQ(apps(), (Results{{"com.example.a", "placeholder"}, {"com.example.b", "placeholder"}}));
     EXPECT_EQ(results(sync(ExitCode::done)), (Results{{"com.example.a", "installed"}, {"com.example.b", "installed"}}));
     EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}, {"com.example.b", "1.0"}}));
+}
+
+TEST_P(SyncOnBothPaths, LeavesWaitingWhatAnEarlierSyncHasBegun) {
+    addApp("c");
+    sync(ExitCode::done);
+    addApp("a");
+    addApp("b");
+    addApp("c", "2.0");
+    addApp("d");
+    EXPECT_TRUE(syncInterrupted().interrupted);
+    fs::remove(archiveOf("b"));
+    const Json report = sync(ExitCode::done, {.install = {"com.example.d"}});
+    EXPECT_EQ(results(report), (Results{{"com.example.a", "waiting"},
+                                        {"com.example.b", "cancelled"},
+                                        {"com.example.c", "waiting"},
+                                        {"com.example.d", "installed"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "placeholder"},
+                               {"com.example.c", "placeholder"}, // of its update
+                               {"com.example.d", "1.0"}}));
+    EXPECT_EQ(results(sync(ExitCode::done)), (Results{{"com.example.a", "installed"}, {"com.example.c", "updated"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}, {"com.example.c", "2.0"}, {"com.example.d", "1.0"}}));
+    EXPECT_TRUE(filesBelow("tmp").empty());
+}
+
+TEST_P(SyncOnBothPaths, FailsForWordsThatNameNoAppAndDoesTheRest) {
+    addApp("a");
+    const Json report = sync(ExitCode::someAppFailed, {.install = {"The a", "com.example.aa"}, .remove = {"b"}});
+    EXPECT_EQ(results(report),
+              (Results{{"com.example.a", "installed"}, {"com.example.aa", "failed"}, {"b", "failed"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}}));
+}
+
+TEST_P(SyncOnBothPaths, SendsAgainAndOlderVersionsOnlyWhenAsked) {
+    addApp("a", "2.0");
+    sync(ExitCode::done);
+    EXPECT_EQ(results(sync(ExitCode::done, {.install = {"com.example.a"}})), (Results{{"com.example.a", "unchanged"}}));
+    EXPECT_EQ(results(sync(ExitCode::done, {.install = {"com.example.a"}, .reinstall = true})),
+              (Results{{"com.example.a", "updated"}}));
+    addApp("a", "1.0");
+    sync(ExitCode::someAppFailed, {.install = {"com.example.a"}});
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "2.0"}}));
+    EXPECT_EQ(results(sync(ExitCode::done, {.downgrade = true})), (Results{{"com.example.a", "downgraded"}}));
+    EXPECT_EQ(apps(), (Results{{"com.example.a", "1.0"}}));
 }
 
 TEST_F(Sync, SaysThatTheLogIsNotComplete) {
@@ -143,7 +176,9 @@ TEST_F(Sync, TellsWhatItWouldDo) {
     SyncArguments arguments{.device = deviceFolder(), .library = (folder / "library").string(), .dryRun = true};
     testing::internal::CaptureStdout();
     EXPECT_EQ(host::sync(arguments), ExitCode::done);
-    EXPECT_TRUE(testing::internal::GetCapturedStdout().starts_with("would install com.example.a 1.0 ("));
+    const std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(said.starts_with("App    Version  Would be   Reason\nThe a  1.0      installed\n")) << said;
+    EXPECT_NE(said.find(" to send, 0 unchanged; the device needs about "), std::string::npos) << said;
     EXPECT_EQ(apps(), Results{});
 }
 
@@ -173,14 +208,17 @@ TEST_F(Sync, DoesNothingWherePolicyForbidsBoth) {
     EXPECT_NE(report["failure"].get<std::string>().find("neither installing nor removing"), std::string::npos);
 }
 
-TEST_F(Sync, PassesOverWhatIsNoArchive) {
+TEST_F(Sync, NamesWhatIsNoArchive) {
     createDevice();
     addApp("a");
     write(folder / "library" / "notes.txt", "no archive");
-    const Json report = sync(ExitCode::done);
-    EXPECT_EQ(results(report), (Results{{"com.example.a", "installed"}}));
-    ASSERT_EQ(report["problems"].size(), 1u);
-    EXPECT_NE(report["problems"][0].get<std::string>().find("notes.txt"), std::string::npos);
+    const Json report = sync(ExitCode::someAppFailed);
+    ASSERT_EQ(report["apps"].size(), 2U);
+    EXPECT_EQ(report["apps"][0]["result"], "installed");
+    EXPECT_EQ(report["apps"][1]["identifier"], nullptr);
+    EXPECT_EQ(report["apps"][1]["name"], "notes.txt");
+    EXPECT_EQ(report["apps"][1]["result"], "failed");
+    EXPECT_NE(report["apps"][1]["reason"].get<std::string>().find("it is no zip archive"), std::string::npos);
 }
 
 TEST_F(Sync, RecordsEveryStepInTheTransactionLog) {

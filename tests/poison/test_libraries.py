@@ -83,16 +83,22 @@ ARCHIVES = {
 }
 
 
+def expect_failed(answer, reason):
+    """The file Bad.archive has a row of its own, which names it and says why."""
+    rows = [app for app in answer.report()["apps"] if app["identifier"] is None]
+    assert answer.code == 1 and len(rows) == 1, rows
+    assert rows[0]["name"] == "Bad.archive" and rows[0]["result"] == "failed"
+    assert "Bad.archive" in rows[0]["reason"] and reason in rows[0]["reason"], rows
+
+
 @pytest.mark.parametrize("name", ARCHIVES)
 def test_a_bad_archive_is_named_and_the_others_are_installed(world, name):
     make, reason = ARCHIVES[name]
     world.add("Good")
     (world.library / "Bad.archive").write_bytes(make())
     planned = run("sync", world.device, "--library", world.library, "--dry-run")
-    assert planned.code == 0 and reason in planned.text and "would install org.example.good" in planned.out
-    answer = world.sync()
-    problems = answer.report()["problems"]
-    assert len(problems) == 1 and "Bad.archive" in problems[0] and reason in problems[0], problems
+    assert planned.code == 1 and reason in planned.text and "Good         1.0      installed" in planned.out
+    expect_failed(world.sync(), reason)
     assert world.apps() == GOOD
 
 
@@ -141,8 +147,7 @@ NODES = {
 def test_what_is_no_file_is_named_and_never_waited_for(world, name):
     world.add("Good")
     NODES[name](world.library / "Bad.archive")
-    problems = world.sync().report()["problems"]
-    assert len(problems) == 1 and "Bad.archive" in problems[0], problems
+    expect_failed(world.sync(), "Bad.archive")
     assert world.apps() == GOOD
 
 

@@ -84,7 +84,7 @@ def test_the_display_name_of_an_app(world, name):
     path = world.add("Kettle")
     poison(path, {"Kettle.app/Info.plist": info(name), "TamblinMetadata.plist": metadata(name)})
     library = ["--library", world.library]
-    expect_harmless(run("sync", world.device, *library, "--dry-run"), lines=1)
+    expect_harmless(run("sync", world.device, *library, "--dry-run"), lines=3)
     expect_harmless(run("sync", world.device, *library))
     assert "org.example.kettle" in world.apps()
     expect_harmless(run("apps", world.device), lines=2)
