@@ -18,6 +18,14 @@ Result<ArchiveSource> ArchiveSource::open(const AppArchive& app) {
     return ArchiveSource(app.path, std::move(*file));
 }
 
+Result<void> ArchiveSource::skip(std::uint64_t bytes) {
+    if (::lseek(_file.descriptor(), static_cast<off_t>(bytes), SEEK_SET) < 0) {
+        return desktopError("'" + _path + "' cannot be read: " + systemText(errno) + ".", _path);
+    }
+    _read = bytes;
+    return {};
+}
+
 Result<std::size_t> ArchiveSource::read(std::span<char> buffer) {
     ssize_t length = 0;
     do {

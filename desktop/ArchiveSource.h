@@ -18,6 +18,8 @@ class ArchiveSource {
 
     /// In bytes.
     [[nodiscard]] std::uint64_t size() const noexcept { return _file.stamp().size; }
+    /// Leaves out what comes next. To be called before the first piece, with no more bytes than there are.
+    [[nodiscard]] Result<void> skip(std::uint64_t bytes);
     /// Fills the buffer with the next piece; its length, 0 at the end, where the archive is known to be unchanged.
     [[nodiscard]] Result<std::size_t> read(std::span<char> buffer);
 

@@ -81,7 +81,7 @@ ExitCode sync(const SyncArguments& arguments) {
         show(plan.report, arguments.json);
         return exitCodeOf(plan.report);
     }
-    clearLeftovers(*device, plan.waiting, plan.takenBack);
+    clearLeftovers(*device, plan.goingOn, plan.takenBack);
     if (!device->coordinationIsEnabled()) {
         letDemotedAppsReturn(*device, plan.list);
     }

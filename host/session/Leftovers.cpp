@@ -87,25 +87,26 @@ void clearPlaceholderBundles(device::Device& device) {
     }
 }
 
-void clearReceivedFiles(device::Device& device) {
+void clearReceivedFiles(device::Device& device, const GoingOn& goingOn) {
     const auto remembered = rememberedPaths(device);
     const std::string folder = receivedFolder();
     const auto names = device.files().list(folder);
     for (const std::string& name : names ? *names : std::vector<std::string>()) {
-        if (const std::string path = joined(folder, name); !remembered.contains(path)) {
+        if (const std::string path = joined(folder, name);
+            !remembered.contains(path) && !goingOn.archives.contains(name)) {
             device.files().removeItem(path, nullptr);
         }
     }
 }
 
-void clearLeftovers(device::Device& device, const Apps& waiting, const Apps& takenBack) {
-    clearReceivedFiles(device);
+void clearLeftovers(device::Device& device, const GoingOn& goingOn, const Apps& takenBack) {
+    clearReceivedFiles(device, goingOn);
     if (device.coordinationIsEnabled()) {
         takeBack(device, takenBack);
     }
     clearPlaceholderBundles(device);
     if (!device.coordinationIsEnabled()) {
-        clearPlaceholders(device, waiting);
+        clearPlaceholders(device, goingOn.waiting);
         (void)device.store().refreshReceipts(); // the plug-in asks for it at the end of a sync that has installed
     }
 }

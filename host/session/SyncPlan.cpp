@@ -6,6 +6,7 @@
 #include "device/services/DevicePolicy.h"
 #include "host/Nearest.h"
 #include "host/plugin/PlugIn.h"
+#include "host/transfer/Transfer.h"
 #include "platform/DevicePolicy.h"
 
 #include <algorithm>
@@ -87,6 +88,7 @@ class Planner {
         _planRemovals();
         _resolveInstalls();
         for (const AppArchive& archive : _library.apps) {
+            _plan.goingOn.archives.insert(begunName(archive));
             _planArchive(archive);
         }
         _planWhatIsNotInLibrary();
@@ -209,7 +211,7 @@ class Planner {
 
     /// An earlier sync has begun what this one does not bring. Another one may, if the archive is `wanted`.
     void _planBegun(AppReport row, bool wanted) {
-        (wanted ? _plan.waiting : _plan.takenBack).insert(row.identifier);
+        (wanted ? _plan.goingOn.waiting : _plan.takenBack).insert(row.identifier);
         if (row.result == AppResult::refused) { // which says more
             _add(std::move(row));
             return;

@@ -57,9 +57,9 @@ struct DeviceState {
 struct SyncPlan {
     SyncReport report;      // what comes of the sync if all goes well
     desktop::SyncList list; // what the device is told; points into the library
-    // Of the apps that an earlier sync has begun and this one does not bring:
-    Apps waiting;   // those that a later one can bring
-    Apps takenBack; // the others
+    // Of what an earlier sync has begun:
+    GoingOn goingOn; // its apps that wait are those that this sync does not bring and a later one can
+    Apps takenBack;
 };
 
 /// Why there is no sync with a device of such a policy.

@@ -186,7 +186,7 @@ Result<void> SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQu
 
 void SyncSession::_close() {
     _parties.device.coordinator().waitUntilIdle();
-    clearReceivedFiles(_parties.device);
+    clearReceivedFiles(_parties.device, _plan.goingOn);
     _parties.view.ended();
     _parties.client.syncEndedWithSuccess(_allTransferred);
     clearPlaceholderBundles(_parties.device); // of placeholders that could not be made

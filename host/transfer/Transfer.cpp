@@ -6,7 +6,13 @@
 #include "host/transfer/Bandwidth.h"
 #include "host/transfer/TransferQueue.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
 #include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <vector>
 
 namespace appsync::host {
@@ -25,10 +31,18 @@ ErrorPtr deviceError(int number, const std::string& path) {
                          "The device cannot take '" + path + "': " + systemText(number) + ".");
 }
 
+/// Appends to the destination what of the source has not arrived yet.
 Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const std::string& path,
                         const TransferRequest& request) {
+    const off_t arrived = ::lseek(destination, 0, SEEK_END);
+    if (arrived < 0) {
+        return deviceError(errno, path);
+    }
+    auto sent = static_cast<std::uint64_t>(arrived);
+    if (const auto skipped = source.skip(sent); !skipped) {
+        return transferError(TransferError::sourceFailed, errorText(skipped.error()));
+    }
     std::vector<char> buffer(request.bandwidth != nullptr ? request.bandwidth->pieceSize(pieceSize) : pieceSize);
-    std::uint64_t sent = 0;
     for (;;) {
         if (const auto goesOn = request.mayGoOn(); !goesOn) {
             return goesOn;
@@ -51,6 +65,13 @@ Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const s
     }
 }
 
+/// What has arrived becomes durable before it gets the name that a later transfer believes.
+void keepBegun(device::DeviceFileSystem& files, int destination, const std::string& path, const std::string& begun) {
+    if (::fsync(destination) != 0 || !files.moveItem(path, begun, nullptr)) {
+        files.removeItem(path, nullptr); // the transfer begins anew
+    }
+}
+
 } // namespace
 
 std::string receivedFolder() {
@@ -59,6 +80,14 @@ std::string receivedFolder() {
 
 std::string receivedPath(const std::string& identifier) {
     return std::string(receivedFolderName) + "/" + identifier + ".archive";
+}
+
+std::string begunName(const desktop::AppArchive& app) {
+    std::array<char, 128> state{};
+    std::snprintf(state.data(), state.size(), "%" PRIx64 "-%" PRIx64 "-%" PRIx64 "-%" PRIx64 ".%" PRIx64,
+                  app.stamp.device, app.stamp.inode, app.stamp.size, static_cast<std::uint64_t>(app.stamp.seconds),
+                  static_cast<std::uint64_t>(app.stamp.nanoseconds));
+    return app.identifier + "." + state.data() + ".begun";
 }
 
 Result<void> transfer(device::DeviceFileSystem& files, const TransferRequest& request) {
@@ -71,16 +100,23 @@ Result<void> copyToDevice(device::DeviceFileSystem& files, const TransferRequest
     if (!source) {
         return transferError(TransferError::sourceFailed, errorText(source.error()));
     }
+    const std::string folder = path.substr(0, path.rfind('/'));
     const std::string unfinished = path + ".part";
-    if (!files.createDirectory(path.substr(0, path.rfind('/')), true, std::nullopt, &error)) {
+    const std::string begun = folder + "/" + begunName(request.app);
+    if (!files.createDirectory(folder, true, std::nullopt, &error)) {
         return transferError(TransferError::deviceFailed, errorText(error));
     }
+    const bool goesOn = files.moveItem(begun, unfinished, nullptr);
     {
-        const auto destination = files.open(unfinished, O_WRONLY | O_CREAT | O_TRUNC);
+        const auto destination = files.open(unfinished, O_WRONLY | O_CREAT | (goesOn ? 0 : O_TRUNC));
         if (!destination) {
             return transferError(TransferError::deviceFailed, errorText(destination.error()));
         }
         error = copyPieces(*source, destination->get(), unfinished, request).error();
+        if (isError(error, hostTransferErrorDomain, TransferError::interrupted)) {
+            keepBegun(files, destination->get(), unfinished, begun);
+            return error;
+        }
     }
     if (error == nullptr) {
         files.removeItem(path, nullptr);

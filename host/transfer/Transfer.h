@@ -35,7 +35,13 @@ struct TransferRequest {
 /// The received file's path relative to the public staging area.
 [[nodiscard]] std::string receivedPath(const std::string& identifier);
 
-/// Afterwards the archive stands at a path of the device, whole; after an error, nothing of it is left.
+/// The name, in the folder of received files, under which an interrupted transfer leaves what has arrived of an
+/// archive. It tells this state of the archive's file from any other, so that a later transfer of the same can go on
+/// from there.
+[[nodiscard]] std::string begunName(const desktop::AppArchive& app);
+
+/// Afterwards the archive stands at a path of the device, whole; after an error, nothing of it is left, but for
+/// `begunName` beside that path when the error is `TransferError::interrupted`.
 [[nodiscard]] Result<void> copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request,
                                         const std::string& path);
 

@@ -86,8 +86,11 @@ class Scenario:
 
     def command(self, device, source=None):
         """What is disturbed, and what is run again after that. It answers with a report in JSON. `source` is a copy of
-        the folder to read from instead."""
-        return [self.qrd, "sync", device, "--library", source or self.library, "--remove", "org.example.dune", "--json"]
+        the folder to read from instead. What the device does not have any more cannot be removed."""
+        apps, _ = listed_apps(self.qrd, device)
+        is_removed = apps is not None and "org.example.dune" not in apps
+        return [self.qrd, "sync", device, "--library", source or self.library,
+                *([] if is_removed else ["--remove", "org.example.dune"]), "--json"]
 
     def next_commands(self, device, answer):
         """What is run after the disturbed command, which ended so, until all is in order."""

@@ -122,10 +122,12 @@ TEST_P(DryRun, SaysWhatTheSyncThenDoes) {
     SyncArguments wished = wishes();
     wished.dryRun = true;
     const auto before = apps();
+    testing::internal::CaptureStderr();
     const auto [planCode, said] = syncAnyhow(wished);
     EXPECT_EQ(apps(), before);
     wished.dryRun = false;
     const auto [code, done] = syncAnyhow(wished);
+    testing::internal::GetCapturedStderr();
     expectSame(said, done);
     if (damaged.empty()) {
         EXPECT_EQ(planCode, code);

@@ -35,7 +35,7 @@ TEST_F(Leftovers, PlaceholdersOfInstallsThatWillNotGoOnAreRemoved) {
     const auto device = open();
     addPlaceholder(*device, "com.example.a");
     addPlaceholder(*device, "com.example.b");
-    clearLeftovers(*device, {"com.example.b"}, {});
+    clearLeftovers(*device, {.waiting = {"com.example.b"}, .archives = {}}, {});
     EXPECT_FALSE(device->registry().hasPlaceholder("com.example.a"));
     EXPECT_TRUE(device->registry().hasPlaceholder("com.example.b")) << "it waits";
 }
@@ -75,11 +75,11 @@ TEST_F(Leftovers, AReceivedFileStaysAsLongAsItsAppIsToBeRestored) {
     request.identifier = "com.example.a";
     request.installType = PDInstallTypeRestore;
     ASSERT_TRUE(device->registry().installPlaceholder(request));
-    clearReceivedFiles(*device);
+    clearReceivedFiles(*device, {});
     EXPECT_TRUE(fs::exists(received));
     ASSERT_TRUE(device->registry().uninstall("com.example.a", device::RemovalReason::sync,
                                              device::RemovalScope::placeholderOnly));
-    clearReceivedFiles(*device);
+    clearReceivedFiles(*device, {});
     EXPECT_FALSE(fs::exists(received)) << "the plug-in has not forgotten it, and nobody will install it";
 }
 

@@ -186,11 +186,11 @@ TEST_F(Plans, KeepWaitingWhatAnEarlierSyncHasBegun) {
     EXPECT_EQ(said("c"), "cancelled 1.0>1.0");
     EXPECT_EQ(said("d"), "cancelled ->-");
     EXPECT_EQ(said("e"), "cancelled ->-");
-    EXPECT_EQ(planned.waiting, (Apps{"a"}));
+    EXPECT_EQ(planned.goingOn.waiting, (Apps{"a"}));
     EXPECT_EQ(planned.takenBack, (Apps{"c", "d", "e"}));
     plan();
     EXPECT_EQ(sent(), "ab") << "without names all of the library";
-    EXPECT_EQ(planned.waiting, Apps{});
+    EXPECT_EQ(planned.goingOn.waiting, Apps{});
 }
 
 TEST_F(Plans, LeaveARestoreToTheStore) {

@@ -75,7 +75,7 @@ FAULTS = [
           'for (const std::string_view folder : {stagingFolder, containersFolder}) {',
           'for (const std::string_view folder : {containersFolder}) {', crash('coordinated', 'kill', points=40)),
     Fault("'other was left'", 'host/session/SyncSession.cpp',
-          '    clearReceivedFiles(_parties.device);\n',
+          '    clearReceivedFiles(_parties.device, _plan.goingOn);\n',
           '    _parties.device.files().writeFileAtomically("/tmp/other", "x", nullptr);\n', crash('coordinated', 'kill', **ONCE)),
     Fault('at the end: /var/mobile/Containers/Data/* is missing', 'host/session/Leftovers.cpp',
           '            device.files().removeItem(path, nullptr);',
