@@ -71,6 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     report.deleted = {text};
     std::ostringstream out;
     printTable(out, report);
+    printNotes(out, report);
     expectHarmless(out.str(), 5);
     out.str("");
     printJson(out, report);

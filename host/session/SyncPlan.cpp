@@ -10,6 +10,7 @@
 #include "platform/DevicePolicy.h"
 
 #include <algorithm>
+#include <compare>
 #include <filesystem>
 #include <utility>
 
@@ -194,7 +195,7 @@ class Planner {
     void _decide(AppReport& row, const DeviceState::App* present, bool isNamed) const {
         const bool isInstalled = present != nullptr && present->isInstalled;
         const bool isOlder =
-            isInstalled && row.version && row.from && desktop::compareVersions(*row.version, *row.from) < 0;
+            isInstalled && row.version && row.from && std::is_lt(desktop::compareVersions(*row.version, *row.from));
         if (isInstalled && row.version == row.from && !(isNamed && _wishes.reinstall)) {
             row.result = AppResult::unchanged;
             row.reason = isNamed ? "It is there already; --reinstall sends it again." : "";
