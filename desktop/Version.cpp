@@ -37,7 +37,7 @@ std::partial_ordering compareVersions(std::string_view a, std::string_view b) no
         if (!isNumber(one) || !isNumber(other)) {
             return std::partial_ordering::unordered;
         }
-        if (const auto order = compareNumbers(one, other); order != 0) {
+        if (const auto order = compareNumbers(one, other); std::is_neq(order)) {
             return order;
         }
     }
