@@ -24,6 +24,13 @@ bool isSeparator(char32_t c) {
     return (c >= '\t' && c <= '\r') || c == 0x85 || c == 0x2028 || c == 0x2029;
 }
 
+/// On a terminal.
+std::size_t columnsOf(char32_t c) {
+    const auto character = static_cast<utf8proc_int32_t>(c);
+    const bool isUnknown = utf8proc_category(character) == UTF8PROC_CATEGORY_CN;
+    return isUnknown ? 1 : static_cast<std::size_t>(utf8proc_charwidth(character));
+}
+
 } // namespace
 
 bool isPrintable(char32_t c) noexcept {
@@ -75,11 +82,36 @@ std::string printable(std::string_view text, std::size_t limit) {
 std::size_t displayWidth(std::string_view text) noexcept {
     std::size_t width = 0;
     while (!text.empty()) {
-        const auto character = static_cast<utf8proc_int32_t>(takeCharacter(text));
-        const bool isUnknown = utf8proc_category(character) == UTF8PROC_CATEGORY_CN;
-        width += isUnknown ? 1 : static_cast<std::size_t>(utf8proc_charwidth(character));
+        width += columnsOf(takeCharacter(text));
     }
     return width;
+}
+
+std::string_view frontOf(std::string_view text, std::size_t columns) noexcept {
+    std::size_t kept = 0; // bytes
+    std::size_t width = 0;
+    utf8proc_int32_t state = 0;
+    char32_t before = 0;
+    for (std::string_view rest = text; !rest.empty();) {
+        const std::size_t place = text.size() - rest.size();
+        const char32_t character = takeCharacter(rest);
+        const bool beginsAnew = utf8proc_grapheme_break_stateful(static_cast<utf8proc_int32_t>(before),
+                                                                 static_cast<utf8proc_int32_t>(character), &state);
+        kept = place == 0 || beginsAnew ? place : kept;
+        width += columnsOf(character);
+        if (width > columns) {
+            return text.substr(0, kept);
+        }
+        before = character;
+    }
+    return text;
+}
+
+std::string fitted(std::string_view text, std::size_t columns) {
+    if (displayWidth(text) <= columns) {
+        return std::string(text);
+    }
+    return columns == 0 ? std::string() : std::string(frontOf(text, columns - 1)).append(ellipsis);
 }
 
 } // namespace appsync

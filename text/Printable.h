@@ -21,6 +21,14 @@ namespace appsync {
 /// that before it.
 [[nodiscard]] std::size_t displayWidth(std::string_view text) noexcept;
 
+/// As much of the front of a printable text as takes at most so many columns. Nothing is cut in two that is seen as one
+/// character.
+[[nodiscard]] std::string_view frontOf(std::string_view text, std::size_t columns) noexcept;
+
+/// The printable text if it takes at most so many columns, otherwise as much of it as fits before a "…". Empty when
+/// there is no column.
+[[nodiscard]] std::string fitted(std::string_view text, std::size_t columns);
+
 /// The character at the front of a text that is not empty, and the text goes on behind it. Of broken UTF-8 each byte is
 /// U+FFFD.
 [[nodiscard]] char32_t takeCharacter(std::string_view& text) noexcept;

@@ -109,5 +109,24 @@ TEST(DisplayWidth, CountsTheColumnsOfATerminal) {
     EXPECT_EQ(displayWidth(bad), 1U);
 }
 
+TEST(Fitted, CutsWhatTakesMoreColumns) {
+    EXPECT_EQ(fitted("Kettle", 6), "Kettle");
+    EXPECT_EQ(fitted("Kettle", 5), "Kett…");
+    EXPECT_EQ(fitted("Kettle", 1), "…");
+    EXPECT_EQ(fitted("Kettle", 0), "");
+    EXPECT_EQ(fitted("", 0), "");
+    EXPECT_EQ(fitted("日本語", 6), "日本語");
+    EXPECT_EQ(fitted("日本語", 5), "日本…");
+    EXPECT_EQ(fitted("日本語", 4), "日…") << "a wide character is not halved";
+}
+
+TEST(Fitted, CutsNothingInTwoThatIsSeenAsOne) {
+    EXPECT_EQ(fitted("ae\u0301bc", 3), "ae\u0301…");
+    EXPECT_EQ(fitted("ae\u0301bc", 2), "a…");
+    const std::string mechanic = "👩\u200D🔧";
+    EXPECT_EQ(fitted(mechanic + "abc", 6), mechanic + "a…");
+    EXPECT_EQ(fitted(mechanic + "abc", 4), "…");
+}
+
 } // namespace
 } // namespace appsync
