@@ -3,14 +3,17 @@
 #include "device/processes/ProcessTable.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/control/Interrupt.h"
 #include "host/control/RunningSync.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
+#include "host/view/Terminal.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <iostream>
 
@@ -60,26 +63,91 @@ ExitCode act(const ControlArguments& arguments, const char* command) {
     return answer.contains("error") ? fail(textIn(answer, "error"), ExitCode::someAppFailed) : ExitCode::done;
 }
 
+/// What a person looks at first comes first.
+std::size_t importanceOf(const Json& app) {
+    constexpr std::array stages{"transferring", "installing", "waiting", "failed", "queued", "done"};
+    return static_cast<std::size_t>(std::ranges::find(stages, textIn(app, "stage")) - stages.begin());
+}
+
+/// At most so many of the apps, in their order.
+std::vector<const Json*> shownApps(const Json& status, std::size_t count) {
+    std::vector<const Json*> shown;
+    for (const Json& app : listIn(status, "apps")) {
+        shown.push_back(&app);
+    }
+    if (shown.size() > count) {
+        std::ranges::stable_sort(shown, {}, [](const Json* app) { return importanceOf(*app); });
+        shown.resize(count);
+        std::ranges::sort(shown); // they lie in one array
+    }
+    return shown;
+}
+
+std::vector<Line> statusLines(const Json& status, std::size_t count, std::optional<std::size_t> columns) {
+    Table table({"App", "Stage", "Sent", "Reason"});
+    table.setResults(1);
+    const auto shown = shownApps(status, count);
+    for (const Json* app : shown) {
+        std::string reason = textIn(*app, "reason");
+        if (app->contains("nextTry")) {
+            reason += "; next try at " + textIn(*app, "nextTry");
+        }
+        table.add({textIn(*app, "name"), textIn(*app, "stage"), percentIn(*app), reason});
+    }
+    auto lines = table.lines(columns);
+    const std::size_t all = listIn(status, "apps").size();
+    if (shown.size() < all) {
+        lines.push_back({{"and " + std::to_string(all - shown.size()) + " more"}});
+    }
+    lines.push_back({{std::to_string(static_cast<long>(numberIn(status, "finished"))) + " of " + std::to_string(all) +
+                      " apps are done, " + percentIn(status) + " is sent"}});
+    return lines;
+}
+
 void showStatus(const Json& status, bool json) {
     if (json) {
         printJson(std::cout, status);
-        std::cout.flush();
-        return;
-    }
-    Table table({"App", "Stage", "Sent", "Reason"});
-    const auto apps = status.find("apps");
-    for (const Json& app : apps != status.end() && apps->is_array() ? *apps : Json::array()) {
-        std::string reason = textIn(app, "reason");
-        if (app.contains("nextTry")) {
-            reason += "; next try at " + textIn(app, "nextTry");
+    } else {
+        const auto terminal = terminalOf(std::cout);
+        const auto columns = terminal ? std::optional(windowOf(*terminal).columns) : std::nullopt;
+        for (const Line& line : statusLines(status, listIn(status, "apps").size(), columns)) {
+            printLine(std::cout, line);
         }
-        table.add({textIn(app, "name"), textIn(app, "stage"), percentIn(app), reason});
     }
-    table.print(std::cout);
-    printLine(std::cout, std::to_string(static_cast<long>(numberIn(status, "finished"))) + " of " +
-                             std::to_string(apps != status.end() ? apps->size() : 0) + " apps are done, " +
-                             percentIn(status) + " is sent");
     std::cout.flush();
+}
+
+/// As many apps as the window has room for.
+void drawStatus(const Json& status, const Window& window) {
+    const std::size_t columns = std::max<std::size_t>(window.columns, 2) - 1; // the last one would begin a line
+    std::size_t count = std::min(listIn(status, "apps").size(), window.rows);
+    auto lines = statusLines(status, count, columns);
+    while (lines.size() > window.rows && count > 0) {
+        lines = statusLines(status, --count, columns);
+    }
+    lines.resize(std::min(lines.size(), window.rows));
+    for (Line& line : lines) {
+        line = fittedLine(std::move(line), columns);
+    }
+    drawLines(std::cout, lines);
+    setDrawing(true);
+}
+
+/// Draws each status over the last one, until there is none or the person has seen enough. The last one stays.
+ExitCode followOn(int terminal, RunningSync& running, Json status) {
+    const Interrupt interrupt;
+    while (std::cout.good()) {
+        drawStatus(status, windowOf(terminal));
+        Json next = running.waitForNext(interrupt.descriptor()) ? running.next() : Json();
+        if (!next.is_object()) {
+            break;
+        }
+        status = std::move(next);
+    }
+    eraseLines(std::cout);
+    setDrawing(false);
+    showStatus(status, false);
+    return Interrupt::exitCode();
 }
 
 } // namespace
@@ -152,6 +220,9 @@ ExitCode showSyncStatus(const StatusArguments& arguments) {
         return fail(textIn(status, "error"));
     }
     running.waitWithoutEnd();
+    if (const auto terminal = terminalOf(std::cout); terminal && arguments.follow && !arguments.json) {
+        return followOn(*terminal, running, std::move(status));
+    }
     do {
         showStatus(status, arguments.json);
         status = arguments.follow ? running.next() : Json();

@@ -11,8 +11,6 @@
 #include "host/transfer/Bandwidth.h"
 #include "host/view/Print.h"
 
-#include <unistd.h>
-
 #include <chrono>
 #include <iostream>
 #include <utility>
@@ -93,7 +91,7 @@ ExitCode sync(const SyncArguments& arguments) {
         bandwidth.emplace(*bytesPerSecond, [&](std::chrono::nanoseconds time) { interrupt.waitFor(time); });
         options.bandwidth = &*bandwidth;
     }
-    SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(STDOUT_FILENO));
+    SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(std::cout));
     SyncReport report = runSync(*device, std::move(plan), options, view);
     report.began = began;
     report.ended = std::chrono::system_clock::now();

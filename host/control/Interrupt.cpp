@@ -1,5 +1,7 @@
 #include "host/control/Interrupt.h"
 
+#include "host/view/Terminal.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -23,6 +25,7 @@ constexpr std::array signals{SIGINT, SIGTERM, SIGHUP, SIGPIPE};
 void handle(int signal) {
     int none = 0;
     if (!signalled.compare_exchange_strong(none, signal) && (signal == SIGINT || signal == SIGTERM)) {
+        eraseDrawing();
         std::signal(signal, SIG_DFL);
         std::raise(signal);
     }

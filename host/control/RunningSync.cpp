@@ -6,7 +6,11 @@
 #include "host/view/SyncReport.h"
 #include "host/view/SyncStatus.h"
 
+#include <poll.h>
+
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <iostream>
 
 namespace appsync::host {
@@ -60,6 +64,13 @@ Json RunningSync::next() {
     return answer;
 }
 
+bool RunningSync::waitForNext(int instead) const {
+    std::array<pollfd, 2> awaited{{{_connection.get(), POLLIN, 0}, {instead, POLLIN, 0}}};
+    while (_buffer.find('\n') == std::string::npos && ::poll(awaited.data(), awaited.size(), -1) < 0 && errno == EINTR) {
+    }
+    return awaited[1].revents == 0;
+}
+
 std::string textIn(const Json& object, const char* key) {
     const auto found = object.find(key);
     return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
@@ -70,9 +81,10 @@ double numberIn(const Json& object, const char* key) {
     return found != object.end() && found->is_number() ? std::clamp(found->get<double>(), 0.0, 1e6) : 0;
 }
 
-Json listIn(const Json& object, const char* key) {
+const Json& listIn(const Json& object, const char* key) {
+    static const Json none = Json::array();
     const auto found = object.find(key);
-    return found != object.end() && found->is_array() ? *found : Json::array();
+    return found != object.end() && found->is_array() ? *found : none;
 }
 
 void showProgressOf(const std::string& deviceFolder, device::Device& device) {

@@ -31,6 +31,8 @@ class RunningSync {
     [[nodiscard]] nlohmann::ordered_json ask(const ControlRequest& request);
     /// The next line of an answer that has several.
     [[nodiscard]] nlohmann::ordered_json next();
+    /// False when something else is to be read instead, from this descriptor. Waits without a bound.
+    [[nodiscard]] bool waitForNext(int instead) const;
     void waitWithoutEnd() const { waitForAnswersWithoutEnd(_connection.get()); }
     [[nodiscard]] const std::string& problem() const { return _problem; }
 
@@ -49,7 +51,7 @@ class RunningSync {
 /// Between 0 and a million; 0 when it is absent.
 [[nodiscard]] double numberIn(const nlohmann::ordered_json& object, const char* key);
 /// An array; empty when it is absent.
-[[nodiscard]] nlohmann::ordered_json listIn(const nlohmann::ordered_json& object, const char* key);
+[[nodiscard]] const nlohmann::ordered_json& listIn(const nlohmann::ordered_json& object, const char* key);
 
 /// Has a device that is looked at show how far the sync is that runs on it, which that alone knows: the progress of its
 /// apps, and that it syncs. A sync that does not answer soon is told of on standard error.

@@ -53,8 +53,10 @@ SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& opt
         report.failure = plugIn.error();
         return report;
     }
-    InstallOutcomes outcomes(
-        [&view](std::string_view identifier, const ErrorPtr& error) { view.installEnded(identifier, error); });
+    InstallOutcomes outcomes([&view, &outcomes](std::string_view identifier, const ErrorPtr& error) {
+        const bool isCancelled = error != nullptr && outcomes.isCancelled(identifier);
+        view.installEnded(identifier, isCancelled ? cancelledByUserError() : error);
+    });
     DeviceService deviceService;
     ErrorClassification errorClassification;
     const Platform devicePlatform = device.platform(deviceService, errorClassification);

@@ -173,12 +173,12 @@ Result<void> SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQu
     _parties.view.transferBegan(asset->identifier);
     double told = 0;
     const auto progress = [&](double fraction) {
+        _parties.view.transferring(asset->identifier, fraction);
         if (fraction - told < progressStep && fraction < 1) {
             return;
         }
         told = fraction;
         asset->downloadProgress = fraction;
-        _parties.view.transferring(asset->identifier, fraction);
         _parties.client.assetTransfer_updatedProgress(asset, fraction);
     };
     return transfer(_parties.device.files(), {*app, progress, mayGoOn, _parties.bandwidth});

@@ -1,5 +1,6 @@
 #include "host/view/Print.h"
 
+#include "host/view/Terminal.h"
 #include "text/Printable.h"
 
 #include <nlohmann/json.hpp>
@@ -30,6 +31,27 @@ std::string shownXml(std::string_view piece) {
     return out;
 }
 
+std::string_view codeOf(Colour colour) {
+    switch (colour) {
+    case Colour::none: return "";
+    case Colour::red: return "\x1b[31m";
+    case Colour::yellow: return "\x1b[33m";
+    case Colour::green: return "\x1b[32m";
+    }
+    return "";
+}
+
+std::string rendered(const Line& line, bool hasColours) {
+    std::string out;
+    for (const Piece& piece : line) {
+        const bool isColoured = hasColours && piece.colour != Colour::none;
+        out += isColoured ? codeOf(piece.colour) : "";
+        out += printable(piece.text, maxLineLength);
+        out += isColoured ? "\x1b[0m" : "";
+    }
+    return out;
+}
+
 } // namespace
 
 void printLine(std::ostream& out, std::string_view line, std::size_t limit) {
@@ -52,8 +74,40 @@ void printXml(std::ostream& out, std::string_view piece, bool forTerminal) {
     }
 }
 
-void eraseLines(std::ostream& out, std::size_t count) {
-    out << "\x1b[" << count << "A\x1b[J";
+Line fittedLine(Line line, std::size_t columns) {
+    for (Piece& piece : line) {
+        piece.text = fitted(piece.text, columns);
+        columns -= displayWidth(piece.text);
+    }
+    while (!line.empty()) {
+        std::string& last = line.back().text;
+        last.erase(last.find_last_not_of(' ') + 1);
+        if (!last.empty()) {
+            break;
+        }
+        line.pop_back();
+    }
+    return line;
+}
+
+void printLine(std::ostream& out, const Line& line) {
+    out << rendered(line, terminalOf(out).has_value()) << '\n';
+}
+
+void drawLines(std::ostream& out, const std::vector<Line>& lines) {
+    std::string drawn(eraseFromCursor);
+    for (const Line& line : lines) {
+        drawn.append(&line == &lines.front() ? "" : "\n").append(rendered(line, true));
+    }
+    drawn += '\r';
+    if (lines.size() > 1) {
+        drawn += "\x1b[" + std::to_string(lines.size() - 1) + "A";
+    }
+    out << drawn << std::flush; // at once: a terminal shows no half of it
+}
+
+void eraseLines(std::ostream& out) {
+    out << eraseFromCursor << std::flush;
 }
 
 } // namespace appsync::host

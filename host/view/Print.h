@@ -1,6 +1,7 @@
 // How `qrd` tells a person something: every line goes through here and is made printable as a whole
 // (text/Printable.h), so that no name, path or reason in it can steer the terminal, break the line or hide what
-// follows. `scripts/check-printing` holds that nothing else is printed.
+// follows. `scripts/check-printing` holds that nothing else is printed. So it is with what is drawn over again on a
+// terminal (host/view/Terminal.h): its colours and movements come from here alone.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -9,6 +10,7 @@
 #include <iosfwd>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace appsync::host {
 
@@ -27,7 +29,25 @@ void printJson(std::ostream& out, const nlohmann::ordered_json& json, int indent
 /// which means the same.
 void printXml(std::ostream& out, std::string_view piece, bool forTerminal);
 
-/// Takes the last `count` lines off the terminal.
-void eraseLines(std::ostream& out, std::size_t count);
+enum class Colour { none, red, yellow, green };
+/// A part of a line.
+struct Piece {
+    std::string text;
+    Colour colour = Colour::none;
+};
+using Line = std::vector<Piece>;
+
+/// Within so many columns, and without the blanks at its end.
+[[nodiscard]] Line fittedLine(Line line, std::size_t columns);
+
+/// On a terminal with colours, anywhere else without.
+void printLine(std::ostream& out, const Line& line);
+
+/// Draws lines on a terminal in place of those that it has drawn last. Each must fit in the window, and all of them.
+/// The cursor stays on the first: wherever a window that becomes narrower wraps or cuts the lines, what is to be
+/// erased is below it.
+void drawLines(std::ostream& out, const std::vector<Line>& lines);
+/// Takes what has been drawn off the terminal, and what is typed meanwhile, such as "^C".
+void eraseLines(std::ostream& out);
 
 } // namespace appsync::host

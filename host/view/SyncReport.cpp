@@ -120,6 +120,7 @@ void printTable(std::ostream& out, const SyncReport& report) {
         printLine(out, "Nothing to do: the device has every app of the library.");
     } else {
         Table table({"App", "Version", report.isDryRun ? "Would be" : "Result", "Reason"});
+        table.setResults(2);
         for (const AppReport& app : report.apps) {
             table.add({app.name, versionText(app), nameOf(app.result), app.reason});
         }

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <functional>
+#include <numeric>
 
 namespace appsync::host {
 
@@ -29,14 +31,23 @@ Json toJsonObject(const AppStatus& app) {
 
 } // namespace
 
+std::uint64_t AppStatus::sentBytes() const {
+    return static_cast<std::uint64_t>(static_cast<double>(bytes) * std::clamp(fraction, 0.0, 1.0));
+}
+
+std::uint64_t SyncStatus::bytes() const {
+    return std::transform_reduce(apps.begin(), apps.end(), std::uint64_t{0}, std::plus(),
+                                 [](const AppStatus& app) { return app.bytes; });
+}
+
+std::uint64_t SyncStatus::sentBytes() const {
+    return std::transform_reduce(apps.begin(), apps.end(), std::uint64_t{0}, std::plus(),
+                                 [](const AppStatus& app) { return app.sentBytes(); });
+}
+
 double SyncStatus::fraction() const {
-    double all = 0;
-    double done = 0;
-    for (const AppStatus& app : apps) {
-        all += static_cast<double>(app.bytes);
-        done += static_cast<double>(app.bytes) * std::clamp(app.fraction, 0.0, 1.0);
-    }
-    return all == 0 ? 0 : done / all;
+    const std::uint64_t all = bytes();
+    return all == 0 ? 0 : static_cast<double>(sentBytes()) / static_cast<double>(all);
 }
 
 std::size_t SyncStatus::finished() const {

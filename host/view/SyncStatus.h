@@ -27,11 +27,16 @@ struct AppStatus {
     double fraction = 0;                                // of the transfer, 0 to 1
     std::string reason = {};                            // of `failed` and `waiting`, in words a person understands
     std::chrono::system_clock::time_point nextTry = {}; // of `waiting`
+
+    [[nodiscard]] std::uint64_t sentBytes() const;
 };
 
 struct SyncStatus {
     std::vector<AppStatus> apps; // in the order in which they were planned
 
+    /// To transfer, in all.
+    [[nodiscard]] std::uint64_t bytes() const;
+    [[nodiscard]] std::uint64_t sentBytes() const;
     /// Of the bytes to transfer, 0 to 1; 0 when there are none.
     [[nodiscard]] double fraction() const;
     /// Apps that are done or have failed.

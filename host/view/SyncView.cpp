@@ -1,52 +1,44 @@
 #include "host/view/SyncView.h"
 
-#include "host/view/Print.h"
+#include "host/transfer/TransferQueue.h"
+#include "host/view/Bars.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
 #include "text/Printable.h"
+#include "values/Result.h"
 
 #include <unistd.h>
 
 #include <algorithm>
-#include <ostream>
+#include <iostream>
 
 namespace appsync::host {
 
 namespace {
 
-constexpr std::size_t barWidth = 28;
-constexpr std::size_t nameWidth = 22;
-constexpr std::size_t maxBars = 8;
+constexpr std::chrono::milliseconds drawInterval{100}; // of what only grows
 
-std::string bar(double fraction) {
-    const auto filled = static_cast<std::size_t>(std::clamp(fraction, 0.0, 1.0) * static_cast<double>(barWidth));
-    return "[" + std::string(filled, '#') + std::string(barWidth - filled, '.') + "]";
-}
-
-std::string padded(const std::string& name) {
-    const std::string shown = printable(name, 2 * nameWidth);
-    const std::size_t width = displayWidth(shown);
-    return width >= nameWidth ? shown : shown + std::string(nameWidth - width, ' ');
-}
-
-std::string percent(double fraction) {
-    const std::string number = std::to_string(static_cast<int>(std::clamp(fraction, 0.0, 1.0) * 100));
-    return std::string(number.size() < 3 ? 3 - number.size() : 0, ' ') + number + "%";
-}
-
-/// What stands behind an app's bar.
-std::string stageText(const AppStatus& app) {
-    switch (app.stage) {
-    case AppStage::installing: return "installing";
-    case AppStage::waiting: return "waiting: " + app.reason + "; next try at " + clockText(app.nextTry);
-    default: return percent(app.fraction);
+Line endOf(const AppStatus& app, bool isCancelled) {
+    const std::string name = printable(app.name);
+    if (app.stage == AppStage::done) {
+        return {{"done", Colour::green}, {"    " + name}};
     }
+    return isCancelled ? Line{{"cancelled", Colour::yellow}, {" " + name}}
+                       : Line{{"failed", Colour::red}, {"  " + name + ": " + app.reason}};
 }
 
 } // namespace
 
-SyncView::Style SyncView::styleFor(int descriptor) {
-    return ::isatty(descriptor) != 0 ? Style::bars : Style::lines;
+SyncView::SyncView(std::ostream& out, Style style, std::function<Window()> window,
+                   std::function<Clock::time_point()> now)
+    : _out(out), _style(style), _window(std::move(window)), _now(std::move(now)), _begin(_now()) {}
+
+SyncView::Style SyncView::styleFor(const std::ostream& out) {
+    return terminalOf(out) ? Style::bars : Style::lines;
+}
+
+Window SyncView::windowOfOutput() {
+    return windowOf(STDOUT_FILENO);
 }
 
 void SyncView::began(std::vector<AppStatus> apps) {
@@ -61,17 +53,16 @@ void SyncView::transferBegan(std::string_view identifier) {
     const Lock lock(_mutex);
     AppStatus& app = _app(identifier);
     app.stage = AppStage::transferring;
-    _underWay.emplace_back(identifier);
-    if (_style == Style::lines) {
-        _line("sending " + printable(app.name) + " (" + sizeText(app.bytes) + ")");
-    }
+    _plainLine("sending " + printable(app.name) + " (" + sizeText(app.bytes) + ")");
     _drawBars();
 }
 
 void SyncView::transferring(std::string_view identifier, double fraction) {
     const Lock lock(_mutex);
     _app(identifier).fraction = fraction;
-    _drawBars();
+    if (!_drawn || _now() - *_drawn >= drawInterval) {
+        _drawBars();
+    }
 }
 
 void SyncView::transferEnded(std::string_view identifier, const ErrorPtr& error) {
@@ -93,9 +84,7 @@ void SyncView::installWaits(std::string_view identifier, const std::string& reas
     app.stage = AppStage::waiting;
     app.reason = reason;
     app.nextTry = nextTry;
-    if (_style == Style::lines) {
-        _line("waiting " + printable(app.name) + ": " + reason + "; next try at " + clockText(nextTry));
-    }
+    _plainLine("waiting " + printable(app.name) + ": " + reason + "; next try at " + clockText(nextTry));
     _drawBars();
 }
 
@@ -107,13 +96,17 @@ void SyncView::installEnded(std::string_view identifier, const ErrorPtr& error) 
 
 void SyncView::note(const std::string& sentence) {
     const Lock lock(_mutex);
-    _line("note: " + sentence);
+    _eraseBars();
+    printLine(std::cerr, "note: " + sentence);
     _drawBars();
 }
 
 void SyncView::ended() {
     const Lock lock(_mutex);
     _eraseBars();
+    if (_style != Style::quiet && _status.bytes() != 0) {
+        printLine(_out, _summary());
+    }
     _out.flush();
 }
 
@@ -131,51 +124,60 @@ AppStatus& SyncView::_app(std::string_view identifier) {
     return _status.apps.emplace_back(AppStatus{std::string(identifier), std::string(identifier)});
 }
 
-/// Of a cancelled app both the coordinator and the transfer tell; the first word counts.
+/// Of a cancelled app both the coordinator and the transfer tell; the first word counts. What a sync leaves to the next
+/// one has not ended.
 void SyncView::_end(AppStatus& app, const ErrorPtr& error) {
     if (app.stage == AppStage::done || app.stage == AppStage::failed) {
         return;
     }
-    app.stage = error == nullptr ? AppStage::done : AppStage::failed;
-    app.reason = reasonOf(error);
-    std::erase(_underWay, app.identifier);
-    _line(error == nullptr ? "done    " + printable(app.name) : "failed  " + printable(app.name) + ": " + app.reason);
-}
-
-void SyncView::_line(const std::string& text) {
-    if (_style == Style::quiet) {
+    if (isError(error, hostTransferErrorDomain, TransferError::interrupted)) {
+        app.stage = AppStage::queued;
         return;
     }
-    _eraseBars();
-    printLine(_out, text);
-    _out.flush();
+    app.stage = error == nullptr ? AppStage::done : AppStage::failed;
+    app.reason = reasonOf(error);
+    _line(endOf(app, isError(error, hostTransferErrorDomain, TransferError::cancelledByUser)));
+}
+
+void SyncView::_line(const Line& line) {
+    if (_style != Style::quiet) {
+        _eraseBars();
+        printLine(_out, line);
+        _out.flush();
+    }
+}
+
+/// What the bars show by themselves.
+void SyncView::_plainLine(const std::string& text) {
+    if (_style == Style::lines) {
+        printLine(_out, text);
+        _out.flush();
+    }
 }
 
 void SyncView::_drawBars() {
     if (_style != Style::bars) {
         return;
     }
-    _eraseBars();
-    std::size_t drawn = 0;
-    for (const std::string& identifier : _underWay) {
-        if (drawn < maxBars) {
-            const AppStatus& app = _app(identifier);
-            printLine(_out, padded(app.name) + " " + bar(app.fraction) + " " + stageText(app));
-            ++drawn;
-        }
-    }
-    const double whole = _status.fraction();
-    printLine(_out, padded("All apps") + " " + bar(whole) + " " + percent(whole) + "  " +
-                        std::to_string(_status.finished()) + " of " + std::to_string(_status.apps.size()));
-    _out.flush();
-    _drawnLines = drawn + 1;
+    _drawn = _now();
+    _rate.sent(static_cast<double>(_status.sentBytes()), *_drawn);
+    drawLines(_out, barLines(_status, _rate.bytesPerSecond(), _window()));
+    setDrawing(true);
 }
 
+/// Also where there are none yet: an echoed "^C" may stand there.
 void SyncView::_eraseBars() {
-    if (_drawnLines > 0) {
-        eraseLines(_out, _drawnLines);
-        _drawnLines = 0;
+    if (_style == Style::bars) {
+        eraseLines(_out);
+        setDrawing(false);
     }
+}
+
+std::string SyncView::_summary() const {
+    const auto done = static_cast<std::size_t>(std::ranges::count(_status.apps, AppStage::done, &AppStatus::stage));
+    const std::size_t all = _status.apps.size();
+    return (done == all ? "" : std::to_string(done) + " of ") + std::to_string(all) +
+           (all == 1 ? " app, " : " apps, ") + sizeText(_status.sentBytes()) + " in " + durationText(_now() - _begin);
 }
 
 } // namespace appsync::host

@@ -1,13 +1,19 @@
-// Follows a sync while it runs and shows it: progress bars on a terminal, otherwise plain lines.
+// Follows a sync, or what brings apps in another way, while it runs and shows it: progress bars on a terminal,
+// otherwise plain lines.
 #pragma once
 
 #include "concurrency/Mutex.h"
+#include "host/transfer/TransferRate.h"
+#include "host/view/Print.h"
 #include "host/view/SyncStatus.h"
+#include "host/view/Terminal.h"
 #include "values/Error.h"
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -20,9 +26,13 @@ class SyncView {
   public:
     enum class Style { quiet, lines, bars };
 
-    SyncView(std::ostream& out, Style style) : _out(out), _style(style) {}
-    /// Bars when the stream of this descriptor is a terminal, otherwise lines.
-    [[nodiscard]] static Style styleFor(int descriptor);
+    using Clock = std::chrono::steady_clock;
+
+    /// `window` says how large the window is now; it is asked for each drawing.
+    SyncView(std::ostream& out, Style style, std::function<Window()> window = windowOfOutput,
+             std::function<Clock::time_point()> now = Clock::now);
+    /// Bars when it is a terminal's (host/view/Terminal.h), otherwise lines.
+    [[nodiscard]] static Style styleFor(const std::ostream& out);
 
     /// The apps that will be transferred, with name and bytes.
     void began(std::vector<AppStatus> apps);
@@ -33,9 +43,9 @@ class SyncView {
     void installWaits(std::string_view identifier, const std::string& reason,
                       std::chrono::system_clock::time_point nextTry);
     void installEnded(std::string_view identifier, const ErrorPtr& error);
-    /// Something else that a person should know.
+    /// Something else that a person should know, on the standard error.
     void note(const std::string& sentence);
-    /// Takes the bars away.
+    /// Takes the bars away and says how many apps and bytes it were, and in what time.
     void ended();
 
     [[nodiscard]] SyncStatus status() const;
@@ -43,17 +53,23 @@ class SyncView {
   private:
     [[nodiscard]] AppStatus& _app(std::string_view identifier) REQUIRES(_mutex);
     void _end(AppStatus& app, const ErrorPtr& error) REQUIRES(_mutex);
-    void _line(const std::string& text) REQUIRES(_mutex);
+    void _line(const Line& line) REQUIRES(_mutex);
+    void _plainLine(const std::string& text) REQUIRES(_mutex);
     void _drawBars() REQUIRES(_mutex);
     void _eraseBars() REQUIRES(_mutex);
+    [[nodiscard]] std::string _summary() const REQUIRES(_mutex);
+    static Window windowOfOutput();
 
     std::ostream& _out;
     const Style _style;
+    const std::function<Window()> _window;
+    const std::function<Clock::time_point()> _now;
     mutable Mutex _mutex;
     SyncStatus _status GUARDED_BY(_mutex);
     std::unordered_map<std::string, std::size_t> _places GUARDED_BY(_mutex); // of the apps in the status
-    std::vector<std::string> _underWay GUARDED_BY(_mutex); // in the order in which their transfers began
-    std::size_t _drawnLines GUARDED_BY(_mutex) = 0;
+    TransferRate _rate GUARDED_BY(_mutex);
+    Clock::time_point _begin GUARDED_BY(_mutex);
+    std::optional<Clock::time_point> _drawn GUARDED_BY(_mutex); // when last
 };
 
 } // namespace appsync::host

@@ -3,7 +3,6 @@
 #include "host/transfer/TransferQueue.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
-#include "host/view/SyncView.h"
 #include "host/view/Table.h"
 
 #include <gtest/gtest.h>
@@ -281,76 +280,6 @@ TEST(Reports, GiveReasonsInWords) {
               "The device could not prepare the install; `qrd log` tells why.");
     EXPECT_EQ(reasonOf(Error::make(QRErrorDomain, 30)), "The sync ended before the app had arrived.");
     EXPECT_EQ(reasonOf(Error::make("D", 7)), "D 7");
-}
-
-TEST(Views, TellPlainLines) {
-    std::ostringstream out;
-    SyncView view(out, SyncView::Style::lines);
-    view.began({{"a", "A\n", 1000}, {"b", "B", 2000}});
-    view.transferBegan("a");
-    view.transferring("a", 0.5);
-    view.transferEnded("a", nullptr);
-    view.transferBegan("b");
-    view.transferEnded("b", transferError(TransferError::noSpace, "Full."));
-    view.installEnded("a", nullptr);
-    view.installEnded("x", Error::make("D", 1));
-    view.ended();
-    EXPECT_EQ(out.str(), "sending A  (1.0 kB)\n"
-                         "sending B (2.0 kB)\n"
-                         "failed  B: Full.\n"
-                         "done    A \n"
-                         "failed  x: D 1\n");
-}
-
-TEST(Views, TellOnceThatAnAppHasFailed) {
-    std::ostringstream out;
-    SyncView view(out, SyncView::Style::lines);
-    view.began({{"a", "A", 1000}});
-    view.transferBegan("a");
-    view.transferring("a", 0.25);
-    view.installEnded("a", Error::make("D", 1));
-    view.transferEnded("a", transferError(TransferError::noSpace, "Full."));
-    EXPECT_EQ(out.str(), "sending A (1.0 kB)\nfailed  A: D 1\n");
-    const SyncStatus status = view.status();
-    EXPECT_EQ(status.finished(), 1U);
-    EXPECT_EQ(status.apps[0].reason, "D 1");
-    EXPECT_EQ(status.fraction(), 0.25);
-}
-
-TEST(Views, DrawBarsAndTakeThemAway) {
-    std::ostringstream out;
-    SyncView view(out, SyncView::Style::bars);
-    view.began({{"a", "A", 1000}, {"b", "B", 0}});
-    view.transferBegan("a");
-    EXPECT_NE(out.str().find("A                      [............................]   0%\n"), std::string::npos);
-    out.str("");
-    view.transferring("a", 0.5);
-    EXPECT_TRUE(out.str().starts_with("\x1b[2A\x1b[J"));
-    EXPECT_NE(out.str().find("A                      [##############..............]  50%\n"), std::string::npos);
-    EXPECT_NE(out.str().find("All apps               [##############..............]  50%  0 of 2\n"),
-              std::string::npos);
-    out.str("");
-    view.transferEnded("a", nullptr);
-    EXPECT_NE(out.str().find("A                      [############################] installing\n"), std::string::npos);
-    out.str("");
-    view.installEnded("a", nullptr);
-    EXPECT_NE(out.str().find("done    A\n"), std::string::npos);
-    EXPECT_NE(out.str().find("100%  1 of 2\n"), std::string::npos);
-    out.str("");
-    view.ended();
-    EXPECT_EQ(out.str(), "\x1b[1A\x1b[J");
-}
-
-TEST(Views, SayNothingWhenTheyAreQuiet) {
-    std::ostringstream out;
-    SyncView view(out, SyncView::Style::quiet);
-    view.began({{"a", "A", 10}});
-    view.transferBegan("a");
-    view.transferring("a", 0.5);
-    view.transferEnded("a", nullptr);
-    view.installEnded("a", nullptr);
-    view.ended();
-    EXPECT_EQ(out.str(), "");
 }
 
 } // namespace

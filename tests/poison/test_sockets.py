@@ -200,4 +200,4 @@ def test_what_is_no_socket_is_none_and_is_replaced(plain_world, kind):
     plain_world.add("Kettle")
     answer = run("sync", plain_world.device, "--library", plain_world.library)
     assert answer.code == 0
-    assert ("note: The control socket" in answer.out) == (kind == "folder")
+    assert ("note: The control socket" in answer.err) == (kind == "folder")
