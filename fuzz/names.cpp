@@ -18,11 +18,6 @@ using appsync::fuzz::expect;
 
 namespace {
 
-/// The libraries of the fonts keep what they have read until they are told, which looks like a leak at the end.
-struct Fonts {
-    ~Fonts() { appsync::device::releaseFonts(); }
-} fonts;
-
 bool isAnyOf(char32_t c, std::initializer_list<std::pair<char32_t, char32_t>> ranges) {
     return std::ranges::any_of(ranges, [&](const auto& range) { return c >= range.first && c <= range.second; });
 }
@@ -54,9 +49,9 @@ void expectDrawable(const std::string& text) {
     namespace device = appsync::device;
     const device::CairoSurface surface = device::makeSurface(200, 40);
     const device::CairoContext context(cairo_create(surface.get()));
-    const std::string label = device::shortened(context.get(), text, 100);
-    device::showCentred(context.get(), label, 100, 20);
-    device::showCentred(context.get(), device::firstLetter(text), 100, 20);
+    const device::ScreenText drawn(context.get());
+    (void)drawn.show(text, {22, false}, 100, 20, 100);
+    (void)drawn.show(device::firstLetter(text), {22, true}, 100, 20, 100);
     expect(cairo_status(context.get()) == CAIRO_STATUS_SUCCESS, "the home screen can be drawn");
 }
 

@@ -5,7 +5,6 @@
 #include "device/screen/DeviceIconRenderer.h"
 
 #include <algorithm>
-#include <fontconfig/fontconfig.h>
 #include <numbers>
 
 namespace appsync::device {
@@ -55,7 +54,9 @@ std::vector<ScreenPage> screensOf(const ScreenContents& contents) {
 
 class Pen {
   public:
-    explicit Pen(cairo_t* context) : _context(context) {}
+    /// `unknownNames` gets the names with characters that no font has.
+    Pen(cairo_t* context, std::vector<std::string>& unknownNames)
+        : _context(context), _text(context), _unknownNames(unknownNames) {}
 
     void drawScreen(const ScreenPage& screen, std::size_t number, std::size_t count, bool isSyncing) {
         drawWallpaper();
@@ -64,7 +65,7 @@ class Pen {
             const Point middle = middleOf(i);
             if (const auto* icon = std::get_if<ScreenIcon>(&screen[i])) {
                 drawIcon(*icon, middle, 1);
-                drawLabel(icon->name, middle, icon->isPlaceholder ? 0.75 : 1);
+                drawLabel(icon->name, middle, icon->isPlaceholder || icon->isDemoted ? 0.75 : 1);
             } else {
                 const auto& folder = std::get<ScreenFolder>(screen[i]);
                 drawFolder(folder, middle);
@@ -77,12 +78,6 @@ class Pen {
   private:
     void white(double opacity) { cairo_set_source_rgba(_context, 1, 1, 1, opacity); }
     void black(double opacity) { cairo_set_source_rgba(_context, 0, 0, 0, opacity); }
-
-    void font(double size, bool isBold) {
-        cairo_select_font_face(_context, "sans-serif", CAIRO_FONT_SLANT_NORMAL,
-                               isBold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
-        cairo_set_font_size(_context, size);
-    }
 
     void glow(Point middle, double radius, double red, double green, double blue, double opacity) {
         const CairoPattern light(cairo_pattern_create_radial(middle.x, middle.y, 0, middle.x, middle.y, radius));
@@ -116,9 +111,8 @@ class Pen {
         if (!isSyncing) {
             return;
         }
-        font(26, true);
         white(1);
-        showCentred(_context, "Syncing\xE2\x80\xA6", screenWidth / 2.0 + 18, statusLine - 1);
+        _text.show("Syncing\xE2\x80\xA6", {26, true}, screenWidth / 2.0 + 18, statusLine - 1, screenWidth / 2.0);
         drawSyncArrows({screenWidth / 2.0 - 72, statusLine - 11});
     }
 
@@ -156,13 +150,13 @@ class Pen {
     }
 
     void drawLabel(const std::string& name, Point middle, double opacity) {
-        font(labelSize, false);
-        const std::string label = shortened(_context, name, labelWidth);
         const double base = middle.y + side / 2 + labelDrop;
         black(0.35 * opacity);
-        showCentred(_context, label, middle.x, base + 1.5);
+        _text.show(name, {labelSize, false}, middle.x, base + 1.5, labelWidth);
         white(opacity);
-        showCentred(_context, label, middle.x, base);
+        if (_text.show(name, {labelSize, false}, middle.x, base, labelWidth) != 0) {
+            _unknownNames.push_back(name);
+        }
     }
 
     /// An icon around a point, `scale` times its size.
@@ -178,12 +172,14 @@ class Pen {
         } else {
             drawTile(icon.name);
         }
-        if (icon.isPlaceholder) {
+        if (icon.isDemoted) {
+            drawAway();
+        } else if (icon.isPlaceholder) {
             roundedRectangle(_context, 0, 0, side, side, corner);
             black(0.5);
             cairo_fill(_context);
         }
-        if (icon.isPlaceholder || icon.isUpdating) {
+        if (!icon.isDemoted && (icon.isPlaceholder || icon.isUpdating)) {
             drawProgress(icon.progress);
         }
         cairo_restore(_context);
@@ -204,9 +200,28 @@ class Pen {
         roundedRectangle(_context, 0, 0, side, side, corner);
         cairo_set_source(_context, grey.get());
         cairo_fill(_context);
-        font(64, true);
         white(0.92);
-        showCentred(_context, firstLetter(name), side / 2, side / 2 + 23);
+        _text.show(firstLetter(name), {64, true}, side / 2, side / 2 + 23, side);
+    }
+
+    /// As something that is not here but can be fetched.
+    void drawAway() {
+        constexpr double middle = side / 2;
+        constexpr double reach = side * 0.17;
+        roundedRectangle(_context, 0, 0, side, side, corner);
+        white(0.55);
+        cairo_fill(_context);
+        cairo_set_line_width(_context, 8);
+        cairo_set_line_cap(_context, CAIRO_LINE_CAP_ROUND);
+        cairo_set_line_join(_context, CAIRO_LINE_JOIN_ROUND);
+        cairo_move_to(_context, middle, middle - reach);
+        cairo_line_to(_context, middle, middle + reach);
+        cairo_move_to(_context, middle - reach * 0.75, middle + reach * 0.25);
+        cairo_line_to(_context, middle, middle + reach);
+        cairo_line_to(_context, middle + reach * 0.75, middle + reach * 0.25);
+        black(0.6);
+        cairo_stroke(_context);
+        cairo_set_line_cap(_context, CAIRO_LINE_CAP_BUTT);
     }
 
     void drawProgress(double progress) {
@@ -253,34 +268,34 @@ class Pen {
     }
 
     cairo_t* _context;
+    ScreenText _text;
+    std::vector<std::string>& _unknownNames;
 };
 
 } // namespace
 
-std::optional<Data> drawHomeScreen(const ScreenContents& contents) {
+std::optional<HomeScreenPicture> drawHomeScreen(const ScreenContents& contents) {
     const auto screens = screensOf(contents);
     const int count = static_cast<int>(screens.size());
     const CairoSurface surface = makeSurface(count * screenWidth + (count - 1) * screenGap, screenHeight);
     const CairoContext context(cairo_create(surface.get()));
     cairo_set_source_rgb(context.get(), 0.06, 0.06, 0.09);
     cairo_paint(context.get());
+    std::vector<std::string> unknownNames;
+    Pen pen(context.get(), unknownNames);
     for (std::size_t i = 0; i < screens.size(); ++i) {
         cairo_save(context.get());
         cairo_translate(context.get(), static_cast<double>(i) * (screenWidth + screenGap), 0);
         cairo_rectangle(context.get(), 0, 0, screenWidth, screenHeight);
         cairo_clip(context.get());
-        Pen(context.get()).drawScreen(screens[i], i, screens.size(), contents.isSyncing);
+        pen.drawScreen(screens[i], i, screens.size(), contents.isSyncing);
         cairo_restore(context.get());
     }
     if (cairo_status(context.get()) != CAIRO_STATUS_SUCCESS) {
         return std::nullopt;
     }
-    return pngFromSurface(surface.get());
-}
-
-void releaseFonts() noexcept {
-    cairo_debug_reset_static_data();
-    FcFini();
+    auto png = pngFromSurface(surface.get());
+    return png ? std::optional(HomeScreenPicture{std::move(*png), std::move(unknownNames)}) : std::nullopt;
 }
 
 } // namespace appsync::device

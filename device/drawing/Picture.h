@@ -17,6 +17,7 @@ struct ScreenIcon {
     bool isPlaceholder = false;  // dimmed, with a ring that shows the progress
     double progress = 0;         // of a placeholder or an update, 0 to 1
     bool isUpdating = false;     // an installed app with an install under way: a ring, not dimmed
+    bool isDemoted = false;      // a placeholder that waits for nothing: pale, with an arrow and no ring
 };
 
 struct ScreenFolder {
@@ -40,12 +41,13 @@ inline constexpr std::size_t placesPerScreen = 24;
 /// Screens beyond these are left out, so that the picture stays within what viewers open.
 inline constexpr std::size_t maxScreens = 12;
 
-/// The picture as a PNG; nullopt when memory does not suffice. A page with more places than fit goes on on the next
-/// screen. Names are untrusted: what is no UTF-8 shows as a replacement character.
-[[nodiscard]] std::optional<Data> drawHomeScreen(const ScreenContents& contents);
+struct HomeScreenPicture {
+    Data png;
+    std::vector<std::string> unknownNames; // with characters that no font of the machine has; boxes stand for them
+};
 
-/// Gives back the fonts that drawing keeps for the rest of the process. For the end of a program, when nothing draws
-/// any more on any thread; without it leak checkers report them.
-void releaseFonts() noexcept;
+/// Nullopt when memory does not suffice. A page with more places than fit goes on on the next screen. Names are
+/// untrusted: what is no UTF-8 shows as a replacement character.
+[[nodiscard]] std::optional<HomeScreenPicture> drawHomeScreen(const ScreenContents& contents);
 
 } // namespace appsync::device

@@ -3,6 +3,9 @@
 #pragma once
 
 #include <cairo.h>
+#include <cstddef>
+#include <memory>
+#include <pango/pango.h>
 #include <string>
 #include <string_view>
 
@@ -11,10 +14,28 @@ namespace appsync::device {
 /// The first character as a capital letter where ASCII has one; "?" when there is none.
 [[nodiscard]] std::string firstLetter(std::string_view text);
 
-/// The text if it is at most `width` units wide in the context's font, else as much of it as fits with "…".
-[[nodiscard]] std::string shortened(cairo_t* context, std::string_view text, double width);
+struct Font {
+    double size;
+    bool isBold;
+};
 
-/// Draws the text centred around x, with its base line at y.
-void showCentred(cairo_t* context, const std::string& text, double x, double y);
+/// Draws with one cairo context, which must outlive it. Letters are joined and run in their direction, and come from
+/// whatever font of the machine has them.
+class ScreenText {
+  public:
+    explicit ScreenText(cairo_t* context);
+
+    /// Centred around x, with its base line at y; what is wider than `width` units is cut with "…". Returns how many
+    /// characters no font has, for which boxes are drawn.
+    std::size_t show(std::string_view text, const Font& font, double x, double y, double width) const;
+
+  private:
+    struct Release {
+        void operator()(PangoContext* fonts) const noexcept;
+    };
+
+    cairo_t* _context;
+    std::unique_ptr<PangoContext, Release> _fonts;
+};
 
 } // namespace appsync::device

@@ -35,6 +35,7 @@ ScreenIcon iconOf(const Application& application, DeviceIconRenderer& renderer) 
     icon.icon = application.iconPath ? renderer.iconFromFile(*application.iconPath) : nullptr;
     icon.isPlaceholder = application.isPlaceholder && !application.isInstalled;
     icon.isUpdating = application.isPlaceholder && application.isInstalled;
+    icon.isDemoted = application.isDemoted() && !application.progress;
     icon.progress = application.progress.value_or(0);
     return icon;
 }

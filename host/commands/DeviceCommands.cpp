@@ -9,6 +9,7 @@
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
+#include "text/Printable.h"
 
 #include <nlohmann/json.hpp>
 
@@ -98,14 +99,20 @@ ExitCode drawScreen(const ScreenArguments& arguments) {
     }
     showProgressOf(arguments.device, *device);
     const auto picture = device::drawHomeScreen(device->homeScreen().contents());
-    device::releaseFonts();
     if (!picture) {
         return fail("The home screen cannot be drawn: there is not enough memory.");
     }
-    if (const auto written = writeOutput(arguments.output, picture->bytes()); !written) {
+    if (const auto written = writeOutput(arguments.output, picture->png.bytes()); !written) {
         return fail(errorText(written.error()));
     }
     printLine(isStandardOutput(arguments.output) ? std::cerr : std::cout, "drew " + arguments.output);
+    if (const auto& names = picture->unknownNames; !names.empty()) {
+        printLine(std::cerr,
+                  "note: no font of this machine has all characters of \"" + printable(names.front()) + "\"" +
+                      (names.size() > 1 ? " and of " + std::to_string(names.size() - 1) + " other names" : "") +
+                      "; boxes stand for them. Debian's packages fonts-noto-core and fonts-noto-cjk have "
+                      "most.");
+    }
     return ExitCode::done;
 }
 

@@ -80,8 +80,7 @@ FAULTS = [
     Fault('JSON is exact', 'host/view/SyncReport.cpp',
           '{"name", app.name}', '{"name", printable(app.name)}', replay('names', 'escapes')),
     Fault('the home screen can be drawn', 'device/drawing/ScreenText.cpp',
-          'std::string whole = printable(text, maxNameLength);', 'std::string whole(text.substr(0, MaxNameLength));',
-          replay('names', 'no-utf8')),
+          'pango_cairo_show_layout(_context, layout.get());', 'cairo_restore(_context);', replay('names', 'no-utf8')),
     # Property lists.
     Fault('there is a value or an error', 'propertylist/Codec.cpp',
           '    if (error != nullptr) {', '    if (error != nullptr && !reading) {', replay('binary_list', 'head')),

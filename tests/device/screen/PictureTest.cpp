@@ -14,19 +14,13 @@ namespace {
 constexpr int IconLeft = (screenWidth - 4 * iconSide) / 5;
 constexpr int IconTop = 128;
 
-class Fonts final : public testing::Environment {
-  public:
-    void TearDown() override { releaseFonts(); }
-};
-[[maybe_unused]] testing::Environment* const fonts = testing::AddGlobalTestEnvironment(new Fonts);
-
 CairoSurface draw(const ScreenContents& contents) {
-    const auto bytes = drawHomeScreen(contents);
-    EXPECT_TRUE(bytes);
+    const auto drawn = drawHomeScreen(contents);
+    EXPECT_TRUE(drawn);
     // Larger than what is read from files.
     struct Rest {
         std::string_view bytes;
-    } rest{bytes->bytes()};
+    } rest{drawn->png.bytes()};
     const auto read = [](void* closure, unsigned char* out, unsigned length) {
         auto& left = static_cast<Rest*>(closure)->bytes;
         std::memcpy(out, left.data(), length);
@@ -61,7 +55,7 @@ TEST(Picture, OneScreenHasTheSizeOfAHandheldsScreen) {
 TEST(Picture, TheSameContentsGiveTheSameBytes) {
     ScreenContents contents = one({"Name", whiteIcon(), true, 0.4});
     contents.isSyncing = true;
-    EXPECT_EQ(drawHomeScreen(contents)->bytes(), drawHomeScreen(contents)->bytes());
+    EXPECT_EQ(drawHomeScreen(contents)->png.bytes(), drawHomeScreen(contents)->png.bytes());
 }
 
 TEST(Picture, PagesStandSideBySideAndAFullPageGoesOnOnTheNextScreen) {
@@ -159,23 +153,81 @@ TEST(ScreenText, TheFirstLetterIsACapital) {
     EXPECT_EQ(firstLetter("\xE6\x97"), "\uFFFD");
 }
 
-TEST(ScreenText, ATextThatIsTooWideIsShortenedToWhatFits) {
-    const CairoSurface surface = makeSurface(10, 10);
+TEST(Picture, ADemotedAppLooksOtherwiseThanOneThatWaits) {
+    ScreenIcon icon{.name = "a", .icon = whiteIcon(), .isPlaceholder = true};
+    const double waiting = iconBrightness(icon);
+    icon.isDemoted = true;
+    EXPECT_GT(iconBrightness(icon), waiting + 20);
+    EXPECT_LT(iconBrightness(icon), 255);
+    const double demoted = iconBrightness(icon);
+    icon.progress = 0.5;
+    EXPECT_EQ(iconBrightness(icon), demoted) << "it has no ring";
+}
+
+TEST(Picture, NamesTheNamesThatNoFontHas) {
+    const std::string unknown = "\U000F0000\U000F0001"; // for private use, which no font of the machine has
+    EXPECT_EQ(drawHomeScreen(one({unknown, nullptr}))->unknownNames, std::vector{unknown});
+    EXPECT_EQ(drawHomeScreen(one({"Notes", nullptr}))->unknownNames, std::vector<std::string>());
+}
+
+/// Where a text leaves its marks: the first and the last column, and how many pixels, in all and in the left half.
+struct Marks {
+    int first = -1;
+    int last = -1;
+    int count = 0;
+    int left = 0;
+};
+
+Marks marksOf(std::string_view text, double width) {
+    constexpr int columns = 400;
+    constexpr int rows = 60;
+    const CairoSurface surface = makeSurface(columns, rows);
     const CairoContext context(cairo_create(surface.get()));
-    cairo_set_font_size(context.get(), 20);
-    const auto widthOf = [&](const std::string& text) {
-        cairo_text_extents_t extents;
-        cairo_text_extents(context.get(), text.c_str(), &extents);
-        return extents.x_advance;
-    };
-    EXPECT_EQ(shortened(context.get(), "Notes", widthOf("Notes")), "Notes");
-    const std::string cut = shortened(context.get(), "Übersicht über alles", widthOf("Übersicht ü…"));
-    EXPECT_EQ(cut, "Übersicht ü…");
-    EXPECT_EQ(shortened(context.get(), "Übersicht über alles", widthOf("Übersicht …")), "Übersicht…");
-    EXPECT_EQ(shortened(context.get(), "Wide", 1), "…");
-    const std::string endless = shortened(context.get(), std::string(1'000'000, 'i'), 1e9);
-    EXPECT_TRUE(endless.ends_with("…"));
-    EXPECT_LT(endless.size(), 100U);
+    (void)ScreenText(context.get()).show(text, {20, false}, columns / 2.0, 40, width);
+    Marks marks;
+    for (int x = 0; x < columns; ++x) {
+        for (int y = 0; y < rows; ++y) {
+            if (pixelAt(surface.get(), x, y) != 0) {
+                marks.first = marks.first < 0 ? x : marks.first;
+                marks.last = x;
+                ++marks.count;
+                marks.left += x < columns / 2 ? 1 : 0;
+            }
+        }
+    }
+    return marks;
+}
+
+TEST(ScreenText, StandsInTheMiddle) {
+    const Marks marks = marksOf("Notes", 300);
+    EXPECT_NEAR((marks.first + marks.last) / 2.0, 200, 4);
+}
+
+TEST(ScreenText, ATextThatIsTooWideIsCutToWhatFits) {
+    const int whole = marksOf("Übersicht", 390).last - marksOf("Übersicht", 390).first;
+    const std::string longer = "Übersicht über alles, was es gibt";
+    for (const double width : {60.0, 100.0, 200.0}) {
+        const Marks marks = marksOf(longer, width);
+        EXPECT_LE(marks.last - marks.first, width);
+        EXPECT_GT(marks.last - marks.first, width - 30);
+    }
+    EXPECT_EQ(marksOf("Übersicht", whole + 6).count, marksOf("Übersicht", 390).count) << "what fits is not cut";
+    EXPECT_LE(marksOf(std::string(1'000'000, 'i'), 100).last, 250);
+}
+
+TEST(ScreenText, LettersAreJoined) {
+    const std::string letter = "\u0628"; // has another form at each place of a word
+    EXPECT_NE(marksOf(letter + letter + letter, 300).count, 3 * marksOf(letter, 300).count);
+    const std::string apart = letter + "\u200C" + letter + "\u200C" + letter; // the same letters, kept apart
+    EXPECT_LT(marksOf(letter + letter + letter, 300).count, marksOf(apart, 300).count);
+}
+
+TEST(ScreenText, RunsInItsDirection) {
+    const std::string word = "\u05E9\u05DC\u05D5\u05DD"; // from the right to the left
+    const Marks behind = marksOf(word + "------", 300);
+    EXPECT_LT(behind.left, behind.count / 2) << "what stands behind the word is to the left of it";
+    const Marks before = marksOf("------" + word, 300);
+    EXPECT_GT(before.left, before.count / 2);
 }
 
 } // namespace
