@@ -21,8 +21,9 @@ constexpr std::size_t maxPathShown = 1000;
 
 class TreeCopier final : public device::TreeVisitor {
   public:
-    TreeCopier(const std::string& name, const std::function<bool()>& isCancelled)
-        : _path(name), _isCancelled(isCancelled), _buffer(pieceSize) {}
+    TreeCopier(const std::string& name, const std::function<bool()>& isCancelled,
+               const std::function<void(std::size_t)>& copied)
+        : _path(name), _isCancelled(isCancelled), _copied(copied), _buffer(pieceSize) {}
 
     Result<void> copy(Descriptor from, Descriptor to) {
         int failed = _target.enter(std::move(to));
@@ -152,6 +153,9 @@ class TreeCopier final : public device::TreeVisitor {
                 return failed;
             }
             start += length;
+            if (_copied) {
+                _copied(static_cast<std::size_t>(length));
+            }
         }
         return 0;
     }
@@ -168,6 +172,7 @@ class TreeCopier final : public device::TreeVisitor {
 
     std::string _path; // of what is being copied, for the sentence about a failure
     const std::function<bool()>& _isCancelled;
+    const std::function<void(std::size_t)>& _copied;
     std::vector<char> _buffer;
     device::FolderPath _target;
     std::vector<mode_t> _modes; // of the folders that are being filled
@@ -175,9 +180,9 @@ class TreeCopier final : public device::TreeVisitor {
 
 } // namespace
 
-Result<void> copyTree(Descriptor from, Descriptor to, const std::string& name,
-                      const std::function<bool()>& isCancelled) {
-    return TreeCopier(name, isCancelled).copy(std::move(from), std::move(to));
+Result<void> copyTree(Descriptor from, Descriptor to, const std::string& name, const std::function<bool()>& isCancelled,
+                      const std::function<void(std::size_t)>& copied) {
+    return TreeCopier(name, isCancelled, copied).copy(std::move(from), std::move(to));
 }
 
 } // namespace appsync::host

@@ -1,15 +1,18 @@
 // `qrd restore`: puts a backup onto a device and has the plug-in make a placeholder of each app in it.
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
+#include "device/root/Tree.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/backup/BackupFolder.h"
 #include "host/backup/CopyTree.h"
+#include "host/control/Interrupt.h"
 #include "host/plugin/ClientOnDevice.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
+#include "host/view/SyncView.h"
 #include "host/view/Table.h"
 #include "propertylist/Codec.h"
 
@@ -20,6 +23,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <map>
 
 namespace appsync::host {
 
@@ -43,8 +47,8 @@ struct Row {
 
 class Restore {
   public:
-    Restore(device::Device& device, BackupContent content, const BackupFolder& folder)
-        : _device(device), _content(std::move(content)), _folder(folder) {}
+    Restore(device::Device& device, BackupContent content, const BackupFolder& folder, SyncView& view)
+        : _device(device), _content(std::move(content)), _folder(folder), _view(view) {}
 
     Result<void> run(int type, const std::string& plugInPath) {
         _type = type;
@@ -56,10 +60,8 @@ class Restore {
             }
         }
         _putDemotedApps();
-        for (BackupApp& app : _content.apps) {
-            if (app.problem.empty()) {
-                app.problem = reasonOf(_putData(app.identifier).error());
-            }
+        if (auto put = _putAllData(); !put) {
+            return put;
         }
         auto done = _putRestoreInfo();
         if (done) {
@@ -67,6 +69,7 @@ class Restore {
         }
         _device.files().removeItem(restoreInfoPath, nullptr); // where the plug-in has left it nobody will read it
         _findOutcomes();
+        _view.ended();
         _isAllDone =
             problems().empty() && std::ranges::all_of(_rows, [](const Row& row) { return row.reason.empty(); });
         _device.log().flush();
@@ -145,6 +148,42 @@ class Restore {
         return isDemoted && waiting && !*waiting && _device.files().fileExists(app.dataContainerPath);
     }
 
+    /// An error when the restore is to end early; what has come so far is put again by the next one.
+    Result<void> _putAllData() {
+        _announce();
+        for (BackupApp& app : _content.apps) {
+            if (!app.problem.empty()) {
+                continue;
+            }
+            _view.transferBegan(app.identifier);
+            const auto put = _putData(app.identifier);
+            if (Interrupt::requested()) {
+                _clearAway();
+                _view.ended();
+                return hostError("interrupted; restore again to go on");
+            }
+            app.problem = reasonOf(put.error());
+            _view.transferEnded(app.identifier, put.error());
+        }
+        return {};
+    }
+
+    void _announce() {
+        std::vector<AppStatus> planned;
+        for (const BackupApp& app : _content.apps) {
+            if (app.problem.empty()) {
+                auto data = _folder.openData(app.identifier);
+                std::uint64_t bytes = 0;
+                if (data && *data) {
+                    (void)device::treeSize(std::move(**data), bytes); // only to be shown; copying will tell
+                }
+                planned.push_back({app.identifier, app.name, bytes});
+                _bytes[app.identifier] = bytes;
+            }
+        }
+        _view.began(std::move(planned));
+    }
+
     Result<void> _putData(const std::string& identifier) {
         auto from = _folder.openData(identifier);
         if (!from) {
@@ -160,7 +199,14 @@ class Restore {
             return error;
         }
         auto to = _device.files().open(incoming, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-        auto put = to ? copyTree(std::move(**from), std::move(*to), _folder.dataPath(identifier)) : to.error();
+        double sent = 0;
+        const auto copied = [&](std::size_t bytes) {
+            sent += static_cast<double>(bytes);
+            _view.transferring(identifier, std::min(1.0, sent / static_cast<double>(_bytes[identifier])));
+        };
+        auto put =
+            to ? copyTree(std::move(**from), std::move(*to), _folder.dataPath(identifier), Interrupt::requested, copied)
+               : to.error();
         if (put) {
             put = _device.backup().addRestoreData(identifier, incoming);
         }
@@ -216,6 +262,9 @@ class Restore {
                                  : "A restore of type " + std::to_string(_type) + " brings no apps back.";
                 (void)_device.backup().cancelRestore(app.identifier);
             }
+            if (_bytes.contains(app.identifier)) {
+                _view.installEnded(app.identifier, row.result == "failed" ? hostError(row.reason) : nullptr);
+            }
             _rows.push_back(std::move(row));
         }
     }
@@ -239,6 +288,8 @@ class Restore {
     device::Device& _device;
     BackupContent _content;
     const BackupFolder& _folder;
+    SyncView& _view;
+    std::map<std::string, std::uint64_t> _bytes; // of the data of the apps that are brought back
     int _type = desktopRestore;
     bool _isAllDone = false;
     std::vector<Row> _rows;
@@ -249,13 +300,14 @@ void show(const Restore& restore) {
         printLine(std::cout, "The backup holds no apps.");
     } else {
         Table table({"App", "Version", "Result", "Reason"});
+        table.setResults(2);
         for (const Row& row : restore.rows()) {
             table.add({row.name, row.version, row.result, row.reason});
         }
         table.print(std::cout);
     }
     for (const std::string& problem : restore.problems()) {
-        printLine(std::cout, "note: " + problem);
+        printLine(std::cerr, "note: " + problem);
     }
 }
 
@@ -287,9 +339,11 @@ ExitCode restore(const RestoreArguments& arguments) {
         return code;
     }
     device->coordinator().waitUntilIdle();
-    Restore restore(*device, std::move(*content), *folder);
+    const Interrupt interrupt;
+    SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(std::cout));
+    Restore restore(*device, std::move(*content), *folder, view);
     if (const auto done = restore.run(arguments.type, arguments.plugin); !done) {
-        return fail(reasonOf(done.error()));
+        return fail(reasonOf(done.error()), Interrupt::requested() ? Interrupt::exitCode() : ExitCode::failed);
     }
     arguments.json ? showJson(restore) : show(restore);
     return restore.isAllDone() ? ExitCode::done : ExitCode::someAppFailed;

@@ -4,13 +4,14 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/Leftovers.h"
 #include "host/transfer/Transfer.h"
 #include "host/transfer/TransferQueue.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
-#include "host/view/Table.h"
+#include "host/view/SyncView.h"
 #include "platform/Platform.h"
 
 #include <algorithm>
@@ -28,38 +29,56 @@ struct Order {
     std::string name;
     std::optional<std::string> version;
     KXAppInstallCoordinatorPtr coordinator; // null when it was gone at once
-    std::string problem = {};               // why nothing was delivered
+    ErrorPtr error = {};                    // why nothing was delivered
 };
+
+Result<void> mayGoOn() {
+    if (Interrupt::requested()) {
+        return transferError(TransferError::interrupted, "The store was interrupted; `qrd store` again to go on.");
+    }
+    return {};
+}
 
 class StoreClient {
   public:
-    StoreClient(device::Device& device, const desktop::AppLibrary& catalogue)
-        : _device(device), _catalogue(catalogue), _platform(device.platform(_deviceService, _errorClassification)) {}
+    StoreClient(device::Device& device, const desktop::AppLibrary& catalogue, SyncView& view)
+        : _device(device), _catalogue(catalogue), _view(view),
+          _platform(device.platform(_deviceService, _errorClassification)) {}
 
+    /// Ends early, and cleanly, when the process is interrupted.
     void run() {
         _findOrders();
         _clearDownloads();
         for (Order& order : _orders) {
             if (const auto delivered = _deliver(order); !delivered) {
-                order.problem = reasonOf(delivered.error());
+                order.error = delivered.error();
+                _view.transferEnded(order.identifier, order.error);
             }
         }
         _device.coordinator().waitUntilIdle();
+        for (const AppReport& report : reports()) { // the coordinator tells the sync host alone, whose apps they were
+            if (report.result != AppResult::waiting) {
+                const bool isDone = report.result == AppResult::installed;
+                _view.installEnded(report.identifier, isDone ? nullptr : hostError(report.reason));
+            }
+        }
+        _view.ended();
         clearPlaceholderBundles(_device); // of restored apps, as a sync does it
     }
 
     [[nodiscard]] std::vector<AppReport> reports() {
         std::vector<AppReport> all;
         for (const Order& order : _orders) {
-            AppReport report{order.identifier, order.name, order.version, AppResult::failed, order.problem};
+            const ErrorPtr error =
+                order.error == nullptr && order.coordinator != nullptr ? order.coordinator->error() : order.error;
+            AppReport report{order.identifier, order.name, order.version, AppResult::failed, reasonOf(error)};
             const auto app = _device.registry().application(order.identifier);
-            const ErrorPtr error = order.coordinator != nullptr ? order.coordinator->error() : nullptr;
-            if (order.problem.empty() && error != nullptr) {
-                report.reason = reasonOf(error);
-            } else if (order.problem.empty() && app && app->isInstalled && !app->isPlaceholder) {
+            if (isError(error, hostTransferErrorDomain, TransferError::interrupted)) {
+                report.result = AppResult::waiting;
+            } else if (error == nullptr && app && app->isInstalled && !app->isPlaceholder) {
                 report.result = AppResult::installed;
                 report.version = app->version;
-            } else if (order.problem.empty()) {
+            } else if (error == nullptr) {
                 report.reason = "The device has not installed it; `qrd log` tells more.";
             }
             all.push_back(std::move(report));
@@ -79,6 +98,12 @@ class StoreClient {
                  _platform.coordinators.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
                      open.bundleID, KXClientCorbin, false, nullptr, nullptr)});
         }
+        std::vector<AppStatus> planned;
+        for (const Order& order : _orders) {
+            const desktop::AppArchive* app = _catalogue.find(order.identifier, order.version);
+            planned.push_back({order.identifier, order.name, app != nullptr ? app->size : 0});
+        }
+        _view.began(std::move(planned));
     }
 
     /// Removes what earlier runs have left of apps that wait no longer, and what was cut short.
@@ -109,10 +134,16 @@ class StoreClient {
             return hostError("It is not in the catalogue.");
         }
         const std::string path = downloadFolder + "/" + order.identifier + ".archive";
-        const TransferRequest request{*app, [](double) {}, [] { return Result<void>(); }};
+        if (const auto goesOn = mayGoOn(); !goesOn) {
+            return goesOn;
+        }
+        _view.transferBegan(order.identifier);
+        const TransferRequest request{*app, [&](double fraction) { _view.transferring(order.identifier, fraction); },
+                                      mayGoOn};
         if (auto copied = copyToDevice(_device.files(), request, path); !copied) {
             return copied;
         }
+        _view.transferEnded(order.identifier, nullptr);
         const auto url = FileURL::fileURLWithPath(path, false);
         if (promise != nullptr) {
             promise->setTransferPath(url);
@@ -129,6 +160,7 @@ class StoreClient {
 
     device::Device& _device;
     const desktop::AppLibrary& _catalogue;
+    SyncView& _view;
     DeviceService _deviceService;
     ErrorClassification _errorClassification;
     const Platform _platform;
@@ -148,9 +180,11 @@ ExitCode store(const StoreArguments& arguments) {
     if (!catalogue) {
         return fail(reasonOf(catalogue.error()), ExitCode::wrongUse);
     }
+    const Interrupt interrupt;
     SyncReport report;
     {
-        StoreClient client(*device, *catalogue);
+        SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(std::cout));
+        StoreClient client(*device, *catalogue, view);
         client.run();
         report.apps = client.reports();
     }
@@ -158,6 +192,7 @@ ExitCode store(const StoreArguments& arguments) {
     for (const desktop::UnreadableFile& file : catalogue->unreadable) {
         report.problems.push_back(file.reason);
     }
+    report.interrupted = Interrupt::requested();
     if (arguments.json) {
         printJson(std::cout, report);
     } else if (report.apps.empty()) {
@@ -167,6 +202,9 @@ ExitCode store(const StoreArguments& arguments) {
     }
     if (!arguments.json) {
         printNotes(std::cerr, report);
+    }
+    if (report.interrupted) {
+        return fail("interrupted; `qrd store` again to go on", Interrupt::exitCode());
     }
     return report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
 }
