@@ -66,7 +66,8 @@ Json RunningSync::next() {
 
 bool RunningSync::waitForNext(int instead) const {
     std::array<pollfd, 2> awaited{{{_connection.get(), POLLIN, 0}, {instead, POLLIN, 0}}};
-    while (_buffer.find('\n') == std::string::npos && ::poll(awaited.data(), awaited.size(), -1) < 0 && errno == EINTR) {
+    while (_buffer.find('\n') == std::string::npos && ::poll(awaited.data(), awaited.size(), -1) < 0 &&
+           errno == EINTR) {
     }
     return awaited[1].revents == 0;
 }

@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <compare>
 #include <filesystem>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 namespace appsync::host {
@@ -76,7 +78,14 @@ std::string nameOf(const AppArchive& app) {
 class Planner {
   public:
     Planner(const desktop::AppLibrary& library, const DeviceState& device, const SyncWishes& wishes)
-        : _library(library), _device(device), _wishes(wishes), _isForAll(wishes.install.empty()) {}
+        : _library(library), _device(device), _wishes(wishes), _isForAll(wishes.install.empty()) {
+        for (const DeviceState::App& app : device.apps) {
+            _present.emplace(app.identifier, &app);
+        }
+        for (const AppArchive& archive : library.apps) {
+            _offered.insert(archive.identifier);
+        }
+    }
 
     SyncPlan run() {
         _plan.report.problems = _library.problems;
@@ -118,7 +127,7 @@ class Planner {
             if (named.identifier.empty()) {
                 _reportUnknown(word, named.problem);
             } else if (_removed.insert(named.identifier).second) {
-                _planRemoval(*_device.find(named.identifier));
+                _planRemoval(*_present.at(named.identifier));
             }
         }
     }
@@ -164,7 +173,8 @@ class Planner {
         if (_removed.contains(archive.identifier)) {
             return;
         }
-        const DeviceState::App* present = _device.find(archive.identifier);
+        const auto found = _present.find(archive.identifier);
+        const DeviceState::App* present = found != _present.end() ? found->second : nullptr;
         const bool isNamed = _named.contains(archive.identifier);
         AppReport row{archive.identifier, nameOf(archive), archive.version, AppResult::installed, ""};
         row.size = archive.size;
@@ -238,7 +248,7 @@ class Planner {
 
     void _planWhatIsNotInLibrary() {
         for (const DeviceState::App& app : _device.apps) {
-            if (_removed.contains(app.identifier) || _library.find(app.identifier) != nullptr) {
+            if (_removed.contains(app.identifier) || _offered.contains(app.identifier)) {
                 continue;
             }
             AppReport row{app.identifier, app.name, std::nullopt, AppResult::waiting, ""};
@@ -280,18 +290,15 @@ class Planner {
     const DeviceState& _device;
     const SyncWishes& _wishes;
     const bool _isForAll;
-    std::set<std::string> _named; // to be installed
+    std::unordered_map<std::string_view, const DeviceState::App*> _present; // on the device
+    std::unordered_set<std::string_view> _offered;                          // by the library
+    std::set<std::string> _named;                                           // to be installed
     std::set<std::string> _removed;
     std::vector<AppReport> _unknown; // words that name no app
     SyncPlan _plan;
 };
 
 } // namespace
-
-const DeviceState::App* DeviceState::find(std::string_view identifier) const {
-    const auto found = std::ranges::find(apps, identifier, &App::identifier);
-    return found != apps.end() ? &*found : nullptr;
-}
 
 DeviceState stateOf(device::Device& device) {
     const auto allows = [&](std::string_view feature) {

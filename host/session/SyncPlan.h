@@ -46,9 +46,6 @@ struct DeviceState {
     bool mayRemove = true;
     bool hasStore = true;                   // which brings what is being restored; otherwise a sync does
     std::optional<std::uint64_t> freeBytes; // where that can be learned
-
-    /// Null when the device has nothing of it.
-    [[nodiscard]] const App* find(std::string_view identifier) const;
 };
 
 /// No install may run.
