@@ -41,6 +41,10 @@ class LookBesideASync : public Look {
         Look::SetUp();
         sync = std::make_unique<Running>(folder, "sync d --library library2 --bandwidth 200kB/s");
         ASSERT_NE(sync->lineWith("sending The b"), "");
+        Answer apps;
+        do { // the device makes their places on its own time
+            apps = qrd("apps d");
+        } while (apps.code == 0 && !(has(apps, "The b  1.0      waiting") && has(apps, "The c  1.0      waiting")));
     }
     /// The sync is none the worse for those who looked: it ends cleanly, and the next one goes on.
     void goOn() {
@@ -141,7 +145,8 @@ TEST_F(LookBesideASync, AKilledSyncLeavesWhatCanBeLookedAt) {
     sync->send(SIGKILL);
     EXPECT_EQ(sync->end(), -1);
     lookEverywhere();
-    EXPECT_TRUE(has(qrd("apps d"), "The b  1.0      waiting  "));
+    const Answer apps = qrd("apps d");
+    EXPECT_TRUE(has(apps, "The b  1.0      waiting  ")) << apps.text;
     EXPECT_EQ(qrd("sync d --library library2").code, 0);
 }
 

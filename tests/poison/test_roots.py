@@ -120,7 +120,7 @@ def test_a_pipe_in_place_of_a_folder_is_told_and_not_waited_for(world, name):
     put_pipe(folder)
     world.add("Kettle", "2.0")
     answer = run("sync", world.device, "--library", world.library)
-    assert answer.code != 0 or "note: The control socket" in answer.out or name == "var/run/apps"
+    assert answer.code != 0 or "note: The control socket" in answer.err or name == "var/run/apps"
 
 
 def test_a_root_that_is_swapped_under_way_is_left_alone(world):
