@@ -3,7 +3,6 @@
 #include "archive/AppInArchive.h"
 #include "archive/EntryPath.h"
 #include "desktop/AppArchive.h"
-#include "files/OutputFile.h"
 #include "files/Syscalls.h"
 
 #include <archive.h>
@@ -50,6 +49,21 @@ class Failure {
     const std::string& _archivePath;
 };
 
+bool isNamedAsApp(const fs::path& path) {
+    return path.filename().string().ends_with(bundleExtension);
+}
+
+/// Whether it is an app's folder; what cannot be looked at is no folder.
+bool isAppFolder(const fs::path& path) {
+    std::error_code unknown;
+    return isNamedAsApp(path) && fs::is_directory(path, unknown);
+}
+
+/// As it is named, without a slash at its end.
+fs::path withoutSlash(const fs::path& path) {
+    return path.has_filename() ? path : path.parent_path();
+}
+
 /// What a folder is to be packed as.
 class Contents {
   public:
@@ -58,7 +72,7 @@ class Contents {
 
     /// Fails when the folder cannot be read or is refused.
     Result<void> collect() {
-        if (_folder.filename().string().ends_with(bundleExtension)) {
+        if (isNamedAsApp(_folder)) {
             return _addApp(_folder);
         }
         auto inside = _pathsIn<fs::directory_iterator>(_folder);
@@ -68,10 +82,8 @@ class Contents {
         std::ranges::sort(*inside);
         for (const fs::path& path : *inside) {
             const std::string name = path.filename().string();
-            std::error_code unknown; // what cannot be looked at is no folder, and so no app
-            const bool isApp = name.ends_with(bundleExtension) && fs::is_directory(path, unknown);
             const bool isCompanion = name == metadataFileName || name == artworkFileName;
-            const auto added = isApp ? _addApp(path) : isCompanion ? _addCompanion(path) : Result<void>();
+            const auto added = isAppFolder(path) ? _addApp(path) : isCompanion ? _addCompanion(path) : Result<void>();
             if (!added) {
                 return added;
             }
@@ -293,29 +305,50 @@ class ArchiveWriter {
 
 } // namespace
 
-Result<void> packApp(const std::string& folder, const std::string& archivePath,
-                     PropertyListSerialization& propertyLists) {
-    const fs::path path(folder);
-    const fs::path app = path.has_filename() ? path : path.parent_path();
+std::string findAppFolder(const std::string& folder) {
+    const fs::path path = withoutSlash(folder);
+    if (isNamedAsApp(path)) {
+        return path.string();
+    }
+    std::error_code failure; // what cannot be read holds none
+    std::vector<fs::path> apps;
+    for (fs::directory_iterator entry(path, failure); !failure && entry != fs::directory_iterator();
+         entry.increment(failure)) {
+        if (isAppFolder(entry->path())) {
+            apps.push_back(entry->path());
+        }
+    }
+    return apps.empty() ? "" : std::ranges::min(apps).string();
+}
+
+Result<PackedApp> PackedApp::make(const std::string& folder, const std::string& archivePath,
+                                  PropertyListSerialization& propertyLists) {
+    const fs::path app = withoutSlash(folder);
     const std::string name = app.string();
     const Refusal refuse(name, "the app");
     const Failure failed(folder, archivePath);
     Contents contents(app, refuse, failed);
     if (const auto collected = contents.collect(); !collected) {
-        return collected;
+        return collected.error();
     }
     if (contents.entries().empty()) {
         return desktopError("'" + name + "' is no app: name a folder <Name>.app, or one that holds it.", name);
     }
-    const auto file = OutputFile::open(archivePath);
+    auto file = OutputFile::open(archivePath);
     if (!file) {
         return file.error();
     }
     if (const auto written = ArchiveWriter(failed).write(contents.entries(), (*file)->descriptor()); !written) {
-        return written;
+        return written.error();
     }
-    const auto packed = readAppArchive((*file)->descriptor(), propertyLists, refuse);
-    return packed ? (*file)->finish() : packed.error();
+    const auto read = readAppArchive((*file)->descriptor(), propertyLists, refuse);
+    return read ? Result(PackedApp(std::move(*file))) : read.error();
+}
+
+Result<void> packApp(const std::string& folder, const std::string& archivePath,
+                     PropertyListSerialization& propertyLists) {
+    auto packed = PackedApp::make(folder, archivePath, propertyLists);
+    return packed ? packed->keep() : packed.error();
 }
 
 } // namespace appsync::desktop

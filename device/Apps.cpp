@@ -87,16 +87,15 @@ Result<pid_t> Device::launch(std::string_view identifier, bool busy) {
         prohibited && prohibited->truth().value_or(false)) {
         return refuse(ProcessError::prohibited, "its Info.plist prohibits that");
     }
-    const auto name = bundle.objectForInfoDictionaryKey("BXBundleExecutable");
-    const std::string executable(name ? name->string().value_or("") : "");
-    if (executable.empty() || executable.find('/') != std::string::npos) {
+    const auto executable = bundle.executableName();
+    if (!executable) {
         return refuse(ProcessError::noExecutable, "its Info.plist names no executable");
     }
     ErrorPtr error;
     if (!files().createDirectory(app->dataContainerPath, true, std::nullopt, &error)) {
         return error;
     }
-    const auto program = _root->realPath(app->bundlePath + "/" + executable);
+    const auto program = _root->realPath(app->bundlePath + "/" + *executable);
     const auto data = _root->realPath(app->dataContainerPath);
     if (!program || !data) {
         return refuse(ProcessError::cannotBeStarted, errorText(program ? data.error() : program.error()));

@@ -144,7 +144,8 @@ struct ScreenArguments {
 
 struct PackArguments {
     std::string app = {};
-    std::string output = {};
+    std::string output = {};                // the archive; of a new app the folder to make it in, empty: this one
+    std::optional<std::string> newApp = {}; // its name, when an app's folder is to be made and nothing packed
 };
 [[nodiscard]] ExitCode pack(const PackArguments& arguments);
 

@@ -13,19 +13,6 @@ namespace appsync::host {
 
 namespace {
 
-/// As one word of a shell's command, quoted when it has to be.
-std::string shellWord(const std::string& text) {
-    constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+,:@%";
-    if (!text.empty() && text.front() != '-' && text.find_first_not_of(plain) == std::string::npos) {
-        return text;
-    }
-    std::string quoted = "'";
-    for (const char character : text) {
-        quoted += character == '\'' ? std::string("'\\''") : std::string(1, character);
-    }
-    return quoted + "'";
-}
-
 std::string described(const device::DeviceOwner& owner) {
     std::string text = owner.purpose.empty() ? "another command" : owner.purpose;
     if (owner.since != TimePoint()) {
@@ -58,6 +45,18 @@ std::unique_ptr<device::Device> opened(Result<std::unique_ptr<device::Device>> d
 }
 
 } // namespace
+
+std::string shellWord(const std::string& text) {
+    constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+,:@%";
+    if (!text.empty() && text.front() != '-' && text.find_first_not_of(plain) == std::string::npos) {
+        return text;
+    }
+    std::string quoted = "'";
+    for (const char character : text) {
+        quoted += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    }
+    return quoted + "'";
+}
 
 std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code, const char* purpose) {
     return opened(device::Device::open(folder, {.purpose = purpose}), folder, code);

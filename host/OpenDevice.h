@@ -23,6 +23,9 @@ namespace appsync::host {
 /// Who has a device open, such as "a sync since 11:42 (process 1234)"; empty when nobody has.
 [[nodiscard]] std::string describeOwner(const std::string& folder);
 
+/// As one word of a shell's command, quoted when it has to be.
+[[nodiscard]] std::string shellWord(const std::string& text);
+
 /// How a person lets go of an app that holds itself busy: a shell's command.
 [[nodiscard]] std::string letGoCommand(const std::string& folder, const std::string& app);
 

@@ -227,9 +227,15 @@ class CommandLine {
     }
 
     void _addTools() {
-        auto* packing = _app.add_subcommand("pack", "Make an app archive of a folder");
-        packing->add_option("APPDIR", _pack.app, "A folder <Name>.app, or one that holds it")->required();
-        packing->add_option("-o,--output", _pack.output, "The archive to write")->required();
+        auto* packing =
+            _app.add_subcommand("pack", "Make an app archive of a folder, or a folder to begin an app with");
+        auto* folder = packing->add_option("APPDIR", _pack.app, "A folder <Name>.app, or one that holds it");
+        packing->add_option("-o,--output", _pack.output,
+                            "The archive to write; with --init the folder to make NAME.app in, instead of this one");
+        packing->add_option("--init", _pack.newApp, "Make a folder NAME.app to begin an app with, and pack nothing")
+            ->type_name("NAME")
+            ->excludes(folder);
+        packing->parse_complete_callback([this] { _requireForPacking(); });
         _choose(packing, _pack, pack);
 
         auto* plist = _app.add_subcommand("plist", "Look at and convert property lists")->require_subcommand(1);
@@ -244,6 +250,15 @@ class CommandLine {
         auto* check = plist->add_subcommand("check", "Say whether a file is a property list, and if not, why");
         check->add_option("FILE", _plist.file, "The file")->required();
         _choose(check, _plist, checkPlist);
+    }
+
+    /// What is needed depends on what is made.
+    void _requireForPacking() const {
+        for (const auto& [name, value] : {std::pair("APPDIR", &_pack.app), std::pair("--output", &_pack.output)}) {
+            if (!_pack.newApp && value->empty()) {
+                throw CLI::RequiredError(name);
+            }
+        }
     }
 
     CLI::App _app;

@@ -17,6 +17,13 @@ std::optional<Value> AppBundle::objectForInfoDictionaryKey(std::string_view key)
     return value ? std::optional<Value>(*value) : std::nullopt;
 }
 
+std::optional<std::string> AppBundle::executableName() noexcept {
+    const auto named = objectForInfoDictionaryKey("BXBundleExecutable");
+    const auto name = named ? named->string() : std::nullopt;
+    const bool isInFolder = name && !name->empty() && name->find('/') == std::string_view::npos;
+    return isInFolder ? std::optional<std::string>(*name) : std::nullopt;
+}
+
 std::shared_ptr<Bundle> AppBundles::bundleWithURL(const FileURL& url) noexcept {
     // A path that goes through something else than a folder leads nowhere.
     if (!_files.fileExists(url.path() + "/.")) {

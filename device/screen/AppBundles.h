@@ -21,6 +21,8 @@ class AppBundle final : public Bundle {
         : _files(files), _propertyLists(propertyLists), _path(std::move(path)) {}
 
     [[nodiscard]] std::optional<Value> objectForInfoDictionaryKey(std::string_view key) noexcept override;
+    /// The name of its program, a file in its folder; nullopt when its Info file names none there.
+    [[nodiscard]] std::optional<std::string> executableName() noexcept;
     /// The folder.
     [[nodiscard]] const std::string& path() const noexcept { return _path; }
 

@@ -151,6 +151,7 @@ class Scenario:
         for path, content in files.items():
             with open(os.path.join(app, path), "wb") as file:
                 file.write(content)
+        os.chmod(os.path.join(bundle, name), 0o755)
         must_run([self.qrd, "pack", app, "-o", self._archive(name)])
         shutil.rmtree(app)
         return App(identifier, version, self._archive(name))

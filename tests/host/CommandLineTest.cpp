@@ -91,7 +91,9 @@ TEST_F(CommandLine, PacksSyncsListsLogsAndDraws) {
     write("One/One.app/Info.plist",
           "<plist version=\"1.0\"><dict><key>BXBundleIdentifier</key><string>com.example.one</string>"
           "<key>BXBundleVersion</key><string>1.0</string><key>BXBundleDisplayName</key><string>One</string>"
-          "</dict></plist>");
+          "<key>BXBundleExecutable</key><string>main</string></dict></plist>");
+    write("One/One.app/main", "");
+    fs::permissions(folder / "One/One.app/main", fs::perms::owner_all);
     fs::create_directories(folder / "library");
     EXPECT_EQ(qrd("pack One -o library/One.archive").text, "packed library/One.archive\n");
     EXPECT_EQ(qrd("device create d").code, 0);
@@ -119,7 +121,7 @@ TEST_F(CommandLine, PacksSyncsListsLogsAndDraws) {
 TEST_F(CommandLine, RefusesToPackWhatIsNoApp) {
     write("folder/file", "x");
     const Answer answer = qrd("pack folder -o out");
-    EXPECT_EQ(answer.code, 5);
+    EXPECT_EQ(answer.code, 2);
     EXPECT_NE(answer.text.find("is no app"), std::string::npos);
 }
 

@@ -188,7 +188,9 @@ def app_folder(world, name="Bad"):
         target = world.folder / "source" / path
         target.parent.mkdir(parents=True, exist_ok=True)
         target.write_bytes(content)
-    return world.folder / "source" / f"{name}.app"
+    app = world.folder / "source" / f"{name}.app"
+    (app / name).chmod(0o755)
+    return app
 
 
 def pack(world, source, **options):

@@ -1,5 +1,4 @@
-// The commands that need no device.
-#include "desktop/ArchivePacker.h"
+// The commands about property lists, which need no device.
 #include "files/OutputFile.h"
 #include "files/Syscalls.h"
 #include "host/Commands.h"
@@ -46,15 +45,6 @@ std::optional<Data> serialise(const Value& value, PropertyListFormat format, con
 }
 
 } // namespace
-
-ExitCode pack(const PackArguments& arguments) {
-    PropertyListCodec propertyLists;
-    if (const auto packed = desktop::packApp(arguments.app, arguments.output, propertyLists); !packed) {
-        return fail(reasonOf(packed.error()));
-    }
-    printLine(isStandardOutput(arguments.output) ? std::cerr : std::cout, "packed " + arguments.output);
-    return ExitCode::done;
-}
 
 ExitCode printPlist(const PlistArguments& arguments) {
     const auto value = readPlist(arguments.file);
