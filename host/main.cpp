@@ -185,7 +185,7 @@ class CommandLine {
         auto* status = _app.add_subcommand("status", "Show what the running sync does");
         status->add_option("DIR", _status.device, "The device")->required();
         status->add_flag("--follow", _status.follow, "Show each change until the sync ends");
-        status->add_flag("--json", _status.json, "Print JSON, one object a line");
+        status->add_flag("--json", _status.json, "Print JSON; with --follow an object a line");
         _choose(status, _status, showSyncStatus);
     }
 
@@ -217,7 +217,7 @@ class CommandLine {
         log->add_option("--tail", _log.tail, "Only the last N")->type_name("N")->check(CLI::NonNegativeNumber);
         log->add_flag("--follow", _log.follow,
                       "Go on with what is still to come, until Ctrl-C; first the last 10, or as --tail says");
-        log->add_flag("--json", _log.json, "Print JSON, one object a line");
+        log->add_flag("--json", _log.json, "Print JSON; with --follow an object a line");
         _choose(log, _log, showLog);
 
         auto* screen = _app.add_subcommand("screen", "Draw a device's home screen");

@@ -30,7 +30,9 @@ std::int64_t now() {
     return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
-std::string_view nameOf(TransactionStep step) {
+} // namespace
+
+std::string_view nameOf(TransactionStep step) noexcept {
     switch (step) {
     case TransactionStep::none: return "none";
     case TransactionStep::installOrUpdate: return "install or update";
@@ -42,8 +44,6 @@ std::string_view nameOf(TransactionStep step) {
     }
     return "unknown";
 }
-
-} // namespace
 
 std::string TransactionRecord::text() const {
     std::string out;

@@ -17,6 +17,9 @@ namespace appsync::device {
 class Database;
 class LogFile;
 
+/// In lower-case words.
+[[nodiscard]] std::string_view nameOf(TransactionStep step) noexcept;
+
 struct TransactionRecord {
     std::int64_t number = 0;             // counts up, also beyond records that have been dropped
     std::int64_t time = 0;               // microseconds since 1970-01-01 00:00:00 UTC

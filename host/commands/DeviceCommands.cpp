@@ -21,28 +21,27 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::string stateOf(const device::Application& app, bool isRunning) {
+const char* stateOf(const device::Application& app, bool isRunning) {
     if (!app.isPlaceholder) {
         return isRunning ? "running" : "installed";
     }
     if (app.isDemoted() && !app.progress) {
         return "demoted";
     }
-    std::string state = app.isInstalled ? "updating" : "waiting";
-    if (app.progress) {
-        state += " " + std::to_string(static_cast<int>(*app.progress * 100)) + "%";
-    }
-    return state;
+    return app.isInstalled ? "updating" : "waiting";
+}
+
+std::string shownState(const device::Application& app, bool isRunning) {
+    const bool isComing = app.isPlaceholder && app.progress;
+    return stateOf(app, isRunning) +
+           (isComing ? " " + std::to_string(static_cast<int>(*app.progress * 100)) + "%" : std::string());
 }
 
 Json toJson(const device::Application& app, bool isRunning) {
-    Json entry{{"identifier", app.identifier},
-               {"name", app.name},
-               {"version", nullptr},
-               {"installed", app.isInstalled},
-               {"placeholder", app.isPlaceholder},
-               {"running", isRunning},
-               {"demoted", app.isDemoted()}};
+    Json entry{{"identifier", app.identifier}, {"name", app.name},
+               {"version", nullptr},           {"state", stateOf(app, isRunning)},
+               {"installed", app.isInstalled}, {"placeholder", app.isPlaceholder},
+               {"running", isRunning},         {"demoted", app.isDemoted()}};
     if (app.version) {
         entry["version"] = *app.version;
     }
@@ -79,10 +78,10 @@ ExitCode listApps(const AppsArguments& arguments) {
     for (const device::Application& app : device->registry().applications()) {
         const bool isRunning = device->processes().isRunning(app.identifier);
         list.push_back(toJson(app, isRunning));
-        table.add({app.name, app.version.value_or("-"), stateOf(app, isRunning), app.identifier});
+        table.add({app.name, app.version.value_or("-"), shownState(app, isRunning), app.identifier});
     }
     if (arguments.json) {
-        printJson(std::cout, list, 2);
+        printJson(std::cout, {{"version", jsonVersion}, {"apps", list}}, 2);
     } else if (list.empty()) {
         printLine(std::cout, "The device has no apps.");
     } else {

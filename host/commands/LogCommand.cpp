@@ -90,10 +90,14 @@ struct Line {
     Json json; // the line for programs; null unless that is wanted
 };
 
+constexpr const char* listName = "entries"; // as JSON
+
 /// Prints lines as they come, or first only the last of them.
 class Lines {
   public:
-    Lines(std::optional<std::size_t> tail, bool json) : _tail(tail), _json(json) {}
+    /// `follows`: what is printed has no end, so that each line is a JSON object of its own.
+    Lines(std::optional<std::size_t> tail, bool json, bool follows)
+        : _tail(tail), _json(json), _follows(follows), _list(std::cout, listName) {}
 
     /// False when nobody reads any more.
     bool add(Line line) {
@@ -112,11 +116,19 @@ class Lines {
         const auto last = std::exchange(_last, {});
         return std::ranges::all_of(last, [this](const Line& line) { return _print(line); });
     }
+    /// No more will come.
+    void end() {
+        if (_json && !_follows) {
+            _list.end();
+        }
+    }
 
   private:
-    [[nodiscard]] bool _print(const Line& line) const {
-        if (_json) {
-            printJson(std::cout, line.json);
+    [[nodiscard]] bool _print(const Line& line) {
+        if (_json && _follows) {
+            printJson(std::cout, {{"version", jsonVersion}, {listName, Json::array({line.json})}});
+        } else if (_json) {
+            _list.add(line.json);
         } else {
             const std::string time = localTime(line.time, presentTime(), true);
             printLine(std::cout, time + (line.level == LogLevel::error ? " E " : "   ") + line.text, std::string::npos);
@@ -126,6 +138,8 @@ class Lines {
 
     std::optional<std::size_t> _tail;
     const bool _json;
+    const bool _follows;
+    JsonList _list;
     std::deque<Line> _last;
 };
 
@@ -216,15 +230,15 @@ class Transactions final : public LogSource {
         Line line{_timeOf(record), record.success ? LogLevel::standard : LogLevel::error, record.text(), {}};
         if (_json) {
             line.json = {{"number", record.number},
-                         {"microsecondsSince1970", record.time},
-                         {"step", static_cast<unsigned>(record.step)},
+                         {"time", device::formatLogTime(_timeOf(record))},
+                         {"step", device::nameOf(record.step)},
                          {"success", record.success},
                          {"app", record.bundleID},
                          {"description", record.description}};
             if (record.scenario) {
                 line.json["scenario"] = *record.scenario;
             } else {
-                line.json["phase"] = static_cast<unsigned>(record.phase);
+                line.json["phase"] = record.phase == TransactionPhase::start ? "start" : "end";
             }
         }
         return line;
@@ -285,13 +299,19 @@ ExitCode showLog(const LogArguments& arguments) {
         source = std::make_unique<Messages>(**root, *wish, arguments.json);
     }
     haveLogWritten(arguments.device);
-    Lines lines(arguments.follow && !arguments.tail ? followedLines : arguments.tail, arguments.json);
+    Lines lines(arguments.follow && !arguments.tail ? followedLines : arguments.tail, arguments.json, arguments.follow);
     const auto isRead = source->readOn(lines);
     if (!isRead) {
         return fail(reasonOf(isRead.error()));
     }
-    const bool goesOn = *isRead && lines.endTail();
-    return arguments.follow && goesOn ? follow(*source, lines, arguments.device) : ExitCode::done;
+    if (!*isRead || !lines.endTail()) {
+        return ExitCode::done; // nobody reads it
+    }
+    if (arguments.follow) {
+        return follow(*source, lines, arguments.device);
+    }
+    lines.end();
+    return ExitCode::done;
 }
 
 } // namespace appsync::host

@@ -7,6 +7,7 @@
 #include "host/control/RunningSync.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
+#include "host/view/SyncStatus.h"
 #include "host/view/Table.h"
 #include "host/view/Terminal.h"
 
@@ -37,7 +38,7 @@ std::string noSyncSentence(const std::string& folder) {
 }
 
 Json noSyncJson(const std::string& folder) {
-    Json status{{"running", false}};
+    Json status{{"version", jsonVersion}, {"running", false}, {"apps", Json::array()}};
     if (const auto owner = device::Root::owner(folder)) {
         status["inUseBy"] = {
             {"purpose", owner->purpose}, {"process", owner->process}, {"since", device::formatLogTime(owner->since)}};
@@ -90,7 +91,7 @@ std::vector<Line> statusLines(const Json& status, std::size_t count, std::option
     for (const Json* app : shown) {
         std::string reason = textIn(*app, "reason");
         if (app->contains("nextTry")) {
-            reason += "; next try at " + textIn(*app, "nextTry");
+            reason += "; next try at " + clockText(device::parseLogTime(textIn(*app, "nextTry")));
         }
         table.add({textIn(*app, "name"), textIn(*app, "stage"), percentIn(*app), reason});
     }
@@ -106,7 +107,9 @@ std::vector<Line> statusLines(const Json& status, std::size_t count, std::option
 
 void showStatus(const Json& status, bool json) {
     if (json) {
-        printJson(std::cout, status);
+        Json printed{{"version", jsonVersion}};
+        printed.update(status);
+        printJson(std::cout, printed);
     } else {
         const auto terminal = terminalOf(std::cout);
         const auto columns = terminal ? std::optional(windowOf(*terminal).columns) : std::nullopt;

@@ -62,7 +62,7 @@ ExitCode showInventory(const QueryArguments& arguments) {
     return askClient(arguments, [&](QRClient& client) {
         const auto deleted = deletedApps(client.installedAssets());
         if (arguments.json) {
-            printJson(std::cout, {{"deleted", deleted}}, 2);
+            printJson(std::cout, {{"version", jsonVersion}, {"deleted", deleted}}, 2);
         } else if (deleted.empty()) {
             printLine(std::cout, "No app was deleted on the device since the last sync.");
         }
@@ -81,7 +81,8 @@ ExitCode showMetrics(const QueryArguments& arguments) {
         };
         if (arguments.json) {
             printJson(std::cout,
-                      {{"count", number("_Count")},
+                      {{"version", jsonVersion},
+                       {"count", number("_Count")},
                        {"physicalSize", number("_PhysicalSize")},
                        {"purgeableSize", number("_PurgeableSize")}},
                       2);
@@ -96,7 +97,7 @@ ExitCode showAccounts(const QueryArguments& arguments) {
     return askClient(arguments, [&](QRClient& client) {
         const auto accounts = client.zuvexIDsForAssets();
         if (arguments.json) {
-            printJson(std::cout, {{"accounts", accounts}}, 2);
+            printJson(std::cout, {{"version", jsonVersion}, {"accounts", accounts}}, 2);
         } else if (accounts.empty()) {
             printLine(std::cout, "No app of the device names an account.");
         }

@@ -52,6 +52,10 @@ std::string rendered(const Line& line, bool hasColours) {
     return out;
 }
 
+std::string dumped(const nlohmann::ordered_json& json, int indent = -1) {
+    return json.dump(indent, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+}
+
 } // namespace
 
 void printLine(std::ostream& out, std::string_view line, std::size_t limit) {
@@ -63,7 +67,28 @@ void printQuestion(std::ostream& out, std::string_view question) {
 }
 
 void printJson(std::ostream& out, const nlohmann::ordered_json& json, int indent) {
-    out << json.dump(indent, ' ', true, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+    out << dumped(json, indent) << '\n';
+}
+
+void JsonList::_begin() {
+    _out << "{\"version\":" << jsonVersion << ",\"" << _name << "\":[";
+    _hasBegun = true;
+}
+
+void JsonList::add(const nlohmann::ordered_json& element) {
+    if (_hasBegun) {
+        _out << ',';
+    } else {
+        _begin();
+    }
+    _out << '\n' << dumped(element);
+}
+
+void JsonList::end() {
+    if (!_hasBegun) {
+        _begin();
+    }
+    _out << "\n]}\n";
 }
 
 void printXml(std::ostream& out, std::string_view piece, bool forTerminal) {

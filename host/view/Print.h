@@ -25,6 +25,27 @@ void printQuestion(std::ostream& out, std::string_view question);
 /// For programs: exact, in ASCII. With `indent` on several lines, otherwise on one.
 void printJson(std::ostream& out, const nlohmann::ordered_json& json, int indent = -1);
 
+/// What programs are told first in every JSON object: the version of docs/json.schema.json.
+inline constexpr int jsonVersion = 1;
+
+/// Prints an object with a list that need not fit into memory, an element a line.
+class JsonList {
+  public:
+    /// `out` and `name` must outlive the object.
+    JsonList(std::ostream& out, std::string_view name) : _out(out), _name(name) {}
+
+    void add(const nlohmann::ordered_json& element);
+    /// The rest of the object; until then it is none.
+    void end();
+
+  private:
+    void _begin();
+
+    std::ostream& _out;
+    const std::string_view _name;
+    bool _hasBegun = false;
+};
+
 /// A piece of XML, cut between two characters. For a terminal what is not printable becomes a character reference,
 /// which means the same.
 void printXml(std::ostream& out, std::string_view piece, bool forTerminal);

@@ -1,5 +1,7 @@
 #include "host/view/SyncStatus.h"
 
+#include "device/log/LogFile.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -24,7 +26,7 @@ Json toJsonObject(const AppStatus& app) {
         entry["reason"] = app.reason;
     }
     if (app.stage == AppStage::waiting) {
-        entry["nextTry"] = clockText(app.nextTry);
+        entry["nextTry"] = device::formatLogTime(app.nextTry);
     }
     return entry;
 }

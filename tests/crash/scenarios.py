@@ -186,7 +186,7 @@ def listed_apps(qrd, device):
     answer = run([qrd, "apps", device, "--json"])
     if answer.code != 0:
         return None, f"`qrd apps` ended with {answer.code}: {answer.text()}"
-    return {app["identifier"]: app for app in json.loads(answer.output)}, None
+    return {app["identifier"]: app for app in json.loads(answer.output)["apps"]}, None
 
 
 class Resumed(Scenario):

@@ -84,7 +84,7 @@ TEST_F(CommandLine, MakesADeviceOnce) {
     const Answer apps = qrd("apps d");
     EXPECT_EQ(apps.code, 0);
     EXPECT_EQ(apps.text, "The device has no apps.\n");
-    EXPECT_EQ(qrd("apps d --json").text, "[]\n");
+    EXPECT_EQ(qrd("apps d --json").text, "{\n  \"version\": 1,\n  \"apps\": []\n}\n");
 }
 
 TEST_F(CommandLine, PacksSyncsListsLogsAndDraws) {
@@ -101,15 +101,15 @@ TEST_F(CommandLine, PacksSyncsListsLogsAndDraws) {
     EXPECT_EQ(synced.code, 0) << synced.text;
     EXPECT_NE(synced.text.find("One  1.0      installed"), std::string::npos) << synced.text;
     const auto apps = nlohmann::json::parse(qrd("apps d --json").text);
-    EXPECT_EQ(apps[0]["identifier"], "com.example.one");
-    EXPECT_EQ(apps[0]["installed"], true);
+    EXPECT_EQ(apps["apps"][0]["identifier"], "com.example.one");
+    EXPECT_EQ(apps["apps"][0]["installed"], true);
     EXPECT_NE(qrd("apps d").text.find("One  1.0      installed  com.example.one"), std::string::npos);
     EXPECT_NE(qrd("log d").text.find("|sync ended with success: y"), std::string::npos);
     EXPECT_NE(qrd("log d --transactions --app com.example.one").text.find("Install App"), std::string::npos);
-    const std::string lines = qrd("log d --json").text;
-    EXPECT_EQ(nlohmann::json::parse(lines.substr(0, lines.find('\n')))["source"], "SyncBundle");
-    const std::string records = qrd("log d --transactions --json").text;
-    EXPECT_EQ(nlohmann::json::parse(records.substr(0, records.find('\n')))["app"], "com.example.one");
+    const auto messages = nlohmann::json::parse(qrd("log d --json").text);
+    EXPECT_EQ(messages["entries"][0]["source"], "SyncBundle");
+    const auto records = nlohmann::json::parse(qrd("log d --transactions --json").text);
+    EXPECT_EQ(records["entries"][0]["app"], "com.example.one");
     EXPECT_EQ(qrd("screen d -o screen.png").code, 0);
     std::ifstream picture(folder / "screen.png", std::ios::binary);
     std::string magic(8, '\0');

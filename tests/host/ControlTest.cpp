@@ -294,7 +294,7 @@ TEST_P(BusyUpdate, IsShownWithItsReasonAndItsNextTryAndEndsAtAnInterrupt) {
     const Interrupt interrupt;
     std::thread watcher = whenItWaits([this](const Json& app) {
         EXPECT_EQ(app["reason"], waitReason());
-        EXPECT_EQ(app["nextTry"].get<std::string>().size(), 8U);
+        EXPECT_EQ(app["nextTry"].get<std::string>().back(), 'Z');
         std::raise(SIGINT);
     });
     const SyncReport report = syncWith({.plugInPath = APPSYNC_BUNDLE, .interrupt = &interrupt});

@@ -73,10 +73,14 @@ TEST_F(Log, ShowsWhatIsSinceATime) {
 
 TEST_F(Log, ShowsTheSameAsJson) {
     const auto json = nlohmann::json::parse(qrd("log d --json --app com.example.a --level error").text);
-    EXPECT_EQ(json, (nlohmann::json{{"time", "2026-03-01T11:00:00.000001Z"},
-                                    {"level", "error"},
-                                    {"source", "Framework"},
-                                    {"text", "com.example.a: it failed"}}));
+    const nlohmann::json entry{{"time", "2026-03-01T11:00:00.000001Z"},
+                               {"level", "error"},
+                               {"source", "Framework"},
+                               {"text", "com.example.a: it failed"}};
+    EXPECT_EQ(json, (nlohmann::json{{"version", 1}, {"entries", {entry}}}));
+    const auto none = nlohmann::json::parse(qrd("log d --json --tail 0").text);
+    EXPECT_EQ(none, (nlohmann::json{{"version", 1}, {"entries", nlohmann::json::array()}}));
+    EXPECT_EQ(nlohmann::json::parse(qrd("log d --json").text)["entries"].size(), 4U);
 }
 
 TEST_F(Log, ChoosesTransactionsTheSameWay) {
@@ -92,7 +96,7 @@ TEST_F(Log, ChoosesTransactionsTheSameWay) {
     EXPECT_EQ(qrd("log d --transactions --since 2099-01-01").text, "");
     EXPECT_EQ(qrd("log d --transactions --since 1h").text, all);
     EXPECT_EQ(qrd("log d --transactions --level error").text, "");
-    EXPECT_EQ(nlohmann::json::parse(qrd("log d --transactions --tail 1 --json").text)["success"], true);
+    EXPECT_EQ(nlohmann::json::parse(qrd("log d --transactions --tail 1 --json").text)["entries"][0]["success"], true);
 }
 
 TEST_F(Log, FollowsThroughSyncsUntilAnInterrupt) {
@@ -104,7 +108,7 @@ TEST_F(Log, FollowsThroughSyncsUntilAnInterrupt) {
         ASSERT_EQ(qrd("sync d --library library").code, 0);
         EXPECT_NE(messages.lineWith("sync ended with success: y"), "") << name;
     }
-    EXPECT_EQ(nlohmann::json::parse(records.lineWith("Install"))["app"], "com.example.b");
+    EXPECT_EQ(nlohmann::json::parse(records.lineWith("Install"))["entries"][0]["app"], "com.example.b");
     for (Running* running : {&messages, &records}) {
         running->send(SIGINT);
         EXPECT_EQ(running->end(), 130);

@@ -89,7 +89,7 @@ TEST_F(LookBesideASync, ShowsWhatItDoes) {
     // The transfer has begun; how far it is only grows.
     const auto progressOf = [this] {
         const auto apps = nlohmann::json::parse(qrd("apps d --json").text);
-        return apps[1].value("progress", -1.0);
+        return apps["apps"][1].value("progress", -1.0);
     };
     const double first = progressOf();
     ASSERT_GE(first, 0);

@@ -60,7 +60,7 @@ TEST_P(Queries, WhatTheSyncRemovesIsNotReportedAsDeleted) {
 }
 
 TEST_P(Queries, CountAppsAndTheirBytes) {
-    EXPECT_EQ(ask(showMetrics), (Json{{"count", 0}, {"physicalSize", 0}, {"purgeableSize", 0}}));
+    EXPECT_EQ(ask(showMetrics), (Json{{"version", 1}, {"count", 0}, {"physicalSize", 0}, {"purgeableSize", 0}}));
     addApp("a");
     addApp("b");
     sync(ExitCode::done);

@@ -126,7 +126,7 @@ class World:
 
     def listed(self):
         """What `qrd apps` says of each app, by identifier."""
-        return {app["identifier"]: app for app in run("apps", self.device, "--json").report()}
+        return {app["identifier"]: app for app in run("apps", self.device, "--json").report()["apps"]}
 
     def apps(self):
         """The versions of the apps that are installed, by identifier."""

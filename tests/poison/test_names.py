@@ -98,7 +98,7 @@ def test_the_display_name_of_an_app(world, name):
     expect_drawn(world)
     listed = run("apps", world.device, "--json")
     assert listed.out.isascii() and not harmful(listed.out)
-    assert json.loads(listed.out)[0]["name"] == name
+    assert json.loads(listed.out)["apps"][0]["name"] == name
     assert not harmful(run("log", world.device).text)
     assert run("log", world.device, "--json").out.isascii()
     expect_harmless(run("log", world.device, "--transactions"))
