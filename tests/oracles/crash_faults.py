@@ -15,8 +15,8 @@ def when_replaced(words):
 FAULTS = [
     # Between a disturbed command and the next.
     Fault('`qrd apps` ended with 5: *', 'host/commands/DeviceCommands.cpp',
-          '        printJson(std::cout, list, 2);\n    } else if (list.empty()) {',
-          '        return ExitCode::failed;\n    } else if (list.empty()) {', crash('coordinated', 'kill', **ONCE)),
+          '        printJson(std::cout, {{"version", jsonVersion}, {"apps", list}}, 2);\n',
+          '        return ExitCode::failed;\n', crash('coordinated', 'kill', **ONCE)),
     Fault('after that: org.example.* is lost', 'device/registry/ArchiveInstall.cpp',
           '        _arrival = _registry._table.arrivalOf',
           '        {\n            Database::Transaction gone(_registry._database, Durability::durable);\n'
