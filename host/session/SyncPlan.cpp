@@ -133,8 +133,7 @@ class Planner {
     }
 
     void _planRemoval(const DeviceState::App& app) {
-        AppReport row{app.identifier, app.name, std::nullopt, AppResult::removed, ""};
-        row.from = app.version;
+        AppReport row{app.identifier, app.name, std::nullopt, AppResult::removed, "", app.version};
         if (app.pending == Pending::begun) {
             _plan.takenBack.insert(app.identifier);
         }
@@ -251,8 +250,7 @@ class Planner {
             if (_removed.contains(app.identifier) || _offered.contains(app.identifier)) {
                 continue;
             }
-            AppReport row{app.identifier, app.name, std::nullopt, AppResult::waiting, ""};
-            row.from = app.version;
+            AppReport row{app.identifier, app.name, std::nullopt, AppResult::waiting, "", app.version};
             if (app.pending == Pending::begun) {
                 _planBegun(std::move(row), false);
             } else if (app.pending == Pending::restoring && !_device.hasStore) {
