@@ -91,6 +91,10 @@ def ask_everything(device):
     return {**answers, "transactions": ask("transactions", "log", device, "--transactions")}
 
 
+def states(device):
+    return {app["identifier"]: app["state"] for app in ask("apps", "apps", device)["apps"]}
+
+
 def test_the_schema_is_one():
     jsonschema.Draft202012Validator.check_schema(SCHEMA)
     with pytest.raises(jsonschema.ValidationError):  # an oracle that is never red would be none
@@ -132,10 +136,12 @@ def test_a_device_with_apps_in_every_state(world):
     syncing = world.started_sync("--install", "org.example.one", "--install", "org.example.four", "--bandwidth", "50kB/s")
     try:
         until(syncing.stdout, "sending ")
+        awaited = {"org.example.one": "updating", "org.example.two": "demoted", "org.example.three": "running",
+                   "org.example.four": "waiting"}
+        while states(world.device) != awaited and syncing.poll() is None:
+            pass  # the device makes the apps' places on its own time
         said = ask_everything(world.device)
-        states = {app["identifier"]: app["state"] for app in said["apps"]["apps"]}
-        assert states == {"org.example.one": "updating", "org.example.two": "demoted", "org.example.three": "running",
-                          "org.example.four": "waiting"}
+        assert states(world.device) == awaited
         assert said["status"]["running"] and len(said["status"]["apps"]) == 2
         assert "transferring" in {app["stage"] for app in said["status"]["apps"]}
     finally:
@@ -160,6 +166,33 @@ def test_an_app_that_waits_says_until_when(tmp_path):
         syncing.communicate(timeout=WAIT)
         (world.device / "var/run/apps/org.example.one.busy").unlink()
         run("quit", world.device, "org.example.one")
+
+
+def test_a_sync_and_what_it_would_do(world):
+    for name in ("One", "Two"):
+        world.add(name)
+    words = ("--library", world.library, "--json")
+    would = check("sync", run("sync", world.device, *words, "--dry-run"))
+    assert would["dryRun"] and would["bytesNeeded"] > 0 and would["bytes"] > 0 and would["began"] is None
+    done = check("sync", run("sync", world.device, *words))
+    assert done["done"] and done["apps"] == would["apps"]
+    (world.library / "Broken.zip").write_bytes(b"no archive")
+    world.add("One", version="0.9")
+    words = (*words, "--install", "One", "--install", "Thre", "--remove", "Two")
+    found = check("sync", run("sync", world.device, *words, code=1))
+    assert {app["name"]: app["result"] for app in found["apps"]} == \
+        {"One": "refused", "Two": "removed", "Thre": "failed", "Broken.zip": "failed"}
+
+
+def test_a_visit_to_the_store(tmp_path):
+    world = World(tmp_path)
+    world.add("One")
+    world.sync()
+    run("backup", world.device, "-o", tmp_path / "backup")
+    run("device", "create", tmp_path / "new")
+    run("restore", tmp_path / "new", "--from", tmp_path / "backup")
+    brought = check("sync", run("store", tmp_path / "new", "--catalogue", world.library, "--json"))
+    assert [(app["name"], app["result"]) for app in brought["apps"]] == [("One", "installed")]
 
 
 @pytest.mark.parametrize("kind, words", [("log", []), ("transactions", ["--transactions"])], ids=["log", "transactions"])
