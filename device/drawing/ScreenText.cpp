@@ -86,7 +86,8 @@ const char* __lsan_default_suppressions() {
     return "leak:libfontconfig\nleak:libpango\nleak:libglib-2.0\n";
 }
 const char* __tsan_default_suppressions() {
-    return "race:libfontconfig\nrace:libpango\nrace:libglib-2.0\nrace:libgobject-2.0\n";
+    return "race:libfontconfig\nrace:libpango\nrace:libglib-2.0\nrace:libgobject-2.0\nrace:libharfbuzz\nrace:"
+           "libfreetype\n";
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
