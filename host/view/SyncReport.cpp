@@ -16,8 +16,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int jsonFormat = 1;
-
 bool isDone(const AppReport& app) {
     return app.isPassedOver || isSent(app.result) || app.result == AppResult::removed ||
            app.result == AppResult::unchanged;
@@ -144,7 +142,7 @@ void printNotes(std::ostream& out, const SyncReport& report) {
 }
 
 void printJson(std::ostream& out, const SyncReport& report) {
-    Json root{{"version", jsonFormat},
+    Json root{{"version", jsonVersion},
               {"done", report.allDone()},
               {"dryRun", report.isDryRun},
               {"interrupted", report.interrupted},

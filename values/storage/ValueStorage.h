@@ -63,7 +63,6 @@ struct ValueAccess {
         made._cell = std::move(cell);
         return made;
     }
-    static Text text(detail::Cell cell) noexcept { return Text(std::move(cell)); }
     static Data data(detail::DataBox* box) noexcept { return Data(detail::Cell::boxed(detail::Tag::data, box)); }
 
     static std::span<Dictionary::Entry> entries(Dictionary& dictionary) noexcept {
