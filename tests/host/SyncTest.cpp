@@ -297,6 +297,13 @@ TEST_F(Sync, RefusesAPlatformOfAnotherVersionThanThePlugIns) {
     EXPECT_EQ(reasonOf(client.error()),
               "The plug-in 'com.zuvex.tzl.Quorrel.AppSync' is made for version 1 of the platform, and this program has "
               "version 2. Use a plug-in and a program of one release.");
+    // The plug-in itself touches nothing of a platform that it does not know.
+    void* const object = ::dlopen(APPSYNC_BUNDLE "/ApplicationSync", RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(object, nullptr);
+    const auto create = reinterpret_cast<QRCreateClientFunction*>(::dlsym(object, QRCreateClientFunctionName));
+    std::uint32_t version = 0;
+    EXPECT_EQ(create(platform, version), nullptr);
+    EXPECT_EQ(version, platformVersion);
 }
 
 TEST_F(Sync, KeepsThePlugInsCodeForWhatItLeavesBehind) {
