@@ -12,7 +12,7 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view schema[] = {
+constexpr std::string_view backupSchema[] = {
     "CREATE TABLE restoreData (bundle TEXT PRIMARY KEY, size INTEGER NOT NULL) WITHOUT ROWID;",
     // Rows of the first version told of data that was nowhere.
     "DELETE FROM restoreData;"
@@ -62,7 +62,7 @@ class BackupService::Manager final : public HVManager {
 };
 
 Result<std::unique_ptr<BackupService>> BackupService::open(Database& database, DeviceFileSystem& files) {
-    if (const auto registered = database.registerSchema("backup", schema); !registered) {
+    if (const auto registered = database.registerSchema("backup", backupSchema); !registered) {
         return registered.error();
     }
     std::unique_ptr<BackupService> service(new BackupService(database, files));

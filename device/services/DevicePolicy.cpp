@@ -6,7 +6,7 @@ namespace appsync::device {
 
 namespace {
 
-constexpr std::string_view schema[] = {
+constexpr std::string_view policySchema[] = {
     "CREATE TABLE policy (setting TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;"};
 
 } // namespace
@@ -28,7 +28,7 @@ DevicePolicy::DevicePolicy(Database& database)
 DevicePolicy::~DevicePolicy() = default;
 
 Result<std::unique_ptr<DevicePolicy>> DevicePolicy::open(Database& database) {
-    if (const auto registered = database.registerSchema("policy", schema); !registered) {
+    if (const auto registered = database.registerSchema("policy", policySchema); !registered) {
         return registered.error();
     }
     std::unique_ptr<DevicePolicy> policy(new DevicePolicy(database));

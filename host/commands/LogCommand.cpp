@@ -83,7 +83,7 @@ bool names(std::string_view text, std::string_view app) {
 }
 
 /// A line of either log.
-struct Line {
+struct LogLine {
     TimePoint time;
     LogLevel level = LogLevel::standard;
     std::string text;
@@ -100,7 +100,7 @@ class Lines {
         : _tail(tail), _json(json), _follows(follows), _list(std::cout, listName) {}
 
     /// False when nobody reads any more.
-    bool add(Line line) {
+    bool add(LogLine line) {
         if (!_tail) {
             return _print(line);
         }
@@ -114,7 +114,7 @@ class Lines {
     bool endTail() {
         _tail.reset();
         const auto last = std::exchange(_last, {});
-        return std::ranges::all_of(last, [this](const Line& line) { return _print(line); });
+        return std::ranges::all_of(last, [this](const LogLine& line) { return _print(line); });
     }
     /// No more will come.
     void end() {
@@ -124,7 +124,7 @@ class Lines {
     }
 
   private:
-    [[nodiscard]] bool _print(const Line& line) {
+    [[nodiscard]] bool _print(const LogLine& line) {
         if (_json && _follows) {
             printJson(std::cout, {{"version", jsonVersion}, {listName, Json::array({line.json})}});
         } else if (_json) {
@@ -140,7 +140,7 @@ class Lines {
     const bool _json;
     const bool _follows;
     JsonList _list;
-    std::deque<Line> _last;
+    std::deque<LogLine> _last;
 };
 
 /// A log that is read on from where it was read last. Each call shows what has come; false when nobody reads any more.
@@ -169,8 +169,8 @@ class Messages final : public LogSource {
     }
 
   private:
-    [[nodiscard]] Line _lineOf(const device::LogEntry& entry) const {
-        Line line{device::parseLogTime(entry.time), entry.level, _json ? "" : entry.text, {}};
+    [[nodiscard]] LogLine _lineOf(const device::LogEntry& entry) const {
+        LogLine line{device::parseLogTime(entry.time), entry.level, _json ? "" : entry.text, {}};
         if (_json) {
             line.json = {{"time", entry.time},
                          {"level", levelName(entry.level)},
@@ -226,8 +226,8 @@ class Transactions final : public LogSource {
     [[nodiscard]] static TimePoint _timeOf(const device::TransactionRecord& record) {
         return TimePoint(std::chrono::microseconds(record.time));
     }
-    [[nodiscard]] Line _lineOf(const device::TransactionRecord& record) const {
-        Line line{_timeOf(record), record.success ? LogLevel::standard : LogLevel::error, record.text(), {}};
+    [[nodiscard]] LogLine _lineOf(const device::TransactionRecord& record) const {
+        LogLine line{_timeOf(record), record.success ? LogLevel::standard : LogLevel::error, record.text(), {}};
         if (_json) {
             line.json = {{"number", record.number},
                          {"time", device::formatLogTime(_timeOf(record))},
