@@ -1,7 +1,9 @@
 #include "desktop/AppLibrary.h"
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 #include <unordered_map>
 
@@ -29,6 +31,18 @@ Result<std::vector<std::string>> filesIn(const std::string& folder) {
     return files;
 }
 
+/// There for something else, such as a list of what the library holds. What cannot be read may be an archive.
+bool isOtherFile(const std::string& path) {
+    const auto extension = std::filesystem::path(path).extension();
+    std::error_code unknown;
+    if (extension == ".archive" || extension == ".zip" || !std::filesystem::is_regular_file(path, unknown)) {
+        return false;
+    }
+    std::ifstream file(path, std::ios::binary);
+    std::array<char, 2> first{};
+    return file && !(file.read(first.data(), first.size()) && first == std::array{'P', 'K'});
+}
+
 /// With `keepsAll`, all archives of every app; otherwise the first of each.
 Result<AppLibrary> readArchives(const std::string& folder, PropertyListSerialization& propertyLists, bool keepsAll) {
     const auto files = filesIn(folder);
@@ -38,6 +52,10 @@ Result<AppLibrary> readArchives(const std::string& folder, PropertyListSerializa
     AppLibrary library;
     std::unordered_map<std::string, std::string> pathOf;
     for (const std::string& file : *files) {
+        if (isOtherFile(file)) {
+            library.problems.push_back("'" + file + "' is no app archive and was passed over.");
+            continue;
+        }
         auto app = readAppArchive(file, propertyLists);
         if (!app) {
             library.unreadable.push_back({file, errorText(app.error())});

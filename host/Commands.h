@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/ExitCode.h"
+#include "host/view/Print.h"
 
 #include <cstddef>
 #include <optional>
@@ -27,7 +28,7 @@ struct SyncArguments {
     bool reinstall = false;  // those of `install` also when they are there in the library's version
     bool downgrade = false;  // also to an older version
     bool dryRun = false;
-    bool json = false;
+    JsonOutput json = JsonOutput::none;
     std::string bandwidth = {}; // of the transfers, "10MB/s"; empty: as fast as it goes
 };
 [[nodiscard]] ExitCode sync(const SyncArguments& arguments);
@@ -124,7 +125,7 @@ struct RestoreArguments {
     std::string from = {}; // a folder that `backup` has made
     int type = 2;          // the restore type that the plug-in is told
     std::string plugin = {};
-    bool json = false;
+    JsonOutput json = JsonOutput::none;
 };
 [[nodiscard]] ExitCode restore(const RestoreArguments& arguments);
 
@@ -132,7 +133,7 @@ struct RestoreArguments {
 struct StoreArguments {
     std::string device = {};
     std::string catalogue = {}; // a folder of app archives
-    bool json = false;
+    JsonOutput json = JsonOutput::none;
 };
 [[nodiscard]] ExitCode store(const StoreArguments& arguments);
 

@@ -78,6 +78,14 @@ class CommandLine {
             [this, &arguments, perform] { _chosen = [&arguments, perform] { return perform(arguments); }; });
     }
 
+    static void _addJson(CLI::App* command, JsonOutput& json) {
+        command
+            ->add_flag("--json{object}", json,
+                       "Print the result as JSON; with --json=lines each event, too, an object a line")
+            ->transform(CLI::Transformer(
+                std::map<std::string, JsonOutput>{{"object", JsonOutput::object}, {"lines", JsonOutput::lines}}));
+    }
+
     /// What a person wants to do with these commands; the help shows them together.
     void _group(const char* purpose, std::initializer_list<const char*> commands) {
         for (const char* command : commands) {
@@ -119,7 +127,7 @@ class CommandLine {
             "Replace a newer version by the library's. Without it the newer one stays, which is a failure "
             "for an app that --install names");
         command->add_flag("--dry-run", _sync.dryRun, "Say what would be done, do nothing, and exit as the sync would");
-        command->add_flag("--json", _sync.json, "Print the result as JSON");
+        _addJson(command, _sync.json);
         command->add_option("--bandwidth", _sync.bandwidth, "Send no faster than this, for example 10MB/s");
         command->add_option("--plugin", _sync.plugin, "The plug-in bundle, instead of the one beside this program");
         _choose(command, _sync, sync);
@@ -136,7 +144,7 @@ class CommandLine {
         restoring->add_option("DIR", _restore.device, "The device")->required();
         restoring->add_option("--from", _restore.from, "The folder that `backup` has made")->required();
         restoring->add_option("--type", _restore.type, "The restore type that the plug-in is told (default 2)");
-        restoring->add_flag("--json", _restore.json, "Print the result as JSON");
+        _addJson(restoring, _restore.json);
         restoring->add_option("--plugin", _restore.plugin,
                               "The plug-in bundle, instead of the one beside this program");
         _choose(restoring, _restore, restore);
@@ -144,7 +152,7 @@ class CommandLine {
         auto* bringing = _app.add_subcommand("store", "Bring the apps that a restore has left to the store");
         bringing->add_option("DIR", _store.device, "The device")->required();
         bringing->add_option("--catalogue", _store.catalogue, "The store's folder of app archives")->required();
-        bringing->add_flag("--json", _store.json, "Print the result as JSON");
+        _addJson(bringing, _store.json);
         _choose(bringing, _store, store);
     }
 

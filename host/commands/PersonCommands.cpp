@@ -107,9 +107,7 @@ std::vector<Line> statusLines(const Json& status, std::size_t count, std::option
 
 void showStatus(const Json& status, bool json) {
     if (json) {
-        Json printed{{"version", jsonVersion}};
-        printed.update(status);
-        printJson(std::cout, printed);
+        printEvent(std::cout, status);
     } else {
         const auto terminal = terminalOf(std::cout);
         const auto columns = terminal ? std::optional(windowOf(*terminal).columns) : std::nullopt;

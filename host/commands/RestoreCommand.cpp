@@ -8,20 +8,16 @@
 #include "host/OpenDevice.h"
 #include "host/backup/BackupFolder.h"
 #include "host/backup/CopyTree.h"
+#include "host/commands/Outcome.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/ClientOnDevice.h"
-#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/SyncView.h"
-#include "host/view/Table.h"
 #include "propertylist/Codec.h"
-
-#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 
 #include <algorithm>
-#include <cstring>
 #include <iostream>
 #include <map>
 
@@ -29,28 +25,18 @@ namespace appsync::host {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr int desktopRestore = 2; // the type for which the plug-in reads the restore info
 const std::string restoreFolder = "/var/mobile/Media/TamblinRestore";
 const std::string restoreInfoPath = restoreFolder + "/" + std::string(restoreInfoName);
 /// Where an app's data arrives before the backup service takes it.
 const std::string incomingFolder = "/tmp/com.zuvex.qrd.RestoreData";
 
-struct Row {
-    std::string identifier;
-    std::string name;
-    std::string version;
-    std::string result;
-    std::string reason;
-};
-
 class Restore {
   public:
     Restore(device::Device& device, BackupContent content, const BackupFolder& folder, SyncView& view)
         : _device(device), _content(std::move(content)), _folder(folder), _view(view) {}
 
-    Result<void> run(int type, const std::string& plugInPath) {
+    SyncReport run(int type, const std::string& plugInPath) {
         _type = type;
         _clearAway();
         _arrangeIcons();
@@ -60,28 +46,26 @@ class Restore {
             }
         }
         _putDemotedApps();
-        if (auto put = _putAllData(); !put) {
-            return put;
-        }
-        auto done = _putRestoreInfo();
-        if (done) {
-            done = _reconcile(plugInPath);
+        _putAllData();
+        _report.interrupted = Interrupt::requested();
+        if (_report.interrupted) {
+            _clearAway(); // the next one puts all again
+        } else if (auto done = _putRestoreInfo(); !done) {
+            _report.failure = done.error();
+        } else {
+            _report.failure = _reconcile(plugInPath).error();
         }
         _device.files().removeItem(restoreInfoPath, nullptr); // where the plug-in has left it nobody will read it
         _findOutcomes();
         _view.ended();
-        _isAllDone =
-            problems().empty() && std::ranges::all_of(_rows, [](const Row& row) { return row.reason.empty(); });
         _device.log().flush();
         if (const ErrorPtr failure = _device.log().failure()) {
             _content.problems.push_back("The device's log is not complete: " + reasonOf(failure));
         }
-        return done;
+        _report.problems = _content.problems;
+        _report.isIncomplete = _report.isIncomplete || !_report.problems.empty();
+        return std::move(_report);
     }
-
-    [[nodiscard]] const std::vector<Row>& rows() const noexcept { return _rows; }
-    [[nodiscard]] const std::vector<std::string>& problems() const noexcept { return _content.problems; }
-    [[nodiscard]] bool isAllDone() const noexcept { return _isAllDone; }
 
   private:
     /// What a restore that was cut short has left.
@@ -148,8 +132,8 @@ class Restore {
         return isDemoted && waiting && !*waiting && _device.files().fileExists(app.dataContainerPath);
     }
 
-    /// An error when the restore is to end early; what has come so far is put again by the next one.
-    Result<void> _putAllData() {
+    /// Ends early when the restore is interrupted.
+    void _putAllData() {
         _announce();
         for (BackupApp& app : _content.apps) {
             if (!app.problem.empty()) {
@@ -158,14 +142,11 @@ class Restore {
             _view.transferBegan(app.identifier);
             const auto put = _putData(app.identifier);
             if (Interrupt::requested()) {
-                _clearAway();
-                _view.ended();
-                return hostError("interrupted; restore again to go on");
+                return;
             }
             app.problem = reasonOf(put.error());
             _view.transferEnded(app.identifier, put.error());
         }
-        return {};
     }
 
     void _announce() {
@@ -246,43 +227,58 @@ class Restore {
     void _findOutcomes() {
         const auto open = _device.coordinator().openCoordinators();
         for (const BackupApp& app : _content.apps) {
-            Row row{app.identifier, app.name, app.version.value_or("-"), "failed", app.problem};
+            AppReport row{app.identifier, app.name, app.version, AppResult::failed, app.problem};
+            if (const auto bytes = _bytes.find(app.identifier); bytes != _bytes.end()) {
+                row.size = bytes->second;
+                _report.bytes += row.size;
+            }
             if (app.problem.empty()) {
-                row.result = _resultOf(app.identifier, open);
-                row.reason = app.remark;
+                _findOutcome(row, open);
+                if (!app.remark.empty()) {
+                    row.reason += (row.reason.empty() ? "" : " ") + app.remark;
+                    _report.isIncomplete = true;
+                }
             }
-            if (row.result == "demoted" && _device.backup().restoreDataSize(app.identifier)) {
-                row.result = "failed";
-                row.reason =
-                    "It is there, demoted, but its data could not be put in place (`qrd log` tells why); that is "
-                    "tried again when the device is next used.";
-            } else if (row.result == "failed" && row.reason.empty()) {
-                row.reason = _type == desktopRestore
-                                 ? "The device could not prepare it; `qrd log` tells why."
-                                 : "A restore of type " + std::to_string(_type) + " brings no apps back.";
-                (void)_device.backup().cancelRestore(app.identifier);
+            if (_bytes.contains(app.identifier) && row.result != AppResult::waiting) {
+                _view.installEnded(app.identifier, row.result == AppResult::failed ? hostError(row.reason) : nullptr);
             }
-            if (_bytes.contains(app.identifier)) {
-                _view.installEnded(app.identifier, row.result == "failed" ? hostError(row.reason) : nullptr);
-            }
-            _rows.push_back(std::move(row));
+            _report.apps.push_back(std::move(row));
         }
     }
 
-    std::string _resultOf(const std::string& identifier, const std::vector<device::OpenCoordinator>& open) {
+    void _findOutcome(AppReport& row, const std::vector<device::OpenCoordinator>& open) {
+        row.result = _resultOf(row.identifier, open);
+        if (row.result == AppResult::restored) {
+            row.reason = _device.coordinationIsEnabled() ? "`qrd store` brings it." : "`qrd sync` brings it.";
+        } else if (row.result == AppResult::demoted && _device.backup().restoreDataSize(row.identifier)) {
+            row.result = AppResult::failed;
+            row.reason = "It is there, demoted, but its data could not be put in place (`qrd log` tells why); that is "
+                         "tried again when the device is next used.";
+        } else if (row.result == AppResult::failed && _report.interrupted) {
+            row.result = AppResult::waiting;
+            row.reason = "The restore was interrupted.";
+        } else if (row.result == AppResult::failed) {
+            row.reason = _type == desktopRestore
+                             ? "The device could not prepare it; `qrd log` tells why."
+                             : "A restore of type " + std::to_string(_type) + " brings no apps back.";
+            (void)_device.backup().cancelRestore(row.identifier);
+        }
+    }
+
+    AppResult _resultOf(const std::string& identifier, const std::vector<device::OpenCoordinator>& open) {
         const auto coordinator = std::ranges::find(open, identifier, &device::OpenCoordinator::bundleID);
         if (coordinator != open.end() && coordinator->responsibleClient == KXClientCorbin) {
-            return "waits for the store";
+            return AppResult::restored;
         }
         const auto app = _device.registry().application(identifier);
         if (!app || !app->isPlaceholder) {
-            return "failed";
+            return AppResult::failed;
         }
         if (app->isDemoted()) {
-            return "demoted";
+            return AppResult::demoted;
         }
-        return app->installType == PDInstallTypeRestore && !_device.coordinationIsEnabled() ? "waits for a sync"
-                                                                                            : "failed";
+        const bool waitsForSync = app->installType == PDInstallTypeRestore && !_device.coordinationIsEnabled();
+        return waitsForSync ? AppResult::restored : AppResult::failed;
     }
 
     device::Device& _device;
@@ -291,38 +287,8 @@ class Restore {
     SyncView& _view;
     std::map<std::string, std::uint64_t> _bytes; // of the data of the apps that are brought back
     int _type = desktopRestore;
-    bool _isAllDone = false;
-    std::vector<Row> _rows;
+    SyncReport _report;
 };
-
-void show(const Restore& restore) {
-    if (restore.rows().empty()) {
-        printLine(std::cout, "The backup holds no apps.");
-    } else {
-        Table table({"App", "Version", "Result", "Reason"});
-        table.setResults(2);
-        for (const Row& row : restore.rows()) {
-            table.add({row.name, row.version, row.result, row.reason});
-        }
-        table.print(std::cout);
-    }
-    for (const std::string& problem : restore.problems()) {
-        printLine(std::cerr, "note: " + problem);
-    }
-}
-
-void showJson(const Restore& restore) {
-    Json apps = Json::array();
-    for (const Row& row : restore.rows()) {
-        apps.push_back({{"identifier", row.identifier},
-                        {"name", row.name},
-                        {"version", row.version},
-                        {"result", row.result},
-                        {"reason", row.reason}});
-    }
-    const Json root{{"done", restore.isAllDone()}, {"apps", apps}, {"problems", restore.problems()}};
-    printJson(std::cout, root, 2);
-}
 
 } // namespace
 
@@ -340,13 +306,10 @@ ExitCode restore(const RestoreArguments& arguments) {
     }
     device->coordinator().waitUntilIdle();
     const Interrupt interrupt;
-    SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(std::cout));
-    Restore restore(*device, std::move(*content), *folder, view);
-    if (const auto done = restore.run(arguments.type, arguments.plugin); !done) {
-        return fail(reasonOf(done.error()), Interrupt::requested() ? Interrupt::exitCode() : ExitCode::failed);
-    }
-    arguments.json ? showJson(restore) : show(restore);
-    return restore.isAllDone() ? ExitCode::done : ExitCode::someAppFailed;
+    SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
+    const SyncReport report =
+        Restore(*device, std::move(*content), *folder, view).run(arguments.type, arguments.plugin);
+    return tellOutcome(report, arguments.json, {"The backup holds no apps.", "restore again"});
 }
 
 } // namespace appsync::host

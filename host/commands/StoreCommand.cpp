@@ -4,12 +4,12 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/commands/Outcome.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/Leftovers.h"
 #include "host/transfer/Transfer.h"
 #include "host/transfer/TransferQueue.h"
-#include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/SyncView.h"
 #include "platform/Platform.h"
@@ -183,7 +183,7 @@ ExitCode store(const StoreArguments& arguments) {
     const Interrupt interrupt;
     SyncReport report;
     {
-        SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(std::cout));
+        SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
         StoreClient client(*device, *catalogue, view);
         client.run();
         report.apps = client.reports();
@@ -193,20 +193,7 @@ ExitCode store(const StoreArguments& arguments) {
         report.problems.push_back(file.reason);
     }
     report.interrupted = Interrupt::requested();
-    if (arguments.json) {
-        printJson(std::cout, report);
-    } else if (report.apps.empty()) {
-        printLine(std::cout, "No app waits for the store.");
-    } else {
-        printTable(std::cout, report);
-    }
-    if (!arguments.json) {
-        printNotes(std::cerr, report);
-    }
-    if (report.interrupted) {
-        return fail("interrupted; `qrd store` again to go on", Interrupt::exitCode());
-    }
-    return report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
+    return tellOutcome(report, arguments.json, {"No app waits for the store.", "`qrd store` again"});
 }
 
 } // namespace appsync::host

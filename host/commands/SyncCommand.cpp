@@ -4,12 +4,14 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
+#include "host/commands/Outcome.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/Leftovers.h"
 #include "host/session/RunSync.h"
 #include "host/transfer/Bandwidth.h"
-#include "host/view/Print.h"
+#include "host/view/SyncReport.h"
+#include "host/view/SyncView.h"
 
 #include <chrono>
 #include <iostream>
@@ -29,30 +31,7 @@ void letDemotedAppsReturn(device::Device& device, const desktop::SyncList& list)
     }
 }
 
-void show(const SyncReport& report, bool json) {
-    if (json) {
-        printJson(std::cout, report);
-    } else if (report.failure == nullptr) {
-        printTable(std::cout, report);
-    }
-    if (!json) {
-        std::cout.flush(); // before what stands on the other stream
-        printNotes(std::cerr, report);
-    }
-    if (report.failure != nullptr) {
-        fail(reasonOf(report.failure));
-    }
-    if (report.interrupted) {
-        fail("interrupted; sync again to go on");
-    }
-}
-
-ExitCode exitCodeOf(const SyncReport& report) {
-    if (report.failure != nullptr) {
-        return ExitCode::failed;
-    }
-    return report.interrupted ? Interrupt::exitCode() : report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
-}
+constexpr OutcomeWords words{"Nothing to do: the device has every app of the library.", "sync again"};
 
 } // namespace
 
@@ -76,8 +55,7 @@ ExitCode sync(const SyncArguments& arguments) {
                              {arguments.install, arguments.remove, arguments.reinstall, arguments.downgrade});
     plan.report.isDryRun = arguments.dryRun;
     if (arguments.dryRun || plan.report.failure != nullptr) {
-        show(plan.report, arguments.json);
-        return exitCodeOf(plan.report);
+        return tellOutcome(plan.report, arguments.json, words);
     }
     clearLeftovers(*device, plan.goingOn, plan.takenBack);
     if (!device->coordinationIsEnabled()) {
@@ -91,12 +69,11 @@ ExitCode sync(const SyncArguments& arguments) {
         bandwidth.emplace(*bytesPerSecond, [&](std::chrono::nanoseconds time) { interrupt.waitFor(time); });
         options.bandwidth = &*bandwidth;
     }
-    SyncView view(std::cout, arguments.json ? SyncView::Style::quiet : SyncView::styleFor(std::cout));
+    SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
     SyncReport report = runSync(*device, std::move(plan), options, view);
     report.began = began;
     report.ended = std::chrono::system_clock::now();
-    show(report, arguments.json);
-    return exitCodeOf(report);
+    return tellOutcome(report, arguments.json, words);
 }
 
 } // namespace appsync::host

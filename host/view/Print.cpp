@@ -70,6 +70,13 @@ void printJson(std::ostream& out, const nlohmann::ordered_json& json, int indent
     out << dumped(json, indent) << '\n';
 }
 
+void printEvent(std::ostream& out, const nlohmann::ordered_json& event) {
+    nlohmann::ordered_json line{{"version", jsonVersion}};
+    line.update(event);
+    printJson(out, line);
+    out.flush();
+}
+
 void JsonList::_begin() {
     _out << "{\"version\":" << jsonVersion << ",\"" << _name << "\":[";
     _hasBegun = true;

@@ -25,8 +25,14 @@ void printQuestion(std::ostream& out, std::string_view question);
 /// For programs: exact, in ASCII. With `indent` on several lines, otherwise on one.
 void printJson(std::ostream& out, const nlohmann::ordered_json& json, int indent = -1);
 
+/// What `--json` asks for: nothing, one object at the end, or one a line for each event and the last for the end.
+enum class JsonOutput { none, object, lines };
+
 /// What programs are told first in every JSON object: the version of docs/json.schema.json.
 inline constexpr int jsonVersion = 1;
+
+/// On a line of its own, at once; the version goes before its fields.
+void printEvent(std::ostream& out, const nlohmann::ordered_json& event);
 
 /// Prints an object with a list that need not fit into memory, an element a line.
 class JsonList {

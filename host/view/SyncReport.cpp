@@ -1,5 +1,6 @@
 #include "host/view/SyncReport.h"
 
+#include "device/log/LogFile.h"
 #include "host/view/Print.h"
 #include "host/view/Table.h"
 #include "text/Printable.h"
@@ -7,8 +8,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <array>
-#include <ctime>
 
 namespace appsync::host {
 
@@ -17,8 +16,20 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 bool isDone(const AppReport& app) {
-    return app.isPassedOver || isSent(app.result) || app.result == AppResult::removed ||
-           app.result == AppResult::unchanged;
+    switch (app.result) {
+    case AppResult::installed:
+    case AppResult::updated:
+    case AppResult::downgraded:
+    case AppResult::removed:
+    case AppResult::restored:
+    case AppResult::demoted:
+    case AppResult::unchanged: return true;
+    case AppResult::waiting:
+    case AppResult::cancelled:
+    case AppResult::refused:
+    case AppResult::failed: return app.isPassedOver;
+    }
+    return false;
 }
 
 std::string versionText(const AppReport& app) {
@@ -37,22 +48,8 @@ std::uint64_t missingBytes(const SyncReport& report) {
     return report.bytesNeeded > free ? report.bytesNeeded - free : 0;
 }
 
-void printAmounts(std::ostream& out, const SyncReport& report) {
-    std::string line = sizeText(report.bytes) + " to send, " + std::to_string(report.unchanged) + " unchanged";
-    if (report.bytesFree) {
-        line += "; the device needs about " + sizeText(report.bytesNeeded) + " and has " + sizeText(*report.bytesFree) +
-                " free";
-    }
-    printLine(out, line);
-}
-
-/// RFC 3339, in UTC.
-std::string timeText(ReportTime time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    std::tm parts{};
-    ::gmtime_r(&seconds, &parts);
-    std::array<char, 32> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
+Json orNull(std::optional<ReportTime> time) {
+    return time ? Json(device::formatLogTime(*time)) : Json(nullptr);
 }
 
 Json orNull(const std::optional<std::string>& text) {
@@ -75,7 +72,7 @@ Json toJson(const AppReport& app) {
 } // namespace
 
 bool SyncReport::allDone() const {
-    return failure == nullptr && !interrupted && std::ranges::all_of(apps, isDone);
+    return failure == nullptr && !interrupted && !isIncomplete && std::ranges::all_of(apps, isDone);
 }
 
 const char* nameOf(AppResult result) {
@@ -84,6 +81,8 @@ const char* nameOf(AppResult result) {
     case AppResult::updated: return "updated";
     case AppResult::downgraded: return "downgraded";
     case AppResult::removed: return "removed";
+    case AppResult::restored: return "restored";
+    case AppResult::demoted: return "demoted";
     case AppResult::unchanged: return "unchanged";
     case AppResult::waiting: return "waiting";
     case AppResult::cancelled: return "cancelled";
@@ -114,19 +113,21 @@ std::string reasonOf(const ErrorPtr& error) {
 }
 
 void printTable(std::ostream& out, const SyncReport& report) {
-    if (report.apps.empty()) {
-        printLine(out, "Nothing to do: the device has every app of the library.");
-    } else {
-        Table table({"App", "Version", report.isDryRun ? "Would be" : "Result", "Reason"});
-        table.setResults(2);
-        for (const AppReport& app : report.apps) {
-            table.add({app.name, versionText(app), nameOf(app.result), app.reason});
-        }
-        table.print(out);
+    Table table({"App", "Version", report.isDryRun ? "Would be" : "Result", "Reason"});
+    table.setResults(2);
+    for (const AppReport& app : report.apps) {
+        table.add({app.name, versionText(app), nameOf(app.result), app.reason});
     }
-    if (report.isDryRun) {
-        printAmounts(out, report);
+    table.print(out);
+}
+
+void printAmounts(std::ostream& out, const SyncReport& report) {
+    std::string line = sizeText(report.bytes) + " to send, " + std::to_string(report.unchanged) + " unchanged";
+    if (report.bytesFree) {
+        line += "; the device needs about " + sizeText(report.bytesNeeded) + " and has " + sizeText(*report.bytesFree) +
+                " free";
     }
+    printLine(out, line);
 }
 
 void printNotes(std::ostream& out, const SyncReport& report) {
@@ -141,13 +142,10 @@ void printNotes(std::ostream& out, const SyncReport& report) {
     }
 }
 
-void printJson(std::ostream& out, const SyncReport& report) {
-    Json root{{"version", jsonVersion},
-              {"done", report.allDone()},
-              {"dryRun", report.isDryRun},
-              {"interrupted", report.interrupted},
-              {"began", report.began ? Json(timeText(*report.began)) : Json(nullptr)},
-              {"ended", report.ended ? Json(timeText(*report.ended)) : Json(nullptr)}};
+Json toJson(const SyncReport& report) {
+    Json root{{"version", jsonVersion},        {"done", report.allDone()},
+              {"dryRun", report.isDryRun},     {"interrupted", report.interrupted},
+              {"began", orNull(report.began)}, {"ended", orNull(report.ended)}};
     Json apps = Json::array();
     for (const AppReport& app : report.apps) {
         apps.push_back(toJson(app));
@@ -165,7 +163,7 @@ void printJson(std::ostream& out, const SyncReport& report) {
     if (report.failure != nullptr) {
         root["failure"] = reasonOf(report.failure);
     }
-    printJson(out, root, 2);
+    return root;
 }
 
 } // namespace appsync::host

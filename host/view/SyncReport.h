@@ -1,7 +1,9 @@
-// What a sync did to each app, and how it is shown.
+// What a sync, a restore or a visit to the store did to each app, and how it is shown.
 #pragma once
 
 #include "values/Error.h"
+
+#include <nlohmann/json_fwd.hpp>
 
 #include <chrono>
 #include <cstddef>
@@ -19,6 +21,8 @@ enum class AppResult {
     updated,
     downgraded, // to an older version
     removed,
+    restored, // its placeholder stands; the store or a sync brings the app
+    demoted,  // its placeholder and its data are there, and that is all there is to be
     unchanged,
     waiting,   // for a later sync or the store
     cancelled, // its install was taken back
@@ -42,6 +46,7 @@ using ReportTime = std::chrono::system_clock::time_point;
 struct SyncReport {
     std::vector<AppReport> apps;
     std::vector<std::string> problems; // what was passed over, a sentence each
+    bool isIncomplete = false;         // something of what was asked for is among the problems, or an app's reason
     std::vector<std::string> deleted;  // apps that were deleted on the device since the last sync
     bool interrupted = false;
     ErrorPtr failure;                       // why the whole sync could not go on; null when it could
@@ -62,11 +67,13 @@ struct SyncReport {
 /// The sentence for a person: an error's description, or what its domain and code are known to mean.
 [[nodiscard]] std::string reasonOf(const ErrorPtr& error);
 
-/// A table: app, version, result, reason. A dry run also says how much it is.
+/// A table: app, version, result, reason.
 void printTable(std::ostream& out, const SyncReport& report);
+/// How much there is to send, in a line.
+void printAmounts(std::ostream& out, const SyncReport& report);
 /// What else a person should know, a line each.
 void printNotes(std::ostream& out, const SyncReport& report);
-/// One JSON object on several lines.
-void printJson(std::ostream& out, const SyncReport& report);
+/// One object, its version included.
+[[nodiscard]] nlohmann::ordered_json toJson(const SyncReport& report);
 
 } // namespace appsync::host

@@ -12,26 +12,7 @@
 
 namespace appsync::host {
 
-namespace {
-
 using Json = nlohmann::ordered_json;
-
-Json toJsonObject(const AppStatus& app) {
-    Json entry{{"identifier", app.identifier},
-               {"name", app.name},
-               {"stage", nameOf(app.stage)},
-               {"bytes", app.bytes},
-               {"fraction", app.fraction}};
-    if (!app.reason.empty()) {
-        entry["reason"] = app.reason;
-    }
-    if (app.stage == AppStage::waiting) {
-        entry["nextTry"] = device::formatLogTime(app.nextTry);
-    }
-    return entry;
-}
-
-} // namespace
 
 std::uint64_t AppStatus::sentBytes() const {
     return static_cast<std::uint64_t>(static_cast<double>(bytes) * std::clamp(fraction, 0.0, 1.0));
@@ -67,6 +48,21 @@ const char* nameOf(AppStage stage) {
     case AppStage::failed: return "failed";
     }
     return "queued";
+}
+
+Json toJsonObject(const AppStatus& app) {
+    Json entry{{"identifier", app.identifier},
+               {"name", app.name},
+               {"stage", nameOf(app.stage)},
+               {"bytes", app.bytes},
+               {"fraction", app.fraction}};
+    if (!app.reason.empty()) {
+        entry["reason"] = app.reason;
+    }
+    if (app.stage == AppStage::waiting) {
+        entry["nextTry"] = device::formatLogTime(app.nextTry);
+    }
+    return entry;
 }
 
 std::string toJson(const SyncStatus& status) {

@@ -1,6 +1,8 @@
 // What a running sync does at a moment.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -44,6 +46,7 @@ struct SyncStatus {
 };
 
 [[nodiscard]] const char* nameOf(AppStage stage);
+[[nodiscard]] nlohmann::ordered_json toJsonObject(const AppStatus& app);
 /// One JSON object on one line, without its line end.
 [[nodiscard]] std::string toJson(const SyncStatus& status);
 /// The local time of day, "14:03:27".

@@ -7,6 +7,8 @@
 #include "text/Printable.h"
 #include "values/Result.h"
 
+#include <nlohmann/json.hpp>
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +18,9 @@ namespace appsync::host {
 
 namespace {
 
-constexpr std::chrono::milliseconds drawInterval{100}; // of what only grows
+using Json = nlohmann::ordered_json;
+
+constexpr std::chrono::milliseconds showInterval{100}; // of what only grows
 
 Line endOf(const AppStatus& app, bool isCancelled) {
     const std::string name = printable(app.name);
@@ -33,8 +37,13 @@ SyncView::SyncView(std::ostream& out, Style style, std::function<Window()> windo
                    std::function<Clock::time_point()> now)
     : _out(out), _style(style), _window(std::move(window)), _now(std::move(now)), _begin(_now()) {}
 
-SyncView::Style SyncView::styleFor(const std::ostream& out) {
-    return terminalOf(out) ? Style::bars : Style::lines;
+SyncView::Style SyncView::styleFor(const std::ostream& out, JsonOutput json) {
+    switch (json) {
+    case JsonOutput::none: return terminalOf(out) ? Style::bars : Style::lines;
+    case JsonOutput::object: return Style::quiet;
+    case JsonOutput::lines: return Style::events;
+    }
+    return Style::quiet;
 }
 
 Window SyncView::windowOfOutput() {
@@ -47,6 +56,13 @@ void SyncView::began(std::vector<AppStatus> apps) {
     for (std::size_t place = 0; place < _status.apps.size(); ++place) {
         _places[_status.apps[place].identifier] = place;
     }
+    if (_style == Style::events) {
+        Json planned = Json::array();
+        for (const AppStatus& app : _status.apps) {
+            planned.push_back(toJsonObject(app));
+        }
+        printEvent(_out, {{"event", "began"}, {"apps", std::move(planned)}});
+    }
 }
 
 void SyncView::transferBegan(std::string_view identifier) {
@@ -54,14 +70,15 @@ void SyncView::transferBegan(std::string_view identifier) {
     AppStatus& app = _app(identifier);
     app.stage = AppStage::transferring;
     _plainLine("sending " + printable(app.name) + " (" + sizeText(app.bytes) + ")");
-    _drawBars();
+    _show(app);
 }
 
 void SyncView::transferring(std::string_view identifier, double fraction) {
     const Lock lock(_mutex);
-    _app(identifier).fraction = fraction;
-    if (!_drawn || _now() - *_drawn >= drawInterval) {
-        _drawBars();
+    AppStatus& app = _app(identifier);
+    app.fraction = fraction;
+    if (!_shown || _now() - *_shown >= showInterval) {
+        _show(app);
     }
 }
 
@@ -73,8 +90,8 @@ void SyncView::transferEnded(std::string_view identifier, const ErrorPtr& error)
     } else {
         app.fraction = 1;
         app.stage = AppStage::installing;
+        _show(app);
     }
-    _drawBars();
 }
 
 void SyncView::installWaits(std::string_view identifier, const std::string& reason,
@@ -85,13 +102,12 @@ void SyncView::installWaits(std::string_view identifier, const std::string& reas
     app.reason = reason;
     app.nextTry = nextTry;
     _plainLine("waiting " + printable(app.name) + ": " + reason + "; next try at " + clockText(nextTry));
-    _drawBars();
+    _show(app);
 }
 
 void SyncView::installEnded(std::string_view identifier, const ErrorPtr& error) {
     const Lock lock(_mutex);
     _end(_app(identifier), error);
-    _drawBars();
 }
 
 void SyncView::note(const std::string& sentence) {
@@ -104,7 +120,7 @@ void SyncView::note(const std::string& sentence) {
 void SyncView::ended() {
     const Lock lock(_mutex);
     _eraseBars();
-    if (_style != Style::quiet && _status.bytes() != 0) {
+    if (_isForPerson() && _status.bytes() != 0) {
         printLine(_out, _summary());
     }
     _out.flush();
@@ -132,15 +148,16 @@ void SyncView::_end(AppStatus& app, const ErrorPtr& error) {
     }
     if (isError(error, hostTransferErrorDomain, TransferError::interrupted)) {
         app.stage = AppStage::queued;
-        return;
+    } else {
+        app.stage = error == nullptr ? AppStage::done : AppStage::failed;
+        app.reason = reasonOf(error);
+        _line(endOf(app, isError(error, hostTransferErrorDomain, TransferError::cancelledByUser)));
     }
-    app.stage = error == nullptr ? AppStage::done : AppStage::failed;
-    app.reason = reasonOf(error);
-    _line(endOf(app, isError(error, hostTransferErrorDomain, TransferError::cancelledByUser)));
+    _show(app);
 }
 
 void SyncView::_line(const Line& line) {
-    if (_style != Style::quiet) {
+    if (_isForPerson()) {
         _eraseBars();
         printLine(_out, line);
         _out.flush();
@@ -155,12 +172,20 @@ void SyncView::_plainLine(const std::string& text) {
     }
 }
 
+/// That it has changed.
+void SyncView::_show(const AppStatus& app) {
+    _shown = _now();
+    if (_style == Style::events) {
+        printEvent(_out, {{"event", "app"}, {"app", toJsonObject(app)}});
+    }
+    _drawBars();
+}
+
 void SyncView::_drawBars() {
     if (_style != Style::bars) {
         return;
     }
-    _drawn = _now();
-    _rate.sent(static_cast<double>(_status.sentBytes()), *_drawn);
+    _rate.sent(static_cast<double>(_status.sentBytes()), _now());
     drawLines(_out, barLines(_status, _rate.bytesPerSecond(), _window()));
     setDrawing(true);
 }

@@ -1,5 +1,5 @@
 // Follows a sync, or what brings apps in another way, while it runs and shows it: progress bars on a terminal,
-// otherwise plain lines.
+// otherwise plain lines; for programs JSON.
 #pragma once
 
 #include "concurrency/Mutex.h"
@@ -24,15 +24,15 @@ namespace appsync::host {
 /// Any thread.
 class SyncView {
   public:
-    enum class Style { quiet, lines, bars };
+    enum class Style { quiet, lines, bars, events };
 
     using Clock = std::chrono::steady_clock;
 
     /// `window` says how large the window is now; it is asked for each drawing.
     SyncView(std::ostream& out, Style style, std::function<Window()> window = windowOfOutput,
              std::function<Clock::time_point()> now = Clock::now);
-    /// Bars when it is a terminal's (host/view/Terminal.h), otherwise lines.
-    [[nodiscard]] static Style styleFor(const std::ostream& out);
+    /// Bars when it is a terminal's (host/view/Terminal.h), otherwise lines; for programs events or nothing.
+    [[nodiscard]] static Style styleFor(const std::ostream& out, JsonOutput json);
 
     /// The apps that will be transferred, with name and bytes.
     void began(std::vector<AppStatus> apps);
@@ -53,8 +53,10 @@ class SyncView {
   private:
     [[nodiscard]] AppStatus& _app(std::string_view identifier) REQUIRES(_mutex);
     void _end(AppStatus& app, const ErrorPtr& error) REQUIRES(_mutex);
+    [[nodiscard]] bool _isForPerson() const { return _style == Style::lines || _style == Style::bars; }
     void _line(const Line& line) REQUIRES(_mutex);
     void _plainLine(const std::string& text) REQUIRES(_mutex);
+    void _show(const AppStatus& app) REQUIRES(_mutex);
     void _drawBars() REQUIRES(_mutex);
     void _eraseBars() REQUIRES(_mutex);
     [[nodiscard]] std::string _summary() const REQUIRES(_mutex);
@@ -69,7 +71,7 @@ class SyncView {
     std::unordered_map<std::string, std::size_t> _places GUARDED_BY(_mutex); // of the apps in the status
     TransferRate _rate GUARDED_BY(_mutex);
     Clock::time_point _begin GUARDED_BY(_mutex);
-    std::optional<Clock::time_point> _drawn GUARDED_BY(_mutex); // when last
+    std::optional<Clock::time_point> _shown GUARDED_BY(_mutex); // when last
 };
 
 } // namespace appsync::host

@@ -128,7 +128,7 @@ void Table::print(std::ostream& out) const {
 }
 
 Colour colourOfResult(const std::string& word) {
-    for (const char* good : {"done", "installed", "updated", "removed"}) {
+    for (const char* good : {"done", "installed", "updated", "removed", "restored"}) {
         if (word == good) {
             return Colour::green;
         }
@@ -136,8 +136,7 @@ Colour colourOfResult(const std::string& word) {
     if (word == "failed" || word == "refused") {
         return Colour::red;
     }
-    const bool goesOn = word.starts_with("waiting") || word.starts_with("waits") || word == "cancelled" ||
-                        word == "not sent" || word == "demoted";
+    const bool goesOn = word.starts_with("waiting") || word == "cancelled" || word == "not sent" || word == "demoted";
     return goesOn ? Colour::yellow : Colour::none;
 }
 

@@ -14,7 +14,7 @@ class Restore(Scenario):
     With coordination the store delivers the apps then, and Elder comes back demoted; without it a sync does, and Elder
     comes back installed."""
 
-    done_results = ("waits for the store", "waits for a sync", "demoted")
+    done_results = ("restored", "demoted")
     # Where the list of demoted apps cannot be read, on the device or in the backup, there is none for the plug-in, and such
     # an app waits for the store. What is changed in a backup is what comes back from it.
     left_out = ("read-EIO", "source-EIO", "source-shrinks", "source-grows", "source-goes", "source-replaced")
@@ -35,7 +35,7 @@ class Restore(Scenario):
         """A restore leaves an app alone that has come already."""
         if answer.code != 1 or command[1] != "restore":
             return answer.code == 0
-        return all(app["reason"] in ("", "The device has it already; remove it first.")
+        return all(app["result"] in self.done_results or app["reason"] == "The device has it already; remove it first."
                    for app in json.loads(answer.output)["apps"])
 
     def is_done(self, apps, identifier):

@@ -137,8 +137,11 @@ TEST_F(Desktop, ReadsALibraryAndNamesWhatItPassesOver) {
     packed("B", infoOf("com.example.b"));
     packed("A", infoOf("com.example.a"));
     packed("Z", infoOf("com.example.a", "9"));
-    write(library() / "notes.txt", "no archive");
-    write(library() / "zeros", std::string(1000, '\0'));
+    write(library() / "notes.archive", "no archive");
+    write(library() / "notes.txt", "about the apps");
+    write(library() / "one", "P");
+    write(library() / "zeros.zip", std::string(1000, '\0'));
+    write(library() / "zip", "PK, and nothing of one");
     write(library() / ".hidden", "not looked at");
     write(library() / "folder" / "inside", "not looked at");
     const AppLibrary found = read();
@@ -146,12 +149,15 @@ TEST_F(Desktop, ReadsALibraryAndNamesWhatItPassesOver) {
     EXPECT_EQ(found.apps[0].identifier, "com.example.a");
     EXPECT_EQ(found.apps[0].version, "1.0");
     EXPECT_EQ(found.apps[1].identifier, "com.example.b");
-    ASSERT_EQ(found.problems.size(), 1u);
+    ASSERT_EQ(found.problems.size(), 3u);
     EXPECT_NE(found.problems[0].find("Z.archive"), std::string::npos);
-    ASSERT_EQ(found.unreadable.size(), 2u);
-    EXPECT_EQ(found.unreadable[0].path, library() / "notes.txt");
-    EXPECT_NE(found.unreadable[0].reason.find("notes.txt"), std::string::npos);
-    EXPECT_EQ(found.unreadable[1].path, library() / "zeros");
+    EXPECT_EQ(found.problems[1], "'" + (library() / "notes.txt").string() + "' is no app archive and was passed over.");
+    EXPECT_NE(found.problems[2].find("one' is no app archive"), std::string::npos);
+    ASSERT_EQ(found.unreadable.size(), 3u);
+    EXPECT_EQ(found.unreadable[0].path, library() / "notes.archive");
+    EXPECT_NE(found.unreadable[0].reason.find("notes.archive"), std::string::npos);
+    EXPECT_EQ(found.unreadable[1].path, library() / "zeros.zip");
+    EXPECT_EQ(found.unreadable[2].path, library() / "zip");
     EXPECT_NE(found.find("com.example.b"), nullptr);
     EXPECT_EQ(found.find("com.example.c"), nullptr);
 }

@@ -45,7 +45,7 @@ class DryRun : public Sync, public testing::WithParamInterface<unsigned> {
             }
         }
         if (isChosen(20)) {
-            write(folder / "library" / "notes.txt", "no archive");
+            write(folder / "library" / "notes.archive", "no archive");
         }
     }
     SyncArguments wishes() {

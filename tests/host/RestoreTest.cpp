@@ -52,7 +52,7 @@ class Restores : public Sync {
         arguments.device = device();
         arguments.library = (folder / "library").string();
         arguments.plugin = APPSYNC_BUNDLE;
-        arguments.json = true;
+        arguments.json = JsonOutput::object;
         const Said said = run([&] { return host::sync(arguments); });
         EXPECT_EQ(said.code, expected) << said.out << said.complaint;
         return said.json();
@@ -63,15 +63,19 @@ class Restores : public Sync {
     }
     Json bringBack(ExitCode expected, int type = 2) {
         const Said said = run([&] {
-            return host::restore(
-                {.device = device(), .from = backupFolder(), .type = type, .plugin = APPSYNC_BUNDLE, .json = true});
+            return host::restore({.device = device(),
+                                  .from = backupFolder(),
+                                  .type = type,
+                                  .plugin = APPSYNC_BUNDLE,
+                                  .json = JsonOutput::object});
         });
         EXPECT_EQ(said.code, expected) << said.out << said.complaint;
         return said.json();
     }
     Json visitStore(ExitCode expected) {
         const Said said = run([&] {
-            return host::store({.device = device(), .catalogue = (folder / "library").string(), .json = true});
+            return host::store(
+                {.device = device(), .catalogue = (folder / "library").string(), .json = JsonOutput::object});
         });
         EXPECT_EQ(said.code, expected) << said.out << said.complaint;
         return said.json();
@@ -259,7 +263,7 @@ class RestoresOnBothPaths : public Restores, public testing::WithParamInterface<
     Json deliver(ExitCode expected = ExitCode::done) {
         return GetParam() ? syncLibrary(expected) : visitStore(expected);
     }
-    const std::string waiting = GetParam() ? "waits for a sync" : "waits for the store";
+    const std::string bringing = GetParam() ? "`qrd sync` brings it." : "`qrd store` brings it.";
     Results dataBefore;
     std::vector<std::string> orderBefore;
 };
@@ -282,10 +286,10 @@ TEST_P(RestoresOnBothPaths, ADeviceComesBackAppByAppAndFileByFile) {
     fillAndBackUp();
     const bool isOwn = GetParam();
     const Json report = bringBack(ExitCode::done);
-    EXPECT_EQ(results(report), (Results{{"com.example.a", waiting},
-                                        {"com.example.b", waiting},
-                                        {"com.example.c", isOwn ? waiting : "demoted"},
-                                        {"com.example.d", isOwn ? waiting : "demoted"}}));
+    EXPECT_EQ(results(report), (Results{{"com.example.a", "restored"},
+                                        {"com.example.b", "restored"},
+                                        {"com.example.c", isOwn ? "restored" : "demoted"},
+                                        {"com.example.d", isOwn ? "restored" : "demoted"}}));
     EXPECT_EQ(states(), (Results{{"com.example.a", "a 1.a as type 2"},
                                  {"com.example.b", "b 1.b as type 2"},
                                  {"com.example.c", isOwn ? "c 1.c as type 2" : "c 1.c as type 8"},
@@ -405,7 +409,7 @@ TEST_P(RestoresOnBothPaths, AnAppThatTheDeviceHasIsLeftAlone) {
     syncLibrary(ExitCode::done, {.install = {"com.example.a"}});
     const Json report = bringBack(ExitCode::someAppFailed);
     EXPECT_EQ(reasonOf(report, "a"), "The device has it already; remove it first.");
-    EXPECT_EQ(results(report)["com.example.b"], waiting);
+    EXPECT_EQ(results(report)["com.example.b"], "restored");
     EXPECT_EQ(states()["com.example.a"], "a 1.a");
     EXPECT_FALSE(fs::exists(dataOf("a")));
 }
@@ -469,12 +473,12 @@ TEST_P(RestoresOnBothPaths, BadEntriesFailWithAReasonAndTheOthersAreRestored) {
     EXPECT_EQ(reasonOf(report, "a"), "What the backup says of it is no dictionary.");
     EXPECT_EQ(reasonOf(report, "c"), "The backup has no store metadata of it.");
     EXPECT_EQ(reasonOf(report, "d"), "Its store metadata is damaged.");
-    EXPECT_EQ(reasonOf(report, "e"), "Its icon is no PNG and was left out.");
+    EXPECT_EQ(reasonOf(report, "e"), bringing + " Its icon is no PNG and was left out.");
     EXPECT_EQ(reasonOf(report, "com.example/.."), "It is no bundle identifier.");
     EXPECT_EQ(reasonOf(report, "com.example/../x"), "It is no bundle identifier.");
-    EXPECT_EQ(reasonOf(report, "b"), "");
-    EXPECT_EQ(results(report)["com.example.b"], waiting);
-    EXPECT_EQ(results(report)["com.example.e"], waiting);
+    EXPECT_EQ(reasonOf(report, "b"), bringing);
+    EXPECT_EQ(results(report)["com.example.b"], "restored");
+    EXPECT_EQ(results(report)["com.example.e"], "restored");
     EXPECT_EQ(states().size(), 2U);
     EXPECT_EQ(waitingData(), 0U) << "of the apps that were not restored";
 }
@@ -488,8 +492,8 @@ TEST_F(Restores, ADemotedAppWaitsForTheListThatSaysSo) {
     fs::remove_all(lists);
     write(lists, "no folder");
     const Json report = bringBack(ExitCode::someAppFailed);
-    EXPECT_EQ(results(report), (Results{{"com.example.a", "waits for the store"},
-                                        {"com.example.b", "waits for the store"},
+    EXPECT_EQ(results(report), (Results{{"com.example.a", "restored"},
+                                        {"com.example.b", "restored"},
                                         {"com.example.c", "failed"},
                                         {"com.example.d", "failed"}}));
     EXPECT_NE(reasonOf(report, "c").find("The list of demoted apps could not be put on the device: "),
@@ -575,7 +579,7 @@ TEST_P(RestoresOnBothPaths, DamagedListsAreToldAndTheAppsAreRestored) {
     EXPECT_NE(report["problems"][0].get<std::string>().find("is no dictionary. No app counts as demoted."),
               std::string::npos);
     EXPECT_NE(report["problems"][1].get<std::string>().find("is no icon layout"), std::string::npos);
-    EXPECT_EQ(results(report)["com.example.c"], waiting);
+    EXPECT_EQ(results(report)["com.example.c"], "restored");
 }
 
 TEST_P(RestoresOnBothPaths, ABackupIsWholeOrAbsent) {

@@ -73,7 +73,7 @@ class Sync : public testing::Test {
         arguments.device = deviceFolder();
         arguments.library = (folder / "library").string();
         arguments.plugin = APPSYNC_BUNDLE;
-        arguments.json = true;
+        arguments.json = JsonOutput::object;
         testing::internal::CaptureStdout();
         const ExitCode code = host::sync(arguments);
         return {code, Json::parse(testing::internal::GetCapturedStdout(), nullptr, false)};

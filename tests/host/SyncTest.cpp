@@ -211,14 +211,24 @@ TEST_F(Sync, DoesNothingWherePolicyForbidsBoth) {
 TEST_F(Sync, NamesWhatIsNoArchive) {
     createDevice();
     addApp("a");
-    write(folder / "library" / "notes.txt", "no archive");
+    write(folder / "library" / "notes.archive", "no archive");
     const Json report = sync(ExitCode::someAppFailed);
     ASSERT_EQ(report["apps"].size(), 2U);
     EXPECT_EQ(report["apps"][0]["result"], "installed");
     EXPECT_EQ(report["apps"][1]["identifier"], nullptr);
-    EXPECT_EQ(report["apps"][1]["name"], "notes.txt");
+    EXPECT_EQ(report["apps"][1]["name"], "notes.archive");
     EXPECT_EQ(report["apps"][1]["result"], "failed");
     EXPECT_NE(report["apps"][1]["reason"].get<std::string>().find("it is no zip archive"), std::string::npos);
+}
+
+TEST_F(Sync, PassesOverWhatIsThereForSomethingElse) {
+    createDevice();
+    addApp("a");
+    write(folder / "library" / "notes.txt", "about the apps");
+    const Json report = sync(ExitCode::done);
+    EXPECT_EQ(report["apps"].size(), 1U);
+    ASSERT_EQ(report["problems"].size(), 1U);
+    EXPECT_NE(report["problems"][0].get<std::string>().find("notes.txt' is no app archive"), std::string::npos);
 }
 
 TEST_F(Sync, RecordsEveryStepInTheTransactionLog) {

@@ -1,4 +1,5 @@
 // What a person sees of a running sync: the lines for each window, what is drawn when, and tables.
+#include "host/plugin/PlugIn.h"
 #include "host/transfer/TransferQueue.h"
 #include "host/transfer/TransferRate.h"
 #include "host/view/Bars.h"
@@ -230,7 +231,7 @@ TEST(Tables, ColourWhatBecameOfAnApp) {
     EXPECT_EQ(lines[0][2].colour, Colour::none);
     EXPECT_EQ(lines[1][2].colour, Colour::red);
     EXPECT_EQ(lines[2][2].colour, Colour::green);
-    EXPECT_EQ(colourOfResult("waits for the store"), Colour::yellow);
+    EXPECT_EQ(colourOfResult("waiting"), Colour::yellow);
     EXPECT_EQ(colourOfResult("cancelled"), Colour::yellow);
     EXPECT_EQ(colourOfResult("queued"), Colour::none);
 }
@@ -322,6 +323,42 @@ TEST_F(Views, SayNothingWhenTheyAreQuiet) {
     view.installEnded("a", nullptr);
     view.ended();
     EXPECT_EQ(out.str(), "");
+}
+
+TEST_F(Views, TellProgramsEachEventOnALineAndProgressNowAndThen) {
+    SyncView view(
+        out, SyncView::Style::events, [this] { return window; }, [this] { return now; });
+    view.began({{"a", "A\n", 10}});
+    EXPECT_EQ(out.str(), R"({"version":1,"event":"began","apps":[{"identifier":"a","name":"A\n","stage":"queued",)"
+                         R"("bytes":10,"fraction":0.0}]})"
+                         "\n");
+    out.str("");
+    view.transferBegan("a");
+    const std::string sending = R"({"version":1,"event":"app","app":{"identifier":"a","name":"A\n","stage":)"
+                                R"("transferring","bytes":10,"fraction":0.0}})"
+                                "\n";
+    EXPECT_EQ(out.str(), sending);
+    view.transferring("a", 0.25);
+    EXPECT_EQ(out.str(), sending) << "not at each step";
+    now += std::chrono::milliseconds(100);
+    out.str("");
+    view.transferring("a", 0.5);
+    EXPECT_NE(out.str().find(R"("fraction":0.5}})"), std::string::npos) << out.str();
+    view.transferEnded("a", nullptr);
+    EXPECT_TRUE(out.str().ends_with(R"("stage":"installing","bytes":10,"fraction":1.0}})"
+                                    "\n"))
+        << out.str();
+    out.str("");
+    view.installEnded("a", transferError(TransferError::interrupted, "Why."));
+    EXPECT_NE(out.str().find(R"("stage":"queued")"), std::string::npos) << out.str();
+    view.installEnded("a", hostError("It is damaged."));
+    EXPECT_TRUE(out.str().ends_with(R"("stage":"failed","bytes":10,"fraction":1.0,"reason":"It is damaged."}})"
+                                    "\n"))
+        << out.str();
+    out.str("");
+    view.installEnded("a", nullptr);
+    view.ended();
+    EXPECT_EQ(out.str(), "") << "the first word counts, and the report follows";
 }
 
 TEST_F(Views, TellNotesOnTheStandardErrorAlsoWhenTheyAreQuiet) {

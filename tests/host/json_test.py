@@ -100,6 +100,8 @@ def test_the_schema_is_one():
     with pytest.raises(jsonschema.ValidationError):  # an oracle that is never red would be none
         check("inventory", '{"version": 1, "deleted": [], "more": 1}')
     with pytest.raises(jsonschema.ValidationError):
+        check("event", '{"version": 1, "event": "ended"}')
+    with pytest.raises(jsonschema.ValidationError):
         check("inventory", '{"version": 2, "deleted": []}')
 
 
@@ -184,15 +186,52 @@ def test_a_sync_and_what_it_would_do(world):
         {"One": "refused", "Two": "removed", "Thre": "failed", "Broken.zip": "failed"}
 
 
-def test_a_visit_to_the_store(tmp_path):
+def test_a_restore_and_a_visit_to_the_store(tmp_path):
     world = World(tmp_path)
-    world.add("One")
+    for name in ("One", "Two"):
+        world.add(name)
     world.sync()
+    run("demote", world.device, "org.example.two")
     run("backup", world.device, "-o", tmp_path / "backup")
     run("device", "create", tmp_path / "new")
-    run("restore", tmp_path / "new", "--from", tmp_path / "backup")
+    restored = check("sync", run("restore", tmp_path / "new", "--from", tmp_path / "backup", "--json"))
+    assert restored["done"] and not restored["interrupted"]
+    assert [(app["name"], app["result"]) for app in restored["apps"]] == [("One", "restored"), ("Two", "demoted")]
     brought = check("sync", run("store", tmp_path / "new", "--catalogue", world.library, "--json"))
     assert [(app["name"], app["result"]) for app in brought["apps"]] == [("One", "installed")]
+    again = check("sync", run("restore", tmp_path / "new", "--from", tmp_path / "backup", "--json", code=1))
+    assert not again["done"] and again["apps"][0]["result"] == "failed" and again["apps"][0]["reason"]
+
+
+def events(*words, code=0):
+    """The lines of a command, the last of which is its report."""
+    said = [check("event", line) for line in run(*words, "--json=lines", code=code).splitlines()]
+    assert [event["event"] for event in said[1:-1]] == ["app"] * (len(said) - 2)
+    assert said[-1]["event"] == "ended"
+    return said
+
+
+def test_each_event_of_what_brings_apps_is_a_line(world):
+    world.add("One", 300_000)
+    (world.library / "Two.zip").write_bytes(b"no archive")
+    said = events("sync", world.device, "--library", world.library, code=1)
+    assert said[0]["event"] == "began" and [app["stage"] for app in said[0]["apps"]] == ["queued"]
+    stages = [event["app"]["stage"] for event in said[1:-1]]
+    assert stages[0] == "transferring" and stages[-2:] == ["installing", "done"]
+    assert {app["name"]: app["result"] for app in said[-1]["report"]["apps"]} == {"One": "installed", "Two.zip": "failed"}
+    assert not said[-1]["report"]["done"]
+
+    would = check("event", run("sync", world.device, "--library", world.library, "--dry-run", "--json=lines", code=1))
+    assert would["event"] == "ended" and would["report"]["dryRun"]
+
+    run("backup", world.device, "-o", world.folder / "backup")
+    world.device = world.folder / "new"
+    run("device", "create", world.device)
+    restored = events("restore", world.device, "--from", world.folder / "backup")
+    assert [app["result"] for app in restored[-1]["report"]["apps"]] == ["restored"]
+    brought = events("store", world.device, "--catalogue", world.library)
+    assert [event["app"]["stage"] for event in brought[1:-1]][-1] == "done"
+    assert [app["result"] for app in brought[-1]["report"]["apps"]] == ["installed"]
 
 
 @pytest.mark.parametrize("kind, words", [("log", []), ("transactions", ["--transactions"])], ids=["log", "transactions"])

@@ -76,7 +76,7 @@ def backup(world):
 
 
 def test_a_restore_and_the_store_show_their_work_as_a_sync_does(world, backup, start):
-    for words, result in ((["restore", world.device, "--from", backup], "waits for the store"),
+    for words, result in ((["restore", world.device, "--from", backup], "`qrd store` brings it."),
                           (["store", world.device, "--catalogue", world.library], "installed")):
         terminal = start(*words)
         assert terminal.end() == 0
@@ -87,3 +87,21 @@ def test_a_restore_and_the_store_show_their_work_as_a_sync_does(world, backup, s
         assert shown[4].split() == ["App", "Version", "Result", "Reason"]
         assert [line.split("  ")[0] for line in shown[5:]] == ["Harbor", "Kettle"]
         assert all(line.endswith(result) for line in shown[5:]), shown
+
+
+def test_a_restore_that_is_interrupted_says_so_and_can_be_repeated(world, backup, start):
+    letters = backup / "Data/org.example.harbor/letters"
+    assert letters.exists()
+    with letters.open("r+b") as file:
+        file.truncate(100 << 30)  # a hole, which takes minutes to copy
+    terminal = start("restore", world.device, "--from", backup)
+    terminal.until(lambda: re.search(r"0 of 2 apps \[", terminal.lines()[-1]))
+    assert terminal.interrupt() == 130
+    shown = terminal.lines()
+    assert shown[0] == PROMPT and shown[1].startswith("0 of 2 apps, "), shown
+    assert shown[2].split() == ["App", "Version", "Result", "Reason"], shown
+    assert [line.split()[0::2][:2] for line in shown[3:5]] == [["Harbor", "waiting"], ["Kettle", "waiting"]], shown
+    assert shown[5:] == ["qrd: interrupted; restore again to go on"], shown
+    letters.write_bytes(b"x" * 500_000)
+    again = worlds.run("restore", world.device, "--from", backup)
+    assert again.code == 0, again.text
