@@ -27,7 +27,7 @@ FAULTS = [
           'device::Application other = app;\n        other.version = "2.0-0";\n'
           '        list.push_back(toJson(other, isRunning));', crash('coordinated', 'kill', **ONCE)),
     Fault('all was said to be done, and org.example.* is not', 'host/view/SyncReport.cpp',
-          'return failure == nullptr && !interrupted && std::ranges::all_of(apps, isDone);', 'return true;',
+          'return failure == nullptr && !interrupted && !isIncomplete && std::ranges::all_of(apps, isDone);', 'return true;',
           crash('own', 'EIO', points=30)),
     Fault('org.example.* was said to be updated and is not', 'host/view/SyncReport.cpp',
           'case AppResult::failed: return "failed";', 'case AppResult::failed: return "updated";',
@@ -35,7 +35,7 @@ FAULTS = [
     Fault('org.example.* waits no longer', 'plugin/pipeline/TransferCompletion.cpp',
           'applicationIsInstalled(_identifier) || _asset->isRestore', 'applicationIsInstalled(_identifier)', crash('restore-own', 'EIO', points=40)),
     # What a command says that failed.
-    Fault('it ended with 7: *', 'host/commands/SyncCommand.cpp',
+    Fault('it ended with 7: *', 'host/commands/Outcome.cpp',
           'report.allDone() ? ExitCode::done : ExitCode::someAppFailed;',
           'report.allDone() ? ExitCode::done : static_cast<ExitCode>(7);', crash('own', 'EIO', points=30)),
     Fault("it does not say why it failed: '*", 'host/OpenDevice.cpp',
