@@ -121,7 +121,7 @@ Result<void> Device::demote(const std::string& identifier, bool isAutomatic) {
     }
     auto demoted = registry().installPlaceholder(placeholderOf(files(), *app, isAutomatic));
     if (!demoted && app->isInstalled) {
-        (void)demotedApps().remove(identifier);
+        _passOver(demotedApps().remove(identifier));
     }
     return demoted;
 }
@@ -149,11 +149,16 @@ void Device::_followRegistry() {
          .isGone =
              [this, isNotDemoted](std::string_view identifier) {
                  isNotDemoted(identifier);
-                 const auto cancelled = _backup->cancelRestore(identifier);
-                 if (!isError(cancelled.error(), backupErrorDomain, BackupError::nothingToCancel)) {
-                     _passOver(cancelled);
-                 }
+                 _giveUpData(identifier);
              }});
+}
+
+/// Of the data that waits for an app, if any does.
+void Device::_giveUpData(std::string_view identifier) {
+    const auto cancelled = _backup->cancelRestore(identifier);
+    if (!isError(cancelled.error(), backupErrorDomain, BackupError::nothingToCancel)) {
+        _passOver(cancelled);
+    }
 }
 
 /// The process may have ended when an app came, went or was demoted, before its data was put in place or given up and
@@ -172,9 +177,15 @@ void Device::_settleApps() {
     if (DemotionLists lists = settled(before, expected, apps); lists != before) {
         _passOver(_demotedApps->set(std::move(lists)));
     }
-    _backup->cancelAllBut(expected);
     const auto waiting = _backup->restoreData();
+    if (!waiting) {
+        _passOver(waiting.error());
+    }
     for (const RestoreData& data : waiting ? *waiting : std::vector<RestoreData>()) {
+        if (!expected.contains(data.bundleID)) {
+            _giveUpData(data.bundleID);
+            continue;
+        }
         const auto app = _registry->application(data.bundleID);
         const bool isThere = app && ((app->isInstalled && !app->isPlaceholder) || app->isDemoted());
         if (isThere && !onTheirWay.contains(data.bundleID) && !_processes->isRunning(data.bundleID)) {

@@ -19,6 +19,9 @@
 #include "platform/Platform.h"
 #include "propertylist/Codec.h"
 
+#include <functional>
+#include <utility>
+
 namespace appsync::device {
 
 namespace {
@@ -53,16 +56,18 @@ ErrorPtr deviceError(DeviceError code, const std::string& folder, const std::str
 /// The backup service as the install coordinator uses it.
 class WaitingData final : public UserDataRestorer {
   public:
-    explicit WaitingData(BackupService& backup) : _backup(backup) {}
+    WaitingData(BackupService& backup, std::function<void(std::string_view)> giveUp)
+        : _backup(backup), _giveUp(std::move(giveUp)) {}
     Result<void> restore(std::string_view bundleID) override {
         auto restored = _backup.restoreApplicationData(bundleID);
         const bool isNone = isError(restored.error(), backupErrorDomain, BackupError::nothingToRestore);
         return isNone ? Result<void>() : restored;
     }
-    void giveUp(std::string_view bundleID) override { (void)_backup.cancelRestore(bundleID); }
+    void giveUp(std::string_view bundleID) override { _giveUp(bundleID); }
 
   private:
     BackupService& _backup;
+    const std::function<void(std::string_view)> _giveUp;
 };
 
 } // namespace
@@ -152,7 +157,8 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
         !place(_policy, DevicePolicy::open(*_database)) || !place(_backup, BackupService::open(*_database, files()))) {
         return failure;
     }
-    _waitingData = std::make_unique<WaitingData>(*_backup);
+    _waitingData =
+        std::make_unique<WaitingData>(*_backup, [this](std::string_view bundleID) { _giveUpData(bundleID); });
     _demotedApps = std::make_unique<DemotedApps>(files(), *_propertyLists);
     if (!place(_registry, Registry::open(*_root, *_database, *_propertyLists, environment.registry))) {
         return failure;

@@ -142,6 +142,7 @@ class Device {
     void _followRegistry();
     void _settleApps();
     void _passOver(const Result<void>& done);
+    void _giveUpData(std::string_view identifier);
 
     bool _coordinationIsEnabled = true;
     std::unique_ptr<Root> _root;

@@ -8,6 +8,8 @@
 
 #include <fcntl.h>
 
+#include <set>
+
 namespace appsync::device {
 
 namespace {
@@ -296,15 +298,6 @@ Result<void> BackupService::cancelRestore(std::string_view bundleID) {
         _files.removeItem(waitingPath(**name), nullptr); // what stays is cleared away at the next start
     }
     return written;
-}
-
-void BackupService::cancelAllBut(const std::set<std::string>& bundleIDs) {
-    const auto waiting = restoreData();
-    for (const RestoreData& data : waiting ? *waiting : std::vector<RestoreData>()) {
-        if (!bundleIDs.contains(data.bundleID)) {
-            (void)cancelRestore(data.bundleID);
-        }
-    }
 }
 
 } // namespace appsync::device

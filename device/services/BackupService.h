@@ -10,7 +10,6 @@
 #include "values/Result.h"
 
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -54,8 +53,6 @@ class BackupService final : public HVManagerClass {
     [[nodiscard]] Result<void> restoreApplicationData(std::string_view bundleID);
     /// Gives up the restore of an app's data and removes it; fails with `nothingToCancel` when none waits.
     [[nodiscard]] Result<void> cancelRestore(std::string_view bundleID);
-    /// Gives up the restores of all other apps.
-    void cancelAllBut(const std::set<std::string>& bundleIDs);
 
   private:
     class Manager;

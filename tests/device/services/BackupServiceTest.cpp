@@ -119,14 +119,6 @@ TEST_F(BackupServiceTest, CancellingRemovesTheDataAndASecondTimeIsAnError) {
     EXPECT_FALSE(manager->cancelApplicationRestoreWithBundleID_error(A, nullptr));
 }
 
-TEST_F(BackupServiceTest, CancellingAllButSomeKeepsThose) {
-    ASSERT_TRUE(add("a", "1"));
-    ASSERT_TRUE(add("b", "2"));
-    backup->cancelAllBut({"b", "c"});
-    EXPECT_FALSE(backup->restoreDataSize("a"));
-    EXPECT_TRUE(backup->restoreDataSize("b"));
-}
-
 TEST_F(BackupServiceTest, RestoringReplacesTheAppsData) {
     write(device, dataContainerPath(A) + "/old", "old");
     ASSERT_TRUE(add(A, "new"));
