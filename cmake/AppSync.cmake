@@ -42,7 +42,7 @@ if(APPSYNC_SANITIZE)
     target_link_options(appsync_options INTERFACE -fsanitize=${APPSYNC_SANITIZE})
 endif()
 
-if(APPSYNC_FUZZ)
+if(APPSYNC_FUZZ AND APPSYNC_FUZZ_ENGINE STREQUAL "-fsanitize=fuzzer")
     target_compile_options(appsync_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
