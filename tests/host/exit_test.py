@@ -1,4 +1,4 @@
-"""How `qrd` ends: each exit code of the README's table, and an output that cannot be written."""
+"""How `qrd` ends: each exit code of the table in docs/commands.md, and an output that cannot be written."""
 import os
 import signal
 import subprocess
