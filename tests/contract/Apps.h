@@ -21,11 +21,13 @@ class Apps {
     Apps(DeviceUnderTest& device, const Platform& platform) : _device(device), _platform(platform) {}
 
     [[nodiscard]] PDApplicationWorkspace& workspace() const { return _platform.workspaces.defaultWorkspace(); }
-    [[nodiscard]] PDApplicationProxyPtr app(std::string_view identifier) const {
-        return _platform.applicationProxies.applicationProxyForIdentifier_placeholder(identifier, false);
+    [[nodiscard]] Answer<PDApplicationProxy> app(const std::string& identifier) const {
+        return {_platform.applicationProxies.applicationProxyForIdentifier_placeholder(identifier, false),
+                "the proxy of the installed app " + identifier};
     }
-    [[nodiscard]] PDApplicationProxyPtr appOrPlaceholder(std::string_view identifier) const {
-        return _platform.applicationProxies.applicationProxyForIdentifier_placeholder(identifier, true);
+    [[nodiscard]] Answer<PDApplicationProxy> appOrPlaceholder(const std::string& identifier) const {
+        return {_platform.applicationProxies.applicationProxyForIdentifier_placeholder(identifier, true),
+                "the proxy of the app or placeholder " + identifier};
     }
 
     static Dictionary customer(std::string_view identifier) {
@@ -57,8 +59,10 @@ class Apps {
                                                           placeholder(identifier, installType));
     }
     /// The progress object of a placeholder's install.
-    [[nodiscard]] FNProgressPtr progress(const std::string& identifier) const {
-        return workspace().installProgressForApplication_withPhase(appOrPlaceholder(identifier), PDInstallPhaseLoading);
+    [[nodiscard]] Answer<FNProgress> progress(const std::string& identifier) const {
+        return {
+            workspace().installProgressForApplication_withPhase(appOrPlaceholder(identifier), PDInstallPhaseLoading),
+            "the progress object of " + identifier};
     }
 
     /// What an enumeration visits, sorted: the identifier of an app, with "?" that of a placeholder.

@@ -1,6 +1,11 @@
 // The rules of `platform/`, to be tried on any device. A port instantiates them with its factory:
 //
 //   APPSYNC_INSTANTIATE_CONTRACT(MyDevice, &makeMyDevice);
+//
+// or, while it has not all services, suite by suite, each in one of two ways:
+//
+//   APPSYNC_INSTANTIATE_RULES(MyDevice, FileSystemContract, &makeMyDevice);
+//   APPSYNC_WITHOUT_RULES(IconContract);
 #pragma once
 
 #include "tests/contract/DeviceUnderTest.h"
@@ -9,6 +14,12 @@
 
 #include <optional>
 #include <ostream>
+
+/// Skips a rule on a device that lacks what it speaks of.
+#define APPSYNC_NEEDS(ability)                                                                                         \
+    if (!device().can(Ability::ability)) {                                                                             \
+        GTEST_SKIP() << "the device lacks: " #ability;                                                                 \
+    }
 
 namespace appsync::contract {
 
@@ -44,8 +55,21 @@ class Contract : public testing::TestWithParam<Port> {
 };
 
 class BackupContract : public Contract {};
-class CoordinatorContract : public Contract {};
-class CoordinatorReportContract : public Contract {};
+class CoordinationContract : public Contract {};
+class CoordinatorContract : public Contract {
+  protected:
+    void SetUp() override {
+        Contract::SetUp();
+        APPSYNC_NEEDS(hasCoordinators);
+    }
+};
+class CoordinatorReportContract : public Contract {
+  protected:
+    void SetUp() override {
+        Contract::SetUp();
+        APPSYNC_NEEDS(runsCoordinators);
+    }
+};
 class FileSystemContract : public Contract {};
 class HomeScreenContract : public Contract {};
 class HostContract : public Contract {};
@@ -65,9 +89,13 @@ class UninstalledListContract : public Contract {};
 #define APPSYNC_INSTANTIATE_RULES(name, Rules, factory)                                                                \
     INSTANTIATE_TEST_SUITE_P(name, Rules, testing::Values(Port{#name, factory}))
 
+/// Of a service that the port has not; a suite of which nothing is said fails the port's test program.
+#define APPSYNC_WITHOUT_RULES(Rules) GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(Rules)
+
 /// Within namespace `appsync::contract`, once per port.
 #define APPSYNC_INSTANTIATE_CONTRACT(name, factory)                                                                    \
     APPSYNC_INSTANTIATE_RULES(name, BackupContract, factory);                                                          \
+    APPSYNC_INSTANTIATE_RULES(name, CoordinationContract, factory);                                                    \
     APPSYNC_INSTANTIATE_RULES(name, CoordinatorContract, factory);                                                     \
     APPSYNC_INSTANTIATE_RULES(name, CoordinatorReportContract, factory);                                               \
     APPSYNC_INSTANTIATE_RULES(name, FileSystemContract, factory);                                                      \

@@ -10,7 +10,7 @@ namespace {
 
 /// What a lookup answers.
 struct LookedUp {
-    KXAppInstallCoordinatorPtr coordinator;
+    Answer<KXAppInstallCoordinator> coordinator;
     bool created = false;
     ErrorPtr error;
 };
@@ -20,30 +20,38 @@ LookedUp lookUp(KXCoordinatorClass<Coordinator>& kind, const std::string& identi
                 KXClientIdentifier client = KXClientSyncHost) {
     LookedUp found;
     found.created = !create; // must be set, whatever the answer
-    found.coordinator = kind.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
+    auto coordinator = kind.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
         identifier, client, create, &found.created, &found.error);
+    found.coordinator = {std::move(coordinator),
+                         (create ? "a coordinator made for " : "the coordinator of ") + identifier};
     return found;
 }
 
-KXPromisedTransferToPathPtr makePromise(const Platform& platform, const std::string& name = "promise") {
-    return platform.transferPromises.initWithName_client_diskSpaceNeeded(name, KXClientSyncHost, 1'000);
+Answer<KXPromisedTransferToPath> makePromise(const Platform& platform, const std::string& name = "promise") {
+    return {platform.transferPromises.initWithName_client_diskSpaceNeeded(name, KXClientSyncHost, 1'000),
+            "a promise of a transfer"};
 }
 
-KXPlaceholderPtr makePlaceholder(const Platform& platform, const std::string& identifier) {
-    return platform.placeholders.initAppPlaceholderWithBundleName_bundleID_installType_client(
-        "Name", identifier, PDInstallTypeSync, KXClientSyncHost);
+Answer<KXPlaceholder> makePlaceholder(const Platform& platform, const std::string& identifier) {
+    return {platform.placeholders.initAppPlaceholderWithBundleName_bundleID_installType_client(
+                "Name", identifier, PDInstallTypeSync, KXClientSyncHost),
+            "a placeholder of " + identifier};
+}
+
+Answer<KXPromisedTransferToPath> assetPromiseOf(const Answer<KXAppInstallCoordinator>& coordinator) {
+    return {coordinator->appAssetPromiseWithError(nullptr), "the coordinator's app asset promise"};
 }
 
 } // namespace
 
-TEST_P(CoordinatorContract, WhetherInstallsAreCoordinatedIsTheDevicesChoice) {
-    EXPECT_TRUE(platform().coordinators.coordinationIsEnabled());
+TEST_P(CoordinationContract, WhetherInstallsAreCoordinatedIsTheDevicesChoice) {
+    EXPECT_EQ(platform().coordinators.coordinationIsEnabled(), device().can(Ability::hasCoordinators));
     makeDevice({.coordination = false});
     EXPECT_FALSE(platform().coordinators.coordinationIsEnabled());
     EXPECT_EQ(lookUp(platform().coordinators, A, false).coordinator, nullptr);
 }
 
-TEST_P(CoordinatorContract, ALookupThatFindsNothingAnswersNullWithoutAnError) {
+TEST_P(CoordinationContract, ALookupThatFindsNothingAnswersNullWithoutAnError) {
     const auto expectNothing = [](const LookedUp& found) {
         EXPECT_EQ(found.coordinator, nullptr);
         EXPECT_EQ(found.error, nullptr) << textOf(found.error);
@@ -87,7 +95,7 @@ TEST_P(CoordinatorContract, AnAppHasOneCoordinatorWhichOnlyItsOwnKindAndTheBaseC
     }
 }
 
-TEST_P(CoordinatorContract, TheBaseClassMakesNone) {
+TEST_P(CoordinationContract, TheBaseClassMakesNone) {
     const LookedUp made = lookUp(platform().coordinators, A, true);
     EXPECT_EQ(made.coordinator, nullptr);
     EXPECT_FALSE(made.created);
@@ -136,8 +144,7 @@ TEST_P(CoordinatorContract, TheAppAssetPromiseIsHandedOutAgain) {
     const auto coordinator = lookUp(platform().initiatingCoordinators, A, true).coordinator;
     const auto promise = makePromise(platform());
     ASSERT_TRUE(coordinator->setAppAssetPromise_error(promise, nullptr));
-    const auto found = lookUp(platform().coordinators, A, false).coordinator->appAssetPromiseWithError(nullptr);
-    ASSERT_NE(found, nullptr);
+    const auto found = assetPromiseOf(lookUp(platform().coordinators, A, false).coordinator);
     EXPECT_FALSE(found->isComplete());
     promise->setComplete(true);
     EXPECT_TRUE(found->isComplete());
@@ -155,7 +162,7 @@ TEST_P(CoordinatorContract, ThereIsOneAppAssetPromise) {
     EXPECT_FALSE(coordinator->setAppAssetPromise_error(makePromise(platform(), "second"), &error));
     EXPECT_NE(error, nullptr);
     first->setComplete(true);
-    EXPECT_TRUE(coordinator->appAssetPromiseWithError(nullptr)->isComplete()) << "the first one stays";
+    EXPECT_TRUE(assetPromiseOf(coordinator)->isComplete()) << "the first one stays";
 }
 
 TEST_P(CoordinatorContract, ANullPlaceholderIsTakenOrRefusedButNeverThere) {
@@ -286,7 +293,7 @@ TEST_P(CoordinatorContract, OfSeveralThreadsThatWantACoordinatorOneMakesIt) {
 
 TEST_P(CoordinatorContract, AnUninstallReturnsAtOnceAndCompletesOnceOnAnotherThread) {
     device().install({A});
-    Signal completed;
+    Signal completed("the completion of the uninstall");
     std::atomic<int> completions = 0;
     std::thread::id thread;
     platform().coordinators.uninstallAppWithBundleID_requestUserConfirmation_completion(
@@ -316,8 +323,7 @@ TEST_P(CoordinatorContract, CoordinatorsAndWhatWasSetOnThemOutliveTheirProcess) 
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->creatorIdentifier(), KXClientSyncHost);
     EXPECT_TRUE(found->hasInstallOptions());
-    ASSERT_NE(found->appAssetPromiseWithError(nullptr), nullptr);
-    EXPECT_FALSE(found->appAssetPromiseWithError(nullptr)->isComplete());
+    EXPECT_FALSE(assetPromiseOf(found)->isComplete());
 }
 
 } // namespace appsync::contract

@@ -4,12 +4,11 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <thread>
 
 namespace appsync::contract {
 namespace {
-
-constexpr std::string_view observerService = "com.zuvex.qrd.kpc.icappobserverdelegate";
 
 /// Keeps what it is told, one line each.
 class Reports final : public KXAppInstallObserverDelegate {
@@ -30,9 +29,10 @@ class Reports final : public KXAppInstallObserverDelegate {
         _note("cancelled", coordinator, nullptr);
     }
 
-    [[nodiscard]] bool waitFor(const std::string& line) {
+    [[nodiscard]] testing::AssertionResult waitFor(const std::string& line) {
         std::unique_lock lock(_mutex);
-        return _told.wait_for(lock, watchdog(), [&] { return std::ranges::find(_lines, line) != _lines.end(); });
+        return awaitOn(
+            _told, lock, [&] { return std::ranges::find(_lines, line) != _lines.end(); }, "the report: " + line);
     }
     [[nodiscard]] bool has(const std::string& line) {
         const std::lock_guard lock(_mutex);
@@ -78,10 +78,13 @@ class Install {
     Install(const Platform& platform, KXCoordinatorClass<Coordinator>& kind, const std::string& identifier,
             KXClientIdentifier client = KXClientSyncHost)
         : coordinator(kind.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
-              identifier, client, true, nullptr, nullptr)),
-          asset(platform.transferPromises.initWithName_client_diskSpaceNeeded("asset", client, 0)),
+                          identifier, client, true, nullptr, nullptr),
+                      "a coordinator made for " + identifier),
+          asset(platform.transferPromises.initWithName_client_diskSpaceNeeded("asset", client, 0),
+                "a promise of a transfer"),
           placeholder(platform.placeholders.initAppPlaceholderWithBundleName_bundleID_installType_client(
-              "Name", identifier, PDInstallTypeSync, client)) {
+                          "Name", identifier, PDInstallTypeSync, client),
+                      "a placeholder of " + identifier) {
         TVInstallOptions options;
         options.setRegistryInstallType(PDInstallTypeSync);
         options.setInstallTargetType(1);
@@ -100,15 +103,15 @@ class Install {
         asset->setComplete(true);
     }
 
-    const KXAppInstallCoordinatorPtr coordinator;
-    const KXPromisedTransferToPathPtr asset;
-    const KXPlaceholderPtr placeholder;
+    const Answer<KXAppInstallCoordinator> coordinator;
+    const Answer<KXPromisedTransferToPath> asset;
+    const Answer<KXPlaceholder> placeholder;
 };
 
 std::shared_ptr<KXAppInstallObserver> connect(const Platform& platform, Reports& reports,
                                               const std::set<KXClientIdentifier>& clients = {KXClientSyncHost}) {
     auto connection =
-        platform.installObservers.initWithMachServiceName_forClients_delegate(observerService, clients, &reports);
+        platform.installObservers.initWithMachServiceName_forClients_delegate(observerServiceName, clients, &reports);
     EXPECT_NE(connection, nullptr);
     return connection;
 }
@@ -138,7 +141,6 @@ bool hasCoordinator(const Platform& platform, const std::string& identifier) {
 } // namespace
 
 TEST_P(CoordinatorReportContract, APlaceholderAppearsWhenItIsConfiguredAndNotBefore) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const auto connection = connect(platform(), reports);
@@ -156,7 +158,6 @@ TEST_P(CoordinatorReportContract, APlaceholderAppearsWhenItIsConfiguredAndNotBef
 }
 
 TEST_P(CoordinatorReportContract, TheAppIsInstalledWhenItsPromiseIsComplete) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     std::atomic<bool> isOnOwnThread = true;
@@ -178,7 +179,6 @@ TEST_P(CoordinatorReportContract, TheAppIsInstalledWhenItsPromiseIsComplete) {
 }
 
 TEST_P(CoordinatorReportContract, AnUpdateReplacesTheInstalledVersion) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     device().install({A, "1.0"});
     Reports reports;
@@ -191,7 +191,6 @@ TEST_P(CoordinatorReportContract, AnUpdateReplacesTheInstalledVersion) {
 }
 
 TEST_P(CoordinatorReportContract, AFailureEndsTheCoordinatorWithItsErrorAndLeavesTheInstalledVersion) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     device().install({A, "1.0"});
     ASSERT_TRUE(platform().files.createFile("/tmp/damaged", "no archive", {}));
@@ -210,20 +209,19 @@ TEST_P(CoordinatorReportContract, AFailureEndsTheCoordinatorWithItsErrorAndLeave
 }
 
 TEST_P(CoordinatorReportContract, SeveralAppsAreInstalledSideBySide) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const auto connection = connect(platform(), reports);
-    std::vector<std::thread> threads;
+    std::vector<std::future<void>> installs;
     for (const std::string& app : {A, B, C}) {
-        threads.emplace_back([&, app, archive = device().putArchive({app})] {
+        installs.push_back(std::async(std::launch::async, [&, app, archive = device().putArchive({app})] {
             const Install install(platform(), platform().initiatingCoordinators, app);
             install.showPlaceholder();
             install.deliver(archive);
-        });
+        }));
     }
-    for (std::thread& thread : threads) {
-        thread.join();
+    for (std::future<void>& install : installs) {
+        install.get();
     }
     for (const std::string& app : {A, B, C}) {
         EXPECT_TRUE(reports.waitFor("completed " + app));
@@ -232,7 +230,6 @@ TEST_P(CoordinatorReportContract, SeveralAppsAreInstalledSideBySide) {
 }
 
 TEST_P(CoordinatorReportContract, APersonsCancelIsReportedAndTakesThePlaceholderAway) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const BegunUpdate update(device(), platform(), reports);
@@ -245,7 +242,6 @@ TEST_P(CoordinatorReportContract, APersonsCancelIsReportedAndTakesThePlaceholder
 }
 
 TEST_P(CoordinatorReportContract, TheClientsOwnCancelTakesThePlaceholderAwayAndIsNotReportedToIt) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const auto connection = connect(platform(), reports);
@@ -262,7 +258,6 @@ TEST_P(CoordinatorReportContract, TheClientsOwnCancelTakesThePlaceholderAwayAndI
 }
 
 TEST_P(CoordinatorReportContract, APersonsWishThatAnAppComeFirstIsReported) {
-    APPSYNC_NEEDS(runsCoordinators);
     Reports reports;
     const auto connection = connect(platform(), reports);
     const Install install(platform(), platform().initiatingCoordinators, A);
@@ -272,7 +267,6 @@ TEST_P(CoordinatorReportContract, APersonsWishThatAnAppComeFirstIsReported) {
 }
 
 TEST_P(CoordinatorReportContract, OnlyCoordinatorsOfTheNamedClientsAreReported) {
-    APPSYNC_NEEDS(runsCoordinators);
     Reports ofHost;
     Reports ofStore;
     const auto first = connect(platform(), ofHost, {KXClientSyncHost});
@@ -288,7 +282,6 @@ TEST_P(CoordinatorReportContract, OnlyCoordinatorsOfTheNamedClientsAreReported) 
 }
 
 TEST_P(CoordinatorReportContract, TheObserverOfACoordinatorIsToldThroughTheConnection) {
-    APPSYNC_NEEDS(runsCoordinators);
     Reports reports;
     Reports own;
     const auto connection = connect(platform(), reports);
@@ -300,10 +293,9 @@ TEST_P(CoordinatorReportContract, TheObserverOfACoordinatorIsToldThroughTheConne
 }
 
 TEST_P(CoordinatorReportContract, DroppingAConnectionWaitsForARunningCallAndNoneFollows) {
-    APPSYNC_NEEDS(runsCoordinators);
-    Signal inside;
-    Signal proceed;
-    Signal left;
+    Signal inside("a report");
+    Signal proceed("the drop of the connection");
+    Signal left("the end of the report");
     std::atomic<bool> hasLeft = false;
     Reports reports;
     reports.during = [&](const auto&) {
@@ -330,7 +322,6 @@ TEST_P(CoordinatorReportContract, DroppingAConnectionWaitsForARunningCallAndNone
 }
 
 TEST_P(CoordinatorReportContract, ADelegateMayUseTheCoordinatorWithinACall) {
-    APPSYNC_NEEDS(runsCoordinators);
     const FileURL archive = device().putArchive({A});
     Reports reports;
     std::atomic<bool> isDelivered = false;
@@ -339,8 +330,11 @@ TEST_P(CoordinatorReportContract, ADelegateMayUseTheCoordinatorWithinACall) {
             return;
         }
         const auto asset = coordinator->appAssetPromiseWithError(nullptr);
-        asset->setTransferPath(archive);
-        asset->setComplete(true);
+        EXPECT_NE(asset, nullptr);
+        if (asset != nullptr) {
+            asset->setTransferPath(archive);
+            asset->setComplete(true);
+        }
     };
     const auto connection = connect(platform(), reports);
     const Install install(platform(), platform().initiatingCoordinators, A);
@@ -349,7 +343,6 @@ TEST_P(CoordinatorReportContract, ADelegateMayUseTheCoordinatorWithinACall) {
 }
 
 TEST_P(CoordinatorReportContract, TakingAnInstallBackEndsItsCoordinatorAndLeavesTheInstalledVersion) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const BegunUpdate update(device(), platform(), reports);
@@ -365,7 +358,6 @@ TEST_P(CoordinatorReportContract, TakingAnInstallBackEndsItsCoordinatorAndLeaves
 enum class Stage { placeholderIsUp, placeholderIsNotUpYet, noCoordinator, nothing };
 
 TEST_P(CoordinatorReportContract, TakingAnInstallBackLeavesAnInstalledVersionAtEveryStage) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const auto connection = connect(platform(), reports);
@@ -403,11 +395,10 @@ TEST_P(CoordinatorReportContract, TakingAnInstallBackLeavesAnInstalledVersionAtE
 }
 
 TEST_P(CoordinatorReportContract, AnUninstallTakesTheAppItsPlaceholderAndItsCoordinator) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const BegunUpdate update(device(), platform(), reports);
-    Signal completed;
+    Signal completed("the completion of the uninstall");
     const auto uninstall = [&](ErrorPtr& answer) {
         platform().coordinators.uninstallAppWithBundleID_requestUserConfirmation_completion(A, false,
                                                                                             [&](const ErrorPtr& error) {
@@ -427,12 +418,12 @@ TEST_P(CoordinatorReportContract, AnUninstallTakesTheAppItsPlaceholderAndItsCoor
 }
 
 TEST_P(CoordinatorReportContract, ARestoredAppComesWhenItsFileAndItsDataAreThere) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const auto connection = connect(platform(), reports);
     const Install restore(platform(), platform().restoringCoordinators, A);
     const auto data = platform().outOfBandPromises.initWithName_client_diskSpaceNeeded("data", KXClientSyncHost, 0);
+    ASSERT_NE(data, nullptr);
     const auto restoring = std::dynamic_pointer_cast<KXRestoringAppInstallCoordinator>(restore.coordinator);
     ASSERT_NE(restoring, nullptr);
     ASSERT_TRUE(restoring->setUserDataPromise_error(data, nullptr));
@@ -445,7 +436,6 @@ TEST_P(CoordinatorReportContract, ARestoredAppComesWhenItsFileAndItsDataAreThere
 }
 
 TEST_P(CoordinatorReportContract, ADemotedAppsRestoreEndsWithItsPlaceholder) {
-    APPSYNC_NEEDS(runsCoordinators);
     const Apps apps(device(), platform());
     Reports reports;
     const auto connection = connect(platform(), reports);
@@ -456,6 +446,7 @@ TEST_P(CoordinatorReportContract, ADemotedAppsRestoreEndsWithItsPlaceholder) {
     ASSERT_NE(coordinator, nullptr);
     const auto placeholder = platform().placeholders.initAppPlaceholderWithBundleName_bundleID_installType_client(
         "Name", A, PDInstallTypeDowngrade, KXClientSyncHost);
+    ASSERT_NE(placeholder, nullptr);
     ASSERT_TRUE(placeholder->setConfigurationCompleteWithError(nullptr));
     ASSERT_TRUE(coordinator->setPlaceholderPromise_error(placeholder, nullptr));
     ASSERT_TRUE(reports.waitFor("completed " + A));
@@ -465,7 +456,6 @@ TEST_P(CoordinatorReportContract, ADemotedAppsRestoreEndsWithItsPlaceholder) {
 }
 
 TEST_P(CoordinatorReportContract, AnInstallGoesOnInTheNextProcess) {
-    APPSYNC_NEEDS(runsCoordinators);
     APPSYNC_NEEDS(outlivesItsProcess);
     Reports reports;
     {

@@ -20,13 +20,14 @@ enum class Ability {
     hasLinks,           // its file system has symbolic links
     unpacksApps,        // its registry reads archives and placeholder bundles, and keeps what is in them
     drawsIcons,         // its renderer reads an app's icon, and its images become PNG files
-    runsCoordinators,   // its install coordinator installs, reports, and takes installs back
+    hasCoordinators,    // it has an install coordinator; without, installs never go through one
+    runsCoordinators,   // that coordinator installs, reports, and takes installs back
     outlivesItsProcess, // it can be closed and opened again
 };
 
 /// What a device is like from the start.
 struct Conditions {
-    bool coordination = true; // installs go through coordinators
+    bool coordination = true; // installs go through coordinators, if it has them
 };
 
 /// An app with an Info.plist, an executable that runs until it is asked to end, and the icon "Icon.png".
@@ -36,7 +37,8 @@ struct AppDescription {
     bool isSystem = false;
 };
 
-/// A device of its own, gone with this object. Called by one thread at a time.
+/// A device of its own, gone with this object. Called by one thread at a time. Rules put their files below "/tmp",
+/// which is there from the start.
 class DeviceUnderTest {
   public:
     virtual ~DeviceUnderTest() = default;

@@ -155,7 +155,7 @@ TEST_P(NotificationContract, ATokenThatWasNeverGivenOutIsRefused) {
 namespace {
 
 struct Heard {
-    Signal signal;
+    Signal signal{"a post"};
     std::atomic<int> calls = 0;
     std::thread::id thread;
     std::string name;
@@ -235,9 +235,9 @@ TEST_P(NotificationContract, AnObserverOfOneSenderHearsThatOneOnly) {
 }
 
 TEST_P(NotificationContract, RemovingAnObserverWaitsForARunningCallAndNoneFollows) {
-    Signal inside;
-    Signal proceed;
-    Signal left;
+    Signal inside("a post");
+    Signal proceed("the removal of the observer");
+    Signal left("the end of the call");
     std::atomic<bool> hasLeft = false;
     Heard heard;
     Heard witness;
@@ -312,7 +312,7 @@ TEST_P(IconContract, AFileWithoutItsImageIsNotMade) {
 TEST_P(IconContract, TheIconOfAnAppBecomesAFile) {
     device().install({A});
     const Apps apps(device(), platform());
-    const auto bundle = platform().bundles.bundleWithURL(*apps.app(A)->bundleURL());
+    const auto bundle = platform().bundles.bundleWithURL(*given(apps.app(A)->bundleURL(), "the folder of the app"));
     ASSERT_NE(bundle, nullptr);
     const auto image = platform().iconRenderer.YKCreateDeviceAppropriateHomeScreenIconImageFromBundle(bundle);
     ASSERT_NE(image, nullptr);

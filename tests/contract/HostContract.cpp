@@ -41,7 +41,7 @@ TEST_P(HostContract, TheDeviceServiceIsOneAndCompletesAPrioritisationOnce) {
     EXPECT_EQ(platform().deviceService.sharedInstance(), service);
     const auto asset = QRAsset::downloadAssetWithIdentifier_dataclass_prettyName("com.example.a", "Application", "A");
     if (service->respondsToPrioritizeAsset()) {
-        Signal completed;
+        Signal completed("the completion of the prioritisation");
         std::atomic<int> completions = 0;
         service->prioritizeAsset_withCompletion(asset, [&](const ErrorPtr&) {
             ++completions;
@@ -109,7 +109,7 @@ TEST_P(SchedulerContract, ATaskRunsOnceOnAnotherThreadAndNotBeforeItsTime) {
     std::atomic<std::chrono::milliseconds> time{0ms};
     std::atomic<int> runs = 0;
     std::thread::id thread;
-    Signal ran;
+    Signal ran("the task");
     const auto task = platform().scheduler.runAfter(40ms, [&] {
         time = device().now();
         thread = std::this_thread::get_id();
@@ -126,7 +126,7 @@ TEST_P(SchedulerContract, ATaskRunsOnceOnAnotherThreadAndNotBeforeItsTime) {
 }
 
 TEST_P(SchedulerContract, ATaskRunsAlsoWhenItsHandleIsDropped) {
-    Signal ran;
+    Signal ran("the task");
     (void)platform().scheduler.runAfter(1ms, [&] { ran.raise(); });
     device().letPass(1ms);
     EXPECT_TRUE(ran.wait());
@@ -134,7 +134,7 @@ TEST_P(SchedulerContract, ATaskRunsAlsoWhenItsHandleIsDropped) {
 
 TEST_P(SchedulerContract, ATaskThatWasTakenBackNeverRuns) {
     std::atomic<int> runs = 0;
-    Signal later;
+    Signal later("the later task");
     const auto task = platform().scheduler.runAfter(20ms, [&] { ++runs; });
     EXPECT_TRUE(task->cancel());
     EXPECT_TRUE(task->cancel()) << "that is true a second time";
@@ -145,9 +145,9 @@ TEST_P(SchedulerContract, ATaskThatWasTakenBackNeverRuns) {
 }
 
 TEST_P(SchedulerContract, TakingBackATaskThatRunsWaitsForItsEnd) {
-    Signal started;
-    Signal cancelling;
-    Signal left;
+    Signal started("the task");
+    Signal cancelling("the task to be taken back");
+    Signal left("the end of the task");
     std::atomic<bool> hasEnded = false;
     const auto task = platform().scheduler.runAfter(0ms, [&] {
         started.raise();
@@ -165,8 +165,8 @@ TEST_P(SchedulerContract, TakingBackATaskThatRunsWaitsForItsEnd) {
 }
 
 TEST_P(SchedulerContract, ATaskMayTryToTakeItselfBack) {
-    Signal handed;
-    Signal ran;
+    Signal handed("the task's handle");
+    Signal ran("the task");
     std::shared_ptr<ScheduledTask> task;
     std::atomic<bool> answer = true;
     task = platform().scheduler.runAfter(0ms, [&] {
@@ -181,9 +181,9 @@ TEST_P(SchedulerContract, ATaskMayTryToTakeItselfBack) {
 }
 
 TEST_P(SchedulerContract, SeveralTasksRunAtOnce) {
-    Signal first;
-    Signal second;
-    Signal done;
+    Signal first("the first task, while the second one runs");
+    Signal second("the second task, while the first one runs");
+    Signal done("the end of the tasks");
     (void)platform().scheduler.runAfter(0ms, [&] {
         first.raise();
         EXPECT_TRUE(second.wait());
@@ -200,7 +200,7 @@ TEST_P(SchedulerContract, SeveralTasksRunAtOnce) {
 }
 
 TEST_P(SchedulerContract, ATaskMayScheduleTheNext) {
-    Signal ran;
+    Signal ran("the task");
     (void)platform().scheduler.runAfter(1ms, [&] {
         (void)platform().scheduler.runAfter(0ms, [&] { ran.raise(); });
         ran.raise();

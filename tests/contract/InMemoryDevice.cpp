@@ -23,7 +23,7 @@ class InMemoryDevice final : public DeviceUnderTest {
 
     Platform platform() override { return _world.platform(); }
     /// Its services record what they are told: coordinators install nothing, icons have no pixels.
-    bool can(Ability /*ability*/) const override { return false; }
+    bool can(Ability ability) const override { return ability == Ability::hasCoordinators; }
 
     FileURL putArchive(const AppDescription& app) override {
         const std::string path = "/var/mobile/Media/" + app.identifier + "-" + app.version + ".archive";

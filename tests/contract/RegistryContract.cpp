@@ -148,9 +148,10 @@ TEST_P(RegistryContract, WhatTheOptionsBringStandsInTheAppsContainer) {
     ASSERT_TRUE(apps.workspace().installApplication_withOptions(apps.putPlaceholderBundle(A, "0.9"), options));
     const auto proxy = apps.appOrPlaceholder(A);
     EXPECT_EQ(proxy->bundleVersion(), "0.9");
-    const std::string container = proxy->bundleContainerURL()->path();
+    const std::string container = given(proxy->bundleContainerURL(), "the folder around the app's")->path();
     EXPECT_EQ(platform().files.readFile(container + "/TamblinMetadata.plist", nullptr), Data("metadata"));
-    EXPECT_TRUE(platform().files.fileExists(proxy->bundleURL()->path() + "/Info.plist"));
+    const std::string bundle = given(proxy->bundleURL(), "the folder of the app")->path();
+    EXPECT_TRUE(platform().files.fileExists(bundle + "/Info.plist"));
 }
 
 TEST_P(RegistryContract, AnUninstallTakesThePlaceholderFirst) {
@@ -260,6 +261,7 @@ TEST_P(RegistryContract, WithoutCoordinationARestoresPlaceholderIsListedUnderAnI
 }
 
 TEST_P(RegistryContract, WithCoordinationBothIdentifiersOfARestoresPlaceholderAreTheSame) {
+    APPSYNC_NEEDS(hasCoordinators);
     const Apps apps(device(), platform());
     ASSERT_TRUE(apps.installPlaceholder(A, PDInstallTypeRestore));
     apps.workspace().enumerateBundlesOfType_block(PDBundleTypeAll, [&](const PDApplicationProxyPtr& app, bool&) {

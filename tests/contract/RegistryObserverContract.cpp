@@ -35,14 +35,17 @@ template <class Base> class Listener final : public Base {
         _tell([&] { _cancelled.push_back(namesOf(applications)); });
     }
 
-    [[nodiscard]] bool waitForLists(const Names& prioritized, const Names& paused) {
-        return _wait([&] { return _lists > 0 && _prioritized == prioritized && _paused == paused; });
+    [[nodiscard]] testing::AssertionResult waitForLists(const Names& prioritized, const Names& paused) {
+        return _wait([&] { return _lists > 0 && _prioritized == prioritized && _paused == paused; },
+                     "the lists of installs: under way " + testing::PrintToString(prioritized) + ", paused " +
+                         testing::PrintToString(paused));
     }
-    [[nodiscard]] bool waitForCancel(const Names& applications) {
-        return _wait([&] { return std::ranges::find(_cancelled, applications) != _cancelled.end(); });
+    [[nodiscard]] testing::AssertionResult waitForCancel(const Names& applications) {
+        return _wait([&] { return std::ranges::find(_cancelled, applications) != _cancelled.end(); },
+                     "the cancel of " + testing::PrintToString(applications));
     }
-    [[nodiscard]] bool isToldAnything() {
-        return _wait([&] { return _lists > 0; });
+    [[nodiscard]] testing::AssertionResult isToldAnything() {
+        return _wait([&] { return _lists > 0; }, "the first lists of installs");
     }
     [[nodiscard]] std::thread::id thread() {
         const std::lock_guard lock(_mutex);
@@ -66,9 +69,9 @@ template <class Base> class Listener final : public Base {
         }
         _running.fetch_sub(1);
     }
-    [[nodiscard]] bool _wait(const std::function<bool()>& condition) {
+    [[nodiscard]] testing::AssertionResult _wait(const std::function<bool()>& condition, const std::string& awaited) {
         std::unique_lock lock(_mutex);
-        return _told.wait_for(lock, watchdog(), condition);
+        return awaitOn(_told, lock, condition, awaited);
     }
 
     std::atomic<int> _running = 0;
@@ -164,9 +167,9 @@ TEST_P(RegistryObserverContract, ACancelByAPersonIsToldAndEndsTheInstall) {
 TEST_P(RegistryObserverContract, RemovingAnObserverWaitsForARunningCallAndNoneFollows) {
     const Apps apps(device(), platform());
     ASSERT_TRUE(apps.installPlaceholder(A));
-    Signal inside;
-    Signal proceed;
-    Signal left;
+    Signal inside("a call of the observer");
+    Signal proceed("the removal of the observer");
+    Signal left("the end of the call");
     std::atomic<bool> hasLeft = false;
     Observer observer;
     observer.during = [&] {
@@ -193,7 +196,7 @@ TEST_P(RegistryObserverContract, RemovingAnObserverWaitsForARunningCallAndNoneFo
 TEST_P(RegistryObserverContract, AnObserverMayUseTheRegistryWithinACall) {
     const Apps apps(device(), platform());
     ASSERT_TRUE(apps.installPlaceholder(A));
-    Signal looked;
+    Signal looked("a call of the observer");
     Observer observer;
     observer.during = [&] {
         EXPECT_TRUE(apps.workspace().applicationIsInstalled(A));

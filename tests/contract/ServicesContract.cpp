@@ -67,7 +67,7 @@ TEST_P(StoreContract, ARefreshEndsOnceOnAThreadOfItsOwnAlsoWhenItsLibraryIsDropp
     device().install({A});
     auto library = platform().softwareLibraries.init();
     ASSERT_NE(library, nullptr);
-    Signal completed;
+    Signal completed("the completion of the refresh");
     std::atomic<int> completions = 0;
     std::thread::id thread;
     library->refreshReceiptsWithCompletionBlock([&](const ErrorPtr& error) {
@@ -85,7 +85,7 @@ TEST_P(StoreContract, ARefreshEndsOnceOnAThreadOfItsOwnAlsoWhenItsLibraryIsDropp
 
 TEST_P(StoreContract, SeveralRefreshesEachEnd) {
     const auto library = platform().softwareLibraries.init();
-    Signal completed;
+    Signal completed("the completion of the refresh");
     for (int refresh = 0; refresh < 3; ++refresh) {
         library->refreshReceiptsWithCompletionBlock([&](const ErrorPtr&) { completed.raise(); });
     }
@@ -116,7 +116,7 @@ TEST_P(UninstalledListContract, HoldsWhatAPersonHasRemovedUntilItIsCleared) {
     EXPECT_FALSE(uninstalled->contains(A));
     EXPECT_TRUE(uninstalled->contains(B));
     EXPECT_EQ(service.TevrinClearUninstalled(Array{}, nullptr), 0);
-    EXPECT_TRUE(service.TevrinLookupUninstalled(nullptr)->contains(B));
+    EXPECT_TRUE(given(service.TevrinLookupUninstalled(nullptr), "the list of uninstalled apps")->contains(B));
 }
 
 TEST_P(UninstalledListContract, DoesNotHoldWhatTheSyncItselfRemoves) {
@@ -132,7 +132,8 @@ TEST_P(UninstalledListContract, IsKeptForTheNextProcess) {
     device().install({A});
     device().removeByPerson(A);
     restart();
-    EXPECT_TRUE(platform().installationService.TevrinLookupUninstalled(nullptr)->contains(A));
+    const auto uninstalled = platform().installationService.TevrinLookupUninstalled(nullptr);
+    EXPECT_TRUE(given(uninstalled, "the list of uninstalled apps")->contains(A));
 }
 
 } // namespace appsync::contract

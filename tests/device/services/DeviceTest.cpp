@@ -18,7 +18,7 @@
 #include "platform/Process.h"
 #include "platform/Scheduler.h"
 #include "platform/Store.h"
-#include "platform/host/SyncHost.h"
+#include "platform/stubs/Stubs.h"
 #include "tests/concurrency/NoMoreThreads.h"
 #include "tests/device/archive/ArchiveBuilder.h"
 #include "tests/device/root/Faults.h"
@@ -36,12 +36,6 @@ namespace {
 
 const std::string A = "com.example.a";
 
-class NoDeviceService final : public QRDeviceServiceClass, public QRErrorClassification {
-  public:
-    std::shared_ptr<QRDeviceService> sharedInstance() noexcept override { return nullptr; }
-    bool QRIsRecoverableError(const ErrorPtr&) noexcept override { return false; }
-};
-
 class DeviceTest : public testing::Test {
   protected:
     void create(const DeviceOptions& options = {}) {
@@ -55,10 +49,11 @@ class DeviceTest : public testing::Test {
         ASSERT_TRUE(opened) << errorText(opened.error());
         device = std::move(*opened);
     }
-    [[nodiscard]] Platform platform() { return device->platform(host, host); }
+    [[nodiscard]] Platform platform() { return device->platform(deviceService, errors); }
 
     TemporaryFolder folder;
-    NoDeviceService host;
+    StubDeviceServiceClass deviceService;
+    StubErrorClassification errors;
     std::unique_ptr<Device> device;
 };
 
@@ -244,7 +239,7 @@ TEST_F(DeviceTest, TheRestOfThePlatformAnswers) {
     const Platform services = platform();
     EXPECT_EQ(services.process.mainBundleIdentifier(), "com.zuvex.qrd");
     EXPECT_EQ(services.process.temporaryDirectory(), temporaryFolder);
-    EXPECT_EQ(&services.deviceService, &host);
+    EXPECT_EQ(&services.deviceService, &deviceService);
     EXPECT_FALSE(services.backupManagers.init()->restoreDataExistsForApplicationWithBundleID_size(A, nullptr));
     EXPECT_TRUE(services.installationService.TevrinLookupUninstalled(nullptr));
     EXPECT_NE(services.homeScreen.SKSSkellanBlockableServerPort(), 0U);
