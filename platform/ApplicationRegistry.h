@@ -118,7 +118,8 @@ class PDApplicationWorkspaceObserverProtocol {
   public:
     virtual ~PDApplicationWorkspaceObserverProtocol() = default;
     /// The installs under way (waiting or active), those that go first first, and those that are paused. Delivered once
-    /// after an observer was added, also when there are none, then when either changes.
+    /// after an observer was added, also when there are none, then when either changes. The plan of a sync waits for
+    /// that first call without a time-out.
     virtual void applicationInstallsArePrioritized_arePaused(const PDApplicationProxies& /*prioritized*/,
                                                              const PDApplicationProxies& /*paused*/) noexcept {}
     /// The installs of these apps were cancelled by a person on the device.
@@ -139,6 +140,7 @@ class PDApplicationWorkspace {
     /// Whether the registry has the app, be it installed or a placeholder.
     [[nodiscard]] virtual bool applicationIsInstalled(std::string_view bundleIdentifier) noexcept = 0;
     /// Installs an archive, which ends the app's placeholder, or a placeholder bundle, beside an installed version.
+    /// What stands at `url` may be moved away; the client removes an archive that is left, and no placeholder bundle.
     /// Options: the keys above; package type and bundle identifier are required. Errors are the low-level installer's
     /// (`TVInstallerErrorDomain`); after one the installed version is as it was. Several installs may run at once.
     virtual bool installApplication_withOptions_error(const FileURL& url, const Dictionary& options,

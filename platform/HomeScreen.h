@@ -27,7 +27,7 @@ enum SKSTerminationAssertionError : std::uint8_t {
 class HomeScreen {
   public:
     virtual ~HomeScreen() = default;
-    /// The port of the home screen's service; 0 when it does not run.
+    /// The port of the home screen's service; 0 when it does not run. Being asked wakes it.
     [[nodiscard]] virtual SKPort SKSSkellanBlockableServerPort() noexcept = 0;
     /// Applies an icon layout: the bytes of a property list from the desktop, untrusted. Its root is an array of bundle
     /// identifiers or of pages, which are such arrays; what is none changes nothing.

@@ -180,7 +180,8 @@ inline constexpr std::string_view observerServiceName = "com.zuvex.qrd.kpc.icapp
 class KXAppInstallObserverClass {
   public:
     virtual ~KXAppInstallObserverClass() = default;
-    /// Reports on the coordinators that the named clients created. The delegate must outlive the connection.
+    /// Reports on the coordinators that the named clients created. The delegate must outlive the connection; null when
+    /// there is none.
     [[nodiscard]] virtual std::shared_ptr<KXAppInstallObserver>
     initWithMachServiceName_forClients_delegate(std::string_view serviceName,
                                                 const std::set<KXClientIdentifier>& clients,

@@ -10,9 +10,9 @@ namespace appsync {
 
 class NotificationCenter;
 
-/// Posted by the host when it is ready for the install coordinator's reports.
+/// Posted by the host, once, when it is ready for the install coordinator's reports.
 inline constexpr std::string_view startupCompleteName = "com.zuvex.qrd.QRStartupCompleteNotification";
-/// Posted for the home screen when a sync starts (state 1) and ends (state 0).
+/// Posted for the home screen when a sync or a restore starts (state 1) and when a sync's transfers end (state 0).
 inline constexpr std::string_view syncNoticeName = "com.zuvex.skellan.qrd.wsyncnotify";
 
 /// `object` is the sender's, `userInfo` its facts; either may be null. Runs on a thread of the center.

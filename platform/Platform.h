@@ -86,8 +86,9 @@ struct Platform {
 };
 
 /// The one function that a plug-in's shared object exports, under this name. It sets `version` to the plug-in's own;
-/// when that is not the platform's, it touches nothing else and returns null. The caller owns the client and deletes it
-/// before it unloads the object; null also when no client could be made.
+/// when that is not the platform's, it touches nothing else and returns null; null also when no client could be made.
+/// The caller owns the client. Its object is best never unloaded: services may still hold completions of it when the
+/// client has gone.
 using QRCreateClientFunction = QRClient*(const Platform& platform, std::uint32_t& version);
 inline constexpr const char* QRCreateClientFunctionName = "QRCreateClient";
 

@@ -12,7 +12,8 @@ class MWSoftwareLibrary {
   public:
     virtual ~MWSoftwareLibrary() = default;
     /// Brings the receipts of the installed apps up to date. Returns at once; `completion` runs once, on a thread of
-    /// the store client, with an error or null. It runs also when the library is dropped meanwhile.
+    /// the store client, with an error or null. It runs also when the library is dropped meanwhile. The end of a sync's
+    /// transfers waits for it without a time-out.
     virtual void refreshReceiptsWithCompletionBlock(std::function<void(const ErrorPtr& error)> completion) noexcept = 0;
 };
 

@@ -48,7 +48,7 @@ class QRAsset {
     std::optional<std::string> infoPlist;     // path of its "Info.plist"
 
     // Set by the host.
-    std::optional<std::string> path;       // the received file, possibly relative to the public staging area
+    std::optional<std::string> path;       // the received file, possibly relative to "/var/mobile/Media/PublicStaging"
     std::uint32_t completedAssetParts = 0; // bits above
     double downloadProgress = 0;           // 0 to 1
     double installProgress = 0;            // 0 to 1

@@ -1,4 +1,68 @@
-// The sync host's plug-in protocol: what the host may ask of a client that handles a data class.
+// The sync host's plug-in protocol: what the host may ask of a client that handles a data class, and in which order.
+//
+// A client is made once (`platform/Platform.h`) and kept for the life of the process. The host then posts
+// `startupCompleteName` (`platform/Notifications.h`), upon which the client connects to the install coordinator.
+//
+// A sync. The desktop stages it first (below).
+//  1. `supportedDataclasses` has "Application"; `disabledAssetTypes` has it, too, when nothing may be done.
+//  2. `prepareForSyncWithHostAnchor…` and `reconcileSync…`, with `currentSyncAnchor`. The client takes the staging
+//     folder away and removes the apps that are to go. Without a staging folder there is nothing to do, and no error.
+//  3. `installedAssets`: what the desktop is told.
+//  4. `outstandingAssetTransfers`, once: the plan. Placeholders appear.
+//  5. For each asset of the plan `assetTransfer_updatedProgress` as often as is useful, then
+//     `assetTransfer_succeeded_withError`, with success and the file or with the error. After one that
+//     `QRIsRecoverableError` admits, such as that of an interrupt, the placeholder stays for the next sync.
+//  6. `assetTransferEndedWithSuccess`: false unless all were transferred. The client waits in it for its own installs;
+//     those of coordinators may go on.
+//  7. `syncEndedWithSuccess`. After a success the host writes "LastSyncAppState.plist" anew, since the client has
+//     removed it.
+//
+// A transfer. Before it tells progress the host sets `downloadProgress`, and before it tells success `path` and
+// `completedAssetParts`. An asset that `isRestore` asks in "AssetParts" for the package, the app's data, or both. The
+// package is told first. Data that waits is handed to the backup service and then told by another
+// `assetTransfer_succeeded_withError`, with that part alone in `completedAssetParts` and, when the asset has a version,
+// without a `path`: the client has kept where the package is.
+//
+// A received file is removed by the client when it has tried to install it itself. The host clears what else is in its
+// folder of received files once no coordinator needs it, but for the files that "RestoreState.plist" names, whose data
+// is still to come. What is left in "com.zuvex.qrd.Apps" of the temporary folder belongs to placeholders that could not
+// be made; the host clears it after the sync.
+//
+// A restore. The host leaves the restore information, hands the apps' data to the backup service, and calls
+// `reconcileRestoreOfType_withError` with type 2. The client makes the placeholders and moves the information to
+// "/var/mobile/Library/Logs/MediaServices". With coordination the store client delivers the apps; without, the next
+// sync does.
+//
+// Queries, outside of a sync: `installedAssetMetrics`, `zuvexIDsForAssets`, `prepareForBackup` before a backup, and
+// `clearSyncData` to begin anew.
+//
+// Files. Lists are property lists, in either format; an element of another kind than here counts as absent.
+//
+//   /var/mobile/Media/PublicStaging/      where a relative `path` of an asset begins
+//     ApplicationSync/                    the staging folder, moved into place whole:
+//       ApplicationsSync.plist            the to-do list, an array of records (below)
+//       SkellanIconState.plist            the icon layout (`platform/HomeScreen.h`), if there is a new one
+//       <bundle identifier>/              of each app to install, as far as there are any:
+//         Info.plist                      its facts, and beside this file the icon that they name
+//         TamblinMetadata.plist           what the store says of it
+//         TamblinArtwork                  its icon, when none can be drawn from the others
+//   /var/mobile/Library/ApplicationSync/  the client's own; the host may know of:
+//     TamblinStuff/                       the work area, which is the staging folder once it has been taken
+//     LastSyncAppState.plist              the host's: an array of the identifiers that were installed after the last
+//                                         sync; `installedAssets` tells those that have gone
+//     RestoreState.plist                  a dictionary: identifier, then version, then "path" of a package that has
+//     come
+//   /var/mobile/Media/TamblinRestore/
+//     RestoreApplications.plist           the restore information: of each identifier a dictionary of data,
+//                                         "TamblinMetadata" (a property list) and, if there are any,
+//                                         "ApplicationSINF" and "PlaceholderIcon" (a PNG)
+//   /var/mobile/Library/Preferences/
+//     com.zuvex.Halvane.DemotedApps.plist the identifiers of demoted apps, in two arrays:
+//                                         "AutomaticDowngrades" and "IntentionalDowngrades"
+//
+// A record of the to-do list has the texts "identifier" and "operation", and for an install "version" and "name" as far
+// as they are known; other keys are kept. What is staged is to "install" or "remove". The client changes the operation
+// of what it brings to "DOWNLOADED", then "INSTALLED" or "FAILED"; to "SENT" for an asset that is not a download.
 #pragma once
 
 #include "platform/host/Asset.h"
@@ -79,21 +143,22 @@ class QRClient {
         std::string_view /*hostVersion*/, ErrorPtr* /*error*/) noexcept {
         return true;
     }
-    /// Opens a sync. False, with the reason in `error`, when it cannot go on; after true, `error` means nothing.
+    /// Opens a sync. The request is passed over and may be null. False, with the reason in `error`, when it cannot go
+    /// on; after true, `error` means nothing.
     virtual bool reconcileSync_withNewAnchor_progressCallback_error(QRSyncRequest* /*request*/,
                                                                     std::string_view /*newAnchor*/,
                                                                     const QRProgressCallback& /*progress*/,
                                                                     ErrorPtr* /*error*/) noexcept {
         return true;
     }
-    /// Closes a sync.
+    /// Closes a sync. After a success the deleted apps that `installedAssets` has told are forgotten.
     virtual void syncEndedWithSuccess(bool /*success*/) noexcept {}
     virtual void cancelSyncOperations() noexcept {}
     virtual bool reconcileRestoreWithError(ErrorPtr* /*error*/) noexcept { return true; }
     /// Type 2 is a restore from a desktop's backup.
     virtual bool reconcileRestoreOfType_withError(int /*type*/, ErrorPtr* /*error*/) noexcept { return true; }
     virtual void restoreEndedWithError(const ErrorPtr& /*error*/) noexcept {}
-    /// What the host is to fetch, in the order in which it should.
+    /// What the host is to fetch, in the order in which it should. Waits for the registry's lists of installs.
     [[nodiscard]] virtual std::vector<QRAssetPtr> outstandingAssetTransfers() noexcept { return {}; }
     [[nodiscard]] virtual std::vector<QRAssetPtr>
     outstandingAssetTransfersWithDownloadManager(QRDownloadManager* /*manager*/) noexcept {

@@ -1,5 +1,5 @@
-// A device that claims to lack nothing, and is made of stubs: null wherever a null can be, and what it owes a call back
-// never comes. Each rule that it breaks must say so; `broken_test.py` listens.
+// A device that claims to lack nothing, and is made of stubs: null for almost every object, and what it owes a call
+// back never comes. Each rule that it breaks must say so; `broken_test.py` listens.
 #include "platform/stubs/Stubs.h"
 #include "tests/contract/Contract.h"
 
@@ -20,6 +20,16 @@ class SilentStore final : public StubSoftwareLibraryClass {
         void refreshReceiptsWithCompletionBlock(std::function<void(const ErrorPtr&)> /*completion*/) noexcept override {
         }
     };
+};
+
+class NullProfileConnectionClass final : public OLProfileConnectionClass {
+  public:
+    std::shared_ptr<OLProfileConnection> sharedConnection() noexcept override { return nullptr; }
+};
+
+class NullManagerClass final : public HVManagerClass {
+  public:
+    std::shared_ptr<HVManager> init() noexcept override { return nullptr; }
 };
 
 class SilentInstallationService final : public StubInstallationService {
@@ -52,8 +62,8 @@ class BrokenDevice final : public DeviceUnderTest {
                 .transferPromises = _stubs.factories,
                 .outOfBandPromises = _stubs.outOfBandPromises,
                 .installObservers = _stubs.factories,
-                .profileConnections = _stubs.profileConnections,
-                .backupManagers = _stubs.backupManagers,
+                .profileConnections = _profileConnections,
+                .backupManagers = _backupManagers,
                 .softwareLibraries = _store,
                 .homeScreen = _stubs.homeScreen,
                 .notifications = _stubs.notifications,
@@ -87,6 +97,8 @@ class BrokenDevice final : public DeviceUnderTest {
     SilentRegistry _registry;
     SilentStore _store;
     SilentInstallationService _installationService;
+    NullProfileConnectionClass _profileConnections;
+    NullManagerClass _backupManagers;
 };
 
 std::unique_ptr<DeviceUnderTest> makeBrokenDevice(const Conditions& /*conditions*/) {

@@ -26,6 +26,7 @@ TEST_P(PolicyContract, ASettingIsUnsetUntilItIsSetAndIsAnsweredAsItIsNow) {
 
 TEST_P(PolicyContract, AnyThreadMayAsk) {
     device().setPolicy(OLFeatureAppRemovalAllowed, OLBoolValue::explicitlyNo);
+    ASSERT_NE(platform().profileConnections.sharedConnection(), nullptr);
     const auto ask = [this] {
         for (int i = 0; i < 50; ++i) {
             const auto connection = platform().profileConnections.sharedConnection();
@@ -51,6 +52,7 @@ TEST_P(BackupContract, DataThatWaitsIsFoundWithItsSize) {
 
 TEST_P(BackupContract, ARestoreThatIsGivenUpIsOverAndCannotBeGivenUpAgain) {
     const auto manager = platform().backupManagers.init();
+    ASSERT_NE(manager, nullptr);
     device().putRestoreData(A, 5);
     device().putRestoreData(B, 5);
     ErrorPtr error;
@@ -85,6 +87,7 @@ TEST_P(StoreContract, ARefreshEndsOnceOnAThreadOfItsOwnAlsoWhenItsLibraryIsDropp
 
 TEST_P(StoreContract, SeveralRefreshesEachEnd) {
     const auto library = platform().softwareLibraries.init();
+    ASSERT_NE(library, nullptr);
     Signal completed("the completion of the refresh");
     for (int refresh = 0; refresh < 3; ++refresh) {
         library->refreshReceiptsWithCompletionBlock([&](const ErrorPtr&) { completed.raise(); });
