@@ -20,7 +20,7 @@ struct App {
     std::uint64_t installType = PDInstallTypeNone;
     bool isPlaceholder = false;
     bool isSystem = false;
-    std::uint64_t size = 0; // bytes
+    std::uint64_t size = 0;      // bytes
     FNProgressPtr progress = {}; // of the install under way
 
     /// The folder around the app's own.
