@@ -25,10 +25,9 @@ MASKS = [
     (r"(?<= in )(\d+\.\d s|\d+ min \d+ s)$", "DURATION", "how fast the machine is"),
     (r"(\d+ of \d+ apps?, ).+(?= in DURATION$)", r"\1SIZE", "an end before the end comes at any byte"),
     (r"(?<= and has )[\d.]+ \w+(?= free)", "SIZE", "how full the disk is"),
-    (r'(?<="bytesFree": )\d+', "BYTES", "how full the disk is"),
+    (r'("bytesFree": ?)\d+', r"\1BYTES", "how full the disk is"),
     (r"\b\d+%(  +)?", lambda found: "N%".ljust(len(found[0])) if found[1] else "N%", "how far a transfer is"),
-    (r'(?<="(?:fraction|progress)": )[\d.e-]+', "FRACTION", "how far a transfer is"),
-    (r'(?<="(?:fraction|progress)":)[\d.e-]+', "FRACTION", "the same in one line"),
+    (r'("(?:fraction|progress)": ?)[\d.e-]+', r"\1FRACTION", "how far a transfer is"),
     (r"\b[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\b", "CONTAINER", "the device draws the names of containers"),
 ]
 
@@ -47,8 +46,9 @@ def in_order(lines):
 
     is_list = False
     for line in lines:
-        is_list = bool(re.match("App .* State .* Identifier$", line) or is_list and re.search(r" [\w-]+\.[\w.-]+$", line))
-        if EVENT.match(line) or is_list and not line.startswith("App "):
+        is_head = bool(re.match("App .* State .* Identifier$", line))
+        is_list = is_head or is_list and bool(re.search(r" [\w-]+\.[\w.-]+$", line))
+        if EVENT.match(line) or is_list and not is_head:
             run.append(line)
         else:
             end_run()
