@@ -35,7 +35,7 @@ class PendingRetries {
 
     Scheduler& _scheduler;
     Mutex _mutex;
-    std::uint64_t _lastNumber GUARDED_BY(_mutex) = 0;
+    std::uint64_t _lastNumber GUARDED_BY(_mutex){};
     std::map<std::uint64_t, std::shared_ptr<ScheduledTask>>
         _tasks GUARDED_BY(_mutex); // null until the scheduler has answered
 };

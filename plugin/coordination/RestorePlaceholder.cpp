@@ -64,7 +64,7 @@ KXPlaceholderPtr AppsClient::_placeHolderForBundleIdentifier_withTamblinMetadata
         return nullptr;
     }
     const std::string iconPath = paths::join(directory, "Icon.png");
-    std::uint64_t iconSize = 0;
+    std::uint64_t iconSize{};
     writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(
         iconData, iconPath, &iconSize, bundleIdentifier, placeholderBundle::attributes);
     auto placeholder =

@@ -16,7 +16,7 @@ constexpr std::uint32_t flattenedFormat = 1;
 /// The home screen's icon order, saved as it came; empty when there is none that can be understood.
 Array fetchIconOrder(const Platform& platform, const PlugInLog& log) {
     const char* buffer = nullptr;
-    std::size_t length = 0;
+    std::size_t length{};
     platform.homeScreen.SKGetFlattenedIconState(platform.homeScreen.SKSSkellanBlockableServerPort(), flattenedFormat,
                                                 &buffer, &length);
     if (buffer == nullptr) {

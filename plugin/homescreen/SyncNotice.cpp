@@ -7,7 +7,7 @@
 namespace appsync {
 
 void AppsClient::_notifySkellan(bool starting) {
-    int token = 0;
+    int token{};
     const std::uint32_t status = _platform.notifications.notify_register_check(syncNoticeName, &token);
     _log.message("Notifying SK we are %s syncing", starting ? "starting" : "done");
     // Asking for the port wakes the home screen; the answer is not needed.
