@@ -205,9 +205,8 @@ void show(const BackupWriter& writer, const std::string& output) {
         }
         table.print(std::cout);
     }
-    printLine(std::cout, "backed up " + std::to_string(writer.count()) +
-                             (writer.failed().empty() ? "" : " of " + std::to_string(all)) +
-                             (all == 1 ? " app" : " apps") + " to " + output);
+    printLine(std::cout, "backed up " + (writer.failed().empty() ? "" : std::to_string(writer.count()) + " of ") +
+                             appCountText(all) + " to " + output);
 }
 
 Result<void> prepare(device::Device& device, const std::string& plugInPath) {

@@ -100,8 +100,8 @@ std::vector<Line> statusLines(const Json& status, std::size_t count, std::option
     if (shown.size() < all) {
         lines.push_back({{"and " + std::to_string(all - shown.size()) + " more"}});
     }
-    lines.push_back({{std::to_string(static_cast<long>(numberIn(status, "finished"))) + " of " + std::to_string(all) +
-                      " apps are done, " + percentIn(status) + " is sent"}});
+    lines.push_back({{std::to_string(static_cast<long>(numberIn(status, "finished"))) + " of " + appCountText(all) +
+                      (all == 1 ? " is" : " are") + " done, " + percentIn(status) + " is sent"}});
     return lines;
 }
 

@@ -87,8 +87,10 @@ ExitCode showMetrics(const QueryArguments& arguments) {
                        {"purgeableSize", number("_PurgeableSize")}},
                       2);
         } else {
-            printLine(std::cout, std::to_string(number("_Count")) + " apps take " + sizeText(number("_PhysicalSize")) +
-                                     ", of which " + sizeText(number("_PurgeableSize")) + " can be purged");
+            const std::size_t count = number("_Count");
+            printLine(std::cout, appCountText(count) + (count == 1 ? " takes " : " take ") +
+                                     sizeText(number("_PhysicalSize")) + ", of which " +
+                                     sizeText(number("_PurgeableSize")) + " can be purged");
         }
     });
 }

@@ -44,7 +44,7 @@ std::string shownName(const AppStatus& app) {
 
 std::string countText(const SyncStatus& status, std::size_t finished) {
     const std::size_t all = status.apps.size();
-    return std::to_string(finished) + " of " + std::to_string(all) + (all == 1 ? " app" : " apps");
+    return std::to_string(finished) + " of " + appCountText(all);
 }
 
 /// As wide as anything that stands there in the whole sync, so that the bars do not move.

@@ -201,8 +201,8 @@ void SyncView::_eraseBars() {
 std::string SyncView::_summary() const {
     const auto done = static_cast<std::size_t>(std::ranges::count(_status.apps, AppStage::done, &AppStatus::stage));
     const std::size_t all = _status.apps.size();
-    return (done == all ? "" : std::to_string(done) + " of ") + std::to_string(all) +
-           (all == 1 ? " app, " : " apps, ") + sizeText(_status.sentBytes()) + " in " + durationText(_now() - _begin);
+    return (done == all ? "" : std::to_string(done) + " of ") + appCountText(all) + ", " +
+           sizeText(_status.sentBytes()) + " in " + durationText(_now() - _begin);
 }
 
 } // namespace appsync::host

@@ -140,6 +140,10 @@ Colour colourOfResult(const std::string& word) {
     return goesOn ? Colour::yellow : Colour::none;
 }
 
+std::string appCountText(std::size_t count) {
+    return std::to_string(count) + (count == 1 ? " app" : " apps");
+}
+
 std::string sizeText(std::uint64_t bytes) {
     const Unit unit = unitFor(bytes);
     return number(bytes, unit) + " " + unit.name;

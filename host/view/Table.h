@@ -36,6 +36,9 @@ class Table {
 /// The colour of what became of an app, in whatever table it stands: done, to go on later, failed.
 [[nodiscard]] Colour colourOfResult(const std::string& word);
 
+/// "1 app", "2 apps".
+[[nodiscard]] std::string appCountText(std::size_t count);
+
 /// "4.2 MB".
 [[nodiscard]] std::string sizeText(std::uint64_t bytes);
 /// "0.3 of 4.2 MB".
