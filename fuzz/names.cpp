@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     printNotes(out, report);
     expectHarmless(out.str(), 5);
     out.str("");
-    printJson(out, toJson(report), 2);
+    host::printJson(out, toJson(report), 2);
     expect(std::ranges::all_of(out.str(), [](char c) { return c == '\n' || (c >= ' ' && c < 0x7F); }), "JSON is ASCII");
     const auto json = nlohmann::json::parse(out.str());
     if (appsync::propertylist::isUtf8(text)) {
