@@ -27,8 +27,7 @@ concept Absentable = requires(const Object& object) {
 };
 
 template <class Object> constexpr bool isDescribable() {
-    if constexpr (TextLike<Object> || SelfDescribing<Object> || SelfDescribing<const Object> ||
-                  std::same_as<Object, Dictionary>) {
+    if constexpr (TextLike<Object> || SelfDescribing<Object> || std::same_as<Object, Dictionary>) {
         return true;
     } else if constexpr (Absentable<Object>) {
         return isDescribable<std::remove_cvref_t<decltype(*std::declval<const Object&>())>>();

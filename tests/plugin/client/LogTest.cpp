@@ -184,6 +184,8 @@ TEST_F(PlugInMessages, CutTheirArgumentsTogetherAtALimit) {
 
 TEST_F(PlugInMessages, HoldMoreOfALargePayload) {
     const std::size_t limit = oversizeMessageLimits.argument;
+    EXPECT_EQ(limit, 2'097'152U);
+    EXPECT_EQ(oversizeMessageLimits.message, 2 * limit);
     const std::string longest(limit, 'x');
     log.oversize("%{public}@", longest);
     EXPECT_TRUE(sink.messages.back().text.ends_with("|" + longest));
