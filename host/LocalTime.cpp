@@ -1,5 +1,6 @@
 #include "host/LocalTime.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -39,6 +40,13 @@ std::optional<std::tm> parsedByOne(const std::array<const char*, Count>& formats
         }
     }
     return std::nullopt;
+}
+
+/// The nearest that can be told.
+TimePoint timePointOf(std::time_t time) {
+    const auto inSeconds = [](TimePoint point) { return std::chrono::system_clock::to_time_t(point); };
+    return std::chrono::system_clock::from_time_t(
+        std::clamp(time, inSeconds(TimePoint::min()) + 1, inSeconds(TimePoint::max()) - 1));
 }
 
 std::optional<TimePoint> parseAge(std::string_view text, TimePoint now) {
@@ -83,8 +91,8 @@ std::optional<TimePoint> parseTime(std::string_view given, TimePoint now) {
     if (auto clock = parsedByOne(clockForms, text, midnight)) {
         std::tm yesterday = *clock;
         --yesterday.tm_mday;
-        const auto today = std::chrono::system_clock::from_time_t(::mktime(&*clock));
-        return today <= now ? today : std::chrono::system_clock::from_time_t(::mktime(&yesterday));
+        const auto today = timePointOf(::mktime(&*clock));
+        return today <= now ? today : timePointOf(::mktime(&yesterday));
     }
     const bool isUtc = text.ends_with('Z');
     if (isUtc) {
@@ -94,7 +102,7 @@ std::optional<TimePoint> parseTime(std::string_view given, TimePoint now) {
     if (!date) {
         return std::nullopt;
     }
-    return std::chrono::system_clock::from_time_t(isUtc ? ::timegm(&*date) : ::mktime(&*date));
+    return timePointOf(isUtc ? ::timegm(&*date) : ::mktime(&*date));
 }
 
 } // namespace appsync::host

@@ -69,6 +69,9 @@ std::string describeWrongUse(const CLI::App& app, std::span<const std::string> w
     const auto rest = words.subspan(named.words);
     const auto commands = commandNames(*named.command);
     const std::string help = " See `" + named.path + " --help`.";
+    if (!commands.empty() && !rest.empty() && !isOption(rest.front())) {
+        return named.path + " has no command '" + rest.front() + "'." + suggestion(rest.front(), commands) + help;
+    }
     if (const std::string option = unknownOption(*named.command, rest); !option.empty()) {
         return named.path + " has no option '" + option + "'." + suggestion(option, optionNames(*named.command)) + help;
     }
@@ -77,10 +80,7 @@ std::string describeWrongUse(const CLI::App& app, std::span<const std::string> w
         return named.path + (left.empty() ? std::string(": ") + problem.what() : " takes no '" + left.front() + "'") +
                "." + help;
     }
-    if (rest.empty()) {
-        return named.path + " needs a command." + help;
-    }
-    return named.path + " has no command '" + rest.front() + "'." + suggestion(rest.front(), commands) + help;
+    return named.path + " needs a command." + help;
 }
 
 } // namespace appsync::host

@@ -222,7 +222,10 @@ class CommandLine {
         log->add_option(
             "--since", _log.since,
             "Only from this time on: 14:05, 2026-11-21, 2026-11-21T14:05:30, or an age such as 10m, 2h, 1d");
-        log->add_option("--tail", _log.tail, "Only the last N")->type_name("N")->check(CLI::NonNegativeNumber);
+        log->add_option("--tail", _log.tail, "Only the last N")->type_name("N")->check([](const std::string& text) {
+            return text.find_first_not_of("0123456789") == std::string::npos ? ""
+                                                                             : "'" + text + "' is no number of lines";
+        });
         log->add_flag("--follow", _log.follow,
                       "Go on with what is still to come, until Ctrl-C; first the last 10, or as --tail says");
         log->add_flag("--json", _log.json, "Print JSON; with --follow an object a line");

@@ -13,7 +13,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <iostream>
+#include <tuple>
 
 namespace appsync::host {
 
@@ -75,7 +77,9 @@ ExitCode listApps(const AppsArguments& arguments) {
     showProgressOf(arguments.device, *device);
     Json list = Json::array();
     Table table({"App", "Version", "State", "Identifier"});
-    for (const device::Application& app : device->registry().applications()) {
+    auto apps = device->registry().applications(); // in the order in which they came
+    std::ranges::sort(apps, {}, [](const device::Application& app) { return std::tie(app.name, app.identifier); });
+    for (const device::Application& app : apps) {
         const bool isRunning = device->processes().isRunning(app.identifier);
         list.push_back(toJson(app, isRunning));
         table.add({app.name, app.version.value_or("-"), shownState(app, isRunning), app.identifier});

@@ -162,6 +162,8 @@ TEST(LocalTimes, AreReadAsAPersonWritesThem) {
         EXPECT_EQ(parseTime(text, now), time) << text;
     }
     EXPECT_EQ(parseTime("1970-01-01T00:01:00Z", now), TimePoint(1min));
+    EXPECT_GT(parseTime("2999-01-01", now), now) << "as late as can be told";
+    EXPECT_LT(parseTime("0001-01-01", now), now);
     for (const char* wrong : {"", "10", "m", "-1m", "1w", "10 m", "25:00", "12:60", "12", "2026-13-01", "2026-03-01T",
                               "2026-03-01T12", "99999999999999999999d", "9999999999d", "now", "12:00 ", "11:30Z"}) {
         EXPECT_EQ(parseTime(wrong, now), std::nullopt) << wrong;
