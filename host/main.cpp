@@ -80,10 +80,14 @@ class CommandLine {
 
     static void _addJson(CLI::App* command, JsonOutput& json) {
         command
-            ->add_flag("--json{object}", json,
-                       "Print the result as JSON; with --json=lines each event, too, an object a line")
-            ->transform(CLI::Transformer(
-                std::map<std::string, JsonOutput>{{"object", JsonOutput::object}, {"lines", JsonOutput::lines}}));
+            ->add_flag("--json", json,
+                       "Print the result as JSON; --json=lines prints each event, too, an object a line")
+            ->transform([](const std::string& word) -> std::string {
+                if (word != "true" && word != "lines") { // the flag alone is true
+                    throw CLI::ValidationError("'" + word + "' is no form; write --json or --json=lines");
+                }
+                return std::to_string(static_cast<int>(word == "true" ? JsonOutput::object : JsonOutput::lines));
+            });
     }
 
     /// What a person wants to do with these commands; the help shows them together.

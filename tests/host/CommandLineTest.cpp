@@ -32,6 +32,8 @@ TEST_F(CommandLine, NamesWhatIsWrongAndTheNearestRightWord) {
         {"", "qrd needs a command. See `qrd --help`.\n"},
         {"plist chek f", "qrd plist has no command 'chek'. Did you mean 'check'? See `qrd plist --help`.\n"},
         {"snyc d --library l", "qrd has no command 'snyc'. Did you mean 'sync'? See `qrd --help`.\n"},
+        {"sync d --library l --json=xml",
+         "qrd sync: --json: 'xml' is no form; write --json or --json=lines. See `qrd sync --help`.\n"},
         {"log d --tail many", "qrd log: --tail: 'many' is no number of lines. See `qrd log --help`.\n"},
         {"sync d --libary=l", "qrd sync has no option '--libary'. Did you mean '--library'? See `qrd sync --help`.\n"},
         {"sync d -l l", "qrd sync has no option '-l'. See `qrd sync --help`.\n"},

@@ -28,6 +28,7 @@ MASKS = [
     (r'("bytesFree": ?)\d+', r"\1BYTES", "how full the disk is"),
     (r"\b\d+%(  +)?", lambda found: "N%".ljust(len(found[0])) if found[1] else "N%", "how far a transfer is"),
     (r'("(?:fraction|progress)": ?)[\d.e-]+', r"\1FRACTION", "how far a transfer is"),
+    (r'^(\{.*"event":"app".*\n)\1+', r"\1", "progress is told as often as there is time for it"),
     (r"\b[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\b", "CONTAINER", "the device draws the names of containers"),
 ]
 
@@ -35,20 +36,16 @@ EVENT = re.compile(r"(?:sending|done|failed|waiting|cancelled) +([^ :]+)")
 
 
 def in_order(lines):
-    """Installs run beside transfers, so the events of different apps come in any order; those of one app do not. A
-    device lists its apps in the order in which their installs ended."""
+    """Installs run beside transfers, so the events of different apps come in any order; those of one app do not."""
     made, run = [], []
 
     def end_run():
-        run.sort(key=lambda line: EVENT.match(line)[1] if EVENT.match(line) else line)
+        run.sort(key=lambda line: EVENT.match(line)[1])
         made.extend(run)
         run.clear()
 
-    is_list = False
     for line in lines:
-        is_head = bool(re.match("App .* State .* Identifier$", line))
-        is_list = is_head or is_list and bool(re.search(r" [\w-]+\.[\w.-]+$", line))
-        if EVENT.match(line) or is_list and not is_head:
+        if EVENT.match(line):
             run.append(line)
         else:
             end_run()
