@@ -68,8 +68,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     expect(place.holdsNothingElse(), "nothing is written outside of the container");
     if (extracted) {
         expect(place.hasApp(extracted->bundleName), "an app that was accepted is there");
-    } else {
-        expect(extracted.error() != nullptr, "a refusal has its reason");
     }
     return 0;
 }

@@ -15,8 +15,10 @@ def when_replaced(words):
 FAULTS = [
     # Between a disturbed command and the next.
     Fault('`qrd apps` ended with 5: *', 'host/commands/DeviceCommands.cpp',
-          '        printJson(std::cout, {{"version", jsonVersion}, {"apps", list}}, 2);\n',
-          '        return ExitCode::failed;\n', crash('coordinated', 'kill', **ONCE)),
+          '    Table table({"App", "Version", "State", "Identifier"});\n',
+          '    Table table({"App", "Version", "State", "Identifier"});\n'
+          '    if (std::ranges::any_of(device->registry().applications(), &device::Application::isPlaceholder)) {\n'
+          '        return ExitCode::failed;\n    }\n', crash('coordinated', 'kill', points=5)),
     Fault('after that: org.example.* is lost', 'device/registry/ArchiveInstall.cpp',
           '        _arrival = _registry._table.arrivalOf',
           '        {\n            Database::Transaction gone(_registry._database, Durability::durable);\n'
@@ -53,7 +55,7 @@ FAULTS = [
           'record.version = text("BXBundleVersion");', 'record.version = "1.0-0";', crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.*: *.txt is missing', 'device/archive/Extraction.cpp',
           '        if (entry.kind == ZipDirectory::Kind::folder) {',
-          '        if (entry.path.ends_with(".txt")) {\n            return nullptr;\n        }\n'
+          '        if (entry.path.ends_with(".txt")) {\n            return {};\n        }\n'
           '        if (entry.kind == ZipDirectory::Kind::folder) {', crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.*: other is none of its files', 'device/registry/ArchiveInstall.cpp',
           '        _sinf = _request.sinf ?', '        (void)container.writeFile("other", Data("x"));\n        _sinf = _request.sinf ?',
@@ -86,7 +88,7 @@ FAULTS = [
           '            RegistryTable::write(transaction, *_record, _arrival);\n', '', crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.* has a placeholder', 'device/registry/ArchiveInstall.cpp',
           '            RegistryTable::erase(transaction, _record->identifier, true);\n', '',
-          crash('coordinated', 'kill', **ONCE)),
+          crash('coordinated', 'kill', points=5)),
     Fault('demoted are *', 'plugin/coordination/RestorePlaceholder.cpp',
           'case intentionallyDemoted: return PDInstallTypeIntentionalDowngrade;',
           'case intentionallyDemoted: return PDInstallTypeDowngrade;', crash('restore-coordinated', 'kill', **ONCE)),

@@ -19,8 +19,6 @@ FAULTS = [
     Fault('an app that was accepted is there', 'device/archive/Extraction.cpp',
           '_application.bundleName = _app.bundleName;', '_application.bundleName = "Other.app";',
           replay('archive', 'app')),
-    Fault('a refusal has its reason', 'device/archive/Extraction.cpp',
-          '        return directory.error();', '        return ErrorPtr();', replay('archive', 'nothing')),
     # The desktop's way of an archive.
     Fault('a refusal names its archive', 'desktop/AppArchive.cpp',
           'auto app = readAppArchive(file->descriptor(), propertyLists, Refusal(path));',
