@@ -50,7 +50,8 @@ def restore(world, code=0):
 
 
 def reasons(answer):
-    return {app["identifier"]: app["reason"] for app in answer.report()["apps"]}
+    """Why an app does not come back; empty of one that does."""
+    return {app["identifier"] or "": "" if app["result"] == "restored" else app["reason"] for app in answer.report()["apps"]}
 
 
 def files_named(folder, name):
