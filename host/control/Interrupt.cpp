@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <thread>
 
 namespace appsync::host {
 
@@ -18,6 +19,7 @@ namespace {
 // A signal handler can reach nothing but globals; these need no lock.
 std::atomic<int> signalled = 0; // the first that has come
 std::atomic<int> event = -1;
+std::atomic<int> handling = 0; // threads that may be about to write to the event
 static_assert(std::atomic<int>::is_always_lock_free);
 
 constexpr std::array signals{SIGINT, SIGTERM, SIGHUP, SIGPIPE};
@@ -29,11 +31,13 @@ void handle(int signal) {
         std::signal(signal, SIG_DFL);
         std::raise(signal);
     }
-    if (event >= 0) {
+    ++handling;
+    if (const int opened = event; opened >= 0) {
         const int before = errno;
-        (void)::eventfd_write(event, 1);
+        (void)::eventfd_write(opened, 1);
         errno = before;
     }
+    --handling;
 }
 
 } // namespace
@@ -55,6 +59,9 @@ Interrupt::~Interrupt() {
         std::signal(signals[place], _before[place]);
     }
     event = -1;
+    while (handling > 0) { // on another thread; its number may be another file's once this one is closed
+        std::this_thread::yield();
+    }
     signalled = 0;
     ::close(_event);
 }
