@@ -29,11 +29,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
     # It finds overlaps in the library's own string concatenation that cannot be there.
     target_compile_options(appsync_options INTERFACE $<BUILD_INTERFACE:-Wno-restrict>)
 endif()
-# Of files that are compiled together one may hide the names of another, and what is local to one is no file's own;
-# clang-tidy looks at each by itself.
-if(NOT APPSYNC_UNITY STREQUAL all)
-    target_compile_options(appsync_options INTERFACE $<BUILD_INTERFACE:-Wshadow>)
-elseif(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+# Of sources that are compiled together (IS_JOINED) one may hide the names of another, and what is local to one is no
+# file's own; clang-tidy looks at each by itself.
+target_compile_options(appsync_options INTERFACE $<BUILD_INTERFACE:$<$<NOT:$<BOOL:$<TARGET_PROPERTY:IS_JOINED>>>:-Wshadow>>)
+if(APPSYNC_UNITY STREQUAL all AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(appsync_options INTERFACE $<BUILD_INTERFACE:-Wno-subobject-linkage>)
 endif()
 if(APPSYNC_SANITIZE)
@@ -52,7 +51,7 @@ function(appsync_library name)
     add_library(${name} STATIC ${ARG_SOURCES})
     target_link_libraries(${name} PUBLIC appsync_options ${ARG_LINK})
     if(APPSYNC_UNITY STREQUAL all) # most of the time goes to reading the same headers
-        set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+        set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8 IS_JOINED ON)
     endif()
 endfunction()
 
