@@ -9,6 +9,7 @@
 #include "concurrency/Guarded.h"
 #include "concurrency/OperationQueue.h"
 #include "concurrency/SerialQueue.h"
+#include "concurrency/SharedTurns.h"
 #include "platform/ApplicationRegistry.h"
 #include "platform/FileSystem.h"
 #include "platform/InstallCoordinator.h"
@@ -83,7 +84,8 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
                                                                  const std::optional<std::string>& version);
     /// Forgets the restore state of every version of an app.
     void cleanRestoreStateForIdentifier(std::string_view identifier);
-    /// Changes the operation of the app's first to-do record.
+    /// Changes the operation of the app's first to-do record. Changes that come while the list is being written share
+    /// the next writing; each call returns when its own has been written.
     void changeAssetID_toDo(std::string_view identifier, std::string_view operation);
     [[nodiscard]] std::optional<std::string> _operationStateForIdentifier(std::string_view identifier);
 
@@ -266,10 +268,15 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     /// Where memory runs out the process ends, or services would go on calling a client that is gone.
     AppsClient(const Platform& platform, std::unique_ptr<OperationQueue> installOperationQueue) noexcept;
 
+    struct ToDoChange {
+        std::string_view identifier;
+        std::string_view operation;
+    };
+
     const Platform _platform;
     const PlugInLog _log;
-    Mutex _toDoListMutex;     // around each change of the to-do list
-    Mutex _restoreStateMutex; // around each change of the restore state
+    SharedTurns<ToDoChange> _toDoChanges; // changes of the to-do list, one writing at a time
+    Mutex _restoreStateMutex;             // around each change of the restore state
     PendingRetries _pendingRetries;
 
     Guarded<std::optional<Array>> _uninstalledApps; // bundle identifiers; nullopt until the inventory was asked for

@@ -116,16 +116,25 @@ void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
 }
 
 void AppsClient::changeAssetID_toDo(std::string_view identifier, std::string_view operation) {
-    const Lock lock(_toDoListMutex);
-    Array toDoList = _loadPlist_withError(paths::toDoList, nullptr).value_or(Array{});
-    const auto item = std::ranges::find_if(toDoList, isRecordOf(identifier));
-    if (item == toDoList.end()) {
-        return;
-    }
-    Dictionary& record = *item->mutableDictionary();
-    _log.message("Changing %{public}@ from %{public}@ to %{public}@", identifier, record.find("operation"), operation);
-    record.set("operation", operation);
-    writePropertyList(_platform, std::move(toDoList), PropertyListFormat::binary, paths::toDoList);
+    ToDoChange own{identifier, operation};
+    _toDoChanges.join(own, [this](const std::vector<ToDoChange*>& changes) {
+        Array toDoList = _loadPlist_withError(paths::toDoList, nullptr).value_or(Array{});
+        bool isChanged = false;
+        for (const ToDoChange* change : changes) {
+            const auto item = std::ranges::find_if(toDoList, isRecordOf(change->identifier));
+            if (item == toDoList.end()) {
+                continue;
+            }
+            Dictionary& record = *item->mutableDictionary();
+            _log.message("Changing %{public}@ from %{public}@ to %{public}@", change->identifier,
+                         record.find("operation"), change->operation);
+            record.set("operation", change->operation);
+            isChanged = true;
+        }
+        if (isChanged) {
+            writePropertyList(_platform, std::move(toDoList), PropertyListFormat::binary, paths::toDoList);
+        }
+    });
 }
 
 std::optional<std::string> AppsClient::_operationStateForIdentifier(std::string_view identifier) {

@@ -4,6 +4,7 @@
 #include "concurrency/OperationQueue.h"
 #include "concurrency/Semaphore.h"
 #include "concurrency/SerialQueue.h"
+#include "concurrency/SharedTurns.h"
 #include "tests/concurrency/NoMoreThreads.h"
 
 #include <gtest/gtest.h>
@@ -305,6 +306,75 @@ TEST(CallGate, ACallMayPassAgainFromWithinItself) {
         EXPECT_FALSE(gate.pass([&] { ++depth; }));
     });
     EXPECT_EQ(depth, 2);
+}
+
+TEST(SharedTurns, ServeOneWhoIsAloneOnItsThread) {
+    SharedTurns<int> turns;
+    int own = 7;
+    int count = 0;
+    for (int i = 0; i < 2; ++i) {
+        turns.join(own, [&, caller = std::this_thread::get_id()](const std::vector<int*>& turn) {
+            EXPECT_EQ(turn, std::vector<int*>{&own});
+            EXPECT_EQ(std::this_thread::get_id(), caller);
+            ++count;
+        });
+    }
+    EXPECT_EQ(count, 2);
+}
+
+TEST(SharedTurns, ServeTogetherThoseWhoCameDuringATurn) {
+    using Turn = std::vector<int*>;
+    std::vector<std::size_t> sizes;
+    // How far the others have come when the first turn ends is the machine's choice: give them more time each round.
+    for (int patience = 1; sizes != std::vector<std::size_t>{1, 2}; patience *= 2) {
+        ASSERT_LT(patience, 1 << 24) << "nobody has shared a turn";
+        SharedTurns<int> turns;
+        sizes.clear();
+        std::atomic<int> coming = 0;
+        std::vector<std::jthread> others;
+        const auto come = [&] {
+            int own = 0;
+            ++coming;
+            turns.join(own, [&](const Turn& turn) {
+                sizes.push_back(turn.size());
+                for (int* request : turn) {
+                    ++*request;
+                }
+            });
+            EXPECT_EQ(own, 1); // served once, and before it goes on
+        };
+        int first = 0;
+        turns.join(first, [&](const Turn& turn) {
+            sizes.push_back(turn.size());
+            others.emplace_back(come);
+            others.emplace_back(come);
+            while (coming < 2) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < patience; ++i) {
+                std::this_thread::yield();
+            }
+        });
+    }
+}
+
+TEST(SharedTurns, AreWorkedOneAtATime) {
+    SharedTurns<const int> turns;
+    int served = 0; // guarded by the turns alone
+    constexpr int threads = 4;
+    constexpr int times = 500;
+    {
+        std::vector<std::jthread> callers;
+        for (int thread = 0; thread < threads; ++thread) {
+            callers.emplace_back([&] {
+                for (int i = 0; i < times; ++i) {
+                    turns.join(i,
+                               [&](const std::vector<const int*>& turn) { served += static_cast<int>(turn.size()); });
+                }
+            });
+        }
+    }
+    EXPECT_EQ(served, threads * times);
 }
 
 } // namespace

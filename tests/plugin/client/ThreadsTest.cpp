@@ -133,6 +133,41 @@ TEST_F(Threads, RememberUninstalledAppsWhileASyncEnds) {
     EXPECT_EQ(world.lowLevelInstaller.uninstalled, Dictionary{});
 }
 
+TEST_F(Threads, ShareOneWritingOfTheToDoList) {
+    start();
+    std::size_t written = 0;
+    // How far the others have come when the first writing ends is the machine's choice: give them more time each round.
+    for (int patience = 1; written != 2; patience *= 2) {
+        ASSERT_LT(patience, 1 << 24) << "nobody has shared a writing";
+        putToDoList({{"a", "install"}, {"b", "install"}, {"c", "install"}});
+        std::atomic<int> coming = 0;
+        std::vector<std::jthread> others;
+        world.journal.whenAdded("files.writeFileAtomically", [&] {
+            for (const char* identifier : {"b", "c"}) {
+                others.emplace_back([&, identifier] {
+                    ++coming;
+                    client().changeAssetID_toDo(identifier, "SENT");
+                    EXPECT_EQ(operationOf(identifier), "SENT");
+                });
+            }
+            while (coming < 2) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < patience; ++i) {
+                std::this_thread::yield();
+            }
+        });
+        client().changeAssetID_toDo("a", "SENT");
+        others.clear();
+        written = world.journal.linesWith("files.writeFileAtomically").size();
+        EXPECT_EQ(world.journal.linesWith("log: Changing").size(), 3u);
+        for (const char* identifier : {"a", "b", "c"}) {
+            EXPECT_EQ(operationOf(identifier), "SENT");
+        }
+        journal();
+    }
+}
+
 TEST_F(Threads, CleanRestoreStateWhileItIsWritten) {
     startQuietly(false);
     const auto set = [this](const std::string& identifier) {
