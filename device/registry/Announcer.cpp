@@ -19,6 +19,10 @@ std::vector<std::string> identifiersOf(const PDApplicationProxies& applications)
 
 Announcer::~Announcer() {
     _remove([](std::uint64_t, const Listener&) { return true; });
+    {
+        const Lock lock(_mutex);
+        _hurry();
+    }
     _thread.stop();
 }
 
@@ -29,6 +33,7 @@ Result<void> Announcer::start() {
 std::uint64_t Announcer::_add(ListenerPtr listener) {
     const Lock lock(_mutex);
     _all.emplace(++_lastNumber, std::move(listener));
+    _hurry();
     _schedule();
     return _lastNumber;
 }
@@ -85,6 +90,7 @@ void Announcer::announceCancellation(PDApplicationProxies applications) {
         return;
     }
     _cancellations.push_back(std::move(applications));
+    _hurry();
     _schedule();
 }
 
@@ -94,23 +100,35 @@ void Announcer::_schedule() {
     }
 }
 
+void Announcer::_hurry() {
+    _isHurried = true;
+    _hurried.notifyAll();
+}
+
+void Announcer::_waitForTurn() {
+    while (!_isHurried && _hurried.waitUntil(_mutex, _nextTurn)) {
+    }
+    _nextTurn = std::chrono::steady_clock::now() + pause;
+    _isScheduled = _isHurried = false;
+}
+
 void Announcer::_announce() {
     bool hasChange = false;
     std::vector<PDApplicationProxies> cancellations;
-    {
-        const Lock lock(_mutex);
-        _isScheduled = false;
-        hasChange = std::exchange(_hasChange, false);
-        cancellations.swap(_cancellations);
-    }
-    const Lists lists = _currentLists();
     std::vector<ListenerPtr> listeners;
     {
         const Lock lock(_mutex);
+        _waitForTurn();
+        hasChange = std::exchange(_hasChange, false);
+        cancellations.swap(_cancellations);
         for (const auto& [number, listener] : _all) {
             listeners.push_back(listener);
         }
     }
+    if (listeners.empty()) {
+        return;
+    }
+    const Lists lists = _currentLists();
     for (const ListenerPtr& listener : listeners) {
         if (listener->observer) {
             _tell(*listener, lists, cancellations);

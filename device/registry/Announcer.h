@@ -6,6 +6,7 @@
 #include "platform/ApplicationRegistry.h"
 #include "values/Result.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -20,6 +21,10 @@ namespace appsync::device {
 /// Any thread. Calls are made one at a time, without a lock held; changes that come close together give one call.
 class Announcer {
   public:
+    /// Telling of a change takes longer the more installs are under way, and each of them changes many times: changes
+    /// are told this long after those before at the earliest. A new observer and a cancellation do not wait.
+    static constexpr std::chrono::milliseconds pause{50};
+
     /// The installs that go first and those that are paused.
     using Lists = std::pair<PDApplicationProxies, PDApplicationProxies>;
 
@@ -56,6 +61,8 @@ class Announcer {
     std::uint64_t _add(ListenerPtr listener) EXCLUDES(_mutex);
     void _remove(const std::function<bool(std::uint64_t number, const Listener& listener)>& isMeant) EXCLUDES(_mutex);
     void _schedule() REQUIRES(_mutex);
+    void _hurry() REQUIRES(_mutex);
+    void _waitForTurn() REQUIRES(_mutex);
     void _announce() EXCLUDES(_mutex);
     static void _tell(Listener& listener, const Lists& lists, const std::vector<PDApplicationProxies>& cancellations);
 
@@ -63,7 +70,10 @@ class Announcer {
     Mutex _mutex;
     std::map<std::uint64_t, ListenerPtr> _all GUARDED_BY(_mutex); // in the order in which they came
     std::uint64_t _lastNumber GUARDED_BY(_mutex) = 0;
+    Condition _hurried;
+    std::chrono::steady_clock::time_point _nextTurn GUARDED_BY(_mutex);
     bool _isScheduled GUARDED_BY(_mutex) = false;
+    bool _isHurried GUARDED_BY(_mutex) = false;
     bool _hasChange GUARDED_BY(_mutex) = false;
     std::vector<PDApplicationProxies> _cancellations GUARDED_BY(_mutex);
     OperationQueue _thread{1};

@@ -1,5 +1,6 @@
 #include "RegistryFixture.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -319,6 +320,27 @@ TEST_F(Observing, SubscriberIsCalledAfterEveryKindOfChange) {
     expectCallAfter([&] { registry().phaseFinished(registry().progress(identifier)); });
     expectCallAfter(
         [&] { ASSERT_TRUE(registry().uninstall(identifier, RemovalReason::sync, RemovalScope::everything)); });
+}
+
+TEST_F(Observing, ChangesAreToldTogetherAfterAPause) {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int calls = 0;
+    const auto subscription = registry().subscribe([&] {
+        const std::lock_guard lock(mutex);
+        ++calls;
+        changed.notify_all();
+    });
+    const auto expectCalls = [&](int count) {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return calls >= count; });
+    };
+    const auto before = std::chrono::steady_clock::now();
+    start("org.example.a");
+    expectCalls(1);
+    registry().prioritize("org.example.a");
+    expectCalls(2);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, Announcer::pause);
 }
 
 TEST_F(Observing, SubscriberMayLookUpTheRegistry) {
