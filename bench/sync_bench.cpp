@@ -1,8 +1,10 @@
-// Times whole syncs and restores of `qrd`, the syncs beside `unzip -q` of the same archives and beside the least that
-// installing them can take (bench/floor.cpp), in one run, and prints a table.
+// Times whole syncs and restores of `qrd` and prints a table. In the same run stand beside the syncs `unzip -q` of the
+// same archives, the least that installing them can take (bench/floor.cpp), and, where the machine has them, `bsdtar`
+// on two archives at a time and `dpkg -i` of packages with the same content.
 //
 // Usage: sync_bench QRD FOLDER      FOLDER is made, filled and removed; the runs alternate, and the medians count.
 #include "desktop/ArchivePacker.h"
+#include "files/Descriptor.h"
 #include "propertylist/Codec.h"
 
 #include <fcntl.h>
@@ -12,13 +14,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern char** environ;
@@ -130,18 +136,101 @@ Measured syncOnce(const std::string& qrd, const fs::path& folder, const fs::path
     return run({qrd, "sync", device, "--library", library, "--json"});
 }
 
+std::vector<std::string> filesIn(const fs::path& folder) {
+    std::vector<std::string> files;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        files.push_back(entry.path());
+    }
+    std::ranges::sort(files);
+    return files;
+}
+
 double unzipOnce(const fs::path& folder, const fs::path& library) {
     const fs::path target = newFolder(folder);
     fs::create_directories(target);
-    std::vector<fs::path> archives;
-    std::ranges::copy(fs::directory_iterator(library), std::back_inserter(archives));
-    std::ranges::sort(archives);
+    const auto archives = filesIn(library);
     ::sync();
     double seconds = 0;
     for (std::size_t i = 0; i < archives.size(); ++i) {
         seconds += run({"unzip", "-q", archives[i], "-d", target / std::to_string(i)}).seconds;
     }
     return seconds;
+}
+
+double secondsOf(const auto& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+bool isThere(const std::string& program) {
+    return std::system(("command -v " + program + " >/dev/null").c_str()) == 0;
+}
+
+double bsdtarOnce(const fs::path& folder, const fs::path& library) {
+    const fs::path target = newFolder(folder);
+    const auto archives = filesIn(library);
+    for (std::size_t i = 0; i < archives.size(); ++i) {
+        fs::create_directories(target / std::to_string(i));
+    }
+    ::sync();
+    return secondsOf([&] {
+        std::atomic<std::size_t> next = 0;
+        const auto unpack = [&] {
+            for (std::size_t i = next++; i < archives.size(); i = next++) {
+                run({"bsdtar", "-xf", archives[i], "-C", target / std::to_string(i)});
+            }
+        };
+        const std::jthread other(unpack);
+        unpack();
+    });
+}
+
+/// A package for each archive, compressed as that is.
+void makePackages(const fs::path& packages, const fs::path& library) {
+    fs::create_directories(packages);
+    int number = 0;
+    for (const std::string& archive : filesIn(library)) {
+        const std::string name = "bench" + std::to_string(++number);
+        const fs::path content = packages.parent_path() / "packing" / name;
+        fs::create_directories(content / "DEBIAN");
+        writeFile(content / "DEBIAN" / "control", "Package: " + name +
+                                                      "\nVersion: 1\nArchitecture: all\nMaintainer: bench "
+                                                      "<bench@example.com>\nDescription: an app\n");
+        run({"unzip", "-q", archive, "-d", content / "opt" / name});
+        run({"dpkg-deb", "-Zgzip", "--root-owner-group", "--build", content, packages / (name + ".deb")});
+    }
+}
+
+double dpkgOnce(const fs::path& folder, const fs::path& packages) {
+    const fs::path target = newFolder(folder);
+    for (const char* part : {"info", "updates", "triggers"}) {
+        fs::create_directories(target / "var/lib/dpkg" / part);
+    }
+    writeFile(target / "var/lib/dpkg/status", "");
+    std::vector<std::string> install{"dpkg", "--root=" + target.string(), "--force-not-root", "--log=/dev/null", "-i"};
+    std::ranges::copy(filesIn(packages), std::back_inserter(install));
+    ::sync();
+    return run(install).seconds;
+}
+
+/// What making a file of 64 KB durable in the place of another takes, in milliseconds.
+double durableWrite(const fs::path& folder) {
+    const std::string bytes(64 << 10, 'x');
+    const appsync::Descriptor place(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::vector<double> times;
+    for (int i = 0; i < 51; ++i) {
+        times.push_back(1000 * secondsOf([&] {
+                            const appsync::Descriptor file(
+                                ::openat(place.get(), "new", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+                            if (::write(file.get(), bytes.data(), bytes.size()) < 0 || ::fdatasync(file.get()) != 0 ||
+                                ::renameat(place.get(), "new", place.get(), "file") != 0 || ::fsync(place.get()) != 0) {
+                                std::cerr << "cannot write in " << folder << '\n';
+                                std::exit(1);
+                            }
+                        }));
+    }
+    return median(times);
 }
 
 /// The program lies beside `qrd`.
@@ -156,7 +245,7 @@ void row(const char* what, double figure, const char* unit, double bound) {
                 figure <= bound ? "ok" : "MISSED");
 }
 
-void compareWithUnzip(const std::string& qrd, const fs::path& folder) {
+void compareWithOthers(const std::string& qrd, const fs::path& folder) {
     constexpr int apps = 100;
     constexpr int rounds = 3;
     const fs::path library = folder / "library";
@@ -164,42 +253,92 @@ void compareWithUnzip(const std::string& qrd, const fs::path& folder) {
     for (int number = 0; number < apps; ++number) {
         addApp(library, number, 2'800'000, 57, 20'000);
     }
+    const fs::path packages = folder / "packages";
+    const bool hasBsdtar = isThere("bsdtar");
+    const bool hasDpkg = isThere("dpkg-deb");
+    if (hasDpkg) {
+        makePackages(packages, library);
+    }
     std::vector<double> coordinated;
     std::vector<double> own;
     std::vector<double> unzip;
     std::vector<double> least;
+    std::vector<double> bsdtar;
+    std::vector<double> dpkg;
     std::vector<double> peak;
     for (int round = 0; round < rounds; ++round) {
         const Measured sync = syncOnce(qrd, folder, library, true);
+        coordinated.push_back(sync.seconds);
+        peak.push_back(sync.peakMegabytes);
         least.push_back(floorOnce(qrd, folder, library));
         unzip.push_back(unzipOnce(folder, library));
         own.push_back(syncOnce(qrd, folder, library, false).seconds);
-        coordinated.push_back(sync.seconds);
-        peak.push_back(sync.peakMegabytes);
+        if (hasBsdtar) {
+            bsdtar.push_back(bsdtarOnce(folder, library));
+        }
+        if (hasDpkg) {
+            dpkg.push_back(dpkgOnce(folder, packages));
+        }
     }
     std::printf(
-        "100 archives of 4 MB: unzip -q one after another %.2f s, sync %.2f s coordinated, %.2f s by the plug-in, "
-        "the least %.2f s (medians of %d)\n",
-        median(unzip), median(coordinated), median(own), median(least), rounds);
-    row("coordinated sync, wall time beside unzip -q", median(coordinated) / median(unzip), "times", 1.0);
-    row("coordinated sync, wall time beside the least", median(coordinated) / median(least), "times", 1.8);
-    row("sync by the plug-in itself, wall time beside the least", median(own) / median(least), "times", 1.8);
-    row("coordinated sync, peak memory", median(peak), "MB", 150);
-    row("sync by the plug-in itself, wall time beside unzip -q", median(own) / median(unzip), "times", 0.8);
+        "100 archives of 4 MB, medians of %d: sync %.2f s coordinated, %.2f s by the plug-in; the least %.2f s, "
+        "unzip -q one after another %.2f s\n",
+        rounds, median(coordinated), median(own), median(least), median(unzip));
+    row("coordinated sync, wall time beside unzip -q", median(coordinated) / median(unzip), "times", 0.36);
+    row("coordinated sync, wall time beside the least", median(coordinated) / median(least), "times", 1.25);
+    row("sync by the plug-in itself, wall time beside unzip -q", median(own) / median(unzip), "times", 0.36);
+    row("sync by the plug-in itself, wall time beside the least", median(own) / median(least), "times", 1.25);
+    if (hasBsdtar) {
+        row("coordinated sync, wall time beside bsdtar, two at a time", median(coordinated) / median(bsdtar), "times",
+            1);
+    }
+    if (hasDpkg) {
+        row("coordinated sync, wall time beside dpkg -i", median(coordinated) / median(dpkg), "times", 0.15);
+    }
+    row("coordinated sync, peak memory", median(peak), "MB", 100);
 }
 
-void syncManySmall(const std::string& qrd, const fs::path& folder) {
-    constexpr int apps = 1000;
-    const fs::path library = folder / "small" / "library";
+void syncOneLarge(const std::string& qrd, const fs::path& folder) {
+    const fs::path library = folder / "large" / "library";
+    fs::create_directories(library);
+    addApp(library, 0, 2'000'000, 2'000, 280'000); // about half of it compresses
+    std::vector<double> sync;
+    std::vector<double> unzip;
+    std::vector<double> peak;
+    for (int round = 0; round < 3; ++round) {
+        const Measured measured = syncOnce(qrd, folder, library, true);
+        sync.push_back(measured.seconds);
+        peak.push_back(measured.peakMegabytes);
+        unzip.push_back(unzipOnce(folder, library));
+    }
+    std::printf("one archive of %.0f MB with 2000 entries: sync %.2f s, unzip -q %.2f s\n",
+                static_cast<double>(fs::file_size(filesIn(library).front())) / 1e6, median(sync), median(unzip));
+    row("coordinated sync of it, wall time beside unzip -q", median(sync) / median(unzip), "times", 0.45);
+    row("its peak memory", median(peak), "MB", 100);
+}
+
+/// Milliseconds an app.
+double syncManySmall(const std::string& qrd, const fs::path& folder, int apps) {
+    const fs::path library = folder / ("small" + std::to_string(apps)) / "library";
     fs::create_directories(library);
     for (int number = 0; number < apps; ++number) {
         addApp(library, number, 6'000, 2, 1'500);
     }
     std::vector<double> seconds;
+    std::vector<double> writes;
     for (int round = 0; round < 3; ++round) {
+        writes.push_back(durableWrite(folder));
         seconds.push_back(syncOnce(qrd, folder, library, true).seconds);
     }
-    row("coordinated sync of 1000 archives of 10 KB, time an app", median(seconds) * 1000 / apps, "ms", 5);
+    std::printf("%d archives of 10 KB; a durable write of 64 KB takes %.2f ms\n", apps, median(writes));
+    return median(seconds) * 1000 / apps;
+}
+
+void compareSmall(const std::string& qrd, const fs::path& folder) {
+    const double few = syncManySmall(qrd, folder, 1000);
+    row("coordinated sync of 1000 archives of 10 KB, time an app", few, "ms", 2.4);
+    const double many = syncManySmall(qrd, folder, 4000);
+    row("coordinated sync of 4000 of them, time an app", many, "ms", 1.25 * few);
 }
 
 void writeList(const fs::path& path, const appsync::Value& list) {
@@ -261,8 +400,9 @@ int main(int count, char** words) {
     const fs::path folder = words[2];
     fs::remove_all(folder);
     fs::create_directories(folder);
-    compareWithUnzip(words[1], fs::absolute(folder));
-    syncManySmall(words[1], fs::absolute(folder));
+    compareWithOthers(words[1], fs::absolute(folder));
+    syncOneLarge(words[1], fs::absolute(folder));
+    compareSmall(words[1], fs::absolute(folder));
     restoreMany(words[1], fs::absolute(folder));
     fs::remove_all(folder);
     return 0;
