@@ -9,7 +9,6 @@
 #include "values/BundleIdentifier.h"
 
 #include <algorithm>
-#include <thread>
 
 namespace appsync::device {
 
@@ -23,8 +22,7 @@ ErrorPtr endedError(const CoordinatorState& state) {
 } // namespace
 
 CoordinatorEngine::CoordinatorEngine(const CoordinatorServices& services)
-    : _services(services), _store(services.database, services.propertyLists),
-      _workers(std::max(1U, std::thread::hardware_concurrency())) {}
+    : _services(services), _store(services.database, services.propertyLists), _workers(maxStepsAtOnce) {}
 
 CoordinatorEngine::~CoordinatorEngine() {
     std::vector<CoordinatorStatePtr> running;

@@ -1,5 +1,7 @@
 #include "host/session/SyncSession.h"
 
+#include "concurrency/Group.h"
+#include "concurrency/OperationQueue.h"
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
@@ -22,6 +24,8 @@ namespace {
 
 /// A change smaller than this is not worth telling the device.
 constexpr double progressStep = 0.02;
+/// Each is written down durably before the plug-in returns; those that are told of at the same time share one writing.
+constexpr std::size_t maxArrivalsToldAtOnce = 4;
 
 ErrorPtr interruptedError() {
     return transferError(TransferError::interrupted, "The sync was interrupted; sync again to go on.");
@@ -90,25 +94,32 @@ std::vector<QRAssetPtr> SyncSession::_assetsToSend() {
 void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
     const auto queue = std::make_shared<TransferQueue>(assets);
     _parties.deviceService.setQueue(queue);
+    Group telling;
+    OperationQueue arrivals(maxArrivalsToldAtOnce, WithoutThread::runsAtOnce);
     while (const QRAssetPtr asset = queue->next()) {
         const auto sent = asset->isRestore ? _transferRestore(asset, *queue) : _transferOne(asset, *queue);
         if (!sent) {
             _failed(asset, sent.error());
         } else if (!asset->isRestore) {
-            _arrived(asset, kQRAssetPartApplicationPackage);
+            _noteArrival(*asset, kQRAssetPartApplicationPackage);
+            telling.enter();
+            arrivals.addOperation([&, asset] {
+                _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
+                telling.leave();
+            });
         }
     }
+    telling.wait();
     _parties.deviceService.setQueue(nullptr);
     _parties.client.assetTransferEndedWithSuccess(_allTransferred);
 }
 
-void SyncSession::_arrived(const QRAssetPtr& asset, std::uint32_t part) {
+void SyncSession::_noteArrival(QRAsset& asset, std::uint32_t part) {
     // Where a package is that came with an earlier sync, the plug-in knows by the version.
-    const bool isHere = part == kQRAssetPartApplicationPackage || !asset->version();
-    asset->path = isHere ? std::optional(receivedPath(asset->identifier)) : std::nullopt;
-    asset->completedAssetParts = part;
-    _parties.view.transferEnded(asset->identifier, nullptr);
-    _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
+    const bool isHere = part == kQRAssetPartApplicationPackage || !asset.version();
+    asset.path = isHere ? std::optional(receivedPath(asset.identifier)) : std::nullopt;
+    asset.completedAssetParts = part;
+    _parties.view.transferEnded(asset.identifier, nullptr);
 }
 
 void SyncSession::_failed(const QRAssetPtr& asset, const ErrorPtr& error) {
@@ -137,7 +148,8 @@ Result<void> SyncSession::_transferRestore(const QRAssetPtr& asset, const Transf
         if (const auto durable = hasData ? _parties.device.files().sync() : Result<void>(); !durable) {
             return transferError(TransferError::deviceFailed, errorText(durable.error()));
         }
-        _arrived(asset, kQRAssetPartApplicationPackage);
+        _noteArrival(*asset, kQRAssetPartApplicationPackage);
+        _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
     }
     if ((parts & kQRAssetPartApplicationData) == 0 || (needsPackage && !hasData)) {
         return {};
@@ -150,7 +162,8 @@ Result<void> SyncSession::_transferRestore(const QRAssetPtr& asset, const Transf
             return transferError(TransferError::deviceFailed, errorText(restored.error()));
         }
     }
-    _arrived(asset, kQRAssetPartApplicationData);
+    _noteArrival(*asset, kQRAssetPartApplicationData);
+    _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
     return {};
 }
 

@@ -51,7 +51,7 @@ class SyncSession {
     void _transferAll(const std::vector<std::shared_ptr<QRAsset>>& assets);
     /// All parts that the device asks for.
     [[nodiscard]] Result<void> _transferRestore(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
-    void _arrived(const std::shared_ptr<QRAsset>& asset, std::uint32_t part);
+    void _noteArrival(QRAsset& asset, std::uint32_t part);
     void _failed(const std::shared_ptr<QRAsset>& asset, const ErrorPtr& error);
     /// An error when the transfer has to end.
     [[nodiscard]] Result<void> _mayGoOn(const QRAsset& asset, const TransferQueue& queue) const;

@@ -1,6 +1,7 @@
 // Cancelling, prioritising and uninstalling while coordinators are open.
 #include "archive/InstallerError.h"
 #include "concurrency/Semaphore.h"
+#include "device/coordinator/CoordinatorEngine.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "tests/device/coordinator/CoordinatorTest.h"
 
@@ -298,9 +299,8 @@ TEST_F(CoordinatorTest, APersonsCancelIsToldByTheRegistryToo) {
 TEST_F(CoordinatorTest, AnAppThatAPersonWantsFirstOvertakesThoseThatWaitForAWorker) {
     const auto gate = std::make_shared<Gate>("create", ".app/Info.plist");
     reopen(gate);
-    const std::size_t workers = std::max(1U, std::thread::hardware_concurrency());
     std::vector<Preparation> apps;
-    for (std::size_t i = 0; i < workers + 2; ++i) {
+    for (std::size_t i = 0; i < maxStepsAtOnce + 2; ++i) {
         apps.push_back(prepare("com.example.n" + std::to_string(i)));
     }
     coordinator->waitUntilIdle();
@@ -308,14 +308,15 @@ TEST_F(CoordinatorTest, AnAppThatAPersonWantsFirstOvertakesThoseThatWaitForAWork
     for (std::size_t i = 0; i < apps.size(); ++i) {
         deliver(apps[i], makeArchive("com.example.n" + std::to_string(i), "1.0", "N" + std::to_string(i)));
     }
-    gate->waitForArrivals(workers);
-    EXPECT_TRUE(coordinator->prioritizeByUser("com.example.n" + std::to_string(workers + 1)));
+    gate->waitForArrivals(maxStepsAtOnce);
+    EXPECT_TRUE(coordinator->prioritizeByUser("com.example.n" + std::to_string(maxStepsAtOnce + 1)));
     gate->letOnePass();
-    const Lines arrivals = gate->waitForArrivals(workers + 1);
-    EXPECT_NE(arrivals.back().find("N" + std::to_string(workers + 1) + ".app"), std::string::npos) << arrivals.back();
+    const Lines arrivals = gate->waitForArrivals(maxStepsAtOnce + 1);
+    EXPECT_NE(arrivals.back().find("N" + std::to_string(maxStepsAtOnce + 1) + ".app"), std::string::npos)
+        << arrivals.back();
     gate->open();
     coordinator->waitUntilIdle();
-    EXPECT_EQ(registry->applications().size(), workers + 2);
+    EXPECT_EQ(registry->applications().size(), maxStepsAtOnce + 2);
 }
 
 TEST_F(CoordinatorTest, TakingAnInstallBackEndsItAndLeavesTheApp) {
