@@ -19,6 +19,9 @@ class ArchiveFile {
     /// regular file.
     [[nodiscard]] static Result<ArchiveFile> open(int file, const Refusal& refuse);
 
+    /// The same file, for another thread.
+    [[nodiscard]] ArchiveFile another() const { return {_file, _size, *_refuse}; }
+
     /// In bytes, when it was opened.
     [[nodiscard]] std::uint64_t size() const noexcept { return _size; }
     /// `size` bytes from `offset` on, which do not go beyond the file's size. Valid until the next call. Refused when

@@ -21,6 +21,13 @@ class BundleWriter {
     /// The descriptor must stay open as long as the object is used; the fault point may be null.
     BundleWriter(int folder, FaultPoint* faultPoint) : _folder(folder), _faultPoint(faultPoint) {}
 
+    /// For another thread: makes files in folders that are there by now.
+    [[nodiscard]] BundleWriter another() const {
+        BundleWriter writer(_folder, _faultPoint);
+        writer._made = _made;
+        return writer;
+    }
+
     /// Makes a folder and those above it, as far as they do not exist yet.
     [[nodiscard]] Result<void> makeFolder(std::string_view path);
     /// Makes an empty file and the folders above it, opened for writing, with room for the bytes expected.

@@ -1,11 +1,18 @@
 #include "device/archive/Extraction.h"
 
 #include "archive/ArchiveReader.h"
+#include "archive/EntryPath.h"
+#include "concurrency/OperationQueue.h"
+#include "concurrency/Semaphore.h"
 #include "device/archive/BundleWriter.h"
 #include "device/root/PosixError.h"
 #include "files/Syscalls.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 
 namespace appsync::device {
 
@@ -14,13 +21,156 @@ namespace {
 /// What the file system itself needs for a file or folder, at most.
 constexpr std::uint64_t bytesPerEntry = 4096 + 512;
 
+/// An archive from here on is unpacked on several threads if there are cores to spare.
+constexpr std::uint64_t largeArchive = std::uint64_t{32} << 20;
+/// Entries that a thread takes at a time: those that lie together are read together.
+constexpr std::size_t entriesTaken = 8;
+
+ErrorPtr noSpace(const ExtractionRequest& request, const std::string& reason) {
+    return makeInstallerError(InstallerError::notEnoughSpace,
+                              "there is no space to install the archive " + request.archivePath + ": " + reason +
+                                  "; remove apps or files and try again",
+                              request.archivePath);
+}
+
+/// `reason` is what the system says.
+ErrorPtr writingFailed(const ExtractionRequest& request, const ErrorPtr& reason, std::string_view entry) {
+    const auto number = static_cast<int>(reason->code());
+    const std::string text = "writing its entry \"" + printable(entry) + "\": " + systemText(number);
+    return number == ENOSPC || number == EDQUOT
+               ? noSpace(request, text)
+               : makeInstallerError(InstallerError::failed,
+                                    "cannot install the archive " + request.archivePath + ": " + text,
+                                    request.archivePath);
+}
+
+/// Unpacks one file after the other, on one thread.
+class FileUnpacker {
+  public:
+    /// `wrote` is told of bytes that have been written.
+    FileUnpacker(const ExtractionRequest& request, ArchiveFile& file, BundleWriter writer, const Refusal& refuse,
+                 std::function<void(std::uint64_t)> wrote)
+        : _request(request), _reader(file, refuse), _writer(std::move(writer)), _wrote(std::move(wrote)) {}
+
+    [[nodiscard]] BundleWriter& writer() noexcept { return _writer; }
+    /// Holds an entry that is not unpacked to what the archive's directory says.
+    Result<void> check(const ZipDirectory::Entry& entry) { return _reader.open(entry); }
+    /// Of an entry that is not written to the disk.
+    Result<std::string> content(const ZipDirectory::Entry& entry) {
+        const auto opened = _reader.open(entry);
+        return opened ? _reader.content() : opened.error();
+    }
+    /// `content` gets what is written; may be null.
+    Result<void> unpack(const ZipDirectory::Entry& entry, bool isExecutable, std::string* content) {
+        if (const auto opened = _reader.open(entry); !opened) {
+            return opened;
+        }
+        const auto file = _writer.makeFile(entry.path, isExecutable, entry.unpackedBytes);
+        if (!file) {
+            return writingFailed(_request, file.error(), entry.path);
+        }
+        for (;;) {
+            const auto piece = _reader.nextPiece();
+            if (!piece) {
+                return piece.error();
+            }
+            if (piece->empty()) {
+                BundleWriter::finishFile(*file, entry.unpackedBytes);
+                return {};
+            }
+            if (_request.cancel.stop_requested()) {
+                return makeCancelledError(_request.identifier, _request.archivePath);
+            }
+            if (const auto written = _writer.write(*file, *piece, entry.path); !written) {
+                return writingFailed(_request, written.error(), entry.path);
+            }
+            if (content) {
+                content->append(*piece);
+            }
+            _wrote(piece->size());
+        }
+    }
+
+  private:
+    const ExtractionRequest& _request;
+    ArchiveReader _reader;
+    BundleWriter _writer;
+    const std::function<void(std::uint64_t)> _wrote;
+};
+
+/// Files that several threads unpack at once. Of several failures the one of the first entry counts, as if one thread
+/// had unpacked all.
+class SharedFiles {
+  public:
+    explicit SharedFiles(std::vector<const ZipDirectory::Entry*> files)
+        : _files(std::move(files)), _end(_files.size()) {}
+
+    /// Takes files until none is left, or none before one that has failed.
+    void unpack(FileUnpacker& unpacker) {
+        for (std::size_t first = _next.fetch_add(entriesTaken); first < _end; first = _next.fetch_add(entriesTaken)) {
+            for (std::size_t i = first; i < std::min<std::size_t>(first + entriesTaken, _end); ++i) {
+                if (const auto done = unpacker.unpack(*_files[i], _files[i]->isExecutable, nullptr); !done) {
+                    _fail(i, done.error());
+                }
+            }
+        }
+    }
+    /// When no thread unpacks any more.
+    [[nodiscard]] Result<void> outcome() {
+        const Lock lock(_mutex);
+        return _failure;
+    }
+
+  private:
+    void _fail(std::size_t file, const ErrorPtr& error) EXCLUDES(_mutex) {
+        const Lock lock(_mutex);
+        if (file < _end) {
+            _end = file;
+            _failure = error;
+        }
+    }
+
+    const std::vector<const ZipDirectory::Entry*> _files; // in their order
+    std::atomic<std::size_t> _next = 0;
+    std::atomic<std::size_t> _end; // the first that has failed, else their number
+    Mutex _mutex;
+    ErrorPtr _failure GUARDED_BY(_mutex);
+};
+
+/// Cores that nobody else has taken, as long as the object is there.
+class SpareCores {
+  public:
+    explicit SpareCores(Semaphore* cores) : _cores(cores) {
+        while (_cores && _cores->wait(std::chrono::milliseconds(0))) {
+            ++_count;
+        }
+    }
+    ~SpareCores() {
+        for (std::size_t i = 0; i < _count; ++i) {
+            _cores->signal();
+        }
+    }
+    SpareCores(const SpareCores&) = delete;
+    SpareCores& operator=(const SpareCores&) = delete;
+
+    [[nodiscard]] std::size_t count() const noexcept { return _count; }
+
+  private:
+    Semaphore* const _cores;
+    std::size_t _count = 0;
+};
+
 class Extraction {
   public:
     Extraction(const ExtractionRequest& request, ArchiveFile& file, const ZipDirectory& directory, int container,
                const ArchiveLimits& limits, PropertyListSerialization& propertyLists, const Refusal& refuse,
                FaultPoint* faultPoint)
         : _request(request), _directory(directory), _container(container), _limits(limits),
-          _propertyLists(propertyLists), _refuse(refuse), _reader(file, refuse), _writer(container, faultPoint) {}
+          _propertyLists(propertyLists), _refuse(refuse), _file(file),
+          _unpacker(request, file, BundleWriter(container, faultPoint), refuse, [this](std::uint64_t bytes) {
+              _written += bytes;
+              _report();
+          }) {}
 
     Result<ExtractedApplication> run() {
         for (const auto step : {&Extraction::_findApplication, &Extraction::_checkSpace, &Extraction::_unpack,
@@ -49,20 +199,17 @@ class Extraction {
         if (!_request.freeSpace || needed <= *_request.freeSpace) {
             return {};
         }
-        return _noSpace("it needs " + std::to_string(needed) + " bytes, " + std::to_string(*_request.freeSpace) +
-                        " are free");
+        return noSpace(_request, "it needs " + std::to_string(needed) + " bytes, " +
+                                     std::to_string(*_request.freeSpace) + " are free");
     }
 
     Result<void> _unpack() {
         for (const ZipDirectory::Entry& entry : _directory.entries()) {
-            if (const auto opened = _reader.open(entry); !opened) {
-                return opened;
-            }
             if (const auto unpacked = _unpackEntry(entry); !unpacked) {
                 return unpacked;
             }
         }
-        return {};
+        return _shared.empty() ? Result<void>() : _unpackShared();
     }
 
     Result<void> _unpackEntry(const ZipDirectory::Entry& entry) {
@@ -70,89 +217,92 @@ class Extraction {
             return _unpackCompanion(entry);
         }
         if (!entry.path.starts_with(_bundlePrefix) && entry.path != _application.bundleName) {
-            return {}; // not the app's
+            return _unpacker.check(entry); // not the app's
         }
         if (entry.kind == ZipDirectory::Kind::folder) {
-            const auto made = _writer.makeFolder(entry.path);
-            return made ? made : _writingFailed(made.error(), entry.path);
+            const auto checked = _unpacker.check(entry);
+            return checked ? _makeFolder(entry.path) : checked;
         }
         if (entry.kind == ZipDirectory::Kind::link) {
             return _rememberLink(entry);
         }
-        std::string* content = entry.path == _app.infoPath ? &_info : nullptr;
-        if (const auto unpacked = _unpackFile(entry, entry.isExecutable, content); !unpacked) {
-            return unpacked;
-        }
         _application.bytes += entry.unpackedBytes;
-        return content ? _readInfo() : Result<void>();
+        if (entry.path == _app.infoPath) {
+            const auto unpacked = _unpacker.unpack(entry, entry.isExecutable, &_info);
+            return unpacked ? _readInfo() : unpacked;
+        }
+        if (_directory.unpackedBytes() >= largeArchive) {
+            _shared.push_back(&entry);
+            return _makeFolder(parentOf(entry.path));
+        }
+        return _unpacker.unpack(entry, entry.isExecutable, nullptr);
+    }
+
+    Result<void> _makeFolder(std::string_view path) {
+        const auto made = _unpacker.writer().makeFolder(path);
+        return made ? made : writingFailed(_request, made.error(), path);
     }
 
     /// The files beside the app's folder.
     Result<void> _unpackCompanion(const ZipDirectory::Entry& entry) {
         if (entry.path != metadataFileName) {
-            return _unpackFile(entry, false, nullptr);
+            return _unpacker.unpack(entry, false, nullptr);
         }
         if (!_request.wantsMetadata) {
-            return {};
+            return _unpacker.check(entry);
         }
         std::string content;
-        auto unpacked = _unpackFile(entry, false, &content);
+        auto unpacked = _unpacker.unpack(entry, false, &content);
         _application.metadata = Data(std::move(content));
         return unpacked;
     }
 
     Result<void> _rememberLink(const ZipDirectory::Entry& entry) {
-        const auto target = _reader.content();
+        const auto target = _unpacker.content(entry);
         if (!target) {
             return target.error();
         }
         if (const auto checked = checkLinkTarget(entry.path, *target, _refuse); !checked) {
             return checked;
         }
-        _writer.addLink(entry.path, *target);
+        _unpacker.writer().addLink(entry.path, *target);
         return {};
     }
 
-    Result<void> _unpackFile(const ZipDirectory::Entry& entry, bool isExecutable, std::string* content) {
-        const auto file = _writer.makeFile(entry.path, isExecutable, entry.unpackedBytes);
-        if (!file) {
-            return _writingFailed(file.error(), entry.path);
+    /// On this thread, and one more for each core that nobody else has taken.
+    Result<void> _unpackShared() {
+        SharedFiles files(std::move(_shared));
+        const SpareCores cores(_request.spareCores);
+        OperationQueue others(std::max<std::size_t>(cores.count(), 1), WithoutThread::runsAtOnce);
+        for (std::size_t i = 0; i < cores.count(); ++i) {
+            others.addOperation([&] {
+                ArchiveFile file = _file.another();
+                FileUnpacker unpacker(_request, file, _unpacker.writer().another(), _refuse,
+                                      [this](std::uint64_t bytes) { _written += bytes; });
+                files.unpack(unpacker);
+            });
         }
-        for (;;) {
-            const auto piece = _reader.nextPiece();
-            if (!piece) {
-                return piece.error();
-            }
-            if (piece->empty()) {
-                BundleWriter::finishFile(*file, entry.unpackedBytes);
-                return {};
-            }
-            if (_request.cancel.stop_requested()) {
-                return makeCancelledError(_request.identifier, _request.archivePath);
-            }
-            if (const auto written = _writer.write(*file, *piece, entry.path); !written) {
-                return _writingFailed(written.error(), entry.path);
-            }
-            if (content) {
-                content->append(*piece);
-            }
-            _report(piece->size());
-        }
+        files.unpack(_unpacker);
+        others.stop();
+        _report();
+        return files.outcome();
     }
 
     /// Links are looked at once all are there, since one may lead over another.
     Result<void> _makeLinks() {
-        if (_writer.links().empty()) {
+        BundleWriter& writer = _unpacker.writer();
+        if (writer.links().empty()) {
             return {};
         }
-        if (const auto made = _writer.makeLinks(); !made) {
-            return _writingFailed(made.error(), "a symbolic link");
+        if (const auto made = writer.makeLinks(); !made) {
+            return writingFailed(_request, made.error(), "a symbolic link");
         }
         Descriptor bundle;
         if (const int failed = openBeneath(_container, _application.bundleName, O_PATH | O_DIRECTORY, bundle)) {
-            return _writingFailed(makePosixError(failed, "open", _application.bundleName), _application.bundleName);
+            return writingFailed(_request, makePosixError(failed, "open", _application.bundleName),
+                                 _application.bundleName);
         }
-        for (const auto& [path, target] : _writer.links()) {
+        for (const auto& [path, target] : writer.links()) {
             if (const auto checked = checkLink(bundle.get(), path, target, _refuse); !checked) {
                 return checked;
             }
@@ -181,35 +331,17 @@ class Extraction {
                                          : Result<void>();
     }
 
-    void _report(std::uint64_t bytes) {
+    void _report() {
         constexpr double smallestStep = 1.0 / 256;
-        _written += bytes;
         if (!_request.progress) {
             return;
         }
-        const double fraction = static_cast<double>(_written) / static_cast<double>(_directory.unpackedBytes());
-        if (fraction >= _reported + smallestStep || _written == _directory.unpackedBytes()) {
+        const std::uint64_t written = _written;
+        const double fraction = static_cast<double>(written) / static_cast<double>(_directory.unpackedBytes());
+        if (fraction >= _reported + smallestStep || (fraction > _reported && written == _directory.unpackedBytes())) {
             _reported = fraction;
             _request.progress(fraction);
         }
-    }
-
-    [[nodiscard]] ErrorPtr _noSpace(const std::string& reason) const {
-        return makeInstallerError(InstallerError::notEnoughSpace,
-                                  "there is no space to install the archive " + _request.archivePath + ": " + reason +
-                                      "; remove apps or files and try again",
-                                  _request.archivePath);
-    }
-
-    /// `reason` is what the system says.
-    [[nodiscard]] ErrorPtr _writingFailed(const ErrorPtr& reason, std::string_view entry) const {
-        const auto number = static_cast<int>(reason->code());
-        const std::string text = "writing its entry \"" + printable(entry) + "\": " + systemText(number);
-        return number == ENOSPC || number == EDQUOT
-                   ? _noSpace(text)
-                   : makeInstallerError(InstallerError::failed,
-                                        "cannot install the archive " + _request.archivePath + ": " + text,
-                                        _request.archivePath);
     }
 
     const ExtractionRequest& _request;
@@ -218,13 +350,14 @@ class Extraction {
     const ArchiveLimits& _limits;
     PropertyListSerialization& _propertyLists;
     const Refusal& _refuse;
-    ArchiveReader _reader;
-    BundleWriter _writer;
+    ArchiveFile& _file;
+    FileUnpacker _unpacker;
     AppInArchive _app;
     ExtractedApplication _application;
     std::string _bundlePrefix; // "<Name>.app/"
     std::string _info;
-    std::uint64_t _written = 0;
+    std::vector<const ZipDirectory::Entry*> _shared; // files that several threads may unpack, in their order
+    std::atomic<std::uint64_t> _written = 0;         // bytes, by all threads
     double _reported = 0;
 };
 

@@ -15,7 +15,8 @@
 
 namespace appsync {
 class PropertyListSerialization;
-}
+class Semaphore;
+} // namespace appsync
 
 namespace appsync::device {
 
@@ -30,7 +31,8 @@ struct ExtractionRequest {
     std::optional<std::uint64_t> freeSpace; // bytes; nullopt when it is not known
     std::function<void(double)> progress;   // 0 to 1; may be empty
     std::stop_token cancel;
-    bool wantsMetadata = true; // false: the archive's store metadata is left out
+    bool wantsMetadata = true;       // false: the archive's store metadata is left out
+    Semaphore* spareCores = nullptr; // has a count for each core beyond the caller's that may help; null: none may
 };
 
 struct ExtractedApplication {

@@ -53,7 +53,7 @@ class Registry::ArchiveInstall {
         const ExtractionRequest extraction{archive->get(),      _request.archivePath,
                                            _request.identifier, freeSpace ? std::optional(*freeSpace) : std::nullopt,
                                            _progress,           _cancel,
-                                           !_request.metadata};
+                                           !_request.metadata,  &_registry._spareCores};
         auto unpacked = extractApplication(extraction, container.folder(), _registry._options.limits,
                                            _registry._propertyLists, _files.faultPoint());
         if (unpacked) {

@@ -10,7 +10,9 @@
 #include "text/Printable.h"
 #include "values/BundleIdentifier.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <thread>
 
 namespace appsync::device {
 
@@ -78,7 +80,7 @@ Application describe(const RegistryTable::App& app, const InstallProgressPtr& pr
 Registry::Registry(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options)
     : _files(root.files()), _database(database), _propertyLists(propertyLists), _options(options),
       _installs([this] { _announcer.announceChange(); }), _groupCommit(_files, database),
-      _announcer([this] { return _lists(); }) {}
+      _spareCores(std::max(1U, std::thread::hardware_concurrency()) - 1), _announcer([this] { return _lists(); }) {}
 
 Result<std::unique_ptr<Registry>> Registry::open(Root& root, Database& database,
                                                  PropertyListSerialization& propertyLists, RegistryOptions options) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "archive/ArchiveLimits.h"
+#include "concurrency/Semaphore.h"
 #include "device/database/GroupCommit.h"
 #include "device/registry/Announcer.h"
 #include "device/registry/Installs.h"
@@ -219,7 +220,8 @@ class Registry {
     Installs _installs;
     AppLocks _locks;
     GroupCommit _groupCommit;
-    Announcer _announcer; // last: its thread uses the rest
+    Semaphore _spareCores; // beyond those on which installs run
+    Announcer _announcer;  // last: its thread uses the rest
 };
 
 } // namespace appsync::device

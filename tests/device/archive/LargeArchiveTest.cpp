@@ -1,0 +1,119 @@
+// Archives that are so large that several threads unpack them.
+#include "ExtractionFixture.h"
+#include "concurrency/Semaphore.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+namespace appsync::device {
+namespace {
+
+class LargeArchive : public ExtractionTest {
+  protected:
+    LargeArchive() { request.spareCores = &cores; }
+
+    static std::string name(std::size_t number) { return "file" + std::to_string(number); }
+    static std::string contentOf(std::size_t number) {
+        return std::string(megabyte, static_cast<char>('a' + number % 26)) + name(number);
+    }
+    /// Files in several folders, among which the app's own stand.
+    static std::vector<RawEntry> entries() {
+        std::vector<RawEntry> entries;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (i == count / 2) {
+                entries.push_back(RawEntry::stored("Name.app/Info.plist", infoList(identifier)));
+            }
+            entries.push_back(RawEntry::deflated(pathOf(i), contentOf(i)));
+        }
+        return entries;
+    }
+    static std::string pathOf(std::size_t number) {
+        return "Name.app/folder" + std::to_string(number % 3) + "/" + name(number);
+    }
+    /// Which of the entries holds a file.
+    static std::size_t placeOf(std::size_t number) { return number < count / 2 ? number : number + 1; }
+
+    static constexpr std::size_t megabyte = std::size_t{1} << 20;
+    static constexpr std::size_t count = 40;
+    static constexpr unsigned coreCount = 3;
+    Semaphore cores{coreCount};
+};
+
+TEST_F(LargeArchive, IsUnpackedWholeByAllCoresOrByOne) {
+    for (Semaphore* spare : {&cores, static_cast<Semaphore*>(nullptr)}) {
+        request.spareCores = spare;
+        const auto result = extract(rawArchive(entries()));
+        ASSERT_TRUE(result) << errorText(result.error());
+        std::uint64_t bytes = infoList(identifier).size();
+        for (std::size_t i = 0; i < count; ++i) {
+            EXPECT_EQ(content(pathOf(i)), contentOf(i)) << i;
+            bytes += contentOf(i).size();
+        }
+        EXPECT_EQ(result->bytes, bytes);
+        EXPECT_EQ(result->info.string("BXBundleIdentifier"), identifier);
+    }
+}
+
+TEST_F(LargeArchive, GivesTheCoresBack) {
+    ASSERT_TRUE(extract(rawArchive(entries())));
+    for (unsigned i = 0; i < coreCount; ++i) {
+        EXPECT_TRUE(cores.wait(std::chrono::milliseconds(0)));
+    }
+    EXPECT_FALSE(cores.wait(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(extract(rawArchive(entries()))) << "others have them all";
+}
+
+TEST_F(LargeArchive, IsRefusedForItsFirstDamagedFile) {
+    auto damaged = entries();
+    for (const std::size_t file : {37U, 21U, 5U, 6U}) {
+        damaged[placeOf(file)].checksum ^= 1;
+    }
+    EXPECT_EQ(refusalOf(rawArchive(damaged)), code(InstallerError::archiveDamaged));
+    EXPECT_NE(reason.find(pathOf(5) + "\""), std::string::npos) << reason;
+    damaged = entries();
+    damaged[placeOf(count - 1)].checksum ^= 1;
+    EXPECT_EQ(refusalOf(rawArchive(damaged)), code(InstallerError::archiveDamaged));
+    EXPECT_NE(reason.find(pathOf(count - 1) + "\""), std::string::npos) << reason;
+}
+
+TEST_F(LargeArchive, OfAnotherAppIsRefusedBeforeItsFilesAreUnpacked) {
+    request.identifier = "org.example.other";
+    EXPECT_EQ(refusalOf(rawArchive(entries())), code(InstallerError::identifierMismatch));
+    EXPECT_FALSE(exists(pathOf(0)));
+}
+
+TEST_F(LargeArchive, ReportsItsProgressOnTheCallersThread) {
+    std::vector<double> reported;
+    request.progress = [&, caller = std::this_thread::get_id()](double fraction) {
+        EXPECT_EQ(std::this_thread::get_id(), caller);
+        reported.push_back(fraction);
+    };
+    ASSERT_TRUE(extract(rawArchive(entries())));
+    ASSERT_FALSE(reported.empty());
+    EXPECT_TRUE(std::ranges::is_sorted(reported));
+    EXPECT_EQ(reported.back(), 1.0);
+}
+
+TEST_F(LargeArchive, EndsOnAllThreadsWhenItIsCancelled) {
+    std::stop_source source;
+    request.cancel = source.get_token();
+    request.progress = [&](double) { source.request_stop(); };
+    EXPECT_EQ(refusalOf(rawArchive(entries())), code(InstallerError::cancelled));
+}
+
+TEST_F(LargeArchive, FindsTheDiskFullOnAnyThread) {
+    const std::string archive = rawArchive(entries());
+    faults->forget();
+    ASSERT_TRUE(extract(archive));
+    const std::size_t changes = faults->count();
+    for (const std::size_t change : {changes / 4, changes / 2, changes - 1}) {
+        faults->forget();
+        faults->failAt = static_cast<int>(change);
+        faults->failure = ENOSPC;
+        EXPECT_EQ(refusalOf(archive), code(InstallerError::notEnoughSpace)) << change;
+    }
+}
+
+} // namespace
+} // namespace appsync::device
