@@ -2,11 +2,16 @@
 
 #include "propertylist/Utf.h"
 
+#include <optional>
+
 namespace appsync {
 
 namespace {
 
-std::optional<std::string_view> findUnsafeName(std::string_view name) noexcept {
+/// What is wrong, as the end of a sentence about the entry; nullopt when nothing is.
+using Fault = std::optional<std::string_view>;
+
+Fault faultOfName(std::string_view name) noexcept {
     constexpr std::size_t maxNameBytes = 255;
     if (name.empty()) {
         return "has an empty name in its path";
@@ -20,9 +25,7 @@ std::optional<std::string_view> findUnsafeName(std::string_view name) noexcept {
     return std::nullopt;
 }
 
-} // namespace
-
-std::optional<std::string_view> findUnsafe(std::string_view path, const ArchiveLimits& limits) noexcept {
+Fault faultOf(std::string_view path, const ArchiveLimits& limits) noexcept {
     if (path.starts_with('/')) {
         return "has an absolute path";
     }
@@ -41,8 +44,8 @@ std::optional<std::string_view> findUnsafe(std::string_view path, const ArchiveL
     std::uint64_t depth = 0;
     for (std::string_view rest = path;;) {
         const std::size_t slash = rest.find('/');
-        if (const auto unsafe = findUnsafeName(rest.substr(0, slash))) {
-            return unsafe;
+        if (const Fault fault = faultOfName(rest.substr(0, slash))) {
+            return fault;
         }
         if (slash == std::string_view::npos) {
             return std::nullopt;
@@ -52,6 +55,18 @@ std::optional<std::string_view> findUnsafe(std::string_view path, const ArchiveL
         }
         rest.remove_prefix(slash + 1);
     }
+}
+
+} // namespace
+
+bool isSafePath(std::string_view path, const ArchiveLimits& limits) noexcept {
+    return !faultOf(path, limits);
+}
+
+Result<void> checkPath(std::string_view path, const ArchiveLimits& limits, const Refusal& refuse,
+                       std::string_view entry) {
+    const Fault fault = faultOf(path, limits);
+    return fault ? refuse(InstallerError::unsafePath, entry, *fault) : nullptr;
 }
 
 } // namespace appsync

@@ -2,8 +2,9 @@
 #pragma once
 
 #include "archive/ArchiveLimits.h"
+#include "archive/InstallerError.h"
+#include "values/Result.h"
 
-#include <optional>
 #include <string_view>
 
 namespace appsync {
@@ -11,10 +12,13 @@ namespace appsync {
 /// The end of a sentence about an entry that no archive may hold.
 inline constexpr std::string_view unsupportedKind = "is neither a file, a folder nor a symbolic link";
 
-/// Why a path is not safe to create below a folder, as the end of a sentence about its entry; nullopt when it is. Safe
-/// is a relative path of plain names, each at most 255 bytes long: no "..", no ".", no empty name, no backslash (which
-/// some systems take for a separator), no control character, valid UTF-8.
-[[nodiscard]] std::optional<std::string_view> findUnsafe(std::string_view path, const ArchiveLimits& limits) noexcept;
+/// Whether a path is safe to create below a folder: a relative path of plain names, each at most 255 bytes long: no
+/// "..", no ".", no empty name, no backslash (which some systems take for a separator), no control character, valid
+/// UTF-8.
+[[nodiscard]] bool isSafePath(std::string_view path, const ArchiveLimits& limits) noexcept;
+/// Refuses an entry whose path is not safe.
+[[nodiscard]] Result<void> checkPath(std::string_view path, const ArchiveLimits& limits, const Refusal& refuse,
+                                     std::string_view entry);
 
 /// What stands before the last "/"; empty when there is none.
 [[nodiscard]] inline std::string_view parentOf(std::string_view path) noexcept {

@@ -199,8 +199,8 @@ class ZipDirectory::Reader {
         if (path.ends_with('/')) {
             path.remove_suffix(1);
         }
-        if (const auto unsafe = findUnsafe(path, _limits)) {
-            return _refuse(InstallerError::unsafePath, record.name, *unsafe);
+        if (const auto checked = checkPath(path, _limits, _refuse, record.name); !checked) {
+            return checked;
         }
         if (*kind == Kind::folder && record.sizes.unpacked != 0) {
             return _refuse(InstallerError::archiveDamaged, path, "is a folder with content");

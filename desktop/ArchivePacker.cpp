@@ -149,8 +149,8 @@ class Contents {
     Result<void> _add(const fs::path& path, const std::string& name, int bundle) {
         std::error_code failure;
         PackedEntry entry{path, name, fs::symlink_status(path, failure).type()};
-        if (const auto unsafe = findUnsafe(entry.name, _limits)) {
-            return _refuse(InstallerError::unsafePath, entry.name, *unsafe);
+        if (const auto checked = checkPath(entry.name, _limits, _refuse, entry.name); !checked) {
+            return checked;
         }
         if (entry.type == fs::file_type::symlink) {
             entry.linkTarget = fs::read_symlink(path, failure).string();

@@ -14,7 +14,7 @@
 
 namespace appsync::device {
 
-/// Paths are relative to the folder and safe (`findUnsafe`); no two are alike and none lies below a file or link. What
+/// Paths are relative to the folder and safe (`isSafePath`); no two are alike and none lies below a file or link. What
 /// fails has an error of `posixErrorDomain`.
 class BundleWriter {
   public:

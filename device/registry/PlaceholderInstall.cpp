@@ -113,7 +113,7 @@ class Registry::PlaceholderInstall {
     [[nodiscard]] std::string _bundleName() const {
         const std::string_view own = lastNameOf(_request.bundlePath);
         const bool isUsable = own.size() > bundleExtension.size() && own.ends_with(bundleExtension) &&
-                              !findUnsafe(own, _registry._options.limits);
+                              isSafePath(own, _registry._options.limits);
         return isUsable ? std::string(own) : _request.identifier + std::string(bundleExtension);
     }
 

@@ -215,7 +215,7 @@ void Registry::_describe(RegistryRecord& record, const Dictionary& info, const s
     record.name = text("BXBundleDisplayName").value_or(text("BXBundleExecutable").value_or(record.identifier));
     record.version = text("BXBundleVersion");
     record.iconFile = text("BXBundleIconFile");
-    if (record.iconFile && findUnsafe(*record.iconFile, _options.limits)) {
+    if (record.iconFile && !isSafePath(*record.iconFile, _options.limits)) {
         record.iconFile.reset();
     }
     const auto list = sinf ? _propertyLists.propertyListWithData(sinf->bytes(), nullptr) : std::nullopt;

@@ -261,7 +261,15 @@ class Restore {
             row.reason = _type == desktopRestore
                              ? "The device could not prepare it; `qrd log` tells why."
                              : "A restore of type " + std::to_string(_type) + " brings no apps back.";
-            (void)_device.backup().cancelRestore(row.identifier);
+            _giveUpData(row);
+        }
+    }
+
+    /// Of an app that has no placeholder; one without data has nothing to give up.
+    void _giveUpData(AppReport& row) {
+        const auto given = _device.backup().cancelRestore(row.identifier);
+        if (!given && !isError(given.error(), device::backupErrorDomain, device::BackupError::nothingToCancel)) {
+            row.reason += " Its data is still on the device: " + reasonOf(given.error());
         }
     }
 
