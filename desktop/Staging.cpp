@@ -2,6 +2,7 @@
 
 #include "platform/FileSystem.h"
 #include "platform/PropertyListSerialization.h"
+#include "platform/host/Places.h"
 
 #include <algorithm>
 #include <set>
@@ -10,9 +11,8 @@ namespace appsync::desktop {
 
 namespace {
 
-const std::string stagingArea = "/var/mobile/Media/PublicStaging/ApplicationSync";
 // Written aside and moved into place whole, so that a sync never finds half of it.
-const std::string unfinished = "/var/mobile/Media/PublicStaging/.ApplicationSync.unfinished";
+const std::string unfinished = std::string(paths::publicStaging) + "/.ApplicationSync.unfinished";
 
 Result<void> makeFolder(FileSystem& device, const std::string& path, bool withParents) {
     ErrorPtr error;
@@ -121,9 +121,9 @@ Result<void> writeStagingArea(FileSystem& device, PropertyListSerialization& pro
         device.removeItem(unfinished, nullptr);
         return done;
     }
-    device.removeItem(stagingArea, nullptr);
+    device.removeItem(paths::stagingArea, nullptr);
     ErrorPtr error;
-    return device.moveItem(unfinished, stagingArea, &error) ? Result<void>() : error;
+    return device.moveItem(unfinished, paths::stagingArea, &error) ? Result<void>() : error;
 }
 
 } // namespace appsync::desktop

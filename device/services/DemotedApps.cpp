@@ -3,6 +3,7 @@
 #include "device/root/DeviceFileSystem.h"
 #include "platform/ApplicationRegistry.h"
 #include "platform/PropertyListSerialization.h"
+#include "platform/host/Places.h"
 
 namespace appsync::device {
 
@@ -60,7 +61,7 @@ void DemotionLists::take(const std::string& identifier) {
 
 DemotedApps::DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists)
     : _files(files), _propertyLists(propertyLists) {
-    const auto bytes = _files.readFile(demotedAppsPath, nullptr);
+    const auto bytes = _files.readFile(paths::demotedApps, nullptr);
     const auto root = bytes ? _propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
     _lists = (root ? DemotionLists::fromPropertyList(*root) : std::nullopt).value_or(DemotionLists{});
 }
@@ -103,9 +104,9 @@ Result<void> DemotedApps::remove(const std::string& identifier) {
 Result<void> DemotedApps::_keep(DemotionLists lists) {
     ErrorPtr error;
     const auto bytes = _propertyLists.dataWithPropertyList(lists.propertyList(), PropertyListFormat::binary, &error);
-    const std::string_view folder = demotedAppsPath.substr(0, demotedAppsPath.rfind('/'));
+    const std::string_view folder = paths::demotedApps.substr(0, paths::demotedApps.rfind('/'));
     if (!bytes || !_files.createDirectory(folder, true, std::nullopt, &error) ||
-        !_files.writeFileAtomically(demotedAppsPath, bytes->bytes(), &error)) {
+        !_files.writeFileAtomically(paths::demotedApps, bytes->bytes(), &error)) {
         return error;
     }
     _lists = std::move(lists);

@@ -22,9 +22,6 @@ namespace appsync::device {
 
 class DeviceFileSystem;
 
-inline constexpr std::string_view demotedAppsPath =
-    "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist";
-
 struct DemotionLists {
     std::set<std::string> automatic;
     std::set<std::string> intentional;

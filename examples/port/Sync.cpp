@@ -4,6 +4,7 @@
 // Usage: port_sync BUNDLE
 #include "Device.h"
 #include "PlugIn.h"
+#include "platform/host/Places.h"
 
 #include <iostream>
 
@@ -11,8 +12,8 @@ namespace {
 
 using namespace port;
 
-const std::string publicStaging = "/var/mobile/Media/PublicStaging";
-const std::string staging = publicStaging + "/ApplicationSync";
+const std::string publicStaging(appsync::paths::publicStaging);
+const std::string staging(appsync::paths::stagingArea);
 const std::string workArea = "/var/mobile/Library/ApplicationSync/TamblinStuff";
 const std::string app = "com.example.notes";
 

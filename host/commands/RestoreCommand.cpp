@@ -13,6 +13,7 @@
 #include "host/plugin/ClientOnDevice.h"
 #include "host/view/SyncReport.h"
 #include "host/view/SyncView.h"
+#include "platform/host/Places.h"
 #include "propertylist/Codec.h"
 
 #include <fcntl.h>
@@ -26,8 +27,8 @@ namespace appsync::host {
 namespace {
 
 constexpr int desktopRestore = 2; // the type for which the plug-in reads the restore info
-const std::string restoreFolder = "/var/mobile/Media/TamblinRestore";
-const std::string restoreInfoPath = restoreFolder + "/" + std::string(restoreInfoName);
+const std::string restoreInfoPath(paths::restoreInfo);
+const std::string restoreFolder = restoreInfoPath.substr(0, restoreInfoPath.rfind('/'));
 /// Where an app's data arrives before the backup service takes it.
 const std::string incomingFolder = "/tmp/com.zuvex.qrd.RestoreData";
 

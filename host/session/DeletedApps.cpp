@@ -2,6 +2,7 @@
 
 #include "device/Device.h"
 #include "platform/PropertyListSerialization.h"
+#include "platform/host/Places.h"
 
 #include <algorithm>
 
@@ -29,8 +30,7 @@ Result<void> writeLastSyncApps(device::Device& device) {
     ErrorPtr error;
     const auto bytes = device.propertyLists().dataWithPropertyList(identifiers, PropertyListFormat::binary, &error);
     if (bytes) {
-        device.files().writeFileAtomically("/var/mobile/Library/ApplicationSync/LastSyncAppState.plist", bytes->bytes(),
-                                           &error);
+        device.files().writeFileAtomically(paths::lastSyncAppState, bytes->bytes(), &error);
     }
     return error;
 }

@@ -2,9 +2,11 @@
 
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
+#include "device/root/Paths.h"
 #include "device/services/StoreClient.h"
 #include "host/transfer/Transfer.h"
 #include "platform/PropertyListSerialization.h"
+#include "platform/host/Places.h"
 
 #include <set>
 #include <string>
@@ -12,9 +14,6 @@
 namespace appsync::host {
 
 namespace {
-
-constexpr std::string_view restoreStatePath = "/var/mobile/Library/ApplicationSync/RestoreState.plist";
-constexpr std::string_view placeholderFolder = "/tmp/com.zuvex.qrd.Apps";
 
 std::string joined(std::string_view folder, std::string_view name) {
     return std::string(folder).append("/").append(name);
@@ -29,7 +28,7 @@ bool isAwaited(device::Device& device, std::string_view identifier) {
 /// The paths that the plug-in will ask for again: root[identifier][version]["path"].
 std::set<std::string> rememberedPaths(device::Device& device) {
     std::set<std::string> paths;
-    const auto bytes = device.files().readFile(restoreStatePath, nullptr);
+    const auto bytes = device.files().readFile(paths::restoreState, nullptr);
     const auto root = bytes ? device.propertyLists().propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
     if (!root || root->dictionary() == nullptr) {
         return paths;
@@ -79,10 +78,11 @@ void clearPlaceholderBundles(device::Device& device) {
     for (const device::OpenCoordinator& coordinator : device.coordinator().openCoordinators()) {
         inUse.insert(coordinator.bundleID + ".app");
     }
-    const auto names = device.files().list(placeholderFolder);
+    const std::string folder = joined(device::temporaryFolder, paths::placeholdersFolderName);
+    const auto names = device.files().list(folder);
     for (const std::string& name : names ? *names : std::vector<std::string>()) {
         if (!inUse.contains(name)) {
-            device.files().removeItem(joined(placeholderFolder, name), nullptr);
+            device.files().removeItem(joined(folder, name), nullptr);
         }
     }
 }

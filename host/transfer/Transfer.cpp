@@ -5,6 +5,7 @@
 #include "files/Syscalls.h"
 #include "host/transfer/Bandwidth.h"
 #include "host/transfer/TransferQueue.h"
+#include "platform/host/Places.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,7 +21,7 @@ namespace appsync::host {
 namespace {
 
 constexpr std::size_t pieceSize = std::size_t{1} << 20;
-const std::string publicStaging = "/var/mobile/Media/PublicStaging/";
+const std::string publicStaging = std::string(paths::publicStaging) + "/";
 
 ErrorPtr deviceError(int number, const std::string& path) {
     if (number == ENOSPC || number == EDQUOT) {

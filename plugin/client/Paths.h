@@ -1,5 +1,7 @@
-// The plug-in's fixed places on the device.
+// The plug-in's own places on the device; those that it shares stand in platform/host/Places.h.
 #pragma once
+
+#include "platform/host/Places.h"
 
 #include <optional>
 #include <string>
@@ -13,14 +15,8 @@ inline constexpr std::string_view toDoList = "/var/mobile/Library/ApplicationSyn
 inline constexpr std::string_view toDoListDebugCopy =
     "/var/mobile/Library/ApplicationSync/TamblinStuff/ApplicationsSync.plist-debug.plist";
 inline constexpr std::string_view iconState = "/var/mobile/Library/ApplicationSync/TamblinStuff/SkellanIconState.plist";
-inline constexpr std::string_view lastSyncAppState = "/var/mobile/Library/ApplicationSync/LastSyncAppState.plist";
-inline constexpr std::string_view restoreState = "/var/mobile/Library/ApplicationSync/RestoreState.plist";
 inline constexpr std::string_view assetSortOrder = "/var/mobile/Library/ApplicationSync/AssetSortOrder.plist";
 inline constexpr std::string_view icons = "/var/mobile/Library/ApplicationSync/Icons";
-inline constexpr std::string_view publicStaging = "/var/mobile/Media/PublicStaging";
-inline constexpr std::string_view stagingArea = "/var/mobile/Media/PublicStaging/ApplicationSync";
-inline constexpr std::string_view demotedApps = "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist";
-inline constexpr std::string_view restoreInfo = "/var/mobile/Media/TamblinRestore/RestoreApplications.plist";
 inline constexpr std::string_view processedRestoreInfo =
     "/var/mobile/Library/Logs/MediaServices/RestoreApplications.plist";
 

@@ -71,7 +71,7 @@ bool AppsClient::_makeIconFromBundlePath_saveTo(const std::optional<std::string>
 }
 
 std::string AppsClient::placeholderAppPathForBundleIdentifier(std::string_view bundleIdentifier) {
-    const std::string apps = paths::join(_platform.process.temporaryDirectory(), "com.zuvex.qrd.Apps");
+    const std::string apps = paths::join(_platform.process.temporaryDirectory(), paths::placeholdersFolderName);
     return paths::join(apps, bundleIdentifier) + ".app";
 }
 

@@ -2,6 +2,7 @@
 #include "device/services/BackupService.h"
 #include "device/root/Paths.h"
 #include "device/services/DemotedApps.h"
+#include "platform/host/Places.h"
 #include "propertylist/Codec.h"
 #include "tests/device/root/Faults.h"
 #include "tests/device/services/OpenRoot.h"
@@ -263,7 +264,7 @@ TEST_F(DemotedAppsTest, AnAppIsOnOneListAndTheFileOutlastsTheProcess) {
 
 TEST_F(DemotedAppsTest, ADamagedFileCountsAsEmpty) {
     ASSERT_TRUE(device.files().createDirectory("/var/mobile/Library/Preferences", true, std::nullopt, nullptr));
-    ASSERT_TRUE(device.files().createFile(demotedAppsPath, "damaged", {}));
+    ASSERT_TRUE(device.files().createFile(paths::demotedApps, "damaged", {}));
     DemotedApps demoted(device.files(), codec);
     EXPECT_EQ(demoted.lists().propertyList(),
               (Dictionary{{"AutomaticDowngrades", Array{}}, {"IntentionalDowngrades", Array{}}}));

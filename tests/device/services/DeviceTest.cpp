@@ -18,6 +18,7 @@
 #include "platform/Process.h"
 #include "platform/Scheduler.h"
 #include "platform/Store.h"
+#include "platform/host/Places.h"
 #include "platform/stubs/Stubs.h"
 #include "tests/concurrency/NoMoreThreads.h"
 #include "tests/device/archive/ArchiveBuilder.h"
@@ -275,7 +276,7 @@ TEST_F(DeviceTest, AFailureAfterWhichItGoesOnIsLogged) {
     request.identifier = A;
     ASSERT_TRUE(device->registry().installPlaceholder(request));
     ASSERT_TRUE(device->demotedApps().add(A, false));
-    faults->failBelow = {demotedAppsPath};
+    faults->failBelow = {paths::demotedApps};
     EXPECT_TRUE(device->registry().uninstall(A, RemovalReason::person, RemovalScope::everything));
     const std::string path = device->root().hostPath(logFilePath);
     reopen();
