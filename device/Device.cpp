@@ -82,7 +82,8 @@ Device::~Device() = default;
 Result<std::unique_ptr<Device>> Device::create(const std::string& folder, const DeviceOptions& options,
                                                const DeviceEnvironment& environment) {
     std::unique_ptr<Device> device(new Device());
-    const auto known = device->_openDatabase(Root::create(folder, environment.faultPoint, environment.purpose));
+    const auto known =
+        device->_openDatabase(Root::create(folder, environment.faultPoint, environment.purpose), environment.timeline);
     if (!known) {
         return known.error();
     }
@@ -115,7 +116,7 @@ Result<std::unique_ptr<Device>> Device::look(const std::string& folder) {
 Result<std::unique_ptr<Device>> Device::_open(Result<std::unique_ptr<Root>> root, const std::string& folder,
                                               const DeviceEnvironment& environment, bool looks) {
     std::unique_ptr<Device> device(new Device());
-    const auto known = device->_openDatabase(std::move(root), looks);
+    const auto known = device->_openDatabase(std::move(root), environment.timeline, looks);
     if (!known) {
         return known.error();
     }
@@ -128,11 +129,12 @@ Result<std::unique_ptr<Device>> Device::_open(Result<std::unique_ptr<Root>> root
 }
 
 /// Whether installs go through coordinators; nullopt when the device has not been made completely.
-Result<std::optional<bool>> Device::_openDatabase(Result<std::unique_ptr<Root>> root, bool looks) {
+Result<std::optional<bool>> Device::_openDatabase(Result<std::unique_ptr<Root>> root, Timeline* timeline, bool looks) {
     if (!root) {
         return root.error();
     }
     _root = std::move(*root);
+    files().setTimeline(timeline);
     auto database = looks ? Database::look(*_root) : Database::open(*_root);
     if (!database) {
         return database.error();

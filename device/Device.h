@@ -60,6 +60,7 @@ struct DeviceEnvironment {
     std::string purpose = "another command";          // what others are told who find the device in use
     RegistryOptions registry = {};
     LogLimits log = {};
+    Timeline* timeline = nullptr; // of what it does; may be null, and must outlive the device
 };
 
 /// Any thread. Objects that its services hand out, and clients made with its platform, must be gone before it.
@@ -134,7 +135,8 @@ class Device {
 
   private:
     Device();
-    [[nodiscard]] Result<std::optional<bool>> _openDatabase(Result<std::unique_ptr<Root>> root, bool looks = false);
+    [[nodiscard]] Result<std::optional<bool>> _openDatabase(Result<std::unique_ptr<Root>> root, Timeline* timeline,
+                                                            bool looks = false);
     [[nodiscard]] static Result<std::unique_ptr<Device>> _open(Result<std::unique_ptr<Root>> root,
                                                                const std::string& folder,
                                                                const DeviceEnvironment& environment, bool looks);

@@ -30,6 +30,7 @@ struct SyncArguments {
     bool dryRun = false;
     JsonOutput json = JsonOutput::none;
     std::string bandwidth = {}; // of the transfers, "10MB/s"; empty: as fast as it goes
+    std::string trace = {};     // the file for the timeline; empty: none
 };
 [[nodiscard]] ExitCode sync(const SyncArguments& arguments);
 
@@ -126,6 +127,7 @@ struct RestoreArguments {
     int type = 2;          // the restore type that the plug-in is told
     std::string plugin = {};
     JsonOutput json = JsonOutput::none;
+    std::string trace = {}; // the file for the timeline; empty: none
 };
 [[nodiscard]] ExitCode restore(const RestoreArguments& arguments);
 
@@ -134,6 +136,7 @@ struct StoreArguments {
     std::string device = {};
     std::string catalogue = {}; // a folder of app archives
     JsonOutput json = JsonOutput::none;
+    std::string trace = {}; // the file for the timeline; empty: none
 };
 [[nodiscard]] ExitCode store(const StoreArguments& arguments);
 

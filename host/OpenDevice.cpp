@@ -58,8 +58,9 @@ std::string shellWord(const std::string& text) {
     return quoted + "'";
 }
 
-std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code, const char* purpose) {
-    return opened(device::Device::open(folder, {.purpose = purpose}), folder, code);
+std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code, const char* purpose,
+                                           Timeline* timeline) {
+    return opened(device::Device::open(folder, {.purpose = purpose, .timeline = timeline}), folder, code);
 }
 
 std::unique_ptr<device::Device> lookAtDevice(const std::string& folder, ExitCode* code) {

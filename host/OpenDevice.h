@@ -7,6 +7,9 @@
 #include <memory>
 #include <string>
 
+namespace appsync {
+class Timeline;
+}
 namespace appsync::device {
 class Device;
 }
@@ -14,9 +17,9 @@ class Device;
 namespace appsync::host {
 
 /// The device, opened; null after telling the person why not, with the exit code in `code`. `purpose` is what others
-/// are told who want to change it meanwhile, such as "a sync".
-[[nodiscard]] std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code,
-                                                         const char* purpose);
+/// are told who want to change it meanwhile, such as "a sync"; the timeline must outlive the device.
+[[nodiscard]] std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code, const char* purpose,
+                                                         Timeline* timeline = nullptr);
 /// The same to look at it, whatever else runs on it.
 [[nodiscard]] std::unique_ptr<device::Device> lookAtDevice(const std::string& folder, ExitCode* code);
 

@@ -90,6 +90,11 @@ class CommandLine {
             });
     }
 
+    static CLI::Option* _addTrace(CLI::App* command, std::string& file) {
+        return command->add_option("--trace", file, "Write a timeline of all that is done, as trace-event JSON")
+            ->type_name("FILE");
+    }
+
     /// What a person wants to do with these commands; the help shows them together.
     void _group(const char* purpose, std::initializer_list<const char*> commands) {
         for (const char* command : commands) {
@@ -130,9 +135,11 @@ class CommandLine {
             "--downgrade", _sync.downgrade,
             "Replace a newer version by the library's. Without it the newer one stays, which is a failure "
             "for an app that --install names");
-        command->add_flag("--dry-run", _sync.dryRun, "Say what would be done, do nothing, and exit as the sync would");
+        auto* dryRun = command->add_flag("--dry-run", _sync.dryRun,
+                                         "Say what would be done, do nothing, and exit as the sync would");
         _addJson(command, _sync.json);
         command->add_option("--bandwidth", _sync.bandwidth, "Send no faster than this, for example 10MB/s");
+        _addTrace(command, _sync.trace)->excludes(dryRun);
         command->add_option("--plugin", _sync.plugin, "The plug-in bundle, instead of the one beside this program");
         _choose(command, _sync, sync);
     }
@@ -149,6 +156,7 @@ class CommandLine {
         restoring->add_option("--from", _restore.from, "The folder that `backup` has made")->required();
         restoring->add_option("--type", _restore.type, "The restore type that the plug-in is told (default 2)");
         _addJson(restoring, _restore.json);
+        _addTrace(restoring, _restore.trace);
         restoring->add_option("--plugin", _restore.plugin,
                               "The plug-in bundle, instead of the one beside this program");
         _choose(restoring, _restore, restore);
@@ -157,6 +165,7 @@ class CommandLine {
         bringing->add_option("DIR", _store.device, "The device")->required();
         bringing->add_option("--catalogue", _store.catalogue, "The store's folder of app archives")->required();
         _addJson(bringing, _store.json);
+        _addTrace(bringing, _store.trace);
         _choose(bringing, _store, store);
     }
 

@@ -9,6 +9,7 @@
 #include "files/Syscalls.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
+#include "timeline/Timeline.h"
 
 #include <algorithm>
 #include <atomic>
@@ -88,6 +89,7 @@ class FileUnpacker {
                 content->append(*piece);
             }
             _wrote(piece->size());
+            Timeline::add(_request.timeline, Counter::bytesUnpacked, piece->size());
         }
     }
 
@@ -173,6 +175,7 @@ class Extraction {
           }) {}
 
     Result<ExtractedApplication> run() {
+        const Span span(_request.timeline, "unpacking", _request.identifier);
         for (const auto step : {&Extraction::_findApplication, &Extraction::_checkSpace, &Extraction::_unpack,
                                 &Extraction::_makeLinks, &Extraction::_checkInfo}) {
             if (const auto done = (this->*step)(); !done) {
@@ -276,6 +279,7 @@ class Extraction {
         OperationQueue others(std::max<std::size_t>(cores.count(), 1), WithoutThread::runsAtOnce);
         for (std::size_t i = 0; i < cores.count(); ++i) {
             others.addOperation([&] {
+                const Span span(_request.timeline, "unpacking", _request.identifier);
                 ArchiveFile file = _file.another();
                 FileUnpacker unpacker(_request, file, _unpacker.writer().another(), _refuse,
                                       [this](std::uint64_t bytes) { _written += bytes; });
@@ -371,7 +375,10 @@ Result<ExtractedApplication> extractApplication(const ExtractionRequest& request
     if (!file) {
         return file.error();
     }
-    const auto directory = ZipDirectory::read(*file, limits, refuse);
+    const auto directory = [&] {
+        const Span span(request.timeline, "checking", request.identifier);
+        return ZipDirectory::read(*file, limits, refuse);
+    }();
     if (!directory) {
         return directory.error();
     }

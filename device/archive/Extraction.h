@@ -16,6 +16,7 @@
 namespace appsync {
 class PropertyListSerialization;
 class Semaphore;
+class Timeline;
 } // namespace appsync
 
 namespace appsync::device {
@@ -33,6 +34,7 @@ struct ExtractionRequest {
     std::stop_token cancel;
     bool wantsMetadata = true;       // false: the archive's store metadata is left out
     Semaphore* spareCores = nullptr; // has a count for each core beyond the caller's that may help; null: none may
+    Timeline* timeline = nullptr;    // may be null
 };
 
 struct ExtractedApplication {

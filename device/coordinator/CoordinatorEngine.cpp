@@ -4,8 +4,10 @@
 #include "device/coordinator/CoordinatorHandles.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
+#include "device/root/DeviceFileSystem.h"
 #include "device/root/PosixError.h"
 #include "platform/host/Log.h"
+#include "timeline/Timeline.h"
 #include "values/BundleIdentifier.h"
 
 #include <algorithm>
@@ -240,6 +242,7 @@ CoordinatorEngine::Step CoordinatorEngine::_nextStep(const CoordinatorState& sta
 
 void CoordinatorEngine::_work() {
     if (const auto job = _takeJob()) {
+        const Span span(_services.files.timeline(), "coordinator", job->state->bundleID);
         _record(*job, job->perform());
     }
     _busy.leave();
@@ -380,7 +383,8 @@ void CoordinatorEngine::_waitForEnd(const CoordinatorState& state) {
 /// Tells of the outcome. Its row stays until somebody has been told, so that it outlasts the process until then.
 void CoordinatorEngine::_reportEnd(const CoordinatorStatePtr& state) {
     const auto call = [handle = makeCoordinatorHandle(*this, state), error = state->facts.error,
-                       client = state->facts.cancelledBy](KXAppInstallObserverDelegate& delegate) {
+                       client = state->facts.cancelledBy, state, this](KXAppInstallObserverDelegate& delegate) {
+        const Span span(_services.files.timeline(), "callback", state->bundleID);
         if (client) {
             delegate.coordinator_canceledWithReason_client(handle, error, *client);
         } else {

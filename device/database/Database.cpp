@@ -3,6 +3,7 @@
 #include "device/database/DatabaseFiles.h"
 #include "device/root/Root.h"
 #include "files/Syscalls.h"
+#include "timeline/Timeline.h"
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -79,7 +80,7 @@ std::string_view remedy(int code) {
 
 Database::Database(Descriptor folder, Root& root, bool isReadOnly)
     : _folder(std::move(folder)), _path(root.databasePath()), _faultPoint(root.files().faultPoint()),
-      _isReadOnly(isReadOnly) {}
+      _timeline(root.files().timeline()), _isReadOnly(isReadOnly) {}
 
 Result<std::unique_ptr<Database>> Database::_make(Root& root, bool isReadOnly) {
     auto folder = root.openDatabaseFolder();
@@ -359,7 +360,10 @@ Result<void> Database::Transaction::commit() noexcept {
     if (const int failed = error() ? 0 : beforeChange(_database._faultPoint, "commit", _database._path)) {
         _database._fail(DatabaseError::failed, "committing: " + systemText(failed));
     }
+    const bool isDurable = _database._durability == Durability::durable;
+    const Span span(isDurable ? _database._timeline : nullptr, "commit");
     _database._run("COMMIT");
+    Timeline::add(isDurable && !error() ? _database._timeline : nullptr, Counter::syncs);
     return error();
 }
 

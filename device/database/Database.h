@@ -21,6 +21,10 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
+namespace appsync {
+class Timeline;
+}
+
 namespace appsync::device {
 
 class Root;
@@ -180,6 +184,7 @@ class Database {
     const Descriptor _folder;
     const std::string _path; // on this machine, for messages
     FaultPoint* const _faultPoint;
+    Timeline* const _timeline; // may be null
     const bool _isReadOnly;
     Mutex _mutex; // held by the present transaction, which alone uses the rest
     sqlite3* _handle = nullptr;

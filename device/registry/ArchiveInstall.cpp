@@ -5,6 +5,7 @@
 #include "device/registry/UninstalledList.h"
 #include "device/root/Container.h"
 #include "device/root/DeviceFileSystem.h"
+#include "timeline/Timeline.h"
 
 #include <fcntl.h>
 
@@ -28,6 +29,7 @@ class Registry::ArchiveInstall {
                 return done;
             }
         }
+        const Span span(_files.timeline(), "swap", _request.identifier);
         _registry._table.install(_record, _arrival);
         for (const RegistryRecordPtr& old : {_before.installed, _before.placeholder}) {
             if (old) {
@@ -53,7 +55,8 @@ class Registry::ArchiveInstall {
         const ExtractionRequest extraction{archive->get(),      _request.archivePath,
                                            _request.identifier, freeSpace ? std::optional(*freeSpace) : std::nullopt,
                                            _progress,           _cancel,
-                                           !_request.metadata,  &_registry._spareCores};
+                                           !_request.metadata,  &_registry._spareCores,
+                                           _files.timeline()};
         auto unpacked = extractApplication(extraction, container.folder(), _registry._options.limits,
                                            _registry._propertyLists, _files.faultPoint());
         if (unpacked) {
@@ -103,6 +106,7 @@ class Registry::ArchiveInstall {
         }
         _record = _makeRecord(container.name());
         _arrival = _registry._table.arrivalOf(_before);
+        const Span span(_files.timeline(), "making durable", _request.identifier);
         const auto entered = _registry._enter(container, Durability::durable, [this](auto& transaction) {
             RegistryTable::write(transaction, *_record, _arrival);
             RegistryTable::erase(transaction, _record->identifier, true);
@@ -128,6 +132,8 @@ Result<void> Registry::installArchive(const ArchiveRequest& request) {
         return checked;
     }
     const AppLocks::Held held(_locks, request.identifier);
+    Timeline::endWaiting(_files.timeline(), request.identifier);
+    const Span span(_files.timeline(), "install", request.identifier);
     std::stop_source cancellation;
     const std::stop_callback forward(request.cancel, [&] { cancellation.request_stop(); });
     const auto shown = _installs.findOrMake(request.identifier, PDInstallPhaseInstalling);

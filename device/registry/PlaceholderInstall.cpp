@@ -7,6 +7,7 @@
 #include "device/root/DeviceFileSystem.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"
+#include "timeline/Timeline.h"
 
 namespace appsync::device {
 
@@ -190,6 +191,7 @@ Result<void> Registry::installPlaceholder(const PlaceholderRequest& request) {
         return checked;
     }
     const AppLocks::Held held(_locks, request.identifier);
+    const Span span(_files.timeline(), "placeholder", request.identifier);
     auto installed = PlaceholderInstall(*this, request).run();
     if (installed) {
         _announcer.announceChange();

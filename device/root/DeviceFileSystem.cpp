@@ -19,6 +19,13 @@ int checkPath(std::string_view path) {
     return path.starts_with('/') && path.find('\0') == std::string_view::npos ? 0 : EINVAL;
 }
 
+/// Zero or an errno number.
+int flush(int (*sync)(int), int opened, Timeline* timeline) {
+    const Span span(timeline, "flush");
+    Timeline::add(timeline, Counter::syncs);
+    return errnoOf(sync(opened));
+}
+
 bool report(int failed, std::string_view operation, std::string_view path, ErrorPtr* error) {
     if (failed != 0 && error) {
         *error = makePosixError(failed, operation, path);
@@ -62,14 +69,14 @@ class DeviceFileSystem::NewFile {
         _failed = _create();
         _change("write", [&] { return fill(_file.get()); });
         if (isDurable) {
-            _change("sync", [&] { return errnoOf(::fdatasync(_file.get())); });
+            _change("sync", [&] { return flush(::fdatasync, _file.get(), _files.timeline()); });
         }
         const int folder = _place.folder.get();
         _change("rename",
                 [&] { return errnoOf(::renameat(folder, _temporaryName.c_str(), folder, _place.name.c_str())); });
         _isInPlace = _failed == 0;
         if (isDurable) {
-            _change("sync folder", [&] { return errnoOf(::fsync(folder)); });
+            _change("sync folder", [&] { return flush(::fsync, folder, _files.timeline()); });
         }
         return _failed;
     }
@@ -318,7 +325,7 @@ Result<std::uint64_t> DeviceFileSystem::treeSize(std::string_view path) noexcept
 Result<void> DeviceFileSystem::sync() noexcept {
     int failed = beforeChange(faultPoint(), "sync all", "/");
     if (failed == 0) {
-        failed = errnoOf(::syncfs(_root.get()));
+        failed = flush(::syncfs, _root.get(), timeline());
     }
     return failed == 0 ? ErrorPtr() : makePosixError(failed, "writing out the file system of", "/");
 }

@@ -7,6 +7,7 @@
 #include "device/root/PosixError.h"
 #include "files/Descriptor.h"
 #include "platform/FileSystem.h"
+#include "timeline/Timeline.h"
 #include "values/Result.h"
 
 #include <sys/types.h>
@@ -63,6 +64,10 @@ class DeviceFileSystem final : public FileSystem {
     /// Removes the temporary files that interrupted writes left in a folder and below it.
     void removeLeftovers(std::string_view path) noexcept;
     [[nodiscard]] FaultPoint* faultPoint() const noexcept { return _faultPoint.get(); }
+    /// Of all that the device does; null when nobody wants one.
+    [[nodiscard]] Timeline* timeline() const noexcept { return _timeline; }
+    /// Before anything else.
+    void setTimeline(Timeline* timeline) noexcept { _timeline = timeline; }
 
   private:
     struct Place;
@@ -76,6 +81,7 @@ class DeviceFileSystem final : public FileSystem {
 
     const Descriptor _root;
     const std::shared_ptr<FaultPoint> _faultPoint;
+    Timeline* _timeline = nullptr;
     Accounts _accounts;
 };
 

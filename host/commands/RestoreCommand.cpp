@@ -9,6 +9,7 @@
 #include "host/backup/BackupFolder.h"
 #include "host/backup/CopyTree.h"
 #include "host/commands/Outcome.h"
+#include "host/commands/TraceFile.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/ClientOnDevice.h"
 #include "host/view/SyncReport.h"
@@ -308,16 +309,20 @@ ExitCode restore(const RestoreArguments& arguments) {
     if (!content) {
         return fail(reasonOf(content.error()), ExitCode::someAppFailed);
     }
+    auto trace = TraceFile::open(arguments.trace);
+    if (!trace) {
+        return fail(reasonOf(trace.error()));
+    }
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a restore");
+    const auto device = openDevice(arguments.device, &code, "a restore", trace->timeline());
     if (device == nullptr) {
         return code;
     }
     device->coordinator().waitUntilIdle();
     const Interrupt interrupt;
     SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
-    const SyncReport report =
-        Restore(*device, std::move(*content), *folder, view).run(arguments.type, arguments.plugin);
+    SyncReport report = Restore(*device, std::move(*content), *folder, view).run(arguments.type, arguments.plugin);
+    trace->finish(report);
     return tellOutcome(report, arguments.json, {"The backup holds no apps.", "restore again"});
 }
 

@@ -2,9 +2,11 @@
 #include "desktop/AppLibrary.h"
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
+#include "device/root/DeviceFileSystem.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/commands/Outcome.h"
+#include "host/commands/TraceFile.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/Leftovers.h"
@@ -13,6 +15,7 @@
 #include "host/view/SyncReport.h"
 #include "host/view/SyncView.h"
 #include "platform/Platform.h"
+#include "timeline/Timeline.h"
 
 #include <algorithm>
 #include <iostream>
@@ -154,6 +157,7 @@ class StoreClient {
                 return error;
             }
         }
+        Timeline::beginWaiting(_device.files().timeline(), "waiting", order.identifier);
         promise->setComplete(true);
         return {};
     }
@@ -170,8 +174,12 @@ class StoreClient {
 } // namespace
 
 ExitCode store(const StoreArguments& arguments) {
+    auto trace = TraceFile::open(arguments.trace);
+    if (!trace) {
+        return fail(reasonOf(trace.error()));
+    }
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a visit to the store");
+    const auto device = openDevice(arguments.device, &code, "a visit to the store", trace->timeline());
     if (device == nullptr) {
         return code;
     }
@@ -193,6 +201,7 @@ ExitCode store(const StoreArguments& arguments) {
         report.problems.push_back(file.reason);
     }
     report.interrupted = Interrupt::requested();
+    trace->finish(report);
     return tellOutcome(report, arguments.json, {"No app waits for the store.", "`qrd store` again"});
 }
 

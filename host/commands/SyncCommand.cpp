@@ -5,6 +5,7 @@
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/commands/Outcome.h"
+#include "host/commands/TraceFile.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/Leftovers.h"
@@ -40,8 +41,12 @@ ExitCode sync(const SyncArguments& arguments) {
     if (!arguments.bandwidth.empty() && !bytesPerSecond) {
         return fail("'" + arguments.bandwidth + "' is no bandwidth; write one like 10MB/s.", ExitCode::wrongUse);
     }
+    auto trace = TraceFile::open(arguments.trace);
+    if (!trace) {
+        return fail(reasonOf(trace.error()));
+    }
     ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a sync");
+    const auto device = openDevice(arguments.device, &code, "a sync", trace->timeline());
     if (device == nullptr) {
         return code;
     }
@@ -73,6 +78,7 @@ ExitCode sync(const SyncArguments& arguments) {
     SyncReport report = runSync(*device, std::move(plan), options, view);
     report.began = began;
     report.ended = std::chrono::system_clock::now();
+    trace->finish(report);
     return tellOutcome(report, arguments.json, words);
 }
 

@@ -5,6 +5,7 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/coordinator/InstallObservers.h"
 #include "device/log/TransactionLog.h"
+#include "device/root/DeviceFileSystem.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/Notifications.h"
 #include "host/OpenDevice.h"
@@ -18,6 +19,7 @@
 #include "host/session/SyncSession.h"
 #include "host/transfer/TransferQueue.h"
 #include "platform/host/Client.h"
+#include "timeline/Timeline.h"
 
 namespace appsync::host {
 
@@ -41,6 +43,8 @@ SyncReport unfinished(const SyncReport& planned) {
 } // namespace
 
 SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& options, SyncView& view) {
+    Timeline* const timeline = device.files().timeline();
+    const Span span(timeline, "sync");
     SyncReport report = unfinished(plan.report);
     if (const auto staged = desktop::writeStagingArea(device.files(), device.propertyLists(), plan.list,
                                                       device.homeScreen().flattenedOrder());
@@ -53,7 +57,9 @@ SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& opt
         report.failure = plugIn.error();
         return report;
     }
-    InstallOutcomes outcomes([&view, &outcomes](std::string_view identifier, const ErrorPtr& error) {
+    InstallOutcomes outcomes([&view, &outcomes, timeline](std::string_view identifier, const ErrorPtr& error) {
+        const Span span(timeline, "report", identifier);
+        Timeline::endWaiting(timeline, identifier);
         const bool isCancelled = error != nullptr && outcomes.isCancelled(identifier);
         view.installEnded(identifier, isCancelled ? cancelledByUserError() : error);
     });
@@ -63,6 +69,7 @@ SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& opt
     ObservedWorkspace workspace(devicePlatform.workspaces.defaultWorkspace(), outcomes);
     BusyApps busyApps(devicePlatform.homeScreen, devicePlatform.scheduler,
                       [&](const std::string& identifier, BusyApps::Time nextTry) {
+                          Timeline::beginWaiting(timeline, "busy", identifier);
                           view.installWaits(identifier,
                                             "it is busy; let go of it with `" +
                                                 letGoCommand(device.root().hostPath(""), identifier) + "`",

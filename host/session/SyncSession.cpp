@@ -5,6 +5,7 @@
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
+#include "device/root/DeviceFileSystem.h"
 #include "device/services/BackupService.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
@@ -14,6 +15,7 @@
 #include "host/transfer/Transfer.h"
 #include "host/transfer/TransferQueue.h"
 #include "platform/host/Client.h"
+#include "timeline/Timeline.h"
 
 #include <algorithm>
 #include <utility>
@@ -54,6 +56,7 @@ SyncReport SyncSession::run() {
 }
 
 Result<void> SyncSession::_open() {
+    const Span span(_parties.device.files().timeline(), "beginning");
     QRClient& client = _parties.client;
     const auto dataclasses = client.supportedDataclasses();
     if (std::ranges::find(dataclasses, "Application") == dataclasses.end()) {
@@ -75,6 +78,7 @@ std::vector<QRAssetPtr> SyncSession::_assetsToSend() {
     if (_parties.client.responds(QRClientOperation::installedAssets)) {
         _deleted = deletedApps(_parties.client.installedAssets());
     }
+    const Span span(_parties.device.files().timeline(), "planning");
     std::vector<QRAssetPtr> assets;
     std::vector<AppStatus> planned;
     for (const QRAssetPtr& asset : _parties.client.outstandingAssetTransfers()) {
@@ -104,11 +108,12 @@ void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
             _noteArrival(*asset, kQRAssetPartApplicationPackage);
             telling.enter();
             arrivals.addOperation([&, asset] {
-                _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
+                _tellArrival(asset);
                 telling.leave();
             });
         }
     }
+    const Span span(_parties.device.files().timeline(), "end of transfers");
     telling.wait();
     _parties.deviceService.setQueue(nullptr);
     _parties.client.assetTransferEndedWithSuccess(_allTransferred);
@@ -120,6 +125,12 @@ void SyncSession::_noteArrival(QRAsset& asset, std::uint32_t part) {
     asset.path = isHere ? std::optional(receivedPath(asset.identifier)) : std::nullopt;
     asset.completedAssetParts = part;
     _parties.view.transferEnded(asset.identifier, nullptr);
+    Timeline::beginWaiting(_parties.device.files().timeline(), "waiting", asset.identifier);
+}
+
+void SyncSession::_tellArrival(const QRAssetPtr& asset) {
+    const Span span(_parties.device.files().timeline(), "arrival", asset->identifier);
+    _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
 }
 
 void SyncSession::_failed(const QRAssetPtr& asset, const ErrorPtr& error) {
@@ -149,7 +160,7 @@ Result<void> SyncSession::_transferRestore(const QRAssetPtr& asset, const Transf
             return transferError(TransferError::deviceFailed, errorText(durable.error()));
         }
         _noteArrival(*asset, kQRAssetPartApplicationPackage);
-        _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
+        _tellArrival(asset);
     }
     if ((parts & kQRAssetPartApplicationData) == 0 || (needsPackage && !hasData)) {
         return {};
@@ -163,7 +174,7 @@ Result<void> SyncSession::_transferRestore(const QRAssetPtr& asset, const Transf
         }
     }
     _noteArrival(*asset, kQRAssetPartApplicationData);
-    _parties.client.assetTransfer_succeeded_withError(asset, true, nullptr);
+    _tellArrival(asset);
     return {};
 }
 
@@ -198,6 +209,7 @@ Result<void> SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQu
 }
 
 void SyncSession::_close() {
+    const Span span(_parties.device.files().timeline(), "closing");
     _parties.device.coordinator().waitUntilIdle();
     clearReceivedFiles(_parties.device, _plan.goingOn);
     _parties.view.ended();

@@ -52,6 +52,7 @@ class SyncSession {
     /// All parts that the device asks for.
     [[nodiscard]] Result<void> _transferRestore(const std::shared_ptr<QRAsset>& asset, const TransferQueue& queue);
     void _noteArrival(QRAsset& asset, std::uint32_t part);
+    void _tellArrival(const std::shared_ptr<QRAsset>& asset);
     void _failed(const std::shared_ptr<QRAsset>& asset, const ErrorPtr& error);
     /// An error when the transfer has to end.
     [[nodiscard]] Result<void> _mayGoOn(const QRAsset& asset, const TransferQueue& queue) const;

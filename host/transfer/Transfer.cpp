@@ -6,6 +6,7 @@
 #include "host/transfer/Bandwidth.h"
 #include "host/transfer/TransferQueue.h"
 #include "platform/host/Places.h"
+#include "timeline/Timeline.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -34,7 +35,7 @@ ErrorPtr deviceError(int number, const std::string& path) {
 
 /// Appends to the destination what of the source has not arrived yet.
 Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const std::string& path,
-                        const TransferRequest& request) {
+                        const TransferRequest& request, Timeline* timeline) {
     const off_t arrived = ::lseek(destination, 0, SEEK_END);
     if (arrived < 0) {
         return deviceError(errno, path);
@@ -59,6 +60,7 @@ Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const s
             return deviceError(failed, path);
         }
         sent += *length;
+        Timeline::add(timeline, Counter::bytesSent, *length);
         if (request.bandwidth != nullptr) {
             request.bandwidth->sent(*length);
         }
@@ -68,6 +70,7 @@ Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const s
 
 /// What has arrived becomes durable before it gets the name that a later transfer believes.
 void keepBegun(device::DeviceFileSystem& files, int destination, const std::string& path, const std::string& begun) {
+    Timeline::add(files.timeline(), Counter::syncs);
     if (::fsync(destination) != 0 || !files.moveItem(path, begun, nullptr)) {
         files.removeItem(path, nullptr); // the transfer begins anew
     }
@@ -96,6 +99,7 @@ Result<void> transfer(device::DeviceFileSystem& files, const TransferRequest& re
 }
 
 Result<void> copyToDevice(device::DeviceFileSystem& files, const TransferRequest& request, const std::string& path) {
+    const Span span(files.timeline(), "transfer", request.app.identifier);
     ErrorPtr error;
     auto source = desktop::ArchiveSource::open(request.app);
     if (!source) {
@@ -113,7 +117,7 @@ Result<void> copyToDevice(device::DeviceFileSystem& files, const TransferRequest
         if (!destination) {
             return transferError(TransferError::deviceFailed, errorText(destination.error()));
         }
-        error = copyPieces(*source, destination->get(), unfinished, request).error();
+        error = copyPieces(*source, destination->get(), unfinished, request, files.timeline()).error();
         if (isError(error, hostTransferErrorDomain, TransferError::interrupted)) {
             keepBegun(files, destination->get(), unfinished, begun);
             return error;
