@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <span>
 
 namespace appsync::device {
 
@@ -24,8 +25,8 @@ constexpr std::uint64_t bytesPerEntry = 4096 + 512;
 
 /// An archive from here on is unpacked on several threads if there are cores to spare.
 constexpr std::uint64_t largeArchive = std::uint64_t{32} << 20;
-/// Entries that a thread takes at a time: those that lie together are read together.
-constexpr std::size_t entriesTaken = 8;
+/// What a thread takes at a time: files that lie together are read together, up to this many bytes or a larger one.
+constexpr std::uint64_t bytesTaken = std::uint64_t{1} << 20;
 
 ErrorPtr noSpace(const ExtractionRequest& request, const std::string& reason) {
     return makeInstallerError(InstallerError::notEnoughSpace,
@@ -107,23 +108,32 @@ class SharedFiles {
     explicit SharedFiles(std::vector<const ZipDirectory::Entry*> files)
         : _files(std::move(files)), _end(_files.size()) {}
 
-    /// Takes files until none is left, or none before one that has failed.
+    /// Unpacks files until none is left, or none before one that has failed.
     void unpack(FileUnpacker& unpacker) {
-        for (std::size_t first = _next.fetch_add(entriesTaken); first < _end; first = _next.fetch_add(entriesTaken)) {
-            for (std::size_t i = first; i < std::min<std::size_t>(first + entriesTaken, _end); ++i) {
-                if (const auto done = unpacker.unpack(*_files[i], _files[i]->isExecutable, nullptr); !done) {
-                    _fail(i, done.error());
+        for (auto files = _take(); !files.empty(); files = _take()) {
+            for (const ZipDirectory::Entry* const& file : files) {
+                if (const auto done = unpacker.unpack(*file, file->isExecutable, nullptr); !done) {
+                    _fail(static_cast<std::size_t>(&file - _files.data()), done.error());
+                    break;
                 }
             }
         }
     }
     /// When no thread unpacks any more.
-    [[nodiscard]] Result<void> outcome() {
+    [[nodiscard]] Result<void> outcome() EXCLUDES(_mutex) {
         const Lock lock(_mutex);
         return _failure;
     }
 
   private:
+    [[nodiscard]] std::span<const ZipDirectory::Entry* const> _take() EXCLUDES(_mutex) {
+        const Lock lock(_mutex);
+        const std::size_t first = _next;
+        for (std::uint64_t bytes = 0; _next < _end && bytes < bytesTaken; ++_next) {
+            bytes += _files[_next]->unpackedBytes;
+        }
+        return std::span(_files).subspan(first, _next - first);
+    }
     void _fail(std::size_t file, const ErrorPtr& error) EXCLUDES(_mutex) {
         const Lock lock(_mutex);
         if (file < _end) {
@@ -133,9 +143,9 @@ class SharedFiles {
     }
 
     const std::vector<const ZipDirectory::Entry*> _files; // in their order
-    std::atomic<std::size_t> _next = 0;
-    std::atomic<std::size_t> _end; // the first that has failed, else their number
     Mutex _mutex;
+    std::size_t _next GUARDED_BY(_mutex) = 0;
+    std::size_t _end GUARDED_BY(_mutex); // the first that has failed, else their number
     ErrorPtr _failure GUARDED_BY(_mutex);
 };
 

@@ -147,7 +147,7 @@ FAULTS = [
           '        for (int times = 0; times < 20000; ++times) {\n'
           '            scheduler.runAfter(std::chrono::hours(10000), [] {});\n        }\n    });\n', rush()),
     Fault('the to-do list keeps its records: the to-do list; replay', 'plugin/client/WorkFiles.cpp',
-          '    record.set("operation", operation);', '    toDoList.erase(item);', rush()),
+          '            record.set("operation", change->operation);', '            toDoList.erase(item);', rush()),
     Fault('each asset ends in the state that its way leads to: * ends as DOWNLOADED', 'plugin/pipeline/TransferCompletion.cpp',
           'changeAssetID_toDo(asset->identifier, "INSTALLED");', 'changeAssetID_toDo(asset->identifier, "DOWNLOADED");',
           rush()),
