@@ -5,6 +5,7 @@
 #include "host/view/Print.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -62,6 +63,14 @@ struct StatusArguments {
     bool json = false;
 };
 [[nodiscard]] ExitCode showSyncStatus(const StatusArguments& arguments);
+
+/// Shows the device in a browser of this machine, until the process is asked to end.
+struct WatchArguments {
+    std::string device = {};
+    std::uint16_t port = 0; // 0: any free one
+    bool opensBrowser = false;
+};
+[[nodiscard]] ExitCode watch(const WatchArguments& arguments);
 
 struct AppsArguments {
     std::string device = {};

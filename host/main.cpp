@@ -38,7 +38,7 @@ class CommandLine {
         _group("Bring apps to a device", {"device", "sync", "status", "prioritize", "cancel"});
         _group("Back up and restore", {"backup", "restore", "store"});
         _group("Use the device", {"launch", "quit", "demote", "uninstall", "reset"});
-        _group("Look at a device", {"apps", "screen", "log", "inventory", "metrics", "accounts"});
+        _group("Look at a device", {"apps", "screen", "watch", "log", "inventory", "metrics", "accounts"});
         _group("Make and check files", {"pack", "plist"});
         _app.footer("Exit codes: 0 all done, 1 some app failed, 2 wrong use, 3 the device is in use (try again), "
                     "4 the device root cannot be used, 5 anything else, 130 interrupted, 129 hung up, 141 nobody reads "
@@ -248,6 +248,19 @@ class CommandLine {
         screen->add_option("DIR", _screen.device, "The device")->required();
         screen->add_option("-o,--output", _screen.output, "The PNG file to write")->required();
         _choose(screen, _screen, drawScreen);
+
+        auto* watching = _app.add_subcommand("watch", "Show a device in the browser, while it is used");
+        watching->add_option("DIR", _watch.device, "The device")->required();
+        watching->add_option("--port", _watch.port, "The port of 127.0.0.1 to serve it at; any free one without it")
+            ->type_name("N")
+            ->check([](const std::string& text) {
+                constexpr unsigned long last = 65535;
+                const bool isNumber =
+                    !text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == std::string::npos;
+                return isNumber && std::stoul(text) <= last ? "" : "'" + text + "' is no port, a number up to 65535";
+            });
+        watching->add_flag("--open", _watch.opensBrowser, "Open the browser, too");
+        _choose(watching, _watch, watch);
     }
 
     void _addTools() {
@@ -303,6 +316,7 @@ class CommandLine {
     AppsArguments _apps;
     LogArguments _log;
     ScreenArguments _screen;
+    WatchArguments _watch;
     PackArguments _pack;
     PlistArguments _plist;
 };

@@ -6,6 +6,7 @@
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
 #include "host/control/RunningSync.h"
+#include "host/view/AppState.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/Table.h"
@@ -22,16 +23,6 @@ namespace appsync::host {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-const char* stateOf(const device::Application& app, bool isRunning) {
-    if (!app.isPlaceholder) {
-        return isRunning ? "running" : "installed";
-    }
-    if (app.isDemoted() && !app.progress) {
-        return "demoted";
-    }
-    return app.isInstalled ? "updating" : "waiting";
-}
 
 std::string shownState(const device::Application& app, bool isRunning) {
     const bool isComing = app.isPlaceholder && app.progress;

@@ -6,6 +6,7 @@
 #include "device/root/Root.h"
 #include "host/Commands.h"
 #include "host/LocalTime.h"
+#include "host/LogJson.h"
 #include "host/Nearest.h"
 #include "host/OpenDevice.h"
 #include "host/control/Interrupt.h"
@@ -30,10 +31,6 @@ using Json = nlohmann::ordered_json;
 
 constexpr std::size_t followedLines = 10; // of what was there before
 constexpr int followInterval = 200;       // milliseconds between two looks for what is new
-
-const char* levelName(LogLevel level) {
-    return level == LogLevel::error ? "error" : "default";
-}
 
 /// What a person wants to see.
 struct Wish {
@@ -172,10 +169,7 @@ class Messages final : public LogSource {
     [[nodiscard]] LogLine _lineOf(const device::LogEntry& entry) const {
         LogLine line{device::parseLogTime(entry.time), entry.level, _json ? "" : entry.text, {}};
         if (_json) {
-            line.json = {{"time", entry.time},
-                         {"level", levelName(entry.level)},
-                         {"source", entry.source},
-                         {"text", entry.text}};
+            line.json = toJsonObject(entry);
         }
         return line;
     }

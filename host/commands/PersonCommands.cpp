@@ -30,18 +30,10 @@ std::string percentIn(const Json& object) {
     return std::to_string(static_cast<int>(std::min(numberIn(object, "fraction"), 1.0) * 100)) + "%";
 }
 
-/// What is said where no sync can be asked: a device may be in use by another command, or by a sync that just begins.
-std::string noSyncSentence(const std::string& folder) {
-    const std::string owner = describeOwner(folder);
-    return owner.empty() ? "No sync is running on " + folder + "."
-                         : folder + " is in use by " + owner + ", which does not say how far it is.";
-}
-
 Json noSyncJson(const std::string& folder) {
     Json status{{"version", jsonVersion}, {"running", false}, {"apps", Json::array()}};
     if (const auto owner = device::Root::owner(folder)) {
-        status["inUseBy"] = {
-            {"purpose", owner->purpose}, {"process", owner->process}, {"since", device::formatLogTime(owner->since)}};
+        status["inUseBy"] = toJsonObject(*owner);
     }
     return status;
 }

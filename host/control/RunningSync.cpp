@@ -2,6 +2,7 @@
 
 #include "device/Device.h"
 #include "device/services/Notifications.h"
+#include "host/OpenDevice.h"
 #include "host/view/Print.h"
 #include "host/view/SyncReport.h"
 #include "host/view/SyncStatus.h"
@@ -54,6 +55,15 @@ Json RunningSync::ask(const ControlRequest& request) {
     return next();
 }
 
+bool RunningSync::send(const ControlRequest& request) const {
+    return writeLine(_connection.get(), toJson(request));
+}
+
+bool RunningSync::hasNext() const {
+    pollfd awaited{_connection.get(), POLLIN, 0};
+    return _buffer.find('\n') != std::string::npos || ::poll(&awaited, 1, 0) > 0;
+}
+
 Json RunningSync::next() {
     std::string line;
     const ReadResult result = readLine(_connection.get(), _buffer, line);
@@ -70,6 +80,16 @@ bool RunningSync::waitForNext(int instead) const {
            errno == EINTR) {
     }
     return awaited[1].revents == 0;
+}
+
+std::string noSyncSentence(const std::string& folder) {
+    const std::string owner = describeOwner(folder);
+    return owner.empty() ? "No sync is running on " + folder + "."
+                         : folder + " is in use by " + owner + ", which does not say how far it is.";
+}
+
+Json toJsonObject(const device::DeviceOwner& owner) {
+    return {{"purpose", owner.purpose}, {"process", owner.process}, {"since", device::formatLogTime(owner.since)}};
 }
 
 std::string textIn(const Json& object, const char* key) {

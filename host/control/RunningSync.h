@@ -12,7 +12,8 @@
 
 namespace appsync::device {
 class Device;
-}
+struct DeviceOwner;
+} // namespace appsync::device
 
 namespace appsync::host {
 
@@ -29,6 +30,12 @@ class RunningSync {
     [[nodiscard]] bool isThere() const { return _connection.isOpen() || !_problem.empty(); }
     /// An answer; of another kind than an object when none came, as `problem` says then.
     [[nodiscard]] nlohmann::ordered_json ask(const ControlRequest& request);
+    /// Sends a request whose answers are read later, with `next`. False when nobody reads any more.
+    [[nodiscard]] bool send(const ControlRequest& request) const;
+    /// Whether the next line, its begin at least, or the end can be read without waiting for it.
+    [[nodiscard]] bool hasNext() const;
+    /// -1 when nothing is connected.
+    [[nodiscard]] int descriptor() const noexcept { return _connection.get(); }
     /// The next line of an answer that has several.
     [[nodiscard]] nlohmann::ordered_json next();
     /// False when something else is to be read instead, from this descriptor. Waits without a bound.
@@ -43,6 +50,10 @@ class RunningSync {
     std::string _buffer;
     Descriptor _connection;
 };
+
+/// What is said where no sync can be asked: a device may be in use by another command, or by a sync that just begins.
+[[nodiscard]] std::string noSyncSentence(const std::string& deviceFolder);
+[[nodiscard]] nlohmann::ordered_json toJsonObject(const device::DeviceOwner& owner);
 
 // Of an answer; an element of another kind counts as absent.
 

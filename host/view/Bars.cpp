@@ -123,16 +123,6 @@ Line lineOf(const AppStatus& app, const Layout& layout) {
     return fittedLine({{text}}, layout.columns);
 }
 
-/// To be sent yet, which those of an app that has failed are not.
-std::uint64_t bytesLeft(const SyncStatus& status) {
-    std::uint64_t left = 0;
-    for (const AppStatus& app : status.apps) {
-        const bool isToBeSent = app.stage == AppStage::queued || app.stage == AppStage::transferring;
-        left += isToBeSent ? app.bytes - app.sentBytes() : 0;
-    }
-    return left;
-}
-
 Line lineOfAll(const SyncStatus& status, std::optional<double> bytesPerSecond, const Layout& layout) {
     const double fraction = status.fraction();
     const std::uint64_t bytes = status.bytes();
@@ -141,7 +131,7 @@ Line lineOfAll(const SyncStatus& status, std::optional<double> bytesPerSecond, c
     text += layout.bar != 0 ? barText(fraction, layout.bar) : "";
     text += percentText(fraction);
     text += layout.hasBytes() ? detail(sizeText(sent, bytes), bytesSpace) : "";
-    const std::uint64_t left = bytesLeft(status);
+    const std::uint64_t left = status.bytesLeft();
     if (bytesPerSecond && left != 0) {
         const auto rate = static_cast<std::uint64_t>(*bytesPerSecond);
         text += layout.hasRate() ? detail(sizeText(rate) + "/s", rateSpace) : "";

@@ -1,6 +1,7 @@
 #include "host/view/SyncStatus.h"
 
 #include "device/log/LogFile.h"
+#include "host/control/RunningSync.h"
 
 #include <nlohmann/json.hpp>
 
@@ -26,6 +27,15 @@ std::uint64_t SyncStatus::bytes() const {
 std::uint64_t SyncStatus::sentBytes() const {
     return std::transform_reduce(apps.begin(), apps.end(), std::uint64_t{0}, std::plus(),
                                  [](const AppStatus& app) { return app.sentBytes(); });
+}
+
+std::uint64_t SyncStatus::bytesLeft() const {
+    std::uint64_t left = 0;
+    for (const AppStatus& app : apps) {
+        const bool isToBeSent = app.stage == AppStage::queued || app.stage == AppStage::transferring;
+        left += isToBeSent ? app.bytes - app.sentBytes() : 0;
+    }
+    return left;
 }
 
 double SyncStatus::fraction() const {
@@ -73,6 +83,30 @@ std::string toJson(const SyncStatus& status) {
     const Json root{
         {"running", true}, {"fraction", status.fraction()}, {"finished", status.finished()}, {"apps", std::move(apps)}};
     return root.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+SyncStatus parseSyncStatus(const Json& status) {
+    constexpr std::uint64_t maxBytes = std::uint64_t{1} << 50; // of an app; their sum has room
+    SyncStatus parsed;
+    for (const Json& entry : listIn(status, "apps")) {
+        if (!entry.is_object()) {
+            continue;
+        }
+        AppStatus app{textIn(entry, "identifier"), textIn(entry, "name")};
+        if (const auto bytes = entry.find("bytes"); bytes != entry.end() && bytes->is_number_unsigned()) {
+            app.bytes = std::min(bytes->get<std::uint64_t>(), maxBytes);
+        }
+        const std::string stage = textIn(entry, "stage");
+        for (const AppStage known :
+             {AppStage::transferring, AppStage::installing, AppStage::waiting, AppStage::done, AppStage::failed}) {
+            app.stage = stage == nameOf(known) ? known : app.stage;
+        }
+        app.fraction = std::min(numberIn(entry, "fraction"), 1.0);
+        app.reason = textIn(entry, "reason");
+        app.nextTry = device::parseLogTime(textIn(entry, "nextTry"));
+        parsed.apps.push_back(std::move(app));
+    }
+    return parsed;
 }
 
 std::string clockText(std::chrono::system_clock::time_point time) {

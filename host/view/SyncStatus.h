@@ -39,6 +39,8 @@ struct SyncStatus {
     /// To transfer, in all.
     [[nodiscard]] std::uint64_t bytes() const;
     [[nodiscard]] std::uint64_t sentBytes() const;
+    /// To be sent yet, which those of an app that has failed are not.
+    [[nodiscard]] std::uint64_t bytesLeft() const;
     /// Of the bytes to transfer, 0 to 1; 0 when there are none.
     [[nodiscard]] double fraction() const;
     /// Apps that are done or have failed.
@@ -49,6 +51,8 @@ struct SyncStatus {
 [[nodiscard]] nlohmann::ordered_json toJsonObject(const AppStatus& app);
 /// One JSON object on one line, without its line end.
 [[nodiscard]] std::string toJson(const SyncStatus& status);
+/// What such an object says, which is untrusted: an element of another kind counts as absent.
+[[nodiscard]] SyncStatus parseSyncStatus(const nlohmann::ordered_json& status);
 /// The local time of day, "14:03:27".
 [[nodiscard]] std::string clockText(std::chrono::system_clock::time_point time);
 

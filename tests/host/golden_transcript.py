@@ -29,6 +29,7 @@ MASKS = [
     (r"\b\d+%(  +)?", lambda found: "N%".ljust(len(found[0])) if found[1] else "N%", "how far a transfer is"),
     (r'("(?:fraction|progress)": ?)[\d.e-]+', r"\1FRACTION", "how far a transfer is"),
     (r'^(\{.*"event":"app".*\n)\1+', r"\1", "progress is told as often as there is time for it"),
+    (r"127\.0\.0\.1:\d+/\?token=[0-9a-f]{32}$", "127.0.0.1:PORT/?token=TOKEN", "each run of it draws its own"),
     (r"\b[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\b", "CONTAINER", "the device draws the names of containers"),
 ]
 
@@ -132,7 +133,7 @@ class Shell:
         stream, said = open(self.notes / "beside"), ""
         for line in iter(stream.readline, ""):
             said += line
-            if line.startswith(word + " "):
+            if re.match(rf"{word}\b", line):
                 break
         self._beside = stream, said
         return "", "", 0

@@ -1,0 +1,150 @@
+// Showing a device in the browser while it is used.
+#include "files/Syscalls.h"
+#include "host/Commands.h"
+#include "host/OpenDevice.h"
+#include "host/control/Interrupt.h"
+#include "host/control/RunningSync.h"
+#include "host/view/Print.h"
+#include "host/view/SyncReport.h"
+#include "host/watch/WatchedDevice.h"
+#include "host/watch/WebServer.h"
+
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+
+namespace appsync::host {
+
+namespace {
+
+using Clock = WebServer::Clock;
+using namespace std::chrono_literals;
+
+constexpr auto tellInterval = 100ms; // between two looks at the device
+constexpr auto signOfLife = 5s;      // after which those who watch are told that there is nothing to tell
+constexpr auto actPatience = 1000ms; // with a sync that does not answer: meanwhile nobody is told anything
+
+/// What the sync says to a wish of the person.
+void perform(const WebServer::Act& act, const std::string& device, WebServer& server) {
+    constexpr unsigned done = 200;
+    constexpr unsigned conflict = 409;
+    RunningSync running(device, actPatience);
+    if (!running.isThere()) {
+        return server.answer(act, conflict, errorAnswer(noSyncSentence(device)));
+    }
+    const auto answer = running.ask({act.command, act.app});
+    const std::string problem = answer.is_object() ? textIn(answer, "error") : running.problem();
+    server.answer(act, problem.empty() ? done : conflict, problem.empty() ? doneAnswer() : errorAnswer(problem));
+}
+
+struct Wait {
+    std::vector<int> descriptors;
+    Clock::time_point until = Clock::time_point::max();
+};
+
+/// Until something can be read or the time has come. Whether it was one of the last two descriptors.
+bool waitFor(const Wait& wait) {
+    std::vector<pollfd> awaited;
+    for (const int descriptor : wait.descriptors) {
+        awaited.push_back({descriptor, POLLIN, 0});
+    }
+    int time = -1;
+    if (wait.until != Clock::time_point::max()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(wait.until - Clock::now());
+        time = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
+    }
+    (void)::poll(awaited.data(), awaited.size(), time);
+    const auto isReady = [](const pollfd& one) { return one.revents != 0; };
+    return std::any_of(awaited.end() - 2, awaited.end(), isReady);
+}
+
+ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& folder) {
+    const Interrupt interrupt;
+    Clock::time_point nextLook = {};
+    Clock::time_point nextSign = {};
+    bool hasChanged = true;
+    while (!Interrupt::requested()) {
+        const auto now = Clock::now();
+        const auto attend = server.attend(now).value_or(Clock::time_point::max());
+        if (now >= nextLook && (hasChanged || now >= device.nextUpdate())) {
+            if (const auto updated = device.update(now); !updated) {
+                return fail(reasonOf(updated.error()), ExitCode::deviceUnusable);
+            }
+            nextLook = Clock::now() + tellInterval;
+            if (const std::string news = device.takeNews(); !news.empty()) {
+                server.tell(news);
+            }
+        }
+        if (server.hasNewcomers()) {
+            server.welcome(device.everything());
+        }
+        if (const auto act = server.nextAct()) {
+            perform(*act, folder, server);
+            continue;
+        }
+        const bool isWatched = server.isWatched();
+        if (isWatched && now >= nextSign) {
+            server.tell(":\n\n");
+            nextSign = now + signOfLife;
+        }
+        // What has changed is not even asked for before it may be told.
+        const bool mayLook = Clock::now() >= nextLook;
+        hasChanged = waitFor({{interrupt.descriptor(), server.descriptor(), mayLook ? device.changes() : -1,
+                               mayLook ? device.sync() : -1},
+                              std::min({attend, isWatched ? nextSign : Clock::time_point::max(),
+                                        mayLook ? device.nextUpdate() : nextLook})});
+    }
+    return Interrupt::exitCode();
+}
+
+/// In the person's browser, which goes on without this process.
+void openInBrowser(const std::string& address) {
+    const char* arguments[] = {"xdg-open", address.c_str(), nullptr};
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t actions;
+    ::posix_spawnattr_init(&attributes);
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t process = 0;
+    const int failed =
+        ::posix_spawnp(&process, arguments[0], &actions, &attributes, const_cast<char* const*>(arguments), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    ::posix_spawnattr_destroy(&attributes);
+    if (failed != 0) {
+        printLine(std::cerr,
+                  "note: xdg-open cannot be started (" + systemText(failed) + "); open the address yourself");
+    }
+}
+
+} // namespace
+
+ExitCode watch(const WatchArguments& arguments) {
+    const auto device = WatchedDevice::open(arguments.device, Clock::now());
+    if (!device) {
+        return fail(reasonOf(device.error()), exitCodeOf(device.error()));
+    }
+    const auto server = WebServer::start(arguments.port, [&device](const std::string& app, const std::string& version) {
+        return (*device)->icons().png({app, version});
+    });
+    if (!server) {
+        return fail(reasonOf(server.error()));
+    }
+    printLine(std::cout, (*server)->address());
+    std::cout.flush();
+    if (!std::cout.good()) {
+        return ExitCode::done; // nobody knows the address
+    }
+    if (arguments.opensBrowser) {
+        openInBrowser((*server)->address());
+    }
+    return serve(**device, **server, arguments.device);
+}
+
+} // namespace appsync::host

@@ -1,0 +1,50 @@
+// Notices by the system's own reports (inotify) that files of a device have changed.
+#pragma once
+
+#include "files/Descriptor.h"
+
+#include <array>
+#include <cstdint>
+
+namespace appsync::device {
+class DeviceFileSystem;
+}
+
+namespace appsync::host {
+
+/// One thread.
+class DeviceChanges {
+  public:
+    struct Seen {
+        bool database = false;
+        bool owner = false; // somebody has opened or closed the device
+        bool log = false;
+        bool processes = false; // an app was launched, or has become busy
+        bool control = false;   // a sync may be asked
+        bool isGone = false;    // the folder was moved or removed
+    };
+
+    /// `files` must outlive the object.
+    explicit DeviceChanges(device::DeviceFileSystem& files);
+
+    /// Becomes readable when something has changed.
+    [[nodiscard]] int descriptor() const noexcept { return _reports.get(); }
+    /// What has changed since the last call; at first everything.
+    [[nodiscard]] Seen take();
+
+  private:
+    struct Place {
+        const char* path;
+        std::uint32_t mask;
+        bool Seen::*what;
+        int number = -1; // of the watch
+    };
+    void _watch();
+
+    device::DeviceFileSystem& _files;
+    const Descriptor _reports;
+    std::array<Place, 6> _places;
+    bool _isFirst = true;
+};
+
+} // namespace appsync::host

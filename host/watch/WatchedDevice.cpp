@@ -1,0 +1,337 @@
+#include "host/watch/WatchedDevice.h"
+
+#include "device/Device.h"
+#include "device/screen/DeviceHomeScreen.h"
+#include "host/LogJson.h"
+#include "host/OpenDevice.h"
+#include "host/plugin/PlugIn.h"
+#include "host/view/AppState.h"
+#include "host/view/Print.h"
+#include "host/view/SyncReport.h"
+#include "host/watch/WebRequest.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+#include <filesystem>
+#include <iostream>
+
+namespace appsync::host {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using namespace std::chrono_literals;
+
+constexpr std::size_t maxLines = 50; // of the log, that are kept and told at once
+constexpr auto askInterval = 200ms;  // between two questions to or for a sync
+constexpr auto findInterval = 1s;    // between two looks whether running apps still run
+constexpr auto retryInterval = 1s;   // after a look that failed
+constexpr int lookShare = 20;        // looking takes at most this part of the time
+
+std::string dumped(const Json& json) {
+    return json.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+std::string event(std::string_view name, std::string_view data) {
+    return "event: " + std::string(name) + "\ndata: " + std::string(data) + "\n\n";
+}
+
+bool isGone(const ErrorPtr& error) {
+    return isError(error, device::rootErrorDomain, device::RootError::noSuchFolder) ||
+           isError(error, device::rootErrorDomain, device::RootError::notADevice);
+}
+
+ErrorPtr gone(const std::string& folder) {
+    return hostError("the device " + folder + " is gone: its folder was moved or removed");
+}
+
+/// A container never holds another version, so that its name stands for the icon in it.
+std::optional<IconKey> iconOf(const device::Application& app) {
+    if (!app.iconPath) {
+        return std::nullopt;
+    }
+    return IconKey{app.identifier, app.containerPath.substr(app.containerPath.rfind('/') + 1)};
+}
+
+/// How far the sync is with an app that the device shows as one on its way.
+std::optional<double> progressOf(const device::Application& app, const AppStatus& status) {
+    const bool hasBegun = status.stage == AppStage::transferring || status.stage == AppStage::installing ||
+                          status.stage == AppStage::waiting;
+    return app.isPlaceholder && hasBegun ? std::optional(status.fraction) : std::nullopt;
+}
+
+Json describe(const device::Application& app, bool isRunning, const AppStatus* status) {
+    Json entry{{"identifier", app.identifier},
+               {"name", app.name},
+               {"version", app.version ? Json(*app.version) : Json()},
+               {"state", stateOf(app, isRunning)}};
+    if (app.progress) {
+        entry["progress"] = *app.progress;
+    }
+    if (status != nullptr) {
+        const Json told = toJsonObject(*status);
+        for (const char* key : {"stage", "reason", "nextTry"}) {
+            if (told.contains(key)) {
+                entry[key] = told[key];
+            }
+        }
+    }
+    if (const auto icon = iconOf(app)) {
+        entry["icon"] = iconAddress(icon->app, icon->version);
+    }
+    return entry;
+}
+
+} // namespace
+
+WatchedDevice::WatchedDevice(std::string folder, std::unique_ptr<device::Root> root)
+    : _folder(std::move(folder)), _root(std::move(root)), _changes(_root->files()), _icons(_root->files()),
+      _processes(*_root), _log(_root->files()) {}
+
+Result<std::unique_ptr<WatchedDevice>> WatchedDevice::open(const std::string& folder, Clock::time_point now) {
+    auto root = device::Root::look(folder);
+    if (!root) {
+        return root.error();
+    }
+    if (const auto looked = device::Device::look(folder); !looked) {
+        return looked.error();
+    }
+    std::unique_ptr<WatchedDevice> watched(new WatchedDevice(folder, std::move(*root)));
+    const auto updated = watched->update(now);
+    return updated ? Result(std::move(watched)) : updated.error();
+}
+
+Result<void> WatchedDevice::update(Clock::time_point now) {
+    const DeviceChanges::Seen seen = _changes.take();
+    if (seen.isGone) {
+        return gone(_folder);
+    }
+    if (seen.owner || (_owner && !_sync)) {
+        _owner = device::Root::owner(_folder);
+    }
+    _findSync(now);
+    _hearSync(now);
+    _isToLook = _isToLook || seen.database || seen.owner;
+    if (_isToLook && now >= _nextLook) {
+        if (auto looked = _look(now); !looked) {
+            return looked;
+        }
+    }
+    if (seen.processes || (!_running.empty() && now >= _nextFind)) {
+        _findRunning(now);
+    }
+    if (seen.log) {
+        _readLog();
+    }
+    return {};
+}
+
+WatchedDevice::Clock::time_point WatchedDevice::nextUpdate() const {
+    Clock::time_point next = Clock::time_point::max();
+    if (_isToLook) {
+        next = std::min(next, _nextLook);
+    }
+    if (!_running.empty()) {
+        next = std::min(next, _nextFind);
+    }
+    if (_sync ? !_isFlushing : _owner.has_value()) {
+        next = std::min(next, _nextAsk);
+    }
+    return next;
+}
+
+Result<void> WatchedDevice::_look(Clock::time_point now) {
+    const auto device = device::Device::look(_folder);
+    if (!device && isGone(device.error())) {
+        return gone(_folder);
+    }
+    if (!device) { // its database may just be changed by one who ends or begins
+        _nextLook = now + retryInterval;
+        _passOver(reasonOf(device.error()));
+        return {};
+    }
+    _isToLook = false;
+    _problem.clear();
+    _apps = (*device)->registry().applications();
+    device::IdentifierList identifiers;
+    std::map<IconKey, std::string> icons;
+    for (const device::Application& app : _apps) {
+        identifiers.push_back(app.identifier);
+        if (auto icon = iconOf(app)) {
+            icons.emplace(std::move(*icon), *app.iconPath);
+        }
+    }
+    _layout = (*device)->homeScreen().layout().showing(identifiers);
+    _icons.offer(std::move(icons));
+    _findRunning(now);
+    _nextLook = now + lookShare * (Clock::now() - now);
+    return {};
+}
+
+void WatchedDevice::_passOver(const std::string& problem) {
+    if (std::exchange(_problem, problem) != problem) {
+        printLine(std::cerr, "note: " + problem + "; it is looked at again");
+    }
+}
+
+void WatchedDevice::_findRunning(Clock::time_point now) {
+    _running.clear();
+    for (const device::Application& app : _apps) {
+        if (app.isInstalled && _processes.isRunning(app.identifier)) {
+            _running.insert(app.identifier);
+        }
+    }
+    _nextFind = now + findInterval;
+}
+
+/// Follows the sync that has the device, if it is one.
+void WatchedDevice::_findSync(Clock::time_point now) {
+    if (_sync || !_owner || now < _nextAsk) {
+        return;
+    }
+    _nextAsk = now + askInterval;
+    RunningSync found(_folder, lookersPatience);
+    if (found.descriptor() >= 0 && found.send({"follow"})) {
+        _sync.emplace(std::move(found));
+        _isFlushing = false;
+    }
+}
+
+/// Takes what it has told, and has it write its log.
+void WatchedDevice::_hearSync(Clock::time_point now) {
+    while (_sync && _sync->hasNext()) {
+        const Json told = _sync->next();
+        if (!told.is_object() || told.contains("error")) {
+            _endSync();
+            _nextAsk = now + askInterval;
+        } else if (told.contains("done")) {
+            _isFlushing = false;
+            _nextAsk = now + askInterval;
+        } else {
+            _rate = _isSyncing ? _rate : TransferRate();
+            _isSyncing = true;
+            _status = parseSyncStatus(told);
+            _rate.sent(static_cast<double>(_status.sentBytes()), now);
+        }
+    }
+    if (_isSyncing && !_isFlushing && now >= _nextAsk) {
+        _isFlushing = _sync->send({"flush"});
+    }
+}
+
+void WatchedDevice::_endSync() {
+    _sync.reset();
+    _isSyncing = false;
+    _isFlushing = false;
+}
+
+void WatchedDevice::_readLog() {
+    const auto read = _log.readOn([this](const device::LogEntry& entry) {
+        _lines.push_back(dumped(toJsonObject(entry)));
+        ++_newLines;
+        if (_lines.size() > maxLines) {
+            _lines.pop_front();
+        }
+        return true;
+    });
+    if (!read) {
+        _passOver(reasonOf(read.error()));
+    }
+}
+
+std::map<std::string, std::string> WatchedDevice::_describeApps() const {
+    std::map<std::string_view, const AppStatus*> statuses;
+    for (const AppStatus& status : _status.apps) {
+        statuses[status.identifier] = &status;
+    }
+    std::map<std::string, std::string> described;
+    for (device::Application app : _apps) {
+        const auto found = statuses.find(app.identifier);
+        const AppStatus* status = found != statuses.end() ? found->second : nullptr;
+        app.progress = _isSyncing && status != nullptr ? progressOf(app, *status) : std::nullopt;
+        described[app.identifier] = dumped(describe(app, _running.contains(app.identifier), status));
+    }
+    return described;
+}
+
+std::string WatchedDevice::_describeSync() const {
+    Json apps = Json::array();
+    for (const AppStatus& app : _status.apps) {
+        apps.push_back(toJsonObject(app));
+    }
+    Json sync{{"running", _isSyncing},    {"fraction", _status.fraction()},   {"finished", _status.finished()},
+              {"bytes", _status.bytes()}, {"sentBytes", _status.sentBytes()}, {"rate", nullptr},
+              {"secondsLeft", nullptr},   {"apps", std::move(apps)}};
+    if (const auto rate = _rate.bytesPerSecond(); rate && _isSyncing) {
+        sync["rate"] = static_cast<std::uint64_t>(*rate);
+        const double seconds = std::ceil(static_cast<double>(_status.bytesLeft()) / *rate);
+        if (seconds < 24 * 60 * 60) { // of more nobody can tell
+            sync["secondsLeft"] = static_cast<std::uint64_t>(seconds);
+        }
+    }
+    if (_owner && !_isSyncing) {
+        sync["inUseBy"] = toJsonObject(*_owner);
+    }
+    return dumped(sync);
+}
+
+/// The places with their apps, or without them only with their identifiers.
+std::string WatchedDevice::_describeScreen(const std::map<std::string, std::string>* apps) const {
+    const auto list = [](const auto& entries, const auto& describe) {
+        std::string text;
+        for (const auto& entry : entries) {
+            text += (text.empty() ? "[" : ",") + describe(entry);
+        }
+        return text.empty() ? "[]" : text + "]";
+    };
+    const auto describeApp = [apps](const std::string& app) { return apps != nullptr ? apps->at(app) : dumped(app); };
+    const auto describePlace = [&](const device::IconPlace& place) {
+        if (const auto* app = std::get_if<std::string>(&place)) {
+            return describeApp(*app);
+        }
+        const auto& folder = std::get<device::IconFolder>(place);
+        device::IdentifierList all;
+        for (const auto& page : folder.pages) {
+            all.insert(all.end(), page.begin(), page.end());
+        }
+        return R"({"folder":)" + dumped(folder.displayName) + R"(,"apps":)" + list(all, describeApp) + "}";
+    };
+    const std::string name = std::filesystem::path(_root->hostPath("")).filename();
+    return R"({"device":)" + dumped(name) + R"(,"isSyncing":)" + (_isSyncing ? "true" : "false") + R"(,"pages":)" +
+           list(_layout.pages, [&](const device::IconPage& page) { return list(page, describePlace); }) + "}";
+}
+
+std::string WatchedDevice::takeNews() {
+    std::string news;
+    auto apps = _describeApps();
+    if (std::string places = _describeScreen(nullptr); places != _toldPlaces) {
+        _toldPlaces = std::move(places);
+        news += event("screen", _describeScreen(&apps));
+    } else {
+        for (const auto& [identifier, text] : apps) {
+            news += _toldApps[identifier] != text ? event("app", text) : "";
+        }
+    }
+    _toldApps = std::move(apps);
+    if (std::string sync = _describeSync(); sync != _toldSync) {
+        _toldSync = std::move(sync);
+        news += event("sync", _toldSync);
+    }
+    for (auto line = _lines.end() - static_cast<std::ptrdiff_t>(std::min(_newLines, _lines.size()));
+         line != _lines.end(); ++line) {
+        news += event("log", *line);
+    }
+    _newLines = 0;
+    return news;
+}
+
+std::string WatchedDevice::everything() const {
+    std::string all = event("screen", _describeScreen(&_toldApps)) + event("sync", _toldSync);
+    for (const std::string& line : _lines) {
+        all += event("log", line);
+    }
+    return all;
+}
+
+} // namespace appsync::host

@@ -1,0 +1,523 @@
+#include "host/watch/WebServer.h"
+
+#include "files/Syscalls.h"
+#include "host/plugin/PlugIn.h"
+#include "host/watch/Page.h"
+
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <strings.h>
+#include <sys/eventfd.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+
+namespace appsync::host {
+
+namespace {
+
+constexpr const char* textType = "text/plain; charset=utf-8";
+constexpr const char* jsonType = "application/json";
+
+struct FreeResponse {
+    void operator()(MHD_Response* response) const noexcept { MHD_destroy_response(response); }
+};
+using Response = std::unique_ptr<MHD_Response, FreeResponse>;
+
+/// With what every answer says.
+Response complete(MHD_Response* made, const char* type, const char* keep = "no-store") {
+    Response response(made);
+    const std::pair<const char*, const char*> headers[] = {
+        {"Content-Type", type},
+        {"Content-Security-Policy",
+         "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
+         "base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
+        {"X-Content-Type-Options", "nosniff"},
+        {"Referrer-Policy", "no-referrer"},
+        {"Cross-Origin-Resource-Policy", "same-origin"},
+        {"Cache-Control", keep},
+        {"Connection", "close"},
+    };
+    for (const auto& [name, value] : headers) {
+        MHD_add_response_header(response.get(), name, value);
+    }
+    return response;
+}
+
+Response withBytes(std::string_view bytes, const char* type, const char* keep = "no-store") {
+    return complete(
+        MHD_create_response_from_buffer(bytes.size(), const_cast<char*>(bytes.data()), MHD_RESPMEM_MUST_COPY), type,
+        keep);
+}
+
+bool queue(MHD_Connection* connection, unsigned status, const Response& response) {
+    return MHD_queue_response(connection, status, response.get()) == MHD_YES;
+}
+
+bool refuse(MHD_Connection* connection) {
+    return queue(connection, MHD_HTTP_FORBIDDEN,
+                 withBytes("Open the address that `qrd watch` has printed; each run of it has a new one.\n", textType));
+}
+
+MHD_Result keepHeader(void* kept, MHD_ValueKind, const char* name, const char* value) {
+    auto& request = *static_cast<WebRequest*>(kept);
+    const std::pair<const char*, std::optional<std::string>*> places[] = {{"Host", &request.host},
+                                                                          {"Origin", &request.origin},
+                                                                          {"Cookie", &request.cookie},
+                                                                          {"Content-Type", &request.contentType}};
+    for (const auto& [known, place] : places) {
+        if (::strcasecmp(name, known) == 0) {
+            request.isAmbiguous = request.isAmbiguous || place->has_value();
+            *place = value != nullptr ? value : "";
+        }
+    }
+    return MHD_YES;
+}
+
+/// Whether the head of a request announces more than a body may have.
+bool announcesTooMuch(MHD_Connection* connection) {
+    const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Content-Length");
+    std::size_t size = 0;
+    const auto end = length != nullptr ? length + std::strlen(length) : nullptr;
+    return length != nullptr && (std::from_chars(length, end, size).ec != std::errc() || size > maxBodySize);
+}
+
+/// 128 bits that nobody can guess; empty when the system has none.
+std::string makeToken() {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::array<unsigned char, 16> bytes{};
+    if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+        return "";
+    }
+    std::string token;
+    for (const unsigned char byte : bytes) {
+        token += {digits[byte >> 4], digits[byte & 15]};
+    }
+    return token;
+}
+
+ErrorPtr cannotListen(std::uint16_t port, const std::string& reason) {
+    return hostError("cannot listen at " + (port == 0 ? "any port" : "port " + std::to_string(port)) +
+                     " of 127.0.0.1: " + reason + (port == 0 ? "" : "; name another port, or none"));
+}
+
+/// A socket at 127.0.0.1; the port is changed to the one that it has.
+Result<Descriptor> listenAt(std::uint16_t& port) {
+    constexpr int waitingConnections = 64;
+    Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int isReused = 1; // connections of a server that has just ended may still be closing
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &isReused, sizeof isReused);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (!socket.isOpen() || ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+        ::listen(socket.get(), waitingConnections) != 0 ||
+        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        return cannotListen(port, systemText(errno));
+    }
+    port = ntohs(address.sin_port);
+    return socket;
+}
+
+} // namespace
+
+struct WebServer::Connection {
+    WebServer& server;
+    MHD_Connection* const handle;
+    const int socket;
+    std::optional<Clock::time_point> due; // when it is hung up on, or its delay is over
+    Stage stage = Stage::asking;
+    std::uint64_t act = 0; // its number
+    // Of one who watches:
+    bool sleeps = false;    // it has been told everything
+    bool isWelcome = false; // it has been told what there was before
+    std::string welcome = {};
+    std::uint64_t next = 0; // of what was told
+    std::size_t sent = 0;   // of the present text
+    // The library's thread alone:
+    WebRequest request = {};
+    bool hasHead = false;
+};
+
+struct WebServer::Calls {
+    static Connection* of(MHD_Connection* handle) {
+        const auto* found = MHD_get_connection_info(handle, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+        return found != nullptr ? static_cast<Connection*>(found->socket_context) : nullptr;
+    }
+    static void connection(void* server, MHD_Connection* handle, void** context, MHD_ConnectionNotificationCode code) {
+        if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+            *context = static_cast<WebServer*>(server)->_open(handle);
+        } else {
+            static_cast<WebServer*>(server)->_close(static_cast<Connection*>(*context));
+        }
+    }
+    static void* target(void*, const char* target, MHD_Connection* handle) {
+        if (Connection* connection = of(handle)) {
+            connection->request.target = target;
+        }
+        return nullptr;
+    }
+    static MHD_Result request(void* server, MHD_Connection* handle, const char*, const char* method, const char*,
+                              const char* body, std::size_t* size, void**) {
+        Connection* connection = of(handle);
+        const bool isHandled =
+            connection != nullptr && static_cast<WebServer*>(server)->_handle(*connection, method, body, size);
+        return isHandled ? MHD_YES : MHD_NO;
+    }
+    static ssize_t read(void* context, std::uint64_t, char* out, std::size_t room) {
+        auto& connection = *static_cast<Connection*>(context);
+        return connection.server._read(connection, out, room);
+    }
+};
+
+WebServer::WebServer(Icon icon, WebLimits limits)
+    : _icon(std::move(icon)), _limits(limits), _wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+Result<std::unique_ptr<WebServer>> WebServer::start(std::uint16_t port, Icon icon, WebLimits limits) {
+    auto socket = listenAt(port);
+    if (!socket) {
+        return socket.error();
+    }
+    std::unique_ptr<WebServer> server(new WebServer(std::move(icon), limits));
+    server->_door = {port, makeToken()};
+    if (server->_door.token.empty()) {
+        return cannotListen(0, "the system has no random numbers");
+    }
+    const auto started = server->_start(MHD_USE_EPOLL_INTERNAL_THREAD, socket->get());
+    if (!started) {
+        return started.error();
+    }
+    (void)socket->release(); // the library closes it
+    return server;
+}
+
+Result<std::unique_ptr<WebServer>> WebServer::makeSilent(const Door& door, Icon icon, WebLimits limits) {
+    std::unique_ptr<WebServer> server(new WebServer(std::move(icon), limits));
+    server->_door = door;
+    const auto started = server->_start(MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET, -1);
+    return started ? Result(std::move(server)) : started.error();
+}
+
+Result<void> WebServer::_start(unsigned flags, int listening) {
+    constexpr unsigned overflow = 16; // until the oldest have been hung up on
+    constexpr std::size_t memory = 16U << 10;
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(_limits.time);
+    _daemon = MHD_start_daemon(flags | MHD_ALLOW_SUSPEND_RESUME, _door.port, nullptr, nullptr, &Calls::request, this, //
+                               MHD_OPTION_LISTEN_SOCKET, listening,                                                   //
+                               MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(_limits.connections) + overflow,
+                               MHD_OPTION_CONNECTION_TIMEOUT,
+                               static_cast<unsigned>(seconds.count()),                 // also of who does not read
+                               MHD_OPTION_CONNECTION_MEMORY_LIMIT, memory,             //
+                               MHD_OPTION_STRICT_FOR_CLIENT, 1,                        //
+                               MHD_OPTION_NOTIFY_CONNECTION, &Calls::connection, this, //
+                               MHD_OPTION_URI_LOG_CALLBACK, &Calls::target, this,      //
+                               MHD_OPTION_END);
+    return _daemon != nullptr ? Result<void>() : cannotListen(_door.port, systemText(errno));
+}
+
+/// What is suspended must go on before the library can end.
+WebServer::~WebServer() {
+    if (_daemon == nullptr) {
+        return;
+    }
+    {
+        const Lock lock(_mutex);
+        _isEnding = true;
+        for (Connection& connection : _connections) {
+            if (connection.stage == Stage::delayed || connection.stage == Stage::acting || connection.sleeps) {
+                _resume(connection);
+            }
+        }
+    }
+    MHD_stop_daemon(_daemon);
+}
+
+std::string WebServer::address() const {
+    return "http://127.0.0.1:" + std::to_string(_door.port) + "/?token=" + _door.token;
+}
+
+WebServer::Connection* WebServer::_open(MHD_Connection* handle) {
+    const auto* socket = MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CONNECTION_FD);
+    const Lock lock(_mutex);
+    _makeRoom();
+    _connections.push_back({*this, handle, socket != nullptr ? socket->connect_fd : -1, Clock::now() + _limits.time});
+    ::eventfd_write(_wake.get(), 1);
+    return &_connections.back();
+}
+
+void WebServer::_close(Connection* connection) {
+    const Lock lock(_mutex);
+    _connections.remove_if([connection](const Connection& other) { return &other == connection; });
+}
+
+void WebServer::_makeRoom() {
+    const auto idle = std::ranges::find(_connections, Stage::asking, &Connection::stage);
+    if (_connections.size() >= _limits.connections && idle != _connections.end()) {
+        idle->stage = Stage::answering;
+        ::shutdown(idle->socket, SHUT_RDWR);
+    }
+}
+
+void WebServer::_resume(Connection& connection) {
+    connection.sleeps = false;
+    MHD_resume_connection(connection.handle);
+}
+
+std::size_t WebServer::_count(Stage stage) const {
+    return static_cast<std::size_t>(std::ranges::count(_connections, stage, &Connection::stage));
+}
+
+/// Is called with the head, with each piece of the body, and at the end.
+bool WebServer::_handle(Connection& connection, const char* method, const char* body, std::size_t* size) {
+    WebRequest& request = connection.request;
+    if (!connection.hasHead) {
+        connection.hasHead = true;
+        request.method = method;
+        (void)MHD_get_connection_values(connection.handle, MHD_HEADER_KIND, &keepHeader, &request);
+        if (!announcesTooMuch(connection.handle)) {
+            return true;
+        }
+        request.body.assign(maxBodySize + 1, ' ');
+    }
+    if (*size != 0) {
+        request.body.append(body, std::min(*size, maxBodySize + 1 - request.body.size()));
+        *size = 0;
+        return true;
+    }
+    const Lock lock(_mutex);
+    return !_isEnding && _answer(connection);
+}
+
+bool WebServer::_answer(Connection& connection) {
+    const Ruling ruling = ruleOn(connection.request, _door);
+    MHD_Connection* const handle = connection.handle;
+    connection.stage = Stage::answering;
+    switch (ruling.act) {
+    case WebAct::refuse: return refuse(handle);
+    case WebAct::refuseLater: return _refuseLater(connection);
+    case WebAct::enter: {
+        const Response response = withBytes("", textType);
+        MHD_add_response_header(response.get(), "Location", "/");
+        MHD_add_response_header(response.get(), "Set-Cookie",
+                                (cookieOf(_door) + "; HttpOnly; SameSite=Strict; Path=/").c_str());
+        return queue(handle, MHD_HTTP_SEE_OTHER, response);
+    }
+    case WebAct::page: {
+        const PagePart& part = *findPagePart(ruling.subject);
+        return queue(handle, MHD_HTTP_OK, withBytes(part.bytes, part.type.data()));
+    }
+    case WebAct::icon: {
+        const auto png = _icon(ruling.subject, ruling.version);
+        return png != nullptr
+                   ? queue(handle, MHD_HTTP_OK, withBytes(*png, "image/png", "private, max-age=31536000, immutable"))
+                   : queue(handle, MHD_HTTP_NOT_FOUND, withBytes("There is no such icon.\n", textType));
+    }
+    case WebAct::events: return _letWatch(connection);
+    case WebAct::prioritize: return _takeAct(connection, "prioritize", ruling.subject);
+    case WebAct::cancel: return _takeAct(connection, "cancel", ruling.subject);
+    case WebAct::notFound: return queue(handle, MHD_HTTP_NOT_FOUND, withBytes("There is no such page.\n", textType));
+    case WebAct::wrongMethod: {
+        const Response response = withBytes("Only " + ruling.subject + " is possible here.\n", textType);
+        MHD_add_response_header(response.get(), "Allow", ruling.subject.c_str());
+        return queue(handle, MHD_HTTP_METHOD_NOT_ALLOWED, response);
+    }
+    case WebAct::tooLarge: return queue(handle, 413, withBytes("A body has at most 4096 bytes.\n", textType));
+    case WebAct::malformed:
+        return queue(handle, MHD_HTTP_BAD_REQUEST,
+                     withBytes(R"({"error":"The body is to be JSON, {\"app\": the bundle identifier}."})", jsonType));
+    }
+    return false;
+}
+
+bool WebServer::_refuseLater(Connection& connection) {
+    if (_count(Stage::delayed) >= _limits.delayed) {
+        return false;
+    }
+    connection.stage = Stage::delayed;
+    connection.due = Clock::now() + _limits.delay;
+    MHD_suspend_connection(connection.handle);
+    ::eventfd_write(_wake.get(), 1);
+    return true;
+}
+
+bool WebServer::_takeAct(Connection& connection, const char* command, const std::string& app) {
+    if (_count(Stage::acting) >= _limits.acts) {
+        return queue(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
+                     withBytes(R"({"error":"Too much is asked for at once; try again."})", jsonType));
+    }
+    connection.stage = Stage::acting;
+    connection.due.reset();
+    connection.act = ++_lastAct;
+    connection.request.method = command;
+    connection.request.body = app;
+    MHD_suspend_connection(connection.handle);
+    ::eventfd_write(_wake.get(), 1);
+    return true;
+}
+
+bool WebServer::_letWatch(Connection& connection) {
+    if (_count(Stage::watching) >= _limits.watchers) {
+        _dropWhoLeft();
+    }
+    if (_count(Stage::watching) >= _limits.watchers) {
+        return queue(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
+                     withBytes("The device is watched from too many pages; close one.\n", textType));
+    }
+    constexpr std::size_t pieceSize = 16U << 10;
+    const Response response =
+        complete(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, pieceSize, &Calls::read, &connection, nullptr),
+                 "text/event-stream");
+    connection.stage = Stage::watching;
+    connection.due.reset();
+    ::eventfd_write(_wake.get(), 1);
+    return queue(connection.handle, MHD_HTTP_OK, response);
+}
+
+/// Those whose page has gone, which the library finds out when it sends them something.
+void WebServer::_dropWhoLeft() {
+    for (Connection& connection : _connections) {
+        pollfd watched{connection.socket, POLLRDHUP, 0};
+        if (connection.stage == Stage::watching && ::poll(&watched, 1, 0) == 1) {
+            connection.stage = Stage::answering;
+            if (connection.sleeps) {
+                _resume(connection);
+            }
+        }
+    }
+}
+
+std::ptrdiff_t WebServer::_read(Connection& connection, char* out, std::size_t room) {
+    const Lock lock(_mutex);
+    if (_isEnding || connection.stage != Stage::watching) {
+        return MHD_CONTENT_READER_END_OF_STREAM;
+    }
+    const bool isBehind = connection.welcome.empty();
+    if (isBehind && connection.isWelcome && connection.next < _firstTold) {
+        return MHD_CONTENT_READER_END_WITH_ERROR; // it will connect again
+    }
+    if (isBehind && (!connection.isWelcome || connection.next == _firstTold + _told.size())) {
+        connection.sleeps = true;
+        MHD_suspend_connection(connection.handle);
+        return 0;
+    }
+    const std::string& text = isBehind ? _told[connection.next - _firstTold] : connection.welcome;
+    const std::size_t length = text.copy(out, room, connection.sent);
+    connection.sent += length;
+    if (connection.sent == text.size()) {
+        connection.sent = 0;
+        connection.next += isBehind ? 1 : 0;
+        connection.welcome.clear();
+    }
+    return static_cast<std::ptrdiff_t>(length);
+}
+
+std::optional<WebServer::Clock::time_point> WebServer::attend(Clock::time_point now) {
+    eventfd_t count = 0;
+    (void)::eventfd_read(_wake.get(), &count);
+    std::optional<Clock::time_point> next;
+    const Lock lock(_mutex);
+    for (Connection& connection : _connections) {
+        if (connection.due && *connection.due <= now) {
+            connection.due.reset();
+            if (connection.stage != Stage::delayed) {
+                ::shutdown(connection.socket, SHUT_RDWR);
+                continue;
+            }
+            connection.stage = Stage::answering;
+            connection.due = now + _limits.time;
+            (void)refuse(connection.handle);
+            _resume(connection);
+        }
+        if (connection.due) {
+            next = std::min(next.value_or(*connection.due), *connection.due);
+        }
+    }
+    return next;
+}
+
+std::optional<WebServer::Act> WebServer::nextAct() {
+    const Lock lock(_mutex);
+    const Connection* first = nullptr;
+    for (const Connection& connection : _connections) {
+        if (connection.stage == Stage::acting && (first == nullptr || connection.act < first->act)) {
+            first = &connection;
+        }
+    }
+    return first != nullptr ? std::optional(Act{first->act, first->request.method, first->request.body}) : std::nullopt;
+}
+
+void WebServer::answer(const Act& act, unsigned status, const std::string& json) {
+    const Lock lock(_mutex);
+    const auto asking = std::ranges::find_if(_connections, [&](const Connection& connection) {
+        return connection.stage == Stage::acting && connection.act == act.number;
+    });
+    if (asking != _connections.end()) {
+        asking->stage = Stage::answering;
+        asking->due = Clock::now() + _limits.time;
+        (void)queue(asking->handle, status, withBytes(json, jsonType));
+        _resume(*asking);
+    }
+}
+
+bool WebServer::hasNewcomers() const {
+    const Lock lock(_mutex);
+    return std::ranges::any_of(_connections, [](const Connection& connection) {
+        return connection.stage == Stage::watching && !connection.isWelcome;
+    });
+}
+
+bool WebServer::isWatched() const {
+    const Lock lock(_mutex);
+    return _count(Stage::watching) != 0;
+}
+
+void WebServer::welcome(const std::string& events) {
+    const Lock lock(_mutex);
+    for (Connection& connection : _connections) {
+        if (connection.stage == Stage::watching && !connection.isWelcome) {
+            connection.isWelcome = true;
+            connection.welcome = events;
+            connection.next = _firstTold + _told.size();
+            if (connection.sleeps) {
+                _resume(connection);
+            }
+        }
+    }
+}
+
+void WebServer::tell(const std::string& events) {
+    const Lock lock(_mutex);
+    _told.push_back(events);
+    _toldBytes += events.size();
+    for (; _toldBytes > _limits.backlog && _told.size() > 1; ++_firstTold) {
+        _toldBytes -= _told.front().size();
+        _told.pop_front();
+    }
+    for (Connection& connection : _connections) {
+        if (connection.sleeps && connection.isWelcome) {
+            _resume(connection);
+        } else if (connection.stage == Stage::watching && connection.isWelcome && connection.next < _firstTold) {
+            ::shutdown(connection.socket, SHUT_RDWR); // it does not read
+        }
+    }
+}
+
+void WebServer::adopt(Descriptor socket) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (void)MHD_add_connection(_daemon, socket.release(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+void WebServer::run() {
+    (void)MHD_run(_daemon);
+}
+
+} // namespace appsync::host
