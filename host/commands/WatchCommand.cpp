@@ -142,7 +142,7 @@ ExitCode watch(const WatchArguments& arguments) {
         return ExitCode::done; // nobody knows the address
     }
     if (arguments.opensBrowser) {
-        openInBrowser((*server)->address());
+        openInBrowser((*server)->addressForOnce());
     }
     return serve(**device, **server, arguments.device);
 }

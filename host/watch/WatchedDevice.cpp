@@ -164,7 +164,6 @@ Result<void> WatchedDevice::_look(Clock::time_point now) {
     }
     _layout = (*device)->homeScreen().layout().showing(identifiers);
     _icons.offer(std::move(icons));
-    _findRunning(now);
     _nextLook = now + lookShare * (Clock::now() - now);
     return {};
 }
@@ -227,17 +226,22 @@ void WatchedDevice::_endSync() {
 }
 
 void WatchedDevice::_readLog() {
-    const auto read = _log.readOn([this](const device::LogEntry& entry) {
-        _lines.push_back(dumped(toJsonObject(entry)));
-        ++_newLines;
-        if (_lines.size() > maxLines) {
-            _lines.pop_front();
+    std::deque<device::LogEntry> entries; // the last ones: a sync may have written thousands
+    const auto read = _log.readOn([&entries](const device::LogEntry& entry) {
+        entries.push_back(entry);
+        if (entries.size() > maxLines) {
+            entries.pop_front();
         }
         return true;
     });
     if (!read) {
         _passOver(reasonOf(read.error()));
     }
+    for (const device::LogEntry& entry : entries) {
+        _lines.push_back(dumped(toJsonObject(entry)));
+    }
+    _newLines += entries.size();
+    _lines.erase(_lines.begin(), _lines.end() - static_cast<std::ptrdiff_t>(std::min(_lines.size(), maxLines)));
 }
 
 std::map<std::string, std::string> WatchedDevice::_describeApps() const {

@@ -97,7 +97,7 @@ bool isFromHere(const WebRequest& request, const Door& door) {
 }
 
 Ruling ruleOnAct(WebAct act, const WebRequest& request) {
-    const std::string_view type = cutAt(request.contentType.value_or(""), ';').first;
+    const std::string type(cutAt(request.contentType.value_or(""), ';').first);
     const auto root = nlohmann::json::parse(request.body, nullptr, false);
     const auto app = root.is_object() ? root.find("app") : root.end();
     if (type != "application/json" || app == root.end() || !app->is_string() || app->get<std::string>().empty()) {
@@ -132,7 +132,8 @@ Ruling ruleOn(const WebRequest& request, const Door& door) {
         return {WebAct::tooLarge};
     }
     if (const auto token = isGet && path == "/" ? valueIn(query, "token") : std::nullopt) {
-        return {isToken(*token, door.token) ? WebAct::enter : WebAct::refuseLater};
+        const bool isOnce = !door.once.empty() && isToken(*token, door.once);
+        return {isToken(*token, door.token) ? WebAct::enter : isOnce ? WebAct::enterOnce : WebAct::refuseLater};
     }
     if (!hasCookie(request.cookie.value_or(""), door)) {
         return {WebAct::refuseLater};

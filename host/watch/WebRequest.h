@@ -32,12 +32,14 @@ struct WebRequest {
 struct Door {
     std::uint16_t port;
     std::string token;
+    std::string once = {}; // a token that lets in one time; empty: none
 };
 
 enum class WebAct {
     refuse,      // it comes from elsewhere
     refuseLater, // it does not know the token
     enter,       // it does: the cookie, and on to the page
+    enterOnce,   // likewise, with the token that lets in one time
     page,        // `subject` is the path of a part of the page
     icon,        // of the app `subject`, in `version`
     events,

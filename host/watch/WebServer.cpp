@@ -127,6 +127,10 @@ Result<Descriptor> listenAt(std::uint16_t& port) {
     return socket;
 }
 
+std::string addressOf(std::uint16_t port, const std::string& token) {
+    return "http://127.0.0.1:" + std::to_string(port) + "/?token=" + token;
+}
+
 } // namespace
 
 struct WebServer::Connection {
@@ -178,20 +182,21 @@ struct WebServer::Calls {
     }
 };
 
-WebServer::WebServer(Icon icon, WebLimits limits)
-    : _icon(std::move(icon)), _limits(limits), _wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+WebServer::WebServer(Door door, Icon icon, WebLimits limits)
+    : _icon(std::move(icon)), _limits(limits), _wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), _door(std::move(door)) {
+}
 
 Result<std::unique_ptr<WebServer>> WebServer::start(std::uint16_t port, Icon icon, WebLimits limits) {
     auto socket = listenAt(port);
     if (!socket) {
         return socket.error();
     }
-    std::unique_ptr<WebServer> server(new WebServer(std::move(icon), limits));
-    server->_door = {port, makeToken()};
-    if (server->_door.token.empty()) {
-        return cannotListen(0, "the system has no random numbers");
+    const std::string token = makeToken();
+    if (token.empty()) {
+        return cannotListen(port, "the system has no random numbers");
     }
-    const auto started = server->_start(MHD_USE_EPOLL_INTERNAL_THREAD, socket->get());
+    std::unique_ptr<WebServer> server(new WebServer({port, token}, std::move(icon), limits));
+    const auto started = server->_start(MHD_USE_EPOLL_INTERNAL_THREAD, port, socket->get());
     if (!started) {
         return started.error();
     }
@@ -200,18 +205,17 @@ Result<std::unique_ptr<WebServer>> WebServer::start(std::uint16_t port, Icon ico
 }
 
 Result<std::unique_ptr<WebServer>> WebServer::makeSilent(const Door& door, Icon icon, WebLimits limits) {
-    std::unique_ptr<WebServer> server(new WebServer(std::move(icon), limits));
-    server->_door = door;
-    const auto started = server->_start(MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET, -1);
+    std::unique_ptr<WebServer> server(new WebServer(door, std::move(icon), limits));
+    const auto started = server->_start(MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET, door.port, -1);
     return started ? Result(std::move(server)) : started.error();
 }
 
-Result<void> WebServer::_start(unsigned flags, int listening) {
+Result<void> WebServer::_start(unsigned flags, std::uint16_t port, int listening) {
     constexpr unsigned overflow = 16; // until the oldest have been hung up on
     constexpr std::size_t memory = 16U << 10;
     const auto seconds = std::chrono::ceil<std::chrono::seconds>(_limits.time);
-    _daemon = MHD_start_daemon(flags | MHD_ALLOW_SUSPEND_RESUME, _door.port, nullptr, nullptr, &Calls::request, this, //
-                               MHD_OPTION_LISTEN_SOCKET, listening,                                                   //
+    _daemon = MHD_start_daemon(flags | MHD_ALLOW_SUSPEND_RESUME, port, nullptr, nullptr, &Calls::request, this, //
+                               MHD_OPTION_LISTEN_SOCKET, listening,                                             //
                                MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(_limits.connections) + overflow,
                                MHD_OPTION_CONNECTION_TIMEOUT,
                                static_cast<unsigned>(seconds.count()),                 // also of who does not read
@@ -220,7 +224,7 @@ Result<void> WebServer::_start(unsigned flags, int listening) {
                                MHD_OPTION_NOTIFY_CONNECTION, &Calls::connection, this, //
                                MHD_OPTION_URI_LOG_CALLBACK, &Calls::target, this,      //
                                MHD_OPTION_END);
-    return _daemon != nullptr ? Result<void>() : cannotListen(_door.port, systemText(errno));
+    return _daemon != nullptr ? Result<void>() : cannotListen(port, systemText(errno));
 }
 
 /// What is suspended must go on before the library can end.
@@ -241,7 +245,14 @@ WebServer::~WebServer() {
 }
 
 std::string WebServer::address() const {
-    return "http://127.0.0.1:" + std::to_string(_door.port) + "/?token=" + _door.token;
+    const Lock lock(_mutex);
+    return addressOf(_door.port, _door.token);
+}
+
+std::string WebServer::addressForOnce() {
+    const Lock lock(_mutex);
+    _door.once = makeToken();
+    return addressOf(_door.port, _door.once);
 }
 
 WebServer::Connection* WebServer::_open(MHD_Connection* handle) {
@@ -303,6 +314,7 @@ bool WebServer::_answer(Connection& connection) {
     switch (ruling.act) {
     case WebAct::refuse: return refuse(handle);
     case WebAct::refuseLater: return _refuseLater(connection);
+    case WebAct::enterOnce: _door.once.clear(); [[fallthrough]];
     case WebAct::enter: {
         const Response response = withBytes("", textType);
         MHD_add_response_header(response.get(), "Location", "/");

@@ -63,6 +63,8 @@ class WebServer {
 
     /// Where a person enters.
     [[nodiscard]] std::string address() const;
+    /// The same for one time: others may see the words with which a browser is started.
+    [[nodiscard]] std::string addressForOnce();
 
     /// Becomes readable when `attend` is to be called.
     [[nodiscard]] int descriptor() const noexcept { return _wake.get(); }
@@ -92,8 +94,8 @@ class WebServer {
     struct Connection;
     struct Calls; // of the library
 
-    WebServer(Icon icon, WebLimits limits);
-    [[nodiscard]] Result<void> _start(unsigned flags, int listening);
+    WebServer(Door door, Icon icon, WebLimits limits);
+    [[nodiscard]] Result<void> _start(unsigned flags, std::uint16_t port, int listening);
     [[nodiscard]] bool _handle(Connection& connection, const char* method, const char* body, std::size_t* size);
     [[nodiscard]] bool _answer(Connection& connection) REQUIRES(_mutex);
     [[nodiscard]] bool _refuseLater(Connection& connection) REQUIRES(_mutex);
@@ -110,9 +112,9 @@ class WebServer {
     const Icon _icon;
     const WebLimits _limits;
     const Descriptor _wake;
-    Door _door;
     MHD_Daemon* _daemon = nullptr;
     mutable Mutex _mutex;
+    Door _door GUARDED_BY(_mutex);
     std::list<Connection> _connections GUARDED_BY(_mutex); // the oldest first
     std::deque<std::string> _told GUARDED_BY(_mutex);
     std::size_t _toldBytes GUARDED_BY(_mutex) = 0;
