@@ -6,6 +6,7 @@
 #include <sys/inotify.h>
 
 #include <string>
+#include <utility>
 
 namespace appsync::host {
 
@@ -24,22 +25,27 @@ DeviceChanges::DeviceChanges(device::DeviceFileSystem& files)
                                                                     {"/var/db", content, &Seen::database},
                                                                     {"/var/log", content, &Seen::log},
                                                                     {"/var/run/apps", content, &Seen::processes},
-                                                                    {"/var/run/control", content, &Seen::control}}} {
-    _watch();
-}
+                                                                    {"/var/run/control", content, &Seen::control}}},
+      _found(_watch()) {}
 
-/// Each of them as far as it is there; the others are made by commands that open the device.
-void DeviceChanges::_watch() {
+/// Each of them as far as it is there; the others are made by commands that open the device, and are found then with
+/// what is in them already.
+DeviceChanges::Seen DeviceChanges::_watch() {
+    Seen found;
     for (Place& place : _places) {
         if (const auto opened = _files.open(place.path, O_PATH | O_NOFOLLOW); opened) {
             const std::string path = "/proc/self/fd/" + std::to_string(opened->get());
-            place.number = ::inotify_add_watch(_reports.get(), path.c_str(), place.mask);
+            const int before =
+                std::exchange(place.number, ::inotify_add_watch(_reports.get(), path.c_str(), place.mask));
+            found.*place.what = found.*place.what || before != place.number;
         }
     }
+    found.isGone = false;
+    return found;
 }
 
 DeviceChanges::Seen DeviceChanges::take() {
-    Seen seen;
+    Seen seen = std::exchange(_found, Seen());
     alignas(inotify_event) std::array<char, 16U << 10> piece{};
     for (ssize_t length = 0; (length = ::read(_reports.get(), piece.data(), piece.size())) > 0;) {
         for (ssize_t at = 0; at < length;) {
@@ -53,11 +59,10 @@ DeviceChanges::Seen DeviceChanges::take() {
         }
     }
     if (seen.owner) {
-        _watch();
-    }
-    if (_isFirst) {
-        _isFirst = false;
-        return {true, true, true, true, true, false};
+        const Seen found = _watch();
+        for (const Place& place : _places) {
+            seen.*place.what = seen.*place.what || found.*place.what;
+        }
     }
     return seen;
 }

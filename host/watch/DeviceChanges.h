@@ -39,12 +39,12 @@ class DeviceChanges {
         bool Seen::*what;
         int number = -1; // of the watch
     };
-    void _watch();
+    [[nodiscard]] Seen _watch();
 
     device::DeviceFileSystem& _files;
     const Descriptor _reports;
     std::array<Place, 6> _places;
-    bool _isFirst = true;
+    Seen _found; // that has come to be watched since the last call of `take`
 };
 
 } // namespace appsync::host

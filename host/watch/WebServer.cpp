@@ -214,8 +214,11 @@ Result<void> WebServer::_start(unsigned flags, std::uint16_t port, int listening
     constexpr unsigned overflow = 16; // until the oldest have been hung up on
     constexpr std::size_t memory = 16U << 10;
     const auto seconds = std::chrono::ceil<std::chrono::seconds>(_limits.time);
+    // The library takes no socket when it is told that there is none.
+    MHD_OptionItem socket[] = {{listening >= 0 ? MHD_OPTION_LISTEN_SOCKET : MHD_OPTION_END, listening, nullptr},
+                               {MHD_OPTION_END, 0, nullptr}};
     _daemon = MHD_start_daemon(flags | MHD_ALLOW_SUSPEND_RESUME, port, nullptr, nullptr, &Calls::request, this, //
-                               MHD_OPTION_LISTEN_SOCKET, listening,                                             //
+                               MHD_OPTION_ARRAY, socket,                                                        //
                                MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(_limits.connections) + overflow,
                                MHD_OPTION_CONNECTION_TIMEOUT,
                                static_cast<unsigned>(seconds.count()),                 // also of who does not read
