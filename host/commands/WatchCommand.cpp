@@ -1,4 +1,5 @@
 // Showing a device in the browser while it is used.
+#include "device/Device.h"
 #include "files/Syscalls.h"
 #include "host/Commands.h"
 #include "host/OpenDevice.h"
@@ -64,8 +65,7 @@ bool waitFor(const Wait& wait) {
     return std::any_of(awaited.end() - 2, awaited.end(), isReady);
 }
 
-ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& folder) {
-    const Interrupt interrupt;
+ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& folder, const Interrupt& interrupt) {
     Clock::time_point nextLook = {};
     Clock::time_point nextSign = {};
     bool hasChanged = true;
@@ -126,7 +126,11 @@ void openInBrowser(const std::string& address) {
 } // namespace
 
 ExitCode watch(const WatchArguments& arguments) {
-    const auto device = WatchedDevice::open(arguments.device, Clock::now());
+    ExitCode code = ExitCode::failed;
+    if (lookAtDevice(arguments.device, &code) == nullptr) {
+        return code;
+    }
+    const auto device = WatchedDevice::open(arguments.device);
     if (!device) {
         return fail(reasonOf(device.error()), exitCodeOf(device.error()));
     }
@@ -136,6 +140,7 @@ ExitCode watch(const WatchArguments& arguments) {
     if (!server) {
         return fail(reasonOf(server.error()));
     }
+    const Interrupt interrupt; // from when others can know the address
     printLine(std::cout, (*server)->address());
     std::cout.flush();
     if (!std::cout.good()) {
@@ -144,7 +149,7 @@ ExitCode watch(const WatchArguments& arguments) {
     if (arguments.opensBrowser) {
         openInBrowser((*server)->addressForOnce());
     }
-    return serve(**device, **server, arguments.device);
+    return serve(**device, **server, arguments.device, interrupt);
 }
 
 } // namespace appsync::host

@@ -89,17 +89,9 @@ WatchedDevice::WatchedDevice(std::string folder, std::unique_ptr<device::Root> r
     : _folder(std::move(folder)), _root(std::move(root)), _changes(_root->files()), _icons(_root->files()),
       _processes(*_root), _log(_root->files()) {}
 
-Result<std::unique_ptr<WatchedDevice>> WatchedDevice::open(const std::string& folder, Clock::time_point now) {
+Result<std::unique_ptr<WatchedDevice>> WatchedDevice::open(const std::string& folder) {
     auto root = device::Root::look(folder);
-    if (!root) {
-        return root.error();
-    }
-    if (const auto looked = device::Device::look(folder); !looked) {
-        return looked.error();
-    }
-    std::unique_ptr<WatchedDevice> watched(new WatchedDevice(folder, std::move(*root)));
-    const auto updated = watched->update(now);
-    return updated ? Result(std::move(watched)) : updated.error();
+    return root ? Result(std::unique_ptr<WatchedDevice>(new WatchedDevice(folder, std::move(*root)))) : root.error();
 }
 
 Result<void> WatchedDevice::update(Clock::time_point now) {

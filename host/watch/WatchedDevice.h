@@ -31,8 +31,8 @@ class WatchedDevice {
   public:
     using Clock = std::chrono::steady_clock;
 
-    /// A folder that is no device, or that this program cannot read, is an error.
-    [[nodiscard]] static Result<std::unique_ptr<WatchedDevice>> open(const std::string& folder, Clock::time_point now);
+    /// A folder that is no device is an error.
+    [[nodiscard]] static Result<std::unique_ptr<WatchedDevice>> open(const std::string& folder);
 
     /// Looks at what has changed. An error when the device is gone.
     [[nodiscard]] Result<void> update(Clock::time_point now);

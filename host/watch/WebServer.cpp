@@ -306,18 +306,27 @@ bool WebServer::_handle(Connection& connection, const char* method, const char* 
         *size = 0;
         return true;
     }
-    const Lock lock(_mutex);
-    return !_isEnding && _answer(connection);
+    return _answer(connection);
 }
 
-bool WebServer::_answer(Connection& connection) {
+Ruling WebServer::_ruleOn(Connection& connection) {
+    const Lock lock(_mutex);
     const Ruling ruling = ruleOn(connection.request, _door);
-    MHD_Connection* const handle = connection.handle;
     connection.stage = Stage::answering;
+    if (ruling.act == WebAct::enterOnce) {
+        _door.once.clear();
+    }
+    return ruling;
+}
+
+/// The library is not called with the lock in hand: it calls back with its own.
+bool WebServer::_answer(Connection& connection) {
+    const Ruling ruling = _ruleOn(connection);
+    MHD_Connection* const handle = connection.handle;
     switch (ruling.act) {
     case WebAct::refuse: return refuse(handle);
-    case WebAct::refuseLater: return _refuseLater(connection);
-    case WebAct::enterOnce: _door.once.clear(); [[fallthrough]];
+    case WebAct::refuseLater: return _suspend(connection, Stage::delayed, _limits.delayed);
+    case WebAct::enterOnce:
     case WebAct::enter: {
         const Response response = withBytes("", textType);
         MHD_add_response_header(response.get(), "Location", "/");
@@ -352,48 +361,52 @@ bool WebServer::_answer(Connection& connection) {
     return false;
 }
 
-bool WebServer::_refuseLater(Connection& connection) {
-    if (_count(Stage::delayed) >= _limits.delayed) {
+/// Until another thread has something for it. False when as many wait already.
+bool WebServer::_suspend(Connection& connection, Stage stage, std::size_t most) {
+    const Lock lock(_mutex);
+    if (_isEnding || _count(stage) >= most) {
         return false;
     }
-    connection.stage = Stage::delayed;
-    connection.due = Clock::now() + _limits.delay;
+    connection.stage = stage;
+    connection.due = stage == Stage::delayed ? std::optional(Clock::now() + _limits.delay) : std::nullopt;
+    connection.act = ++_lastAct;
     MHD_suspend_connection(connection.handle);
     ::eventfd_write(_wake.get(), 1);
     return true;
 }
 
 bool WebServer::_takeAct(Connection& connection, const char* command, const std::string& app) {
-    if (_count(Stage::acting) >= _limits.acts) {
-        return queue(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
-                     withBytes(R"({"error":"Too much is asked for at once; try again."})", jsonType));
-    }
-    connection.stage = Stage::acting;
-    connection.due.reset();
-    connection.act = ++_lastAct;
     connection.request.method = command;
     connection.request.body = app;
-    MHD_suspend_connection(connection.handle);
+    return _suspend(connection, Stage::acting, _limits.acts) ||
+           queue(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
+                 withBytes(R"({"error":"Too much is asked for at once; try again."})", jsonType));
+}
+
+bool WebServer::_mayWatch(Connection& connection) {
+    const Lock lock(_mutex);
+    if (_count(Stage::watching) >= _limits.watchers) {
+        _dropWhoLeft();
+    }
+    if (_count(Stage::watching) >= _limits.watchers) {
+        return false;
+    }
+    connection.stage = Stage::watching;
+    connection.due.reset();
     ::eventfd_write(_wake.get(), 1);
     return true;
 }
 
 bool WebServer::_letWatch(Connection& connection) {
-    if (_count(Stage::watching) >= _limits.watchers) {
-        _dropWhoLeft();
-    }
-    if (_count(Stage::watching) >= _limits.watchers) {
+    if (!_mayWatch(connection)) {
         return queue(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
                      withBytes("The device is watched from too many pages; close one.\n", textType));
     }
     constexpr std::size_t pieceSize = 16U << 10;
-    const Response response =
+    return queue(
+        connection.handle, MHD_HTTP_OK,
         complete(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, pieceSize, &Calls::read, &connection, nullptr),
-                 "text/event-stream");
-    connection.stage = Stage::watching;
-    connection.due.reset();
-    ::eventfd_write(_wake.get(), 1);
-    return queue(connection.handle, MHD_HTTP_OK, response);
+                 "text/event-stream"));
 }
 
 /// Those whose page has gone, which the library finds out when it sends them something.

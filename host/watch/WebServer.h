@@ -97,10 +97,12 @@ class WebServer {
     WebServer(Door door, Icon icon, WebLimits limits);
     [[nodiscard]] Result<void> _start(unsigned flags, std::uint16_t port, int listening);
     [[nodiscard]] bool _handle(Connection& connection, const char* method, const char* body, std::size_t* size);
-    [[nodiscard]] bool _answer(Connection& connection) REQUIRES(_mutex);
-    [[nodiscard]] bool _refuseLater(Connection& connection) REQUIRES(_mutex);
-    [[nodiscard]] bool _takeAct(Connection& connection, const char* command, const std::string& app) REQUIRES(_mutex);
-    [[nodiscard]] bool _letWatch(Connection& connection) REQUIRES(_mutex);
+    [[nodiscard]] Ruling _ruleOn(Connection& connection);
+    [[nodiscard]] bool _answer(Connection& connection);
+    [[nodiscard]] bool _suspend(Connection& connection, Stage stage, std::size_t most);
+    [[nodiscard]] bool _takeAct(Connection& connection, const char* command, const std::string& app);
+    [[nodiscard]] bool _mayWatch(Connection& connection);
+    [[nodiscard]] bool _letWatch(Connection& connection);
     [[nodiscard]] std::ptrdiff_t _read(Connection& connection, char* out, std::size_t room);
     [[nodiscard]] Connection* _open(MHD_Connection* handle);
     void _close(Connection* connection);
