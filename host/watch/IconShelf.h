@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 
 namespace appsync::device {
 class DeviceFileSystem;
@@ -18,7 +19,9 @@ namespace appsync::host {
 struct IconKey {
     std::string app;
     std::string version;
-    friend auto operator<=>(const IconKey&, const IconKey&) = default;
+    friend bool operator<(const IconKey& one, const IconKey& other) {
+        return std::tie(one.app, one.version) < std::tie(other.app, other.version);
+    }
 };
 
 /// Any thread.

@@ -133,7 +133,9 @@ Ruling ruleOn(const WebRequest& request, const Door& door) {
     }
     if (const auto token = isGet && path == "/" ? valueIn(query, "token") : std::nullopt) {
         const bool isOnce = !door.once.empty() && isToken(*token, door.once);
-        return {isToken(*token, door.token) ? WebAct::enter : isOnce ? WebAct::enterOnce : WebAct::refuseLater};
+        const bool isKnown = isToken(*token, door.token);
+        return isOnce || isKnown ? Ruling{isKnown ? WebAct::enter : WebAct::enterOnce, cookieOf(door)}
+                                 : Ruling{WebAct::refuseLater};
     }
     if (!hasCookie(request.cookie.value_or(""), door)) {
         return {WebAct::refuseLater};

@@ -38,7 +38,7 @@ struct Door {
 enum class WebAct {
     refuse,      // it comes from elsewhere
     refuseLater, // it does not know the token
-    enter,       // it does: the cookie, and on to the page
+    enter,       // it does: `subject` is the cookie, and on to the page
     enterOnce,   // likewise, with the token that lets in one time
     page,        // `subject` is the path of a part of the page
     icon,        // of the app `subject`, in `version`

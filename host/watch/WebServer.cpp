@@ -331,7 +331,7 @@ bool WebServer::_answer(Connection& connection) {
         const Response response = withBytes("", textType);
         MHD_add_response_header(response.get(), "Location", "/");
         MHD_add_response_header(response.get(), "Set-Cookie",
-                                (cookieOf(_door) + "; HttpOnly; SameSite=Strict; Path=/").c_str());
+                                (ruling.subject + "; HttpOnly; SameSite=Strict; Path=/").c_str());
         return queue(handle, MHD_HTTP_SEE_OTHER, response);
     }
     case WebAct::page: {

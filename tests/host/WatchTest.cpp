@@ -73,7 +73,7 @@ const RulingCase rulings[] = {
          r.cookie.reset();
          r.target = "/?token=" + door.token;
      },
-     WebAct::enter},
+     WebAct::enter, cookieOf(door)},
     // From elsewhere.
     {"NoHost", [](WebRequest& r) { r.host.reset(); }, WebAct::refuse},
     {"AnotherHost", [](WebRequest& r) { r.host = "example.org:8080"; }, WebAct::refuse},
