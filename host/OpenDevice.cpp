@@ -32,16 +32,17 @@ std::string inUseSentence(const std::string& folder) {
            "` shows what it does: wait for it, or " + end;
 }
 
-std::unique_ptr<device::Device> opened(Result<std::unique_ptr<device::Device>> device, const std::string& folder,
-                                       ExitCode* code) {
-    if (device) {
-        return std::move(*device);
-    }
-    *code = exitCodeOf(device.error());
-    const std::string reason = *code == ExitCode::deviceInUse ? inUseSentence(folder) : reasonOf(device.error());
+bool isInUse(const ErrorPtr& error) {
+    return isError(error, device::rootErrorDomain, device::RootError::inUse);
+}
+
+/// The device's error with the sentence that the person reads.
+ErrorPtr told(const ErrorPtr& error, const std::string& folder) {
+    const std::string reason = isInUse(error) ? inUseSentence(folder) : reasonOf(error);
     const bool namesDevice = reason.find(folder) != std::string::npos;
-    fail(namesDevice ? reason : "the device " + folder + " cannot be opened: " + reason);
-    return nullptr;
+    return Error::make(
+        error->domain(), error->code(),
+        {{errorDescriptionKey, namesDevice ? reason : "the device " + folder + " cannot be opened: " + reason}});
 }
 
 } // namespace
@@ -58,13 +59,14 @@ std::string shellWord(const std::string& text) {
     return quoted + "'";
 }
 
-std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code, const char* purpose,
-                                           Timeline* timeline) {
-    return opened(device::Device::open(folder, {.purpose = purpose, .timeline = timeline}), folder, code);
+Result<std::unique_ptr<device::Device>> openDevice(const std::string& folder, const char* purpose, Timeline* timeline) {
+    auto device = device::Device::open(folder, {.purpose = purpose, .timeline = timeline});
+    return device ? std::move(device) : told(device.error(), folder);
 }
 
-std::unique_ptr<device::Device> lookAtDevice(const std::string& folder, ExitCode* code) {
-    return opened(device::Device::look(folder), folder, code);
+Result<std::unique_ptr<device::Device>> lookAtDevice(const std::string& folder) {
+    auto device = device::Device::look(folder);
+    return device ? std::move(device) : told(device.error(), folder);
 }
 
 std::string describeOwner(const std::string& folder) {
@@ -76,14 +78,13 @@ std::string letGoCommand(const std::string& folder, const std::string& app) {
     return "rm " + shellWord(folder + device::busyPath(app));
 }
 
-ExitCode exitCodeOf(const ErrorPtr& error) {
-    return isError(error, device::rootErrorDomain, device::RootError::inUse) ? ExitCode::deviceInUse
-                                                                             : ExitCode::deviceUnusable;
-}
-
 ExitCode fail(const std::string& sentence, ExitCode code) {
     printLine(std::cerr, "qrd: " + sentence);
     return code;
+}
+
+ExitCode fail(const ErrorPtr& error) {
+    return fail(reasonOf(error), isInUse(error) ? ExitCode::deviceInUse : ExitCode::deviceUnusable);
 }
 
 } // namespace appsync::host

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/ExitCode.h"
-#include "values/Error.h"
+#include "values/Result.h"
 
 #include <memory>
 #include <string>
@@ -16,12 +16,12 @@ class Device;
 
 namespace appsync::host {
 
-/// The device, opened; null after telling the person why not, with the exit code in `code`. `purpose` is what others
-/// are told who want to change it meanwhile, such as "a sync"; the timeline must outlive the device.
-[[nodiscard]] std::unique_ptr<device::Device> openDevice(const std::string& folder, ExitCode* code, const char* purpose,
-                                                         Timeline* timeline = nullptr);
+/// The device, opened. `purpose` is what others are told who want to change it meanwhile, such as "a sync"; the
+/// timeline must outlive the device. An error is the device's own, in a sentence for the person.
+[[nodiscard]] Result<std::unique_ptr<device::Device>> openDevice(const std::string& folder, const char* purpose,
+                                                                 Timeline* timeline = nullptr);
 /// The same to look at it, whatever else runs on it.
-[[nodiscard]] std::unique_ptr<device::Device> lookAtDevice(const std::string& folder, ExitCode* code);
+[[nodiscard]] Result<std::unique_ptr<device::Device>> lookAtDevice(const std::string& folder);
 
 /// Who has a device open, such as "a sync since 11:42 (process 1234)"; empty when nobody has.
 [[nodiscard]] std::string describeOwner(const std::string& folder);
@@ -32,10 +32,9 @@ namespace appsync::host {
 /// How a person lets go of an app that holds itself busy: a shell's command.
 [[nodiscard]] std::string letGoCommand(const std::string& folder, const std::string& app);
 
-/// The exit code of a device that could not be opened or made.
-[[nodiscard]] ExitCode exitCodeOf(const ErrorPtr& error);
-
 /// Tells the person on standard error; returns the code.
 ExitCode fail(const std::string& sentence, ExitCode code = ExitCode::failed);
+/// Tells why a device could not be opened or made.
+ExitCode fail(const ErrorPtr& error);
 
 } // namespace appsync::host

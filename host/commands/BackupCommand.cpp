@@ -226,13 +226,13 @@ ExitCode backup(const BackupArguments& arguments) {
         return fail("'" + arguments.output + "' exists already; name a folder that does not exist yet.",
                     ExitCode::wrongUse);
     }
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a backup");
-    if (device == nullptr) {
-        return code;
+    const auto opened = openDevice(arguments.device, "a backup");
+    if (!opened) {
+        return fail(opened.error());
     }
-    device->coordinator().waitUntilIdle();
-    if (const auto prepared = prepare(*device, arguments.plugin); !prepared) {
+    device::Device& device = **opened;
+    device.coordinator().waitUntilIdle();
+    if (const auto prepared = prepare(device, arguments.plugin); !prepared) {
         return fail(reasonOf(prepared.error()));
     }
     const Interrupt interrupt;
@@ -240,7 +240,7 @@ ExitCode backup(const BackupArguments& arguments) {
     if (!folder) {
         return fail(reasonOf(folder.error()));
     }
-    BackupWriter writer(*device, (*folder)->folder(), arguments.output);
+    BackupWriter writer(device, (*folder)->folder(), arguments.output);
     auto written = writer.write();
     if (Interrupt::requested()) {
         return fail("interrupted; there is no backup", Interrupt::exitCode());

@@ -12,13 +12,13 @@
 namespace appsync::host {
 
 ExitCode demote(const DemoteArguments& arguments) {
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a demotion");
-    if (device == nullptr) {
-        return code;
+    const auto opened = openDevice(arguments.device, "a demotion");
+    if (!opened) {
+        return fail(opened.error());
     }
-    device->coordinator().waitUntilIdle();
-    if (const auto demoted = device->demote(arguments.app, arguments.automatic); !demoted) {
+    device::Device& device = **opened;
+    device.coordinator().waitUntilIdle();
+    if (const auto demoted = device.demote(arguments.app, arguments.automatic); !demoted) {
         const bool isBusy = isError(demoted.error(), device::processErrorDomain, device::ProcessError::inUse);
         const std::string advice =
             isBusy ? "; let go of it with `" + letGoCommand(arguments.device, arguments.app) + "`" : "";

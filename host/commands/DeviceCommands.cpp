@@ -53,25 +53,25 @@ ExitCode createDevice(const DeviceCreateArguments& arguments) {
                                                  .forbidsRemoving = arguments.forbidRemoval},
                                                 {.purpose = "the making of it"});
     if (!created) {
-        return fail(reasonOf(created.error()), exitCodeOf(created.error()));
+        return fail(created.error());
     }
     printLine(std::cout, "made the device " + arguments.device);
     return ExitCode::done;
 }
 
 ExitCode listApps(const AppsArguments& arguments) {
-    ExitCode code = ExitCode::failed;
-    const auto device = lookAtDevice(arguments.device, &code);
-    if (device == nullptr) {
-        return code;
+    const auto opened = lookAtDevice(arguments.device);
+    if (!opened) {
+        return fail(opened.error());
     }
-    showProgressOf(arguments.device, *device);
+    device::Device& device = **opened;
+    showProgressOf(arguments.device, device);
     Json list = Json::array();
     Table table({"App", "Version", "State", "Identifier"});
-    auto apps = device->registry().applications(); // in the order in which they came
+    auto apps = device.registry().applications(); // in the order in which they came
     std::ranges::sort(apps, {}, [](const device::Application& app) { return std::tie(app.name, app.identifier); });
     for (const device::Application& app : apps) {
-        const bool isRunning = device->processes().isRunning(app.identifier);
+        const bool isRunning = device.processes().isRunning(app.identifier);
         list.push_back(toJson(app, isRunning));
         table.add({app.name, app.version.value_or("-"), shownState(app, isRunning), app.identifier});
     }
@@ -86,13 +86,13 @@ ExitCode listApps(const AppsArguments& arguments) {
 }
 
 ExitCode drawScreen(const ScreenArguments& arguments) {
-    ExitCode code = ExitCode::failed;
-    const auto device = lookAtDevice(arguments.device, &code);
-    if (device == nullptr) {
-        return code;
+    const auto opened = lookAtDevice(arguments.device);
+    if (!opened) {
+        return fail(opened.error());
     }
-    showProgressOf(arguments.device, *device);
-    const auto picture = device::drawHomeScreen(device->homeScreen().contents());
+    device::Device& device = **opened;
+    showProgressOf(arguments.device, device);
+    const auto picture = device::drawHomeScreen(device.homeScreen().contents());
     if (!picture) {
         return fail("The home screen cannot be drawn: there is not enough memory.");
     }

@@ -284,7 +284,7 @@ ExitCode showLog(const LogArguments& arguments) {
     }
     const auto root = device::Root::look(arguments.device);
     if (!root) {
-        return fail(reasonOf(root.error()), exitCodeOf(root.error()));
+        return fail(root.error());
     }
     std::unique_ptr<LogSource> source;
     if (arguments.transactions) {

@@ -41,7 +41,7 @@ Json noSyncJson(const std::string& folder) {
 /// Says that, unless the folder is no device.
 template <class Say> ExitCode noSync(const std::string& folder, Say&& say) {
     const auto checked = device::Root::check(folder);
-    return checked ? say() : fail(reasonOf(checked.error()), exitCodeOf(checked.error()));
+    return checked ? say() : fail(checked.error());
 }
 
 ExitCode act(const ControlArguments& arguments, const char* command) {
@@ -146,12 +146,12 @@ ExitCode followOn(int terminal, RunningSync& running, Json status) {
 } // namespace
 
 ExitCode launch(const LaunchArguments& arguments) {
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a launch");
-    if (device == nullptr) {
-        return code;
+    const auto opened = openDevice(arguments.device, "a launch");
+    if (!opened) {
+        return fail(opened.error());
     }
-    const auto process = device->launch(arguments.app, arguments.busy);
+    device::Device& device = **opened;
+    const auto process = device.launch(arguments.app, arguments.busy);
     if (!process) {
         const bool isUnknown = isError(process.error(), device::processErrorDomain, device::ProcessError::notInstalled);
         return fail(reasonOf(process.error()) +
@@ -170,7 +170,7 @@ ExitCode launch(const LaunchArguments& arguments) {
 ExitCode quit(const QuitArguments& arguments) {
     const auto root = device::Root::look(arguments.device);
     if (!root) {
-        return fail(reasonOf(root.error()), exitCodeOf(root.error()));
+        return fail(root.error());
     }
     device::ProcessTable processes(**root);
     switch (processes.endAndHold(arguments.app)) {

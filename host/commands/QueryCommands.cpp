@@ -33,9 +33,8 @@ template <class Ask> ExitCode askClient(device::Device& device, const std::strin
 
 /// The same on a device that is looked at: the plug-in's messages are not logged, and what it would write is refused.
 template <class Ask> ExitCode askClient(const QueryArguments& arguments, Ask&& ask) {
-    ExitCode code = ExitCode::failed;
-    const auto device = lookAtDevice(arguments.device, &code);
-    return device != nullptr ? askClient(*device, arguments.plugin, ask) : code;
+    const auto device = lookAtDevice(arguments.device);
+    return device ? askClient(**device, arguments.plugin, ask) : fail(device.error());
 }
 
 /// The plug-in would take them for apps on their way; one that is to return is not listed.
@@ -110,20 +109,20 @@ ExitCode showAccounts(const QueryArguments& arguments) {
 }
 
 ExitCode uninstall(const UninstallArguments& arguments) {
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "an uninstall");
-    if (device == nullptr) {
-        return code;
+    const auto opened = openDevice(arguments.device, "an uninstall");
+    if (!opened) {
+        return fail(opened.error());
     }
-    if (device->policy().value(OLFeatureAppRemovalAllowed) == OLBoolValue::explicitlyNo) {
+    device::Device& device = **opened;
+    if (device.policy().value(OLFeatureAppRemovalAllowed) == OLBoolValue::explicitlyNo) {
         return fail("This device does not allow removing apps.", ExitCode::someAppFailed);
     }
-    if (device->processes().endAndHold(arguments.app) == device::RunningApps::Answer::busy) {
+    if (device.processes().endAndHold(arguments.app) == device::RunningApps::Answer::busy) {
         return fail("'" + arguments.app + "' is in use and cannot be ended now; let go of it with `" +
                         letGoCommand(arguments.device, arguments.app) + "` and try again.",
                     ExitCode::someAppFailed);
     }
-    if (const auto removed = device->coordinator().uninstallByUser(arguments.app); !removed) {
+    if (const auto removed = device.coordinator().uninstallByUser(arguments.app); !removed) {
         return fail(reasonOf(removed.error()), ExitCode::someAppFailed);
     }
     printLine(std::cout, "removed " + arguments.app);
@@ -137,13 +136,13 @@ ExitCode reset(const ResetArguments& arguments) {
     if (!arguments.yes && !isConfirmed(arguments.device)) {
         return fail("Nothing was changed.", ExitCode::wrongUse);
     }
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a reset");
-    if (device == nullptr) {
-        return code;
+    const auto opened = openDevice(arguments.device, "a reset");
+    if (!opened) {
+        return fail(opened.error());
     }
-    return askClient(*device, arguments.plugin, [&](QRClient& client) {
-        hideDemotedApps(*device);
+    device::Device& device = **opened;
+    return askClient(device, arguments.plugin, [&](QRClient& client) {
+        hideDemotedApps(device);
         client.clearSyncData();
         printLine(std::cout, "reset " + arguments.device);
     });

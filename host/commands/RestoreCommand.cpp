@@ -313,15 +313,15 @@ ExitCode restore(const RestoreArguments& arguments) {
     if (!trace) {
         return fail(reasonOf(trace.error()));
     }
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a restore", trace->timeline());
-    if (device == nullptr) {
-        return code;
+    const auto opened = openDevice(arguments.device, "a restore", trace->timeline());
+    if (!opened) {
+        return fail(opened.error());
     }
-    device->coordinator().waitUntilIdle();
+    device::Device& device = **opened;
+    device.coordinator().waitUntilIdle();
     const Interrupt interrupt;
     SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
-    SyncReport report = Restore(*device, std::move(*content), *folder, view).run(arguments.type, arguments.plugin);
+    SyncReport report = Restore(device, std::move(*content), *folder, view).run(arguments.type, arguments.plugin);
     trace->finish(report);
     return tellOutcome(report, arguments.json, {"The backup holds no apps.", "restore again"});
 }

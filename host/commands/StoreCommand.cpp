@@ -178,13 +178,13 @@ ExitCode store(const StoreArguments& arguments) {
     if (!trace) {
         return fail(reasonOf(trace.error()));
     }
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a visit to the store", trace->timeline());
-    if (device == nullptr) {
-        return code;
+    const auto opened = openDevice(arguments.device, "a visit to the store", trace->timeline());
+    if (!opened) {
+        return fail(opened.error());
     }
-    device->coordinator().waitUntilIdle(); // what an interrupted run has delivered is installed first
-    const auto catalogue = desktop::readAppCatalogue(arguments.catalogue, device->propertyLists());
+    device::Device& device = **opened;
+    device.coordinator().waitUntilIdle(); // what an interrupted run has delivered is installed first
+    const auto catalogue = desktop::readAppCatalogue(arguments.catalogue, device.propertyLists());
     if (!catalogue) {
         return fail(reasonOf(catalogue.error()), ExitCode::wrongUse);
     }
@@ -192,7 +192,7 @@ ExitCode store(const StoreArguments& arguments) {
     SyncReport report;
     {
         SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
-        StoreClient client(*device, *catalogue, view);
+        StoreClient client(device, *catalogue, view);
         client.run();
         report.apps = client.reports();
     }

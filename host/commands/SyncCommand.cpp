@@ -45,26 +45,26 @@ ExitCode sync(const SyncArguments& arguments) {
     if (!trace) {
         return fail(reasonOf(trace.error()));
     }
-    ExitCode code = ExitCode::failed;
-    const auto device = openDevice(arguments.device, &code, "a sync", trace->timeline());
-    if (device == nullptr) {
-        return code;
+    const auto opened = openDevice(arguments.device, "a sync", trace->timeline());
+    if (!opened) {
+        return fail(opened.error());
     }
-    device->coordinator().waitUntilIdle(); // what an interrupted sync left to install is installed first
+    device::Device& device = **opened;
+    device.coordinator().waitUntilIdle(); // what an interrupted sync left to install is installed first
     const auto began = std::chrono::system_clock::now();
-    const auto library = desktop::readAppLibrary(arguments.library, device->propertyLists());
+    const auto library = desktop::readAppLibrary(arguments.library, device.propertyLists());
     if (!library) {
         return fail(reasonOf(library.error()), ExitCode::wrongUse);
     }
-    SyncPlan plan = planSync(*library, stateOf(*device),
+    SyncPlan plan = planSync(*library, stateOf(device),
                              {arguments.install, arguments.remove, arguments.reinstall, arguments.downgrade});
     plan.report.isDryRun = arguments.dryRun;
     if (arguments.dryRun || plan.report.failure != nullptr) {
         return tellOutcome(plan.report, arguments.json, words);
     }
-    clearLeftovers(*device, plan.goingOn, plan.takenBack);
-    if (!device->coordinationIsEnabled()) {
-        letDemotedAppsReturn(*device, plan.list);
+    clearLeftovers(device, plan.goingOn, plan.takenBack);
+    if (!device.coordinationIsEnabled()) {
+        letDemotedAppsReturn(device, plan.list);
     }
     const Interrupt interrupt;
     SyncOptions options{.plugInPath = arguments.plugin.empty() ? PlugIn::defaultPath() : arguments.plugin,
@@ -75,7 +75,7 @@ ExitCode sync(const SyncArguments& arguments) {
         options.bandwidth = &*bandwidth;
     }
     SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
-    SyncReport report = runSync(*device, std::move(plan), options, view);
+    SyncReport report = runSync(device, std::move(plan), options, view);
     report.began = began;
     report.ended = std::chrono::system_clock::now();
     trace->finish(report);

@@ -126,13 +126,12 @@ void openInBrowser(const std::string& address) {
 } // namespace
 
 ExitCode watch(const WatchArguments& arguments) {
-    ExitCode code = ExitCode::failed;
-    if (lookAtDevice(arguments.device, &code) == nullptr) {
-        return code;
+    if (const auto looked = lookAtDevice(arguments.device); !looked) {
+        return fail(looked.error());
     }
     const auto device = WatchedDevice::open(arguments.device);
     if (!device) {
-        return fail(reasonOf(device.error()), exitCodeOf(device.error()));
+        return fail(device.error());
     }
     const auto server = WebServer::start(arguments.port, [&device](const std::string& app, const std::string& version) {
         return (*device)->icons().png({app, version});
