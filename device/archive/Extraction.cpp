@@ -12,8 +12,8 @@
 #include "timeline/Timeline.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
+#include <deque>
 #include <span>
 
 namespace appsync::device {
@@ -101,8 +101,7 @@ class FileUnpacker {
     const std::function<void(std::uint64_t)> _wrote;
 };
 
-/// Files that several threads unpack at once. Of several failures the one of the first entry counts, as if one thread
-/// had unpacked all.
+/// Files that several threads unpack at once. Of several failures that of the first file counts, whichever came first.
 class SharedFiles {
   public:
     explicit SharedFiles(std::vector<const ZipDirectory::Entry*> files)
@@ -149,7 +148,7 @@ class SharedFiles {
     ErrorPtr _failure GUARDED_BY(_mutex);
 };
 
-/// Cores that nobody else has taken, as long as the object is there.
+/// Cores that no other large archive has taken, as long as the object is there.
 class SpareCores {
   public:
     explicit SpareCores(Semaphore* cores) : _cores(cores) {
@@ -179,10 +178,8 @@ class Extraction {
                FaultPoint* faultPoint)
         : _request(request), _directory(directory), _container(container), _limits(limits),
           _propertyLists(propertyLists), _refuse(refuse), _file(file),
-          _unpacker(request, file, BundleWriter(container, faultPoint), refuse, [this](std::uint64_t bytes) {
-              _written += bytes;
-              _report();
-          }) {}
+          _unpacker(request, file, BundleWriter(container, faultPoint), refuse,
+                    [this](std::uint64_t bytes) { _wrote(bytes); }) {}
 
     Result<ExtractedApplication> run() {
         const Span span(_request.timeline, "unpacking", _request.identifier);
@@ -209,11 +206,13 @@ class Extraction {
 
     Result<void> _checkSpace() {
         const std::uint64_t needed = _directory.unpackedBytes() + _directory.count() * bytesPerEntry;
-        if (!_request.freeSpace || needed <= *_request.freeSpace) {
-            return {};
+        const auto free = _request.room ? _request.room->take(needed, _request.cancel) : std::nullopt;
+        if (_request.cancel.stop_requested()) {
+            return makeCancelledError(_request.identifier, _request.archivePath);
         }
-        return noSpace(_request, "it needs " + std::to_string(needed) + " bytes, " +
-                                     std::to_string(*_request.freeSpace) + " are free");
+        return free ? noSpace(_request,
+                              "it needs " + std::to_string(needed) + " bytes, " + std::to_string(*free) + " are free")
+                    : nullptr;
     }
 
     Result<void> _unpack() {
@@ -282,23 +281,25 @@ class Extraction {
         return {};
     }
 
-    /// On this thread, and one more for each core that nobody else has taken.
+    /// On this thread, and one more for each core to spare.
     Result<void> _unpackShared() {
         SharedFiles files(std::move(_shared));
         const SpareCores cores(_request.spareCores);
-        OperationQueue others(std::max<std::size_t>(cores.count(), 1), WithoutThread::runsAtOnce);
+        std::deque<ArchiveFile> archives; // each thread has its own reader and writer, made before any of them works
+        std::deque<FileUnpacker> unpackers;
         for (std::size_t i = 0; i < cores.count(); ++i) {
+            unpackers.emplace_back(_request, archives.emplace_back(_file.another()), _unpacker.writer().another(),
+                                   _refuse, [this](std::uint64_t bytes) { _wrote(bytes); });
+        }
+        OperationQueue others(std::max<std::size_t>(cores.count(), 1), WithoutThread::runsAtOnce);
+        for (FileUnpacker& unpacker : unpackers) {
             others.addOperation([&] {
                 const Span span(_request.timeline, "unpacking", _request.identifier);
-                ArchiveFile file = _file.another();
-                FileUnpacker unpacker(_request, file, _unpacker.writer().another(), _refuse,
-                                      [this](std::uint64_t bytes) { _written += bytes; });
                 files.unpack(unpacker);
             });
         }
         files.unpack(_unpacker);
         others.stop();
-        _report();
         return files.outcome();
     }
 
@@ -345,14 +346,15 @@ class Extraction {
                                          : Result<void>();
     }
 
-    void _report() {
+    void _wrote(std::uint64_t bytes) EXCLUDES(_progressMutex) {
         constexpr double smallestStep = 1.0 / 256;
         if (!_request.progress) {
             return;
         }
-        const std::uint64_t written = _written;
-        const double fraction = static_cast<double>(written) / static_cast<double>(_directory.unpackedBytes());
-        if (fraction >= _reported + smallestStep || (fraction > _reported && written == _directory.unpackedBytes())) {
+        const Lock lock(_progressMutex);
+        _written += bytes;
+        const double fraction = static_cast<double>(_written) / static_cast<double>(_directory.unpackedBytes());
+        if (fraction >= _reported + smallestStep || _written == _directory.unpackedBytes()) {
             _reported = fraction;
             _request.progress(fraction);
         }
@@ -371,8 +373,9 @@ class Extraction {
     std::string _bundlePrefix; // "<Name>.app/"
     std::string _info;
     std::vector<const ZipDirectory::Entry*> _shared; // files that several threads may unpack, in their order
-    std::atomic<std::uint64_t> _written = 0;         // bytes, by all threads
-    double _reported = 0;
+    Mutex _progressMutex;
+    std::uint64_t _written GUARDED_BY(_progressMutex) = 0; // bytes, by all threads
+    double _reported GUARDED_BY(_progressMutex) = 0;
 };
 
 } // namespace

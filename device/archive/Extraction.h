@@ -3,6 +3,7 @@
 
 #include "archive/AppInArchive.h"
 #include "archive/ArchiveLimits.h"
+#include "device/root/DiskRoom.h"
 #include "device/root/FaultPoint.h"
 #include "values/PropertyList.h"
 #include "values/Result.h"
@@ -26,11 +27,11 @@ using appsync::metadataFileName;
 using appsync::sinfFileName;
 
 struct ExtractionRequest {
-    int archive = -1;                       // open for reading
-    std::string archivePath;                // for messages
-    std::string identifier;                 // of the app that the archive must hold
-    std::optional<std::uint64_t> freeSpace; // bytes; nullopt when it is not known
-    std::function<void(double)> progress;   // 0 to 1; may be empty
+    int archive = -1;                     // open for reading
+    std::string archivePath;              // for messages
+    std::string identifier;               // of the app that the archive must hold
+    DiskRoom::Share* room = nullptr;      // to be taken; null: there is enough
+    std::function<void(double)> progress; // 0 to 1, by one thread at a time; may be empty
     std::stop_token cancel;
     bool wantsMetadata = true;       // false: the archive's store metadata is left out
     Semaphore* spareCores = nullptr; // has a count for each core beyond the caller's that may help; null: none may

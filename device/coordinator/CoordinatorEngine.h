@@ -25,8 +25,7 @@ enum class RemovalScope;
 /// Who cancels when a person does so on the device.
 inline constexpr KXClientIdentifier KXClientPerson = 2;
 
-/// Steps of installs that run at once: more than there are cores, since those that wait for the disk share its next
-/// flush.
+/// Steps of installs that run at once, as many as a plug-in's own: those that wait for the disk share its next flush.
 inline constexpr std::size_t maxStepsAtOnce = 10;
 
 class CoordinatorEngine {

@@ -16,7 +16,7 @@ class Registry::ArchiveInstall {
     ArchiveInstall(Registry& registry, const ArchiveRequest& request, std::stop_token cancel,
                    std::function<void(double)> progress)
         : _registry(registry), _files(registry._files), _request(request), _cancel(std::move(cancel)),
-          _progress(std::move(progress)), _before(registry._table.find(request.identifier)) {}
+          _progress(std::move(progress)), _before(registry._table.find(request.identifier)), _room(registry._room) {}
 
     Result<void> run() {
         auto container = Container::make(_files);
@@ -51,12 +51,9 @@ class Registry::ArchiveInstall {
                                       "cannot install " + _request.identifier + ": " + errorText(archive.error()),
                                       _request.archivePath);
         }
-        const auto freeSpace = _files.freeSpace();
-        const ExtractionRequest extraction{archive->get(),      _request.archivePath,
-                                           _request.identifier, freeSpace ? std::optional(*freeSpace) : std::nullopt,
-                                           _progress,           _cancel,
-                                           !_request.metadata,  &_registry._spareCores,
-                                           _files.timeline()};
+        const ExtractionRequest extraction{
+            archive->get(), _request.archivePath, _request.identifier,    &_room,           _progress,
+            _cancel,        !_request.metadata,   &_registry._spareCores, _files.timeline()};
         auto unpacked = extractApplication(extraction, container.folder(), _registry._options.limits,
                                            _registry._propertyLists, _files.faultPoint());
         if (unpacked) {
@@ -121,6 +118,7 @@ class Registry::ArchiveInstall {
     const std::stop_token _cancel;
     const std::function<void(double)> _progress;
     const RegistryTable::App _before;
+    DiskRoom::Share _room; // until the old version has gone
     ExtractedApplication _unpacked;
     std::optional<Data> _sinf;
     RegistryRecordPtr _record;

@@ -79,7 +79,10 @@ Application describe(const RegistryTable::App& app, const InstallProgressPtr& pr
 
 Registry::Registry(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options)
     : _files(root.files()), _database(database), _propertyLists(propertyLists), _options(options),
-      _installs([this] { _announcer.announceChange(); }), _groupCommit(_files, database),
+      _installs([this] { _announcer.announceChange(); }), _groupCommit(_files, database), _room([this] {
+          const auto free = _files.freeSpace();
+          return free ? std::optional(*free) : std::nullopt;
+      }),
       _spareCores(std::max(1U, std::thread::hardware_concurrency()) - 1), _announcer([this] { return _lists(); }) {}
 
 Result<std::unique_ptr<Registry>> Registry::open(Root& root, Database& database,

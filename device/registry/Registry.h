@@ -12,6 +12,7 @@
 #include "device/registry/Announcer.h"
 #include "device/registry/Installs.h"
 #include "device/registry/RegistryTable.h"
+#include "device/root/DiskRoom.h"
 
 namespace appsync {
 class PropertyListSerialization;
@@ -44,7 +45,7 @@ struct ArchiveRequest {
     std::optional<Data> metadata;
     std::optional<Data> sinf;
     bool isSystem = false;
-    std::function<void(double fraction)> progress; // 0 to 1, never backwards, on the caller's thread; may be empty
+    std::function<void(double fraction)> progress; // 0 to 1, never backwards, by one thread at a time; may be empty
     std::stop_token cancel;                        // ends the install as cancelled while that is still possible
 };
 
@@ -220,7 +221,8 @@ class Registry {
     Installs _installs;
     AppLocks _locks;
     GroupCommit _groupCommit;
-    Semaphore _spareCores; // beyond those on which installs run
+    DiskRoom _room;
+    Semaphore _spareCores; // one for each core but the first: who helps to unpack large archives
     Announcer _announcer;  // last: its thread uses the rest
 };
 

@@ -27,11 +27,11 @@ bool isAwaited(device::Device& device, std::string_view identifier) {
 
 /// The paths that the plug-in will ask for again: root[identifier][version]["path"].
 std::set<std::string> rememberedPaths(device::Device& device) {
-    std::set<std::string> paths;
+    std::set<std::string> remembered;
     const auto bytes = device.files().readFile(paths::restoreState, nullptr);
     const auto root = bytes ? device.propertyLists().propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
     if (!root || root->dictionary() == nullptr) {
-        return paths;
+        return remembered;
     }
     for (const auto& [identifier, versions] : *root->dictionary()) {
         if (versions.dictionary() == nullptr || !isAwaited(device, identifier)) {
@@ -39,11 +39,11 @@ std::set<std::string> rememberedPaths(device::Device& device) {
         }
         for (const auto& [version, properties] : *versions.dictionary()) {
             if (properties.dictionary() != nullptr) {
-                paths.emplace(properties.dictionary()->string("path").value_or(""));
+                remembered.emplace(properties.dictionary()->string("path").value_or(""));
             }
         }
     }
-    return paths;
+    return remembered;
 }
 
 /// The report of the sync will point at the log.

@@ -1,7 +1,7 @@
 #include "host/session/SyncSession.h"
 
-#include "concurrency/Group.h"
 #include "concurrency/OperationQueue.h"
+#include "concurrency/Semaphore.h"
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
@@ -26,8 +26,10 @@ namespace {
 
 /// A change smaller than this is not worth telling the device.
 constexpr double progressStep = 0.02;
-/// Each is written down durably before the plug-in returns; those that are told of at the same time share one writing.
-constexpr std::size_t maxArrivalsToldAtOnce = 4;
+/// Each is written down durably before the plug-in returns; those that are told of at the same time share one writing,
+/// in any order. No more than these wait to be told: what has not been sent can still be asked for first, or taken
+/// back.
+constexpr unsigned maxArrivalsToldAtOnce = 4;
 
 ErrorPtr interruptedError() {
     return transferError(TransferError::interrupted, "The sync was interrupted; sync again to go on.");
@@ -98,23 +100,31 @@ std::vector<QRAssetPtr> SyncSession::_assetsToSend() {
 void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
     const auto queue = std::make_shared<TransferQueue>(assets);
     _parties.deviceService.setQueue(queue);
-    Group telling;
+    Semaphore places(maxArrivalsToldAtOnce);
     OperationQueue arrivals(maxArrivalsToldAtOnce, WithoutThread::runsAtOnce);
-    while (const QRAssetPtr asset = queue->next()) {
+    const auto next = [&] {
+        places.wait(); // before an asset is chosen
+        return queue->next();
+    };
+    while (const QRAssetPtr asset = next()) {
         const auto sent = asset->isRestore ? _transferRestore(asset, *queue) : _transferOne(asset, *queue);
-        if (!sent) {
-            _failed(asset, sent.error());
-        } else if (!asset->isRestore) {
+        if (sent && !asset->isRestore) {
             _noteArrival(*asset, kQRAssetPartApplicationPackage);
-            telling.enter();
             arrivals.addOperation([&, asset] {
                 _tellArrival(asset);
-                telling.leave();
+                places.signal();
             });
+            continue;
         }
+        if (!sent) {
+            _failed(asset, sent.error());
+        }
+        places.signal();
     }
     const Span span(_parties.device.files().timeline(), "end of transfers");
-    telling.wait();
+    for (unsigned place = 1; place < maxArrivalsToldAtOnce; ++place) { // one is held already
+        places.wait();
+    }
     _parties.deviceService.setQueue(nullptr);
     _parties.client.assetTransferEndedWithSuccess(_allTransferred);
 }

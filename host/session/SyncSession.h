@@ -36,7 +36,8 @@ struct SyncParties {
     Bandwidth* bandwidth; // null: as fast as it goes
 };
 
-/// For one sync, whose staging area has been written; the plan must outlive it. One thread.
+/// For one sync, whose staging area has been written; the plan must outlive it. One thread,
+/// but for arrivals, which are told on others.
 class SyncSession {
   public:
     SyncSession(const SyncParties& parties, const SyncPlan& plan) : _parties(parties), _plan(plan), _list(plan.list) {}

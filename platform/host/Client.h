@@ -17,6 +17,8 @@
 //  7. `syncEndedWithSuccess`. After a success the host writes "LastSyncAppState.plist" anew, since the client has
 //     removed it.
 //
+// Calls for different assets may overlap, those for one asset never do, and all of step 5 have returned before step 6.
+//
 // A transfer. Before it tells progress the host sets `downloadProgress`, and before it tells success `path` and
 // `completedAssetParts`. An asset that `isRestore` asks in "AssetParts" for the package, the app's data, or both. The
 // package is told first. Data that waits is handed to the backup service and then told by another

@@ -85,7 +85,7 @@ class AppsClient final : public PDApplicationWorkspaceObserverProtocol,
     /// Forgets the restore state of every version of an app.
     void cleanRestoreStateForIdentifier(std::string_view identifier);
     /// Changes the operation of the app's first to-do record. Changes that come while the list is being written share
-    /// the next writing; each call returns when its own has been written.
+    /// the next writing; each call returns when its own has been written, or could not be.
     void changeAssetID_toDo(std::string_view identifier, std::string_view operation);
     [[nodiscard]] std::optional<std::string> _operationStateForIdentifier(std::string_view identifier);
 

@@ -20,14 +20,14 @@ class ExtractionTest : public testing::Test {
     static constexpr const char* identifier = "org.example.app";
 
     /// Unpacks the bytes as an archive into a new folder.
-    Result<ExtractedApplication> extract(const std::string& archive) {
+    Result<ExtractedApplication> extract(const std::string& archive, FaultPoint* faultPoint = nullptr) {
         writeHostFile(folder / "app.zip", archive);
         const Descriptor file(::open((folder / "app.zip").c_str(), O_RDONLY | O_CLOEXEC));
         std::filesystem::remove_all(folder / "container");
         std::filesystem::create_directory(folder / "container");
         const Descriptor container(::open((folder / "container").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         request.archive = file.get();
-        return extractApplication(request, container.get(), limits, codec, faults.get());
+        return extractApplication(request, container.get(), limits, codec, faultPoint ? faultPoint : faults.get());
     }
     /// The code with which an archive is refused; 0 when it is not.
     std::int64_t refusalOf(const std::string& archive) {
@@ -68,7 +68,7 @@ class ExtractionTest : public testing::Test {
     PropertyListCodec codec;
     ArchiveLimits limits;
     std::shared_ptr<RecordingFaults> faults = std::make_shared<RecordingFaults>();
-    ExtractionRequest request{-1, "/var/mobile/Media/app.zip", identifier, std::nullopt, {}, {}, true};
+    ExtractionRequest request{-1, "/var/mobile/Media/app.zip", identifier, nullptr, {}, {}, true};
     std::string reason;
 };
 

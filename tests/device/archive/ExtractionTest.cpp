@@ -149,13 +149,18 @@ TEST_F(ExtractionTest, CancellingEndsTheExtraction) {
 }
 
 TEST_F(ExtractionTest, NeedsNoMoreSpaceThanIsFree) {
-    request.freeSpace = 1'000'000;
+    std::uint64_t free = 1'000'000;
+    DiskRoom room([&] { return std::optional(free); });
+    DiskRoom::Share little(room);
+    request.room = &little;
     EXPECT_EQ(refusalOf(app().file("Name.app/large", std::string(2'000'000, 'x')).bytes()),
               code(InstallerError::notEnoughSpace));
     EXPECT_NE(reason.find("1000000 are free"), std::string::npos) << reason;
     EXPECT_NE(reason.find("remove apps or files and try again"), std::string::npos) << reason;
     EXPECT_FALSE(exists("Name.app"));
-    request.freeSpace = 3'000'000;
+    free = 3'000'000;
+    DiskRoom::Share enough(room);
+    request.room = &enough;
     EXPECT_TRUE(extract(app().file("Name.app/large", std::string(2'000'000, 'x')).bytes()));
 }
 

@@ -3,7 +3,11 @@
 #include "concurrency/Semaphore.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <set>
 #include <thread>
 
 namespace appsync::device {
@@ -83,23 +87,61 @@ TEST_F(LargeArchive, OfAnotherAppIsRefusedBeforeItsFilesAreUnpacked) {
     EXPECT_FALSE(exists(pathOf(0)));
 }
 
-TEST_F(LargeArchive, ReportsItsProgressOnTheCallersThread) {
+TEST_F(LargeArchive, IsUnpackedByMoreThanOneThread) {
+    class TwoThreads final : public FaultPoint {
+      public:
+        int before(std::string_view operation, std::string_view path) noexcept override {
+            if (operation == "create" && path.find("/file") != std::string_view::npos) {
+                std::unique_lock lock(_mutex);
+                _threads.insert(std::this_thread::get_id());
+                _came.notify_all();
+                _came.wait(lock, [&] { return _threads.size() >= 2; }); // for ever when there is only one
+            }
+            return 0;
+        }
+
+      private:
+        std::mutex _mutex;
+        std::condition_variable _came;
+        std::set<std::thread::id> _threads;
+    };
+    TwoThreads twoThreads;
+    EXPECT_TRUE(extract(rawArchive(entries()), &twoThreads));
+}
+
+TEST_F(LargeArchive, ReportsItsProgressByOneThreadAtATime) {
     std::vector<double> reported;
-    request.progress = [&, caller = std::this_thread::get_id()](double fraction) {
-        EXPECT_EQ(std::this_thread::get_id(), caller);
+    std::atomic<int> reporting = 0;
+    request.progress = [&](double fraction) {
+        EXPECT_EQ(++reporting, 1);
         reported.push_back(fraction);
+        --reporting;
     };
     ASSERT_TRUE(extract(rawArchive(entries())));
-    ASSERT_FALSE(reported.empty());
+    ASSERT_GE(reported.size(), count);
     EXPECT_TRUE(std::ranges::is_sorted(reported));
     EXPECT_EQ(reported.back(), 1.0);
 }
 
 TEST_F(LargeArchive, EndsOnAllThreadsWhenItIsCancelled) {
-    std::stop_source source;
-    request.cancel = source.get_token();
-    request.progress = [&](double) { source.request_stop(); };
-    EXPECT_EQ(refusalOf(rawArchive(entries())), code(InstallerError::cancelled));
+    class Cancels final : public FaultPoint {
+      public:
+        int before(std::string_view operation, std::string_view /*path*/) noexcept override {
+            if (operation == "write" && ++_writes == 10) {
+                source.request_stop();
+            }
+            return 0;
+        }
+        std::stop_source source;
+
+      private:
+        std::atomic<int> _writes = 0;
+    };
+    Cancels cancels;
+    request.cancel = cancels.source.get_token();
+    const auto result = extract(rawArchive(entries()), &cancels);
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error()->code(), code(InstallerError::cancelled));
 }
 
 TEST_F(LargeArchive, FindsTheDiskFullOnAnyThread) {

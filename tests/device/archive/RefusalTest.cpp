@@ -304,7 +304,9 @@ TEST_F(ExtractionTest, FoldersThatAreOnlyNamedInPathsCountAsEntriesDo) {
     entries.push_back(RawEntry::stored("Name.app/3/d/d/d/d", ""));
     EXPECT_EQ(refusalOf(rawArchive(entries)), code(InstallerError::archiveTooLarge)) << reason;
     limits.entries = 65'535;
-    request.freeSpace = 100 * 4'608; // each folder takes a block
+    DiskRoom room([] { return std::optional<std::uint64_t>(100 * 4'608); }); // each folder takes a block
+    DiskRoom::Share share(room);
+    request.room = &share;
     EXPECT_EQ(refusalOf(rawArchive(entries)), code(InstallerError::notEnoughSpace)) << reason;
 }
 
