@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <chrono>
 #include <string>
 
 using appsync::Descriptor;
@@ -21,9 +22,10 @@ constexpr const char* all = "event: screen\n\n";
 /// Has the server do what it can, as its thread and the one of the device would in turn.
 void serve(WebServer& server) {
     constexpr int rounds = 12; // what is delayed is resumed, answered and hung up on
+    const auto later = WebServer::Clock::now() + std::chrono::hours(1);
     for (int round = 0; round < rounds; ++round) {
         server.run();
-        (void)server.attend(WebServer::Clock::time_point::max());
+        (void)server.attend(later);
         server.welcome(all);
         if (const auto act = server.nextAct()) {
             expect(act->command == "cancel" || act->command == "prioritize", "there are two acts");
@@ -62,7 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     const std::string answer = received(browser.get());
 
     const bool isOwn = answer.find("Content-Security-Policy: default-src 'none'") != std::string::npos;
-    const bool isGiven = answer.find("Set-Cookie") != std::string::npos || answer.starts_with("HTTP/1.1 200");
+    const bool isGiven =
+        answer.find("Set-Cookie") != std::string::npos || answer.find("HTTP/1.1 200") != std::string::npos;
     expect(!isGiven || text.find(token) != std::string::npos, "who does not know the token is given nothing");
     expect(!isGiven || isOwn, "what is given says what a browser may do with it");
     expect(!isGiven || text.find(":8080") != std::string::npos, "it was asked for here");
