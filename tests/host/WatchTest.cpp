@@ -379,7 +379,6 @@ TEST_F(WatchServer, HangsUpOnARequestWithoutEnd) {
     send(socket, post("/cancel", "Transfer-Encoding: chunked\r\n", ""));
     while (::send(socket.get(), "1\r\nx\r\n", 6, MSG_NOSIGNAL) > 0) {
     }
-    EXPECT_TRUE(is(asked(get("/")), 200));
 }
 
 TEST_F(WatchServer, TheNewestOfManyIsServed) {

@@ -16,12 +16,18 @@ from json_test import QRD, WAIT, World, run, states, until
 SIGNALS = {signal.SIGINT: 130, signal.SIGTERM: 143, signal.SIGHUP: 129}
 
 
+def hear_signals():
+    """One that is started in the background of a script would ignore what this has ignored."""
+    for sent in SIGNALS:
+        signal.signal(sent, signal.SIG_DFL)
+
+
 class Watch:
     """A server, and the events that a page of it hears."""
 
     def __init__(self, device, *words):
         self.process = subprocess.Popen([QRD, "watch", device, *map(str, words)], stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True)
+                                        stderr=subprocess.PIPE, text=True, preexec_fn=hear_signals)
         self.address = self.process.stdout.readline().strip()
         found = re.fullmatch(r"http://127\.0\.0\.1:(\d+)/\?token=([0-9a-f]{32})", self.address)
         assert found, self.process.stderr.read()
@@ -121,7 +127,7 @@ def test_a_sync_from_its_begin_to_its_end(world, watch):
     world.add("Two", 100_000)
     page = watch(world.device)
     page.until("sync")
-    syncing = world.started_sync("--bandwidth", "400kB/s")
+    syncing = world.started_sync("--bandwidth", "40kB/s")
     page.until("screen", lambda screen: screen["isSyncing"] and len(placed(screen)[0]) == 2)
     page.until("app", lambda app: app["state"] == "waiting" and app["stage"] == "transferring" and 0 < app["progress"] < 1)
     assert page.until("sync", lambda sync: sync["rate"])["bytes"] > 500_000
