@@ -12,7 +12,7 @@ namespace appsync::host {
 
 namespace {
 
-constexpr int followInterval = 200;    // milliseconds between two looks for what has changed
+constexpr int followInterval = 50;     // milliseconds between two looks for what has changed
 constexpr std::size_t firstClient = 3; // among what is waited for
 
 } // namespace

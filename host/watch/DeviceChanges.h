@@ -20,7 +20,7 @@ class DeviceChanges {
         bool owner = false; // somebody has opened or closed the device
         bool log = false;
         bool processes = false; // an app was launched, or has become busy
-        bool control = false;   // a sync may be asked
+        bool control = false;   // a sync can be asked from now on, or no longer
         bool isGone = false;    // the folder was moved or removed
     };
 

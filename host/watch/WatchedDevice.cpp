@@ -28,6 +28,7 @@ constexpr auto askInterval = 200ms;  // between two questions to or for a sync
 constexpr auto findInterval = 1s;    // between two looks whether running apps still run
 constexpr auto retryInterval = 1s;   // after a look that failed
 constexpr int lookShare = 20;        // looking takes at most this part of the time
+constexpr int maxTold = 8;           // lines of a sync that are taken in at once: they may never end
 
 std::string dumped(const Json& json) {
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
@@ -102,6 +103,9 @@ Result<void> WatchedDevice::update(Clock::time_point now) {
     if (seen.owner || (_owner && !_sync)) {
         _owner = device::Root::owner(_folder);
     }
+    if (seen.control && !_sync) {
+        _nextAsk = std::min(_nextAsk, now);
+    }
     _findSync(now);
     _hearSync(now);
     _isToLook = _isToLook || seen.database || seen.owner;
@@ -120,6 +124,9 @@ Result<void> WatchedDevice::update(Clock::time_point now) {
 }
 
 WatchedDevice::Clock::time_point WatchedDevice::nextUpdate() const {
+    if (_sync && _sync->hasNext()) { // of which its descriptor need not tell: it may have been read already
+        return {};
+    }
     Clock::time_point next = Clock::time_point::max();
     if (_isToLook) {
         next = std::min(next, _nextLook);
@@ -127,7 +134,7 @@ WatchedDevice::Clock::time_point WatchedDevice::nextUpdate() const {
     if (!_running.empty()) {
         next = std::min(next, _nextFind);
     }
-    if (_sync ? !_isFlushing : _owner.has_value()) {
+    if (_sync ? _isSyncing && !_isFlushing : _owner.has_value()) {
         next = std::min(next, _nextAsk);
     }
     return next;
@@ -191,14 +198,13 @@ void WatchedDevice::_findSync(Clock::time_point now) {
 
 /// Takes what it has told, and has it write its log.
 void WatchedDevice::_hearSync(Clock::time_point now) {
-    while (_sync && _sync->hasNext()) {
+    for (int count = 0; count < maxTold && _sync && _sync->hasNext(); ++count) {
         const Json told = _sync->next();
         if (!told.is_object() || told.contains("error")) {
             _endSync();
             _nextAsk = now + askInterval;
         } else if (told.contains("done")) {
             _isFlushing = false;
-            _nextAsk = now + askInterval;
         } else {
             _rate = _isSyncing ? _rate : TransferRate();
             _isSyncing = true;
@@ -208,6 +214,7 @@ void WatchedDevice::_hearSync(Clock::time_point now) {
     }
     if (_isSyncing && !_isFlushing && now >= _nextAsk) {
         _isFlushing = _sync->send({"flush"});
+        _nextAsk = now + askInterval;
     }
 }
 
