@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/inotify.h>
 
+#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -18,25 +19,29 @@ constexpr std::uint32_t goes = IN_MOVE_SELF | IN_DELETE_SELF;
 } // namespace
 
 DeviceChanges::DeviceChanges(device::DeviceFileSystem& files)
-    : _files(files),
-      _reports(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), _places{{{"/", goes, &Seen::isGone},
-                                                                    {"/device-lock", IN_MODIFY | IN_CLOSE_WRITE | goes,
-                                                                     &Seen::owner},
-                                                                    {"/var/db", content, &Seen::database},
-                                                                    {"/var/log", content, &Seen::log},
-                                                                    {"/var/run/apps", content, &Seen::processes},
-                                                                    {"/var/run/control", content, &Seen::control}}},
+    : _files(files), _reports(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
+      _problem(_reports.isOpen() ? 0 : errno), _places{{{"/", goes, &Seen::isGone},
+                                                        {"/device-lock", IN_MODIFY | IN_CLOSE_WRITE | goes,
+                                                         &Seen::owner},
+                                                        {"/var/db", content, &Seen::database},
+                                                        {"/var/log", content, &Seen::log},
+                                                        {"/var/run/apps", content, &Seen::processes},
+                                                        {"/var/run/control", content, &Seen::control}}},
       _found(_watch()) {}
 
 /// Each of them as far as it is there; the others are made by commands that open the device, and are found then with
 /// what is in them already.
 DeviceChanges::Seen DeviceChanges::_watch() {
     Seen found;
+    if (!_reports.isOpen()) {
+        return found;
+    }
     for (Place& place : _places) {
         if (const auto opened = _files.open(place.path, O_PATH | O_NOFOLLOW); opened) {
             const std::string path = "/proc/self/fd/" + std::to_string(opened->get());
             const int before =
                 std::exchange(place.number, ::inotify_add_watch(_reports.get(), path.c_str(), place.mask));
+            _problem = place.number < 0 ? errno : _problem;
             found.*place.what = found.*place.what || before != place.number;
         }
     }

@@ -27,6 +27,8 @@ class DeviceChanges {
     /// `files` must outlive the object.
     explicit DeviceChanges(device::DeviceFileSystem& files);
 
+    /// The number of the system's error if it reports no changes of some place that is there; zero.
+    [[nodiscard]] int problem() const noexcept { return _problem; }
     /// Becomes readable when something has changed.
     [[nodiscard]] int descriptor() const noexcept { return _reports.get(); }
     /// What has changed since the last call; at first everything.
@@ -43,6 +45,7 @@ class DeviceChanges {
 
     device::DeviceFileSystem& _files;
     const Descriptor _reports;
+    int _problem = 0;
     std::array<Place, 6> _places;
     Seen _found; // that has come to be watched since the last call of `take`
 };

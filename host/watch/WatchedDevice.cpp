@@ -2,6 +2,7 @@
 
 #include "device/Device.h"
 #include "device/screen/DeviceHomeScreen.h"
+#include "files/Syscalls.h"
 #include "host/LogJson.h"
 #include "host/OpenDevice.h"
 #include "host/plugin/PlugIn.h"
@@ -45,6 +46,11 @@ bool isGone(const ErrorPtr& error) {
 
 ErrorPtr gone(const std::string& folder) {
     return hostError("the device " + folder + " is gone: its folder was moved or removed");
+}
+
+ErrorPtr unwatchable(const std::string& folder, int problem) {
+    return hostError("the changes of the device " + folder + " cannot be followed: " + systemText(problem) +
+                     "; the limit of inotify instances or watches may be reached (`sysctl fs.inotify` shows it)");
 }
 
 /// A container never holds another version, so that its name stands for the icon in it.
@@ -92,13 +98,21 @@ WatchedDevice::WatchedDevice(std::string folder, std::unique_ptr<device::Root> r
 
 Result<std::unique_ptr<WatchedDevice>> WatchedDevice::open(const std::string& folder) {
     auto root = device::Root::look(folder);
-    return root ? Result(std::unique_ptr<WatchedDevice>(new WatchedDevice(folder, std::move(*root)))) : root.error();
+    if (!root) {
+        return root.error();
+    }
+    std::unique_ptr<WatchedDevice> device(new WatchedDevice(folder, std::move(*root)));
+    const int problem = device->_changes.problem();
+    return problem == 0 ? Result(std::move(device)) : unwatchable(folder, problem);
 }
 
 Result<void> WatchedDevice::update(Clock::time_point now) {
     const DeviceChanges::Seen seen = _changes.take();
     if (seen.isGone) {
         return gone(_folder);
+    }
+    if (const int problem = _changes.problem(); problem != 0) {
+        return unwatchable(_folder, problem);
     }
     if (seen.owner || (_owner && !_sync)) {
         _owner = device::Root::owner(_folder);

@@ -31,10 +31,10 @@ class WatchedDevice {
   public:
     using Clock = std::chrono::steady_clock;
 
-    /// A folder that is no device is an error.
+    /// A folder that is no device is an error, and one of which the system reports no changes.
     [[nodiscard]] static Result<std::unique_ptr<WatchedDevice>> open(const std::string& folder);
 
-    /// Looks at what has changed. An error when the device is gone.
+    /// Looks at what has changed. An error when the device is gone, or its changes are no longer reported.
     [[nodiscard]] Result<void> update(Clock::time_point now);
     /// To be waited for before the next update: any of these becomes readable, or that time comes.
     [[nodiscard]] int changes() const noexcept { return _changes.descriptor(); }

@@ -292,6 +292,19 @@ def test_a_device_that_goes(tmp_path, watch, end):
     assert (page.process.returncode, err) == (4, f"qrd: the device {device} is gone: its folder was moved or removed\n")
 
 
+@pytest.mark.parametrize("limit, reason", [("instances", "Too many open files"), ("watches", "No space left on device")])
+def test_a_system_that_reports_no_changes(tmp_path, limit, reason):
+    """It would show what was there at first, for ever."""
+    device = World(tmp_path).device
+    bounded = ["unshare", "--user", "--map-root-user", "sh", "-c", f'echo 0 >/proc/sys/user/max_inotify_{limit} && exec "$@"', "sh"]
+    if subprocess.run([*bounded, "true"], capture_output=True, check=False).returncode != 0:
+        pytest.skip("a limit of one's own takes a user namespace, which this system does not give")
+    answer = subprocess.run([*bounded, QRD, "watch", device], capture_output=True, text=True, timeout=WAIT, check=False)
+    assert (answer.returncode, answer.stdout, answer.stderr) == \
+        (4, "", f"qrd: the changes of the device {device} cannot be followed: {reason}; the limit of inotify instances or watches "
+                "may be reached (`sysctl fs.inotify` shows it)\n")
+
+
 def test_it_changes_nothing(tmp_path, watch):
     world = World(tmp_path)
     world.add("One")
