@@ -89,11 +89,11 @@ bool hasCookie(std::string_view cookies, const Door& door) {
 
 /// Whether it was meant for this server, and sent by one of its pages or by the person.
 bool isFromHere(const WebRequest& request, const Door& door) {
-    const std::string port = ":" + std::to_string(door.port);
-    if (request.isAmbiguous || (request.host != "127.0.0.1" + port && request.host != "localhost" + port)) {
+    const std::string host = "127.0.0.1:" + std::to_string(door.port);
+    if (request.isAmbiguous || request.host != host) {
         return false;
     }
-    return request.origin ? *request.origin == "http://" + *request.host : request.method != "POST";
+    return request.origin ? *request.origin == "http://" + host : request.method != "POST";
 }
 
 Ruling ruleOnAct(WebAct act, const WebRequest& request) {

@@ -80,8 +80,11 @@ MHD_Result keepHeader(void* kept, MHD_ValueKind, const char* name, const char* v
     return MHD_YES;
 }
 
-/// Whether the head of a request announces more than a body may have.
+/// Whether the head of a request announces more than a body may have, or does not say how much.
 bool announcesTooMuch(MHD_Connection* connection) {
+    if (MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Transfer-Encoding") != nullptr) {
+        return true;
+    }
     const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Content-Length");
     std::size_t size = 0;
     const auto end = length != nullptr ? length + std::strlen(length) : nullptr;
@@ -255,6 +258,7 @@ std::string WebServer::address() const {
 std::string WebServer::addressForOnce() {
     const Lock lock(_mutex);
     _door.once = makeToken();
+    _endOfOnce = Clock::now() + _limits.once;
     return addressOf(_door.port, _door.once);
 }
 
@@ -311,6 +315,9 @@ bool WebServer::_handle(Connection& connection, const char* method, const char* 
 
 Ruling WebServer::_ruleOn(Connection& connection) {
     const Lock lock(_mutex);
+    if (Clock::now() >= _endOfOnce) {
+        _door.once.clear();
+    }
     const Ruling ruling = ruleOn(connection.request, _door);
     connection.stage = Stage::answering;
     if (ruling.act == WebAct::enterOnce) {
@@ -353,7 +360,8 @@ bool WebServer::_answer(Connection& connection) {
         MHD_add_response_header(response.get(), "Allow", ruling.subject.c_str());
         return queue(handle, MHD_HTTP_METHOD_NOT_ALLOWED, response);
     }
-    case WebAct::tooLarge: return queue(handle, 413, withBytes("A body has at most 4096 bytes.\n", textType));
+    case WebAct::tooLarge:
+        return queue(handle, 413, withBytes("A body says how long it is: at most 4096 bytes.\n", textType));
     case WebAct::malformed:
         return queue(handle, MHD_HTTP_BAD_REQUEST,
                      withBytes(R"({"error":"The body is to be JSON, {\"app\": the bundle identifier}."})", jsonType));

@@ -36,6 +36,7 @@ struct WebLimits {
     std::size_t backlog = 4U << 20;        // bytes of what was told last
     std::chrono::milliseconds delay{1000}; // of the answer to who does not know the token
     std::chrono::milliseconds time{10000}; // for a request and its answer
+    std::chrono::milliseconds once{30000}; // within which the address for one time lets in
 };
 
 /// Any thread, but for what is said to be that of the library.
@@ -63,7 +64,7 @@ class WebServer {
 
     /// Where a person enters.
     [[nodiscard]] std::string address() const;
-    /// The same for one time: others may see the words with which a browser is started.
+    /// The same for one time, and for a short one: others may see the words with which a browser is started.
     [[nodiscard]] std::string addressForOnce();
 
     /// Becomes readable when `attend` is to be called.
@@ -117,6 +118,7 @@ class WebServer {
     MHD_Daemon* _daemon = nullptr;
     mutable Mutex _mutex;
     Door _door GUARDED_BY(_mutex);
+    Clock::time_point _endOfOnce GUARDED_BY(_mutex) = {};
     std::list<Connection> _connections GUARDED_BY(_mutex); // the oldest first
     std::deque<std::string> _told GUARDED_BY(_mutex);
     std::size_t _toldBytes GUARDED_BY(_mutex) = 0;
