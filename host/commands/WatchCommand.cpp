@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <iostream>
 
 namespace appsync::host {
@@ -45,24 +46,24 @@ void perform(const WebServer::Act& act, const std::string& device, WebServer& se
 }
 
 struct Wait {
-    std::vector<int> descriptors;
-    Clock::time_point until = Clock::time_point::max();
+    int interrupt;
+    int server;
+    int changes; // of the device; -1: not awaited
+    int sync;    // likewise
+    Clock::time_point until;
 };
 
-/// Until something can be read or the time has come. Whether it was one of the last two descriptors.
+/// Until one of the descriptors can be read or the time has come. Whether the device or its sync has something to tell.
 bool waitFor(const Wait& wait) {
-    std::vector<pollfd> awaited;
-    for (const int descriptor : wait.descriptors) {
-        awaited.push_back({descriptor, POLLIN, 0});
-    }
+    std::array<pollfd, 4> awaited{
+        {{wait.changes, POLLIN, 0}, {wait.sync, POLLIN, 0}, {wait.interrupt, POLLIN, 0}, {wait.server, POLLIN, 0}}};
     int time = -1;
     if (wait.until != Clock::time_point::max()) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(wait.until - Clock::now());
         time = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
     }
     (void)::poll(awaited.data(), awaited.size(), time);
-    const auto isReady = [](const pollfd& one) { return one.revents != 0; };
-    return std::any_of(awaited.end() - 2, awaited.end(), isReady);
+    return awaited[0].revents != 0 || awaited[1].revents != 0;
 }
 
 ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& folder, const Interrupt& interrupt) {
@@ -95,10 +96,12 @@ ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& fold
         }
         // What has changed is not even asked for before it may be told.
         const bool mayLook = Clock::now() >= nextLook;
-        hasChanged = waitFor({{interrupt.descriptor(), server.descriptor(), mayLook ? device.changes() : -1,
-                               mayLook ? device.sync() : -1},
-                              std::min({attend, isWatched ? nextSign : Clock::time_point::max(),
-                                        mayLook ? device.nextUpdate() : nextLook})});
+        hasChanged = waitFor({.interrupt = interrupt.descriptor(),
+                              .server = server.descriptor(),
+                              .changes = mayLook ? device.changes() : -1,
+                              .sync = mayLook ? device.sync() : -1,
+                              .until = std::min({attend, isWatched ? nextSign : Clock::time_point::max(),
+                                                 mayLook ? device.nextUpdate() : nextLook})});
     }
     return Interrupt::exitCode();
 }
@@ -111,7 +114,9 @@ void openInBrowser(const std::string& address) {
     ::posix_spawnattr_init(&attributes);
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
-    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        ::posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_RDWR, 0);
+    }
     pid_t process = 0;
     const int failed =
         ::posix_spawnp(&process, arguments[0], &actions, &attributes, const_cast<char* const*>(arguments), environ);

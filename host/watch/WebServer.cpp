@@ -114,6 +114,9 @@ ErrorPtr cannotListen(std::uint16_t port, const std::string& reason) {
 Result<Descriptor> listenAt(std::uint16_t& port) {
     constexpr int waitingConnections = 64;
     Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket.isOpen()) {
+        return cannotListen(port, systemText(errno));
+    }
     const int isReused = 1; // connections of a server that has just ended may still be closing
     ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &isReused, sizeof isReused);
     sockaddr_in address{};
@@ -121,7 +124,7 @@ Result<Descriptor> listenAt(std::uint16_t& port) {
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
-    if (!socket.isOpen() || ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+    if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
         ::listen(socket.get(), waitingConnections) != 0 ||
         ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         return cannotListen(port, systemText(errno));
@@ -142,7 +145,7 @@ struct WebServer::Connection {
     const int socket;
     std::optional<Clock::time_point> due; // when it is hung up on, or its delay is over
     Stage stage = Stage::asking;
-    std::uint64_t act = 0; // its number
+    std::optional<Act> act = {}; // in the stage `acting`
     // Of one who watches:
     bool sleeps = false;    // it has been told everything
     bool isWelcome = false; // it has been told what there was before
@@ -370,23 +373,24 @@ bool WebServer::_answer(Connection& connection) {
 }
 
 /// Until another thread has something for it. False when as many wait already.
-bool WebServer::_suspend(Connection& connection, Stage stage, std::size_t most) {
+bool WebServer::_suspend(Connection& connection, Stage stage, std::size_t most, std::optional<Act> act) {
     const Lock lock(_mutex);
     if (_isEnding || _count(stage) >= most) {
         return false;
     }
     connection.stage = stage;
     connection.due = stage == Stage::delayed ? std::optional(Clock::now() + _limits.delay) : std::nullopt;
-    connection.act = ++_lastAct;
+    connection.act = std::move(act);
+    if (connection.act) {
+        connection.act->number = ++_lastAct;
+    }
     MHD_suspend_connection(connection.handle);
     ::eventfd_write(_wake.get(), 1);
     return true;
 }
 
 bool WebServer::_takeAct(Connection& connection, const char* command, const std::string& app) {
-    connection.request.method = command;
-    connection.request.body = app;
-    return _suspend(connection, Stage::acting, _limits.acts) ||
+    return _suspend(connection, Stage::acting, _limits.acts, Act{0, command, app}) ||
            queue(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
                  withBytes(R"({"error":"Too much is asked for at once; try again."})", jsonType));
 }
@@ -481,22 +485,23 @@ std::optional<WebServer::Clock::time_point> WebServer::attend(Clock::time_point 
 
 std::optional<WebServer::Act> WebServer::nextAct() {
     const Lock lock(_mutex);
-    const Connection* first = nullptr;
+    std::optional<Act> first;
     for (const Connection& connection : _connections) {
-        if (connection.stage == Stage::acting && (first == nullptr || connection.act < first->act)) {
-            first = &connection;
+        if (connection.act && (!first || connection.act->number < first->number)) {
+            first = connection.act;
         }
     }
-    return first != nullptr ? std::optional(Act{first->act, first->request.method, first->request.body}) : std::nullopt;
+    return first;
 }
 
 void WebServer::answer(const Act& act, unsigned status, const std::string& json) {
     const Lock lock(_mutex);
     const auto asking = std::ranges::find_if(_connections, [&](const Connection& connection) {
-        return connection.stage == Stage::acting && connection.act == act.number;
+        return connection.act && connection.act->number == act.number;
     });
     if (asking != _connections.end()) {
         asking->stage = Stage::answering;
+        asking->act.reset();
         asking->due = Clock::now() + _limits.time;
         (void)queue(asking->handle, status, withBytes(json, jsonType));
         _resume(*asking);

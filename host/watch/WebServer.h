@@ -100,7 +100,7 @@ class WebServer {
     [[nodiscard]] bool _handle(Connection& connection, const char* method, const char* body, std::size_t* size);
     [[nodiscard]] Ruling _ruleOn(Connection& connection);
     [[nodiscard]] bool _answer(Connection& connection);
-    [[nodiscard]] bool _suspend(Connection& connection, Stage stage, std::size_t most);
+    [[nodiscard]] bool _suspend(Connection& connection, Stage stage, std::size_t most, std::optional<Act> act = {});
     [[nodiscard]] bool _takeAct(Connection& connection, const char* command, const std::string& app);
     [[nodiscard]] bool _mayWatch(Connection& connection);
     [[nodiscard]] bool _letWatch(Connection& connection);

@@ -322,15 +322,16 @@ def test_it_changes_nothing(tmp_path, watch):
 
 
 def test_the_browser_is_opened(tmp_path):
-    """With an address that lets in once: others may see the words with which a browser is started."""
+    """With an address that lets in once: others may see the words with which a browser is started. It has no part in the
+    streams of the server."""
     device, told = World(tmp_path).device, tmp_path / "told"
     os.mkfifo(told)
     program = tmp_path / "xdg-open"
-    program.write_text(f"#!/bin/sh\necho noise\necho \"$1\" >{told}\n")
+    program.write_text(f"#!/bin/sh\necho noise\necho noise >&2\nread -r word\necho \"$1\" >{told}\n")
     program.chmod(0o755)
-    with subprocess.Popen([QRD, "watch", device, "--open"], stdout=subprocess.PIPE, text=True,
-                          env={**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}"}) as process:
+    with subprocess.Popen([QRD, "watch", device, "--open"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True, env={**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}"}) as process:
         printed, opened = process.stdout.readline().strip(), told.read_text().strip()
         process.terminate()
-        assert process.stdout.read() == ""
+        assert process.communicate(timeout=WAIT) == ("", "")
     assert printed.split("=")[0] == opened.split("=")[0] and printed != opened
