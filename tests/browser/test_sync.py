@@ -138,6 +138,14 @@ def test_all_of_it_goes_with_keys_alone(held_sync, page, world):
     assert page.look()["focus"] == LOOM
 
 
+def test_a_key_after_a_long_press_is_heard(held_sync, page):
+    page.hold(KETTLE)  # its click ends on the dialog, not on the app
+    page.type(Keys.ESCAPE)
+    page.until(lambda page: page["dialog"] is None and page["focus"] == KETTLE)
+    page.type(Keys.ENTER)
+    page.until(lambda page: page["answer"] == "Kettle comes first.")
+
+
 def test_what_cannot_be_done_is_said(held_sync, page):
     page.expects_failures = True
     held_sync.end()

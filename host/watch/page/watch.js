@@ -10,6 +10,7 @@ const drawInterval = 50; // ms
 const silence = 12000; // ms without a sign of life, after which the server is taken for gone
 const pauseBetweenTries = 1500; // ms
 const marksOfDirection = /[\u061c\u200e\u200f\u202a-\u202e\u2066-\u2069]/g; // by which a name could show as another
+const patience = 10000; // ms for the server to answer a wish
 const holdTime = 600; // ms until a press is a long one
 
 const views = new Map(); // of each app on the screen, by identifier: {app, item, button, icons}
@@ -252,11 +253,11 @@ function describe(button) {
 async function ask(path, { identifier, name }, whatIsDone) {
   try {
     const body = JSON.stringify({ app: identifier });
-    const response = await fetch(path, { method: "POST", headers: { "Content-Type": "application/json" }, body });
+    const response = await fetch(path, { method: "POST", headers: { "Content-Type": "application/json" }, body, signal: AbortSignal.timeout(patience) });
     if (response.ok) return answer(nameIn(name), whatIsDone);
     return answer((await response.json().catch(() => ({}))).error ?? `It was refused (${response.status}).`);
   } catch {
-    return answer("qrd watch does not answer, so nothing was asked for.");
+    return answer("qrd watch does not answer; ask again when it does.");
   }
 }
 
@@ -303,6 +304,8 @@ function listen(container) {
     press = null;
   });
   on("keydown", (event, button) => {
+    letGo();
+    press = null; // a key's click ends no press
     if (event.ctrlKey || event.altKey || event.metaKey) return;
     if (event.key === "Delete") hold(button);
     const next = placeBeyond(button, event.key, container);
