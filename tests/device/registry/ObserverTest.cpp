@@ -295,51 +295,50 @@ TEST_F(Observing, RemovedObserverHearsNothingMore) {
     probe.waitForLists({"org.example.a"}, {});
 }
 
-TEST_F(Observing, SubscriberIsCalledAfterEveryKindOfChange) {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int calls = 0;
-    const auto subscription = registry().subscribe([&] {
-        const std::lock_guard lock(mutex);
-        ++calls;
-        changed.notify_all();
-    });
-    const auto expectCallAfter = [&](const std::function<void()>& change) {
-        std::unique_lock lock(mutex);
-        const int before = calls;
+/// Counts the calls of a subscription.
+class CountedCalls {
+  public:
+    explicit CountedCalls(Registry& registry)
+        : _subscription(registry.subscribe([this] {
+              const std::lock_guard lock(_mutex);
+              ++_calls;
+              _changed.notify_all();
+          })) {}
+
+    /// Makes a change and returns when a further call has come.
+    void expectAfter(const std::function<void()>& change) {
+        std::unique_lock lock(_mutex);
+        const int before = _calls;
         lock.unlock();
         change();
         lock.lock();
-        changed.wait(lock, [&] { return calls > before; });
-    };
-    expectCallAfter([&] { ASSERT_TRUE(install()); });
-    expectCallAfter([&] { ASSERT_TRUE(registry().installPlaceholder(placeholder())); });
-    expectCallAfter([&] { start(identifier); });
-    expectCallAfter([&] { registry().progress(identifier)->setCompletedUnitCount(5); });
-    expectCallAfter([&] { registry().prioritize(identifier); });
-    expectCallAfter([&] { registry().phaseFinished(registry().progress(identifier)); });
-    expectCallAfter(
+        _changed.wait(lock, [&] { return _calls > before; });
+    }
+
+  private:
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    int _calls = 0;
+    const std::unique_ptr<RegistrySubscription> _subscription; // last: it uses the rest
+};
+
+TEST_F(Observing, SubscriberIsCalledAfterEveryKindOfChange) {
+    CountedCalls calls(registry());
+    calls.expectAfter([&] { ASSERT_TRUE(install()); });
+    calls.expectAfter([&] { ASSERT_TRUE(registry().installPlaceholder(placeholder())); });
+    calls.expectAfter([&] { start(identifier); });
+    calls.expectAfter([&] { registry().progress(identifier)->setCompletedUnitCount(5); });
+    calls.expectAfter([&] { registry().prioritize(identifier); });
+    calls.expectAfter([&] { registry().phaseFinished(registry().progress(identifier)); });
+    calls.expectAfter(
         [&] { ASSERT_TRUE(registry().uninstall(identifier, RemovalReason::sync, RemovalScope::everything)); });
 }
 
-TEST_F(Observing, ChangesAreToldTogetherAfterAPause) {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int calls = 0;
-    const auto subscription = registry().subscribe([&] {
-        const std::lock_guard lock(mutex);
-        ++calls;
-        changed.notify_all();
-    });
-    const auto expectCalls = [&](int count) {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return calls >= count; });
-    };
+TEST_F(Observing, ChangesAreToldAfterAPause) {
+    CountedCalls calls(registry());
     const auto before = std::chrono::steady_clock::now();
-    start("org.example.a");
-    expectCalls(1);
-    registry().prioritize("org.example.a");
-    expectCalls(2);
+    calls.expectAfter([&] { start("org.example.a"); });
+    calls.expectAfter([&] { registry().prioritize("org.example.a"); });
     EXPECT_GE(std::chrono::steady_clock::now() - before, Announcer::pause);
 }
 
