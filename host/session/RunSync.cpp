@@ -58,7 +58,7 @@ SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& opt
         return report;
     }
     InstallOutcomes outcomes([&view, &outcomes, timeline](std::string_view identifier, const ErrorPtr& error) {
-        const Span span(timeline, "report", identifier);
+        const Span reporting(timeline, "report", identifier);
         Timeline::endWaiting(timeline, identifier);
         const bool isCancelled = error != nullptr && outcomes.isCancelled(identifier);
         view.installEnded(identifier, isCancelled ? cancelledByUserError() : error);
