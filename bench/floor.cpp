@@ -18,7 +18,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -45,6 +44,14 @@ void writeFile(const fs::path& path, std::string_view bytes) {
     }
 }
 
+void readFile(const fs::path& path, std::string& bytes) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    bytes.resize(fs::file_size(path));
+    if (::read(file.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+        fail("cannot read " + path.string());
+    }
+}
+
 struct FreeInflater {
     void operator()(libdeflate_decompressor* inflater) const noexcept { libdeflate_free_decompressor(inflater); }
 };
@@ -52,11 +59,10 @@ struct FreeInflater {
 class Unpacker {
   public:
     void unpack(const fs::path& archive, const fs::path& folder) {
-        std::ifstream in(archive, std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        readFile(archive, _bytes);
         fs::create_directories(folder);
         const fs::path copy = folder / "archive";
-        writeFile(copy, bytes);
+        writeFile(copy, _bytes);
         const Descriptor descriptor(::open(copy.c_str(), O_RDONLY | O_CLOEXEC));
         const std::string name = copy.string();
         const appsync::Refusal refusal(name);
@@ -65,26 +71,29 @@ class Unpacker {
         if (!directory) {
             fail(directory.error()->description());
         }
+        fs::path made;
         for (const ZipDirectory::Entry& entry : directory->entries()) {
-            if (entry.kind == ZipDirectory::Kind::folder) {
-                fs::create_directories(folder / entry.path);
-            } else {
-                const fs::path path = folder / entry.path;
-                fs::create_directories(path.parent_path());
-                writeFile(path, _content(bytes, entry));
+            const fs::path path = folder / entry.path;
+            const fs::path needed = entry.kind == ZipDirectory::Kind::folder ? path : path.parent_path();
+            if (made != needed) {
+                fs::create_directories(needed);
+                made = needed;
+            }
+            if (entry.kind != ZipDirectory::Kind::folder) {
+                writeFile(path, _content(entry));
             }
         }
     }
 
   private:
-    std::string_view _content(const std::string& bytes, const ZipDirectory::Entry& entry) {
+    std::string_view _content(const ZipDirectory::Entry& entry) {
         const std::size_t header = entry.start;
         const auto lengthAt = [&](std::size_t at) {
-            return static_cast<unsigned char>(bytes[header + at]) +
-                   256U * static_cast<unsigned char>(bytes[header + at + 1]);
+            return static_cast<unsigned char>(_bytes[header + at]) +
+                   256U * static_cast<unsigned char>(_bytes[header + at + 1]);
         };
         constexpr std::size_t headerSize = 30; // then the name and further fields, whose lengths end it
-        const char* const packed = bytes.data() + header + headerSize + lengthAt(26) + lengthAt(28);
+        const char* const packed = _bytes.data() + header + headerSize + lengthAt(26) + lengthAt(28);
         std::string_view content(packed, entry.packedBytes);
         if (entry.isDeflated) {
             _unpacked.resize(entry.unpackedBytes);
@@ -101,6 +110,7 @@ class Unpacker {
     }
 
     std::unique_ptr<libdeflate_decompressor, FreeInflater> _inflater{libdeflate_alloc_decompressor()};
+    std::string _bytes; // of the archive; kept, as is what was unpacked, so that their memory is taken once
     std::string _unpacked;
 };
 
