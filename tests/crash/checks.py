@@ -148,7 +148,7 @@ def check_failure(scenario, device, answer, names_system_reason, codes=(1, 4, 5)
     log += "\n".join(report["problems"])
     return [f"the reason says nothing: {reason}" for reason in reasons
             if reason not in scenario.silent_reasons
-            and not SYSTEM_REASON.search(log if "`qrd log`" in reason else reason)]
+            and not SYSTEM_REASON.search(reason + (log if "`qrd log`" in reason else ""))]
 
 
 def _names(device):
