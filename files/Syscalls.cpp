@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstring>
 
@@ -107,7 +108,7 @@ int readAll(int file, std::size_t maxSize, std::string& bytes) {
 }
 
 int copyAll(int from, int to) {
-    std::string buffer(std::size_t{1} << 18, '\0');
+    std::array<char, std::size_t{1} << 16> buffer; // not filled beforehand: most files are small
     for (;;) {
         const ssize_t count = ::read(from, buffer.data(), buffer.size());
         if (count == 0 || (count < 0 && errno != EINTR)) {

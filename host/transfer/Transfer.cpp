@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cinttypes>
@@ -44,7 +45,8 @@ Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const s
     if (const auto skipped = source.skip(sent); !skipped) {
         return transferError(TransferError::sourceFailed, errorText(skipped.error()));
     }
-    std::vector<char> buffer(request.bandwidth != nullptr ? request.bandwidth->pieceSize(pieceSize) : pieceSize);
+    const std::size_t piece = request.bandwidth != nullptr ? request.bandwidth->pieceSize(pieceSize) : pieceSize;
+    std::vector<char> buffer(std::min<std::uint64_t>(piece, source.size() + 1)); // one more: the end shows at once
     for (;;) {
         if (const auto goesOn = request.mayGoOn(); !goesOn) {
             return goesOn;
