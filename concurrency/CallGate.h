@@ -3,15 +3,16 @@
 
 #include "concurrency/Mutex.h"
 
-#include <cassert>
+#include <algorithm>
 #include <concepts>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace appsync {
 
-/// Each that is called back has one; all its calls go through it, one at a time. Closing it is the last step of a
-/// removal, which so returns only when no call runs and none will. Any thread.
+/// Each that is called back has one; all its calls go through it. Closing it is the last step of a removal, which so
+/// returns only when no call runs and none will. Any thread.
 class CallGate {
   public:
     CallGate() = default;
@@ -28,12 +29,12 @@ class CallGate {
         _leave();
         return true;
     }
-    /// Lets no further call pass, and returns when none runs; at once from within the running call itself. Whoever
-    /// closes it holds no lock that a call takes.
+    /// Lets no further call pass, and returns when none runs but one that it is called from. Whoever closes it holds no
+    /// lock that a call takes.
     void close() EXCLUDES(_mutex) {
         const Lock lock(_mutex);
         _isClosed = true;
-        while (_running > 0 && _runner != std::this_thread::get_id()) {
+        while (std::ranges::any_of(_runners, [](auto runner) { return runner != std::this_thread::get_id(); })) {
             _changed.wait(_mutex);
         }
     }
@@ -44,21 +45,18 @@ class CallGate {
         if (_isClosed) {
             return false;
         }
-        assert(_running == 0 || _runner == std::this_thread::get_id());
-        ++_running;
-        _runner = std::this_thread::get_id();
+        _runners.push_back(std::this_thread::get_id());
         return true;
     }
     void _leave() EXCLUDES(_mutex) {
         const Lock lock(_mutex);
-        --_running;
+        _runners.erase(std::ranges::find(_runners, std::this_thread::get_id()));
         _changed.notifyAll();
     }
 
     Mutex _mutex;
     Condition _changed;
-    unsigned _running GUARDED_BY(_mutex) = 0; // the call, and those within it
-    std::thread::id _runner GUARDED_BY(_mutex);
+    std::vector<std::thread::id> _runners GUARDED_BY(_mutex); // of the calls, and of those within them
     bool _isClosed GUARDED_BY(_mutex) = false;
 };
 

@@ -17,23 +17,26 @@ bool OperationQueue::start() {
 }
 
 bool OperationQueue::addOperation(std::function<void()> operation) {
+    bool hasThread = false;
     {
         const Lock lock(_mutex);
         if (_stopped) {
             return false;
         }
         const bool needsThread = _idle <= _waiting.size() && _threads.size() < _maxConcurrent;
-        const bool hasThread = !needsThread || _startThread() || !_threads.empty();
+        hasThread = !needsThread || _startThread() || !_threads.empty();
         if (!hasThread && _withoutThread == WithoutThread::fails) {
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         }
         if (hasThread) {
             _waiting.push_back(std::move(operation));
-            _changed.notifyOne();
-            return true;
         }
     }
-    operation();
+    if (hasThread) {
+        _changed.notifyOne(); // whoever wakes needs the lock
+    } else {
+        operation();
+    }
     return true;
 }
 

@@ -45,10 +45,12 @@ template <class Request> class SharedTurns {
         return std::exchange(_waiting, {});
     }
     void _endTurn() EXCLUDES(_mutex) {
-        const Lock lock(_mutex);
-        _ended = _begun;
-        _isBusy = false;
-        _changed.notifyAll();
+        {
+            const Lock lock(_mutex);
+            _ended = _begun;
+            _isBusy = false;
+        }
+        _changed.notifyAll(); // whoever wakes needs the lock
     }
 
     Mutex _mutex;

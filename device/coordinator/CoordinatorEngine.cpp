@@ -391,12 +391,12 @@ void CoordinatorEngine::_reportEnd(const CoordinatorStatePtr& state) {
             delegate.coordinatorDidCompleteSuccessfully(handle);
         }
     };
-    _observers.report(state->creator, state->observer, call,
+    _observers.report(state->bundleID, state->creator, state->observer, call,
                       [this, state] { _passOver(*state, _store.remove(state->id)); });
 }
 
 void CoordinatorEngine::_report(const CoordinatorStatePtr& state, InstallObservers::Call call) {
-    _observers.report(state->creator, state->observer, std::move(call));
+    _observers.report(state->bundleID, state->creator, state->observer, std::move(call));
 }
 
 /// What could not be written and the install goes on without.

@@ -95,7 +95,7 @@ class CoordinatorEngine {
     /// Ends an app's install and removes of the app what the scope says. Fails when there is none of all that, and with
     /// `tooLate` when the placeholder alone was meant and the app has been installed meanwhile.
     [[nodiscard]] Result<void> remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope);
-    /// `completion` runs on the observers' thread.
+    /// `completion` runs on a thread of the observers, after what was reported of the app.
     void uninstallInBackground(std::string_view bundleID, std::function<void(const ErrorPtr&)> completion);
     void waitUntilIdle();
 
@@ -146,7 +146,7 @@ class CoordinatorEngine {
 
     const CoordinatorServices _services;
     CoordinatorStore _store;
-    Group _busy; // steps that are ready or run, calls on the observers' thread
+    Group _busy; // steps that are ready or run, calls on the observers' threads
     InstallObservers _observers{_busy};
     std::atomic<std::uint64_t> _lastPromise = 0;
     Mutex _mutex; // guards also what can change of the coordinators' and placeholders' states

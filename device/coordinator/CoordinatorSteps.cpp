@@ -193,7 +193,7 @@ void CoordinatorEngine::uninstallInBackground(std::string_view bundleID,
     _busy.enter();
     _workers.addOperation([this, identifier = std::string(bundleID), completion = std::move(completion)] {
         const auto removed = remove(identifier, RemovalReason::sync, RemovalScope::everything);
-        _observers.run([completion, error = removed.error()] { completion(error); });
+        _observers.run(identifier, [completion, error = removed.error()] { completion(error); });
         _busy.leave();
     });
 }

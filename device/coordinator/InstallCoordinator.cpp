@@ -79,11 +79,12 @@ class BaseClass final : public OnEngine<KXAppInstallCoordinatorClass> {
             _engine.uninstallInBackground(bundleID, std::move(completion));
             return;
         }
-        _engine.observers().run([completion = std::move(completion), identifier = std::string(bundleID)] {
-            completion(makeCoordinatorError(CoordinatorError::unsupported,
-                                            "nobody can be asked on this device whether to uninstall " + identifier +
-                                                "; uninstall it without a confirmation"));
-        });
+        _engine.observers().run(
+            std::string(bundleID), [completion = std::move(completion), identifier = std::string(bundleID)] {
+                completion(makeCoordinatorError(CoordinatorError::unsupported,
+                                                "nobody can be asked on this device whether to uninstall " +
+                                                    identifier + "; uninstall it without a confirmation"));
+            });
     }
 
   private:
@@ -191,7 +192,7 @@ bool InstallCoordinator::prioritizeByUser(std::string_view bundleID) {
         return false;
     }
     Semaphore told;
-    _engine->observers().run([&told] { told.signal(); }); // after the report
+    _engine->observers().run(std::string(bundleID), [&told] { told.signal(); }); // after the report
     told.wait();
     return true;
 }

@@ -26,7 +26,7 @@ InstallObservers::~InstallObservers() {
 }
 
 Result<void> InstallObservers::start() {
-    return _thread.start() ? nullptr : makeNoThreadError("the install coordinator's reports");
+    return _threads.start() ? nullptr : makeNoThreadError("the install coordinator's reports");
 }
 
 std::shared_ptr<KXAppInstallObserver>
@@ -47,19 +47,35 @@ InstallObservers::initWithMachServiceName_forClients_delegate(std::string_view s
     return std::make_shared<Connection>(*this, std::move(follower));
 }
 
-void InstallObservers::report(KXClientIdentifier creator, KXAppInstallObserverDelegate* observer, Call call,
-                              std::function<void()> delivered) {
+void InstallObservers::report(std::string app, KXClientIdentifier creator, KXAppInstallObserverDelegate* observer,
+                              Call call, std::function<void()> delivered) {
+    _add({std::move(app), creator, observer, std::move(call), std::move(delivered)});
+}
+
+void InstallObservers::run(std::string app, std::function<void()> task) {
+    _add({std::move(app), 0, nullptr, {}, std::move(task)});
+}
+
+void InstallObservers::stop() {
     {
         const Lock lock(_mutex);
-        _fresh.push_back({creator, observer, std::move(call), std::move(delivered)});
+        _fresh.clear();
+    }
+    _threads.stop();
+}
+
+void InstallObservers::_add(Report report) {
+    {
+        const Lock lock(_mutex);
+        _fresh.push_back(std::move(report));
     }
     _schedule();
 }
 
-void InstallObservers::run(std::function<void()> task) {
+void InstallObservers::_schedule() {
     _undelivered.enter();
-    const bool accepted = _thread.addOperation([this, task = std::move(task)] {
-        task();
+    const bool accepted = _threads.addOperation([this] {
+        _deliverAll();
         _undelivered.leave();
     });
     if (!accepted) {
@@ -67,16 +83,13 @@ void InstallObservers::run(std::function<void()> task) {
     }
 }
 
-void InstallObservers::stop() {
-    _thread.stop();
-}
-
-void InstallObservers::_schedule() {
-    run([this] {
-        while (const auto next = _takeDeliverable()) {
-            _deliver(next->first, next->second);
-        }
-    });
+/// Whoever has made a call goes on with what waited for it.
+void InstallObservers::_deliverAll() {
+    while (const auto next = _takeDeliverable()) {
+        _deliver(next->first, next->second);
+        const Lock lock(_mutex);
+        _appsInCalls.erase(next->first.app);
+    }
 }
 
 void InstallObservers::_disconnect(const std::shared_ptr<Follower>& follower) {
@@ -87,16 +100,22 @@ void InstallObservers::_disconnect(const std::shared_ptr<Follower>& follower) {
     follower->gate.close();
 }
 
-/// The next report that somebody follows, with those who do. The others are put aside.
+/// The next report that somebody follows, with those who do, unless a call about its app runs. Those that nobody
+/// follows are put aside.
 std::optional<std::pair<InstallObservers::Report, InstallObservers::Followers>> InstallObservers::_takeDeliverable() {
     const Lock lock(_mutex);
-    while (!_fresh.empty()) {
-        Report report = std::move(_fresh.front());
-        _fresh.pop_front();
+    for (auto next = _fresh.begin(); next != _fresh.end();) {
+        if (_appsInCalls.contains(next->app)) {
+            ++next;
+            continue;
+        }
+        Report report = std::move(*next);
+        next = _fresh.erase(next);
         Followers followers;
         std::ranges::copy_if(_followers, std::back_inserter(followers),
                              [&](const auto& follower) { return follower->clients.contains(report.creator); });
-        if (!followers.empty()) {
+        if (!followers.empty() || !report.call) {
+            _appsInCalls.insert(report.app);
             return std::pair(std::move(report), std::move(followers));
         }
         _held.push_back(std::move(report));
@@ -112,7 +131,7 @@ void InstallObservers::_deliver(const Report& report, const Followers& followers
     const bool isDelegate =
         std::ranges::any_of(followers, [&](const auto& follower) { return &follower->delegate == report.observer; });
     KXAppInstallObserverDelegate* observer = isDelegate ? nullptr : report.observer;
-    bool isDelivered = false;
+    bool isDelivered = !report.call;
     for (const auto& follower : followers) {
         isDelivered |= follower->gate.pass([&] {
             report.call(follower->delegate);

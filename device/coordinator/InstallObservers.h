@@ -11,6 +11,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
+#include <string>
 #include <vector>
 
 namespace appsync::device {
@@ -18,14 +20,17 @@ namespace appsync::device {
 /// Reports that wait for a connection; beyond these the oldest are dropped.
 inline constexpr std::size_t maxHeldReports = 4096;
 
-/// Calls go out on one thread of the service, one at a time, in the order of the reports. Any thread.
+/// How many calls go out at the same time: those that end together share the writing of what they change.
+inline constexpr std::size_t maxCallsAtOnce = 8;
+
+/// Calls go out on threads of the service: those about one app one at a time, in the order of its reports. Any thread.
 class InstallObservers final : public KXAppInstallObserverClass {
   public:
     using Call = std::function<void(KXAppInstallObserverDelegate&)>;
 
     /// Everything that can be delivered and has not been yet is counted in `undelivered`.
     explicit InstallObservers(Group& undelivered) : _undelivered(undelivered) {}
-    /// Waits for a running call; undelivered reports are dropped. Connections must have been dropped.
+    /// Waits for running calls; undelivered reports are dropped. Connections must have been dropped.
     ~InstallObservers() override;
     /// To be called first. Fails when the system has no thread for it.
     [[nodiscard]] Result<void> start();
@@ -36,14 +41,14 @@ class InstallObservers final : public KXAppInstallObserverClass {
                                                 const std::set<KXClientIdentifier>& clients,
                                                 KXAppInstallObserverDelegate* delegate) noexcept override;
 
-    /// Reports something of a coordinator that `creator` made to the connections for that client and, through them, to
-    /// the coordinator's own observer (which may be null). While there is no such connection the report waits for one.
-    /// `delivered`, unless empty, runs on the service's thread when somebody has been told.
-    void report(KXClientIdentifier creator, KXAppInstallObserverDelegate* observer, Call call,
+    /// Reports something of an app's coordinator that `creator` made to the connections for that client and, through
+    /// them, to the coordinator's own observer (which may be null). While there is no such connection the report waits
+    /// for one. `delivered`, unless empty, runs on the same thread when somebody has been told.
+    void report(std::string app, KXClientIdentifier creator, KXAppInstallObserverDelegate* observer, Call call,
                 std::function<void()> delivered = {});
-    /// Runs something else on the service's thread, after the reports made so far.
-    void run(std::function<void()> task);
-    /// Waits for a running call and drops the rest; no report is delivered afterwards.
+    /// Runs something else, after the reports about the app made so far.
+    void run(std::string app, std::function<void()> task);
+    /// Waits for running calls and drops the rest; no report is delivered afterwards.
     void stop();
 
   private:
@@ -58,14 +63,17 @@ class InstallObservers final : public KXAppInstallObserverClass {
     };
     using Followers = std::vector<std::shared_ptr<Follower>>;
     struct Report {
+        std::string app;
         KXClientIdentifier creator;
         KXAppInstallObserverDelegate* observer;
-        Call call;
+        Call call; // empty: there is nobody to tell
         std::function<void()> delivered;
     };
 
     void _disconnect(const std::shared_ptr<Follower>& follower) EXCLUDES(_mutex);
+    void _add(Report report) EXCLUDES(_mutex);
     void _schedule();
+    void _deliverAll() EXCLUDES(_mutex);
     [[nodiscard]] std::optional<std::pair<Report, Followers>> _takeDeliverable() EXCLUDES(_mutex);
     static void _deliver(const Report& report, const Followers& followers);
 
@@ -73,8 +81,9 @@ class InstallObservers final : public KXAppInstallObserverClass {
     Followers _followers GUARDED_BY(_mutex);
     std::deque<Report> _fresh GUARDED_BY(_mutex);
     std::deque<Report> _held GUARDED_BY(_mutex); // had no follower when their turn came
+    std::set<std::string, std::less<>> _appsInCalls GUARDED_BY(_mutex);
     Group& _undelivered;
-    OperationQueue _thread{1};
+    OperationQueue _threads{maxCallsAtOnce};
 };
 
 } // namespace appsync::device

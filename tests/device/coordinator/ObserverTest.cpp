@@ -14,8 +14,9 @@ class InstallObserversTest : public testing::Test {
     std::shared_ptr<KXAppInstallObserver> connect(Reports& reports, const std::set<KXClientIdentifier>& clients = {3}) {
         return observers.initWithMachServiceName_forClients_delegate(observerServiceName, clients, &reports);
     }
-    void report(KXClientIdentifier creator, std::uint64_t number, KXAppInstallObserverDelegate* observer = nullptr) {
-        observers.report(creator, observer, [number](KXAppInstallObserverDelegate& delegate) {
+    void report(KXClientIdentifier creator, std::uint64_t number, KXAppInstallObserverDelegate* observer = nullptr,
+                const std::string& app = A) {
+        observers.report(app, creator, observer, [number](KXAppInstallObserverDelegate& delegate) {
             delegate.promiseDidBeginFulfillmentWithIdentifier(number);
         });
     }
@@ -128,15 +129,34 @@ TEST_F(InstallObserversTest, DroppingAConnectionWaitsForItsRunningCallAndNoneFol
     EXPECT_EQ(first.lines(), Lines{"promise 1"});
 }
 
+TEST_F(InstallObserversTest, CallsAboutOtherAppsDoNotWaitForOne) {
+    Semaphore others;
+    first.during = [&](const std::string& line) {
+        if (line == "promise 1") {
+            EXPECT_TRUE(others.wait(std::chrono::minutes(1)));
+        } else if (line != "promise 2") {
+            others.signal();
+        }
+    };
+    const auto one = connect(first);
+    report(3, 1, nullptr, A);
+    report(3, 2, nullptr, A);
+    report(3, 3, nullptr, B);
+    undelivered.wait();
+    Lines lines = first.lines();
+    EXPECT_EQ(std::erase(lines, "promise 3"), 1U);
+    EXPECT_EQ(lines, (Lines{"promise 1", "promise 2"}));
+}
+
 TEST_F(InstallObserversTest, SaysWhenSomebodyHasBeenTold) {
     std::atomic<int> told = 0;
     const auto call = [](KXAppInstallObserverDelegate& delegate) { delegate.shouldPrioritizeAppWithBundleID("a"); };
-    observers.report(3, nullptr, call, [&] { ++told; });
+    observers.report(A, 3, nullptr, call, [&] { ++told; });
     undelivered.wait();
     EXPECT_EQ(told, 0);
     const auto one = connect(first);
     const auto two = connect(second);
-    observers.report(3, nullptr, call, [&] { ++told; });
+    observers.report(A, 3, nullptr, call, [&] { ++told; });
     undelivered.wait();
     EXPECT_EQ(told, 2);
 }
@@ -153,7 +173,7 @@ TEST_F(InstallObserversTest, OtherTasksRunAfterTheReportsMadeBefore) {
     const auto one = connect(first);
     std::size_t before = 0;
     report(3, 1);
-    observers.run([&] { before = first.lines().size(); });
+    observers.run(A, [&] { before = first.lines().size(); });
     undelivered.wait();
     EXPECT_EQ(before, 1U);
 }
