@@ -146,8 +146,8 @@ class KXRestoringAppInstallCoordinator : public KXAppInstallCoordinator {
     virtual bool setAppAssetPromiseResponsibleClient_error(KXClientIdentifier client, ErrorPtr* error) noexcept = 0;
 };
 
-/// Called on threads of the coordinator's service: about one app one call at a time, in the order of what happened to it,
-/// about several at once. Every operation is optional.
+/// Called on threads of the coordinator's service: about one app one call at a time, in the order of what happened to
+/// it, about several at once. Every operation is optional.
 class KXAppInstallObserverDelegate {
   public:
     virtual ~KXAppInstallObserverDelegate() = default;

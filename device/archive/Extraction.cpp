@@ -1,10 +1,11 @@
 #include "device/archive/Extraction.h"
 
-#include "archive/ArchiveReader.h"
 #include "archive/EntryPath.h"
+#include "archive/InstallerError.h"
 #include "concurrency/OperationQueue.h"
-#include "concurrency/Semaphore.h"
 #include "device/archive/BundleWriter.h"
+#include "device/archive/FileUnpacker.h"
+#include "device/archive/SharedFiles.h"
 #include "device/root/PosixError.h"
 #include "files/Syscalls.h"
 #include "platform/PropertyListSerialization.h"
@@ -12,9 +13,7 @@
 #include "timeline/Timeline.h"
 
 #include <algorithm>
-#include <chrono>
 #include <deque>
-#include <span>
 
 namespace appsync::device {
 
@@ -25,151 +24,6 @@ constexpr std::uint64_t bytesPerEntry = 4096 + 512;
 
 /// An archive from here on is unpacked on several threads if there are cores to spare.
 constexpr std::uint64_t largeArchive = std::uint64_t{32} << 20;
-/// What a thread takes at a time: files that lie together are read together, up to this many bytes or a larger one.
-constexpr std::uint64_t bytesTaken = std::uint64_t{1} << 20;
-
-ErrorPtr noSpace(const ExtractionRequest& request, const std::string& reason) {
-    return makeInstallerError(InstallerError::notEnoughSpace,
-                              "there is no space to install the archive " + request.archivePath + ": " + reason +
-                                  "; remove apps or files and try again",
-                              request.archivePath);
-}
-
-/// `reason` is what the system says.
-ErrorPtr writingFailed(const ExtractionRequest& request, const ErrorPtr& reason, std::string_view entry) {
-    const auto number = static_cast<int>(reason->code());
-    const std::string text = "writing its entry \"" + printable(entry) + "\": " + systemText(number);
-    return number == ENOSPC || number == EDQUOT
-               ? noSpace(request, text)
-               : makeInstallerError(InstallerError::failed,
-                                    "cannot install the archive " + request.archivePath + ": " + text,
-                                    request.archivePath);
-}
-
-/// Unpacks one file after the other, on one thread.
-class FileUnpacker {
-  public:
-    /// `wrote` is told of bytes that have been written.
-    FileUnpacker(const ExtractionRequest& request, ArchiveFile& file, BundleWriter writer, const Refusal& refuse,
-                 std::function<void(std::uint64_t)> wrote)
-        : _request(request), _reader(file, refuse), _writer(std::move(writer)), _wrote(std::move(wrote)) {}
-
-    [[nodiscard]] BundleWriter& writer() noexcept { return _writer; }
-    /// Holds an entry that is not unpacked to what the archive's directory says.
-    Result<void> check(const ZipDirectory::Entry& entry) { return _reader.open(entry); }
-    /// Of an entry that is not written to the disk.
-    Result<std::string> content(const ZipDirectory::Entry& entry) {
-        const auto opened = _reader.open(entry);
-        return opened ? _reader.content() : opened.error();
-    }
-    /// `content` gets what is written; may be null.
-    Result<void> unpack(const ZipDirectory::Entry& entry, bool isExecutable, std::string* content) {
-        if (const auto opened = _reader.open(entry); !opened) {
-            return opened;
-        }
-        const auto file = _writer.makeFile(entry.path, isExecutable, entry.unpackedBytes);
-        if (!file) {
-            return writingFailed(_request, file.error(), entry.path);
-        }
-        for (;;) {
-            const auto piece = _reader.nextPiece();
-            if (!piece) {
-                return piece.error();
-            }
-            if (piece->empty()) {
-                BundleWriter::finishFile(*file, entry.unpackedBytes);
-                return {};
-            }
-            if (_request.cancel.stop_requested()) {
-                return makeCancelledError(_request.identifier, _request.archivePath);
-            }
-            if (const auto written = _writer.write(*file, *piece, entry.path); !written) {
-                return writingFailed(_request, written.error(), entry.path);
-            }
-            if (content) {
-                content->append(*piece);
-            }
-            _wrote(piece->size());
-            Timeline::add(_request.timeline, Counter::bytesUnpacked, piece->size());
-        }
-    }
-
-  private:
-    const ExtractionRequest& _request;
-    ArchiveReader _reader;
-    BundleWriter _writer;
-    const std::function<void(std::uint64_t)> _wrote;
-};
-
-/// Files that several threads unpack at once. Of several failures that of the first file counts, whichever came first.
-class SharedFiles {
-  public:
-    explicit SharedFiles(std::vector<const ZipDirectory::Entry*> files)
-        : _files(std::move(files)), _end(_files.size()) {}
-
-    /// Unpacks files until none is left, or none before one that has failed.
-    void unpack(FileUnpacker& unpacker) {
-        for (auto files = _take(); !files.empty(); files = _take()) {
-            for (const ZipDirectory::Entry* const& file : files) {
-                if (const auto done = unpacker.unpack(*file, file->isExecutable, nullptr); !done) {
-                    _fail(static_cast<std::size_t>(&file - _files.data()), done.error());
-                    break;
-                }
-            }
-        }
-    }
-    /// When no thread unpacks any more.
-    [[nodiscard]] Result<void> outcome() EXCLUDES(_mutex) {
-        const Lock lock(_mutex);
-        return _failure;
-    }
-
-  private:
-    [[nodiscard]] std::span<const ZipDirectory::Entry* const> _take() EXCLUDES(_mutex) {
-        const Lock lock(_mutex);
-        const std::size_t first = _next;
-        for (std::uint64_t bytes = 0; _next < _end && bytes < bytesTaken; ++_next) {
-            bytes += _files[_next]->unpackedBytes;
-        }
-        return std::span(_files).subspan(first, _next - first);
-    }
-    void _fail(std::size_t file, const ErrorPtr& error) EXCLUDES(_mutex) {
-        const Lock lock(_mutex);
-        if (file < _end) {
-            _end = file;
-            _failure = error;
-        }
-    }
-
-    const std::vector<const ZipDirectory::Entry*> _files; // in their order
-    Mutex _mutex;
-    std::size_t _next GUARDED_BY(_mutex) = 0;
-    std::size_t _end GUARDED_BY(_mutex); // the first that has failed, else their number
-    ErrorPtr _failure GUARDED_BY(_mutex);
-};
-
-/// Cores that no other large archive has taken, as long as the object is there.
-class SpareCores {
-  public:
-    explicit SpareCores(Semaphore* cores) : _cores(cores) {
-        while (_cores && _cores->wait(std::chrono::milliseconds(0))) {
-            ++_count;
-        }
-    }
-    ~SpareCores() {
-        for (std::size_t i = 0; i < _count; ++i) {
-            _cores->signal();
-        }
-    }
-    SpareCores(const SpareCores&) = delete;
-    SpareCores& operator=(const SpareCores&) = delete;
-
-    [[nodiscard]] std::size_t count() const noexcept { return _count; }
-
-  private:
-    Semaphore* const _cores;
-    std::size_t _count = 0;
-};
 
 class Extraction {
   public:
@@ -210,8 +64,8 @@ class Extraction {
         if (_request.cancel.stop_requested()) {
             return makeCancelledError(_request.identifier, _request.archivePath);
         }
-        return free ? noSpace(_request,
-                              "it needs " + std::to_string(needed) + " bytes, " + std::to_string(*free) + " are free")
+        return free ? makeNoSpaceError(_request, "it needs " + std::to_string(needed) + " bytes, " +
+                                                     std::to_string(*free) + " are free")
                     : nullptr;
     }
 
@@ -252,7 +106,7 @@ class Extraction {
 
     Result<void> _makeFolder(std::string_view path) {
         const auto made = _unpacker.writer().makeFolder(path);
-        return made ? made : writingFailed(_request, made.error(), path);
+        return made ? made : makeWritingError(_request, made.error(), path);
     }
 
     /// The files beside the app's folder.
@@ -310,12 +164,12 @@ class Extraction {
             return {};
         }
         if (const auto made = writer.makeLinks(); !made) {
-            return writingFailed(_request, made.error(), "a symbolic link");
+            return makeWritingError(_request, made.error(), "a symbolic link");
         }
         Descriptor bundle;
         if (const int failed = openBeneath(_container, _application.bundleName, O_PATH | O_DIRECTORY, bundle)) {
-            return writingFailed(_request, makePosixError(failed, "open", _application.bundleName),
-                                 _application.bundleName);
+            return makeWritingError(_request, makePosixError(failed, "open", _application.bundleName),
+                                    _application.bundleName);
         }
         for (const auto& [path, target] : writer.links()) {
             if (const auto checked = checkLink(bundle.get(), path, target, _refuse); !checked) {

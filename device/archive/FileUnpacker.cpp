@@ -1,0 +1,63 @@
+#include "device/archive/FileUnpacker.h"
+
+#include "archive/InstallerError.h"
+#include "device/root/PosixError.h"
+#include "text/Printable.h"
+#include "timeline/Timeline.h"
+
+namespace appsync::device {
+
+ErrorPtr makeNoSpaceError(const ExtractionRequest& request, const std::string& reason) {
+    return makeInstallerError(InstallerError::notEnoughSpace,
+                              "there is no space to install the archive " + request.archivePath + ": " + reason +
+                                  "; remove apps or files and try again",
+                              request.archivePath);
+}
+
+ErrorPtr makeWritingError(const ExtractionRequest& request, const ErrorPtr& reason, std::string_view entry) {
+    const auto number = static_cast<int>(reason->code());
+    const std::string text = "writing its entry \"" + printable(entry) + "\": " + systemText(number);
+    return number == ENOSPC || number == EDQUOT
+               ? makeNoSpaceError(request, text)
+               : makeInstallerError(InstallerError::failed,
+                                    "cannot install the archive " + request.archivePath + ": " + text,
+                                    request.archivePath);
+}
+
+Result<std::string> FileUnpacker::content(const ZipDirectory::Entry& entry) {
+    const auto opened = _reader.open(entry);
+    return opened ? _reader.content() : opened.error();
+}
+
+Result<void> FileUnpacker::unpack(const ZipDirectory::Entry& entry, bool isExecutable, std::string* content) {
+    if (const auto opened = _reader.open(entry); !opened) {
+        return opened;
+    }
+    const auto file = _writer.makeFile(entry.path, isExecutable, entry.unpackedBytes);
+    if (!file) {
+        return makeWritingError(_request, file.error(), entry.path);
+    }
+    for (;;) {
+        const auto piece = _reader.nextPiece();
+        if (!piece) {
+            return piece.error();
+        }
+        if (piece->empty()) {
+            BundleWriter::finishFile(*file, entry.unpackedBytes);
+            return {};
+        }
+        if (_request.cancel.stop_requested()) {
+            return makeCancelledError(_request.identifier, _request.archivePath);
+        }
+        if (const auto written = _writer.write(*file, *piece, entry.path); !written) {
+            return makeWritingError(_request, written.error(), entry.path);
+        }
+        if (content) {
+            content->append(*piece);
+        }
+        _wrote(piece->size());
+        Timeline::add(_request.timeline, Counter::bytesUnpacked, piece->size());
+    }
+}
+
+} // namespace appsync::device
