@@ -1,5 +1,7 @@
 """The other commands that draw: `status --follow`, `restore` and `store`."""
+import os
 import re
+import shutil
 import signal
 import subprocess
 
@@ -92,8 +94,11 @@ def test_a_restore_and_the_store_show_their_work_as_a_sync_does(world, backup, s
 def test_a_restore_that_is_interrupted_says_so_and_can_be_repeated(world, backup, start):
     letters = backup / "Data/org.example.harbor/letters"
     assert letters.exists()
-    with letters.open("r+b") as file:
-        file.truncate(100 << 30)  # a hole, which takes minutes to copy
+    copies = letters.parent / "copies"
+    copies.mkdir()
+    letters.write_bytes(b"x" * 20_000_000)
+    for number in range(1000):
+        os.link(letters, copies / str(number))  # 20 GB to copy, and hardly any to make
     terminal = start("restore", world.device, "--from", backup)
     terminal.until(lambda: re.search(r"0 of 2 apps \[", terminal.lines()[-1]))
     assert terminal.interrupt() == 130
@@ -102,6 +107,6 @@ def test_a_restore_that_is_interrupted_says_so_and_can_be_repeated(world, backup
     assert shown[2].split() == ["App", "Version", "Result", "Reason"], shown
     assert [line.split()[0::2][:2] for line in shown[3:5]] == [["Harbor", "waiting"], ["Kettle", "waiting"]], shown
     assert shown[5:] == ["qrd: interrupted; restore again to go on"], shown
-    letters.write_bytes(b"x" * 500_000)
+    shutil.rmtree(copies)
     again = worlds.run("restore", world.device, "--from", backup)
     assert again.code == 0, again.text
