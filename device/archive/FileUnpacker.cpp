@@ -2,6 +2,7 @@
 
 #include "archive/InstallerError.h"
 #include "device/root/PosixError.h"
+#include "files/Syscalls.h"
 #include "text/Printable.h"
 #include "timeline/Timeline.h"
 
