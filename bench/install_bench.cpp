@@ -230,7 +230,11 @@ void measureRegistry(const std::string& folder, int count) {
     Device* opened = nullptr;
     const double opening = secondsOf([&] { opened = new Device(folder + "/device"); });
     const std::unique_ptr<Device> device(opened);
-    const double settling = secondsOf([&] { (void)required(device->registry->settle()); });
+    const double settling = secondsOf([&] {
+        if (const auto settled = device->registry->settle(); !settled) {
+            (void)required(Result<bool>(settled.error()));
+        }
+    });
     ApplicationWorkspace workspace(*device->registry);
     int seen = 0;
     const double enumerating = secondsOf([&] {

@@ -6,36 +6,14 @@
 #include "device/processes/ProcessTable.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "device/screen/AppBundles.h"
+#include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
 #include "device/services/DemotedApps.h"
 #include "platform/PropertyListSerialization.h"
 
-#include <algorithm>
-#include <iterator>
-
 namespace appsync::device {
 
 namespace {
-
-/// Keeps an app from running; lets it go at the end.
-class Hold {
-  public:
-    Hold(ProcessTable& processes, const std::string& identifier)
-        : _processes(processes), _identifier(identifier), _outcome(processes.endAndHold(identifier)) {}
-    ~Hold() {
-        if (_outcome == RunningApps::Answer::ended) {
-            _processes.letGo(_identifier);
-        }
-    }
-    Hold(const Hold&) = delete;
-    Hold& operator=(const Hold&) = delete;
-    [[nodiscard]] bool isRefused() const noexcept { return _outcome == RunningApps::Answer::busy; }
-
-  private:
-    ProcessTable& _processes;
-    const std::string& _identifier;
-    const RunningApps::Answer _outcome;
-};
 
 PlaceholderRequest placeholderOf(DeviceFileSystem& files, const Application& app, bool isAutomatic) {
     PlaceholderRequest request;
@@ -53,14 +31,11 @@ PlaceholderRequest placeholderOf(DeviceFileSystem& files, const Application& app
     return request;
 }
 
-/// The lists as they should be: of the expected apps, those that have a demoted app's placeholder, and no installed
-/// one.
-DemotionLists settled(const DemotionLists& before, const std::set<std::string>& expected,
-                      const std::vector<Application>& apps) {
-    DemotionLists lists;
-    std::ranges::set_intersection(before.automatic, expected, std::inserter(lists.automatic, lists.automatic.end()));
-    std::ranges::set_intersection(before.intentional, expected,
-                                  std::inserter(lists.intentional, lists.intentional.end()));
+/// Puts the lists right: of the expected apps, those that have a demoted app's placeholder, and no installed one.
+void settle(DemotionLists& lists, const std::set<std::string>& expected, const std::vector<Application>& apps) {
+    for (std::set<std::string>* list : {&lists.automatic, &lists.intentional}) {
+        std::erase_if(*list, [&](const std::string& identifier) { return !expected.contains(identifier); });
+    }
     for (const Application& app : apps) {
         if (app.isInstalled) {
             lists.take(app.identifier);
@@ -68,7 +43,6 @@ DemotionLists settled(const DemotionLists& before, const std::set<std::string>& 
             lists.put(app.identifier, app.installType == PDInstallTypeDowngrade);
         }
     }
-    return lists;
 }
 
 } // namespace
@@ -110,18 +84,20 @@ Result<void> Device::demote(const std::string& identifier, bool isAutomatic) {
         const std::string reason = !app ? "the device has no such app" : "it is on its way; wait until it is installed";
         return makeInstallerError(InstallerError::invalidRequest, "cannot demote " + identifier + ": " + reason);
     }
-    const Hold hold(processes(), identifier);
-    if (hold.isRefused()) {
+    std::uint8_t outcome = SKSTerminationAssertionGranted;
+    const auto held = homeScreen().SKSApplicationTerminationAssertionCreateWithError(identifier, 0, &outcome);
+    if (outcome == SKSTerminationAssertionDenied) {
         return makeError(processErrorDomain, static_cast<std::int64_t>(ProcessError::inUse),
                          identifier + " is in use and cannot be ended now; close it and try again");
     }
     // First the list: one that names an installed app is put right when the device is opened.
-    if (auto listed = demotedApps().add(identifier, isAutomatic); !listed) {
+    if (auto listed = demotedApps().change([&](DemotionLists& lists) { lists.put(identifier, isAutomatic); });
+        !listed) {
         return listed;
     }
     auto demoted = registry().installPlaceholder(placeholderOf(files(), *app, isAutomatic));
     if (!demoted && app->isInstalled) {
-        _passOver(demotedApps().remove(identifier));
+        _passOver(demotedApps().change([&](DemotionLists& lists) { lists.take(identifier); }));
     }
     return demoted;
 }
@@ -140,7 +116,7 @@ void Device::_passOver(const Result<void>& done) {
 /// What is kept for an app goes with it.
 void Device::_followRegistry() {
     const auto isNotDemoted = [this](std::string_view identifier) {
-        _passOver(_demotedApps->remove(std::string(identifier)));
+        _passOver(_demotedApps->change([&](DemotionLists& lists) { lists.take(std::string(identifier)); }));
     };
     _registry->follow(
         {.demotion =
@@ -173,10 +149,7 @@ void Device::_settleApps() {
     for (const Application& app : apps) {
         expected.insert(app.identifier);
     }
-    const DemotionLists before = _demotedApps->lists();
-    if (DemotionLists lists = settled(before, expected, apps); lists != before) {
-        _passOver(_demotedApps->set(std::move(lists)));
-    }
+    _passOver(_demotedApps->change([&](DemotionLists& lists) { settle(lists, expected, apps); }));
     const auto waiting = _backup->restoreData();
     if (!waiting) {
         _passOver(waiting.error());

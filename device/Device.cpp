@@ -12,11 +12,11 @@
 #include "device/services/BackupService.h"
 #include "device/services/DemotedApps.h"
 #include "device/services/DevicePolicy.h"
-#include "device/services/DeviceProcess.h"
 #include "device/services/Notifications.h"
 #include "device/services/StoreClient.h"
 #include "device/services/TimerScheduler.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
 #include "propertylist/Codec.h"
 
 #include <functional>
@@ -34,40 +34,21 @@ Result<std::optional<bool>> readCoordination(Database& database) {
     if (const auto registered = database.registerSchema("device", schema); !registered) {
         return registered.error();
     }
-    Database::Transaction transaction(database);
-    auto rows = transaction.query("SELECT value FROM device WHERE setting = 'coordination'");
     std::optional<bool> isEnabled;
-    if (rows.next()) {
-        isEnabled = rows.integer(0) != 0;
-    }
-    return transaction.error() ? Result<std::optional<bool>>(transaction.error()) : isEnabled;
-}
-
-Result<void> writeCoordination(Database& database, bool isEnabled) {
-    Database::Transaction transaction(database, Durability::durable);
-    transaction.run("INSERT INTO device VALUES ('coordination', ?1)", isEnabled);
-    return transaction.commit();
+    const auto read = database.read([&](const Database::Rows& row) { isEnabled = row.integer(0) != 0; },
+                                    "SELECT value FROM device WHERE setting = 'coordination'");
+    return read ? Result(isEnabled) : read.error();
 }
 
 ErrorPtr deviceError(DeviceError code, const std::string& folder, const std::string& description) {
     return makeError(deviceErrorDomain, static_cast<std::int64_t>(code), description, folder);
 }
 
-/// The backup service as the install coordinator uses it.
-class WaitingData final : public UserDataRestorer {
+/// The sync host's process.
+class DeviceProcess final : public HostProcess {
   public:
-    WaitingData(BackupService& backup, std::function<void(std::string_view)> giveUp)
-        : _backup(backup), _giveUp(std::move(giveUp)) {}
-    Result<void> restore(std::string_view bundleID) override {
-        auto restored = _backup.restoreApplicationData(bundleID);
-        const bool isNone = isError(restored.error(), backupErrorDomain, BackupError::nothingToRestore);
-        return isNone ? Result<void>() : restored;
-    }
-    void giveUp(std::string_view bundleID) override { _giveUp(bundleID); }
-
-  private:
-    BackupService& _backup;
-    const std::function<void(std::string_view)> _giveUp;
+    std::optional<std::string> mainBundleIdentifier() noexcept override { return "com.zuvex.qrd"; }
+    std::string temporaryDirectory() noexcept override { return std::string(temporaryFolder); }
 };
 
 } // namespace
@@ -100,7 +81,8 @@ Result<std::unique_ptr<Device>> Device::create(const std::string& folder, const 
     set(OLFeatureAppInstallationAllowed, options.forbidsInstalling);
     set(OLFeatureAppRemovalAllowed, options.forbidsRemoving);
     if (made) { // the last step: until it is done the device counts as not made
-        made = writeCoordination(device->database(), options.coordinationIsEnabled);
+        made = device->database().run(Durability::durable, "INSERT INTO device VALUES ('coordination', ?1)",
+                                      options.coordinationIsEnabled);
     }
     return made ? Result(std::move(device)) : made.error();
 }
@@ -159,13 +141,11 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
         !place(_policy, DevicePolicy::open(*_database)) || !place(_backup, BackupService::open(*_database, files()))) {
         return failure;
     }
-    _waitingData =
-        std::make_unique<WaitingData>(*_backup, [this](std::string_view bundleID) { _giveUpData(bundleID); });
     _demotedApps = std::make_unique<DemotedApps>(files(), *_propertyLists);
     if (!place(_registry, Registry::open(*_root, *_database, *_propertyLists, environment.registry))) {
         return failure;
     }
-    if (const auto settled = looks ? Settlement() : _registry->settle(); !settled) {
+    if (const auto settled = looks ? Result<void>() : _registry->settle(); !settled) {
         return settled.error();
     }
     _followRegistry();
@@ -175,8 +155,6 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
     _processes = std::make_unique<ProcessTable>(*_root);
     _bundles = std::make_unique<AppBundles>(files(), *_propertyLists);
     _iconRenderer = std::make_unique<DeviceIconRenderer>(files());
-    const CoordinatorServices services{files(),         *_registry,         *_database,
-                                       *_propertyLists, _waitingData.get(), _log.get()};
     if (!place(_homeScreen, DeviceHomeScreen::open({*_database, *_registry, *_propertyLists, *_notifications,
                                                     *_iconRenderer, *_processes, *_log}))) {
         return failure;
@@ -184,7 +162,7 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
     if (auto started = _scheduler->start(); !started) {
         return started;
     }
-    if (!place(_coordinator, InstallCoordinator::open(services, _coordinationIsEnabled))) {
+    if (!place(_coordinator, InstallCoordinator::open(_coordinatorServices(), _coordinationIsEnabled))) {
         return failure;
     }
     if (!looks) {
@@ -192,6 +170,20 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
         _coordinator->resume();
     }
     return {};
+}
+
+CoordinatorServices Device::_coordinatorServices() {
+    return {.files = files(),
+            .registry = *_registry,
+            .database = *_database,
+            .propertyLists = *_propertyLists,
+            .log = _log.get(),
+            .restoreUserData = [this](std::string_view bundleID) -> Result<void> {
+                auto restored = _backup->restoreApplicationData(bundleID);
+                const bool isNone = isError(restored.error(), backupErrorDomain, BackupError::nothingToRestore);
+                return isNone ? Result<void>() : restored;
+            },
+            .giveUpUserData = [this](std::string_view bundleID) { _giveUpData(bundleID); }};
 }
 
 Platform Device::platform(QRDeviceServiceClass& deviceService, QRErrorClassification& errorClassification) {

@@ -17,6 +17,7 @@
 namespace appsync {
 class QRDeviceServiceClass;
 class QRErrorClassification;
+class HostProcess;
 struct Platform;
 } // namespace appsync
 
@@ -30,7 +31,6 @@ class DeviceHomeScreen;
 class DeviceIconRenderer;
 class DeviceNotificationCenter;
 class DevicePolicy;
-class DeviceProcess;
 class InstallCoordinator;
 class NotificationNames;
 class PNGDestinations;
@@ -39,7 +39,7 @@ class StoreClient;
 class TimerScheduler;
 class TransactionLog;
 class UninstalledList;
-class UserDataRestorer;
+struct CoordinatorServices;
 
 inline constexpr std::string_view deviceErrorDomain = "Device";
 enum class DeviceError : std::int64_t {
@@ -141,6 +141,7 @@ class Device {
                                                                const std::string& folder,
                                                                const DeviceEnvironment& environment, bool looks);
     [[nodiscard]] Result<void> _openServices(const DeviceEnvironment& environment, bool coordinationIsEnabled);
+    [[nodiscard]] CoordinatorServices _coordinatorServices();
     void _followRegistry();
     void _settleApps();
     void _passOver(const Result<void>& done);
@@ -154,7 +155,6 @@ class Device {
     std::unique_ptr<TransactionLog> _transactionLog;
     std::unique_ptr<DevicePolicy> _policy;
     std::unique_ptr<BackupService> _backup;
-    std::unique_ptr<UserDataRestorer> _waitingData;
     std::unique_ptr<DemotedApps> _demotedApps;
     std::unique_ptr<Registry> _registry;
     std::unique_ptr<ApplicationWorkspace> _workspace;
@@ -162,7 +162,7 @@ class Device {
     std::unique_ptr<StoreClient> _store;
     std::unique_ptr<NotificationNames> _notifications;
     std::unique_ptr<DeviceNotificationCenter> _notificationCenter;
-    std::unique_ptr<DeviceProcess> _process;
+    std::unique_ptr<HostProcess> _process;
     std::unique_ptr<ProcessTable> _processes;
     std::unique_ptr<AppBundles> _bundles;
     std::unique_ptr<DeviceIconRenderer> _iconRenderer;

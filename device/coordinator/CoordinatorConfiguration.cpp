@@ -1,6 +1,6 @@
 // How a coordinator and its placeholder are configured: every change is checked, written down, and may lead to work.
-#include "device/coordinator/CoordinatorEngine.h"
 #include "device/coordinator/CoordinatorError.h"
+#include "device/coordinator/InstallCoordinator.h"
 
 namespace appsync::device {
 
@@ -24,54 +24,34 @@ ErrorPtr endedPlaceholder(const PlaceholderState& placeholder) {
 
 } // namespace
 
-Result<void> CoordinatorEngine::_checkOpen(const CoordinatorState& state) const {
+Result<void> InstallCoordinator::_checkOpen(const CoordinatorState& state) const {
     if (!state.facts.hasOutcome() && !state.cancelRequester) {
         return {};
     }
     return makeCoordinatorError(CoordinatorError::ended, "the coordinator for " + state.bundleID + " has ended");
 }
 
-Result<void> CoordinatorEngine::_change(const CoordinatorStatePtr& state,
-                                        const std::function<void(CoordinatorFacts&)>& change) {
+Result<void> InstallCoordinator::change(const CoordinatorStatePtr& state,
+                                        const std::function<Result<void>(CoordinatorFacts&)>& change) {
     const Lock lock(_mutex);
     if (auto open = _checkOpen(*state); !open) {
         return open;
     }
     CoordinatorFacts before = state->facts;
-    change(state->facts);
-    if (auto written = _store.update(*state); !written) {
+    auto changed = change(state->facts);
+    if (changed) {
+        changed = _store.update(*state);
+    }
+    if (!changed) {
         state->facts = std::move(before);
-        return written;
+        return changed;
     }
     _advance(state);
     return {};
 }
 
-Result<void> CoordinatorEngine::setOptions(const CoordinatorStatePtr& state, const TVInstallOptions& options) {
-    auto metadata = metadataBytes(options.tamblinMetadata);
-    if (!metadata) {
-        return metadata.error();
-    }
-    return _change(state, [&](CoordinatorFacts& facts) {
-        facts.options = InstallOptionsRecord{options.registryInstallType, options.installTargetType,
-                                             std::move(*metadata), options.sinfData};
-    });
-}
-
-Result<void> CoordinatorEngine::setODRPromises(const CoordinatorStatePtr& state, std::size_t count) {
-    if (count > 0) {
-        return makeCoordinatorError(CoordinatorError::unsupported,
-                                    "this device has no on-demand resources; give none for " + state->bundleID);
-    }
-    return _change(state, [](CoordinatorFacts& facts) { facts.hasODRPromises = true; });
-}
-
-Result<void> CoordinatorEngine::setResponsibleClient(const CoordinatorStatePtr& state, KXClientIdentifier client) {
-    return _change(state, [&](CoordinatorFacts& facts) { facts.responsibleClient = client; });
-}
-
-Result<void> CoordinatorEngine::attachPromise(const CoordinatorStatePtr& state, const PromisePtr& promise,
-                                              PromiseRole role) {
+Result<void> InstallCoordinator::attachPromise(const CoordinatorStatePtr& state, const PromisePtr& promise,
+                                               PromiseRole role) {
     if (!promise) {
         return foreign(*state, "promise");
     }
@@ -98,7 +78,8 @@ Result<void> CoordinatorEngine::attachPromise(const CoordinatorStatePtr& state, 
     return {};
 }
 
-Result<void> CoordinatorEngine::attachPlaceholder(const CoordinatorStatePtr& state, const PlaceholderPtr& placeholder) {
+Result<void> InstallCoordinator::attachPlaceholder(const CoordinatorStatePtr& state,
+                                                   const PlaceholderPtr& placeholder) {
     if (!placeholder) {
         return foreign(*state, "placeholder");
     }
@@ -133,8 +114,8 @@ Result<void> CoordinatorEngine::attachPlaceholder(const CoordinatorStatePtr& sta
     return {};
 }
 
-Result<void> CoordinatorEngine::changePlaceholder(const PlaceholderPtr& placeholder,
-                                                  const std::function<Result<void>(PlaceholderFacts&)>& change) {
+Result<void> InstallCoordinator::changePlaceholder(const PlaceholderPtr& placeholder,
+                                                   const std::function<Result<void>(PlaceholderFacts&)>& change) {
     const Lock lock(_mutex);
     const auto owner = placeholder->owner.lock();
     if (placeholder->facts.isConfigured || placeholder->isCancelled || (owner && !_checkOpen(*owner))) {
@@ -162,7 +143,7 @@ Result<void> CoordinatorEngine::changePlaceholder(const PlaceholderPtr& placehol
     return {};
 }
 
-Result<std::optional<Data>> CoordinatorEngine::metadataBytes(const std::optional<TVStoreMetadata>& metadata) {
+Result<std::optional<Data>> InstallCoordinator::metadataBytes(const std::optional<TVStoreMetadata>& metadata) {
     if (!metadata) {
         return std::optional<Data>();
     }
@@ -173,8 +154,8 @@ Result<std::optional<Data>> CoordinatorEngine::metadataBytes(const std::optional
     return std::optional<Data>(std::move(*bytes));
 }
 
-PromisePtr CoordinatorEngine::makePromise(std::string_view name, KXClientIdentifier client, std::uint64_t diskSpace,
-                                          std::optional<std::string> path) {
+PromisePtr InstallCoordinator::makePromise(std::string_view name, KXClientIdentifier client, std::uint64_t diskSpace,
+                                           std::optional<std::string> path) {
     PromiseRecord record;
     record.id = ++_lastPromise;
     record.name = name;
@@ -184,7 +165,7 @@ PromisePtr CoordinatorEngine::makePromise(std::string_view name, KXClientIdentif
     return std::make_shared<Promise>(std::move(record));
 }
 
-void CoordinatorEngine::setFraction(Promise& promise, double fraction) {
+void InstallCoordinator::setFraction(Promise& promise, double fraction) {
     const bool isFirst = promise.setFraction(fraction);
     const auto owner = promise.owner();
     const PromiseRecord record = promise.record();
@@ -199,7 +180,7 @@ void CoordinatorEngine::setFraction(Promise& promise, double fraction) {
     }
 }
 
-void CoordinatorEngine::complete(Promise& promise) {
+void InstallCoordinator::complete(Promise& promise) {
     if (!promise.complete()) {
         return;
     }
@@ -215,8 +196,8 @@ void CoordinatorEngine::complete(Promise& promise) {
     }
 }
 
-Result<void> CoordinatorEngine::cancel(const PlaceholderPtr& placeholder, const ErrorPtr& reason,
-                                       KXClientIdentifier client) {
+Result<void> InstallCoordinator::cancel(const PlaceholderPtr& placeholder, const ErrorPtr& reason,
+                                        KXClientIdentifier client) {
     CoordinatorStatePtr owner;
     PromisePtr icon;
     {
@@ -235,7 +216,7 @@ Result<void> CoordinatorEngine::cancel(const PlaceholderPtr& placeholder, const 
     return {};
 }
 
-Result<void> CoordinatorEngine::cancel(Promise& promise, const ErrorPtr& reason, KXClientIdentifier client) {
+Result<void> InstallCoordinator::cancel(Promise& promise, const ErrorPtr& reason, KXClientIdentifier client) {
     CoordinatorStatePtr owner;
     {
         // In one step, so that the promise is not attached in between.

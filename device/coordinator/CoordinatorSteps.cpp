@@ -1,7 +1,7 @@
 // What the steps of an install do outside of the coordinator's own state: registry, files, home screen.
 #include "archive/InstallerError.h"
-#include "device/coordinator/CoordinatorEngine.h"
 #include "device/coordinator/CoordinatorError.h"
+#include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
 #include "device/root/DeviceFileSystem.h"
 #include "device/root/Paths.h"
@@ -53,8 +53,8 @@ Dictionary placeholderInfo(const PlaceholderState& placeholder) {
 
 } // namespace
 
-Result<void> CoordinatorEngine::_installPlaceholder(const CoordinatorState& state,
-                                                    const PlaceholderState& placeholder) {
+Result<void> InstallCoordinator::_installPlaceholder(const CoordinatorState& state,
+                                                     const PlaceholderState& placeholder) {
     const auto known = _services.registry.application(state.bundleID);
     PlaceholderRequest request;
     request.identifier = state.bundleID;
@@ -69,8 +69,8 @@ Result<void> CoordinatorEngine::_installPlaceholder(const CoordinatorState& stat
     return _services.registry.installPlaceholder(request);
 }
 
-Result<void> CoordinatorEngine::_installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
-                                            const PromiseRecord& asset) {
+Result<void> InstallCoordinator::_installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
+                                             const PromiseRecord& asset) {
     if (!asset.path || !_services.files.fileExists(*asset.path)) {
         return makeCoordinatorError(CoordinatorError::fileMissing,
                                     "the file that was to be installed for " + state.bundleID +
@@ -88,20 +88,17 @@ Result<void> CoordinatorEngine::_installApp(const CoordinatorState& state, const
 }
 
 /// Whether a restored app whose file is gone is there: an earlier process installed it, and could not write that down.
-bool CoordinatorEngine::_hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const {
+bool InstallCoordinator::_hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const {
     return isError(error, coordinatorErrorDomain, CoordinatorError::fileMissing) && isRestoring(state.kind) &&
            _services.registry.isInstalled(state.bundleID);
 }
 
-Result<void> CoordinatorEngine::_restoreUserData(const CoordinatorState& state) {
-    if (!isRestoring(state.kind) || _services.userData == nullptr) {
-        return {};
-    }
-    return _services.userData->restore(state.bundleID);
+Result<void> InstallCoordinator::_restoreUserData(const CoordinatorState& state) {
+    return isRestoring(state.kind) ? _services.restoreUserData(state.bundleID) : Result<void>();
 }
 
 /// Shows how much of the app's file has arrived; does nothing as long as the app has no placeholder.
-void CoordinatorEngine::_showTransfer(const CoordinatorState& state, double fraction) {
+void InstallCoordinator::_showTransfer(const CoordinatorState& state, double fraction) {
     if (state.kind == CoordinatorKind::restoringDemoted) {
         return;
     }
@@ -117,7 +114,7 @@ void CoordinatorEngine::_showTransfer(const CoordinatorState& state, double frac
 }
 
 /// Removes what a coordinator whose outcome is fixed leaves behind.
-void CoordinatorEngine::_clearAway(const CoordinatorState& state) {
+void InstallCoordinator::_clearAway(const CoordinatorState& state) {
     const bool hasFailed = state.facts.error != nullptr;
     if (state.facts.cancelledBy == KXClientPerson) {
         _services.registry.cancelInstall(state.bundleID);
@@ -128,9 +125,8 @@ void CoordinatorEngine::_clearAway(const CoordinatorState& state) {
             _passOver(state, removed); // a person may have removed it meanwhile
         }
     }
-    if (hasFailed && isRestoring(state.kind) && _services.userData != nullptr &&
-        !_services.registry.application(state.bundleID)) {
-        _services.userData->giveUp(state.bundleID);
+    if (hasFailed && isRestoring(state.kind) && !_services.registry.application(state.bundleID)) {
+        _services.giveUpUserData(state.bundleID);
     }
     if (state.asset) {
         _removeAsset(state.asset);
@@ -140,14 +136,14 @@ void CoordinatorEngine::_clearAway(const CoordinatorState& state) {
     }
 }
 
-void CoordinatorEngine::_removeAsset(const PromisePtr& asset) {
+void InstallCoordinator::_removeAsset(const PromisePtr& asset) {
     if (asset->isComplete()) {
         removeOwnedFile(_services.files, asset->record().path.value_or(""));
     }
 }
 
 /// Removes the icon file, and in the temporary directory the folder that held nothing else.
-void CoordinatorEngine::_removeIcon(const PromisePtr& icon) {
+void InstallCoordinator::_removeIcon(const PromisePtr& icon) {
     if (!icon || !icon->isComplete()) {
         return;
     }
@@ -164,7 +160,7 @@ void CoordinatorEngine::_removeIcon(const PromisePtr& icon) {
 }
 
 /// Fails when a coordinator of an earlier process cannot go on, unless its next step will say why.
-Result<void> CoordinatorEngine::_checkAfterRestart(const CoordinatorState& state) const {
+Result<void> InstallCoordinator::_checkAfterRestart(const CoordinatorState& state) const {
     const bool needsPlaceholder = state.facts.isPlaceholderInstalled && !(state.asset && state.asset->isComplete());
     if (!needsPlaceholder || _services.registry.hasPlaceholder(state.bundleID)) {
         return {};
@@ -175,7 +171,7 @@ Result<void> CoordinatorEngine::_checkAfterRestart(const CoordinatorState& state
 }
 
 /// That there was a coordinator to end is enough: it need not have come as far as its placeholder.
-Result<void> CoordinatorEngine::remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope) {
+Result<void> InstallCoordinator::remove(std::string_view bundleID, RemovalReason reason, RemovalScope scope) {
     const auto state = find(bundleID);
     Result<void> ended;
     if (state) {
@@ -188,8 +184,8 @@ Result<void> CoordinatorEngine::remove(std::string_view bundleID, RemovalReason 
     return state && wasNothing ? ended : removed;
 }
 
-void CoordinatorEngine::uninstallInBackground(std::string_view bundleID,
-                                              std::function<void(const ErrorPtr&)> completion) {
+void InstallCoordinator::uninstallInBackground(std::string_view bundleID,
+                                               std::function<void(const ErrorPtr&)> completion) {
     _busy.enter();
     _workers.addOperation([this, identifier = std::string(bundleID), completion = std::move(completion)] {
         const auto removed = remove(identifier, RemovalReason::sync, RemovalScope::everything);

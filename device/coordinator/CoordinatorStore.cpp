@@ -3,8 +3,6 @@
 #include "device/database/Database.h"
 #include "platform/PropertyListSerialization.h"
 
-#include <algorithm>
-
 namespace appsync::device {
 
 namespace {
@@ -21,10 +19,6 @@ constexpr std::string_view schema[] = {
     "CREATE TABLE coordinatorPromise (id INTEGER PRIMARY KEY, coordinator INTEGER NOT NULL, role INTEGER NOT NULL,"
     " name TEXT NOT NULL, client INTEGER NOT NULL, space INTEGER NOT NULL, path TEXT, complete INTEGER NOT NULL);"
     "CREATE INDEX coordinatorPromiseOwner ON coordinatorPromise (coordinator);"};
-
-std::int64_t signedOf(std::uint64_t number) {
-    return static_cast<std::int64_t>(number);
-}
 
 std::uint64_t unsignedOf(std::int64_t number) {
     return static_cast<std::uint64_t>(number);
@@ -50,8 +44,8 @@ Result<void> CoordinatorStore::registerSchema() {
     return _database.registerSchema("coordinator", schema);
 }
 
-Result<std::vector<CoordinatorStatePtr>> CoordinatorStore::load(std::uint64_t& lastPromise, std::size_t maxReports) {
-    std::vector<CoordinatorStatePtr> coordinators;
+Result<CoordinatorStates> CoordinatorStore::load(std::uint64_t& lastPromise, std::size_t maxReports) {
+    CoordinatorStates coordinators;
     Database::Transaction transaction(_database);
     transaction.run("DELETE FROM coordinator WHERE ending = ?1 AND id NOT IN"
                     " (SELECT id FROM coordinator WHERE ending = ?1 ORDER BY id DESC LIMIT ?2)",
@@ -81,29 +75,25 @@ Result<std::vector<CoordinatorStatePtr>> CoordinatorStore::load(std::uint64_t& l
         if (!rows.isNull(14)) {
             state->facts.cancelledBy = unsignedOf(rows.integer(14));
         }
-        coordinators.push_back(std::move(state));
+        coordinators.emplace(state->id, state);
     }
-    const auto withID = [&](std::int64_t id) -> CoordinatorStatePtr {
-        const auto found = std::lower_bound(coordinators.begin(), coordinators.end(), id,
-                                            [](const auto& state, std::int64_t wanted) { return state->id < wanted; });
-        return found != coordinators.end() && (*found)->id == id ? *found : nullptr;
-    };
-    _loadPlaceholders(transaction, withID);
-    _loadPromises(transaction, withID, lastPromise);
+    _loadPlaceholders(transaction, coordinators);
+    _loadPromises(transaction, coordinators, lastPromise);
     if (const auto ended = transaction.commit(); !ended) {
         return ended.error();
     }
     return coordinators;
 }
 
-void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, const Finder& coordinatorWithID) {
+void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, const CoordinatorStates& coordinators) {
     auto rows = transaction.query("SELECT coordinator, name, installType, info, launchProhibited, version, metadata,"
                                   " sinf, configured FROM coordinatorPlaceholder");
     while (rows.next()) {
-        const auto owner = coordinatorWithID(rows.integer(0));
-        if (!owner) {
+        const auto found = coordinators.find(rows.integer(0));
+        if (found == coordinators.end()) {
             continue;
         }
+        const CoordinatorStatePtr& owner = found->second;
         auto placeholder = std::make_shared<PlaceholderState>();
         placeholder->bundleName = rows.text(1);
         placeholder->bundleID = owner->bundleID;
@@ -120,7 +110,7 @@ void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, con
     }
 }
 
-void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const Finder& coordinatorWithID,
+void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const CoordinatorStates& coordinators,
                                      std::uint64_t& lastPromise) {
     auto rows = transaction.query(
         "SELECT id, coordinator, role, name, client, space, path, complete FROM coordinatorPromise ORDER BY id");
@@ -134,14 +124,18 @@ void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const F
         record.path = rows.optionalText(6);
         record.isComplete = rows.integer(7) != 0;
         const PromiseRole role = record.role;
-        const auto owner = coordinatorWithID(rows.integer(1));
+        const auto found = coordinators.find(rows.integer(1));
+        if (found == coordinators.end()) {
+            continue;
+        }
+        const CoordinatorStatePtr& owner = found->second;
         auto promise = std::make_shared<Promise>(std::move(record));
         promise->setOwner(owner);
-        if (owner && role == PromiseRole::appAsset) {
+        if (role == PromiseRole::appAsset) {
             owner->asset = std::move(promise);
-        } else if (owner && role == PromiseRole::userData) {
+        } else if (role == PromiseRole::userData) {
             owner->userData = std::move(promise);
-        } else if (owner && role == PromiseRole::icon && owner->placeholder) {
+        } else if (role == PromiseRole::icon && owner->placeholder) {
             owner->placeholder->facts.icon = std::move(promise);
         }
     }
@@ -183,7 +177,7 @@ Result<void> CoordinatorStore::updatePlaceholder(const CoordinatorState& coordin
     transaction.run("INSERT OR REPLACE INTO coordinatorPlaceholder (coordinator, name, installType, info,"
                     " launchProhibited, version, metadata, sinf, configured)"
                     " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)",
-                    coordinator.id, placeholder.bundleName, signedOf(placeholder.installType), info,
+                    coordinator.id, placeholder.bundleName, placeholder.installType, info,
                     placeholder.facts.launchProhibited, placeholder.facts.bundleVersion, placeholder.facts.metadata,
                     placeholder.facts.sinf, placeholder.facts.isConfigured);
     if (placeholder.facts.icon) {

@@ -4,14 +4,16 @@
 #include "device/coordinator/CoordinatorState.h"
 #include "device/database/Database.h"
 
-#include <functional>
-#include <vector>
+#include <map>
 
 namespace appsync {
 class PropertyListSerialization;
 }
 
 namespace appsync::device {
+
+/// By their rows, and so in the order in which they were made.
+using CoordinatorStates = std::map<std::int64_t, CoordinatorStatePtr>;
 
 /// The caller holds the lock that guards the states. All changes are ordinary commits.
 class CoordinatorStore {
@@ -20,9 +22,9 @@ class CoordinatorStore {
         : _database(database), _propertyLists(propertyLists) {}
 
     [[nodiscard]] Result<void> registerSchema();
-    /// All coordinators in the order in which they were made, and in `lastPromise` the highest number of a promise. Of
-    /// those that only wait for their report, the newest `maxReports`.
-    [[nodiscard]] Result<std::vector<CoordinatorStatePtr>> load(std::uint64_t& lastPromise, std::size_t maxReports);
+    /// All coordinators, and in `lastPromise` the highest number of a promise. Of those that only wait for their
+    /// report, the newest `maxReports`.
+    [[nodiscard]] Result<CoordinatorStates> load(std::uint64_t& lastPromise, std::size_t maxReports);
 
     /// Adds a coordinator and sets its `id`.
     [[nodiscard]] Result<void> insert(CoordinatorState& coordinator);
@@ -41,10 +43,9 @@ class CoordinatorStore {
     [[nodiscard]] Result<Data> serialize(const Dictionary& dictionary);
 
   private:
-    using Finder = std::function<CoordinatorStatePtr(std::int64_t id)>;
-
-    void _loadPlaceholders(Database::Transaction& transaction, const Finder& coordinatorWithID);
-    void _loadPromises(Database::Transaction& transaction, const Finder& coordinatorWithID, std::uint64_t& lastPromise);
+    void _loadPlaceholders(Database::Transaction& transaction, const CoordinatorStates& coordinators);
+    void _loadPromises(Database::Transaction& transaction, const CoordinatorStates& coordinators,
+                       std::uint64_t& lastPromise);
     [[nodiscard]] std::optional<Dictionary> _parse(const std::optional<Data>& bytes);
     [[nodiscard]] std::optional<Data> _bytesOf(const ErrorPtr& error);
     [[nodiscard]] ErrorPtr _errorFrom(const std::optional<Data>& bytes);

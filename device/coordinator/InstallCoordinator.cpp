@@ -1,212 +1,431 @@
 #include "device/coordinator/InstallCoordinator.h"
 
 #include "concurrency/Semaphore.h"
-#include "device/coordinator/CoordinatorEngine.h"
 #include "device/coordinator/CoordinatorError.h"
-#include "device/coordinator/CoordinatorHandles.h"
 #include "device/registry/Registry.h"
+#include "device/root/DeviceFileSystem.h"
+#include "device/root/PosixError.h"
+#include "platform/host/Log.h"
+#include "timeline/Timeline.h"
+#include "values/BundleIdentifier.h"
+
+#include <algorithm>
 
 namespace appsync::device {
 
 namespace {
 
-/// A service that the engine does the work of.
-template <class Interface> class OnEngine : public Interface {
-  public:
-    explicit OnEngine(CoordinatorEngine& engine) : _engine(engine) {}
-
-  protected:
-    CoordinatorEngine& _engine;
-};
-
-/// The lookups of one kind of coordinator.
-template <class Coordinator, CoordinatorKind Kind>
-class KindClass final : public OnEngine<KXCoordinatorClass<Coordinator>> {
-  public:
-    using OnEngine<KXCoordinatorClass<Coordinator>>::OnEngine;
-
-    std::shared_ptr<Coordinator> coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
-        std::string_view bundleID, KXClientIdentifier client, bool createIfNotExisting, bool* created,
-        ErrorPtr* error) noexcept override {
-        bool isNew = false;
-        CoordinatorStatePtr state;
-        if (createIfNotExisting) {
-            auto found = this->_engine.findOrCreate(bundleID, Kind, client, isNew);
-            if (!hasSucceeded(found, error)) {
-                return nullptr;
-            }
-            state = *found;
-        } else {
-            state = this->_engine.find(bundleID);
-        }
-        if (created) {
-            *created = isNew;
-        }
-        return state && state->kind == Kind
-                   ? std::static_pointer_cast<Coordinator>(makeCoordinatorHandle(this->_engine, state))
-                   : nullptr;
-    }
-};
-
-class BaseClass final : public OnEngine<KXAppInstallCoordinatorClass> {
-  public:
-    BaseClass(CoordinatorEngine& engine, bool isEnabled) : OnEngine(engine), _isEnabled(isEnabled) {}
-
-    KXAppInstallCoordinatorPtr coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
-        std::string_view bundleID, KXClientIdentifier /*client*/, bool createIfNotExisting, bool* created,
-        ErrorPtr* error) noexcept override {
-        if (created) {
-            *created = false;
-        }
-        if (const auto state = _engine.find(bundleID)) {
-            return makeCoordinatorHandle(_engine, state);
-        }
-        if (createIfNotExisting && error) {
-            *error =
-                makeCoordinatorError(CoordinatorError::noKind, "there is no coordinator for " + std::string(bundleID) +
-                                                                   "; create one with the class of its kind");
-        }
-        return nullptr;
-    }
-    bool coordinationIsEnabled() noexcept override { return _isEnabled; }
-    bool uninstallAppWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
-        return hasSucceeded(_engine.remove(bundleID, RemovalReason::sync, RemovalScope::placeholderOnly), error);
-    }
-    void uninstallAppWithBundleID_requestUserConfirmation_completion(
-        std::string_view bundleID, bool requestUserConfirmation,
-        std::function<void(const ErrorPtr& error)> completion) noexcept override {
-        if (!requestUserConfirmation) {
-            _engine.uninstallInBackground(bundleID, std::move(completion));
-            return;
-        }
-        _engine.observers().run(
-            std::string(bundleID), [completion = std::move(completion), identifier = std::string(bundleID)] {
-                completion(makeCoordinatorError(CoordinatorError::unsupported,
-                                                "nobody can be asked on this device whether to uninstall " +
-                                                    identifier + "; uninstall it without a confirmation"));
-            });
-    }
-
-  private:
-    const bool _isEnabled;
-};
-
-class PlaceholderFactory final : public OnEngine<KXPlaceholderClass> {
-  public:
-    using OnEngine::OnEngine;
-
-    KXPlaceholderPtr
-    initAppPlaceholderWithBundleName_bundleID_installType_client(std::string_view bundleName, std::string_view bundleID,
-                                                                 std::uint64_t installType,
-                                                                 KXClientIdentifier /*client*/) noexcept override {
-        if (bundleID.empty()) {
-            return nullptr;
-        }
-        auto placeholder = std::make_shared<PlaceholderState>();
-        placeholder->bundleName = bundleName.empty() ? bundleID : bundleName;
-        placeholder->bundleID = bundleID;
-        placeholder->installType = installType;
-        return makePlaceholderHandle(_engine, placeholder);
-    }
-};
-
-class TransferFactory final : public OnEngine<KXPromisedTransferToPathClass> {
-  public:
-    using OnEngine::OnEngine;
-
-    KXPromisedTransferToPathPtr
-    initWithName_client_transferPath_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
-                                                     const FileURL& transferPath,
-                                                     std::uint64_t diskSpaceNeeded) noexcept override {
-        return makeTransferPromiseHandle(_engine,
-                                         _engine.makePromise(name, client, diskSpaceNeeded, transferPath.path()));
-    }
-    KXPromisedTransferToPathPtr initWithName_client_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
-                                                                    std::uint64_t diskSpaceNeeded) noexcept override {
-        return makeTransferPromiseHandle(_engine, _engine.makePromise(name, client, diskSpaceNeeded, std::nullopt));
-    }
-};
-
-class OutOfBandFactory final : public OnEngine<KXPromisedOutOfBandTransferClass> {
-  public:
-    using OnEngine::OnEngine;
-
-    KXPromisedOutOfBandTransferPtr
-    initWithName_client_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
-                                        std::uint64_t diskSpaceNeeded) noexcept override {
-        return makeOutOfBandPromiseHandle(_engine, _engine.makePromise(name, client, diskSpaceNeeded, std::nullopt));
-    }
-};
+ErrorPtr endedError(const CoordinatorState& state) {
+    return makeCoordinatorError(CoordinatorError::ended,
+                                "the coordinator for " + state.bundleID + " has ended already; look it up again");
+}
 
 } // namespace
 
-struct InstallCoordinator::Classes {
-    Classes(CoordinatorEngine& engine, bool coordinationIsEnabled)
-        : coordinators(engine, coordinationIsEnabled), initiating(engine), updating(engine), restoring(engine),
-          restoringDemoted(engine), placeholders(engine), transfers(engine), outOfBand(engine) {}
-
-    BaseClass coordinators;
-    KindClass<KXInitiatingAppInstallCoordinator, CoordinatorKind::initiating> initiating;
-    KindClass<KXUpdatingAppInstallCoordinator, CoordinatorKind::updating> updating;
-    KindClass<KXRestoringAppInstallCoordinator, CoordinatorKind::restoring> restoring;
-    KindClass<KXRestoringDemotedAppInstallCoordinator, CoordinatorKind::restoringDemoted> restoringDemoted;
-    PlaceholderFactory placeholders;
-    TransferFactory transfers;
-    OutOfBandFactory outOfBand;
-};
-
-Result<std::unique_ptr<InstallCoordinator>> InstallCoordinator::open(const CoordinatorServices& services,
+Result<std::unique_ptr<InstallCoordinator>> InstallCoordinator::open(CoordinatorServices services,
                                                                      bool coordinationIsEnabled) {
-    auto engine = std::make_unique<CoordinatorEngine>(services);
-    if (const auto loaded = engine->load(); !loaded) {
-        return loaded.error();
-    }
-    return std::unique_ptr<InstallCoordinator>(new InstallCoordinator(std::move(engine), coordinationIsEnabled));
+    std::unique_ptr<InstallCoordinator> coordinator(new InstallCoordinator(std::move(services)));
+    coordinator->_makeClasses(coordinationIsEnabled);
+    const auto loaded = coordinator->_load();
+    return loaded ? Result(std::move(coordinator)) : loaded.error();
 }
 
-InstallCoordinator::InstallCoordinator(std::unique_ptr<CoordinatorEngine> engine, bool coordinationIsEnabled)
-    : _engine(std::move(engine)), _classes(std::make_unique<Classes>(*_engine, coordinationIsEnabled)) {}
+InstallCoordinator::InstallCoordinator(CoordinatorServices services)
+    : _services(std::move(services)), _store(_services.database, _services.propertyLists) {}
 
-InstallCoordinator::~InstallCoordinator() = default;
+InstallCoordinator::~InstallCoordinator() {
+    std::vector<CoordinatorStatePtr> running;
+    {
+        const Lock lock(_mutex);
+        _isWorking = false;
+        _ready.clear();
+        for (const auto& [bundleID, state] : _coordinators) {
+            if (state->work == CoordinatorState::Work::running) {
+                running.push_back(state);
+            }
+        }
+    }
+    for (const auto& state : running) {
+        state->stop.request_stop();
+    }
+    _workers.stop();
+    _observers.stop();
+}
+
+Result<void> InstallCoordinator::_load() {
+    if (!_workers.start()) {
+        return makeNoThreadError("the install coordinator");
+    }
+    if (auto started = _observers.start(); !started) {
+        return started;
+    }
+    if (auto registered = _store.registerSchema(); !registered) {
+        return registered;
+    }
+    if (_services.database.isReadOnly()) {
+        return {}; // what is under way belongs to who has the device open, and so do the reports that wait
+    }
+    std::uint64_t lastPromise = 0;
+    auto coordinators = _store.load(lastPromise, maxHeldReports);
+    if (!coordinators) {
+        return coordinators.error();
+    }
+    _lastPromise = lastPromise;
+    const Lock lock(_mutex);
+    for (const auto& [id, state] : *coordinators) {
+        if (state->facts.end == CoordinatorEnd::reporting) {
+            _reportEnd(state);
+        } else {
+            _coordinators.emplace(state->bundleID, state);
+        }
+    }
+    return {};
+}
 
 void InstallCoordinator::resume() {
-    _engine->resume();
+    std::vector<CoordinatorStatePtr> ending;
+    {
+        const Lock lock(_mutex);
+        _isWorking = true;
+        for (const auto& [bundleID, state] : _coordinators) {
+            const auto checked = _checkAfterRestart(*state);
+            if (state->facts.hasOutcome()) {
+                ending.push_back(state);
+            } else if (!checked) {
+                _fixOutcome(*state, checked.error(), std::nullopt);
+                ending.push_back(state);
+            } else {
+                if (state->facts.isPlaceholderInstalled) {
+                    _showTransfer(*state, 0);
+                }
+                _advance(state);
+            }
+        }
+    }
+    for (const CoordinatorStatePtr& state : ending) {
+        _completeEnd(state);
+    }
 }
 
-CoordinatorClasses InstallCoordinator::classes() noexcept {
-    return {_classes->coordinators, _classes->initiating,       _classes->updating,
-            _classes->restoring,    _classes->restoringDemoted, _classes->placeholders,
-            _classes->transfers,    _classes->outOfBand,        _engine->observers()};
+CoordinatorStatePtr InstallCoordinator::find(std::string_view bundleID) {
+    const Lock lock(_mutex);
+    const auto found = _coordinators.find(bundleID);
+    return found == _coordinators.end() || found->second->facts.hasOutcome() ? nullptr : found->second;
+}
+
+Result<CoordinatorStatePtr> InstallCoordinator::findOrCreate(std::string_view bundleID, CoordinatorKind kind,
+                                                             KXClientIdentifier client, bool& created) {
+    if (!isBundleIdentifier(bundleID)) {
+        return makeCoordinatorError(CoordinatorError::invalidArgument,
+                                    "\"" + std::string(bundleID) +
+                                        "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
+    }
+    const Lock lock(_mutex);
+    auto found = _coordinators.find(bundleID);
+    while (found != _coordinators.end() && found->second->facts.hasOutcome()) {
+        _changed.wait(_mutex);
+        found = _coordinators.find(bundleID);
+    }
+    if (found != _coordinators.end()) {
+        if (found->second->kind != kind) {
+            return makeCoordinatorError(CoordinatorError::otherKind,
+                                        std::string(bundleID) + " has a coordinator of another kind already: " +
+                                            std::string(nameOf(found->second->kind)));
+        }
+        created = false;
+        return found->second;
+    }
+    auto state = std::make_shared<CoordinatorState>();
+    state->bundleID = bundleID;
+    state->kind = kind;
+    state->creator = client;
+    if (const auto inserted = _store.insert(*state); !inserted) {
+        return inserted.error();
+    }
+    _coordinators.emplace(bundleID, state);
+    created = true;
+    return state;
+}
+
+std::vector<OpenCoordinator> InstallCoordinator::openCoordinators() {
+    std::vector<CoordinatorStatePtr> states;
+    const Lock lock(_mutex);
+    for (const auto& [bundleID, state] : _coordinators) {
+        if (!state->facts.hasOutcome()) {
+            states.push_back(state);
+        }
+    }
+    std::sort(states.begin(), states.end(), [](const auto& a, const auto& b) { return a->id < b->id; });
+    std::vector<OpenCoordinator> open;
+    open.reserve(states.size());
+    for (const auto& state : states) {
+        open.push_back({state->bundleID, std::string(nameOf(state->kind)), state->creator,
+                        state->facts.responsibleClient, state->facts.isPlaceholderInstalled,
+                        state->asset && state->asset->isComplete(), state->asset ? state->asset->fraction() : 0,
+                        state->work != CoordinatorState::Work::none});
+    }
+    return open;
+}
+
+Result<void> InstallCoordinator::cancel(const CoordinatorStatePtr& state, const ErrorPtr& reason,
+                                        KXClientIdentifier client) {
+    bool isRunning = false;
+    {
+        const Lock lock(_mutex);
+        if (state->facts.hasOutcome() || state->cancelRequester) {
+            _waitForEnd(*state);
+            return endedError(*state);
+        }
+        isRunning = state->work == CoordinatorState::Work::running;
+        if (isRunning) {
+            state->cancelReason = reason;
+            state->cancelRequester = client;
+        } else {
+            _fixOutcome(*state, reason, client);
+        }
+    }
+    if (!isRunning) {
+        _completeEnd(state);
+        return {};
+    }
+    state->stop.request_stop();
+    const Lock lock(_mutex);
+    _waitForEnd(*state);
+    if (state->facts.error) {
+        return {};
+    }
+    return makeCoordinatorError(CoordinatorError::tooLate,
+                                state->bundleID + " had been installed before its install could be cancelled");
 }
 
 bool InstallCoordinator::cancelByUser(std::string_view bundleID) {
-    const auto state = _engine->find(bundleID);
+    const auto state = find(bundleID);
     const auto reason =
         makeCoordinatorError(CoordinatorError::cancelledByPerson,
                              "the install of " + std::string(bundleID) + " was cancelled on the home screen");
-    return state && _engine->cancel(state, reason, KXClientPerson);
+    return state && cancel(state, reason, KXClientPerson);
 }
 
 bool InstallCoordinator::prioritizeByUser(std::string_view bundleID) {
-    if (!_engine->prioritize(bundleID)) {
+    const auto state = find(bundleID);
+    if (!state) {
         return false;
     }
+    _services.registry.prioritize(bundleID);
+    {
+        const Lock lock(_mutex);
+        const auto waiting = std::find(_ready.begin(), _ready.end(), state);
+        if (waiting != _ready.end()) {
+            std::rotate(_ready.begin(), waiting, waiting + 1);
+        }
+        _report(state, [handle = _handleOf(state)](KXAppInstallObserverDelegate& delegate) {
+            delegate.coordinatorShouldPrioritize(handle);
+        });
+    }
     Semaphore told;
-    _engine->observers().run(std::string(bundleID), [&told] { told.signal(); }); // after the report
+    runAfterReports(bundleID, [&told] { told.signal(); });
     told.wait();
     return true;
 }
 
 Result<void> InstallCoordinator::uninstallByUser(std::string_view bundleID) {
-    return _engine->remove(bundleID, RemovalReason::person, RemovalScope::everything);
+    return remove(bundleID, RemovalReason::person, RemovalScope::everything);
 }
 
-std::vector<OpenCoordinator> InstallCoordinator::openCoordinators() const {
-    return _engine->openCoordinators();
+/// Has the coordinator's next step done, if there is one and none is under way.
+void InstallCoordinator::_advance(const CoordinatorStatePtr& state) {
+    if (!_isWorking || state->work != CoordinatorState::Work::none || _nextStep(*state) == Step::none) {
+        return;
+    }
+    state->work = CoordinatorState::Work::queued;
+    _ready.push_back(state);
+    _busy.enter();
+    _workers.addOperation([this] { _work(); });
 }
 
-void InstallCoordinator::waitUntilIdle() {
-    _engine->waitUntilIdle();
+InstallCoordinator::Step InstallCoordinator::_nextStep(const CoordinatorState& state) {
+    if (state.facts.hasOutcome()) {
+        return Step::none;
+    }
+    const PlaceholderState* placeholder = state.placeholder.get();
+    if (placeholder && placeholder->facts.isConfigured && !state.facts.isPlaceholderInstalled &&
+        (!placeholder->facts.icon || placeholder->facts.icon->isComplete())) {
+        return Step::placeholder;
+    }
+    const bool hasUserData = !state.userData || state.userData->isComplete();
+    if (state.kind == CoordinatorKind::restoringDemoted) {
+        return state.facts.isPlaceholderInstalled && hasUserData ? Step::finish : Step::none;
+    }
+    const bool hasAsset = state.asset && state.asset->isComplete();
+    return hasAsset && state.facts.options && hasUserData ? Step::app : Step::none;
+}
+
+void InstallCoordinator::_work() {
+    if (const auto job = _takeJob()) {
+        const Span span(_services.files.timeline(), "coordinator", job->state->bundleID);
+        _record(*job, job->perform());
+    }
+    _busy.leave();
+}
+
+/// The step of the coordinator that is first in line; prioritising may have changed who that is. Returns nullopt when
+/// it has been cancelled meanwhile.
+std::optional<InstallCoordinator::Job> InstallCoordinator::_takeJob() {
+    const Lock lock(_mutex);
+    if (_ready.empty()) {
+        return std::nullopt;
+    }
+    const CoordinatorStatePtr state = _ready.front();
+    _ready.pop_front();
+    const Step step = _nextStep(*state);
+    state->work = step == Step::none ? CoordinatorState::Work::none : CoordinatorState::Work::running;
+    return step == Step::none ? std::nullopt : std::optional(Job{state, step, _performanceOf(state, step)});
+}
+
+/// What runs without the lock, with copies of what may change meanwhile.
+std::function<Result<void>()> InstallCoordinator::_performanceOf(const CoordinatorStatePtr& state, Step step) {
+    if (step == Step::placeholder) {
+        return [this, state, placeholder = *state->placeholder] { return _installPlaceholder(*state, placeholder); };
+    }
+    if (step == Step::finish) {
+        return [this, state] { return _restoreUserData(*state); };
+    }
+    return [this, state, options = *state->facts.options, asset = state->asset->record()] {
+        auto installed = _installApp(*state, options, asset);
+        const bool isThere = installed || _hasComeEarlier(*state, installed.error());
+        return isThere ? _restoreUserData(*state) : installed;
+    };
+}
+
+/// What comes of a step.
+void InstallCoordinator::_record(const Job& job, const Result<void>& done) {
+    const bool isDone = done && job.step != Step::placeholder;
+    ErrorPtr error = done.error();
+    if (done && job.step == Step::placeholder) {
+        _placeholderWasInstalled(job.state);
+    } else if (error && job.step == Step::app && _waitForAnotherFile(job.state, error)) {
+        error = nullptr;
+    }
+    if (_beginEnd(job.state, isDone, error)) {
+        _completeEnd(job.state);
+    }
+}
+
+void InstallCoordinator::_placeholderWasInstalled(const CoordinatorStatePtr& state) {
+    PromisePtr icon;
+    double fraction = 0;
+    {
+        const Lock lock(_mutex);
+        state->facts.isPlaceholderInstalled = true;
+        // When this is lost the placeholder is installed once more after a restart, without its icon.
+        _passOver(*state, _store.update(*state));
+        _report(state, [handle = _handleOf(state)](KXAppInstallObserverDelegate& delegate) {
+            delegate.coordinatorDidInstallPlaceholder(handle);
+        });
+        icon = state->placeholder->facts.icon;
+        fraction = state->asset ? state->asset->fraction() : 0;
+    }
+    _removeIcon(icon);
+    _showTransfer(*state, fraction);
+}
+
+/// Whether an install that failed leaves a restored app to wait on: the backup may be the only other place that has it.
+/// Then its file is dropped.
+bool InstallCoordinator::_waitForAnotherFile(const CoordinatorStatePtr& state, const ErrorPtr& error) {
+    PromisePtr asset;
+    {
+        const Lock lock(_mutex);
+        if (!_isWorking || state->cancelRequester || state->kind != CoordinatorKind::restoring ||
+            state->facts.responsibleClient == 0 || _services.registry.isInstalled(state->bundleID)) {
+            return false;
+        }
+        asset = std::exchange(state->asset, nullptr);
+        asset->setOwner(nullptr);
+        state->facts.error = error;
+        // When this cannot be written a restart finds the file missing, and comes here again.
+        _passOver(*state, _store.removePromise(asset->record().id));
+    }
+    _removeAsset(asset);
+    return true;
+}
+
+/// Fixes the outcome when a step has ended the coordinator or somebody cancels it; else has the next step done. True:
+/// `_completeEnd` is to follow.
+bool InstallCoordinator::_beginEnd(const CoordinatorStatePtr& state, bool isDone, const ErrorPtr& error) {
+    const Lock lock(_mutex);
+    if (isDone) {
+        _fixOutcome(*state, nullptr, std::nullopt);
+    } else if (state->cancelRequester) {
+        _fixOutcome(*state, state->cancelReason, state->cancelRequester);
+    } else if (error && _isWorking) {
+        _fixOutcome(*state, error, std::nullopt);
+    } else {
+        state->work = CoordinatorState::Work::none;
+        _advance(state);
+    }
+    return state->facts.hasOutcome();
+}
+
+/// The first stage of the end: from now on nothing of the coordinator changes any more.
+///
+/// Each stage is written down, so that after a crash the end goes on where it was: a file that was removed does not
+/// pass for one that was lost, nothing that belongs to a later coordinator of the app is cleared away, and nobody
+/// misses a report. Where a stage cannot be written, a restart settles the coordinator by what it finds.
+void InstallCoordinator::_fixOutcome(CoordinatorState& state, const ErrorPtr& error,
+                                     std::optional<KXClientIdentifier> cancelledBy) {
+    state.facts.end = CoordinatorEnd::clearing;
+    state.facts.error = error;
+    state.facts.cancelledBy = cancelledBy;
+    state.cancelReason = nullptr; // a cancel that came too late is none
+    _passOver(state, _store.update(state));
+}
+
+/// The further stages: clears away what is left, and has the outcome reported.
+void InstallCoordinator::_completeEnd(const CoordinatorStatePtr& state) {
+    _clearAway(*state);
+    const Lock lock(_mutex);
+    const bool isReported = !state->facts.cancelledBy || *state->facts.cancelledBy != state->creator;
+    _passOver(*state, isReported ? _store.updateToReport(*state) : _store.remove(state->id));
+    _coordinators.erase(state->bundleID);
+    state->hasEnded = true;
+    _changed.notifyAll();
+    if (isReported) {
+        _reportEnd(state);
+    }
+}
+
+void InstallCoordinator::_waitForEnd(const CoordinatorState& state) {
+    while (!state.hasEnded) {
+        _changed.wait(_mutex);
+    }
+}
+
+/// Tells of the outcome. Its row stays until somebody has been told, so that it outlasts the process until then.
+void InstallCoordinator::_reportEnd(const CoordinatorStatePtr& state) {
+    const auto call = [handle = _handleOf(state), error = state->facts.error, client = state->facts.cancelledBy, state,
+                       this](KXAppInstallObserverDelegate& delegate) {
+        const Span span(_services.files.timeline(), "callback", state->bundleID);
+        if (client) {
+            delegate.coordinator_canceledWithReason_client(handle, error, *client);
+        } else {
+            delegate.coordinatorDidCompleteSuccessfully(handle);
+        }
+    };
+    _report(state, call, [this, state] { _passOver(*state, _store.remove(state->id)); });
+}
+
+void InstallCoordinator::_report(const CoordinatorStatePtr& state, InstallObservers::Call call,
+                                 std::function<void()> delivered) {
+    _observers.report(state->bundleID, state->creator, state->observer, std::move(call), std::move(delivered));
+}
+
+/// What could not be written and the install goes on without.
+void InstallCoordinator::_passOver(const CoordinatorState& state, const Result<void>& done) {
+    if (!done && _services.log) {
+        _services.log->write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
+                             "the coordinator for " + state.bundleID +
+                                 " goes on after a failure: " + errorText(done.error()));
+    }
 }
 
 } // namespace appsync::device

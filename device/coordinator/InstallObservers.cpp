@@ -40,8 +40,6 @@ InstallObservers::initWithMachServiceName_forClients_delegate(std::string_view s
     {
         const Lock lock(_mutex);
         _followers.push_back(follower);
-        _fresh.insert(_fresh.begin(), std::make_move_iterator(_held.begin()), std::make_move_iterator(_held.end()));
-        _held.clear();
     }
     _schedule();
     return std::make_shared<Connection>(*this, std::move(follower));
@@ -59,7 +57,7 @@ void InstallObservers::run(std::string app, std::function<void()> task) {
 void InstallObservers::stop() {
     {
         const Lock lock(_mutex);
-        _fresh.clear();
+        _reports.clear();
     }
     _threads.stop();
 }
@@ -67,7 +65,7 @@ void InstallObservers::stop() {
 void InstallObservers::_add(Report report) {
     {
         const Lock lock(_mutex);
-        _fresh.push_back(std::move(report));
+        _reports.push_back(std::move(report));
     }
     _schedule();
 }
@@ -100,28 +98,25 @@ void InstallObservers::_disconnect(const std::shared_ptr<Follower>& follower) {
     follower->gate.close();
 }
 
-/// The next report that somebody follows, with those who do, unless a call about its app runs. Those that nobody
-/// follows are put aside.
+/// The next report that somebody follows, with those who do, unless a call about its app runs.
 std::optional<std::pair<InstallObservers::Report, InstallObservers::Followers>> InstallObservers::_takeDeliverable() {
     const Lock lock(_mutex);
-    for (auto next = _fresh.begin(); next != _fresh.end();) {
-        if (_appsInCalls.contains(next->app)) {
-            ++next;
+    for (auto report = _reports.begin(); report != _reports.end(); ++report) {
+        if (_appsInCalls.contains(report->app)) {
             continue;
         }
-        Report report = std::move(*next);
-        next = _fresh.erase(next);
         Followers followers;
         std::ranges::copy_if(_followers, std::back_inserter(followers),
-                             [&](const auto& follower) { return follower->clients.contains(report.creator); });
-        if (!followers.empty() || !report.call) {
-            _appsInCalls.insert(report.app);
-            return std::pair(std::move(report), std::move(followers));
+                             [&](const auto& follower) { return follower->clients.contains(report->creator); });
+        if (!followers.empty() || !report->call) {
+            _appsInCalls.insert(report->app);
+            std::pair deliverable(std::move(*report), std::move(followers));
+            _reports.erase(report);
+            return deliverable;
         }
-        _held.push_back(std::move(report));
-        if (_held.size() > maxHeldReports) {
-            _held.pop_front();
-        }
+    }
+    if (_reports.size() > maxHeldReports) {
+        _reports.erase(_reports.begin(), _reports.end() - maxHeldReports);
     }
     return std::nullopt;
 }

@@ -79,8 +79,7 @@ class InstallObservers final : public KXAppInstallObserverClass {
 
     Mutex _mutex;
     Followers _followers GUARDED_BY(_mutex);
-    std::deque<Report> _fresh GUARDED_BY(_mutex);
-    std::deque<Report> _held GUARDED_BY(_mutex); // had no follower when their turn came
+    std::deque<Report> _reports GUARDED_BY(_mutex); // also those that nobody follows so far
     std::set<std::string, std::less<>> _appsInCalls GUARDED_BY(_mutex);
     Group& _undelivered;
     OperationQueue _threads{maxCallsAtOnce};

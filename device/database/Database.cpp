@@ -5,6 +5,7 @@
 #include "files/Syscalls.h"
 #include "timeline/Timeline.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
@@ -83,57 +84,48 @@ Database::Database(Descriptor folder, Root& root, bool isReadOnly)
       _timeline(root.files().timeline()), _isReadOnly(isReadOnly) {}
 
 Result<std::unique_ptr<Database>> Database::_make(Root& root, bool isReadOnly) {
-    auto folder = root.openDatabaseFolder();
+    auto folder = root.files().open(databaseFolder, O_PATH | O_DIRECTORY | O_NOFOLLOW);
     if (!folder) {
         return folder.error();
     }
     std::unique_ptr<Database> database(new Database(std::move(*folder), root, isReadOnly));
-    if (const auto opened = isReadOnly ? database->_look() : database->_open(); !opened) {
-        return opened.error();
-    }
-    return database;
+    const std::string path = "/proc/self/fd/" + std::to_string(database->_folder.get()) + "/" +
+                             database->_path.substr(database->_path.rfind('/') + 1);
+    isReadOnly ? database->_look(path) : database->_open(path);
+    return database->_failure ? database->_failure : Result(std::move(database));
 }
 
-Result<std::unique_ptr<Database>> Database::open(Root& root) {
-    return _make(root, false);
-}
-
-Result<std::unique_ptr<Database>> Database::look(Root& root) {
-    return _make(root, true);
-}
-
-std::string Database::_reachablePath() const {
-    return "/proc/self/fd/" + std::to_string(_folder.get()) + "/" + _path.substr(_path.rfind('/') + 1);
-}
-
-Result<void> Database::_open() noexcept {
-    const std::string path = _reachablePath();
-    const bool wasInterrupted = sizeOf(path + logExtension) > 0; // closing empties the log
-    constexpr int flags =
-        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
-    if (const int code = sqlite3_open_v2(path.c_str(), &_handle, flags, databaseFiles()); code != SQLITE_OK) {
-        _fail(code, "opening it");
-        return _failure;
+void Database::_connect(const std::string& address, int flags, const char* files) noexcept {
+    constexpr int always = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
+    if (const int code = sqlite3_open_v2(address.c_str(), &_handle, flags | always, files); code != SQLITE_OK) {
+        _fail(code, _isReadOnly ? "opening it to look at it" : "opening it");
+        return;
     }
     sqlite3_db_config(_handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(_handle, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
     sqlite3_busy_timeout(_handle, maxWait);
+    _execute(safety);
+}
+
+void Database::_open(const std::string& path) noexcept {
+    const bool wasInterrupted = sizeOf(path + logExtension) > 0; // closing empties the log
+    _connect(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, databaseFiles(false));
+    if (_failure) {
+        return;
+    }
     // The log and the shared memory stay: one who looks cannot make them.
     int keepsFiles = 1;
     sqlite3_file_control(_handle, "main", SQLITE_FCNTL_PERSIST_WAL, &keepsFiles);
-    _execute(safety);
     _execute(settings);
     _checkVersion();
     if (wasInterrupted) {
         _checkContent();
     }
-    return _failure;
 }
 
 /// With the log and the shared memory there SQLite finds out by their locks whether the device is open elsewhere, and
 /// without them only that nobody has opened it since it was closed, by a version of this program that removed them.
-Result<void> Database::_look() noexcept {
-    const std::string path = _reachablePath();
+void Database::_look(const std::string& path) noexcept {
     const std::int64_t logSize = sizeOf(path + logExtension);
     const bool hasSharedMemory = sizeOf(path + "-shm") >= 0;
     if (logSize > 0 && !hasSharedMemory) {
@@ -141,36 +133,23 @@ Result<void> Database::_look() noexcept {
             DatabaseError::failed,
             "its log, the file beside it that ends in \"-wal\", holds changes that cannot be read without the one that "
             "ends in \"-shm\", which is missing; have a command that changes the device open it first");
-        return _failure;
+        return;
     }
     const bool isAlone = logSize < 0 || !hasSharedMemory;
     const std::string address = "file:" + path + (isAlone ? "?immutable=1" : "?readonly_shm=1");
-    constexpr int flags =
-        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
-    if (const int code = sqlite3_open_v2(address.c_str(), &_handle, flags, databaseFilesForReading());
-        code != SQLITE_OK) {
-        _fail(code, "opening it to look at it");
-        return _failure;
+    _connect(address, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, databaseFiles(true));
+    if (_failure) {
+        return;
     }
-    sqlite3_db_config(_handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-    sqlite3_db_config(_handle, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
     sqlite3_db_config(_handle, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    sqlite3_busy_timeout(_handle, maxWait);
-    _execute(safety);
     _execute("BEGIN"); // ended by closing
     _checkVersion();   // the first look: its moment is that of all others
-    return _failure;
-}
-
-std::int64_t Database::_readVersion() {
-    sqlite3_stmt* query = _prepare("PRAGMA user_version", {}, false);
-    const std::int64_t version = _step(query) ? sqlite3_column_int64(query, 0) : 0;
-    _release(query);
-    return version;
 }
 
 void Database::_checkVersion() {
-    const std::int64_t version = _readVersion();
+    sqlite3_stmt* query = _prepare("PRAGMA user_version", {}, false);
+    const std::int64_t version = _step(query) ? sqlite3_column_int64(query, 0) : 0;
+    _release(query);
     if (version > formatVersion) {
         _fail(DatabaseError::newerSchema, "it has format " + std::to_string(version) +
                                               ", this program knows formats up to " + std::to_string(formatVersion) +
@@ -369,14 +348,6 @@ Result<void> Database::Transaction::commit() noexcept {
 
 std::int64_t Database::Transaction::lastRowIdentifier() const noexcept {
     return sqlite3_last_insert_rowid(_database._handle);
-}
-
-void Database::Transaction::_run(std::string_view sql, std::span<const SqlValue> arguments) noexcept {
-    _database._run(sql, arguments);
-}
-
-Database::Rows Database::Transaction::_query(std::string_view sql, std::span<const SqlValue> arguments) noexcept {
-    return Rows(_database, _database._prepare(sql, arguments, true));
 }
 
 Database::Rows::Rows(Rows&& other) noexcept

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -112,11 +113,12 @@ class Database {
 
         /// Runs a statement that has no rows.
         template <class... Arguments> void run(std::string_view sql, const Arguments&... arguments) noexcept {
-            _run(sql, std::initializer_list<SqlValue>{SqlValue(arguments)...});
+            _database._run(sql, std::initializer_list<SqlValue>{SqlValue(arguments)...});
         }
         template <class... Arguments>
         [[nodiscard]] Rows query(std::string_view sql, const Arguments&... arguments) noexcept {
-            return _query(sql, std::initializer_list<SqlValue>{SqlValue(arguments)...});
+            const std::initializer_list<SqlValue> values{SqlValue(arguments)...};
+            return Rows(_database, _database._prepare(sql, values, true));
         }
         [[nodiscard]] std::int64_t lastRowIdentifier() const noexcept;
         /// The first failure; null while there was none.
@@ -124,19 +126,33 @@ class Database {
         [[nodiscard]] Result<void> commit() noexcept;
 
       private:
-        void _run(std::string_view sql, std::span<const SqlValue> arguments) noexcept;
-        Rows _query(std::string_view sql, std::span<const SqlValue> arguments) noexcept;
-
         Database& _database;
     };
 
+    /// A transaction of one statement.
+    template <class... Arguments>
+    [[nodiscard]] Result<void> run(Durability durability, std::string_view sql, const Arguments&... arguments) {
+        Transaction transaction(*this, durability);
+        transaction.run(sql, arguments...);
+        return transaction.commit();
+    }
+    /// A transaction of one query: calls `visit` with the rows, each in its turn.
+    template <class Visit, class... Arguments>
+    [[nodiscard]] Result<void> read(const Visit& visit, std::string_view sql, const Arguments&... arguments) {
+        Transaction transaction(*this);
+        for (auto rows = transaction.query(sql, arguments...); rows.next();) {
+            visit(std::as_const(rows));
+        }
+        return transaction.error();
+    }
+
     /// Opens a device's database, and makes it when there is none. Other processes may look at it meanwhile. The root
     /// must outlive it.
-    [[nodiscard]] static Result<std::unique_ptr<Database>> open(Root& root);
+    [[nodiscard]] static Result<std::unique_ptr<Database>> open(Root& root) { return _make(root, false); }
     /// Opens it to look at it, also while another process changes it, and where nothing can be written. All
     /// transactions together see one moment, that of this call; none changes anything. Nothing is made or written, not
     /// even beside the file.
-    [[nodiscard]] static Result<std::unique_ptr<Database>> look(Root& root);
+    [[nodiscard]] static Result<std::unique_ptr<Database>> look(Root& root) { return _make(root, true); }
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
@@ -156,9 +172,9 @@ class Database {
 
     Database(Descriptor folder, Root& root, bool isReadOnly);
     [[nodiscard]] static Result<std::unique_ptr<Database>> _make(Root& root, bool isReadOnly);
-    [[nodiscard]] std::string _reachablePath() const;
-    [[nodiscard]] Result<void> _open() noexcept;
-    [[nodiscard]] Result<void> _look() noexcept;
+    void _open(const std::string& path) noexcept;
+    void _look(const std::string& path) noexcept;
+    void _connect(const std::string& address, int flags, const char* files) noexcept;
 
     // After a failure none of these does anything.
 
@@ -177,7 +193,6 @@ class Database {
 
     /// Keeps a statement for the next use of the same text.
     void _release(sqlite3_stmt* statement) noexcept;
-    [[nodiscard]] std::int64_t _readVersion();
     void _checkVersion();
     void _checkContent();
 

@@ -67,27 +67,19 @@ sqlite3_vfs makeFiles(const char* name) {
 
 } // namespace
 
-// Opening a file by a name that is not registered fails.
-
-const char* databaseFiles() noexcept {
-    static sqlite3_vfs files = makeFiles("opened-folder");
-    static const int registered = sqlite3_vfs_register(&files, 0);
-    (void)registered;
-    return files.zName;
-}
-
-const char* databaseFilesForReading() noexcept {
-    static sqlite3_vfs files = [] {
-        sqlite3_initialize();
+const char* databaseFiles(bool isForReading) noexcept {
+    static sqlite3_vfs usualFiles = makeFiles("opened-folder");
+    static sqlite3_vfs readFiles = [] {
         usual()->xSetSystemCall(usual(), "fchown", reinterpret_cast<sqlite3_syscall_ptr>(giveUnlessForReading));
         sqlite3_vfs own = makeFiles("opened-folder-for-reading");
         own.xOpen = openFileForReading;
         own.xDelete = refuseRemoval;
         return own;
     }();
-    static const int registered = sqlite3_vfs_register(&files, 0);
+    // Opening a file by a name that is not registered fails.
+    static const int registered = sqlite3_vfs_register(&usualFiles, 0) | sqlite3_vfs_register(&readFiles, 0);
     (void)registered;
-    return files.zName;
+    return isForReading ? readFiles.zName : usualFiles.zName;
 }
 
 } // namespace appsync::device

@@ -1,6 +1,7 @@
 #include "device/log/LogFile.h"
 
 #include "device/root/DeviceFileSystem.h"
+#include "files/Syscalls.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -45,12 +46,6 @@ std::string makeLine(std::string_view source, LogLevel level, std::string_view t
     return line += '\n';
 }
 
-} // namespace
-
-std::string logPath(unsigned age) {
-    return std::string(logFilePath) + (age > 0 ? "." + std::to_string(age) : "");
-}
-
 std::string_view nameOf(QRLogCategory category) noexcept {
     switch (category) {
     case QRLogCategory::SyncBundle: return "SyncBundle";
@@ -58,6 +53,12 @@ std::string_view nameOf(QRLogCategory category) noexcept {
     case QRLogCategory::Framework: return "Framework";
     }
     return "Unknown";
+}
+
+} // namespace
+
+std::string logPath(unsigned age) {
+    return std::string(logFilePath) + (age > 0 ? "." + std::to_string(age) : "");
 }
 
 std::string formatLogTime(std::chrono::system_clock::time_point time) {
@@ -155,29 +156,23 @@ void LogFile::_flush() {
     if (_lostMessages > 0) {
         note = makeLine(ownSource, LogLevel::error, std::to_string(_lostMessages) + " messages could not be written");
     }
-    _failure = _writeAll(note + _buffer).error();
+    _failure = _writeOut(note + _buffer).error();
     _lostMessages = _failure ? _lostMessages + _bufferedMessages : 0;
     _buffer.clear();
     _bufferedMessages = 0;
 }
 
-Result<void> LogFile::_writeAll(std::string_view bytes) {
+Result<void> LogFile::_writeOut(std::string_view bytes) {
     if (!_file.isOpen()) {
         if (auto opened = _open(); !opened) {
             return opened;
         }
     }
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(_file.get(), bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return makePosixError(written < 0 ? errno : EIO, "writing", logFilePath);
-        }
-        _size += static_cast<std::uint64_t>(written);
-        bytes.remove_prefix(static_cast<std::size_t>(written));
+    if (const int failed = writeAll(_file.get(), bytes)) {
+        _file = Descriptor(); // its size is not known any more
+        return makePosixError(failed, "writing", logFilePath);
     }
+    _size += bytes.size();
     return {};
 }
 

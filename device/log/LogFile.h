@@ -61,7 +61,7 @@ class LogFile final : public HostLog {
     [[nodiscard]] Result<void> _open() REQUIRES(_mutex);
     void _append(std::string_view source, LogLevel level, std::string_view text) EXCLUDES(_mutex);
     void _flush() REQUIRES(_mutex);
-    [[nodiscard]] Result<void> _writeAll(std::string_view bytes) REQUIRES(_mutex);
+    [[nodiscard]] Result<void> _writeOut(std::string_view bytes) REQUIRES(_mutex);
     void _rotate() REQUIRES(_mutex);
 
     DeviceFileSystem& _files;
@@ -78,9 +78,6 @@ class LogFile final : public HostLog {
 
 /// The path of the present file, or of an older one: 1 is the youngest.
 [[nodiscard]] std::string logPath(unsigned age = 0);
-
-/// The category's name in the log.
-[[nodiscard]] std::string_view nameOf(QRLogCategory category) noexcept;
 
 /// A point in time as it stands in the log.
 [[nodiscard]] std::string formatLogTime(std::chrono::system_clock::time_point time);

@@ -148,8 +148,4 @@ bool LogCursor::_visitLines(const std::function<bool(const LogEntry&)>& visit) {
     return true;
 }
 
-Result<void> readLog(DeviceFileSystem& files, const std::function<bool(const LogEntry&)>& visit) {
-    return LogCursor(files).readOn(visit);
-}
-
 } // namespace appsync::device

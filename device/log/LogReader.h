@@ -55,7 +55,4 @@ class LogCursor {
     bool _skips = false;  // the rest of a line that is too long to be one
 };
 
-/// All entries that there are now, as `LogCursor` reads them.
-[[nodiscard]] Result<void> readLog(DeviceFileSystem& files, const std::function<bool(const LogEntry&)>& visit);
-
 } // namespace appsync::device

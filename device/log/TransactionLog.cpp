@@ -23,7 +23,6 @@ constexpr std::size_t gatheredRecords = 256;
 /// How long the writer waits after a failure. What comes together meanwhile is bounded.
 constexpr std::chrono::milliseconds retryTime{1000};
 constexpr std::size_t maxWaiting = 20'000;
-constexpr std::size_t pageSize = 1000;
 
 std::int64_t now() {
     const auto time = std::chrono::system_clock::now().time_since_epoch();
@@ -182,60 +181,19 @@ Result<void> TransactionLog::visit(const std::function<bool(const TransactionRec
     if (auto flushed = flush(); !flushed) {
         return flushed;
     }
-    std::int64_t last = after;
-    for (;;) {
-        const auto page = _page(last, bundleID);
-        if (!page) {
-            return page.error();
-        }
-        for (const TransactionRecord& record : *page) {
-            if (!visit(record)) {
-                return {};
-            }
-            last = record.number;
-        }
-        if (page->size() < pageSize) {
-            return {};
-        }
-    }
-}
-
-/// A page at a time, so that the visitor runs outside of the database's lock.
-Result<std::vector<TransactionRecord>> TransactionLog::_page(std::int64_t after,
-                                                             std::optional<std::string_view> bundleID) {
-    std::vector<TransactionRecord> records;
-    Database::Transaction transaction(_database);
+    bool isWanted = true;
+    const auto pass = [&](const Database::Rows& row) {
+        isWanted =
+            isWanted &&
+            visit({row.integer(0), row.integer(1), row.optionalText(2), static_cast<TransactionStep>(row.integer(3)),
+                   static_cast<TransactionParty>(row.integer(4)), static_cast<TransactionPhase>(row.integer(5)),
+                   row.integer(6) != 0, std::string(row.text(7)), std::string(row.text(8))});
+    };
     constexpr std::string_view all = "SELECT number, time, scenario, step, party, phase, success, bundle, description"
-                                     " FROM transactionLog WHERE number > ?1 ORDER BY number LIMIT ?2";
-    constexpr std::string_view ofOne =
-        "SELECT number, time, scenario, step, party, phase, success, bundle, description"
-        " FROM transactionLog WHERE number > ?1 AND bundle = ?3 ORDER BY number LIMIT ?2";
-    auto rows =
-        bundleID ? transaction.query(ofOne, after, pageSize, *bundleID) : transaction.query(all, after, pageSize);
-    while (rows.next()) {
-        records.push_back(
-            {rows.integer(0), rows.integer(1), rows.optionalText(2), static_cast<TransactionStep>(rows.integer(3)),
-             static_cast<TransactionParty>(rows.integer(4)), static_cast<TransactionPhase>(rows.integer(5)),
-             rows.integer(6) != 0, std::string(rows.text(7)), std::string(rows.text(8))});
-    }
-    if (const auto read = transaction.commit(); !read) {
-        return read.error();
-    }
-    return records;
-}
-
-Result<std::vector<TransactionRecord>> TransactionLog::records(std::optional<std::string_view> bundleID) {
-    std::vector<TransactionRecord> records;
-    const auto visited = visit(
-        [&](const TransactionRecord& record) {
-            records.push_back(record);
-            return true;
-        },
-        bundleID);
-    if (!visited) {
-        return visited.error();
-    }
-    return records;
+                                     " FROM transactionLog WHERE number > ?1 ORDER BY number";
+    constexpr std::string_view ofOne = "SELECT number, time, scenario, step, party, phase, success, bundle, description"
+                                       " FROM transactionLog WHERE number > ?1 AND bundle = ?2 ORDER BY number";
+    return bundleID ? _database.read(pass, ofOne, after, *bundleID) : _database.read(pass, all, after);
 }
 
 } // namespace appsync::device

@@ -58,11 +58,9 @@ class TransactionLog final : public AITransactionLog {
                                                           std::string_view description) noexcept override;
 
     /// All records with a number above `after`, oldest first, those of one app if a bundle identifier is given; until
-    /// `visit` returns false.
+    /// `visit` returns false, which may not use the database.
     [[nodiscard]] Result<void> visit(const std::function<bool(const TransactionRecord&)>& visit,
                                      std::optional<std::string_view> bundleID = std::nullopt, std::int64_t after = 0);
-    [[nodiscard]] Result<std::vector<TransactionRecord>>
-    records(std::optional<std::string_view> bundleID = std::nullopt);
     /// Returns when everything logged before is in the database, or with the reason why it cannot be written; then it
     /// is tried again with the next record.
     [[nodiscard]] Result<void> flush();
@@ -75,8 +73,6 @@ class TransactionLog final : public AITransactionLog {
     void _writeInBackground();
     [[nodiscard]] bool _waitForRecords(bool isWritten) EXCLUDES(_mutex);
     [[nodiscard]] Result<void> _write(const std::vector<TransactionRecord>& records);
-    [[nodiscard]] Result<std::vector<TransactionRecord>> _page(std::int64_t after,
-                                                               std::optional<std::string_view> bundleID);
 
     Database& _database;
     LogFile* const _mirror;

@@ -18,10 +18,14 @@ std::vector<std::string> identifiersOf(const PDApplicationProxies& applications)
 } // namespace
 
 Announcer::~Announcer() {
-    _remove([](std::uint64_t, const Listener&) { return true; });
+    Observers removed;
     {
         const Lock lock(_mutex);
+        removed.swap(_observers);
         _hurry();
+    }
+    for (const auto& observer : removed) {
+        observer->gate.close();
     }
     _thread.stop();
 }
@@ -30,68 +34,46 @@ Result<void> Announcer::start() {
     return _thread.start() ? nullptr : makeNoThreadError("the registry's observers");
 }
 
-std::uint64_t Announcer::_add(ListenerPtr listener) {
+void Announcer::addObserver(PDApplicationWorkspaceObserverProtocol* observer) {
+    auto added = std::make_shared<Observer>();
+    added->observer = observer;
     const Lock lock(_mutex);
-    _all.emplace(++_lastNumber, std::move(listener));
+    _observers.push_back(std::move(added));
     _hurry();
     _schedule();
-    return _lastNumber;
 }
 
-void Announcer::_remove(const std::function<bool(std::uint64_t number, const Listener& listener)>& isMeant) {
-    std::vector<ListenerPtr> removed;
+void Announcer::removeObserver(PDApplicationWorkspaceObserverProtocol* observer) {
+    Observers removed;
     {
         const Lock lock(_mutex);
-        std::erase_if(_all, [&](const auto& entry) {
-            const bool isRemoved = isMeant(entry.first, *entry.second);
+        std::erase_if(_observers, [&](const auto& known) {
+            const bool isRemoved = known->observer == observer;
             if (isRemoved) {
-                removed.push_back(entry.second);
+                removed.push_back(known);
             }
             return isRemoved;
         });
     }
-    for (const ListenerPtr& listener : removed) {
-        listener->gate.close();
+    for (const auto& observed : removed) {
+        observed->gate.close();
     }
-}
-
-void Announcer::addObserver(PDApplicationWorkspaceObserverProtocol* observer) {
-    auto listener = std::make_shared<Listener>();
-    listener->observer = observer;
-    _add(std::move(listener));
-}
-
-void Announcer::removeObserver(PDApplicationWorkspaceObserverProtocol* observer) {
-    _remove([&](std::uint64_t, const Listener& listener) { return listener.observer == observer; });
-}
-
-std::uint64_t Announcer::subscribe(std::function<void()> changed) {
-    auto listener = std::make_shared<Listener>();
-    listener->changed = std::move(changed);
-    return _add(std::move(listener));
-}
-
-void Announcer::unsubscribe(std::uint64_t number) {
-    _remove([&](std::uint64_t other, const Listener&) { return other == number; });
 }
 
 void Announcer::announceChange() {
     const Lock lock(_mutex);
-    if (_all.empty()) {
-        return; // progress changes often, and mostly nobody looks
+    if (!_observers.empty()) { // progress changes often, and mostly nobody looks
+        _schedule();
     }
-    _hasChange = true;
-    _schedule();
 }
 
 void Announcer::announceCancellation(PDApplicationProxies applications) {
     const Lock lock(_mutex);
-    if (_all.empty()) {
-        return;
+    if (!_observers.empty()) {
+        _cancellations.push_back(std::move(applications));
+        _hurry();
+        _schedule();
     }
-    _cancellations.push_back(std::move(applications));
-    _hurry();
-    _schedule();
 }
 
 void Announcer::_schedule() {
@@ -113,41 +95,32 @@ void Announcer::_waitForTurn() {
 }
 
 void Announcer::_announce() {
-    bool hasChange = false;
     std::vector<PDApplicationProxies> cancellations;
-    std::vector<ListenerPtr> listeners;
+    Observers observers;
     {
         const Lock lock(_mutex);
         _waitForTurn();
-        hasChange = std::exchange(_hasChange, false);
         cancellations.swap(_cancellations);
-        for (const auto& [number, listener] : _all) {
-            listeners.push_back(listener);
-        }
+        observers = _observers;
     }
-    if (listeners.empty()) {
+    if (observers.empty()) {
         return;
     }
     const Lists lists = _currentLists();
-    for (const ListenerPtr& listener : listeners) {
-        if (listener->observer) {
-            _tell(*listener, lists, cancellations);
-        } else if (hasChange) {
-            listener->gate.pass(listener->changed);
-        }
+    for (const auto& observer : observers) {
+        _tell(*observer, lists, cancellations);
     }
 }
 
 /// The lists only when they are others than it was told last.
-void Announcer::_tell(Listener& listener, const Lists& lists, const std::vector<PDApplicationProxies>& cancellations) {
+void Announcer::_tell(Observer& told, const Lists& lists, const std::vector<PDApplicationProxies>& cancellations) {
     std::pair identifiers(identifiersOf(lists.first), identifiersOf(lists.second));
-    if (listener.told != identifiers) {
-        listener.told = std::move(identifiers);
-        listener.gate.pass(
-            [&] { listener.observer->applicationInstallsArePrioritized_arePaused(lists.first, lists.second); });
+    if (told.told != identifiers) {
+        told.told = std::move(identifiers);
+        told.gate.pass([&] { told.observer->applicationInstallsArePrioritized_arePaused(lists.first, lists.second); });
     }
     for (const PDApplicationProxies& applications : cancellations) {
-        listener.gate.pass([&] { listener.observer->applicationInstallsDidCancel(applications); });
+        told.gate.pass([&] { told.observer->applicationInstallsDidCancel(applications); });
     }
 }
 

@@ -7,9 +7,7 @@
 #include "values/Result.h"
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,41 +38,32 @@ class Announcer {
     void addObserver(PDApplicationWorkspaceObserverProtocol* observer);
     /// Returns after a running call of the observer has ended; at once when it runs on this very thread.
     void removeObserver(PDApplicationWorkspaceObserverProtocol* observer);
-    /// Calls `changed` after changes, until the number that this returns is handed to `unsubscribe`, which waits
-    /// likewise.
-    [[nodiscard]] std::uint64_t subscribe(std::function<void()> changed);
-    void unsubscribe(std::uint64_t number);
 
     void announceChange();
     void announceCancellation(PDApplicationProxies applications);
 
   private:
     using Identifiers = std::vector<std::string>;
-    struct Listener {
-        PDApplicationWorkspaceObserverProtocol* observer = nullptr; // null for a subscription
-        std::function<void()> changed;                              // of a subscription
+    struct Observer {
+        PDApplicationWorkspaceObserverProtocol* observer = nullptr;
         CallGate gate;
         std::optional<std::pair<Identifiers, Identifiers>> told; // the lists; for the announcer's thread alone
     };
-    using ListenerPtr = std::shared_ptr<Listener>;
+    using Observers = std::vector<std::shared_ptr<Observer>>;
 
-    std::uint64_t _add(ListenerPtr listener) EXCLUDES(_mutex);
-    void _remove(const std::function<bool(std::uint64_t number, const Listener& listener)>& isMeant) EXCLUDES(_mutex);
     void _schedule() REQUIRES(_mutex);
     void _hurry() REQUIRES(_mutex);
     void _waitForTurn() REQUIRES(_mutex);
     void _announce() EXCLUDES(_mutex);
-    static void _tell(Listener& listener, const Lists& lists, const std::vector<PDApplicationProxies>& cancellations);
+    static void _tell(Observer& observer, const Lists& lists, const std::vector<PDApplicationProxies>& cancellations);
 
     const std::function<Lists()> _currentLists;
     Mutex _mutex;
-    std::map<std::uint64_t, ListenerPtr> _all GUARDED_BY(_mutex); // in the order in which they came
-    std::uint64_t _lastNumber GUARDED_BY(_mutex) = 0;
+    Observers _observers GUARDED_BY(_mutex);
     Condition _hurried;
     std::chrono::steady_clock::time_point _nextTurn GUARDED_BY(_mutex);
     bool _isScheduled GUARDED_BY(_mutex) = false;
     bool _isHurried GUARDED_BY(_mutex) = false;
-    bool _hasChange GUARDED_BY(_mutex) = false;
     std::vector<PDApplicationProxies> _cancellations GUARDED_BY(_mutex);
     OperationQueue _thread{1};
 };

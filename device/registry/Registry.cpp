@@ -204,10 +204,6 @@ void Registry::prioritize(std::string_view identifier) {
     _announcer.announceChange();
 }
 
-std::unique_ptr<RegistrySubscription> Registry::subscribe(std::function<void()> changed) {
-    return std::make_unique<RegistrySubscription>(_announcer, std::move(changed));
-}
-
 /// Fills in what an Info dictionary says of an app, and its protection record: that is a property list; one that is
 /// bound to a device names it under "MID".
 void Registry::_describe(RegistryRecord& record, const Dictionary& info, const std::optional<Data>& sinf) const {

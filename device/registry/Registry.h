@@ -78,27 +78,6 @@ struct Application {
     [[nodiscard]] bool isDemoted() const noexcept { return isPlaceholder && !isInstalled && isDemotion(installType); }
 };
 
-/// What `settle` found and put in order.
-struct Settlement {
-    std::size_t removedFolders = 0; // staging folders and containers that belong to no app
-    std::size_t droppedRecords = 0; // registered apps and placeholders whose bundle is gone
-    std::size_t endedRemovals = 0;  // removals that had been cut short
-};
-
-/// Keeps a subscription; dropping it ends it, after a running call has ended. Not to be dropped from within one.
-class RegistrySubscription {
-  public:
-    RegistrySubscription(Announcer& announcer, std::function<void()> changed)
-        : _announcer(announcer), _number(announcer.subscribe(std::move(changed))) {}
-    ~RegistrySubscription() { _announcer.unsubscribe(_number); }
-    RegistrySubscription(const RegistrySubscription&) = delete;
-    RegistrySubscription& operator=(const RegistrySubscription&) = delete;
-
-  private:
-    Announcer& _announcer;
-    const std::uint64_t _number;
-};
-
 /// What another service does when apps come and go. Called on the thread of the operation once it is durable, while
 /// nothing else changes the app; must not install or remove. Each may be empty.
 struct RegistryFollower {
@@ -127,7 +106,7 @@ class Registry {
 
     /// Clears away what an interrupted run left half done. To be called when the device has been opened, before
     /// anything else uses the registry.
-    [[nodiscard]] Result<Settlement> settle();
+    [[nodiscard]] Result<void> settle();
 
     // Looking up. None of these touches the disk.
 
@@ -172,9 +151,6 @@ class Registry {
     /// To be called before anything is installed or removed.
     void follow(RegistryFollower follower) { _follower = std::move(follower); }
 
-    /// Calls `changed` on the registry's thread after apps, placeholders or progress have changed; several changes may
-    /// give one call.
-    [[nodiscard]] std::unique_ptr<RegistrySubscription> subscribe(std::function<void()> changed);
     /// Who observes it in the terms of the platform.
     [[nodiscard]] Announcer& announcer() noexcept { return _announcer; }
 
@@ -206,11 +182,10 @@ class Registry {
     void _endInstallOf(const RegistryRecordPtr& placeholder, RemovalReason reason);
     [[nodiscard]] Result<void> _remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
                                        RemovalReason reason, bool keepsData = false);
-    [[nodiscard]] bool _isGone(const std::string& path) const;
     [[nodiscard]] Result<void> _endRemoval(const std::string& path);
-    [[nodiscard]] Result<void> _settleRemovals(Settlement& settlement);
-    [[nodiscard]] Result<void> _settleRecords(Settlement& settlement);
-    [[nodiscard]] Result<void> _settleContainers(Settlement& settlement);
+    [[nodiscard]] Result<void> _settleRemovals();
+    [[nodiscard]] Result<void> _settleRecords();
+    [[nodiscard]] Result<void> _settleContainers();
 
     DeviceFileSystem& _files;
     Database& _database;

@@ -38,40 +38,40 @@ Result<void> RegistryTable::load(Database& database) {
     if (auto registered = database.registerSchema("registry", schema); !registered) {
         return registered;
     }
-    Database::Transaction transaction(database);
-    auto found = transaction.query("SELECT identifier, placeholder, system, install_type, name, version, container, "
-                                   "bundle, icon, bytes, device_sinf, arrival FROM applications ORDER BY arrival");
-    while (found.next()) {
+    const auto add = [this](const Database::Rows& row) {
         RegistryRecord record;
-        record.identifier = found.text(0);
-        record.isPlaceholder = found.integer(1) != 0;
-        record.isSystem = found.integer(2) != 0;
-        record.installType = static_cast<std::uint64_t>(found.integer(3));
-        record.name = found.text(4);
-        record.version = found.optionalText(5);
-        record.container = found.text(6);
-        record.bundle = found.text(7);
-        record.iconFile = found.optionalText(8);
-        record.bytes = static_cast<std::uint64_t>(found.integer(9));
-        record.hasDeviceSinf = found.integer(10) != 0;
-        put(std::make_shared<const RegistryRecord>(std::move(record)), found.integer(11));
-    }
-    return transaction.error();
+        record.identifier = row.text(0);
+        record.isPlaceholder = row.integer(1) != 0;
+        record.isSystem = row.integer(2) != 0;
+        record.installType = static_cast<std::uint64_t>(row.integer(3));
+        record.name = row.text(4);
+        record.version = row.optionalText(5);
+        record.container = row.text(6);
+        record.bundle = row.text(7);
+        record.iconFile = row.optionalText(8);
+        record.bytes = static_cast<std::uint64_t>(row.integer(9));
+        record.hasDeviceSinf = row.integer(10) != 0;
+        put(std::make_shared<const RegistryRecord>(std::move(record)), row.integer(11));
+    };
+    return database.read(add, "SELECT identifier, placeholder, system, install_type, name, version, container, bundle, "
+                              "icon, bytes, device_sinf, arrival FROM applications ORDER BY arrival");
 }
 
 RegistryTable::App RegistryTable::find(std::string_view identifier) const {
     const Lock lock(_mutex);
-    const auto known = _arrivals.find(identifier);
-    return known == _arrivals.end() ? App{} : _apps.at(known->second);
+    const auto known = _apps.find(identifier);
+    return known == _apps.end() ? App{} : known->second;
 }
 
 std::vector<RegistryTable::App> RegistryTable::all() const {
-    const Lock lock(_mutex);
     std::vector<App> apps;
-    apps.reserve(_apps.size());
-    for (const auto& [arrival, app] : _apps) {
-        apps.push_back(app);
+    {
+        const Lock lock(_mutex);
+        for (const auto& [identifier, app] : _apps) {
+            apps.push_back(app);
+        }
     }
+    std::ranges::sort(apps, {}, &App::arrival);
     return apps;
 }
 
@@ -103,25 +103,22 @@ void RegistryTable::install(const RegistryRecordPtr& record, std::int64_t arriva
 }
 
 RegistryTable::App& RegistryTable::_put(const RegistryRecordPtr& record, std::int64_t arrival) {
-    const auto place = _arrivals.try_emplace(record->identifier, arrival).first;
-    App& app = _apps[place->second];
-    app.arrival = place->second;
+    App& app = _apps[record->identifier];
+    app.arrival = app.arrival != 0 ? app.arrival : arrival;
     (record->isPlaceholder ? app.placeholder : app.installed) = record;
-    _nextArrival = std::max(_nextArrival, place->second + 1);
+    _nextArrival = std::max(_nextArrival, app.arrival + 1);
     return app;
 }
 
 void RegistryTable::remove(const RegistryRecord& record) {
     const Lock lock(_mutex);
-    const auto known = _arrivals.find(record.identifier);
-    if (known == _arrivals.end()) {
+    const auto known = _apps.find(record.identifier);
+    if (known == _apps.end()) {
         return;
     }
-    App& app = _apps.at(known->second);
-    (record.isPlaceholder ? app.placeholder : app.installed) = nullptr;
-    if (!app.isKnown()) {
-        _apps.erase(known->second);
-        _arrivals.erase(known);
+    (record.isPlaceholder ? known->second.placeholder : known->second.installed) = nullptr;
+    if (!known->second.isKnown()) {
+        _apps.erase(known);
     }
 }
 
@@ -132,7 +129,8 @@ void RegistryTable::write(Database::Transaction& transaction, const RegistryReco
         "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
         record.identifier, record.isPlaceholder, record.isSystem, record.installType, record.name, record.version,
         record.container, record.bundle, record.iconFile, record.bytes, record.hasDeviceSinf, arrival);
-    endRemoval(transaction, dataContainerPath(record.identifier)); // the app has come back: its data is its own again
+    transaction.run(endRemoval,
+                    dataContainerPath(record.identifier)); // the app has come back: its data is its own again
 }
 
 void RegistryTable::erase(Database::Transaction& transaction, std::string_view identifier, bool isPlaceholder) {
@@ -141,19 +139,6 @@ void RegistryTable::erase(Database::Transaction& transaction, std::string_view i
 
 void RegistryTable::addRemoval(Database::Transaction& transaction, std::string_view path) {
     transaction.run("INSERT OR IGNORE INTO application_removals VALUES (?)", path);
-}
-
-void RegistryTable::endRemoval(Database::Transaction& transaction, std::string_view path) {
-    transaction.run("DELETE FROM application_removals WHERE path = ?", path);
-}
-
-std::vector<std::string> RegistryTable::removals(Database::Transaction& transaction) {
-    std::vector<std::string> paths;
-    auto found = transaction.query("SELECT path FROM application_removals");
-    while (found.next()) {
-        paths.emplace_back(found.text(0));
-    }
-    return paths;
 }
 
 } // namespace appsync::device

@@ -10,7 +10,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace appsync::device {
@@ -79,19 +78,13 @@ class RegistryTable {
     static void erase(Database::Transaction& transaction, std::string_view identifier, bool isPlaceholder);
     // Folders that are to go although no record names them any more.
     static void addRemoval(Database::Transaction& transaction, std::string_view path);
-    static void endRemoval(Database::Transaction& transaction, std::string_view path);
-    [[nodiscard]] static std::vector<std::string> removals(Database::Transaction& transaction);
+    static constexpr std::string_view endRemoval = "DELETE FROM application_removals WHERE path = ?";
 
   private:
-    struct TextHash : std::hash<std::string_view> {
-        using is_transparent = void;
-    };
-
     App& _put(const RegistryRecordPtr& record, std::int64_t arrival) REQUIRES(_mutex);
 
     mutable Mutex _mutex;
-    std::map<std::int64_t, App> _apps GUARDED_BY(_mutex); // by arrival
-    std::unordered_map<std::string, std::int64_t, TextHash, std::equal_to<>> _arrivals GUARDED_BY(_mutex);
+    std::map<std::string, App, std::less<>> _apps GUARDED_BY(_mutex);
     std::int64_t _nextArrival GUARDED_BY(_mutex) = 1;
 };
 

@@ -94,19 +94,13 @@ void Registry::_endInstallOf(const RegistryRecordPtr& placeholder, RemovalReason
     }
 }
 
-/// What is there but cannot be looked at just now is not gone.
-bool Registry::_isGone(const std::string& path) const {
-    ErrorPtr error;
-    return !_files.attributesOfItem(path, &error) && (error->code() == ENOENT || error->code() == ENOTDIR);
-}
-
 /// Durable before the first file goes: what is registered is always whole.
 Result<void> Registry::_remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
                                RemovalReason reason, bool keepsData) {
     const std::string identifier = app.main()->identifier;
     const std::string dataPath = dataContainerPath(identifier);
     const bool removesAll = !keepsData && (removesApp || !app.installed) && (removesPlaceholder || !app.placeholder);
-    const bool removesData = removesAll && !_isGone(dataPath);
+    const bool removesData = removesAll && !_files.isGone(dataPath);
     {
         Database::Transaction transaction(_database, Durability::durable);
         if (removesPlaceholder) {
@@ -152,51 +146,41 @@ Result<void> Registry::_endRemoval(const std::string& path) {
     if (!isGone) {
         return {};
     }
-    Database::Transaction transaction(_database);
-    RegistryTable::endRemoval(transaction, path);
-    const auto committed = transaction.commit();
+    const auto committed = _database.run(Durability::ordinary, RegistryTable::endRemoval, path);
     if (isAside) {
         _files.removeItem(aside, nullptr); // what stays is cleared away at the next start
     }
     return committed ? Result<void>() : _makeFailure("remove " + path, committed.error(), path);
 }
 
-Result<Settlement> Registry::settle() {
-    Settlement settlement;
+Result<void> Registry::settle() {
     for (const auto step : {&Registry::_settleRemovals, &Registry::_settleRecords, &Registry::_settleContainers}) {
-        if (const auto settled = (this->*step)(settlement); !settled) {
-            return settled.error();
+        if (auto settled = (this->*step)(); !settled) {
+            return settled;
         }
     }
-    if (settlement.droppedRecords > 0) {
-        _announcer.announceChange();
-    }
-    return settlement;
+    return {};
 }
 
-Result<void> Registry::_settleRemovals(Settlement& settlement) {
+Result<void> Registry::_settleRemovals() {
     std::vector<std::string> paths;
-    {
-        Database::Transaction transaction(_database);
-        paths = RegistryTable::removals(transaction);
-        if (transaction.error()) {
-            return _makeFailure("settle the application registry", transaction.error());
-        }
+    const auto add = [&](const Database::Rows& row) { paths.emplace_back(row.text(0)); };
+    if (const auto read = _database.read(add, "SELECT path FROM application_removals"); !read) {
+        return _makeFailure("settle the application registry", read.error());
     }
     for (const std::string& path : paths) {
         if (auto ended = _endRemoval(path); !ended) {
             return ended;
         }
-        ++settlement.endedRemovals;
     }
     return {};
 }
 
 /// A record whose bundle is gone, because the power went before its files were durable, is no app any more.
-Result<void> Registry::_settleRecords(Settlement& settlement) {
+Result<void> Registry::_settleRecords() {
     auto gone = _table.records();
     std::erase_if(gone, [this](const RegistryRecordPtr& record) {
-        return !_isGone(record->bundlePath() + "/" + std::string(infoFileName));
+        return !_files.isGone(record->bundlePath() + "/" + std::string(infoFileName));
     });
     if (gone.empty()) {
         return {};
@@ -211,12 +195,12 @@ Result<void> Registry::_settleRecords(Settlement& settlement) {
     for (const RegistryRecordPtr& record : gone) {
         _table.remove(*record);
     }
-    settlement.droppedRecords = gone.size();
+    _announcer.announceChange();
     return {};
 }
 
 /// Removes containers that belong to no app, finished or not.
-Result<void> Registry::_settleContainers(Settlement& settlement) {
+Result<void> Registry::_settleContainers() {
     std::set<std::string> kept;
     for (const RegistryRecordPtr& record : _table.records()) {
         kept.insert(record->container);
@@ -227,12 +211,10 @@ Result<void> Registry::_settleContainers(Settlement& settlement) {
             return _makeFailure("settle the application registry", names.error(), folder);
         }
         for (const std::string& name : *names) {
-            if (folder == containersFolder && kept.contains(name)) {
-                continue;
+            if (folder == stagingFolder || !kept.contains(name)) {
+                // One that cannot be removed takes space and does no harm otherwise.
+                _files.removeItem(std::string(folder) + "/" + name, nullptr);
             }
-            // One that cannot be removed takes space and does no harm otherwise.
-            const bool isRemoved = _files.removeItem(std::string(folder) + "/" + name, nullptr);
-            settlement.removedFolders += isRemoved ? 1 : 0;
         }
     }
     return {};

@@ -16,13 +16,10 @@ Result<void> UninstalledList::registerSchema(Database& database) {
 }
 
 std::optional<Dictionary> UninstalledList::TevrinLookupUninstalled(const Dictionary* /*options*/) noexcept {
-    Database::Transaction transaction(_database);
     Dictionary apps;
-    auto found = transaction.query("SELECT identifier, removed_at FROM uninstalled ORDER BY removed_at, identifier");
-    while (found.next()) {
-        apps.insert(found.text(0), Date{found.real(1)});
-    }
-    return transaction.error() ? std::nullopt : std::optional(std::move(apps));
+    const auto read = _database.read([&](const Database::Rows& row) { apps.insert(row.text(0), Date{row.real(1)}); },
+                                     "SELECT identifier, removed_at FROM uninstalled ORDER BY removed_at, identifier");
+    return read ? std::optional(std::move(apps)) : std::nullopt;
 }
 
 int UninstalledList::TevrinClearUninstalled(const Array& bundleIdentifiers, const Dictionary* /*options*/) noexcept {

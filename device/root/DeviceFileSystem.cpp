@@ -322,6 +322,12 @@ Result<std::uint64_t> DeviceFileSystem::treeSize(std::string_view path) noexcept
     return bytes;
 }
 
+bool DeviceFileSystem::isGone(std::string_view path) noexcept {
+    Descriptor found;
+    const int failed = _open(path, O_PATH, 0, found);
+    return failed == ENOENT || failed == ENOTDIR;
+}
+
 Result<void> DeviceFileSystem::sync() noexcept {
     int failed = beforeChange(faultPoint(), "sync all", "/");
     if (failed == 0) {

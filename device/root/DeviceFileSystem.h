@@ -57,6 +57,8 @@ class DeviceFileSystem final : public FileSystem {
     /// The sizes of the files in a folder and below it, added up. Neither the path's end nor anything below it is a
     /// link that is followed.
     [[nodiscard]] Result<std::uint64_t> treeSize(std::string_view path) noexcept;
+    /// Whether nothing stands at a path. What is there but cannot be looked at just now is not gone.
+    [[nodiscard]] bool isGone(std::string_view path) noexcept;
     /// Returns when everything written to the root's file system so far is durable.
     [[nodiscard]] Result<void> sync() noexcept;
     /// Bytes that an ordinary user can still write.

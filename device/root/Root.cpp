@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdio>
 #include <filesystem>
 
 namespace appsync::device {
@@ -84,42 +85,26 @@ struct flock wholeFile() {
 }
 
 // What the owner writes into the locked file: "process 1234 since 1795347727: a sync", the time in seconds since 1970.
-constexpr std::string_view ownerWord = "process ";
-constexpr std::string_view sinceWord = " since ";
 
 std::string ownerText(std::string_view purpose) {
     const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-    return std::string(ownerWord) + std::to_string(::getpid()) + std::string(sinceWord) + std::to_string(now) + ": " +
-           std::string(purpose) + "\n";
-}
-
-/// Takes a word off the front of a text, and the number behind it.
-template <class Number> bool cutNumber(std::string_view& text, std::string_view word, Number& number) {
-    if (!text.starts_with(word)) {
-        return false;
-    }
-    text.remove_prefix(word.size());
-    const auto end = std::from_chars(text.data(), text.data() + text.size(), number);
-    text.remove_prefix(static_cast<std::size_t>(end.ptr - text.data()));
-    return end.ec == std::errc();
+    return "process " + std::to_string(::getpid()) + " since " + std::to_string(now) + ": " + std::string(purpose) +
+           "\n";
 }
 
 /// Of a locked file; anybody may have written it.
 DeviceOwner readOwner(int lock) {
     constexpr std::size_t maxOwnerSize = 200;
     std::string bytes;
+    std::array<char, maxOwnerSize> purpose{};
     DeviceOwner owner;
-    if (readAll(lock, maxOwnerSize, bytes) != 0) {
-        return owner;
+    long seconds = 0;
+    char end = 0; // of the line
+    if (readAll(lock, maxOwnerSize, bytes) == 0 && std::sscanf(bytes.c_str(), "process %9d since %18ld: %199[^\n]%c",
+                                                               &owner.process, &seconds, purpose.data(), &end) == 4) {
+        owner.since = std::chrono::system_clock::from_time_t(seconds);
+        owner.purpose = purpose.data();
     }
-    std::string_view text = bytes;
-    std::int64_t seconds = 0;
-    if (!cutNumber(text, ownerWord, owner.process) || !cutNumber(text, sinceWord, seconds) || !text.starts_with(": ") ||
-        !text.ends_with('\n')) {
-        return owner;
-    }
-    owner.since = std::chrono::system_clock::from_time_t(seconds);
-    owner.purpose = text.substr(2, text.size() - 3);
     return owner;
 }
 
@@ -264,15 +249,6 @@ std::optional<DeviceOwner> Root::owner(const std::string& folder) {
     return isLocked ? std::optional(readOwner(lock->get())) : std::nullopt;
 }
 
-Result<void> Root::check(const std::string& folder) {
-    auto host = HostFolder::open(folder);
-    if (!host) {
-        return host.error();
-    }
-    DeviceFileSystem files(std::move(host->opened), nullptr);
-    return checkMarker(files, host->path);
-}
-
 Result<std::unique_ptr<Root>> Root::_open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint,
                                           std::string_view purpose) {
     auto files = std::make_unique<DeviceFileSystem>(std::move(host.opened), std::move(faultPoint));
@@ -299,10 +275,6 @@ Result<std::string> Root::realPath(std::string_view devicePath) {
     }
     std::string path = hostPathOf(found->get());
     return path.empty() ? Result<std::string>(makePosixError(ENOENT, "looking for", devicePath)) : std::move(path);
-}
-
-Result<Descriptor> Root::openDatabaseFolder() noexcept {
-    return _files->open(databaseFolder, O_PATH | O_DIRECTORY | O_NOFOLLOW);
 }
 
 } // namespace appsync::device

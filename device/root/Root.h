@@ -55,7 +55,7 @@ class Root {
     [[nodiscard]] static Result<std::unique_ptr<Root>> look(const std::string& folder);
     /// Whether a folder is a device that this program knows. Opens nothing and changes nothing, so that it may be asked
     /// while another process has the device open.
-    [[nodiscard]] static Result<void> check(const std::string& folder);
+    [[nodiscard]] static Result<void> check(const std::string& folder) { return look(folder).error(); }
     /// Who has a device open now; nullopt when nobody has, or when it cannot be found out. What is not told is empty.
     [[nodiscard]] static std::optional<DeviceOwner> owner(const std::string& folder);
     Root(const Root&) = delete;
@@ -68,8 +68,6 @@ class Root {
     [[nodiscard]] Result<std::string> realPath(std::string_view devicePath);
     /// The database file's path on this machine, for messages.
     [[nodiscard]] std::string databasePath() const { return hostPath(databaseFile); }
-    /// The folder of the database, opened; never one outside of the root.
-    [[nodiscard]] Result<Descriptor> openDatabaseFolder() noexcept;
 
   private:
     struct HostFolder;

@@ -55,15 +55,9 @@ Result<std::unique_ptr<DeviceHomeScreen>> DeviceHomeScreen::open(const HomeScree
 
 Result<void> DeviceHomeScreen::_load() {
     std::optional<Data> bytes;
-    {
-        Database::Transaction transaction(_services.database);
-        {
-            auto rows = transaction.query("SELECT value FROM homeScreen WHERE name = 'layout'");
-            bytes = rows.next() ? rows.optionalData(0) : std::nullopt;
-        }
-        if (auto read = transaction.commit(); !read) {
-            return read;
-        }
+    const auto keep = [&](const Database::Rows& row) { bytes = row.optionalData(0); };
+    if (auto read = _services.database.read(keep, "SELECT value FROM homeScreen WHERE name = 'layout'"); !read) {
+        return read;
     }
     const auto root = bytes ? _services.propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
     if (auto layout = IconLayout::fromPropertyList(root.value_or(Value(Array()))); layout) {
@@ -111,9 +105,8 @@ Result<void> DeviceHomeScreen::arrange(IconLayout layout) {
         return error;
     }
     const Lock lock(_mutex);
-    Database::Transaction transaction(_services.database);
-    transaction.run("INSERT OR REPLACE INTO homeScreen VALUES ('layout', ?1)", *bytes);
-    auto written = transaction.commit();
+    auto written =
+        _services.database.run(Durability::ordinary, "INSERT OR REPLACE INTO homeScreen VALUES ('layout', ?1)", *bytes);
     if (written) {
         _layout = std::move(layout);
     }

@@ -1,5 +1,6 @@
 #include "device/screen/DeviceIconRenderer.h"
 
+#include "archive/EntryPath.h"
 #include "device/drawing/CairoImage.h"
 #include "device/screen/AppBundles.h"
 #include "platform/FileSystem.h"
@@ -9,15 +10,6 @@
 namespace appsync::device {
 
 namespace {
-
-/// Whether a name from an Info file stays within the app's folder.
-bool staysInFolder(std::string_view name) {
-    if (name.empty() || name.front() == '/' || name.find('\0') != std::string_view::npos) {
-        return false;
-    }
-    const std::string framed = "/" + std::string(name) + "/";
-    return framed.find("/../") == std::string::npos;
-}
 
 /// The middle square of the picture, in the icon's size, cut to its shape.
 CairoSurface drawIcon(cairo_surface_t* picture) {
@@ -44,7 +36,7 @@ std::shared_ptr<Image> DeviceIconRenderer::YKCreateDeviceAppropriateHomeScreenIc
     const auto app = std::dynamic_pointer_cast<AppBundle>(bundle);
     const auto name = app ? app->objectForInfoDictionaryKey("BXBundleIconFile") : std::nullopt;
     const auto file = name ? name->string() : std::nullopt;
-    if (!file || !staysInFolder(*file)) {
+    if (!file || !isSafePath(*file, {})) {
         return nullptr;
     }
     return iconFromFile(app->path() + "/" + std::string(*file));

@@ -21,6 +21,8 @@ constexpr std::string_view backupSchema[] = {
     "ALTER TABLE restoreData ADD COLUMN folder TEXT NOT NULL DEFAULT '';"
     "ALTER TABLE restoreData ADD COLUMN isMoving INTEGER NOT NULL DEFAULT 0;"};
 
+constexpr std::string_view forget = "DELETE FROM restoreData WHERE bundle = ?1";
+
 constexpr std::string_view waitingFolder = "/var/mobile/Library/RestoreData";
 /// Beside the waiting data: what it takes the place of, until it has.
 constexpr std::string_view replacedExtension = ".replaced";
@@ -39,29 +41,22 @@ ErrorPtr backupError(BackupError code, const std::string& text) {
 
 } // namespace
 
-class BackupService::Manager final : public HVManager {
-  public:
-    explicit Manager(BackupService& service) : _service(service) {}
-
-    bool restoreDataExistsForApplicationWithBundleID_size(std::string_view bundleID,
-                                                          std::uint64_t* size) noexcept override {
-        const auto waiting = _service.restoreDataSize(bundleID);
-        if (waiting && size) {
-            *size = *waiting;
-        }
-        return waiting.has_value();
+bool BackupService::restoreDataExistsForApplicationWithBundleID_size(std::string_view bundleID,
+                                                                     std::uint64_t* size) noexcept {
+    const auto waiting = restoreDataSize(bundleID);
+    if (waiting && size) {
+        *size = *waiting;
     }
-    bool cancelApplicationRestoreWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
-        const auto cancelled = _service.cancelRestore(bundleID);
-        if (!cancelled && error) {
-            *error = cancelled.error();
-        }
-        return static_cast<bool>(cancelled);
-    }
+    return waiting.has_value();
+}
 
-  private:
-    BackupService& _service;
-};
+bool BackupService::cancelApplicationRestoreWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept {
+    const auto cancelled = cancelRestore(bundleID);
+    if (!cancelled && error) {
+        *error = cancelled.error();
+    }
+    return bool(cancelled);
+}
 
 Result<std::unique_ptr<BackupService>> BackupService::open(Database& database, DeviceFileSystem& files) {
     if (const auto registered = database.registerSchema("backup", backupSchema); !registered) {
@@ -82,44 +77,27 @@ Result<std::unique_ptr<BackupService>> BackupService::open(Database& database, D
     return service;
 }
 
-std::shared_ptr<HVManager> BackupService::init() noexcept {
-    return std::make_shared<Manager>(*this);
-}
-
-/// What is there but cannot be looked at just now is not gone.
-bool BackupService::_isGone(const std::string& path) {
-    ErrorPtr error;
-    return !_files.attributesOfItem(path, &error) && (error->code() == ENOENT || error->code() == ENOTDIR);
-}
-
-/// What waits for one app, or for all in the order of their identifiers.
-Result<std::vector<BackupService::Waiting>> BackupService::_waiting(std::optional<std::string_view> bundleID) {
-    std::vector<Waiting> waiting;
-    Database::Transaction transaction(_database);
-    {
-        auto rows = transaction.query("SELECT bundle, size, folder, isMoving FROM restoreData"
-                                      " WHERE ?1 IS NULL OR bundle = ?1 ORDER BY bundle",
-                                      bundleID);
-        while (rows.next()) {
-            waiting.push_back({{std::string(rows.text(0)), static_cast<std::uint64_t>(rows.integer(1))},
-                               std::string(rows.text(2)),
-                               rows.integer(3) != 0});
-        }
-    }
-    if (const auto read = transaction.commit(); !read) {
-        return read.error();
-    }
-    return waiting;
+Result<std::vector<RestoreData>> BackupService::restoreData(std::optional<std::string_view> bundleID) {
+    std::vector<RestoreData> waiting;
+    const auto add = [&](const Database::Rows& row) {
+        waiting.push_back({std::string(row.text(0)), static_cast<std::uint64_t>(row.integer(1)),
+                           std::string(row.text(2)), row.integer(3) != 0});
+    };
+    const auto read = _database.read(add,
+                                     "SELECT bundle, size, folder, isMoving FROM restoreData"
+                                     " WHERE ?1 IS NULL OR bundle = ?1 ORDER BY bundle",
+                                     bundleID);
+    return read ? Result(std::move(waiting)) : read.error();
 }
 
 /// Ends restores whose folders may have begun to move; one that cannot be ended now waits on.
 Result<void> BackupService::_settle() {
-    const auto waiting = _waiting();
+    const auto waiting = restoreData();
     if (!waiting) {
         return waiting.error();
     }
-    for (const Waiting& data : *waiting) {
-        if (data.isMoving && (_isGone(waitingPath(data.name)) || _putInPlace(data.bundleID, data.name))) {
+    for (const RestoreData& data : *waiting) {
+        if (data.isMoving && (_files.isGone(waitingPath(data.name)) || _putInPlace(data.bundleID, data.name))) {
             if (auto ended = _endRestore(data.bundleID, data.name); !ended) {
                 return ended;
             }
@@ -130,16 +108,16 @@ Result<void> BackupService::_settle() {
 
 /// Removes folders that no row names, and rows whose folder is gone.
 void BackupService::_clearFolders() {
-    const auto waiting = _waiting();
+    const auto waiting = restoreData();
     const auto names = _files.list(waitingFolder);
     if (!waiting || !names) {
         return; // the next time, then
     }
     std::set<std::string> kept;
     Database::Transaction transaction(_database);
-    for (const Waiting& data : *waiting) {
-        if (_isGone(waitingPath(data.name))) {
-            transaction.run("DELETE FROM restoreData WHERE bundle = ?1", data.bundleID);
+    for (const RestoreData& data : *waiting) {
+        if (_files.isGone(waitingPath(data.name))) {
+            transaction.run(forget, data.bundleID);
         } else {
             kept.insert({data.name, data.name + std::string(replacedExtension)});
         }
@@ -176,9 +154,8 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
     }
     auto written = _files.sync();
     if (written) {
-        Database::Transaction transaction(_database, Durability::durable);
-        transaction.run("INSERT OR REPLACE INTO restoreData VALUES (?1, ?2, ?3, 0)", bundleID, *size, name);
-        written = transaction.commit();
+        written = _database.run(Durability::durable, "INSERT OR REPLACE INTO restoreData VALUES (?1, ?2, ?3, 0)",
+                                bundleID, *size, name);
     }
     if (!written) {
         _files.moveItem(waitingPath(name), folder, nullptr);
@@ -191,12 +168,12 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
 }
 
 std::optional<std::uint64_t> BackupService::restoreDataSize(std::string_view bundleID) {
-    const auto waiting = _waiting(bundleID);
+    const auto waiting = restoreData(bundleID);
     return waiting && !waiting->empty() ? std::optional(waiting->front().size) : std::nullopt;
 }
 
 Result<std::optional<std::string>> BackupService::_nameOf(std::string_view bundleID) {
-    const auto waiting = _waiting(bundleID);
+    const auto waiting = restoreData(bundleID);
     if (!waiting) {
         return waiting.error();
     }
@@ -211,18 +188,9 @@ Result<std::optional<std::string>> BackupService::restoreDataFolder(std::string_
     return name;
 }
 
-Result<std::vector<RestoreData>> BackupService::restoreData() {
-    const auto waiting = _waiting();
-    if (!waiting) {
-        return waiting.error();
-    }
-    return std::vector<RestoreData>(waiting->begin(), waiting->end());
-}
-
 Result<void> BackupService::_noteMoving(const std::string& bundleID, bool isMoving) {
-    Database::Transaction transaction(_database, Durability::durable);
-    transaction.run("UPDATE restoreData SET isMoving = ?2 WHERE bundle = ?1", bundleID, isMoving);
-    return transaction.commit();
+    return _database.run(Durability::durable, "UPDATE restoreData SET isMoving = ?2 WHERE bundle = ?1", bundleID,
+                         isMoving);
 }
 
 /// Exchanges the data container for the waiting data; after a failure the container is what it was.
@@ -233,7 +201,7 @@ Result<void> BackupService::_putInPlace(const std::string& bundleID, const std::
     if (!_files.createDirectory(dataContainersFolder, true, std::nullopt, &error)) {
         return error;
     }
-    const bool wasCutShort = !_isGone(replaced);
+    const bool wasCutShort = !_files.isGone(replaced);
     if (!wasCutShort && !_files.moveItem(container, replaced, &error) && error->code() != ENOENT) {
         return error;
     }
@@ -249,9 +217,7 @@ Result<void> BackupService::_endRestore(const std::string& bundleID, const std::
     if (auto synced = _files.sync(); !synced) {
         return synced;
     }
-    Database::Transaction transaction(_database);
-    transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
-    auto written = transaction.commit();
+    auto written = _database.run(Durability::ordinary, forget, bundleID);
     if (written) {
         _files.removeItem(replacedPath(name), nullptr);
     }
@@ -272,7 +238,7 @@ Result<void> BackupService::restoreApplicationData(std::string_view bundleID) {
         return noted;
     }
     if (auto placed = _putInPlace(identifier, **name); !placed) {
-        if (_isGone(replacedPath(**name))) {
+        if (_files.isGone(replacedPath(**name))) {
             (void)_noteMoving(identifier, false); // when this is lost too it is tried again at the next start
         } // else the old data could not be moved back, and the next start has to end what was begun
         return placed;
@@ -291,9 +257,7 @@ Result<void> BackupService::cancelRestore(std::string_view bundleID) {
                            "no data of " + std::string(bundleID) + " waits to be restored");
     }
     // Durable before the first file goes: data of which a part is gone must not wait.
-    Database::Transaction transaction(_database, Durability::durable);
-    transaction.run("DELETE FROM restoreData WHERE bundle = ?1", bundleID);
-    auto written = transaction.commit();
+    auto written = _database.run(Durability::durable, forget, bundleID);
     if (written) {
         _files.removeItem(waitingPath(**name), nullptr); // what stays is cleared away at the next start
     }

@@ -28,16 +28,21 @@ enum class BackupError : std::int64_t {
 struct RestoreData {
     std::string bundleID;
     std::uint64_t size = 0; // bytes
+    std::string name;       // of its folder
+    bool isMoving = false;  // a restore may have begun to move it
 };
 
 /// Any thread.
-class BackupService final : public HVManagerClass {
+class BackupService final : public HVManagerClass, public HVManager {
   public:
     /// Ends restores that were cut short, and clears away what belongs to none. The database and the files must outlive
     /// the service and its managers.
     [[nodiscard]] static Result<std::unique_ptr<BackupService>> open(Database& database, DeviceFileSystem& files);
 
-    [[nodiscard]] std::shared_ptr<HVManager> init() noexcept override;
+    [[nodiscard]] std::shared_ptr<HVManager> init() noexcept override { return {std::shared_ptr<void>(), this}; }
+    bool restoreDataExistsForApplicationWithBundleID_size(std::string_view bundleID,
+                                                          std::uint64_t* size) noexcept override;
+    bool cancelApplicationRestoreWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override;
 
     /// Takes a folder of the device with an app's data, to be restored later; in place of data that waits already.
     /// After a failure the folder is where it was.
@@ -46,8 +51,8 @@ class BackupService final : public HVManagerClass {
     [[nodiscard]] std::optional<std::uint64_t> restoreDataSize(std::string_view bundleID);
     /// The folder in which an app's data waits; nullopt when none waits.
     [[nodiscard]] Result<std::optional<std::string>> restoreDataFolder(std::string_view bundleID);
-    /// In the order of the identifiers.
-    [[nodiscard]] Result<std::vector<RestoreData>> restoreData();
+    /// Of one app, or of all in the order of their identifiers.
+    [[nodiscard]] Result<std::vector<RestoreData>> restoreData(std::optional<std::string_view> bundleID = std::nullopt);
     /// Makes the waiting data the content of the app's data container, in place of what stands there, and forgets that
     /// it waited. Fails with `nothingToRestore` when none waits; after any other failure it waits still.
     [[nodiscard]] Result<void> restoreApplicationData(std::string_view bundleID);
@@ -55,20 +60,12 @@ class BackupService final : public HVManagerClass {
     [[nodiscard]] Result<void> cancelRestore(std::string_view bundleID);
 
   private:
-    class Manager;
-    /// A row.
-    struct Waiting : RestoreData {
-        std::string name; // of its folder
-        bool isMoving;    // a restore may have begun to move it
-    };
     BackupService(Database& database, DeviceFileSystem& files) : _database(database), _files(files) {}
     [[nodiscard]] Result<void> _settle();
     void _clearFolders();
-    [[nodiscard]] bool _isGone(const std::string& path);
     [[nodiscard]] Result<void> _noteMoving(const std::string& bundleID, bool isMoving);
     [[nodiscard]] Result<void> _putInPlace(const std::string& bundleID, const std::string& name);
     [[nodiscard]] Result<void> _endRestore(const std::string& bundleID, const std::string& name);
-    [[nodiscard]] Result<std::vector<Waiting>> _waiting(std::optional<std::string_view> bundleID = std::nullopt);
     [[nodiscard]] Result<std::optional<std::string>> _nameOf(std::string_view bundleID);
 
     Database& _database;

@@ -79,29 +79,13 @@ std::optional<std::uint64_t> DemotedApps::installTypeOf(const std::string& ident
     return _lists.automatic.contains(identifier) ? PDInstallTypeDowngrade : PDInstallTypeIntentionalDowngrade;
 }
 
-Result<void> DemotedApps::set(DemotionLists lists) {
+Result<void> DemotedApps::change(const std::function<void(DemotionLists&)>& change) {
     const Lock lock(_mutex);
-    return _keep(std::move(lists));
-}
-
-Result<void> DemotedApps::add(const std::string& identifier, bool isAutomatic) {
-    const Lock lock(_mutex);
-    DemotionLists changed = _lists;
-    changed.put(identifier, isAutomatic);
-    return _keep(std::move(changed));
-}
-
-Result<void> DemotedApps::remove(const std::string& identifier) {
-    const Lock lock(_mutex);
-    if (!_lists.contains(identifier)) {
+    DemotionLists lists = _lists;
+    change(lists);
+    if (lists == _lists) {
         return {};
     }
-    DemotionLists changed = _lists;
-    changed.take(identifier);
-    return _keep(std::move(changed));
-}
-
-Result<void> DemotedApps::_keep(DemotionLists lists) {
     ErrorPtr error;
     const auto bytes = _propertyLists.dataWithPropertyList(lists.propertyList(), PropertyListFormat::binary, &error);
     const std::string_view folder = paths::demotedApps.substr(0, paths::demotedApps.rfind('/'));

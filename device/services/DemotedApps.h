@@ -9,6 +9,7 @@
 #include "values/Result.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -47,14 +48,13 @@ class DemotedApps {
     [[nodiscard]] DemotionLists lists() const;
     /// The install type of a demoted app's placeholder; nullopt for an app that stands on neither list.
     [[nodiscard]] std::optional<std::uint64_t> installTypeOf(const std::string& identifier) const;
-    [[nodiscard]] Result<void> set(DemotionLists lists);
-    /// Puts an app on one list and takes it off the other.
-    [[nodiscard]] Result<void> add(const std::string& identifier, bool isAutomatic);
-    [[nodiscard]] Result<void> remove(const std::string& identifier);
+    /// Durable when it returns; after a failure the lists are what they were.
+    [[nodiscard]] Result<void> change(const std::function<void(DemotionLists&)>& change);
+    [[nodiscard]] Result<void> set(const DemotionLists& lists) {
+        return change([&](DemotionLists& present) { present = lists; });
+    }
 
   private:
-    [[nodiscard]] Result<void> _keep(DemotionLists lists) REQUIRES(_mutex);
-
     DeviceFileSystem& _files;
     PropertyListSerialization& _propertyLists;
     mutable Mutex _mutex;

@@ -14,7 +14,7 @@ bool isValidName(std::string_view name) {
 
 NotificationNames::Name& NotificationNames::_named(std::string_view name) {
     const auto found = std::ranges::find(_names, name, &Name::name);
-    return found != _names.end() ? *found : _names.emplace_back(Name{std::string(name), 0, 0, {}});
+    return found != _names.end() ? *found : _names.emplace_back(Name{std::string(name), 0, 0});
 }
 
 std::uint32_t NotificationNames::notify_register_check(std::string_view name, int* token) noexcept {
@@ -39,25 +39,8 @@ std::uint32_t NotificationNames::notify_post(std::string_view name) noexcept {
     if (!isValidName(name)) {
         return notificationStatusInvalidName;
     }
-    std::vector<std::shared_ptr<Listener>> listeners;
-    std::uint64_t present = 0;
-    {
-        const Lock lock(_mutex);
-        Name& posted = _named(name);
-        ++posted.posts;
-        present = posted.state;
-        posted.listeners.remove_if([&](const std::weak_ptr<Listener>& held) {
-            auto listener = held.lock();
-            const bool gone = !listener;
-            listeners.push_back(std::move(listener));
-            return gone;
-        });
-    }
-    for (const auto& listener : listeners) {
-        if (listener) {
-            (*listener)(name, present);
-        }
-    }
+    const Lock lock(_mutex);
+    ++_named(name).posts;
     return notificationStatusOK;
 }
 
@@ -73,13 +56,6 @@ std::uint64_t NotificationNames::state(std::string_view name) const {
 
 std::uint64_t NotificationNames::postCount(std::string_view name) const {
     return _read(name, &Name::posts);
-}
-
-std::shared_ptr<void> NotificationNames::listen(std::string_view name, Listener listener) {
-    auto held = std::make_shared<Listener>(std::move(listener));
-    const Lock lock(_mutex);
-    _named(name).listeners.push_back(held);
-    return held;
 }
 
 DeviceNotificationCenter::~DeviceNotificationCenter() {

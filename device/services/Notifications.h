@@ -7,8 +7,6 @@
 #include "platform/Notifications.h"
 
 #include <atomic>
-#include <functional>
-#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,9 +24,6 @@ enum NotificationStatus : std::uint32_t {
 /// Names with a state. Names live as long as the service; registering one again gives the token that it has.
 class NotificationNames final : public NotificationService {
   public:
-    /// Runs within `notify_post`, on its caller's thread, after the post counts.
-    using Listener = std::function<void(std::string_view name, std::uint64_t state)>;
-
     std::uint32_t notify_register_check(std::string_view name, int* token) noexcept override;
     std::uint32_t notify_set_state(int token, std::uint64_t state) noexcept override;
     std::uint32_t notify_post(std::string_view name) noexcept override;
@@ -37,16 +32,12 @@ class NotificationNames final : public NotificationService {
     [[nodiscard]] std::uint64_t state(std::string_view name) const;
     /// How often the name was posted.
     [[nodiscard]] std::uint64_t postCount(std::string_view name) const;
-    /// Tells the listener of every post until the returned handle is dropped. A call that has begun by then may still
-    /// end afterwards.
-    [[nodiscard]] std::shared_ptr<void> listen(std::string_view name, Listener listener);
 
   private:
     struct Name {
         std::string name;
         std::uint64_t state = 0;
         std::uint64_t posts = 0;
-        std::list<std::weak_ptr<Listener>> listeners;
     };
 
     /// Adds the name when it is new.

@@ -8,26 +8,11 @@
 
 namespace appsync::device {
 
-class StoreClient::Library final : public MWSoftwareLibrary {
-  public:
-    explicit Library(StoreClient& client) : _client(client) {}
-    void refreshReceiptsWithCompletionBlock(std::function<void(const ErrorPtr& error)> completion) noexcept override {
-        _client._refreshInBackground(std::move(completion));
-    }
-
-  private:
-    StoreClient& _client;
-};
-
 StoreClient::~StoreClient() {
     _underWay.wait();
 }
 
-std::shared_ptr<MWSoftwareLibrary> StoreClient::init() noexcept {
-    return std::make_shared<Library>(*this);
-}
-
-void StoreClient::_refreshInBackground(std::function<void(const ErrorPtr&)> completion) {
+void StoreClient::refreshReceiptsWithCompletionBlock(std::function<void(const ErrorPtr&)> completion) noexcept {
     _underWay.enter();
     _thread.addOperation([this, completion = std::move(completion)] {
         completion(refreshReceipts().error());

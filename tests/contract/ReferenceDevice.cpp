@@ -10,6 +10,7 @@
 #include "host/transfer/TransferQueue.h"
 #include "tests/contract/Contract.h"
 #include "tests/device/archive/ArchiveBuilder.h"
+#include "tests/device/log/Records.h"
 #include "tests/device/root/TemporaryFolder.h"
 
 #include <csignal>
@@ -121,14 +122,14 @@ class ReferenceDevice final : public DeviceUnderTest {
     bool hasLogged(const std::string& text) override {
         _device->log().flush();
         bool isThere = false;
-        must(device::readLog(_device->files(), [&](const device::LogEntry& entry) {
+        must(device::LogCursor(_device->files()).readOn([&](const device::LogEntry& entry) {
             isThere = isThere || entry.text.find(text) != std::string::npos;
             return !isThere;
         }));
         return isThere;
     }
     std::size_t transactionsOf(const std::string& bundleID) override {
-        return must(_device->transactionLog().records(bundleID)).size();
+        return device::recordsOf(_device->transactionLog(), bundleID).size();
     }
 
     void putLink(const std::string& path, const std::string& target) override {

@@ -50,7 +50,7 @@ TEST_F(Leftovers, TheLogTellsWhyAPlaceholderCouldNotBeRemoved) {
     faults->failAt = -1;
     EXPECT_TRUE(device->registry().hasPlaceholder("com.example.a"));
     std::vector<std::string> errors;
-    const auto read = device::readLog(device->files(), [&errors](const device::LogEntry& entry) {
+    const auto read = device::LogCursor(device->files()).readOn([&errors](const device::LogEntry& entry) {
         if (entry.level == LogLevel::error) {
             errors.push_back(entry.text);
         }

@@ -7,6 +7,7 @@
 #include "host/view/SyncReport.h"
 #include "platform/Platform.h"
 #include "platform/host/Client.h"
+#include "tests/device/log/Records.h"
 #include "tests/host/SyncFixture.h"
 
 #include <dlfcn.h>
@@ -236,10 +237,9 @@ TEST_F(Sync, RecordsEveryStepInTheTransactionLog) {
     addApp("a");
     sync(ExitCode::done);
     const auto device = device::Device::open(deviceFolder());
-    const auto records = (*device)->transactionLog().records("com.example.a");
-    ASSERT_TRUE(records);
+    const auto records = device::recordsOf((*device)->transactionLog(), "com.example.a");
     std::vector<std::string> descriptions;
-    for (const auto& record : *records) {
+    for (const auto& record : records) {
         descriptions.push_back(record.description);
         EXPECT_TRUE(record.success);
     }

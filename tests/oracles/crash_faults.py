@@ -98,7 +98,7 @@ FAULTS = [
     Fault('the icons stand as *', 'device/screen/DeviceHomeScreen.cpp',
           'dataWithPropertyList(layout.propertyList(),', 'dataWithPropertyList(IconLayout{}.propertyList(),',
           crash('restore-coordinated', 'kill', **ONCE)),
-    Fault('* rows are left in coordinator', 'device/coordinator/CoordinatorEngine.cpp',
+    Fault('* rows are left in coordinator', 'device/coordinator/InstallCoordinator.cpp',
           '[this, state] { _passOver(*state, _store.remove(state->id)); }', '[] {}', crash('coordinated', 'kill', **ONCE)),
     Fault('the package of org.example.* was sent again', 'plugin/planning/OutstandingAssetTransfers.cpp',
           '!asset->isRestore ? packageOnly\n                                     : packageIsHere   ? dataOnly',

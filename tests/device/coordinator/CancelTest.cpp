@@ -1,7 +1,7 @@
 // Cancelling, prioritising and uninstalling while coordinators are open.
 #include "archive/InstallerError.h"
 #include "concurrency/Semaphore.h"
-#include "device/coordinator/CoordinatorEngine.h"
+#include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "tests/device/coordinator/CoordinatorTest.h"
 

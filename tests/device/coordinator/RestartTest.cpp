@@ -164,7 +164,7 @@ TEST_F(CoordinatorTest, OfTheOutcomesThatNobodyAskedForTheNewestAreKept) {
     const auto loaded = store.load(lastPromise, 2);
     ASSERT_TRUE(loaded);
     Lines left;
-    for (const CoordinatorStatePtr& state : *loaded) {
+    for (const auto& [id, state] : *loaded) {
         left.push_back(state->bundleID);
     }
     EXPECT_EQ(left, (Lines{"open", "two", "three"}));

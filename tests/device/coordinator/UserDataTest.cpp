@@ -5,13 +5,13 @@
 namespace appsync::device {
 namespace {
 
-class Restorer final : public UserDataRestorer {
+class Restorer final {
   public:
-    Result<void> restore(std::string_view bundleID) override {
+    Result<void> restore(std::string_view bundleID) {
         calls.push_back("restore " + std::string(bundleID) + (isThere && isThere() ? " of an app" : ""));
         return failure;
     }
-    void giveUp(std::string_view bundleID) override { calls.push_back("give up " + std::string(bundleID)); }
+    void giveUp(std::string_view bundleID) { calls.push_back("give up " + std::string(bundleID)); }
 
     Lines calls;
     ErrorPtr failure;
@@ -28,8 +28,14 @@ class UserData : public CoordinatorTest {
         restorer.isThere = [this] { return registry->isInstalled(A); };
     }
     void openCoordinator() {
-        coordinator = std::move(
-            *InstallCoordinator::open({device.files(), *registry, *device.database, propertyLists, &restorer}, true));
+        coordinator = std::move(*InstallCoordinator::open(
+            {.files = device.files(),
+             .registry = *registry,
+             .database = *device.database,
+             .propertyLists = propertyLists,
+             .restoreUserData = [this](std::string_view bundleID) { return restorer.restore(bundleID); },
+             .giveUpUserData = [this](std::string_view bundleID) { restorer.giveUp(bundleID); }},
+            true));
         connect();
     }
     /// All that a restore needs but the app's file.

@@ -17,7 +17,7 @@ class LogFileTest : public testing::Test {
     }
     [[nodiscard]] std::vector<LogEntry> entries() {
         std::vector<LogEntry> all;
-        EXPECT_TRUE(readLog(device.files(), [&](const LogEntry& entry) {
+        EXPECT_TRUE(LogCursor(device.files()).readOn([&](const LogEntry& entry) {
             all.push_back(entry);
             return true;
         }));
@@ -185,7 +185,7 @@ TEST_F(LogFileTest, ReadingStopsWhenTheVisitorHasEnough) {
     say(*log, "two");
     log.reset();
     int visited = 0;
-    EXPECT_TRUE(readLog(device.files(), [&](const LogEntry&) { return ++visited < 1; }));
+    EXPECT_TRUE(LogCursor(device.files()).readOn([&](const LogEntry&) { return ++visited < 1; }));
     EXPECT_EQ(visited, 1);
 }
 

@@ -250,11 +250,11 @@ class DemotedAppsTest : public testing::Test {
 TEST_F(DemotedAppsTest, AnAppIsOnOneListAndTheFileOutlastsTheProcess) {
     {
         DemotedApps demoted(device.files(), codec);
-        EXPECT_TRUE(demoted.add("a", false));
-        EXPECT_TRUE(demoted.add("b", true));
-        EXPECT_TRUE(demoted.add("a", true));
-        EXPECT_TRUE(demoted.remove("b"));
-        EXPECT_TRUE(demoted.remove("c"));
+        EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.put("a", false); }));
+        EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.put("b", true); }));
+        EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.put("a", true); }));
+        EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.take("b"); }));
+        EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.take("c"); }));
     }
     device.reopen();
     const DemotionLists lists = DemotedApps(device.files(), codec).lists();

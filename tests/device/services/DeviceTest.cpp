@@ -14,7 +14,6 @@
 #include "platform/Backup.h"
 #include "platform/Icons.h"
 #include "platform/InstallCoordinator.h"
-#include "platform/Platform.h"
 #include "platform/Process.h"
 #include "platform/Scheduler.h"
 #include "platform/Store.h"
@@ -22,6 +21,7 @@
 #include "platform/stubs/Stubs.h"
 #include "tests/concurrency/NoMoreThreads.h"
 #include "tests/device/archive/ArchiveBuilder.h"
+#include "tests/device/log/Records.h"
 #include "tests/device/root/Faults.h"
 #include "tests/device/root/TemporaryFolder.h"
 #include "tests/device/root/Tree.h"
@@ -87,12 +87,19 @@ TEST_F(DeviceTest, AnInstalledAppIsNotListedAsDemoted) {
     ArchiveRequest request;
     request.archivePath = "/tmp/a.zip";
     request.identifier = A;
-    ASSERT_TRUE(device->demotedApps().add(A, false));
+    ASSERT_TRUE(device->demotedApps().change([&](DemotionLists& lists) { lists.put(A, false); }));
     ASSERT_TRUE(device->registry().installArchive(request));
     EXPECT_FALSE(device->demotedApps().lists().contains(A));
-    ASSERT_TRUE(device->demotedApps().add(A, false)); // as a crash in the middle of demoting leaves it
+    ASSERT_TRUE(device->demotedApps().change(
+        [&](DemotionLists& lists) { lists.put(A, false); })); // as a crash in the middle of demoting leaves it
     reopen();
     EXPECT_FALSE(device->demotedApps().lists().contains(A));
+}
+
+TEST_F(DeviceTest, ItsProcessIsTheSyncHostWithTheDevicesTemporaryDirectory) {
+    create();
+    EXPECT_EQ(platform().process.mainBundleIdentifier(), "com.zuvex.qrd");
+    EXPECT_EQ(platform().process.temporaryDirectory(), "/tmp");
 }
 
 TEST_F(DeviceTest, ANewDeviceIsEmptyAndAllowsEverything) {
@@ -275,7 +282,7 @@ TEST_F(DeviceTest, AFailureAfterWhichItGoesOnIsLogged) {
     PlaceholderRequest request;
     request.identifier = A;
     ASSERT_TRUE(device->registry().installPlaceholder(request));
-    ASSERT_TRUE(device->demotedApps().add(A, false));
+    ASSERT_TRUE(device->demotedApps().change([&](DemotionLists& lists) { lists.put(A, false); }));
     faults->failBelow = {paths::demotedApps};
     EXPECT_TRUE(device->registry().uninstall(A, RemovalReason::person, RemovalScope::everything));
     const std::string path = device->root().hostPath(logFilePath);
@@ -297,7 +304,7 @@ TEST_F(DeviceTest, LogsAreWrittenWhenItCloses) {
     const std::string content = readHostFile(path);
     EXPECT_NE(content.find(" standard SyncBundle hello\n"), std::string::npos) << content;
     EXPECT_NE(content.find(" standard s/c scenario \"S\" for com.example.a: d\n"), std::string::npos) << content;
-    EXPECT_EQ(device->transactionLog().records()->size(), 1U);
+    EXPECT_EQ(recordsOf(device->transactionLog()).size(), 1U);
 }
 
 TEST_F(DeviceTest, CanBeLookedAtWhileAnotherHasItAndIsNotChangedByThat) {

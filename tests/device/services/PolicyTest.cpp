@@ -1,5 +1,4 @@
 #include "device/services/DevicePolicy.h"
-#include "device/services/DeviceProcess.h"
 #include "tests/device/root/Faults.h"
 #include "tests/device/services/OpenRoot.h"
 
@@ -41,7 +40,7 @@ TEST_F(DevicePolicyTest, ASettingCanBeUnsetAgain) {
         EXPECT_EQ(policy->value("s"), OLBoolValue::unset);
     }
     device.reopen();
-    EXPECT_EQ(open()->value("s"), OLBoolValue::unset);
+    EXPECT_EQ(open()->effectiveBoolValueForSetting("s"), OLBoolValue::unset);
 }
 
 TEST_F(DevicePolicyTest, ASettingThatCannotBeWrittenStaysAsItWas) {
@@ -62,13 +61,7 @@ TEST_F(DevicePolicyTest, ADamagedRowCountsAsUnset) {
         transaction.run("INSERT INTO policy VALUES ('s', 99)");
         ASSERT_TRUE(transaction.commit());
     }
-    EXPECT_EQ(open()->value("s"), OLBoolValue::unset);
-}
-
-TEST(DeviceProcess, IsTheSyncHostWithTheDevicesTemporaryDirectory) {
-    DeviceProcess process;
-    EXPECT_EQ(process.mainBundleIdentifier(), "com.zuvex.qrd");
-    EXPECT_EQ(process.temporaryDirectory(), "/tmp");
+    EXPECT_EQ(open()->effectiveBoolValueForSetting("s"), OLBoolValue::unset);
 }
 
 } // namespace
