@@ -49,8 +49,7 @@ void settle(DemotionLists& lists, const std::set<std::string>& expected, const s
 
 Result<pid_t> Device::launch(std::string_view identifier, bool busy) {
     const auto refuse = [&](ProcessError code, const std::string& reason) {
-        return makeError(processErrorDomain, static_cast<std::int64_t>(code),
-                         std::string(identifier) + " cannot be launched: " + reason);
+        return makeProcessError(code, identifier, reason);
     };
     const auto app = _registry->application(identifier);
     if (!app || !app->isInstalled) {

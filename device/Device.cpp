@@ -5,7 +5,6 @@
 #include "device/log/TransactionLog.h"
 #include "device/processes/ProcessTable.h"
 #include "device/registry/ApplicationWorkspace.h"
-#include "device/registry/UninstalledList.h"
 #include "device/screen/AppBundles.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/screen/DeviceIconRenderer.h"
@@ -150,7 +149,6 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
     }
     _followRegistry();
     _workspace = std::make_unique<ApplicationWorkspace>(*_registry, _log.get(), _coordinationIsEnabled);
-    _uninstalledList = std::make_unique<UninstalledList>(*_database);
     _store = std::make_unique<StoreClient>(files(), *_registry, *_propertyLists);
     _processes = std::make_unique<ProcessTable>(*_root);
     _bundles = std::make_unique<AppBundles>(files(), *_propertyLists);
@@ -199,7 +197,7 @@ Platform Device::platform(QRDeviceServiceClass& deviceService, QRErrorClassifica
         .propertyLists = *_propertyLists,
         .workspaces = *_workspace,
         .applicationProxies = *_workspace,
-        .installationService = *_uninstalledList,
+        .installationService = *_registry,
         .coordinators = installs.coordinators,
         .initiatingCoordinators = installs.initiatingCoordinators,
         .updatingCoordinators = installs.updatingCoordinators,

@@ -38,7 +38,6 @@ class ProcessTable;
 class StoreClient;
 class TimerScheduler;
 class TransactionLog;
-class UninstalledList;
 struct CoordinatorServices;
 
 inline constexpr std::string_view deviceErrorDomain = "Device";
@@ -103,8 +102,6 @@ class Device {
     [[nodiscard]] DemotedApps& demotedApps() noexcept { return *_demotedApps; }
     /// Apps, placeholders, installs under way.
     [[nodiscard]] Registry& registry() noexcept { return *_registry; }
-    /// What a person has removed.
-    [[nodiscard]] UninstalledList& uninstalledList() noexcept { return *_uninstalledList; }
     /// Receipts.
     [[nodiscard]] StoreClient& store() noexcept { return *_store; }
     /// Names with a state.
@@ -158,7 +155,6 @@ class Device {
     std::unique_ptr<DemotedApps> _demotedApps;
     std::unique_ptr<Registry> _registry;
     std::unique_ptr<ApplicationWorkspace> _workspace;
-    std::unique_ptr<UninstalledList> _uninstalledList;
     std::unique_ptr<StoreClient> _store;
     std::unique_ptr<NotificationNames> _notifications;
     std::unique_ptr<DeviceNotificationCenter> _notificationCenter;

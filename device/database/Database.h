@@ -9,12 +9,12 @@
 
 #include <concepts>
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -166,10 +166,6 @@ class Database {
     [[nodiscard]] bool isReadOnly() const noexcept { return _isReadOnly; }
 
   private:
-    struct TextHash : std::hash<std::string_view> {
-        using is_transparent = void;
-    };
-
     Database(Descriptor folder, Root& root, bool isReadOnly);
     [[nodiscard]] static Result<std::unique_ptr<Database>> _make(Root& root, bool isReadOnly);
     void _open(const std::string& path) noexcept;
@@ -203,7 +199,7 @@ class Database {
     const bool _isReadOnly;
     Mutex _mutex; // held by the present transaction, which alone uses the rest
     sqlite3* _handle = nullptr;
-    std::unordered_map<std::string, std::vector<sqlite3_stmt*>, TextHash, std::equal_to<>> _idleStatements;
+    std::map<std::string, std::vector<sqlite3_stmt*>, std::less<>> _idleStatements; // by their text
     ErrorPtr _failure; // the first of the present transaction
     Durability _durability = Durability::ordinary;
 };

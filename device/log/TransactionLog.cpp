@@ -20,8 +20,7 @@ constexpr std::string_view schema[] = {
 /// How long the writer lets records come together, and how many it does not let wait.
 constexpr std::chrono::milliseconds gatheringTime{20};
 constexpr std::size_t gatheredRecords = 256;
-/// How long the writer waits after a failure. What comes together meanwhile is bounded.
-constexpr std::chrono::milliseconds retryTime{1000};
+/// What comes together while it cannot be written is bounded.
 constexpr std::size_t maxWaiting = 20'000;
 
 std::int64_t now() {
@@ -66,7 +65,6 @@ Result<std::unique_ptr<TransactionLog>> TransactionLog::open(Database& database,
     if (!log->_writer.start()) {
         return makeNoThreadError("the transaction log");
     }
-    log->_writer.addOperation([&writing = *log] { writing._writeInBackground(); });
     return log;
 }
 
@@ -113,8 +111,11 @@ void TransactionLog::_append(TransactionRecord record) {
         const Lock lock(_mutex);
         log = _log;
         _waiting.push_back(std::move(record));
-        if (_waiting.size() == 1 || _waiting.size() == gatheredRecords) {
+        if (_waiting.size() == gatheredRecords) {
             _changed.notifyOne();
+        }
+        if (!std::exchange(_isScheduled, true)) {
+            _writer.addOperation([this] { _writeSoon(); });
         }
     }
     if (_mirror && log) {
@@ -141,26 +142,16 @@ Result<void> TransactionLog::flush() {
     return written;
 }
 
-void TransactionLog::_writeInBackground() {
-    for (bool isWritten = true; _waitForRecords(isWritten);) {
-        isWritten = bool(flush());
+/// Lets records come together, and writes them. What cannot be written is tried again with the next record.
+void TransactionLog::_writeSoon() {
+    {
+        const Lock lock(_mutex);
+        const auto gathered = std::chrono::steady_clock::now() + gatheringTime;
+        while (!_stopped && _waiting.size() < gatheredRecords && _changed.waitUntil(_mutex, gathered)) {
+        }
+        _isScheduled = false;
     }
-}
-
-/// Waits until records have come together; after a failure for a while longer. False at the end of the log.
-bool TransactionLog::_waitForRecords(bool isWritten) {
-    using Clock = std::chrono::steady_clock;
-    const Lock lock(_mutex);
-    const auto retry = Clock::now() + retryTime;
-    while (!isWritten && !_stopped && _changed.waitUntil(_mutex, retry)) {
-    }
-    while (!_stopped && _waiting.empty()) {
-        _changed.wait(_mutex);
-    }
-    const auto gathered = Clock::now() + gatheringTime;
-    while (!_stopped && _waiting.size() < gatheredRecords && _changed.waitUntil(_mutex, gathered)) {
-    }
-    return !_stopped;
+    (void)flush();
 }
 
 Result<void> TransactionLog::_write(const std::vector<TransactionRecord>& records) {

@@ -70,8 +70,7 @@ class TransactionLog final : public AITransactionLog {
         : _database(database), _mirror(mirror), _capacity(capacity) {}
 
     void _append(TransactionRecord record) EXCLUDES(_mutex);
-    void _writeInBackground();
-    [[nodiscard]] bool _waitForRecords(bool isWritten) EXCLUDES(_mutex);
+    void _writeSoon() EXCLUDES(_mutex);
     [[nodiscard]] Result<void> _write(const std::vector<TransactionRecord>& records);
 
     Database& _database;
@@ -82,6 +81,7 @@ class TransactionLog final : public AITransactionLog {
     Condition _changed;
     SystemLogPtr _log GUARDED_BY(_mutex);
     std::vector<TransactionRecord> _waiting GUARDED_BY(_mutex);
+    bool _isScheduled GUARDED_BY(_mutex) = false;
     bool _stopped GUARDED_BY(_mutex) = false;
     OperationQueue _writer{1};
 };

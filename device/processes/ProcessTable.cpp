@@ -60,12 +60,12 @@ bool waitUntilFree(int record, std::chrono::milliseconds maxWait) {
     return true;
 }
 
-ErrorPtr processError(ProcessError code, std::string_view identifier, const std::string& reason) {
+} // namespace
+
+ErrorPtr makeProcessError(ProcessError code, std::string_view identifier, const std::string& reason) {
     return makeError(processErrorDomain, static_cast<std::int64_t>(code),
                      std::string(identifier) + " cannot be launched: " + reason);
 }
-
-} // namespace
 
 std::string busyPath(std::string_view identifier) {
     return std::string(runFolder) + "/" + busyName(identifier);
@@ -79,19 +79,19 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
     }
     const Descriptor record = isBundleIdentifier(identifier) ? _openRecord(identifier, O_RDWR | O_CREAT) : Descriptor();
     if (!record.isOpen()) {
-        return processError(ProcessError::cannotBeStarted, identifier, "its record cannot be written");
+        return makeProcessError(ProcessError::cannotBeStarted, identifier, "its record cannot be written");
     }
     if (!takeLock(record.get())) {
-        return processError(ProcessError::runsAlready, identifier, "it runs already");
+        return makeProcessError(ProcessError::runsAlready, identifier, "it runs already");
     }
     // Asked for with the lock in hand: who holds the app now has seen the lock, or will not look for it any more.
-    if (_isHeld(identifier)) {
-        return processError(ProcessError::beingReplaced, identifier,
-                            "it is being replaced; try again when that is done");
+    if (const Lock lock(_mutex); _held.contains(identifier)) {
+        return makeProcessError(ProcessError::beingReplaced, identifier,
+                                "it is being replaced; try again when that is done");
     }
     // The number of a process that has ended may be another's by now.
     if (::ftruncate(record.get(), 0) != 0) {
-        return processError(ProcessError::cannotBeStarted, identifier, "its record: " + systemText(errno));
+        return makeProcessError(ProcessError::cannotBeStarted, identifier, "its record: " + systemText(errno));
     }
     if (const auto set = _setBusy(identifier, request.busy); !set) {
         return set.error();
@@ -101,11 +101,9 @@ Result<pid_t> ProcessTable::launch(const LaunchRequest& request) {
         return folder.error();
     }
     const auto process = spawnDetached(
-        {.executable = request.executable,
-         .folder = request.dataFolder,
-         .variables = {"HOME=" + request.dataFolder, "APP_BUSY_FILE=" + *folder + "/" + busyName(identifier)},
-         .record = record.get()});
-    return process ? process : processError(ProcessError::cannotBeStarted, identifier, errorText(process.error()));
+        request.executable, request.dataFolder,
+        {"HOME=" + request.dataFolder, "APP_BUSY_FILE=" + *folder + "/" + busyName(identifier)}, record.get());
+    return process ? process : makeProcessError(ProcessError::cannotBeStarted, identifier, errorText(process.error()));
 }
 
 bool ProcessTable::isRunning(std::string_view identifier) {
@@ -118,7 +116,10 @@ RunningApps::Answer ProcessTable::endAndHold(std::string_view identifier) noexce
     if (!record.isOpen()) {
         return Answer::notRunning;
     }
-    _hold(identifier); // before the look, so that the app cannot be launched after it
+    {
+        const Lock lock(_mutex);
+        _held.emplace(identifier); // before the look, so that the app cannot be launched after it
+    }
     const Answer answer = _endIfIdle(identifier, record.get());
     if (answer != Answer::ended) {
         letGo(identifier);
@@ -131,11 +132,6 @@ RunningApps::Answer ProcessTable::_endIfIdle(std::string_view identifier, int re
         return Answer::notRunning;
     }
     return !_root.files().fileExists(busyPath(identifier)) && _end(record) ? Answer::ended : Answer::busy;
-}
-
-void ProcessTable::_hold(std::string_view identifier) {
-    const Lock lock(_mutex);
-    _held.emplace(identifier);
 }
 
 void ProcessTable::letGo(std::string_view identifier) noexcept {
@@ -168,11 +164,6 @@ bool ProcessTable::_end(int record) const {
     }
     ::kill(-group, SIGKILL);
     return waitUntilFree(record, _grace);
-}
-
-bool ProcessTable::_isHeld(const std::string& identifier) {
-    const Lock lock(_mutex);
-    return _held.contains(identifier);
 }
 
 Result<void> ProcessTable::_setBusy(const std::string& identifier, bool busy) {

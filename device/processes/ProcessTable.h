@@ -33,6 +33,8 @@ enum class ProcessError : std::int64_t {
     inUse = 7,           // it is busy and cannot be ended now
 };
 
+/// Why an app cannot be launched.
+[[nodiscard]] ErrorPtr makeProcessError(ProcessError code, std::string_view identifier, const std::string& reason);
 /// The file by which an app holds itself busy.
 [[nodiscard]] std::string busyPath(std::string_view bundleIdentifier);
 
@@ -63,8 +65,6 @@ class ProcessTable final : public RunningApps {
     [[nodiscard]] Descriptor _openRecord(std::string_view identifier, int flags);
     [[nodiscard]] bool _end(int record) const;
     [[nodiscard]] Answer _endIfIdle(std::string_view identifier, int record);
-    void _hold(std::string_view identifier);
-    [[nodiscard]] bool _isHeld(const std::string& identifier);
     [[nodiscard]] Result<void> _setBusy(const std::string& identifier, bool busy);
 
     Root& _root;

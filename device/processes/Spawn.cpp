@@ -37,8 +37,8 @@ struct Prepared {
     ::_exit(127);
 }
 
-ErrorPtr spawnError(int failed, const SpawnRequest& request) {
-    return makeError(posixErrorDomain, failed, request.executable + ": " + systemText(failed), request.executable);
+ErrorPtr spawnError(int failed, const std::string& executable) {
+    return makeError(posixErrorDomain, failed, executable + ": " + systemText(failed), executable);
 }
 
 bool writeNumber(int file, pid_t number) {
@@ -82,17 +82,17 @@ bool writeNumber(int file, pid_t number) {
 
 } // namespace
 
-Result<pid_t> spawnDetached(const SpawnRequest& request) {
+Result<pid_t> spawnDetached(const std::string& executable, const std::string& folder,
+                            std::vector<std::string> variables, int record) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return spawnError(errno, request);
+        return spawnError(errno, executable);
     }
     const Descriptor reading(ends[0]);
     Descriptor writing(ends[1]);
-    std::vector<std::string> variables = request.variables;
     const char* path = std::getenv("PATH");
     variables.push_back(std::string("PATH=") + (path ? path : "/usr/bin:/bin"));
-    Prepared prepared{request.executable.c_str(), request.folder.c_str(), {}, request.record, writing.get()};
+    Prepared prepared{executable.c_str(), folder.c_str(), {}, record, writing.get()};
     for (std::string& variable : variables) {
         prepared.variables.push_back(variable.data());
     }
@@ -101,7 +101,7 @@ Result<pid_t> spawnDetached(const SpawnRequest& request) {
     // A process between the two ends at once, so that the new one has no parent that must wait for it.
     const pid_t between = ::fork();
     if (between < 0) {
-        return spawnError(errno, request);
+        return spawnError(errno, executable);
     }
     if (between == 0) {
         const pid_t child = ::fork();
@@ -122,14 +122,14 @@ Result<pid_t> spawnDetached(const SpawnRequest& request) {
     Report report;
     for (ssize_t length = 0; (length = ::read(reading.get(), &report, sizeof report)) != 0;) {
         if (length < 0 && errno != EINTR) {
-            return spawnError(errno, request);
+            return spawnError(errno, executable);
         }
         if (length == sizeof report) {
             failed = report.failed;
             process = report.process != 0 ? report.process : process;
         }
     }
-    return failed == 0 ? Result(process) : spawnError(failed, request);
+    return failed == 0 ? Result(process) : spawnError(failed, executable);
 }
 
 } // namespace appsync::device

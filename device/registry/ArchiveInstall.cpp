@@ -2,7 +2,6 @@
 #include "archive/InstallerError.h"
 #include "device/archive/Extraction.h"
 #include "device/registry/Registry.h"
-#include "device/registry/UninstalledList.h"
 #include "device/root/Container.h"
 #include "device/root/DeviceFileSystem.h"
 #include "timeline/Timeline.h"
@@ -107,7 +106,7 @@ class Registry::ArchiveInstall {
         const auto entered = _registry._enter(container, Durability::durable, [this](auto& transaction) {
             RegistryTable::write(transaction, *_record, _arrival);
             RegistryTable::erase(transaction, _record->identifier, true);
-            UninstalledList::remove(transaction, _record->identifier);
+            transaction.run(RegistryTable::removeUninstalled, _record->identifier);
         });
         return entered ? entered : _failure(entered.error());
     }
@@ -147,7 +146,7 @@ Result<void> Registry::installArchive(const ArchiveRequest& request) {
     auto installed = ArchiveInstall(*this, request, cancellation.get_token(), report).run();
     const bool isCancelled = isError(installed.error(), TVInstallerErrorDomain, InstallerError::cancelled);
     shown->end(installed ? PDInstallStateFinished : isCancelled ? PDInstallStateCanceled : PDInstallStateFailed);
-    if (installed && _follower.wasInstalled) {
+    if (installed) {
         _follower.wasInstalled(request.identifier);
     }
     // After a failure a placeholder goes on showing how its install ended.

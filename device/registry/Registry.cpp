@@ -2,7 +2,6 @@
 
 #include "archive/EntryPath.h"
 #include "archive/InstallerError.h"
-#include "device/registry/UninstalledList.h"
 #include "device/root/Container.h"
 #include "device/root/Paths.h"
 #include "device/root/Root.h"
@@ -104,10 +103,7 @@ Result<void> Registry::_load() {
             return _makeFailure("open the application registry", error, folder);
         }
     }
-    if (auto loaded = _table.load(_database); !loaded) {
-        return loaded;
-    }
-    return UninstalledList::registerSchema(_database);
+    return _table.load(_database);
 }
 
 Result<void> Registry::_checkIdentifier(std::string_view identifier) {

@@ -13,6 +13,7 @@
 #include "device/registry/Installs.h"
 #include "device/registry/RegistryTable.h"
 #include "device/root/DiskRoom.h"
+#include "platform/InstallationService.h"
 
 namespace appsync {
 class PropertyListSerialization;
@@ -83,9 +84,11 @@ struct Application {
 struct RegistryFollower {
     /// The install type of the placeholder that a demoted app has; nullopt for an app that is not demoted. May be asked
     /// at any time.
-    std::function<std::optional<std::uint64_t>(std::string_view identifier)> demotion = nullptr;
-    std::function<void(std::string_view identifier)> wasInstalled = nullptr; // from an archive
-    std::function<void(std::string_view identifier)> isGone = nullptr;       // with its data
+    std::function<std::optional<std::uint64_t>(std::string_view identifier)> demotion = [](auto) {
+        return std::nullopt;
+    };
+    std::function<void(std::string_view identifier)> wasInstalled = [](auto) {}; // from an archive
+    std::function<void(std::string_view identifier)> isGone = [](auto) {};       // with its data
 };
 
 struct RegistryOptions {
@@ -94,13 +97,13 @@ struct RegistryOptions {
 
 /// Any operation may be called on any thread at any time; those that install or remove wait for the disk, and several
 /// may run at once. Errors are of `TVInstallerErrorDomain` (archive/InstallerError.h) unless stated.
-class Registry {
+class Registry final : public TevrinInstallationService {
   public:
     /// Reads what the database knows. The root, the database and the property lists must outlive the registry.
     [[nodiscard]] static Result<std::unique_ptr<Registry>>
     open(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options = {});
     /// Waits for a running call of an observer. No other operation may be running.
-    ~Registry() = default;
+    ~Registry() override = default;
     Registry(const Registry&) = delete;
     Registry& operator=(const Registry&) = delete;
 
@@ -129,6 +132,14 @@ class Registry {
     /// the placeholder goes stays when a sync removes it: a later install finds it again. A demoted app whose return is
     /// taken back or cancelled is demoted again.
     [[nodiscard]] Result<void> uninstall(std::string_view identifier, RemovalReason reason, RemovalScope scope);
+
+    // The list of apps that a person removed from the device, kept until the desktop has heard of it.
+
+    /// Values are the dates of removal.
+    [[nodiscard]] std::optional<Dictionary> TevrinLookupUninstalled(const Dictionary* options) noexcept override;
+    /// What is no string is passed over. A failure's number is that of the database (`DatabaseError`).
+    [[nodiscard]] int TevrinClearUninstalled(const Array& bundleIdentifiers,
+                                             const Dictionary* options) noexcept override;
 
     // Installs under way.
 

@@ -28,6 +28,9 @@ CREATE TABLE applications (
 CREATE TABLE application_removals (path TEXT PRIMARY KEY) WITHOUT ROWID;
 )"};
 
+constexpr std::array<std::string_view, 1> uninstalledSchema{
+    "CREATE TABLE uninstalled (identifier TEXT PRIMARY KEY, removed_at REAL NOT NULL) WITHOUT ROWID"};
+
 } // namespace
 
 std::string RegistryRecord::containerPath() const {
@@ -35,8 +38,11 @@ std::string RegistryRecord::containerPath() const {
 }
 
 Result<void> RegistryTable::load(Database& database) {
-    if (auto registered = database.registerSchema("registry", schema); !registered) {
-        return registered;
+    for (const auto& [service, steps] :
+         {std::pair("registry", schema), std::pair("uninstalled list", uninstalledSchema)}) {
+        if (auto registered = database.registerSchema(service, steps); !registered) {
+            return registered;
+        }
     }
     const auto add = [this](const Database::Rows& row) {
         RegistryRecord record;

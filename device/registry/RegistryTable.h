@@ -79,6 +79,10 @@ class RegistryTable {
     // Folders that are to go although no record names them any more.
     static void addRemoval(Database::Transaction& transaction, std::string_view path);
     static constexpr std::string_view endRemoval = "DELETE FROM application_removals WHERE path = ?";
+    // Apps that a person has removed. Julian day 2451910.5 is 2001-01-01, where dates of property lists begin.
+    static constexpr std::string_view addUninstalled =
+        "INSERT OR REPLACE INTO uninstalled VALUES (?, (julianday('now') - 2451910.5) * 86400.0)";
+    static constexpr std::string_view removeUninstalled = "DELETE FROM uninstalled WHERE identifier = ?";
 
   private:
     App& _put(const RegistryRecordPtr& record, std::int64_t arrival) REQUIRES(_mutex);

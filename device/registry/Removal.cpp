@@ -2,7 +2,6 @@
 #include "archive/AppInArchive.h"
 #include "archive/InstallerError.h"
 #include "device/registry/Registry.h"
-#include "device/registry/UninstalledList.h"
 #include "device/root/DeviceFileSystem.h"
 #include "device/root/Paths.h"
 #include "device/root/Tree.h"
@@ -66,7 +65,7 @@ bool Registry::cancelInstall(std::string_view identifier) {
 /// What an app becomes again whose placeholder stands for its return; nullopt for one that was not demoted.
 std::optional<std::uint64_t> Registry::_typeToFallBackTo(const RegistryTable::App& app) const {
     const bool isReturning = app.placeholder && !app.installed && !app.placeholder->isDemoted();
-    return isReturning && _follower.demotion ? _follower.demotion(app.placeholder->identifier) : std::nullopt;
+    return isReturning ? _follower.demotion(app.placeholder->identifier) : std::nullopt;
 }
 
 /// The placeholder stays, and with it the app's data; it stands for no install any more.
@@ -109,7 +108,7 @@ Result<void> Registry::_remove(const RegistryTable::App& app, bool removesApp, b
         if (removesApp) {
             RegistryTable::erase(transaction, identifier, false);
             if (reason == RemovalReason::person) {
-                UninstalledList::add(transaction, identifier);
+                transaction.run(RegistryTable::addUninstalled, identifier);
             }
         }
         if (removesData) {
@@ -128,7 +127,7 @@ Result<void> Registry::_remove(const RegistryTable::App& app, bool removesApp, b
         _table.remove(*app.installed);
         _files.removeItem(app.installed->containerPath(), nullptr);
     }
-    if (removesAll && _follower.isGone) {
+    if (removesAll) {
         _follower.isGone(identifier);
     }
     _announcer.announceChange();
@@ -151,6 +150,25 @@ Result<void> Registry::_endRemoval(const std::string& path) {
         _files.removeItem(aside, nullptr); // what stays is cleared away at the next start
     }
     return committed ? Result<void>() : _makeFailure("remove " + path, committed.error(), path);
+}
+
+std::optional<Dictionary> Registry::TevrinLookupUninstalled(const Dictionary* /*options*/) noexcept {
+    Dictionary apps;
+    const auto read = _database.read([&](const Database::Rows& row) { apps.insert(row.text(0), Date{row.real(1)}); },
+                                     "SELECT identifier, removed_at FROM uninstalled ORDER BY removed_at, identifier");
+    return read ? std::optional(std::move(apps)) : std::nullopt;
+}
+
+/// Durable, so that the desktop does not hear of a deletion twice.
+int Registry::TevrinClearUninstalled(const Array& bundleIdentifiers, const Dictionary* /*options*/) noexcept {
+    Database::Transaction transaction(_database, Durability::durable);
+    for (const Value& identifier : bundleIdentifiers) {
+        if (const auto text = identifier.string()) {
+            transaction.run(RegistryTable::removeUninstalled, *text);
+        }
+    }
+    const auto committed = transaction.commit();
+    return committed ? 0 : static_cast<int>(committed.error()->code());
 }
 
 Result<void> Registry::settle() {

@@ -180,36 +180,30 @@ Result<void> writeMarker(DeviceFileSystem& files, const std::string& folder) {
                      : systemError(static_cast<int>(error->code()), folder, "cannot create a device in");
 }
 
-} // namespace
-
-/// From when it is opened the descriptor is the device, whatever becomes of the path.
-struct Root::HostFolder {
-    Descriptor opened;
-    std::string path; // absolute, without symbolic links
-
-    static Result<HostFolder> open(const std::string& folder) {
-        Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (opened.isOpen()) {
-            std::string path = hostPathOf(opened.get());
-            return HostFolder{std::move(opened), std::move(path)};
-        }
-        if (errno == ENOENT || errno == ENOTDIR) {
-            return rootError(RootError::noSuchFolder, folder,
-                             "there is no folder " + folder + "; name an existing device, or create one first");
-        }
-        return systemError(errno, folder, "cannot open the device");
+/// The folder on this machine. From when it is opened the descriptor is the device, whatever becomes of the path.
+Result<Descriptor> openHostFolder(const std::string& folder) {
+    Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.isOpen()) {
+        return opened;
     }
-};
+    if (errno == ENOENT || errno == ENOTDIR) {
+        return rootError(RootError::noSuchFolder, folder,
+                         "there is no folder " + folder + "; name an existing device, or create one first");
+    }
+    return systemError(errno, folder, "cannot open the device");
+}
+
+} // namespace
 
 Result<std::unique_ptr<Root>> Root::create(const std::string& folder, std::shared_ptr<FaultPoint> faultPoint,
                                            std::string_view purpose) {
     std::error_code failed;
     std::filesystem::create_directories(folder, failed);
-    auto host = HostFolder::open(folder);
+    auto host = openHostFolder(folder);
     if (!host) {
         return failed ? systemError(failed.value(), folder, "cannot create the folder") : host.error();
     }
-    DeviceFileSystem files(Descriptor(::fcntl(host->opened.get(), F_DUPFD_CLOEXEC, 0)), faultPoint);
+    DeviceFileSystem files(Descriptor(::fcntl(host->get(), F_DUPFD_CLOEXEC, 0)), faultPoint);
     if (const auto written = writeMarker(files, folder); !written) {
         return written.error();
     }
@@ -218,7 +212,7 @@ Result<std::unique_ptr<Root>> Root::create(const std::string& folder, std::share
 
 Result<std::unique_ptr<Root>> Root::open(const std::string& folder, std::shared_ptr<FaultPoint> faultPoint,
                                          std::string_view purpose) {
-    auto host = HostFolder::open(folder);
+    auto host = openHostFolder(folder);
     if (!host) {
         return host.error();
     }
@@ -226,46 +220,48 @@ Result<std::unique_ptr<Root>> Root::open(const std::string& folder, std::shared_
 }
 
 Result<std::unique_ptr<Root>> Root::look(const std::string& folder) {
-    auto host = HostFolder::open(folder);
+    auto host = openHostFolder(folder);
     if (!host) {
         return host.error();
     }
-    auto files = std::make_unique<DeviceFileSystem>(std::move(host->opened), std::make_shared<NoChanges>());
-    if (const auto checked = checkMarker(*files, host->path); !checked) {
+    std::string path = hostPathOf(host->get());
+    auto files = std::make_unique<DeviceFileSystem>(std::move(*host), std::make_shared<NoChanges>());
+    if (const auto checked = checkMarker(*files, path); !checked) {
         return checked.error();
     }
-    return std::unique_ptr<Root>(new Root(std::move(host->path), Descriptor(), std::move(files)));
+    return std::unique_ptr<Root>(new Root(std::move(path), Descriptor(), std::move(files)));
 }
 
 std::optional<DeviceOwner> Root::owner(const std::string& folder) {
-    auto host = HostFolder::open(folder);
+    auto host = openHostFolder(folder);
     if (!host) {
         return std::nullopt;
     }
-    DeviceFileSystem files(std::move(host->opened), nullptr);
+    DeviceFileSystem files(std::move(*host), nullptr);
     const auto lock = files.open(lockPath, O_RDONLY | O_NOFOLLOW);
     struct flock whole = wholeFile(); // asked for, not taken
     const bool isLocked = lock && ::fcntl(lock->get(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
     return isLocked ? std::optional(readOwner(lock->get())) : std::nullopt;
 }
 
-Result<std::unique_ptr<Root>> Root::_open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint,
+Result<std::unique_ptr<Root>> Root::_open(Descriptor host, std::shared_ptr<FaultPoint> faultPoint,
                                           std::string_view purpose) {
-    auto files = std::make_unique<DeviceFileSystem>(std::move(host.opened), std::move(faultPoint));
-    if (const auto checked = checkMarker(*files, host.path); !checked) {
+    std::string path = hostPathOf(host.get());
+    auto files = std::make_unique<DeviceFileSystem>(std::move(host), std::move(faultPoint));
+    if (const auto checked = checkMarker(*files, path); !checked) {
         return checked.error();
     }
-    auto lock = takeLock(*files, host.path, purpose);
+    auto lock = takeLock(*files, path, purpose);
     if (!lock) {
         return lock.error();
     }
-    if (const auto made = makeLayout(*files, host.path); !made) {
+    if (const auto made = makeLayout(*files, path); !made) {
         return made.error();
     }
-    for (const std::string_view path : writtenFolders) {
-        files->removeLeftovers(path);
+    for (const std::string_view folder : writtenFolders) {
+        files->removeLeftovers(folder);
     }
-    return std::unique_ptr<Root>(new Root(std::move(host.path), std::move(*lock), std::move(files)));
+    return std::unique_ptr<Root>(new Root(std::move(path), std::move(*lock), std::move(files)));
 }
 
 Result<std::string> Root::realPath(std::string_view devicePath) {

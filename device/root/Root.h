@@ -70,8 +70,7 @@ class Root {
     [[nodiscard]] std::string databasePath() const { return hostPath(databaseFile); }
 
   private:
-    struct HostFolder;
-    static Result<std::unique_ptr<Root>> _open(HostFolder host, std::shared_ptr<FaultPoint> faultPoint,
+    static Result<std::unique_ptr<Root>> _open(Descriptor host, std::shared_ptr<FaultPoint> faultPoint,
                                                std::string_view purpose);
     Root(std::string folder, Descriptor lock, std::unique_ptr<DeviceFileSystem> files)
         : _folder(std::move(folder)), _lock(std::move(lock)), _files(std::move(files)) {}

@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <optional>
+#include <vector>
 
 namespace appsync::device {
 
@@ -14,90 +16,73 @@ namespace {
 
 constexpr std::string_view temporaryPrefix = ".";
 constexpr std::string_view temporarySuffix = ".device-tmp";
-/// Folders deeper than this are not descended into one inside the other: each level holds a descriptor.
-constexpr int maxDepth = 32;
-
-int openFolder(int parent, const std::string& name, Descriptor& folder) {
-    return openBeneath(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW, folder);
-}
-
-/// Removes what is in a folder. Folders at the maximum depth are moved up into the first one, where a later round finds
-/// them.
+/// Removes a folder with all that is in it, of any depth, with few descriptors.
 class TreeRemover {
   public:
     TreeRemover(FaultPoint* faultPoint, std::string_view path) : _faultPoint(faultPoint), _path(path) {}
 
     int removeFolder(int parent, const std::string& name) {
-        do {
-            _movedUp = false;
-            Descriptor folder;
-            if (const int failed = _open(parent, name, folder)) {
-                return failed;
+        int failed = _enter(parent, name);
+        while (failed == 0 && !_names.empty()) {
+            std::optional<std::string> below;
+            failed = _removeFiles(below);
+            if (failed == 0) {
+                failed = below ? _enter(_folders.folder(), *below) : _leave(parent);
             }
-            _top = folder.get();
-            if (const int failed = _empty(std::move(folder), 0)) {
-                return failed;
-            }
-        } while (_movedUp);
-        return errnoOf(::unlinkat(parent, name.c_str(), AT_REMOVEDIR));
-    }
-
-  private:
-    static int _open(int parent, const std::string& name, Descriptor& folder) {
-        const int failed = openFolder(parent, name, folder);
-        if (failed == EACCES && ::fchmodat(parent, name.c_str(), 0700, 0) == 0) {
-            return openFolder(parent, name, folder);
         }
         return failed;
     }
 
-    int _empty(Descriptor folder, int depth) {
-        bool madeWritable = false;
-        FolderReader reader(std::move(folder));
+  private:
+    int _enter(int parent, const std::string& name) {
+        constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
+        Descriptor folder;
+        int failed = openBeneath(parent, name, flags, folder);
+        if (failed == EACCES && ::fchmodat(parent, name.c_str(), 0700, 0) == 0) {
+            failed = openBeneath(parent, name, flags, folder);
+        }
+        if (failed == 0 && (failed = _folders.enter(std::move(folder))) == 0) {
+            _names.push_back(name);
+        }
+        return failed == ENOENT ? 0 : failed;
+    }
+    /// Of the present folder, up to the first folder in it.
+    int _removeFiles(std::optional<std::string>& below) {
+        FolderReader reader(Descriptor(::fcntl(_folders.folder(), F_DUPFD_CLOEXEC, 0)));
+        reader.goTo(0);
         while (const auto entry = reader.next()) {
-            int failed = _removeEntry(reader.folder(), *entry, depth);
-            if (failed == EACCES && !madeWritable && ::fchmod(reader.folder(), 0700) == 0) {
-                madeWritable = true;
-                failed = _removeEntry(reader.folder(), *entry, depth);
+            if (entry->isFolder) {
+                below = entry->name;
+                return 0;
             }
-            if (failed != 0 && failed != ENOENT) {
+            if (const int failed = _unlink(_folders.folder(), std::string(entry->name), 0)) {
                 return failed;
             }
         }
         return reader.error();
     }
-
-    int _removeEntry(int folder, const FolderReader::Entry& entry, int depth) {
+    /// Goes up, and removes the folder that was left.
+    int _leave(int top) {
+        const std::string name = std::move(_names.back());
+        _names.pop_back();
+        const int failed = _folders.leave();
+        return failed != 0 ? failed : _unlink(_names.empty() ? top : _folders.folder(), name, AT_REMOVEDIR);
+    }
+    int _unlink(int folder, const std::string& name, int flags) {
         if (const int failed = beforeChange(_faultPoint, "unlink", _path)) {
             return failed;
         }
-        const std::string name(entry.name);
-        if (!entry.isFolder) {
-            if (::unlinkat(folder, name.c_str(), 0) == 0) {
-                return 0;
-            }
-            if (errno != EISDIR) {
-                return errno;
-            }
+        int failed = errnoOf(::unlinkat(folder, name.c_str(), flags));
+        if (failed == EACCES && ::fchmod(folder, 0700) == 0) {
+            failed = errnoOf(::unlinkat(folder, name.c_str(), flags));
         }
-        if (depth == maxDepth) {
-            _movedUp = true;
-            return errnoOf(::renameat(folder, name.c_str(), _top, makeTemporaryName().c_str()));
-        }
-        Descriptor below;
-        if (const int failed = _open(folder, name, below)) {
-            return failed;
-        }
-        if (const int failed = _empty(std::move(below), depth + 1)) {
-            return failed;
-        }
-        return errnoOf(::unlinkat(folder, name.c_str(), AT_REMOVEDIR));
+        return failed == ENOENT ? 0 : failed;
     }
 
     FaultPoint* _faultPoint;
     std::string_view _path;
-    int _top = -1;
-    bool _movedUp = false;
+    FolderPath _folders;
+    std::vector<std::string> _names; // of the folders that have been entered
 };
 
 class TemporaryFileRemover final : public TreeVisitor {

@@ -181,7 +181,7 @@ TEST_F(Crash, InRemovalLeavesTheAppWholeOrNothingOfIt) {
             const bool isThere = device.registry->isInstalled(identifier);
             EXPECT_FALSE(isThere && ended);
             EXPECT_EQ(device.files().fileExists(data), isThere);
-            EXPECT_EQ(device.uninstalled->TevrinLookupUninstalled(nullptr)->contains(identifier), !isThere);
+            EXPECT_EQ(device.registry->TevrinLookupUninstalled(nullptr)->contains(identifier), !isThere);
             if (isThere) {
                 expectWhole(device, "1.0");
             }

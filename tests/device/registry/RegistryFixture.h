@@ -5,7 +5,6 @@
 #include "device/database/Database.h"
 #include "device/registry/ApplicationWorkspace.h"
 #include "device/registry/Registry.h"
-#include "device/registry/UninstalledList.h"
 #include "device/root/Root.h"
 #include "propertylist/Codec.h"
 
@@ -27,7 +26,6 @@ class OpenDevice {
         root = take(Root::create(folder, {faults}));
         database = take(Database::open(*root));
         registry = take(Registry::open(*root, *database, codec, options));
-        uninstalled = std::make_unique<UninstalledList>(*database);
         workspace = std::make_unique<ApplicationWorkspace>(*registry);
     }
     DeviceFileSystem& files() const { return root->files(); }
@@ -36,7 +34,6 @@ class OpenDevice {
     std::unique_ptr<Root> root;
     std::unique_ptr<Database> database;
     std::unique_ptr<Registry> registry;
-    std::unique_ptr<UninstalledList> uninstalled;
     std::unique_ptr<ApplicationWorkspace> workspace;
 
   private:
@@ -94,7 +91,7 @@ class RegistryTest : public testing::Test {
         const auto data = files().readFile(path, nullptr);
         return data ? std::string(data->bytes()) : "(missing)";
     }
-    std::optional<Dictionary> removedApps() { return device->uninstalled->TevrinLookupUninstalled(nullptr); }
+    std::optional<Dictionary> removedApps() { return registry().TevrinLookupUninstalled(nullptr); }
     static std::int64_t code(InstallerError error) { return static_cast<std::int64_t>(error); }
 
     TemporaryFolder folder;

@@ -7,10 +7,10 @@ class UninstalledListTest : public RegistryTest {
   protected:
     void remember(const std::string& app) {
         Database::Transaction transaction(*device->database);
-        UninstalledList::add(transaction, app);
+        transaction.run(RegistryTable::addUninstalled, app);
         ASSERT_TRUE(transaction.commit());
     }
-    int clear(const Array& identifiers) { return device->uninstalled->TevrinClearUninstalled(identifiers, nullptr); }
+    int clear(const Array& identifiers) { return registry().TevrinClearUninstalled(identifiers, nullptr); }
 };
 
 TEST_F(UninstalledListTest, IsEmptyAtFirst) {

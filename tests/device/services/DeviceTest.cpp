@@ -4,7 +4,6 @@
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/database/Database.h"
 #include "device/log/TransactionLog.h"
-#include "device/registry/UninstalledList.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
 #include "device/services/DemotedApps.h"
@@ -328,7 +327,7 @@ TEST_F(DeviceTest, CanBeLookedAtWhileAnotherHasItAndIsNotChangedByThat) {
         EXPECT_FALSE((*looked)->registry().uninstall("x", RemovalReason::person, RemovalScope::everything));
         EXPECT_FALSE((*looked)->policy().set(OLFeatureAppRemovalAllowed, OLBoolValue::explicitlyNo));
         EXPECT_FALSE((*looked)->homeScreen().arrange({}));
-        EXPECT_NE((*looked)->uninstalledList().TevrinClearUninstalled({"x"}, nullptr), 0);
+        EXPECT_NE((*looked)->registry().TevrinClearUninstalled({"x"}, nullptr), 0);
     }
     EXPECT_EQ(Tree(folder.path(), "-shm"), before);
     EXPECT_EQ(device->registry().applications().size(), 1U);
