@@ -141,7 +141,7 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
         return failure;
     }
     _demotedApps = std::make_unique<DemotedApps>(files(), *_propertyLists);
-    if (!place(_registry, Registry::open(*_root, *_database, *_propertyLists, environment.registry))) {
+    if (!place(_registry, Registry::open(*_root, *_database, *_propertyLists))) {
         return failure;
     }
     if (const auto settled = looks ? Result<void>() : _registry->settle(); !settled) {

@@ -57,7 +57,6 @@ struct DeviceOptions {
 struct DeviceEnvironment {
     std::shared_ptr<FaultPoint> faultPoint = nullptr; // may be null
     std::string purpose = "another command";          // what others are told who find the device in use
-    RegistryOptions registry = {};
     LogLimits log = {};
     Timeline* timeline = nullptr; // of what it does; may be null, and must outlive the device
 };
@@ -79,42 +78,29 @@ class Device {
     [[nodiscard]] static Result<std::unique_ptr<Device>> look(const std::string& folder);
     /// Interrupts running installs, which go on when the device is opened again, and closes everything in order.
     ~Device();
-    Device(const Device&) = delete;
-    Device& operator=(const Device&) = delete;
 
     /// The device's services for a plug-in, beside the two of the host.
     [[nodiscard]] Platform platform(QRDeviceServiceClass& deviceService, QRErrorClassification& errorClassification);
 
-    // Its services, in the order in which they are opened; they are closed in the reverse order.
+    // Its services (their headers say more), in the order in which they are opened; they are closed in the reverse
+    // order.
 
     [[nodiscard]] Root& root() noexcept { return *_root; }
     [[nodiscard]] DeviceFileSystem& files() noexcept { return _root->files(); }
     [[nodiscard]] Database& database() noexcept { return *_database; }
     [[nodiscard]] PropertyListSerialization& propertyLists() noexcept { return *_propertyLists; }
     [[nodiscard]] LogFile& log() noexcept { return *_log; }
-    /// What was begun and ended for which app.
     [[nodiscard]] TransactionLog& transactionLog() noexcept { return *_transactionLog; }
-    /// What is allowed.
     [[nodiscard]] DevicePolicy& policy() noexcept { return *_policy; }
-    /// Data that waits to be restored.
     [[nodiscard]] BackupService& backup() noexcept { return *_backup; }
-    /// Apps without their bundle.
     [[nodiscard]] DemotedApps& demotedApps() noexcept { return *_demotedApps; }
-    /// Apps, placeholders, installs under way.
     [[nodiscard]] Registry& registry() noexcept { return *_registry; }
-    /// Receipts.
     [[nodiscard]] StoreClient& store() noexcept { return *_store; }
-    /// Names with a state.
     [[nodiscard]] NotificationNames& notifications() noexcept { return *_notifications; }
-    /// Notifications between processes.
     [[nodiscard]] DeviceNotificationCenter& notificationCenter() noexcept { return *_notificationCenter; }
-    /// The apps that run.
     [[nodiscard]] ProcessTable& processes() noexcept { return *_processes; }
-    /// The icon layout, and what there is to see.
     [[nodiscard]] DeviceHomeScreen& homeScreen() noexcept { return *_homeScreen; }
-    /// Installs through coordinators and promises.
     [[nodiscard]] InstallCoordinator& coordinator() noexcept { return *_coordinator; }
-    /// Work for later.
     [[nodiscard]] TimerScheduler& scheduler() noexcept { return *_scheduler; }
 
     /// Starts an installed app, as a tap on its icon would; the number of its process. `busy`: it begins busy. Errors

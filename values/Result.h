@@ -53,6 +53,14 @@ template <> class [[nodiscard]] Result<void> {
     ErrorPtr _error;
 };
 
+/// For operations that return whether they succeeded, and fill an error that may be null.
+template <class T> bool hasSucceeded(const Result<T>& outcome, ErrorPtr* error) noexcept {
+    if (!outcome && error) {
+        *error = outcome.error();
+    }
+    return bool(outcome);
+}
+
 /// Whether an error has this domain and this code of the domain's enumeration.
 template <class Code> [[nodiscard]] bool isError(const ErrorPtr& error, std::string_view domain, Code code) noexcept {
     return error && error->domain() == domain && error->code() == static_cast<std::int64_t>(code);

@@ -1,5 +1,4 @@
 // How a coordinator and its placeholder are configured: every change is checked, written down, and may lead to work.
-#include "device/coordinator/CoordinatorError.h"
 #include "device/coordinator/InstallCoordinator.h"
 
 namespace appsync::device {

@@ -1,20 +1,11 @@
 // What the clients of the install coordinator hold, and the services that hand it out. Each handle stands for a
 // coordinator, placeholder or promise; several may stand for the same one.
-#include "device/coordinator/CoordinatorError.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
 
 namespace appsync::device {
 
 namespace {
-
-/// Whether it is a success; else its error goes to `error` unless that is null.
-template <class T> bool hasSucceeded(const Result<T>& outcome, ErrorPtr* error) noexcept {
-    if (!outcome && error) {
-        *error = outcome.error();
-    }
-    return bool(outcome);
-}
 
 /// What all promise handles have beside their interface.
 class PromiseHolder {

@@ -1,6 +1,5 @@
 // What the steps of an install do outside of the coordinator's own state: registry, files, home screen.
 #include "archive/InstallerError.h"
-#include "device/coordinator/CoordinatorError.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
 #include "device/root/DeviceFileSystem.h"

@@ -151,16 +151,15 @@ Result<void> CoordinatorStore::insert(CoordinatorState& coordinator) {
 
 Result<void> CoordinatorStore::update(const CoordinatorState& coordinator) {
     const InstallOptionsRecord options = coordinator.facts.options.value_or(InstallOptionsRecord{});
-    Database::Transaction transaction(_database);
-    transaction.run("UPDATE coordinator SET hasOptions = ?2, installType = ?3, targetType = ?4, metadata = ?5,"
-                    " sinf = ?6, hasODR = ?7, responsible = ?8, placeholderInstalled = ?9, ending = ?10, error = ?11,"
-                    " cancelledBy = ?12 WHERE id = ?1",
-                    coordinator.id, coordinator.facts.options.has_value(), options.registryInstallType,
-                    options.installTargetType, options.metadata, options.sinf, coordinator.facts.hasODRPromises,
-                    coordinator.facts.responsibleClient, coordinator.facts.isPlaceholderInstalled,
-                    static_cast<int>(coordinator.facts.end), _bytesOf(coordinator.facts.error),
-                    coordinator.facts.cancelledBy);
-    return transaction.commit();
+    return _database.run(
+        Durability::ordinary,
+        "UPDATE coordinator SET hasOptions = ?2, installType = ?3, targetType = ?4, metadata = ?5,"
+        " sinf = ?6, hasODR = ?7, responsible = ?8, placeholderInstalled = ?9, ending = ?10, error = ?11,"
+        " cancelledBy = ?12 WHERE id = ?1",
+        coordinator.id, coordinator.facts.options.has_value(), options.registryInstallType, options.installTargetType,
+        options.metadata, options.sinf, coordinator.facts.hasODRPromises, coordinator.facts.responsibleClient,
+        coordinator.facts.isPlaceholderInstalled, static_cast<int>(coordinator.facts.end),
+        _bytesOf(coordinator.facts.error), coordinator.facts.cancelledBy);
 }
 
 Result<void> CoordinatorStore::updatePlaceholder(const CoordinatorState& coordinator) {
@@ -193,9 +192,7 @@ Result<void> CoordinatorStore::updatePromise(const CoordinatorState& coordinator
 }
 
 Result<void> CoordinatorStore::removePromise(std::uint64_t promise) {
-    Database::Transaction transaction(_database);
-    transaction.run("DELETE FROM coordinatorPromise WHERE id = ?1", promise);
-    return transaction.commit();
+    return _database.run(Durability::ordinary, "DELETE FROM coordinatorPromise WHERE id = ?1", promise);
 }
 
 Result<void> CoordinatorStore::updateToReport(const CoordinatorState& coordinator) {

@@ -1,7 +1,6 @@
 #include "device/coordinator/InstallCoordinator.h"
 
 #include "concurrency/Semaphore.h"
-#include "device/coordinator/CoordinatorError.h"
 #include "device/registry/Registry.h"
 #include "device/root/DeviceFileSystem.h"
 #include "device/root/PosixError.h"
@@ -161,7 +160,6 @@ std::vector<OpenCoordinator> InstallCoordinator::openCoordinators() {
     for (const auto& state : states) {
         open.push_back({state->bundleID, std::string(nameOf(state->kind)), state->creator,
                         state->facts.responsibleClient, state->facts.isPlaceholderInstalled,
-                        state->asset && state->asset->isComplete(), state->asset ? state->asset->fraction() : 0,
                         state->work != CoordinatorState::Work::none});
     }
     return open;

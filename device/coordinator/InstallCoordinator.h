@@ -55,6 +55,28 @@ class Registry;
 enum class RemovalReason;
 enum class RemovalScope;
 
+/// Why it refused or gave up.
+inline constexpr std::string_view coordinatorErrorDomain = "DeviceInstallCoordinator";
+enum class CoordinatorError : std::int64_t {
+    invalidArgument = 1, // an identifier that cannot be one, an object of another device, null
+    otherKind = 2,       // the app has a coordinator of another kind
+    noKind = 3,          // the base class was asked to create a coordinator
+    alreadySet = 4,      // what was to be set is there already, or belongs to another coordinator
+    notConfigured = 5,   // something is missing that has to be set first
+    ended = 6,           // the coordinator, placeholder or promise has ended or was cancelled
+    tooLate = 7,         // it could not be cancelled any more; the app has been installed
+    unsupported = 8,     // on-demand resources, confirmation by a person
+    fileMissing = 9,     // the transferred file is gone, or none was named
+    placeholderMissing = 10,
+    cancelledByPerson = 11,
+    uninstalled = 12, // the app was uninstalled while it was being installed
+};
+
+[[nodiscard]] inline ErrorPtr makeCoordinatorError(CoordinatorError code, std::string_view description,
+                                                   std::string_view path = {}) {
+    return makeError(coordinatorErrorDomain, static_cast<std::int64_t>(code), description, path);
+}
+
 /// Who cancels when a person does so on the device.
 inline constexpr KXClientIdentifier KXClientPerson = 2;
 
@@ -68,8 +90,6 @@ struct OpenCoordinator {
     KXClientIdentifier creator = 0;
     KXClientIdentifier responsibleClient = 0; // 0 when none is named
     bool isPlaceholderInstalled = false;
-    bool isAssetComplete = false;
-    double assetProgress = 0;  // 0 to 1
     bool isInstalling = false; // a step of it runs or is about to
 };
 
@@ -108,8 +128,6 @@ class InstallCoordinator {
                                                                           bool coordinationIsEnabled);
     /// Stops running installs, which go on when the device is opened again, and drops waiting ones likewise.
     ~InstallCoordinator();
-    InstallCoordinator(const InstallCoordinator&) = delete;
-    InstallCoordinator& operator=(const InstallCoordinator&) = delete;
 
     /// Begins to install. Coordinators of earlier processes go on; one whose file or placeholder has disappeared is
     /// settled with an error. No install begins before.

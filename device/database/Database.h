@@ -154,8 +154,6 @@ class Database {
     /// even beside the file.
     [[nodiscard]] static Result<std::unique_ptr<Database>> look(Root& root) { return _make(root, true); }
     ~Database();
-    Database(const Database&) = delete;
-    Database& operator=(const Database&) = delete;
 
     /// Brings a service's own tables up to date. `steps[n]` is the SQL (one or more statements) that leads from version
     /// n to n + 1; steps that have been done are not done again, so that a released step must never change. To be

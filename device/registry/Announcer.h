@@ -30,8 +30,6 @@ class Announcer {
     explicit Announcer(std::function<Lists()> currentLists) : _currentLists(std::move(currentLists)) {}
     /// Waits for a running call; none follows.
     ~Announcer();
-    Announcer(const Announcer&) = delete;
-    Announcer& operator=(const Announcer&) = delete;
     /// To be called first. Fails when the system has no thread for it.
     [[nodiscard]] Result<void> start();
 

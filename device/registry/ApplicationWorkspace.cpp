@@ -8,13 +8,6 @@ namespace {
 
 constexpr std::string_view restoreListPrefix = "restore.";
 
-bool report(const Result<void>& result, ErrorPtr* error) {
-    if (!result && error) {
-        *error = result.error();
-    }
-    return bool(result);
-}
-
 std::optional<std::uint64_t> installTypeIn(const Dictionary& options) {
     const Value* type = options.find(PDInstallTypeKey);
     return type ? type->unsignedInteger() : std::nullopt;
@@ -67,7 +60,7 @@ bool ApplicationWorkspace::installApplication_withOptions_error(const FileURL& u
         request.installType = installTypeIn(options).value_or(PDInstallTypeNone);
         request.metadata = options.data(PDTamblinMetadataKey);
         request.sinf = options.data(PDApplicationSINFKey);
-        return report(_registry.installPlaceholder(request), error);
+        return hasSucceeded(_registry.installPlaceholder(request), error);
     }
     if (package == PDPackageTypeCustomer) {
         ArchiveRequest request;
@@ -80,12 +73,12 @@ bool ApplicationWorkspace::installApplication_withOptions_error(const FileURL& u
         if (installed) {
             _end(identifier);
         }
-        return report(installed, error);
+        return hasSucceeded(installed, error);
     }
-    return report(makeInstallerError(InstallerError::invalidRequest,
-                                     "cannot install " + url.path() + ": the options name no known package type",
-                                     url.path()),
-                  error);
+    return hasSucceeded(Result<void>(makeInstallerError(
+                            InstallerError::invalidRequest,
+                            "cannot install " + url.path() + ": the options name no known package type", url.path())),
+                        error);
 }
 
 bool ApplicationWorkspace::installApplication_withOptions(const FileURL& url, const Dictionary& options) noexcept {

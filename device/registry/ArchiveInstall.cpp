@@ -53,8 +53,8 @@ class Registry::ArchiveInstall {
         const ExtractionRequest extraction{
             archive->get(), _request.archivePath, _request.identifier,    &_room,           _progress,
             _cancel,        !_request.metadata,   &_registry._spareCores, _files.timeline()};
-        auto unpacked = extractApplication(extraction, container.folder(), _registry._options.limits,
-                                           _registry._propertyLists, _files.faultPoint());
+        auto unpacked = extractApplication(extraction, container.folder(), _registry._limits, _registry._propertyLists,
+                                           _files.faultPoint());
         if (unpacked) {
             _unpacked = std::move(*unpacked);
         }

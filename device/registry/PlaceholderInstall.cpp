@@ -69,7 +69,7 @@ class Registry::PlaceholderInstall {
         }
         const std::string path = _request.bundlePath + "/" + std::string(infoFileName);
         const auto size = _files.attributesOfItem(path, nullptr);
-        if (size && size->size > _registry._options.limits.listBytes) {
+        if (size && size->size > _registry._limits.listBytes) {
             return _invalid("its Info.plist is larger than the device reads");
         }
         ErrorPtr reason;
@@ -113,8 +113,8 @@ class Registry::PlaceholderInstall {
 
     [[nodiscard]] std::string _bundleName() const {
         const std::string_view own = lastNameOf(_request.bundlePath);
-        const bool isUsable = own.size() > bundleExtension.size() && own.ends_with(bundleExtension) &&
-                              isSafePath(own, _registry._options.limits);
+        const bool isUsable =
+            own.size() > bundleExtension.size() && own.ends_with(bundleExtension) && isSafePath(own, _registry._limits);
         return isUsable ? std::string(own) : _request.identifier + std::string(bundleExtension);
     }
 

@@ -76,17 +76,18 @@ Application describe(const RegistryTable::App& app, const InstallProgressPtr& pr
 
 } // namespace
 
-Registry::Registry(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options)
-    : _files(root.files()), _database(database), _propertyLists(propertyLists), _options(options),
+Registry::Registry(Root& root, Database& database, PropertyListSerialization& propertyLists,
+                   const ArchiveLimits& limits)
+    : _files(root.files()), _database(database), _propertyLists(propertyLists), _limits(limits),
       _installs([this] { _announcer.announceChange(); }), _groupCommit(_files, database), _room([this] {
           const auto free = _files.freeSpace();
           return free ? std::optional(*free) : std::nullopt;
       }),
       _spareCores(std::max(1U, std::thread::hardware_concurrency()) - 1), _announcer([this] { return _lists(); }) {}
 
-Result<std::unique_ptr<Registry>> Registry::open(Root& root, Database& database,
-                                                 PropertyListSerialization& propertyLists, RegistryOptions options) {
-    std::unique_ptr<Registry> registry(new Registry(root, database, propertyLists, options));
+Result<std::unique_ptr<Registry>>
+Registry::open(Root& root, Database& database, PropertyListSerialization& propertyLists, const ArchiveLimits& limits) {
+    std::unique_ptr<Registry> registry(new Registry(root, database, propertyLists, limits));
     if (const auto loaded = registry->_load(); !loaded) {
         return loaded.error();
     }
@@ -210,7 +211,7 @@ void Registry::_describe(RegistryRecord& record, const Dictionary& info, const s
     record.name = text("BXBundleDisplayName").value_or(text("BXBundleExecutable").value_or(record.identifier));
     record.version = text("BXBundleVersion");
     record.iconFile = text("BXBundleIconFile");
-    if (record.iconFile && !isSafePath(*record.iconFile, _options.limits)) {
+    if (record.iconFile && !isSafePath(*record.iconFile, _limits)) {
         record.iconFile.reset();
     }
     const auto list = sinf ? _propertyLists.propertyListWithData(sinf->bytes(), nullptr) : std::nullopt;

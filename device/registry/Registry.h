@@ -91,21 +91,15 @@ struct RegistryFollower {
     std::function<void(std::string_view identifier)> isGone = [](auto) {};       // with its data
 };
 
-struct RegistryOptions {
-    ArchiveLimits limits;
-};
-
 /// Any operation may be called on any thread at any time; those that install or remove wait for the disk, and several
 /// may run at once. Errors are of `TVInstallerErrorDomain` (archive/InstallerError.h) unless stated.
 class Registry final : public TevrinInstallationService {
   public:
     /// Reads what the database knows. The root, the database and the property lists must outlive the registry.
     [[nodiscard]] static Result<std::unique_ptr<Registry>>
-    open(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options = {});
+    open(Root& root, Database& database, PropertyListSerialization& propertyLists, const ArchiveLimits& limits = {});
     /// Waits for a running call of an observer. No other operation may be running.
     ~Registry() override = default;
-    Registry(const Registry&) = delete;
-    Registry& operator=(const Registry&) = delete;
 
     /// Clears away what an interrupted run left half done. To be called when the device has been opened, before
     /// anything else uses the registry.
@@ -175,7 +169,7 @@ class Registry final : public TevrinInstallationService {
     class ArchiveInstall;
     class PlaceholderInstall;
 
-    Registry(Root& root, Database& database, PropertyListSerialization& propertyLists, RegistryOptions options);
+    Registry(Root& root, Database& database, PropertyListSerialization& propertyLists, const ArchiveLimits& limits);
 
     [[nodiscard]] static Result<void> _checkIdentifier(std::string_view identifier);
     /// An error of the installer for one of the disk or the database.
@@ -201,7 +195,7 @@ class Registry final : public TevrinInstallationService {
     DeviceFileSystem& _files;
     Database& _database;
     PropertyListSerialization& _propertyLists;
-    const RegistryOptions _options;
+    const ArchiveLimits _limits;
     RegistryFollower _follower;
     RegistryTable _table;
     Installs _installs;

@@ -19,8 +19,6 @@ class DiskRoom {
     using FreeSpace = std::function<std::optional<std::uint64_t>()>;
 
     explicit DiskRoom(FreeSpace freeSpace) : _freeSpace(std::move(freeSpace)) {}
-    DiskRoom(const DiskRoom&) = delete;
-    DiskRoom& operator=(const DiskRoom&) = delete;
 
     /// What one install is promised, until the object is gone.
     class Share {

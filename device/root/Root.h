@@ -58,8 +58,6 @@ class Root {
     [[nodiscard]] static Result<void> check(const std::string& folder) { return look(folder).error(); }
     /// Who has a device open now; nullopt when nobody has, or when it cannot be found out. What is not told is empty.
     [[nodiscard]] static std::optional<DeviceOwner> owner(const std::string& folder);
-    Root(const Root&) = delete;
-    Root& operator=(const Root&) = delete;
 
     [[nodiscard]] DeviceFileSystem& files() noexcept { return *_files; }
     /// Where a path of the device stood on this machine when the root was opened, for messages.

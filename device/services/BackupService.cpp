@@ -51,11 +51,7 @@ bool BackupService::restoreDataExistsForApplicationWithBundleID_size(std::string
 }
 
 bool BackupService::cancelApplicationRestoreWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept {
-    const auto cancelled = cancelRestore(bundleID);
-    if (!cancelled && error) {
-        *error = cancelled.error();
-    }
-    return bool(cancelled);
+    return hasSucceeded(cancelRestore(bundleID), error);
 }
 
 Result<std::unique_ptr<BackupService>> BackupService::open(Database& database, DeviceFileSystem& files) {

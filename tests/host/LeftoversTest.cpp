@@ -17,7 +17,7 @@ class Leftovers : public Sync {
         createDevice({.noCoordination = true});
     }
     std::unique_ptr<device::Device> open() {
-        auto opened = device::Device::open(deviceFolder(), {.faultPoint = faults, .registry = {}, .log = {}});
+        auto opened = device::Device::open(deviceFolder(), {.faultPoint = faults, .log = {}});
         EXPECT_TRUE(opened) << errorText(opened.error());
         return std::move(*opened);
     }

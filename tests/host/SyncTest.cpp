@@ -159,7 +159,7 @@ TEST_P(SyncOnBothPaths, SendsAgainAndOlderVersionsOnlyWhenAsked) {
 
 TEST_F(Sync, SaysThatTheLogIsNotComplete) {
     createDevice();
-    const auto device = device::Device::open(deviceFolder(), {.faultPoint = {}, .registry = {}, .log = {1, 1}});
+    const auto device = device::Device::open(deviceFolder(), {.faultPoint = {}, .log = {1, 1}});
     (*device)->log().write(QRLogCategoryFramework, LogLevel::error, "", "the file is full with this");
     fs::remove_all(folder / "device" / "var" / "log"); // where the next one would stand
     std::ostringstream shown;

@@ -260,8 +260,6 @@ TEST_F(CoordinatorTest, OpenCoordinatorsAreListedInTheOrderOfTheirMaking) {
     EXPECT_FALSE(open[0].isPlaceholderInstalled);
     EXPECT_EQ(open[1].kind, "updating");
     EXPECT_TRUE(open[1].isPlaceholderInstalled);
-    EXPECT_FALSE(open[1].isAssetComplete);
-    EXPECT_EQ(open[1].assetProgress, 0.5);
     EXPECT_FALSE(open[1].isInstalling);
 }
 

@@ -1,7 +1,6 @@
 // A device with its registry and install coordinator, and a client of the coordinator that acts as the plug-in does.
 #pragma once
 
-#include "device/coordinator/CoordinatorError.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/coordinator/InstallObservers.h"
 #include "device/registry/Registry.h"

@@ -234,7 +234,7 @@ TEST_F(RegistryTest, ProgressObjectCancelsTheRunningInstall) {
 }
 
 TEST_F(RegistryTest, ArchiveBeyondTheDevicesLimitsIsRefused) {
-    options.limits.unpackedBytes = 100;
+    limits.unpackedBytes = 100;
     open();
     const auto failed = install();
     ASSERT_FALSE(failed);

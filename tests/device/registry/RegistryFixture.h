@@ -22,10 +22,10 @@ namespace appsync::device {
 class OpenDevice {
   public:
     explicit OpenDevice(const std::string& folder, std::shared_ptr<FaultPoint> faults = nullptr,
-                        RegistryOptions options = {}) {
+                        ArchiveLimits limits = {}) {
         root = take(Root::create(folder, {faults}));
         database = take(Database::open(*root));
-        registry = take(Registry::open(*root, *database, codec, options));
+        registry = take(Registry::open(*root, *database, codec, limits));
         workspace = std::make_unique<ApplicationWorkspace>(*registry);
     }
     DeviceFileSystem& files() const { return root->files(); }
@@ -53,7 +53,7 @@ class RegistryTest : public testing::Test {
     void TearDown() override { device.reset(); }
     void open() {
         device.reset();
-        device = std::make_unique<OpenDevice>(folder.path(), faults, options);
+        device = std::make_unique<OpenDevice>(folder.path(), faults, limits);
     }
     Registry& registry() { return *device->registry; }
     ApplicationWorkspace& workspace() { return *device->workspace; }
@@ -96,7 +96,7 @@ class RegistryTest : public testing::Test {
 
     TemporaryFolder folder;
     std::shared_ptr<RecordingFaults> faults = std::make_shared<RecordingFaults>();
-    RegistryOptions options;
+    ArchiveLimits limits;
     std::unique_ptr<OpenDevice> device;
 };
 

@@ -275,7 +275,7 @@ TEST_F(DeviceTest, TheRestOfThePlatformAnswers) {
 TEST_F(DeviceTest, AFailureAfterWhichItGoesOnIsLogged) {
     const auto faults = std::make_shared<RecordingFaults>();
     faults->failure = EIO;
-    auto made = Device::create(folder.path(), {}, {.faultPoint = faults, .registry = {}, .log = {}});
+    auto made = Device::create(folder.path(), {}, {.faultPoint = faults, .log = {}});
     ASSERT_TRUE(made) << errorText(made.error());
     device = std::move(*made);
     PlaceholderRequest request;
