@@ -7,7 +7,7 @@ import shlex
 import subprocess
 from dataclasses import dataclass
 
-TESTS = ['client', 'planning', 'pipeline', 'coordination', 'placeholders', 'homescreen']
+TESTS = ['client', 'log', 'planning', 'pipeline', 'coordination', 'placeholders', 'homescreen']
 # The builds, and how many seconds each test program gets: a changed plug-in may wait for ever.
 PATIENCE = {'mutate': 30, 'mutate-locks': 120}
 
