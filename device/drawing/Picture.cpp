@@ -59,27 +59,27 @@ class Pen {
         : _context(context), _text(context), _unknownNames(unknownNames) {}
 
     void drawScreen(const ScreenPage& screen, std::size_t number, std::size_t count, bool isSyncing) {
-        drawWallpaper();
-        drawStatusLine(isSyncing);
+        _drawWallpaper();
+        _drawStatusLine(isSyncing);
         for (std::size_t i = 0; i < screen.size(); ++i) {
             const Point middle = middleOf(i);
             if (const auto* icon = std::get_if<ScreenIcon>(&screen[i])) {
-                drawIcon(*icon, middle, 1);
-                drawLabel(icon->name, middle, icon->isPlaceholder || icon->isDemoted ? 0.75 : 1);
+                _drawIcon(*icon, middle, 1);
+                _drawLabel(icon->name, middle, icon->isPlaceholder || icon->isDemoted ? 0.75 : 1);
             } else {
                 const auto& folder = std::get<ScreenFolder>(screen[i]);
-                drawFolder(folder, middle);
-                drawLabel(folder.name, middle, 1);
+                _drawFolder(folder, middle);
+                _drawLabel(folder.name, middle, 1);
             }
         }
-        drawPageDots(number, count);
+        _drawPageDots(number, count);
     }
 
   private:
-    void white(double opacity) { cairo_set_source_rgba(_context, 1, 1, 1, opacity); }
-    void black(double opacity) { cairo_set_source_rgba(_context, 0, 0, 0, opacity); }
+    void _white(double opacity) { cairo_set_source_rgba(_context, 1, 1, 1, opacity); }
+    void _black(double opacity) { cairo_set_source_rgba(_context, 0, 0, 0, opacity); }
 
-    void glow(Point middle, double radius, double red, double green, double blue, double opacity) {
+    void _glow(Point middle, double radius, double red, double green, double blue, double opacity) {
         const CairoPattern light(cairo_pattern_create_radial(middle.x, middle.y, 0, middle.x, middle.y, radius));
         cairo_pattern_add_color_stop_rgba(light.get(), 0, red, green, blue, opacity);
         cairo_pattern_add_color_stop_rgba(light.get(), 1, red, green, blue, 0);
@@ -87,7 +87,7 @@ class Pen {
         cairo_paint(_context);
     }
 
-    void drawWallpaper() {
+    void _drawWallpaper() {
         const CairoPattern sky(cairo_pattern_create_linear(0, 0, screenWidth * 0.4, screenHeight));
         cairo_pattern_add_color_stop_rgb(sky.get(), 0.0, 0.10, 0.13, 0.33);
         cairo_pattern_add_color_stop_rgb(sky.get(), 0.5, 0.24, 0.27, 0.56);
@@ -95,41 +95,41 @@ class Pen {
         cairo_pattern_add_color_stop_rgb(sky.get(), 1.0, 0.87, 0.58, 0.56);
         cairo_set_source(_context, sky.get());
         cairo_paint(_context);
-        glow({screenWidth * 0.85, screenHeight * 0.12}, 620, 0.35, 0.62, 0.95, 0.45);
-        glow({screenWidth * 0.1, screenHeight * 0.62}, 560, 0.20, 0.75, 0.75, 0.30);
-        glow({screenWidth * 0.75, screenHeight * 1.0}, 640, 1.00, 0.80, 0.55, 0.35);
+        _glow({screenWidth * 0.85, screenHeight * 0.12}, 620, 0.35, 0.62, 0.95, 0.45);
+        _glow({screenWidth * 0.1, screenHeight * 0.62}, 560, 0.20, 0.75, 0.75, 0.30);
+        _glow({screenWidth * 0.75, screenHeight * 1.0}, 640, 1.00, 0.80, 0.55, 0.35);
     }
 
-    void drawStatusLine(bool isSyncing) {
+    void _drawStatusLine(bool isSyncing) {
         for (int bar = 0; bar < 4; ++bar) {
             const double height = 8 + bar * 5;
             roundedRectangle(_context, 36 + bar * 10, statusLine - height, 7, height, 2);
         }
-        white(0.95);
+        _white(0.95);
         cairo_fill(_context);
-        drawBattery(screenWidth - 88, statusLine - 21);
+        _drawBattery(screenWidth - 88, statusLine - 21);
         if (!isSyncing) {
             return;
         }
-        white(1);
+        _white(1);
         _text.show("Syncing\xE2\x80\xA6", {26, true}, screenWidth / 2.0 + 18, statusLine - 1, screenWidth / 2.0);
-        drawSyncArrows({screenWidth / 2.0 - 72, statusLine - 11});
+        _drawSyncArrows({screenWidth / 2.0 - 72, statusLine - 11});
     }
 
-    void drawBattery(double x, double y) {
+    void _drawBattery(double x, double y) {
         cairo_set_line_width(_context, 2);
         roundedRectangle(_context, x, y, 44, 21, 6);
-        white(0.6);
+        _white(0.6);
         cairo_stroke(_context);
         roundedRectangle(_context, x + 46, y + 7, 3, 7, 1.5);
         cairo_fill(_context);
-        white(0.95);
+        _white(0.95);
         roundedRectangle(_context, x + 3, y + 3, 31, 15, 3);
         cairo_fill(_context);
     }
 
     /// Two arrows that chase each other around a circle.
-    void drawSyncArrows(Point middle) {
+    void _drawSyncArrows(Point middle) {
         constexpr double radius = 10;
         cairo_set_line_width(_context, 3);
         for (const double start : {0.0, fullTurn / 2}) {
@@ -149,67 +149,67 @@ class Pen {
         }
     }
 
-    void drawLabel(const std::string& name, Point middle, double opacity) {
+    void _drawLabel(const std::string& name, Point middle, double opacity) {
         const double base = middle.y + side / 2 + labelDrop;
-        black(0.35 * opacity);
+        _black(0.35 * opacity);
         _text.show(name, {labelSize, false}, middle.x, base + 1.5, labelWidth);
-        white(opacity);
+        _white(opacity);
         if (_text.show(name, {labelSize, false}, middle.x, base, labelWidth) != 0) {
             _unknownNames.push_back(name);
         }
     }
 
     /// An icon around a point, `scale` times its size.
-    void drawIcon(const ScreenIcon& icon, Point middle, double scale) {
+    void _drawIcon(const ScreenIcon& icon, Point middle, double scale) {
         cairo_save(_context);
         cairo_translate(_context, middle.x, middle.y);
         cairo_scale(_context, scale, scale);
         cairo_translate(_context, -side / 2, -side / 2);
-        drawShadow();
+        _drawShadow();
         if (const auto* picture = dynamic_cast<const CairoImage*>(icon.icon.get())) {
             cairo_set_source_surface(_context, picture->surface(), 0, 0);
             cairo_paint(_context);
         } else {
-            drawTile(icon.name);
+            _drawTile(icon.name);
         }
         if (icon.isDemoted) {
-            drawAway();
+            _drawAway();
         } else if (icon.isPlaceholder) {
             roundedRectangle(_context, 0, 0, side, side, corner);
-            black(0.5);
+            _black(0.5);
             cairo_fill(_context);
         }
         if (!icon.isDemoted && (icon.isPlaceholder || icon.isUpdating)) {
-            drawProgress(icon.progress);
+            _drawProgress(icon.progress);
         }
         cairo_restore(_context);
     }
 
-    void drawShadow() {
+    void _drawShadow() {
         for (int spread = 4; spread >= 1; --spread) {
             roundedRectangle(_context, -spread, 2 - spread, side + 2 * spread, side + 2 * spread, corner + spread);
-            black(0.05);
+            _black(0.05);
             cairo_fill(_context);
         }
     }
 
-    void drawTile(const std::string& name) {
+    void _drawTile(const std::string& name) {
         const CairoPattern grey(cairo_pattern_create_linear(0, 0, 0, side));
         cairo_pattern_add_color_stop_rgb(grey.get(), 0, 0.66, 0.69, 0.75);
         cairo_pattern_add_color_stop_rgb(grey.get(), 1, 0.46, 0.49, 0.56);
         roundedRectangle(_context, 0, 0, side, side, corner);
         cairo_set_source(_context, grey.get());
         cairo_fill(_context);
-        white(0.92);
+        _white(0.92);
         _text.show(firstLetter(name), {64, true}, side / 2, side / 2 + 23, side);
     }
 
     /// As something that is not here but can be fetched.
-    void drawAway() {
+    void _drawAway() {
         constexpr double middle = side / 2;
         constexpr double reach = side * 0.17;
         roundedRectangle(_context, 0, 0, side, side, corner);
-        white(0.55);
+        _white(0.55);
         cairo_fill(_context);
         cairo_set_line_width(_context, 8);
         cairo_set_line_cap(_context, CAIRO_LINE_CAP_ROUND);
@@ -219,50 +219,50 @@ class Pen {
         cairo_move_to(_context, middle - reach * 0.75, middle + reach * 0.25);
         cairo_line_to(_context, middle, middle + reach);
         cairo_line_to(_context, middle + reach * 0.75, middle + reach * 0.25);
-        black(0.6);
+        _black(0.6);
         cairo_stroke(_context);
         cairo_set_line_cap(_context, CAIRO_LINE_CAP_BUTT);
     }
 
-    void drawProgress(double progress) {
+    void _drawProgress(double progress) {
         constexpr double radius = side * 0.29;
         cairo_set_line_width(_context, 8);
         cairo_set_line_cap(_context, CAIRO_LINE_CAP_ROUND);
         cairo_new_sub_path(_context);
         cairo_arc(_context, side / 2, side / 2, radius, 0, fullTurn);
-        black(0.3);
+        _black(0.3);
         cairo_stroke_preserve(_context);
-        white(0.3);
+        _white(0.3);
         cairo_stroke(_context);
         const double part = progress >= 0 ? std::min(progress, 1.0) : 0; // also for what is not a number
         if (part > 0) {
             cairo_new_sub_path(_context);
             cairo_arc(_context, side / 2, side / 2, radius, -fullTurn / 4, (part - 0.25) * fullTurn);
-            white(0.95);
+            _white(0.95);
             cairo_stroke(_context);
         }
         cairo_set_line_cap(_context, CAIRO_LINE_CAP_BUTT);
     }
 
-    void drawFolder(const ScreenFolder& folder, Point middle) {
+    void _drawFolder(const ScreenFolder& folder, Point middle) {
         roundedRectangle(_context, middle.x - side / 2, middle.y - side / 2, side, side, corner);
-        white(0.28);
+        _white(0.28);
         cairo_fill(_context);
         constexpr double step = 34;
         for (std::size_t i = 0; i < std::min<std::size_t>(folder.icons.size(), 9); ++i) {
             const double column = static_cast<double>(i % 3) - 1;
             const std::size_t line = i / 3;
             const double row = static_cast<double>(line) - 1;
-            drawIcon(folder.icons[i], {middle.x + column * step, middle.y + row * step}, 28 / side);
+            _drawIcon(folder.icons[i], {middle.x + column * step, middle.y + row * step}, 28 / side);
         }
     }
 
-    void drawPageDots(std::size_t number, std::size_t count) {
+    void _drawPageDots(std::size_t number, std::size_t count) {
         constexpr double step = 28;
         const double first = screenWidth / 2.0 - step * static_cast<double>(count - 1) / 2;
         for (std::size_t i = 0; i < count; ++i) {
             cairo_arc(_context, first + step * static_cast<double>(i), screenHeight - 46, 7, 0, fullTurn);
-            white(i == number ? 0.95 : 0.4);
+            _white(i == number ? 0.95 : 0.4);
             cairo_fill(_context);
         }
     }

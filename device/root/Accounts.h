@@ -21,7 +21,7 @@ class Accounts {
     /// Nullopt when there is no name, or the machine has no such account.
     [[nodiscard]] std::optional<uid_t> user(const std::optional<std::string>& name) {
         const Lock lock(_mutex);
-        return numberOf(name, _users, [](const char* known, Texts& texts) -> std::optional<uid_t> {
+        return _numberOf(name, _users, [](const char* known, Texts& texts) -> std::optional<uid_t> {
             passwd account{};
             passwd* found = nullptr;
             (void)::getpwnam_r(known, &account, texts.data(), texts.size(), &found);
@@ -31,7 +31,7 @@ class Accounts {
     /// The same for a group. One with more members than fit into memory set aside for that counts as unknown.
     [[nodiscard]] std::optional<gid_t> group(const std::optional<std::string>& name) {
         const Lock lock(_mutex);
-        return numberOf(name, _groups, [](const char* known, Texts& texts) -> std::optional<gid_t> {
+        return _numberOf(name, _groups, [](const char* known, Texts& texts) -> std::optional<gid_t> {
             ::group account{};
             ::group* found = nullptr;
             (void)::getgrnam_r(known, &account, texts.data(), texts.size(), &found);
@@ -44,8 +44,8 @@ class Accounts {
     template <class Number> using Numbers = std::map<std::string, std::optional<Number>, std::less<>>;
 
     template <class Number, class Ask>
-    static std::optional<Number> numberOf(const std::optional<std::string>& name, Numbers<Number>& known,
-                                          const Ask& ask) {
+    static std::optional<Number> _numberOf(const std::optional<std::string>& name, Numbers<Number>& known,
+                                           const Ask& ask) {
         if (!name) {
             return std::nullopt;
         }

@@ -21,7 +21,7 @@ class Reader {
         IconLayout layout;
         const bool isFlat = !root.empty() && root.front().string().has_value();
         if (isFlat) {
-            const auto read = readPage(root, "the list", false, layout.pages.emplace_back());
+            const auto read = _readPage(root, "the list", false, layout.pages.emplace_back());
             return read ? Result(std::move(layout)) : read.error();
         }
         for (std::size_t i = 0; i < root.size(); ++i) {
@@ -29,7 +29,7 @@ class Reader {
             if (!root[i].array()) {
                 return noLayout(where + " is no array");
             }
-            if (const auto read = readPage(*root[i].array(), where, true, layout.pages.emplace_back()); !read) {
+            if (const auto read = _readPage(*root[i].array(), where, true, layout.pages.emplace_back()); !read) {
                 return read.error();
             }
         }
@@ -37,7 +37,7 @@ class Reader {
     }
 
   private:
-    Result<void> readPage(const Array& entries, const std::string& where, bool mayHoldFolders, IconPage& page) {
+    Result<void> _readPage(const Array& entries, const std::string& where, bool mayHoldFolders, IconPage& page) {
         for (std::size_t i = 0; i < entries.size(); ++i) {
             const std::string place = "entry " + ordinal(i) + " of " + where;
             const auto identifier = entries[i].string();
@@ -47,7 +47,7 @@ class Reader {
                     page.emplace_back(std::string(*identifier));
                 }
             } else if (folder && mayHoldFolders) {
-                if (auto read = readFolder(*folder, place, page); !read) {
+                if (auto read = _readFolder(*folder, place, page); !read) {
                     return read;
                 }
             } else {
@@ -58,7 +58,7 @@ class Reader {
         return {};
     }
 
-    Result<void> readFolder(const Dictionary& entries, const std::string& where, IconPage& page) {
+    Result<void> _readFolder(const Dictionary& entries, const std::string& where, IconPage& page) {
         const auto name = entries.string("displayName");
         const Array* lists = entries.array("iconLists");
         if (!name || !lists) {
@@ -71,7 +71,7 @@ class Reader {
                 return noLayout(where + " is a folder whose iconLists hold something else than arrays");
             }
             IconPage inner;
-            if (auto read = readPage(*identifiers, "a page of the folder at " + where, false, inner); !read) {
+            if (auto read = _readPage(*identifiers, "a page of the folder at " + where, false, inner); !read) {
                 return read;
             }
             IdentifierList& folderPage = folder.pages.emplace_back();

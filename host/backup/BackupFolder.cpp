@@ -40,7 +40,7 @@ class ListReader {
             failed = readAll(file.get(), maxListSize, bytes);
         }
         if (failed != 0) {
-            return hostError("'" + shown + "' cannot be read: " + reasonOf(failed) + ".");
+            return hostError("'" + shown + "' cannot be read: " + _reasonOf(failed) + ".");
         }
         if (bytes.empty()) {
             return hostError("'" + shown + "' is empty.");
@@ -63,7 +63,7 @@ class ListReader {
     [[nodiscard]] std::string pathOf(std::string_view name) const { return _path + "/" + std::string(name); }
 
   private:
-    static std::string reasonOf(int failed) {
+    static std::string _reasonOf(int failed) {
         switch (failed) {
         case ELOOP: return "it is a symbolic link, and a backup has none";
         case ENXIO: return "it is no file";

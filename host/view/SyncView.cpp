@@ -46,7 +46,7 @@ SyncView::Style SyncView::styleFor(const std::ostream& out, JsonOutput json) {
     return Style::quiet;
 }
 
-Window SyncView::windowOfOutput() {
+Window SyncView::_windowOfOutput() {
     return windowOf(STDOUT_FILENO);
 }
 

@@ -29,7 +29,7 @@ class SyncView {
     using Clock = std::chrono::steady_clock;
 
     /// `window` says how large the window is now; it is asked for each drawing.
-    SyncView(std::ostream& out, Style style, std::function<Window()> window = windowOfOutput,
+    SyncView(std::ostream& out, Style style, std::function<Window()> window = _windowOfOutput,
              std::function<Clock::time_point()> now = Clock::now);
     /// Bars when it is a terminal's (host/view/Terminal.h), otherwise lines; for programs events or nothing.
     [[nodiscard]] static Style styleFor(const std::ostream& out, JsonOutput json);
@@ -60,7 +60,7 @@ class SyncView {
     void _drawBars() REQUIRES(_mutex);
     void _eraseBars() REQUIRES(_mutex);
     [[nodiscard]] std::string _summary() const REQUIRES(_mutex);
-    static Window windowOfOutput();
+    static Window _windowOfOutput();
 
     std::ostream& _out;
     const Style _style;

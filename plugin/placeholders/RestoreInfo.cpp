@@ -17,8 +17,8 @@ constexpr int restoreFromDesktopBackup = 2;
 class DemotedApps {
   public:
     explicit DemotedApps(const std::optional<Dictionary>& file)
-        : _automatic(identifiers(file, "AutomaticDowngrades")),
-          _intentional(identifiers(file, "IntentionalDowngrades")) {}
+        : _automatic(_identifiers(file, "AutomaticDowngrades")),
+          _intentional(_identifiers(file, "IntentionalDowngrades")) {}
 
     /// An app of both lists counts as automatically demoted.
     [[nodiscard]] DemotionStatus statusOf(std::string_view identifier) const {
@@ -30,7 +30,7 @@ class DemotedApps {
   private:
     using Identifiers = std::unordered_set<std::string_view>;
 
-    static Identifiers identifiers(const std::optional<Dictionary>& file, std::string_view key) {
+    static Identifiers _identifiers(const std::optional<Dictionary>& file, std::string_view key) {
         Identifiers found;
         const Array* list = file ? file->array(key) : nullptr;
         for (std::size_t i = 0; list != nullptr && i < list->size(); ++i) {
