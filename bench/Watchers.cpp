@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 extern char** environ;
 
@@ -39,21 +40,25 @@ std::string readUntil(int from, std::string_view text) {
     return read;
 }
 
-/// The connection on which the events of a page come.
-Descriptor openPage(const std::string& port, const std::string& token) {
+struct Page {
+    Descriptor connection; // on which its events come
+    std::string begin;     // that has been read from it
+};
+
+Page openPage(const std::string& port, const std::string& token) {
     Descriptor connection(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(port)));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const std::string request =
-        "GET /events HTTP/1.1\r\nHost: 127.0.0.1:" + port + "\r\nCookie: qrd-" + port + "=" + token + "\r\n\r\n";
+        "GET /events HTTP/1.0\r\nHost: 127.0.0.1:" + port + "\r\nCookie: qrd-" + port + "=" + token + "\r\n\r\n";
     if (::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         ::write(connection.get(), request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
         fail("no page can be opened");
     }
-    readUntil(connection.get(), "event: screen");
-    return connection;
+    std::string begin = readUntil(connection.get(), "event: screen");
+    return {std::move(connection), std::move(begin)};
 }
 
 } // namespace
@@ -79,19 +84,37 @@ Watchers::Watchers(const std::string& qrd, const std::string& device, int pages)
     const std::size_t path = address.find('/', port);
     const std::size_t token = address.find("token=") + 6;
     for (int page = 0; page < pages; ++page) {
-        Descriptor connection =
-            openPage(address.substr(port, path - port), address.substr(token, address.find('\n') - token));
-        _pages.emplace_back([connection = std::move(connection)] {
-            std::array<char, 65536> piece;
-            while (::read(connection.get(), piece.data(), piece.size()) > 0) {
-            }
+        Page opened = openPage(address.substr(port, path - port), address.substr(token, address.find('\n') - token));
+        Heard* const heard = page == 0 ? &_heard : nullptr;
+        if (heard != nullptr) {
+            heard->emplace_back(std::chrono::system_clock::now(), std::move(opened.begin));
+        }
+        _pages.emplace_back([heard, connection = std::move(opened.connection)] {
+            Heard unwanted;
+            hear(connection.get(), heard != nullptr ? *heard : unwanted);
         });
     }
 }
 
-Watchers::~Watchers() {
+void hear(int from, Heard& heard) {
+    std::array<char, 65536> piece;
+    for (ssize_t length = 0; (length = ::read(from, piece.data(), piece.size())) > 0;) {
+        heard.emplace_back(std::chrono::system_clock::now(),
+                           std::string(piece.data(), static_cast<std::size_t>(length)));
+    }
+}
+
+Heard Watchers::end() {
     ::kill(_server, SIGTERM);
-    ::waitpid(_server, nullptr, 0);
+    ::waitpid(std::exchange(_server, 0), nullptr, 0);
+    _pages.clear();
+    return std::move(_heard);
+}
+
+Watchers::~Watchers() {
+    if (_server != 0) {
+        (void)end();
+    }
 }
 
 } // namespace appsync::bench

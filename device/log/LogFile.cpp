@@ -138,10 +138,13 @@ void LogFile::_append(std::string_view source, LogLevel level, std::string_view 
     }
     const std::string line = makeLine(source, level, text);
     const Lock lock(_mutex);
+    const bool isFirst = _buffer.empty();
     _buffer += line;
     ++_bufferedMessages;
     if (level == LogLevel::error || _buffer.size() >= bufferSize) {
         _flush();
+    } else if (isFirst) {
+        _waiting.set();
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include "concurrency/Mutex.h"
 #include "files/Descriptor.h"
+#include "files/Event.h"
 #include "platform/host/Log.h"
 #include "values/Result.h"
 
@@ -49,6 +50,8 @@ class LogFile final : public HostLog {
     /// A message of another log of the system.
     void write(const SystemLog& log, LogLevel level, std::string_view text) noexcept;
     void flush() noexcept;
+    /// Set when a message begins to wait for `flush`.
+    [[nodiscard]] const Event& waiting() const noexcept { return _waiting; }
     /// Why messages have been dropped of which the log does not tell; null when there are none.
     [[nodiscard]] ErrorPtr failure() noexcept;
 
@@ -67,6 +70,7 @@ class LogFile final : public HostLog {
     DeviceFileSystem& _files;
     const LogLimits _limits;
     const bool _isSilent;
+    const Event _waiting;
     Mutex _mutex;
     Descriptor _file GUARDED_BY(_mutex);
     std::uint64_t _size GUARDED_BY(_mutex) = 0;

@@ -212,13 +212,12 @@ ExitCode showSyncStatus(const StatusArguments& arguments) {
     if (status.contains("error")) {
         return fail(textIn(status, "error"));
     }
-    running.waitWithoutEnd();
     if (const auto terminal = terminalOf(std::cout); terminal && arguments.follow && !arguments.json) {
         return followOn(*terminal, running, std::move(status));
     }
     do {
         showStatus(status, arguments.json);
-        status = arguments.follow ? running.next() : Json();
+        status = arguments.follow && running.waitForNext() ? running.next() : Json();
     } while (status.is_object() && std::cout.good());
     return ExitCode::done;
 }

@@ -28,7 +28,8 @@ namespace {
 using Clock = WebServer::Clock;
 using namespace std::chrono_literals;
 
-constexpr auto tellInterval = 100ms; // between two looks at the device
+constexpr auto tellInterval = 60ms;  // between two looks at the device
+constexpr int tellShare = 20;        // looking and telling takes at most this part of a processor's time
 constexpr auto signOfLife = 5s;      // after which those who watch are told that there is nothing to tell
 constexpr auto actPatience = 1000ms; // with a sync that does not answer: meanwhile nobody is told anything
 
@@ -74,13 +75,14 @@ ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& fold
         const auto now = Clock::now();
         const auto attend = server.attend(now).value_or(Clock::time_point::max());
         if (now >= nextLook && (hasChanged || now >= device.nextUpdate())) {
+            const auto before = usedTime();
             if (const auto updated = device.update(now); !updated) {
                 return fail(reasonOf(updated.error()), ExitCode::deviceUnusable);
             }
-            nextLook = Clock::now() + tellInterval;
             if (const std::string news = device.takeNews(); !news.empty()) {
                 server.tell(news);
             }
+            nextLook = Clock::now() + std::max<Clock::duration>(tellInterval, tellShare * (usedTime() - before));
         }
         if (server.hasNewcomers()) {
             server.welcome(device.everything());

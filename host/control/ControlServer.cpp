@@ -1,7 +1,6 @@
 #include "host/control/ControlServer.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -12,28 +11,40 @@ namespace appsync::host {
 
 namespace {
 
-constexpr int followInterval = 50;     // milliseconds between two looks for what has changed
+using Clock = std::chrono::steady_clock;
+
+constexpr int fullInterval = 50;       // milliseconds until it is tried again to let somebody in
 constexpr std::size_t firstClient = 3; // among what is waited for
 
 } // namespace
 
-ControlServer::ControlServer(int listening, int interrupt, ControlHandlers handlers, std::chrono::milliseconds farewell)
-    : _listening(listening), _stop(::eventfd(0, EFD_CLOEXEC)), _interrupt(interrupt), _handlers(std::move(handlers)),
-      _farewell(farewell), _thread([this] { _serve(); }) {}
+ControlServer::ControlServer(int listening, int interrupt, ControlHandlers handlers, ControlTimes times)
+    : _listening(listening), _interrupt(interrupt), _handlers(std::move(handlers)), _times(times),
+      _thread([this] { _serve(); }) {}
 
 ControlServer::~ControlServer() {
-    ::eventfd_write(_stop.get(), 1);
+    _stop.set();
     _thread.join();
 }
 
-std::vector<pollfd> ControlServer::_awaited() const {
+/// Last what has changed, which nobody wants to know while nobody follows or nothing may be told.
+std::vector<pollfd> ControlServer::_awaited(bool isStill) const {
     std::vector<pollfd> awaited{
-        {_stop.get(), POLLIN, 0}, {_interrupt, POLLIN, 0}, {_isFull ? -1 : _listening, POLLIN, 0}};
+        {_stop.descriptor(), POLLIN, 0}, {_interrupt, POLLIN, 0}, {_isFull ? -1 : _listening, POLLIN, 0}};
     for (const Client& client : _clients) {
         const short wish = client.unsent.empty() ? POLLIN : POLLOUT;
         awaited.push_back({client.connection.get(), wish, 0});
     }
+    for (const Event* change : _handlers.changes) {
+        awaited.push_back({_somebodyFollows() && !isStill ? change->descriptor() : -1, POLLIN, 0});
+    }
     return awaited;
+}
+
+/// For how many milliseconds from now followers are told nothing.
+int ControlServer::_stillTime() const {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(_stillUntil - Clock::now());
+    return _somebodyFollows() ? std::max(0, static_cast<int>(left.count())) : 0;
 }
 
 bool ControlServer::_somebodyFollows() const {
@@ -42,8 +53,9 @@ bool ControlServer::_somebodyFollows() const {
 
 void ControlServer::_serve() {
     for (;;) {
-        auto awaited = _awaited();
-        ::poll(awaited.data(), awaited.size(), _somebodyFollows() || _isFull ? followInterval : -1);
+        const int stillTime = _stillTime();
+        auto awaited = _awaited(stillTime != 0);
+        ::poll(awaited.data(), awaited.size(), stillTime != 0 ? stillTime : _isFull ? fullInterval : -1);
         _isFull = false;
         std::vector<Client*> present;
         for (Client& client : _clients) {
@@ -62,7 +74,7 @@ void ControlServer::_serve() {
             _interrupt = -1;
             _handlers.interrupted();
         }
-        _tellFollowers();
+        _tellWhatHasChanged();
         if (awaited[0].revents != 0) {
             _sayFarewell();
             return;
@@ -175,6 +187,19 @@ void ControlServer::_send(Client& client) {
     client.hasEnded = client.hasEnded || client.isLast;
 }
 
+/// Also to those who follow from now on, or have read at last what they were told before.
+void ControlServer::_tellWhatHasChanged() {
+    if (!_somebodyFollows() || _stillTime() != 0) {
+        return;
+    }
+    const auto isSet = [](const Event* change) { return change->take(); };
+    if (std::ranges::count_if(_handlers.changes, isSet) != 0) { // each of them is taken
+        _handlers.writeLog();
+        _stillUntil = Clock::now() + _times.stillness;
+    }
+    _tellFollowers();
+}
+
 /// A follower that has not read the last status yet is told the next one when it has.
 void ControlServer::_tellFollowers() {
     std::string status;
@@ -194,8 +219,7 @@ void ControlServer::_tellFollowers() {
 
 /// All followers are to have the last status, but none keeps the sync from ending.
 void ControlServer::_sayFarewell() {
-    using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + _farewell;
+    const auto end = Clock::now() + _times.farewell;
     for (;;) {
         _tellFollowers();
         std::vector<pollfd> behind;

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -149,7 +150,6 @@ Result<Descriptor> connectToControl(const std::string& deviceFolder, std::chrono
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience);
     const timeval timeout{seconds.count(), std::chrono::microseconds(patience - seconds).count()};
     ::setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-    ::setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     const sockaddr_un address = addressThrough(socket.get());
     if (connection.isOpen() &&
         ::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
@@ -164,22 +164,22 @@ Result<Descriptor> connectToControl(const std::string& deviceFolder, std::chrono
     return Descriptor();
 }
 
-void waitForAnswersWithoutEnd(int connection) {
-    constexpr timeval forever{0, 0};
-    ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &forever, sizeof forever);
-}
-
-ReadResult readLine(int connection, std::string& buffer, std::string& line) {
+ReadResult readLine(int connection, std::string& buffer, std::string& line, std::chrono::milliseconds patience,
+                    const ControlClock& now) {
+    const auto end = now() + patience;
     std::size_t searched = 0;
     while (buffer.find('\n', searched) == std::string::npos) {
         searched = buffer.size();
-        std::array<char, 4096> piece{};
-        const ssize_t length = ::recv(connection, piece.data(), piece.size(), 0);
-        if (length < 0 && errno == EINTR) {
-            continue;
-        }
-        if (length < 0 && errno == EAGAIN) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now());
+        pollfd awaited{connection, POLLIN, 0};
+        const int ready = left.count() > 0 ? ::poll(&awaited, 1, static_cast<int>(left.count())) : 0;
+        if (ready == 0) {
             return ReadResult::noAnswer;
+        }
+        std::array<char, 4096> piece{};
+        const ssize_t length = ::recv(connection, piece.data(), piece.size(), MSG_DONTWAIT);
+        if (length < 0 && (errno == EINTR || errno == EAGAIN)) {
+            continue;
         }
         if (length <= 0 || searched > maxAnswerSize) {
             return ReadResult::ended;

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -56,19 +57,21 @@ class ListeningSocket {
     Descriptor _socket;
 };
 
-/// Connects to the sync that runs on a device. Closed when none runs; an error when there is one that cannot be
-/// reached. Neither connecting nor an answer takes longer than `patience`.
+/// Connects to what runs on a device. Closed when nothing does that can be asked; an error when there is something that
+/// cannot be reached. Neither connecting nor sending takes longer than `patience`.
 [[nodiscard]] Result<Descriptor> connectToControl(const std::string& deviceFolder, std::chrono::milliseconds patience);
-/// From now on an answer may take any time.
-void waitForAnswersWithoutEnd(int connection);
 
+using ControlClock = std::function<std::chrono::steady_clock::time_point()>;
 enum class ReadResult {
     line,
     noAnswer, // for too long a time
     ended,    // the connection, or it was no answer: one without end
 };
-/// Reads up to the next line end, which is left out.
-[[nodiscard]] ReadResult readLine(int connection, std::string& buffer, std::string& line);
+/// Reads up to the next line end, which is left out. However the line comes in pieces, all of it takes no longer than
+/// `patience`.
+[[nodiscard]] ReadResult readLine(int connection, std::string& buffer, std::string& line,
+                                  std::chrono::milliseconds patience,
+                                  const ControlClock& now = std::chrono::steady_clock::now);
 /// Writes a line and its end. False when nobody reads any more.
 [[nodiscard]] bool writeLine(int connection, const std::string& line);
 

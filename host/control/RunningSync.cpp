@@ -44,8 +44,9 @@ void showProgress(device::Registry& registry, const Json& app) {
 
 } // namespace
 
-RunningSync::RunningSync(Result<Descriptor> connection)
-    : _problem(reasonOf(connection.error())), _connection(connection ? std::move(*connection) : Descriptor()) {}
+RunningSync::RunningSync(Result<Descriptor> connection, std::chrono::milliseconds patience)
+    : _patience(patience), _problem(reasonOf(connection.error())),
+      _connection(connection ? std::move(*connection) : Descriptor()) {}
 
 Json RunningSync::ask(const ControlRequest& request) {
     if (!_connection.isOpen()) {
@@ -66,7 +67,7 @@ bool RunningSync::hasNext() const {
 
 Json RunningSync::next() {
     std::string line;
-    const ReadResult result = readLine(_connection.get(), _buffer, line);
+    const ReadResult result = readLine(_connection.get(), _buffer, line, _patience);
     Json answer = result == ReadResult::line ? parsed(line) : Json();
     if (!answer.is_object()) {
         _problem = result == ReadResult::noAnswer ? busySentence() : "The sync has ended before it could answer.";

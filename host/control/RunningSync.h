@@ -25,7 +25,7 @@ class RunningSync {
   public:
     /// Neither connecting nor an answer takes longer than `patience`.
     RunningSync(const std::string& deviceFolder, std::chrono::milliseconds patience)
-        : RunningSync(connectToControl(deviceFolder, patience)) {}
+        : RunningSync(connectToControl(deviceFolder, patience), patience) {}
 
     [[nodiscard]] bool isThere() const { return _connection.isOpen() || !_problem.empty(); }
     /// An answer; of another kind than an object when none came, as `problem` says then.
@@ -38,14 +38,14 @@ class RunningSync {
     [[nodiscard]] int descriptor() const noexcept { return _connection.get(); }
     /// The next line of an answer that has several.
     [[nodiscard]] nlohmann::ordered_json next();
-    /// False when something else is to be read instead, from this descriptor. Waits without a bound.
-    [[nodiscard]] bool waitForNext(int instead) const;
-    void waitWithoutEnd() const { waitForAnswersWithoutEnd(_connection.get()); }
+    /// False when something else is to be read instead, from this descriptor unless it is -1. Waits without a bound.
+    [[nodiscard]] bool waitForNext(int instead = -1) const;
     [[nodiscard]] const std::string& problem() const { return _problem; }
 
   private:
-    explicit RunningSync(Result<Descriptor> connection);
+    RunningSync(Result<Descriptor> connection, std::chrono::milliseconds patience);
 
+    const std::chrono::milliseconds _patience;
     std::string _problem;
     std::string _buffer;
     Descriptor _connection;

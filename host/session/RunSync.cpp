@@ -96,6 +96,8 @@ SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& opt
     const ControlServer control(listening ? listening->descriptor() : -1,
                                 options.interrupt != nullptr ? options.interrupt->descriptor() : -1,
                                 {.status = [&view] { return toJson(view.status()); },
+                                 .changes = {&view.changes(), &device.log().waiting()},
+                                 .writeLog = [&device] { device.log().flush(); },
                                  .flush =
                                      [&device] {
                                          device.log().flush();

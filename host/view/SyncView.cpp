@@ -52,6 +52,7 @@ Window SyncView::_windowOfOutput() {
 
 void SyncView::began(std::vector<AppStatus> apps) {
     const Lock lock(_mutex);
+    _changes.set();
     _status.apps = std::move(apps);
     for (std::size_t place = 0; place < _status.apps.size(); ++place) {
         _places[_status.apps[place].identifier] = place;
@@ -133,6 +134,7 @@ SyncStatus SyncView::status() const {
 
 /// An app that nobody has planned is one all the same: a coordinator may end one of an earlier sync.
 AppStatus& SyncView::_app(std::string_view identifier) {
+    _changes.set();
     const auto [place, isNew] = _places.try_emplace(std::string(identifier), _status.apps.size());
     if (!isNew) {
         return _status.apps[place->second];

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "concurrency/Mutex.h"
+#include "files/Event.h"
 #include "host/transfer/TransferRate.h"
 #include "host/view/Print.h"
 #include "host/view/SyncStatus.h"
@@ -49,8 +50,11 @@ class SyncView {
     void ended();
 
     [[nodiscard]] SyncStatus status() const;
+    /// Set when that has changed.
+    [[nodiscard]] const Event& changes() const noexcept { return _changes; }
 
   private:
+    /// That is about to be changed.
     [[nodiscard]] AppStatus& _app(std::string_view identifier) REQUIRES(_mutex);
     void _end(AppStatus& app, const ErrorPtr& error) REQUIRES(_mutex);
     [[nodiscard]] bool _isForPerson() const { return _style == Style::lines || _style == Style::bars; }
@@ -66,6 +70,7 @@ class SyncView {
     const Style _style;
     const std::function<Window()> _window;
     const std::function<Clock::time_point()> _now;
+    const Event _changes;
     mutable Mutex _mutex;
     SyncStatus _status GUARDED_BY(_mutex);
     std::unordered_map<std::string, std::size_t> _places GUARDED_BY(_mutex); // of the apps in the status

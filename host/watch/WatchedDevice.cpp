@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cmath>
+#include <ctime>
 #include <filesystem>
 #include <iostream>
 
@@ -25,10 +26,11 @@ using Json = nlohmann::ordered_json;
 using namespace std::chrono_literals;
 
 constexpr std::size_t maxLines = 50; // of the log, that are kept and told at once
-constexpr auto askInterval = 200ms;  // between two questions to or for a sync
+constexpr auto askInterval = 200ms;  // between two questions for a sync
 constexpr auto findInterval = 1s;    // between two looks whether running apps still run
 constexpr auto retryInterval = 1s;   // after a look that failed
-constexpr int lookShare = 20;        // looking takes at most this part of the time
+constexpr auto lookInterval = 100ms; // between two looks at the database
+constexpr int lookShare = 20;        // looking takes at most this part of a processor's time
 constexpr int maxTold = 8;           // lines of a sync that are taken in at once: they may never end
 
 std::string dumped(const Json& json) {
@@ -92,6 +94,12 @@ Json describe(const device::Application& app, bool isRunning, const AppStatus* s
 
 } // namespace
 
+std::chrono::nanoseconds usedTime() {
+    timespec used{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
 WatchedDevice::WatchedDevice(std::string folder, std::unique_ptr<device::Root> root)
     : _folder(std::move(folder)), _root(std::move(root)), _changes(_root->files()), _icons(_root->files()),
       _processes(*_root), _log(_root->files()) {}
@@ -148,13 +156,14 @@ WatchedDevice::Clock::time_point WatchedDevice::nextUpdate() const {
     if (!_running.empty()) {
         next = std::min(next, _nextFind);
     }
-    if (_sync ? _isSyncing && !_isFlushing : _owner.has_value()) {
+    if (!_sync && _owner) {
         next = std::min(next, _nextAsk);
     }
     return next;
 }
 
 Result<void> WatchedDevice::_look(Clock::time_point now) {
+    const auto before = usedTime();
     const auto device = device::Device::look(_folder);
     if (!device && isGone(device.error())) {
         return gone(_folder);
@@ -177,7 +186,7 @@ Result<void> WatchedDevice::_look(Clock::time_point now) {
     }
     _layout = (*device)->homeScreen().layout().showing(identifiers);
     _icons.offer(std::move(icons));
-    _nextLook = now + lookShare * (Clock::now() - now);
+    _nextLook = now + std::max<Clock::duration>(lookInterval, lookShare * (usedTime() - before));
     return {};
 }
 
@@ -206,19 +215,15 @@ void WatchedDevice::_findSync(Clock::time_point now) {
     RunningSync found(_folder, lookersPatience);
     if (found.descriptor() >= 0 && found.send({"follow"})) {
         _sync.emplace(std::move(found));
-        _isFlushing = false;
     }
 }
 
-/// Takes what it has told, and has it write its log.
 void WatchedDevice::_hearSync(Clock::time_point now) {
     for (int count = 0; count < maxTold && _sync && _sync->hasNext(); ++count) {
         const Json told = _sync->next();
         if (!told.is_object() || told.contains("error")) {
             _endSync();
             _nextAsk = now + askInterval;
-        } else if (told.contains("done")) {
-            _isFlushing = false;
         } else {
             _rate = _isSyncing ? _rate : TransferRate();
             _isSyncing = true;
@@ -226,16 +231,11 @@ void WatchedDevice::_hearSync(Clock::time_point now) {
             _rate.sent(static_cast<double>(_status.sentBytes()), now);
         }
     }
-    if (_isSyncing && !_isFlushing && now >= _nextAsk) {
-        _isFlushing = _sync->send({"flush"});
-        _nextAsk = now + askInterval;
-    }
 }
 
 void WatchedDevice::_endSync() {
     _sync.reset();
     _isSyncing = false;
-    _isFlushing = false;
 }
 
 void WatchedDevice::_readLog() {

@@ -26,6 +26,9 @@
 
 namespace appsync::host {
 
+/// Processor time that this thread has used so far: what work costs, however much else the machine has to do.
+[[nodiscard]] std::chrono::nanoseconds usedTime();
+
 /// One thread, but for the icons.
 class WatchedDevice {
   public:
@@ -81,8 +84,7 @@ class WatchedDevice {
     bool _isSyncing = false; // it has told something
     SyncStatus _status;      // of the last sync, too
     TransferRate _rate;
-    Clock::time_point _nextAsk = {}; // for a sync, or for it to write its log
-    bool _isFlushing = false;        // it has not answered to that yet
+    Clock::time_point _nextAsk = {}; // for a sync
 
     device::LogCursor _log;
     std::deque<std::string> _lines; // the last ones, as JSON

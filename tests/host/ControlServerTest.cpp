@@ -26,14 +26,16 @@ class Server : public testing::Test {
         ASSERT_TRUE(opened) << errorText(opened.error());
         listening.emplace(std::move(*opened));
     }
-    void start(std::chrono::milliseconds farewell = 0min) {
+    void start(ControlTimes times = {.farewell = 0min}) {
         server.emplace(listening->descriptor(), -1,
                        ControlHandlers{.status = [this] { return *status.load(); },
+                                       .changes = {&change},
+                                       .writeLog = [this] { ++logWritings; },
                                        .flush = [] {},
                                        .prioritize = [](const std::string&) { return Result<void>(); },
                                        .cancel = [](const std::string&) { return hostError("no"); },
                                        .interrupted = [] {}},
-                       farewell);
+                       times);
     }
     Descriptor connected() const {
         auto connection = connectToControl(folder / "device", 1min);
@@ -48,7 +50,7 @@ class Server : public testing::Test {
     static std::string lineFrom(const Descriptor& connection) {
         std::string buffer;
         std::string line;
-        return readLine(connection.get(), buffer, line) == ReadResult::line ? line : "(hung up)";
+        return readLine(connection.get(), buffer, line, 1min) == ReadResult::line ? line : "(hung up)";
     }
     static std::string asked(const Descriptor& connection, const std::string& command) {
         send(connection, toJson({command, "app"}) + "\n");
@@ -59,7 +61,10 @@ class Server : public testing::Test {
     std::unique_ptr<device::Root> root;
     const std::string small = R"({"running":true})";
     const std::string large = R"({"text":")" + std::string(3U << 20, 'x') + R"("})";
+    const std::string further = R"({"running":true,"finished":1})";
     std::atomic<const std::string*> status{&small};
+    const Event change;
+    std::atomic<int> logWritings = 0;
     std::optional<ListeningSocket> listening;
     std::optional<ControlServer> server;
 };
@@ -87,7 +92,7 @@ TEST_F(Server, EveryQuestionIsAnsweredInItsTurnHoweverSlowlyTheAnswersAreRead) {
     std::string buffer;
     for (const std::string& expected : {large, doneAnswer(), large}) {
         std::string line;
-        ASSERT_EQ(readLine(slow.get(), buffer, line), ReadResult::line);
+        ASSERT_EQ(readLine(slow.get(), buffer, line, 1min), ReadResult::line);
         EXPECT_EQ(line, expected);
     }
 }
@@ -128,7 +133,7 @@ TEST_F(Server, WhereAllFollowANewClientIsToldThatTheSyncIsBusy) {
 }
 
 TEST_F(Server, AFollowerThatReadsHasTheLastStatusHoweverLongItIs) {
-    start(10min);
+    start({.farewell = 10min});
     const Descriptor follower = connected();
     EXPECT_EQ(asked(follower, "follow"), small);
     status = &large;
@@ -139,6 +144,35 @@ TEST_F(Server, AFollowerThatReadsHasTheLastStatusHoweverLongItIs) {
     }
     EXPECT_EQ(line, large);
     ending.join();
+}
+
+TEST_F(Server, AFollowerIsToldAtOnceWhatHasChangedAndThenNothingForAMoment) {
+    start({.farewell = 10min, .stillness = 10min});
+    const Descriptor follower = connected();
+    EXPECT_EQ(asked(follower, "follow"), small);
+    EXPECT_EQ(logWritings, 0);
+    status = &further;
+    change.set();
+    EXPECT_EQ(lineFrom(follower), further);
+    EXPECT_EQ(logWritings, 1) << "with what has changed";
+    status = &small;
+    change.set();
+    EXPECT_EQ(asked(connected(), "status"), small) << "who asks is answered";
+    status = &large;
+    std::thread ending([this] { server.reset(); });
+    EXPECT_EQ(lineFrom(follower), large) << "the one between was passed over";
+    ending.join();
+    EXPECT_EQ(logWritings, 1);
+}
+
+TEST_F(Server, WhatHasChangedBeforeSomebodyFollowsIsToldAtItsBegin) {
+    start({.farewell = 0min, .stillness = 0min});
+    change.set();
+    EXPECT_EQ(asked(connected(), "status"), small);
+    EXPECT_EQ(logWritings, 0) << "nobody watches";
+    const Descriptor follower = connected();
+    EXPECT_EQ(asked(follower, "follow"), small);
+    EXPECT_EQ(logWritings, 1);
 }
 
 TEST_F(Server, WhatIsNoRequestIsToldOrHungUpOn) {
@@ -171,11 +205,29 @@ TEST_F(Server, ASocketThatNobodyAcceptsIsBusyAndOneThatNobodyHearsIsNot) {
     EXPECT_EQ(errorText(waiting.back().error()), busySentence());
     std::string buffer;
     std::string line;
-    EXPECT_EQ(readLine(waiting.front()->get(), buffer, line), ReadResult::noAnswer);
+    EXPECT_EQ(readLine(waiting.front()->get(), buffer, line, std::chrono::milliseconds(1)), ReadResult::noAnswer);
     listening.reset();
     const auto unheard = connectToControl(folder / "device", 1min);
     ASSERT_TRUE(unheard) << errorText(unheard.error());
     EXPECT_FALSE(unheard->isOpen());
+}
+
+/// By a clock on which reading a piece takes a second.
+TEST_F(Server, AnAnswerThatComesByteByByteHasNoMoreTimeThanAnother) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    const Descriptor mine(ends[0]);
+    const Descriptor theirs(ends[1]);
+    std::chrono::steady_clock::time_point now;
+    int bytes = 0;
+    std::string buffer;
+    std::string line;
+    const ReadResult result = readLine(mine.get(), buffer, line, 1min, [&] {
+        send(theirs, ++bytes < 1000 ? "x" : "\n");
+        return now += std::chrono::seconds(1);
+    });
+    EXPECT_EQ(result, ReadResult::noAnswer);
+    EXPECT_LT(bytes, 70);
 }
 
 TEST_F(Server, AnAnswerWithoutEndIsNone) {
@@ -190,7 +242,7 @@ TEST_F(Server, AnAnswerWithoutEndIsNone) {
     });
     std::string buffer;
     std::string line;
-    EXPECT_EQ(readLine(mine.get(), buffer, line), ReadResult::ended);
+    EXPECT_EQ(readLine(mine.get(), buffer, line, 1min), ReadResult::ended);
     EXPECT_LT(buffer.size(), 5U << 20);
     ::shutdown(mine.get(), SHUT_RDWR);
     babbling.join();

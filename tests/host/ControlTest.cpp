@@ -37,7 +37,7 @@ class Control : public SyncOnBothPaths {
         return connection ? std::move(*connection) : Descriptor();
     }
     static bool hasRead(int connection, std::string& buffer, std::string& line) {
-        return readLine(connection, buffer, line) == ReadResult::line;
+        return readLine(connection, buffer, line, std::chrono::minutes(1)) == ReadResult::line;
     }
     /// Syncs slowly; `pause` is called after each piece with its number.
     SyncReport syncSlowly(const std::function<void(int piece)>& pause, const Interrupt* interrupt = nullptr) {
