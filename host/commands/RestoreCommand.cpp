@@ -1,4 +1,5 @@
 // `qrd restore`: puts a backup onto a device and has the plug-in make a placeholder of each app in it.
+#include "concurrency/Mutex.h"
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/root/Tree.h"
@@ -8,10 +9,11 @@
 #include "host/OpenDevice.h"
 #include "host/backup/BackupFolder.h"
 #include "host/backup/CopyTree.h"
-#include "host/commands/Outcome.h"
-#include "host/commands/TraceFile.h"
+#include "host/commands/BringApps.h"
 #include "host/control/Interrupt.h"
+#include "host/control/RunControl.h"
 #include "host/plugin/ClientOnDevice.h"
+#include "host/transfer/TransferQueue.h"
 #include "host/view/SyncReport.h"
 #include "host/view/SyncView.h"
 #include "platform/host/Places.h"
@@ -20,8 +22,8 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <iostream>
 #include <map>
+#include <set>
 
 namespace appsync::host {
 
@@ -33,12 +35,14 @@ const std::string restoreFolder = restoreInfoPath.substr(0, restoreInfoPath.rfin
 /// Where an app's data arrives before the backup service takes it.
 const std::string incomingFolder = "/tmp/com.zuvex.qrd.RestoreData";
 
+constexpr BringWords restoreWords{"a restore", "The backup holds no apps.", "restore again"};
+
 class Restore {
   public:
     Restore(device::Device& device, BackupContent content, const BackupFolder& folder, SyncView& view)
         : _device(device), _content(std::move(content)), _folder(folder), _view(view) {}
 
-    SyncReport run(int type, const std::string& plugInPath) {
+    SyncReport run(int type, const std::string& plugInPath, const Interrupt& interrupt) {
         _type = type;
         _clearAway();
         _arrangeIcons();
@@ -48,7 +52,10 @@ class Restore {
             }
         }
         _putDemotedApps();
-        _putAllData();
+        TransferQueue queue(_announced());
+        const RunControl control(_device, _view, &interrupt, _wishes(queue));
+        _putAllData(queue);
+        _giveUpCancelled();
         _report.interrupted = Interrupt::requested();
         if (_report.interrupted) {
             _clearAway(); // the next one puts all again
@@ -134,24 +141,87 @@ class Restore {
         return isDemoted && waiting && !*waiting && _device.files().fileExists(app.dataContainerPath);
     }
 
+    /// Until the plug-in is told of the apps it is enough to leave one out; then the device has its placeholder.
+    Wishes _wishes(TransferQueue& queue) {
+        return {.prioritize = [&queue](const std::string& app) -> Result<void> {
+                    return queue.prioritize(app) ? Result<void>() : notWaitingError(app);
+                },
+                .cancel = [this](const std::string& app) -> Result<void> {
+                    return _leaveOut(app) || _cancelOnDevice(app) ? Result<void>() : notUnderWayError(app);
+                }};
+    }
+
+    bool _leaveOut(const std::string& app) {
+        const Lock lock(_mutex);
+        if (!_isHandedOver && _bytes.contains(app)) {
+            _cancelled.insert(app);
+            return true;
+        }
+        return false;
+    }
+
+    bool _cancelOnDevice(const std::string& app) {
+        const auto present = _device.registry().application(app);
+        if (!present || !present->isPlaceholder) {
+            return false;
+        }
+        const bool isDone = _device.coordinationIsEnabled()
+                                ? _device.coordinator().cancelByUser(app)
+                                : present->installType == PDInstallTypeRestore && _device.registry().cancelInstall(app);
+        const Lock lock(_mutex);
+        if (isDone) {
+            _cancelled.insert(app);
+        }
+        return isDone;
+    }
+
+    bool _isCancelled(const std::string& app) {
+        const Lock lock(_mutex);
+        return _cancelled.contains(app);
+    }
+
     /// Ends early when the restore is interrupted.
-    void _putAllData() {
-        _announce();
+    void _putAllData(TransferQueue& queue) {
+        std::map<std::string, BackupApp*> byIdentifier;
         for (BackupApp& app : _content.apps) {
-            if (!app.problem.empty()) {
+            byIdentifier[app.identifier] = &app;
+        }
+        while (const auto identifier = queue.next()) {
+            if (_isCancelled(*identifier)) {
                 continue;
             }
-            _view.transferBegan(app.identifier);
-            const auto put = _putData(app.identifier);
+            _view.transferBegan(*identifier);
+            const auto put = _putData(*identifier);
             if (Interrupt::requested()) {
                 return;
             }
-            app.problem = reasonOf(put.error());
-            _view.transferEnded(app.identifier, put.error());
+            if (!_isCancelled(*identifier)) {
+                byIdentifier.at(*identifier)->problem = reasonOf(put.error());
+                _view.transferEnded(*identifier, put.error());
+            }
         }
     }
 
-    void _announce() {
+    /// From now on who takes an app back does it on the device.
+    void _giveUpCancelled() {
+        std::set<std::string> cancelled;
+        {
+            const Lock lock(_mutex);
+            _isHandedOver = true;
+            cancelled = _cancelled;
+        }
+        for (BackupApp& app : _content.apps) {
+            if (cancelled.contains(app.identifier) && app.problem.empty()) {
+                app.problem = reasonOf(cancelledByUserError());
+                (void)_device.backup().cancelRestore(app.identifier); // the outcome tells what is left
+                _view.transferEnded(app.identifier, cancelledByUserError());
+            }
+        }
+    }
+
+    /// The apps whose data is to be put.
+    std::vector<std::string> _announced() {
+        std::vector<std::string> identifiers;
         std::vector<AppStatus> planned;
         for (const BackupApp& app : _content.apps) {
             if (app.problem.empty()) {
@@ -161,10 +231,12 @@ class Restore {
                     (void)device::treeSize(std::move(**data), bytes); // only to be shown; copying will tell
                 }
                 planned.push_back({app.identifier, app.name, bytes});
+                identifiers.push_back(app.identifier);
                 _bytes[app.identifier] = bytes;
             }
         }
         _view.began(std::move(planned));
+        return identifiers;
     }
 
     Result<void> _putData(const std::string& identifier) {
@@ -187,9 +259,9 @@ class Restore {
             sent += static_cast<double>(bytes);
             _view.transferring(identifier, std::min(1.0, sent / static_cast<double>(_bytes[identifier])));
         };
+        const auto isOver = [&] { return Interrupt::requested() || _isCancelled(identifier); };
         auto put =
-            to ? copyTree(std::move(**from), std::move(*to), _folder.dataPath(identifier), Interrupt::requested, copied)
-               : to.error();
+            to ? copyTree(std::move(**from), std::move(*to), _folder.dataPath(identifier), isOver, copied) : to.error();
         if (put) {
             put = _device.backup().addRestoreData(identifier, incoming);
         }
@@ -234,7 +306,11 @@ class Restore {
                 row.size = bytes->second;
                 _report.bytes += row.size;
             }
-            if (app.problem.empty()) {
+            if (_isCancelled(app.identifier) && _resultOf(app.identifier, open) == AppResult::failed) {
+                row.result = AppResult::cancelled;
+                row.reason = reasonOf(cancelledByUserError());
+                _giveUpData(row);
+            } else if (app.problem.empty()) {
                 _findOutcome(row, open);
                 if (!app.remark.empty()) {
                     row.reason += (row.reason.empty() ? "" : " ") + app.remark;
@@ -242,7 +318,11 @@ class Restore {
                 }
             }
             if (_bytes.contains(app.identifier) && row.result != AppResult::waiting) {
-                _view.installEnded(app.identifier, row.result == AppResult::failed ? hostError(row.reason) : nullptr);
+                const bool isCancelled = row.result == AppResult::cancelled;
+                const bool isFailed = row.result == AppResult::failed;
+                _view.installEnded(app.identifier, isCancelled ? cancelledByUserError()
+                                                   : isFailed  ? hostError(row.reason)
+                                                               : nullptr);
             }
             _report.apps.push_back(std::move(row));
         }
@@ -298,6 +378,9 @@ class Restore {
     std::map<std::string, std::uint64_t> _bytes; // of the data of the apps that are brought back
     int _type = desktopRestore;
     SyncReport _report;
+    Mutex _mutex;
+    std::set<std::string> _cancelled GUARDED_BY(_mutex);
+    bool _isHandedOver GUARDED_BY(_mutex) = false; // the plug-in is told of the apps
 };
 
 } // namespace
@@ -309,21 +392,11 @@ ExitCode restore(const RestoreArguments& arguments) {
     if (!content) {
         return fail(reasonOf(content.error()), ExitCode::someAppFailed);
     }
-    auto trace = TraceFile::open(arguments.trace);
-    if (!trace) {
-        return fail(reasonOf(trace.error()));
-    }
-    const auto opened = openDevice(arguments.device, "a restore", trace->timeline());
-    if (!opened) {
-        return fail(opened.error());
-    }
-    device::Device& device = **opened;
-    device.coordinator().waitUntilIdle();
-    const Interrupt interrupt;
-    SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
-    SyncReport report = Restore(device, std::move(*content), *folder, view).run(arguments.type, arguments.plugin);
-    trace->finish(report);
-    return tellOutcome(report, arguments.json, {"The backup holds no apps.", "restore again"});
+    const BringWhere where{arguments.device, arguments.trace, arguments.json};
+    return bringApps(where, restoreWords, [&](device::Device& device, SyncView& view, const Interrupt& interrupt) {
+        return Result(
+            Restore(device, std::move(*content), *folder, view).run(arguments.type, arguments.plugin, interrupt));
+    });
 }
 
 } // namespace appsync::host

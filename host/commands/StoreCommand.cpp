@@ -1,13 +1,13 @@
 // `qrd store`: plays the store client, which brings the apps that a restore has made it responsible for.
 #include "desktop/AppLibrary.h"
 #include "device/Device.h"
+#include "device/coordinator/CoordinatorError.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/root/DeviceFileSystem.h"
 #include "host/Commands.h"
-#include "host/OpenDevice.h"
-#include "host/commands/Outcome.h"
-#include "host/commands/TraceFile.h"
+#include "host/commands/BringApps.h"
 #include "host/control/Interrupt.h"
+#include "host/control/RunControl.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/Leftovers.h"
 #include "host/transfer/Transfer.h"
@@ -18,7 +18,8 @@
 #include "timeline/Timeline.h"
 
 #include <algorithm>
-#include <iostream>
+#include <iterator>
+#include <map>
 #include <set>
 
 namespace appsync::host {
@@ -33,14 +34,10 @@ struct Order {
     std::optional<std::string> version;
     KXAppInstallCoordinatorPtr coordinator; // null when it was gone at once
     ErrorPtr error = {};                    // why nothing was delivered
+    bool isInstalling = false;              // it was delivered, and has not ended yet as far as was told
 };
 
-Result<void> mayGoOn() {
-    if (Interrupt::requested()) {
-        return transferError(TransferError::interrupted, "The store was interrupted; `qrd store` again to go on.");
-    }
-    return {};
-}
+constexpr BringWords storeWords{"a visit to the store", "No app waits for the store.", "`qrd store` again"};
 
 class StoreClient {
   public:
@@ -49,47 +46,90 @@ class StoreClient {
           _platform(device.platform(_deviceService, _errorClassification)) {}
 
     /// Ends early, and cleanly, when the process is interrupted.
-    void run() {
+    void run(const Interrupt& interrupt) {
         _findOrders();
         _clearDownloads();
+        std::map<std::string, Order*> byIdentifier;
+        std::vector<std::string> inOrder;
         for (Order& order : _orders) {
-            if (const auto delivered = _deliver(order); !delivered) {
-                order.error = delivered.error();
-                _view.transferEnded(order.identifier, order.error);
+            byIdentifier[order.identifier] = &order;
+            inOrder.push_back(order.identifier);
+        }
+        TransferQueue queue(std::move(inOrder));
+        const RunControl control(_device, _view, &interrupt, _wishes(queue));
+        while (const auto identifier = queue.next()) {
+            Order& order = *byIdentifier.at(*identifier);
+            order.error = _deliver(order, queue).error();
+            order.isInstalling = order.error == nullptr;
+            if (!order.isInstalling) {
+                _view.transferEnded(order.identifier, _errorOf(order));
             }
+            _tellWhoEnded(false);
         }
         _device.coordinator().waitUntilIdle();
-        for (const AppReport& report : reports()) { // the coordinator tells the sync host alone, whose apps they were
-            if (report.result != AppResult::waiting) {
-                const bool isDone = report.result == AppResult::installed;
-                _view.installEnded(report.identifier, isDone ? nullptr : hostError(report.reason));
-            }
-        }
+        _tellWhoEnded(true);
         _view.ended();
         clearPlaceholderBundles(_device); // of restored apps, as a sync does it
     }
 
     [[nodiscard]] std::vector<AppReport> reports() {
         std::vector<AppReport> all;
-        for (const Order& order : _orders) {
-            const ErrorPtr error =
-                order.error == nullptr && order.coordinator != nullptr ? order.coordinator->error() : order.error;
-            AppReport report{order.identifier, order.name, order.version, AppResult::failed, reasonOf(error)};
-            const auto app = _device.registry().application(order.identifier);
-            if (isError(error, hostTransferErrorDomain, TransferError::interrupted)) {
-                report.result = AppResult::waiting;
-            } else if (error == nullptr && app && app->isInstalled && !app->isPlaceholder) {
-                report.result = AppResult::installed;
-                report.version = app->version;
-            } else if (error == nullptr) {
-                report.reason = "The device has not installed it; `qrd log` tells more.";
-            }
-            all.push_back(std::move(report));
-        }
+        std::ranges::transform(_orders, std::back_inserter(all),
+                               [this](const Order& order) { return _reportOf(order); });
         return all;
     }
 
   private:
+    /// The device knows as well when an app is taken back: it gives its placeholder up.
+    Wishes _wishes(TransferQueue& queue) {
+        return {.prioritize = [&queue](const std::string& app) -> Result<void> {
+                    return queue.prioritize(app) ? Result<void>() : notWaitingError(app);
+                },
+                .cancel = [this, &queue](const std::string& app) -> Result<void> {
+                    const bool isToCome = queue.cancel(app);
+                    const bool isCancelled = _device.coordinator().cancelByUser(app);
+                    return isToCome || isCancelled ? Result<void>() : notUnderWayError(app);
+                }};
+    }
+
+    static ErrorPtr _errorOf(const Order& order) {
+        const ErrorPtr ended = order.coordinator != nullptr ? order.coordinator->error() : nullptr;
+        if (isError(ended, device::coordinatorErrorDomain, device::CoordinatorError::cancelledByPerson)) {
+            return cancelledByUserError();
+        }
+        return order.error != nullptr ? order.error : ended;
+    }
+
+    AppReport _reportOf(const Order& order) {
+        const ErrorPtr error = _errorOf(order);
+        AppReport report{order.identifier, order.name, order.version, AppResult::failed, reasonOf(error)};
+        const auto app = _device.registry().application(order.identifier);
+        if (isError(error, hostTransferErrorDomain, TransferError::interrupted)) {
+            report.result = AppResult::waiting;
+        } else if (isError(error, hostTransferErrorDomain, TransferError::cancelledByUser)) {
+            report.result = AppResult::cancelled;
+        } else if (error == nullptr && app && app->isInstalled && !app->isPlaceholder) {
+            report.result = AppResult::installed;
+            report.version = app->version;
+        } else if (error == nullptr) {
+            report.reason = "The device has not installed it; `qrd log` tells more.";
+        }
+        return report;
+    }
+
+    /// The coordinator tells the sync host alone, whose apps they were. What has not ended at the end has failed.
+    void _tellWhoEnded(bool isEnd) {
+        for (Order& order : _orders) {
+            const AppReport report = order.isInstalling ? _reportOf(order) : AppReport();
+            const bool isDone = report.result == AppResult::installed;
+            const ErrorPtr error = order.isInstalling ? _errorOf(order) : nullptr;
+            if (order.isInstalling && (isDone || error != nullptr || isEnd)) {
+                order.isInstalling = false;
+                _view.installEnded(order.identifier, isDone || error != nullptr ? error : hostError(report.reason));
+            }
+        }
+    }
+
     void _findOrders() {
         for (const device::OpenCoordinator& open : _device.coordinator().openCoordinators()) {
             if (open.responsibleClient != KXClientCorbin) {
@@ -123,7 +163,15 @@ class StoreClient {
         }
     }
 
-    Result<void> _deliver(const Order& order) {
+    Result<void> _deliver(const Order& order, const TransferQueue& queue) {
+        const auto mayGoOn = [&]() -> Result<void> {
+            if (queue.isCancelled(order.identifier)) {
+                return cancelledByUserError();
+            }
+            return Interrupt::requested() ? transferError(TransferError::interrupted,
+                                                          "The store was interrupted; `qrd store` again to go on.")
+                                          : Result<void>();
+        };
         if (order.coordinator == nullptr) {
             return {}; // its install has just ended
         }
@@ -174,35 +222,24 @@ class StoreClient {
 } // namespace
 
 ExitCode store(const StoreArguments& arguments) {
-    auto trace = TraceFile::open(arguments.trace);
-    if (!trace) {
-        return fail(reasonOf(trace.error()));
-    }
-    const auto opened = openDevice(arguments.device, "a visit to the store", trace->timeline());
-    if (!opened) {
-        return fail(opened.error());
-    }
-    device::Device& device = **opened;
-    device.coordinator().waitUntilIdle(); // what an interrupted run has delivered is installed first
-    const auto catalogue = desktop::readAppCatalogue(arguments.catalogue, device.propertyLists());
-    if (!catalogue) {
-        return fail(reasonOf(catalogue.error()), ExitCode::wrongUse);
-    }
-    const Interrupt interrupt;
-    SyncReport report;
-    {
-        SyncView view(std::cout, SyncView::styleFor(std::cout, arguments.json));
-        StoreClient client(device, *catalogue, view);
-        client.run();
-        report.apps = client.reports();
-    }
-    report.problems = catalogue->problems;
-    for (const desktop::UnreadableFile& file : catalogue->unreadable) {
-        report.problems.push_back(file.reason);
-    }
-    report.interrupted = Interrupt::requested();
-    trace->finish(report);
-    return tellOutcome(report, arguments.json, {"No app waits for the store.", "`qrd store` again"});
+    const BringWhere where{arguments.device, arguments.trace, arguments.json};
+    return bringApps(where, storeWords,
+                     [&](device::Device& device, SyncView& view, const Interrupt& interrupt) -> Result<SyncReport> {
+                         const auto catalogue = desktop::readAppCatalogue(arguments.catalogue, device.propertyLists());
+                         if (!catalogue) {
+                             return catalogue.error();
+                         }
+                         StoreClient client(device, *catalogue, view);
+                         client.run(interrupt);
+                         SyncReport report;
+                         report.apps = client.reports();
+                         report.problems = catalogue->problems;
+                         for (const desktop::UnreadableFile& file : catalogue->unreadable) {
+                             report.problems.push_back(file.reason);
+                         }
+                         report.interrupted = Interrupt::requested();
+                         return report;
+                     });
 }
 
 } // namespace appsync::host

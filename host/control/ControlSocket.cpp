@@ -55,7 +55,7 @@ Descriptor newSocket(int flags) {
 
 ErrorPtr socketError(const std::string& reason) {
     return hostError("The control socket of the device cannot be made: " + reason +
-                     ". The sync goes on; `qrd status`, `prioritize` and `cancel` do not reach it.");
+                     "; `qrd status`, `prioritize` and `cancel` do not reach what goes on.");
 }
 
 /// Makes the folder of the socket, which only the owner may enter.
@@ -107,7 +107,7 @@ Result<ControlRequest> parseControlRequest(std::string_view line) {
 }
 
 std::string busySentence() {
-    return "The sync is busy and does not answer; try again.";
+    return "What runs on the device is busy and does not answer; try again.";
 }
 
 std::string doneAnswer() {
@@ -159,7 +159,7 @@ Result<Descriptor> connectToControl(const std::string& deviceFolder, std::chrono
         return hostError(busySentence());
     }
     if (errno != ENOENT && errno != ECONNREFUSED) {
-        return hostError("The sync on " + deviceFolder + " cannot be reached: " + std::strerror(errno) + ".");
+        return hostError("What runs on " + deviceFolder + " cannot be reached: " + std::strerror(errno) + ".");
     }
     return Descriptor();
 }

@@ -1,4 +1,5 @@
-// The socket by which a person acts on a device while a sync runs.
+// The socket by which a person acts on a device while a sync runs, or a restore, or a visit to the store; what is said
+// of a sync here and beside this file holds for each of them.
 //
 // It stands in the device root, at var/run/control/socket, in a folder that only the owner may enter. A client sends
 // one line, a JSON object {"command": "status" | "follow" | "flush" | "prioritize" | "cancel", "app": identifier}, and

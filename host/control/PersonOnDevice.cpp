@@ -3,7 +3,7 @@
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/registry/Registry.h"
-#include "host/plugin/PlugIn.h"
+#include "host/control/RunControl.h"
 #include "host/session/BusyApps.h"
 #include "host/session/InstallOutcomes.h"
 #include "host/transfer/TransferQueue.h"
@@ -12,22 +12,18 @@ namespace appsync::host {
 
 namespace {
 
-Result<void> doneIf(bool isDone, const std::string& otherwise) {
-    return isDone ? Result<void>() : hostError(otherwise);
-}
-
-std::string notUnderWay(const std::string& app) {
-    return "'" + app + "' is not being installed; `qrd status` shows what is.";
+Result<void> doneIf(bool isDone, const ErrorPtr& otherwise) {
+    return isDone ? Result<void>() : otherwise;
 }
 
 } // namespace
 
 Result<void> PersonOnDevice::prioritize(const std::string& app) {
     if (_device.coordinationIsEnabled()) {
-        return doneIf(_device.coordinator().prioritizeByUser(app), notUnderWay(app));
+        return doneIf(_device.coordinator().prioritizeByUser(app), notUnderWayError(app));
     }
     _device.registry().prioritize(app);
-    return doneIf(_deviceService.prioritize(app), "'" + app + "' does not wait for its transfer.");
+    return doneIf(_deviceService.prioritize(app), notWaitingError(app));
 }
 
 Result<void> PersonOnDevice::cancel(const std::string& app) {
@@ -37,7 +33,7 @@ Result<void> PersonOnDevice::cancel(const std::string& app) {
     if (!isCancelled) {
         _outcomes.withdrawCancel(app);
     }
-    return doneIf(isCancelled, notUnderWay(app));
+    return doneIf(isCancelled, notUnderWayError(app));
 }
 
 /// The plug-in takes the placeholder away when the transfer or the install fails. Only of a restore is it told through

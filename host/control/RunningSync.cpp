@@ -70,7 +70,8 @@ Json RunningSync::next() {
     const ReadResult result = readLine(_connection.get(), _buffer, line, _patience);
     Json answer = result == ReadResult::line ? parsed(line) : Json();
     if (!answer.is_object()) {
-        _problem = result == ReadResult::noAnswer ? busySentence() : "The sync has ended before it could answer.";
+        _problem = result == ReadResult::noAnswer ? busySentence()
+                                                  : "What ran on the device has ended before it could answer.";
     }
     return answer;
 }
@@ -116,7 +117,7 @@ void showProgressOf(const std::string& deviceFolder, device::Device& device) {
     }
     const Json status = running.ask({"status"});
     if (!status.is_object() || status.contains("error")) {
-        printLine(std::cerr, "note: the sync on " + deviceFolder + " does not answer now; how far it is is not shown");
+        printLine(std::cerr, "note: what runs on " + deviceFolder + " does not answer now; how far it is is not shown");
         return;
     }
     for (const Json& app : listIn(status, "apps")) {

@@ -4,14 +4,12 @@
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/coordinator/InstallObservers.h"
-#include "device/log/TransactionLog.h"
 #include "device/root/DeviceFileSystem.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/Notifications.h"
 #include "host/OpenDevice.h"
-#include "host/control/ControlServer.h"
-#include "host/control/Interrupt.h"
 #include "host/control/PersonOnDevice.h"
+#include "host/control/RunControl.h"
 #include "host/plugin/HostPlatform.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/BusyApps.h"
@@ -89,23 +87,10 @@ SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& opt
     // What ended while no plug-in ran is told to it before it opens the sync, since it notes that in its work files.
     device.coordinator().waitUntilIdle();
     PersonOnDevice person(device, deviceService, workspace, busyApps, outcomes);
-    const auto listening = ListeningSocket::open(device.files());
-    if (!listening) {
-        view.note(reasonOf(listening.error()));
-    }
-    const ControlServer control(listening ? listening->descriptor() : -1,
-                                options.interrupt != nullptr ? options.interrupt->descriptor() : -1,
-                                {.status = [&view] { return toJson(view.status()); },
-                                 .changes = {&view.changes(), &device.log().waiting()},
-                                 .writeLog = [&device] { device.log().flush(); },
-                                 .flush =
-                                     [&device] {
-                                         device.log().flush();
-                                         (void)device.transactionLog().flush(); // tried again by its own thread
-                                     },
-                                 .prioritize = [&person](const std::string& app) { return person.prioritize(app); },
-                                 .cancel = [&person](const std::string& app) { return person.cancel(app); },
-                                 .interrupted = [&busyApps] { busyApps.giveUp(); }});
+    const RunControl control(device, view, options.interrupt,
+                             {.prioritize = [&person](const std::string& app) { return person.prioritize(app); },
+                              .cancel = [&person](const std::string& app) { return person.cancel(app); },
+                              .end = [&busyApps] { busyApps.giveUp(); }});
     report = SyncSession({device, client, deviceService, outcomes, view, options.bandwidth}, plan).run();
     noteLostMessages(device, report);
     return report;

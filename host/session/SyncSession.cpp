@@ -98,7 +98,13 @@ std::vector<QRAssetPtr> SyncSession::_assetsToSend() {
 }
 
 void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
-    const auto queue = std::make_shared<TransferQueue>(assets);
+    std::map<std::string, QRAssetPtr> byIdentifier;
+    std::vector<std::string> order;
+    for (const QRAssetPtr& asset : assets) {
+        byIdentifier[asset->identifier] = asset;
+        order.push_back(asset->identifier);
+    }
+    const auto queue = std::make_shared<TransferQueue>(std::move(order));
     _parties.deviceService.setQueue(queue);
     Semaphore places(maxArrivalsToldAtOnce);
     OperationQueue arrivals(maxArrivalsToldAtOnce, WithoutThread::runsAtOnce);
@@ -106,7 +112,8 @@ void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
         places.wait(); // before an asset is chosen
         return queue->next();
     };
-    while (const QRAssetPtr asset = next()) {
+    while (const auto identifier = next()) {
+        const QRAssetPtr& asset = byIdentifier.at(*identifier);
         const auto sent = asset->isRestore ? _transferRestore(asset, *queue) : _transferOne(asset, *queue);
         if (sent && !asset->isRestore) {
             _noteArrival(*asset, kQRAssetPartApplicationPackage);

@@ -7,21 +7,20 @@
 
 namespace appsync::host {
 
-QRAssetPtr TransferQueue::next() {
+std::optional<std::string> TransferQueue::next() {
     const Lock lock(_mutex);
     if (_waiting.empty()) {
         _underWay.clear();
-        return nullptr;
+        return std::nullopt;
     }
-    QRAssetPtr asset = _waiting.front();
+    _underWay = std::move(_waiting.front());
     _waiting.pop_front();
-    _underWay = asset->identifier;
-    return asset;
+    return _underWay;
 }
 
 bool TransferQueue::prioritize(std::string_view identifier) {
     const Lock lock(_mutex);
-    const auto found = std::ranges::find(_waiting, identifier, [](const auto& asset) { return asset->identifier; });
+    const auto found = std::ranges::find(_waiting, identifier);
     if (found == _waiting.end()) {
         return false;
     }
@@ -31,9 +30,7 @@ bool TransferQueue::prioritize(std::string_view identifier) {
 
 bool TransferQueue::cancel(std::string_view identifier) {
     const Lock lock(_mutex);
-    const bool waits =
-        std::ranges::any_of(_waiting, [&](const auto& asset) { return asset->identifier == identifier; });
-    if (!waits && _underWay != identifier) {
+    if (_underWay != identifier && std::ranges::find(_waiting, identifier) == _waiting.end()) {
         return false;
     }
     _cancelled.emplace(identifier);

@@ -1,4 +1,4 @@
-// The assets that a sync still has to fetch, in their order, and what a person does to them meanwhile.
+// The apps that are still to be brought, in their order, and what a person does to them meanwhile.
 #pragma once
 
 #include "concurrency/Mutex.h"
@@ -8,6 +8,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -28,20 +29,21 @@ enum class TransferError : int {
 /// Any thread.
 class TransferQueue {
   public:
-    explicit TransferQueue(std::vector<QRAssetPtr> assets) : _waiting(assets.begin(), assets.end()) {}
+    /// By their identifiers.
+    explicit TransferQueue(std::vector<std::string> apps) : _waiting(apps.begin(), apps.end()) {}
 
-    /// The next asset to fetch, which is then under way; null when there is none.
-    [[nodiscard]] QRAssetPtr next();
-    /// Moves a waiting asset to the front. False when it does not wait.
+    /// The next app to bring, which is then under way; nullopt when there is none.
+    [[nodiscard]] std::optional<std::string> next();
+    /// Moves a waiting app to the front. False when it does not wait.
     bool prioritize(std::string_view identifier);
-    /// Marks an asset as cancelled, be it waiting or under way. False when it is neither.
+    /// Marks an app as cancelled, be it waiting or under way. False when it is neither.
     bool cancel(std::string_view identifier);
     [[nodiscard]] bool isCancelled(std::string_view identifier) const;
 
   private:
     mutable Mutex _mutex;
-    std::deque<QRAssetPtr> _waiting GUARDED_BY(_mutex);
-    std::string _underWay GUARDED_BY(_mutex); // identifier, empty when none is
+    std::deque<std::string> _waiting GUARDED_BY(_mutex);
+    std::string _underWay GUARDED_BY(_mutex); // empty when none is
     std::set<std::string, std::less<>> _cancelled GUARDED_BY(_mutex);
 };
 

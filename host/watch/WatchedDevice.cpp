@@ -226,6 +226,7 @@ void WatchedDevice::_hearSync(Clock::time_point now) {
             _nextAsk = now + askInterval;
         } else {
             _rate = _isSyncing ? _rate : TransferRate();
+            _purpose = _owner && !_owner->purpose.empty() ? _owner->purpose : _purpose;
             _isSyncing = true;
             _status = parseSyncStatus(told);
             _rate.sent(static_cast<double>(_status.sentBytes()), now);
@@ -280,6 +281,9 @@ std::string WatchedDevice::_describeSync() const {
     Json sync{{"running", _isSyncing},    {"fraction", _status.fraction()},   {"finished", _status.finished()},
               {"bytes", _status.bytes()}, {"sentBytes", _status.sentBytes()}, {"rate", nullptr},
               {"secondsLeft", nullptr},   {"apps", std::move(apps)}};
+    if (!_purpose.empty()) {
+        sync["purpose"] = _purpose;
+    }
     if (const auto rate = _rate.bytesPerSecond(); rate && _isSyncing) {
         sync["rate"] = static_cast<std::uint64_t>(*rate);
         const double seconds = std::ceil(static_cast<double>(_status.bytesLeft()) / *rate);

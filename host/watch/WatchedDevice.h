@@ -82,6 +82,7 @@ class WatchedDevice {
     std::optional<device::DeviceOwner> _owner;
     std::optional<RunningSync> _sync;
     bool _isSyncing = false; // it has told something
+    std::string _purpose;    // of the last one, such as "a sync" or "a restore"; empty: none was there
     SyncStatus _status;      // of the last sync, too
     TransferRate _rate;
     Clock::time_point _nextAsk = {}; // for a sync

@@ -2,15 +2,16 @@
 // something to the file behind its back.
 //
 //   disturb --under DIR [--calls changes|space|reads] [--list FILE]
-//           [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER | --at N --do WORDS] COMMAND…
+//           [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER | --at N --do WORDS | --at N --hold
+//           WORDS] COMMAND…
 //
 // With `--calls space` only changes that need space count, with `reads` instead of changes the calls that look at files
 // and folders. They count from 1 over all threads and child processes, in the order in which the kernel is asked for
 // them: each of them waits here until it may go on. A killed command dies before its change is made; with
 // `--fail-from` all fail from there to the end. `--do` runs the words as a shell does, with the call's path in the
-// variable DISTURBED, and lets the call go on then. `--list` writes a line "number<TAB>call<TAB>path below DIR" per
-// call. The exit code is the command's, 128 + its signal, or 125 when the kernel does not let a process supervise
-// another one's calls.
+// variable DISTURBED, and lets the call go on then; `--hold` does the same while all other calls go on. `--list` writes
+// a line "number<TAB>call<TAB>path below DIR" per call. The exit code is the command's, 128 + its signal, or 125 when
+// the kernel does not let a process supervise another one's calls.
 #include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
@@ -39,6 +40,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -131,7 +133,8 @@ struct Options {
     std::uint64_t failAt = 0;
     std::uint64_t failFrom = 0;
     std::uint64_t doAt = 0;
-    std::string words; // of a shell
+    std::string words;  // of a shell
+    bool holds = false; // only the call waits for them
     int error = EIO;
     char** command = nullptr;
 };
@@ -344,6 +347,13 @@ class Supervisor {
             }
             if (_number == _options.doAt) {
                 ::setenv("DISTURBED", _path.c_str(), 1);
+                if (_options.holds) {
+                    _holding = std::jthread([this, answer]() mutable {
+                        (void)!std::system(_options.words.c_str());
+                        ::ioctl(_listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);
+                    });
+                    return;
+                }
                 (void)!std::system(_options.words.c_str());
             }
         }
@@ -373,6 +383,7 @@ class Supervisor {
     std::ofstream _list;
     std::uint64_t _number = 0;
     std::string _path; // of the last call that counted
+    std::jthread _holding;
 };
 
 int run(const Options& options) {
@@ -425,8 +436,9 @@ std::optional<Options> parse(int count, char** words) {
             options.failFrom = std::stoull(value);
         } else if (word == "--at") {
             options.doAt = std::stoull(value);
-        } else if (word == "--do") {
+        } else if (word == "--do" || word == "--hold") {
             options.words = value;
+            options.holds = word == "--hold";
         } else if (word == "--error") {
             options.error = std::stoi(value);
         } else {
@@ -443,8 +455,8 @@ int main(int count, char** words) {
     if (!options) {
         std::fputs(
             "usage: disturb --under DIR [--calls changes|space|reads] [--list FILE]\n"
-            "               [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER | --at N --do WORDS]\n"
-            "               COMMAND [ARGUMENT]...\n",
+            "               [--kill N | --fail N --error NUMBER | --fail-from N --error NUMBER | --at N --do WORDS |\n"
+            "                --at N --hold WORDS] COMMAND [ARGUMENT]...\n",
             stderr);
         return 2;
     }

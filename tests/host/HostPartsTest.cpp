@@ -21,23 +21,19 @@ QRAssetPtr makeAsset(const std::string& identifier) {
 
 class Transfers : public testing::Test {
   protected:
-    std::shared_ptr<TransferQueue> queue =
-        std::make_shared<TransferQueue>(std::vector{makeAsset("a"), makeAsset("b"), makeAsset("c")});
+    std::shared_ptr<TransferQueue> queue = std::make_shared<TransferQueue>(std::vector<std::string>{"a", "b", "c"});
     DeviceService service;
     std::vector<ErrorPtr> completions;
     void prioritize(const std::string& identifier) {
         service.prioritizeAsset_withCompletion(makeAsset(identifier),
                                                [this](const ErrorPtr& error) { completions.push_back(error); });
     }
-    std::string next() {
-        const auto asset = queue->next();
-        return asset != nullptr ? asset->identifier : "";
-    }
+    std::string next() { return queue->next().value_or(""); }
     /// The rest of the queue, one identifier after another.
     std::string rest() {
         std::string all;
-        while (const auto asset = queue->next()) {
-            all += asset->identifier;
+        while (const auto app = queue->next()) {
+            all += *app;
         }
         return all;
     }

@@ -120,7 +120,7 @@ TEST_F(LookBesideASync, WaitsForNoneThatStandsStillAndChangesNothing) {
         EXPECT_EQ(answer.code, 0) << words << ": " << answer.text;
         EXPECT_EQ(tree(), before) << words;
     }
-    EXPECT_TRUE(has(qrd("apps d"), "note: the sync on d does not answer now; how far it is is not shown\n"));
+    EXPECT_TRUE(has(qrd("apps d"), "note: what runs on d does not answer now; how far it is is not shown\n"));
     sync->send(SIGCONT);
     goOn();
 }

@@ -93,7 +93,7 @@ def test_a_sync_that_has_too_many_followers_says_that_it_is_busy(plain_world):
         assert client.recv(1)
     answer = run("status", plain_world.device)
     assert answer.code == 5
-    assert "The sync is busy" in answer.err
+    assert "is busy and does not answer" in answer.err
     running.end()
     for client in clients:
         client.close()

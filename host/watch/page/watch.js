@@ -331,12 +331,13 @@ function showRow(status) {
   return row.item;
 }
 
-function syncTitle({ running, inUseBy, apps }) {
+function syncTitle({ running, purpose = "a sync", inUseBy, apps }) {
   const failed = apps.filter((app) => app.stage === "failed").length;
-  if (running) return "Syncing";
+  const what = purpose.replace(/^an? /, ""); // a sync, a restore, a visit to the store
+  if (running) return what === "sync" ? "Syncing" : `A ${what} is running`;
   if (inUseBy) return "In use";
   if (apps.length === 0) return "No sync is running";
-  return failed > 0 ? `The sync has ended; ${countText(failed)} failed` : "The sync has ended";
+  return failed > 0 ? `The ${what} has ended; ${countText(failed)} failed` : `The ${what} has ended`;
 }
 
 function showSync(sync) {

@@ -1,8 +1,12 @@
-#include "host/commands/Outcome.h"
+#include "host/commands/BringApps.h"
 
+#include "device/Device.h"
+#include "device/coordinator/InstallCoordinator.h"
 #include "host/OpenDevice.h"
+#include "host/commands/TraceFile.h"
 #include "host/control/Interrupt.h"
 #include "host/view/SyncReport.h"
+#include "host/view/SyncView.h"
 
 #include <nlohmann/json.hpp>
 
@@ -13,7 +17,7 @@ namespace appsync::host {
 
 namespace {
 
-void tellPerson(const SyncReport& report, const OutcomeWords& words) {
+void tellPerson(const SyncReport& report, const BringWords& words) {
     if (!report.apps.empty()) {
         printTable(std::cout, report);
     } else if (!report.interrupted) {
@@ -24,9 +28,7 @@ void tellPerson(const SyncReport& report, const OutcomeWords& words) {
     }
 }
 
-} // namespace
-
-ExitCode tellOutcome(const SyncReport& report, JsonOutput json, const OutcomeWords& words) {
+ExitCode tellOutcome(const SyncReport& report, JsonOutput json, const BringWords& words) {
     switch (json) {
     case JsonOutput::none:
         if (report.failure == nullptr) {
@@ -45,6 +47,31 @@ ExitCode tellOutcome(const SyncReport& report, JsonOutput json, const OutcomeWor
         return fail(std::string("interrupted; ") + words.again + " to go on", Interrupt::exitCode());
     }
     return report.allDone() ? ExitCode::done : ExitCode::someAppFailed;
+}
+
+} // namespace
+
+ExitCode bringApps(const BringWhere& where, const BringWords& words, const Bring& bring) {
+    auto trace = TraceFile::open(where.trace);
+    if (!trace) {
+        return fail(reasonOf(trace.error()));
+    }
+    const auto opened = openDevice(where.device, words.purpose, trace->timeline());
+    if (!opened) {
+        return fail(opened.error());
+    }
+    device::Device& device = **opened;
+    device.coordinator().waitUntilIdle();
+    const Interrupt interrupt;
+    SyncView view(std::cout, SyncView::styleFor(std::cout, where.json));
+    auto report = bring(device, view, interrupt);
+    if (!report) {
+        return fail(reasonOf(report.error()), ExitCode::wrongUse);
+    }
+    if (!report->isDryRun) {
+        trace->finish(*report);
+    }
+    return tellOutcome(*report, where.json, words);
 }
 
 } // namespace appsync::host
