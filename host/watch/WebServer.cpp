@@ -1,15 +1,13 @@
 #include "host/watch/WebServer.h"
 
 #include "files/Syscalls.h"
-#include "host/plugin/PlugIn.h"
 #include "host/watch/Page.h"
+#include "host/watch/WebAnswer.h"
+#include "host/watch/WebDoor.h"
 
 #include <microhttpd.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
-#include <sys/eventfd.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -21,49 +19,6 @@
 namespace appsync::host {
 
 namespace {
-
-constexpr const char* textType = "text/plain; charset=utf-8";
-constexpr const char* jsonType = "application/json";
-
-struct FreeResponse {
-    void operator()(MHD_Response* response) const noexcept { MHD_destroy_response(response); }
-};
-using Response = std::unique_ptr<MHD_Response, FreeResponse>;
-
-/// With what every answer says.
-Response complete(MHD_Response* made, const char* type, const char* keep = "no-store") {
-    Response response(made);
-    const std::pair<const char*, const char*> headers[] = {
-        {"Content-Type", type},
-        {"Content-Security-Policy",
-         "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
-         "base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
-        {"X-Content-Type-Options", "nosniff"},
-        {"Referrer-Policy", "no-referrer"},
-        {"Cross-Origin-Resource-Policy", "same-origin"},
-        {"Cache-Control", keep},
-        {"Connection", "close"},
-    };
-    for (const auto& [name, value] : headers) {
-        MHD_add_response_header(response.get(), name, value);
-    }
-    return response;
-}
-
-Response withBytes(std::string_view bytes, const char* type, const char* keep = "no-store") {
-    return complete(
-        MHD_create_response_from_buffer(bytes.size(), const_cast<char*>(bytes.data()), MHD_RESPMEM_MUST_COPY), type,
-        keep);
-}
-
-bool queue(MHD_Connection* connection, unsigned status, const Response& response) {
-    return MHD_queue_response(connection, status, response.get()) == MHD_YES;
-}
-
-bool refuse(MHD_Connection* connection) {
-    return queue(connection, MHD_HTTP_FORBIDDEN,
-                 withBytes("Open the address that `qrd watch` has printed; each run of it has a new one.\n", textType));
-}
 
 MHD_Result keepHeader(void* kept, MHD_ValueKind, const char* name, const char* value) {
     auto& request = *static_cast<WebRequest*>(kept);
@@ -89,52 +44,6 @@ bool announcesTooMuch(MHD_Connection* connection) {
     std::size_t size = 0;
     const auto end = length != nullptr ? length + std::strlen(length) : nullptr;
     return length != nullptr && (std::from_chars(length, end, size).ec != std::errc() || size > maxBodySize);
-}
-
-/// 128 bits that nobody can guess; empty when the system has none.
-std::string makeToken() {
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::array<unsigned char, 16> bytes{};
-    if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-        return "";
-    }
-    std::string token;
-    for (const unsigned char byte : bytes) {
-        token += {digits[byte >> 4], digits[byte & 15]};
-    }
-    return token;
-}
-
-ErrorPtr cannotListen(std::uint16_t port, const std::string& reason) {
-    return hostError("cannot listen at " + (port == 0 ? "any port" : "port " + std::to_string(port)) +
-                     " of 127.0.0.1: " + reason + (port == 0 ? "" : "; name another port, or none"));
-}
-
-/// A socket at 127.0.0.1; the port is changed to the one that it has.
-Result<Descriptor> listenAt(std::uint16_t& port) {
-    constexpr int waitingConnections = 64;
-    Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket.isOpen()) {
-        return cannotListen(port, systemText(errno));
-    }
-    const int isReused = 1; // connections of a server that has just ended may still be closing
-    ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &isReused, sizeof isReused);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
-        ::listen(socket.get(), waitingConnections) != 0 ||
-        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        return cannotListen(port, systemText(errno));
-    }
-    port = ntohs(address.sin_port);
-    return socket;
-}
-
-std::string addressOf(std::uint16_t port, const std::string& token) {
-    return "http://127.0.0.1:" + std::to_string(port) + "/?token=" + token;
 }
 
 } // namespace
@@ -189,8 +98,7 @@ struct WebServer::Calls {
 };
 
 WebServer::WebServer(Door door, Icon icon, WebLimits limits)
-    : _icon(std::move(icon)), _limits(limits), _wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), _door(std::move(door)) {
-}
+    : _icon(std::move(icon)), _limits(limits), _door(std::move(door)) {}
 
 Result<std::unique_ptr<WebServer>> WebServer::start(std::uint16_t port, Icon icon, WebLimits limits) {
     auto socket = listenAt(port);
@@ -199,7 +107,7 @@ Result<std::unique_ptr<WebServer>> WebServer::start(std::uint16_t port, Icon ico
     }
     const std::string token = makeToken();
     if (token.empty()) {
-        return cannotListen(port, "the system has no random numbers");
+        return cannotListenError(port, "the system has no random numbers");
     }
     std::unique_ptr<WebServer> server(new WebServer({port, token}, std::move(icon), limits));
     const auto started = server->_start(MHD_USE_EPOLL_INTERNAL_THREAD, port, socket->get());
@@ -233,7 +141,7 @@ Result<void> WebServer::_start(unsigned flags, std::uint16_t port, int listening
                                MHD_OPTION_NOTIFY_CONNECTION, &Calls::connection, this, //
                                MHD_OPTION_URI_LOG_CALLBACK, &Calls::target, this,      //
                                MHD_OPTION_END);
-    return _daemon != nullptr ? Result<void>() : cannotListen(port, systemText(errno));
+    return _daemon != nullptr ? Result<void>() : cannotListenError(port, systemText(errno));
 }
 
 /// What is suspended must go on before the library can end.
@@ -270,7 +178,7 @@ WebServer::Connection* WebServer::_open(MHD_Connection* handle) {
     const Lock lock(_mutex);
     _makeRoom();
     _connections.push_back({*this, handle, socket != nullptr ? socket->connect_fd : -1, Clock::now() + _limits.time});
-    ::eventfd_write(_wake.get(), 1);
+    _wake.set();
     return &_connections.back();
 }
 
@@ -338,36 +246,35 @@ bool WebServer::_answer(Connection& connection) {
     case WebAct::refuseLater: return _suspend(connection, Stage::delayed, _limits.delayed);
     case WebAct::enterOnce:
     case WebAct::enter: {
-        const Response response = withBytes("", textType);
+        const WebAnswer response = textAnswer("");
         MHD_add_response_header(response.get(), "Location", "/");
         MHD_add_response_header(response.get(), "Set-Cookie",
                                 (ruling.subject + "; HttpOnly; SameSite=Strict; Path=/").c_str());
-        return queue(handle, MHD_HTTP_SEE_OTHER, response);
+        return send(handle, MHD_HTTP_SEE_OTHER, response);
     }
     case WebAct::page: {
         const PagePart& part = *findPagePart(ruling.subject);
-        return queue(handle, MHD_HTTP_OK, withBytes(part.bytes, part.type.data()));
+        return send(handle, MHD_HTTP_OK, answerOf(part.bytes, part.type.data()));
     }
     case WebAct::icon: {
         const auto png = _icon(ruling.subject, ruling.version);
         return png != nullptr
-                   ? queue(handle, MHD_HTTP_OK, withBytes(*png, "image/png", "private, max-age=31536000, immutable"))
-                   : queue(handle, MHD_HTTP_NOT_FOUND, withBytes("There is no such icon.\n", textType));
+                   ? send(handle, MHD_HTTP_OK, answerOf(*png, "image/png", "private, max-age=31536000, immutable"))
+                   : send(handle, MHD_HTTP_NOT_FOUND, textAnswer("There is no such icon.\n"));
     }
     case WebAct::events: return _letWatch(connection);
     case WebAct::prioritize: return _takeAct(connection, "prioritize", ruling.subject);
     case WebAct::cancel: return _takeAct(connection, "cancel", ruling.subject);
-    case WebAct::notFound: return queue(handle, MHD_HTTP_NOT_FOUND, withBytes("There is no such page.\n", textType));
+    case WebAct::notFound: return send(handle, MHD_HTTP_NOT_FOUND, textAnswer("There is no such page.\n"));
     case WebAct::wrongMethod: {
-        const Response response = withBytes("Only " + ruling.subject + " is possible here.\n", textType);
+        const WebAnswer response = textAnswer("Only " + ruling.subject + " is possible here.\n");
         MHD_add_response_header(response.get(), "Allow", ruling.subject.c_str());
-        return queue(handle, MHD_HTTP_METHOD_NOT_ALLOWED, response);
+        return send(handle, MHD_HTTP_METHOD_NOT_ALLOWED, response);
     }
-    case WebAct::tooLarge:
-        return queue(handle, 413, withBytes("A body says how long it is: at most 4096 bytes.\n", textType));
+    case WebAct::tooLarge: return send(handle, 413, textAnswer("A body says how long it is: at most 4096 bytes.\n"));
     case WebAct::malformed:
-        return queue(handle, MHD_HTTP_BAD_REQUEST,
-                     withBytes(R"({"error":"The body is to be JSON, {\"app\": the bundle identifier}."})", jsonType));
+        return send(handle, MHD_HTTP_BAD_REQUEST,
+                    jsonAnswer(R"({"error":"The body is to be JSON, {\"app\": the bundle identifier}."})"));
     }
     return false;
 }
@@ -385,14 +292,14 @@ bool WebServer::_suspend(Connection& connection, Stage stage, std::size_t most, 
         connection.act->number = ++_lastAct;
     }
     MHD_suspend_connection(connection.handle);
-    ::eventfd_write(_wake.get(), 1);
+    _wake.set();
     return true;
 }
 
 bool WebServer::_takeAct(Connection& connection, const char* command, const std::string& app) {
     return _suspend(connection, Stage::acting, _limits.acts, Act{0, command, app}) ||
-           queue(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
-                 withBytes(R"({"error":"Too much is asked for at once; try again."})", jsonType));
+           send(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
+                jsonAnswer(R"({"error":"Too much is asked for at once; try again."})"));
 }
 
 bool WebServer::_mayWatch(Connection& connection) {
@@ -405,20 +312,20 @@ bool WebServer::_mayWatch(Connection& connection) {
     }
     connection.stage = Stage::watching;
     connection.due.reset();
-    ::eventfd_write(_wake.get(), 1);
+    _wake.set();
     return true;
 }
 
 bool WebServer::_letWatch(Connection& connection) {
     if (!_mayWatch(connection)) {
-        return queue(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
-                     withBytes("The device is watched from too many pages; close one.\n", textType));
+        return send(connection.handle, MHD_HTTP_SERVICE_UNAVAILABLE,
+                    textAnswer("The device is watched from too many pages; close one.\n"));
     }
     constexpr std::size_t pieceSize = 16U << 10;
-    return queue(
+    return send(
         connection.handle, MHD_HTTP_OK,
-        complete(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, pieceSize, &Calls::read, &connection, nullptr),
-                 "text/event-stream"));
+        answerWith(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, pieceSize, &Calls::read, &connection, nullptr),
+                   "text/event-stream"));
 }
 
 /// Those whose page has gone, which the library finds out when it sends them something.
@@ -460,8 +367,7 @@ std::ptrdiff_t WebServer::_read(Connection& connection, char* out, std::size_t r
 }
 
 std::optional<WebServer::Clock::time_point> WebServer::attend(Clock::time_point now) {
-    eventfd_t count = 0;
-    (void)::eventfd_read(_wake.get(), &count);
+    _wake.take();
     std::optional<Clock::time_point> next;
     const Lock lock(_mutex);
     for (Connection& connection : _connections) {
@@ -503,7 +409,7 @@ void WebServer::answer(const Act& act, unsigned status, const std::string& json)
         asking->stage = Stage::answering;
         asking->act.reset();
         asking->due = Clock::now() + _limits.time;
-        (void)queue(asking->handle, status, withBytes(json, jsonType));
+        (void)send(asking->handle, status, jsonAnswer(json));
         _resume(*asking);
     }
 }

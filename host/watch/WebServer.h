@@ -10,6 +10,7 @@
 
 #include "concurrency/Mutex.h"
 #include "files/Descriptor.h"
+#include "files/Event.h"
 #include "host/watch/WebRequest.h"
 #include "values/Result.h"
 
@@ -68,7 +69,7 @@ class WebServer {
     [[nodiscard]] std::string addressForOnce();
 
     /// Becomes readable when `attend` is to be called.
-    [[nodiscard]] int descriptor() const noexcept { return _wake.get(); }
+    [[nodiscard]] int descriptor() const noexcept { return _wake.descriptor(); }
     /// Hangs up on who takes too long, and answers whose delay is over. Returns when to call it again at the latest.
     [[nodiscard]] std::optional<Clock::time_point> attend(Clock::time_point now);
     /// The one that waits longest; nullopt when none does.
@@ -114,7 +115,7 @@ class WebServer {
 
     const Icon _icon;
     const WebLimits _limits;
-    const Descriptor _wake;
+    const Event _wake;
     MHD_Daemon* _daemon = nullptr;
     mutable Mutex _mutex;
     Door _door GUARDED_BY(_mutex);
