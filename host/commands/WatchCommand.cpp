@@ -28,7 +28,7 @@ namespace {
 using Clock = WebServer::Clock;
 using namespace std::chrono_literals;
 
-constexpr auto tellInterval = 60ms;  // between two looks at the device
+constexpr auto tellInterval = 70ms;  // between two looks at the device
 constexpr int tellShare = 20;        // looking and telling takes at most this part of a processor's time
 constexpr auto signOfLife = 5s;      // after which those who watch are told that there is nothing to tell
 constexpr auto actPatience = 1000ms; // with a sync that does not answer: meanwhile nobody is told anything
@@ -54,8 +54,13 @@ struct Wait {
     Clock::time_point until;
 };
 
-/// Until one of the descriptors can be read or the time has come. Whether the device or its sync has something to tell.
-bool waitFor(const Wait& wait) {
+struct Changed {
+    bool device = false;
+    bool sync = false;
+};
+
+/// Until one of the descriptors can be read or the time has come. Who has something to tell.
+Changed waitFor(const Wait& wait) {
     std::array<pollfd, 4> awaited{
         {{wait.changes, POLLIN, 0}, {wait.sync, POLLIN, 0}, {wait.interrupt, POLLIN, 0}, {wait.server, POLLIN, 0}}};
     int time = -1;
@@ -64,17 +69,20 @@ bool waitFor(const Wait& wait) {
         time = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
     }
     (void)::poll(awaited.data(), awaited.size(), time);
-    return awaited[0].revents != 0 || awaited[1].revents != 0;
+    return {awaited[0].revents != 0, awaited[1].revents != 0};
 }
 
 ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& folder, const Interrupt& interrupt) {
+    // A sync does not tell too often by itself, and has written its log just before: so it is heard at once, and what
+    // else changes meanwhile is looked at with it.
+    Clock::time_point nextHear = {};
     Clock::time_point nextLook = {};
     Clock::time_point nextSign = {};
-    bool hasChanged = true;
+    Changed changed{.device = true};
     while (!Interrupt::requested()) {
         const auto now = Clock::now();
         const auto attend = server.attend(now).value_or(Clock::time_point::max());
-        if (now >= nextLook && (hasChanged || now >= device.nextUpdate())) {
+        if (changed.device || changed.sync || (now >= nextLook && now >= device.nextUpdate())) {
             const auto before = usedTime();
             if (const auto updated = device.update(now); !updated) {
                 return fail(reasonOf(updated.error()), ExitCode::deviceUnusable);
@@ -82,7 +90,9 @@ ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& fold
             if (const std::string news = device.takeNews(); !news.empty()) {
                 server.tell(news);
             }
-            nextLook = Clock::now() + std::max<Clock::duration>(tellInterval, tellShare * (usedTime() - before));
+            const Clock::duration rest = tellShare * (usedTime() - before);
+            nextHear = changed.sync ? Clock::now() + rest : nextHear;
+            nextLook = Clock::now() + std::max<Clock::duration>(rest, tellInterval);
         }
         if (server.hasNewcomers()) {
             server.welcome(device.everything());
@@ -97,13 +107,16 @@ ExitCode serve(WatchedDevice& device, WebServer& server, const std::string& fold
             nextSign = now + signOfLife;
         }
         // What has changed is not even asked for before it may be told.
+        const bool mayHear = Clock::now() >= nextHear;
         const bool mayLook = Clock::now() >= nextLook;
-        hasChanged = waitFor({.interrupt = interrupt.descriptor(),
-                              .server = server.descriptor(),
-                              .changes = mayLook ? device.changes() : -1,
-                              .sync = mayLook ? device.sync() : -1,
-                              .until = std::min({attend, isWatched ? nextSign : Clock::time_point::max(),
-                                                 mayLook ? device.nextUpdate() : nextLook})});
+        changed = waitFor({.interrupt = interrupt.descriptor(),
+                           .server = server.descriptor(),
+                           .changes = mayLook ? device.changes() : -1,
+                           .sync = mayHear ? device.sync() : -1,
+                           .until = std::min({attend, isWatched ? nextSign : Clock::time_point::max(),
+                                              !mayHear  ? nextHear
+                                              : mayLook ? device.nextUpdate()
+                                                        : nextLook})});
     }
     return Interrupt::exitCode();
 }

@@ -49,7 +49,7 @@ struct ControlTimes {
     /// How long the end of a run waits for all followers together to take the last status.
     std::chrono::milliseconds farewell{500};
     /// How long nothing more is told to followers after a change.
-    std::chrono::milliseconds stillness{50};
+    std::chrono::milliseconds stillness{60};
 };
 
 class ControlServer {

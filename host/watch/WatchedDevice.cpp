@@ -129,7 +129,6 @@ Result<void> WatchedDevice::update(Clock::time_point now) {
         _nextAsk = std::min(_nextAsk, now);
     }
     _findSync(now);
-    _hearSync(now);
     _isToLook = _isToLook || seen.database || seen.owner;
     if (_isToLook && now >= _nextLook) {
         if (auto looked = _look(now); !looked) {
@@ -139,6 +138,7 @@ Result<void> WatchedDevice::update(Clock::time_point now) {
     if (seen.processes || (!_running.empty() && now >= _nextFind)) {
         _findRunning(now);
     }
+    _hearSync(now); // after the look, which takes a while
     if (seen.log) {
         _readLog();
     }
