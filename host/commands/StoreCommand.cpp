@@ -1,7 +1,6 @@
 // `qrd store`: plays the store client, which brings the apps that a restore has made it responsible for.
 #include "desktop/AppLibrary.h"
 #include "device/Device.h"
-#include "device/coordinator/CoordinatorError.h"
 #include "device/coordinator/InstallCoordinator.h"
 #include "device/root/DeviceFileSystem.h"
 #include "host/Commands.h"
