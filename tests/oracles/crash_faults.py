@@ -37,7 +37,7 @@ FAULTS = [
     Fault('org.example.* waits no longer', 'plugin/pipeline/TransferCompletion.cpp',
           'applicationIsInstalled(_identifier) || _asset->isRestore', 'applicationIsInstalled(_identifier)', crash('restore-own', 'EIO', points=40)),
     # What a command says that failed.
-    Fault('it ended with 7: *', 'host/commands/Outcome.cpp',
+    Fault('it ended with 7: *', 'host/commands/BringApps.cpp',
           'report.allDone() ? ExitCode::done : ExitCode::someAppFailed;',
           'report.allDone() ? ExitCode::done : static_cast<ExitCode>(7);', crash('own', 'EIO', points=30)),
     Fault("it does not say why it failed: '*", 'host/OpenDevice.cpp',

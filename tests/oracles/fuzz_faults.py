@@ -61,7 +61,7 @@ FAULTS = [
     Fault('who does not know the token is given nothing', 'host/watch/WebRequest.cpp',
           'if (!hasCookie(request.cookie.value_or(""), door)) {', 'if (request.target.empty()) {',
           replay('web_request', 'page-no-token')),
-    Fault('what is given says what a browser may do with it', 'host/watch/WebServer.cpp',
+    Fault('what is given says what a browser may do with it', 'host/watch/WebAnswer.cpp',
           '{"Content-Security-Policy",', '{"Policy",', replay('web_request', 'page')),
     Fault('it was asked for here', 'host/watch/WebRequest.cpp',
           'if (!isFromHere(request, door)) {', 'if (request.target.empty()) {', replay('web_request', 'page-elsewhere')),
