@@ -261,7 +261,8 @@ def test_an_app_that_waits_says_why_and_until_when(tmp_path, page, begin):
     assert worlds.run("pack", app, "-o", world.library / "Kettle.archive").code == 0
     page.open(begin(Watch, world.device).address)
     begin(Sync, world)
-    seen = page.until(lambda page: page["apps"][KETTLE]["stage"] == "waiting")
+    seen = page.until(lambda page: page["apps"][KETTLE]["stage"] == "waiting" and
+                      page["apps"][KETTLE]["state"] != "running")
     assert "busy" in seen["rows"]["Kettle"]["reason"] and "; next try at " in seen["rows"]["Kettle"]["reason"]
     assert seen["rows"]["Kettle"]["stage"] == "waiting"
     assert seen["apps"][KETTLE]["state"] == "updating"
