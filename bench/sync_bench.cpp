@@ -219,6 +219,7 @@ void makePackages(const fs::path& packages, const fs::path& library) {
         const std::string name = "bench" + std::to_string(++number);
         const fs::path content = packages.parent_path() / "packing" / name;
         fs::create_directories(content / "DEBIAN");
+        fs::create_directories(content / "opt");
         writeFile(content / "DEBIAN" / "control", "Package: " + name +
                                                       "\nVersion: 1\nArchitecture: all\nMaintainer: bench "
                                                       "<bench@example.com>\nDescription: an app\n");
