@@ -139,7 +139,7 @@ Result<void> WatchedDevice::update(Clock::time_point now) {
         _findRunning(now);
     }
     const bool wasSyncing = _isSyncing;
-    _hearSync(now); // after the look, which takes a while
+    _hearSync(now);                  // after the look, which takes a while
     if (wasSyncing && !_isSyncing) { // its end shows with what it has done
         if (auto looked = _look(now); !looked) {
             return looked;
