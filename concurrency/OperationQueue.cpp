@@ -17,25 +17,27 @@ bool OperationQueue::start() {
 }
 
 bool OperationQueue::addOperation(std::function<void()> operation) {
-    bool hasThread = false;
+    std::function<void()> left; // has no thread
     {
         const Lock lock(_mutex);
         if (_stopped) {
             return false;
         }
         const bool needsThread = _idle <= _waiting.size() && _threads.size() < _maxConcurrent;
-        hasThread = !needsThread || _startThread() || !_threads.empty();
+        const bool hasThread = !needsThread || _startThread() || !_threads.empty();
         if (!hasThread && _withoutThread == WithoutThread::fails) {
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         }
         if (hasThread) {
             _waiting.push_back(std::move(operation));
+        } else {
+            left = std::move(operation);
         }
     }
-    if (hasThread) {
-        _changed.notifyOne(); // whoever wakes needs the lock
+    if (left) {
+        left();
     } else {
-        operation();
+        _changed.notifyOne(); // whoever wakes needs the lock
     }
     return true;
 }

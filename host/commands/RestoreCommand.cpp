@@ -107,7 +107,7 @@ class Restore {
                 lists.put(app.identifier, _content.demoted->automatic.contains(app.identifier));
             }
         }
-        const auto set = _device.demotedApps().set(std::move(lists));
+        const auto set = _device.demotedApps().set(lists);
         if (set) {
             return;
         }
