@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <set>
 #include <thread>
 
 namespace appsync::contract {
@@ -52,20 +53,21 @@ class Reports final : public KXAppInstallObserverDelegate {
 
   private:
     void _note(const std::string& what, const KXAppInstallCoordinatorPtr& coordinator, const ErrorPtr& error) {
-        EXPECT_EQ(_running.fetch_add(1), 0) << "one call at a time";
-        during(coordinator);
+        const std::string app = coordinator->bundleID().value_or("nothing");
         {
             const std::lock_guard lock(_mutex);
-            _lines.push_back(what + " " + coordinator->bundleID().value_or("nothing") +
-                             (error != nullptr ? " with an error" : ""));
-            _error = error;
-            _told.notify_all();
+            EXPECT_TRUE(_running.insert(app).second) << "about one app one call at a time";
         }
-        _running.fetch_sub(1);
+        during(coordinator);
+        const std::lock_guard lock(_mutex);
+        _lines.push_back(what + " " + app + (error != nullptr ? " with an error" : ""));
+        _error = error;
+        _running.erase(app);
+        _told.notify_all();
     }
 
-    std::atomic<int> _running = 0;
     std::mutex _mutex;
+    std::set<std::string> _running; // the apps that calls are about
     std::condition_variable _told;
     std::vector<std::string> _lines;
     ErrorPtr _error;
