@@ -295,12 +295,12 @@ void compareWithOthers(const std::string& qrd, const fs::path& folder) {
     std::vector<double> lags;
     std::vector<double> peak;
     for (int round = 0; round < rounds; ++round) {
+        unzip.push_back(unzipOnce(folder, library)); // first, since it minds least what the disk still has to write
         watched.push_back(watchedSyncOnce(qrd, folder, library, lags));
         const Measured sync = syncOnce(qrd, folder, library, true);
         coordinated.push_back(sync.seconds);
         peak.push_back(sync.peakMegabytes);
         least.push_back(floorOnce(qrd, folder, library));
-        unzip.push_back(unzipOnce(folder, library));
         own.push_back(syncOnce(qrd, folder, library, false).seconds);
         if (hasBsdtar) {
             bsdtar.push_back(bsdtarOnce(folder, library));
