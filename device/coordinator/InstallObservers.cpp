@@ -55,9 +55,10 @@ void InstallObservers::run(std::string app, std::function<void()> task) {
 }
 
 void InstallObservers::stop() {
+    std::deque<Report> dropped; // let go of without the lock, since they hold coordinators
     {
         const Lock lock(_mutex);
-        _reports.clear();
+        dropped.swap(_reports);
     }
     _threads.stop();
 }

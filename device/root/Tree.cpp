@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::string_view temporaryPrefix = ".";
 constexpr std::string_view temporarySuffix = ".device-tmp";
+
 /// Removes a folder with all that is in it, of any depth, with few descriptors.
 class TreeRemover {
   public:

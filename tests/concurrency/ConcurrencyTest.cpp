@@ -296,6 +296,16 @@ TEST(CallGate, ACallMayCloseItsOwnGate) {
     EXPECT_FALSE(gate.pass([] {}));
 }
 
+TEST(CallGate, ACallThatClosesItWaitsForTheOthers) {
+    CallGate gate;
+    RunningCall other(gate);
+    other.mayEnd.signal();
+    gate.pass([&] {
+        gate.close();
+        EXPECT_TRUE(other.hasEnded);
+    });
+}
+
 TEST(CallGate, ACallMayPassAgainFromWithinItself) {
     CallGate gate;
     int depth = 0;
