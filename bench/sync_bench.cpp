@@ -80,6 +80,8 @@ Measured run(const std::vector<std::string>& words, appsync::bench::Heard* heard
     return {elapsed.count(), static_cast<double>(usage.ru_maxrss) / 1024};
 }
 
+constexpr int rounds = 5;
+
 double median(std::vector<double> values) {
     std::ranges::sort(values);
     return values[values.size() / 2];
@@ -125,8 +127,8 @@ void addApp(const fs::path& library, int number, std::size_t binary, int files, 
     }
 }
 
-/// A path that no run has used. What a run leaves stays until the end: on ext4, creating files is slow for a while
-/// after many have been deleted.
+/// A path that no run has used. What a run leaves stays while others are measured: on ext4, creating files is slow for
+/// a while after many have been deleted.
 fs::path newFolder(const fs::path& folder) {
     static int runs = 0;
     return folder / ("run" + std::to_string(++runs));
@@ -211,20 +213,24 @@ double bsdtarOnce(const fs::path& folder, const fs::path& library) {
     });
 }
 
-/// A package for each archive, compressed as that is.
-void makePackages(const fs::path& packages, const fs::path& library) {
-    fs::create_directories(packages);
+/// A package of the same content for each archive: in `asMade` compressed as dpkg-deb does it unasked, in
+/// `asArchives` deflated as the archives are.
+void makePackages(const fs::path& asMade, const fs::path& asArchives, const fs::path& library) {
+    fs::create_directories(asMade);
+    fs::create_directories(asArchives);
     int number = 0;
     for (const std::string& archive : filesIn(library)) {
         const std::string name = "bench" + std::to_string(++number);
-        const fs::path content = packages.parent_path() / "packing" / name;
+        const fs::path content = asMade.parent_path() / "packing" / name;
         fs::create_directories(content / "DEBIAN");
         fs::create_directories(content / "opt");
         writeFile(content / "DEBIAN" / "control", "Package: " + name +
                                                       "\nVersion: 1\nArchitecture: all\nMaintainer: bench "
                                                       "<bench@example.com>\nDescription: an app\n");
         run({"unzip", "-q", archive, "-d", content / "opt" / name});
-        run({"dpkg-deb", "-Zgzip", "--root-owner-group", "--build", content, packages / (name + ".deb")});
+        const std::string file = name + ".deb";
+        run({"dpkg-deb", "--root-owner-group", "--build", content, asMade / file});
+        run({"dpkg-deb", "-Zgzip", "--root-owner-group", "--build", content, asArchives / file});
     }
 }
 
@@ -271,32 +277,29 @@ void row(const char* what, double figure, const char* unit, double bound) {
                 figure <= bound ? "ok" : "MISSED");
 }
 
-void compareWithOthers(const std::string& qrd, const fs::path& folder) {
-    constexpr int apps = 100;
-    constexpr int rounds = 3;
-    const fs::path library = folder / "library";
-    fs::create_directories(library);
-    for (int number = 0; number < apps; ++number) {
-        addApp(library, number, 2'800'000, 57, 20'000);
+/// Hard links to the first archives of a library.
+fs::path partOf(const fs::path& library, std::size_t apps) {
+    const fs::path part = library.parent_path() / ("library-of-" + std::to_string(apps));
+    fs::create_directories(part);
+    for (const fs::path file : filesIn(library)) {
+        if (apps-- == 0) {
+            break;
+        }
+        fs::create_hard_link(file, part / file.filename());
     }
-    const fs::path packages = folder / "packages";
+    return part;
+}
+
+void compareWithUnpackers(const std::string& qrd, const fs::path& folder, const fs::path& library) {
     const bool hasBsdtar = isThere("bsdtar");
-    const bool hasDpkg = isThere("dpkg-deb");
-    if (hasDpkg) {
-        makePackages(packages, library);
-    }
     std::vector<double> coordinated;
     std::vector<double> own;
     std::vector<double> unzip;
     std::vector<double> least;
     std::vector<double> bsdtar;
-    std::vector<double> dpkg;
-    std::vector<double> watched;
-    std::vector<double> lags;
     std::vector<double> peak;
     for (int round = 0; round < rounds; ++round) {
         unzip.push_back(unzipOnce(folder, library)); // first, since it minds least what the disk still has to write
-        watched.push_back(watchedSyncOnce(qrd, folder, library, lags));
         const Measured sync = syncOnce(qrd, folder, library, true);
         coordinated.push_back(sync.seconds);
         peak.push_back(sync.peakMegabytes);
@@ -304,9 +307,6 @@ void compareWithOthers(const std::string& qrd, const fs::path& folder) {
         own.push_back(syncOnce(qrd, folder, library, false).seconds);
         if (hasBsdtar) {
             bsdtar.push_back(bsdtarOnce(folder, library));
-        }
-        if (hasDpkg) {
-            dpkg.push_back(dpkgOnce(folder, packages));
         }
     }
     std::printf(
@@ -321,25 +321,65 @@ void compareWithOthers(const std::string& qrd, const fs::path& folder) {
         row("coordinated sync, wall time beside bsdtar, two at a time", median(coordinated) / median(bsdtar), "times",
             1);
     }
-    if (hasDpkg) {
-        row("coordinated sync, wall time beside dpkg -i", median(coordinated) / median(dpkg), "times", 0.15);
-    }
-    row("coordinated sync while four pages watch, beside it alone", median(watched) / median(coordinated), "times",
-        1.03);
-    std::ranges::sort(lags);
-    row("a change of it reaches a page meanwhile, 95 of 100", lags[lags.size() * 95 / 100], "ms", 200);
-    row("a change of it reaches a page meanwhile, the longest", lags.back(), "ms", 200);
     row("coordinated sync, peak memory", median(peak), "MB", 100);
 }
 
+/// With a part of the apps, since making packages takes long.
+void compareWithPackages(const std::string& qrd, const fs::path& folder, const fs::path& library) {
+    if (!isThere("dpkg-deb")) {
+        return;
+    }
+    constexpr std::size_t apps = 25;
+    const fs::path part = partOf(library, apps);
+    const fs::path packages = folder / "packages";
+    const fs::path deflated = folder / "deflated-packages";
+    makePackages(packages, deflated, part);
+    std::vector<double> sync;
+    std::vector<double> asMade;
+    std::vector<double> asArchives;
+    for (int round = 0; round < rounds; ++round) {
+        sync.push_back(syncOnce(qrd, folder, part, true).seconds);
+        asMade.push_back(dpkgOnce(folder, packages));
+        asArchives.push_back(dpkgOnce(folder, deflated));
+    }
+    row("coordinated sync of 25 of them, wall time beside dpkg -i", median(sync) / median(asMade), "times", 0.15);
+    row("the same, packages deflated as the archives are", median(sync) / median(asArchives), "times", 1);
+}
+
+void watch(const std::string& qrd, const fs::path& folder, const fs::path& library) {
+    std::vector<double> alone;
+    std::vector<double> watched;
+    std::vector<double> lags;
+    for (int round = 0; round < rounds; ++round) {
+        alone.push_back(syncOnce(qrd, folder, library, true).seconds);
+        watched.push_back(watchedSyncOnce(qrd, folder, library, lags));
+    }
+    row("coordinated sync while four pages watch, beside it alone", median(watched) / median(alone), "times", 1.03);
+    std::ranges::sort(lags);
+    row("a change of it reaches a page meanwhile, 95 of 100", lags[lags.size() * 95 / 100], "ms", 200);
+    row("a change of it reaches a page meanwhile, the longest", lags.back(), "ms", 200);
+}
+
+void sync100(const std::string& qrd, const fs::path& folder) {
+    constexpr int apps = 100;
+    const fs::path library = folder / "library";
+    fs::create_directories(library);
+    for (int number = 0; number < apps; ++number) {
+        addApp(library, number, 2'800'000, 57, 20'000);
+    }
+    compareWithUnpackers(qrd, folder, library);
+    compareWithPackages(qrd, folder, library);
+    watch(qrd, folder, library);
+}
+
 void syncOneLarge(const std::string& qrd, const fs::path& folder) {
-    const fs::path library = folder / "large" / "library";
+    const fs::path library = folder / "library";
     fs::create_directories(library);
     addApp(library, 0, 2'000'000, 2'000, 280'000); // about half of it compresses
     std::vector<double> sync;
     std::vector<double> unzip;
     std::vector<double> peak;
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < rounds; ++round) {
         const Measured measured = syncOnce(qrd, folder, library, true);
         sync.push_back(measured.seconds);
         peak.push_back(measured.peakMegabytes);
@@ -360,7 +400,7 @@ double syncManySmall(const std::string& qrd, const fs::path& folder, int apps) {
     }
     std::vector<double> seconds;
     std::vector<double> writes;
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < rounds; ++round) {
         writes.push_back(durableWrite(folder));
         seconds.push_back(syncOnce(qrd, folder, library, true).seconds);
     }
@@ -411,7 +451,7 @@ void restoreMany(const std::string& qrd, const fs::path& folder) {
     for (const bool coordinated : {true, false}) {
         std::vector<double> seconds;
         std::vector<double> peak;
-        for (int round = 0; round < 3; ++round) {
+        for (int round = 0; round < rounds; ++round) {
             const fs::path device = newDevice(qrd, folder, coordinated);
             const Measured restore = run({qrd, "restore", device, "--from", backup, "--json"});
             seconds.push_back(restore.seconds);
@@ -431,13 +471,17 @@ int main(int count, char** words) {
         std::cerr << "usage: sync_bench QRD FOLDER\n";
         return 2;
     }
-    const fs::path folder = words[2];
+    const fs::path folder = fs::absolute(words[2]);
     fs::remove_all(folder);
-    fs::create_directories(folder);
-    compareWithOthers(words[1], fs::absolute(folder));
-    syncOneLarge(words[1], fs::absolute(folder));
-    compareSmall(words[1], fs::absolute(folder));
-    restoreMany(words[1], fs::absolute(folder));
+    // Many small files first: those that another part leaves or removes would slow them down.
+    int part = 0;
+    for (const auto measure : {compareSmall, restoreMany, sync100, syncOneLarge}) {
+        const fs::path own = folder / std::to_string(++part);
+        fs::create_directories(own);
+        measure(words[1], own);
+        std::fflush(stdout);
+        fs::remove_all(own); // with what of it is still in memory
+    }
     fs::remove_all(folder);
     return 0;
 }

@@ -67,14 +67,14 @@ class Held:
         begun, self._go_on = world.folder / "begun", world.folder / "go-on"
         for pipe in (begun, self._go_on):
             os.mkfifo(pipe)
-        self._process = disturb("--under", under, "--calls", kind, "--at", number, "--hold",
+        self.process = disturb("--under", under, "--calls", kind, "--at", number, "--hold",
                                 f"echo >{begun}; cat {self._go_on}", QRD, *command)
         begun.read_text()
 
     def end(self):
         """Lets it go on. The events that it has printed, and what became of each app."""
         self._go_on.write_text("")
-        events = [json.loads(line) for line in self._process.communicate(timeout=WAIT)[0].splitlines()]
+        events = [json.loads(line) for line in self.process.communicate(timeout=WAIT)[0].splitlines()]
         report = events[-1]["report"]
         began = [event["app"]["identifier"] for event in events
                  if event["event"] == "app" and event["app"]["stage"] == "transferring" and event["app"]["fraction"] == 0]

@@ -1,6 +1,7 @@
 #include "RegistryFixture.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace appsync::device {
 namespace {
@@ -114,6 +115,24 @@ TEST_F(RegistryTest, RefusedArchiveChangesNothing) {
         EXPECT_EQ(containers().size(), 1U);
         EXPECT_EQ(staged(), std::vector<std::string>());
     }
+}
+
+TEST_F(RegistryTest, AppThatIsLargerThanTheDiskIsRefusedBeforeItIsUnpacked) {
+    limits.unpackedBytes = limits.ratio = std::numeric_limits<std::uint64_t>::max();
+    open();
+    std::vector<RawEntry> entries{RawEntry::deflated("Name.app/Info.plist", infoList(identifier))};
+    for (int number = 0; number < 20'000; ++number) { // 4 GB each
+        entries.push_back(RawEntry::deflated("Name.app/" + std::to_string(number), ""));
+        entries.back().unpackedBytes = std::numeric_limits<std::uint32_t>::max() - 1;
+    }
+    const auto large = request(rawArchive(entries));
+    faults->forget();
+    const auto failed = registry().installArchive(large);
+    ASSERT_FALSE(failed);
+    EXPECT_EQ(failed.error()->code(), code(InstallerError::notEnoughSpace)) << errorText(failed.error());
+    EXPECT_NE(errorText(failed.error()).find("remove apps or files and try again"), std::string::npos);
+    EXPECT_EQ(std::ranges::count(faults->operations(), "create"), 0);
+    EXPECT_EQ(staged(), std::vector<std::string>());
 }
 
 TEST_F(RegistryTest, ArchiveThatIsMissingOrAFolderIsNamed) {
