@@ -81,8 +81,7 @@ void AppsClient::_performAssetInstall(const QRAssetPtr& asset) {
     } else {
         assetInstallFailed_withError(asset, error);
     }
-    // Who asks for the number has waited for this install, which orders the two.
-    _numAppInstallsAttempted.fetch_add(1, std::memory_order_relaxed);
+    ++_numAppInstallsAttempted;
     assertion = nullptr;
     _platform.files.removeItem(*asset->path, nullptr);
 }

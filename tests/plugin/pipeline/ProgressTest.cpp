@@ -93,6 +93,15 @@ TEST_F(TransferProgress, GoesToTheCoordinator) {
     EXPECT_EQ(world.journal.linesWith("coordinators.any"), Lines{"coordinators.any(a, client 3, create 0)"});
 }
 
+TEST_F(TransferProgress, FillsThePromiseOfTheAppsCoordinator) {
+    start(true);
+    world.coordinators.add("a");
+    const QRAssetPtr asset = makeAsset("a");
+    asset->downloadProgress = 0.25;
+    client().assetTransfer_updatedProgress(asset, 0.5);
+    EXPECT_EQ(journal().back(), "promise(a-Asset).setPercentComplete(0.250000)");
+}
+
 TEST_F(TransferProgress, GoesToTheCoordinatorWithoutHoldingUpCancels) {
     start(true);
     const auto cancelled =
