@@ -12,7 +12,7 @@ namespace appsync::device {
 namespace {
 
 /// From here on a file gets its room at once and is written out early; for smaller ones that costs more than it gains.
-constexpr std::uint64_t largeFile = 1U << 20;
+constexpr std::uint64_t largeFile = 64U << 10;
 
 } // namespace
 
