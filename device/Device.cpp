@@ -34,7 +34,7 @@ Result<std::optional<bool>> readCoordination(Database& database) {
         return registered.error();
     }
     std::optional<bool> isEnabled;
-    const auto read = database.read([&](const Database::Rows& row) { isEnabled = row.integer(0) != 0; },
+    const auto read = database.read([&](const Database::Rows& row) { isEnabled = row.first<bool>(); },
                                     "SELECT value FROM device WHERE setting = 'coordination'");
     return read ? Result(isEnabled) : read.error();
 }

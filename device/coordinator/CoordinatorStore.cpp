@@ -20,17 +20,13 @@ constexpr std::string_view schema[] = {
     " name TEXT NOT NULL, client INTEGER NOT NULL, space INTEGER NOT NULL, path TEXT, complete INTEGER NOT NULL);"
     "CREATE INDEX coordinatorPromiseOwner ON coordinatorPromise (coordinator);"};
 
-std::uint64_t unsignedOf(std::int64_t number) {
-    return static_cast<std::uint64_t>(number);
-}
-
 void writePromise(Database::Transaction& transaction, const CoordinatorState& coordinator, const Promise& promise) {
     const PromiseRecord record = promise.record();
     transaction.run("INSERT INTO coordinatorPromise (id, coordinator, role, name, client, space, path, complete)"
                     " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)"
                     " ON CONFLICT (id) DO UPDATE SET path = ?7, complete = ?8",
-                    record.id, coordinator.id, static_cast<int>(record.role), record.name, record.client,
-                    record.diskSpaceNeeded, record.path, record.isComplete);
+                    record.id, coordinator.id, record.role, record.name, record.client, record.diskSpaceNeeded,
+                    record.path, record.isComplete);
 }
 
 void removeBelongings(Database::Transaction& transaction, std::int64_t coordinator) {
@@ -49,33 +45,26 @@ Result<CoordinatorStates> CoordinatorStore::load(std::uint64_t& lastPromise, std
     Database::Transaction transaction(_database);
     transaction.run("DELETE FROM coordinator WHERE ending = ?1 AND id NOT IN"
                     " (SELECT id FROM coordinator WHERE ending = ?1 ORDER BY id DESC LIMIT ?2)",
-                    static_cast<int>(CoordinatorEnd::reporting), maxReports);
+                    CoordinatorEnd::reporting, maxReports);
     auto rows = transaction.query("SELECT id, bundle, kind, creator, hasOptions, installType, targetType, metadata,"
                                   " sinf, hasODR, responsible, placeholderInstalled, ending, error,"
                                   " cancelledBy FROM coordinator ORDER BY id");
     while (rows.next()) {
         auto state = std::make_shared<CoordinatorState>();
-        state->id = rows.integer(0);
-        state->bundleID = rows.text(1);
-        state->kind = static_cast<CoordinatorKind>(rows.integer(2));
-        state->creator = unsignedOf(rows.integer(3));
-        if (nameOf(state->kind) == "unknown") {
-            continue;
+        CoordinatorFacts& facts = state->facts;
+        InstallOptionsRecord options;
+        bool hasOptions = false;
+        std::optional<Data> error;
+        rows.read(state->id, state->bundleID, state->kind, state->creator, hasOptions, options.registryInstallType,
+                  options.installTargetType, options.metadata, options.sinf, facts.hasODRPromises,
+                  facts.responsibleClient, facts.isPlaceholderInstalled, facts.end, error, facts.cancelledBy);
+        if (hasOptions) {
+            facts.options = std::move(options);
         }
-        if (rows.integer(4) != 0) {
-            state->facts.options = InstallOptionsRecord{static_cast<std::uint32_t>(rows.integer(5)),
-                                                        static_cast<std::uint32_t>(rows.integer(6)),
-                                                        rows.optionalData(7), rows.optionalData(8)};
+        facts.error = _errorFrom(error);
+        if (nameOf(state->kind) != "unknown") {
+            coordinators.emplace(state->id, state);
         }
-        state->facts.hasODRPromises = rows.integer(9) != 0;
-        state->facts.responsibleClient = unsignedOf(rows.integer(10));
-        state->facts.isPlaceholderInstalled = rows.integer(11) != 0;
-        state->facts.end = static_cast<CoordinatorEnd>(rows.integer(12));
-        state->facts.error = _errorFrom(rows.optionalData(13));
-        if (!rows.isNull(14)) {
-            state->facts.cancelledBy = unsignedOf(rows.integer(14));
-        }
-        coordinators.emplace(state->id, state);
     }
     _loadPlaceholders(transaction, coordinators);
     _loadPromises(transaction, coordinators, lastPromise);
@@ -89,24 +78,19 @@ void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, con
     auto rows = transaction.query("SELECT coordinator, name, installType, info, launchProhibited, version, metadata,"
                                   " sinf, configured FROM coordinatorPlaceholder");
     while (rows.next()) {
-        const auto found = coordinators.find(rows.integer(0));
-        if (found == coordinators.end()) {
-            continue;
-        }
-        const CoordinatorStatePtr& owner = found->second;
+        std::int64_t coordinator = 0;
+        std::optional<Data> info;
         auto placeholder = std::make_shared<PlaceholderState>();
-        placeholder->bundleName = rows.text(1);
-        placeholder->bundleID = owner->bundleID;
-        placeholder->installType = unsignedOf(rows.integer(2));
-        placeholder->facts.infoPlist = _parse(rows.optionalData(3));
-        placeholder->facts.launchProhibited = rows.integer(4) != 0;
-        placeholder->facts.bundleVersion = rows.optionalText(5);
-        placeholder->facts.metadata = rows.optionalData(6);
-        placeholder->facts.sinf = rows.optionalData(7);
-        placeholder->facts.isConfigured = rows.integer(8) != 0;
-        placeholder->isAttached = true;
-        placeholder->owner = owner;
-        owner->placeholder = std::move(placeholder);
+        PlaceholderFacts& facts = placeholder->facts;
+        rows.read(coordinator, placeholder->bundleName, placeholder->installType, info, facts.launchProhibited,
+                  facts.bundleVersion, facts.metadata, facts.sinf, facts.isConfigured);
+        if (const auto owner = coordinators.find(coordinator); owner != coordinators.end()) {
+            facts.infoPlist = _parse(info);
+            placeholder->bundleID = owner->second->bundleID;
+            placeholder->isAttached = true;
+            placeholder->owner = owner->second;
+            owner->second->placeholder = std::move(placeholder);
+        }
     }
 }
 
@@ -115,16 +99,13 @@ void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const C
     auto rows = transaction.query(
         "SELECT id, coordinator, role, name, client, space, path, complete FROM coordinatorPromise ORDER BY id");
     while (rows.next()) {
+        std::int64_t coordinator = 0;
         PromiseRecord record;
-        record.id = lastPromise = unsignedOf(rows.integer(0));
-        record.role = static_cast<PromiseRole>(rows.integer(2));
-        record.name = rows.text(3);
-        record.client = unsignedOf(rows.integer(4));
-        record.diskSpaceNeeded = unsignedOf(rows.integer(5));
-        record.path = rows.optionalText(6);
-        record.isComplete = rows.integer(7) != 0;
+        rows.read(record.id, coordinator, record.role, record.name, record.client, record.diskSpaceNeeded, record.path,
+                  record.isComplete);
+        lastPromise = record.id;
         const PromiseRole role = record.role;
-        const auto found = coordinators.find(rows.integer(1));
+        const auto found = coordinators.find(coordinator);
         if (found == coordinators.end()) {
             continue;
         }
@@ -144,7 +125,7 @@ void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const C
 Result<void> CoordinatorStore::insert(CoordinatorState& coordinator) {
     Database::Transaction transaction(_database);
     transaction.run("INSERT INTO coordinator (bundle, kind, creator) VALUES (?1, ?2, ?3)", coordinator.bundleID,
-                    static_cast<int>(coordinator.kind), coordinator.creator);
+                    coordinator.kind, coordinator.creator);
     coordinator.id = transaction.lastRowIdentifier();
     return transaction.commit();
 }
@@ -158,8 +139,8 @@ Result<void> CoordinatorStore::update(const CoordinatorState& coordinator) {
         " cancelledBy = ?12 WHERE id = ?1",
         coordinator.id, coordinator.facts.options.has_value(), options.registryInstallType, options.installTargetType,
         options.metadata, options.sinf, coordinator.facts.hasODRPromises, coordinator.facts.responsibleClient,
-        coordinator.facts.isPlaceholderInstalled, static_cast<int>(coordinator.facts.end),
-        _bytesOf(coordinator.facts.error), coordinator.facts.cancelledBy);
+        coordinator.facts.isPlaceholderInstalled, coordinator.facts.end, _bytesOf(coordinator.facts.error),
+        coordinator.facts.cancelledBy);
 }
 
 Result<void> CoordinatorStore::updatePlaceholder(const CoordinatorState& coordinator) {
@@ -199,7 +180,7 @@ Result<void> CoordinatorStore::updateToReport(const CoordinatorState& coordinato
     Database::Transaction transaction(_database);
     removeBelongings(transaction, coordinator.id);
     transaction.run("UPDATE coordinator SET ending = ?2, metadata = NULL, sinf = NULL WHERE id = ?1", coordinator.id,
-                    static_cast<int>(CoordinatorEnd::reporting));
+                    CoordinatorEnd::reporting);
     return transaction.commit();
 }
 

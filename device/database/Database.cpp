@@ -223,7 +223,7 @@ void Database::_look(const std::string& path) noexcept {
 }
 
 void Database::_checkVersion() {
-    sqlite3_stmt* query = _prepare("PRAGMA user_version", {}, false);
+    sqlite3_stmt* query = _prepare("PRAGMA user_version");
     const std::int64_t version = _step(query) ? sqlite3_column_int64(query, 0) : 0;
     _release(query);
     if (version > formatVersion) {
@@ -238,7 +238,7 @@ void Database::_checkVersion() {
 }
 
 void Database::_checkContent() {
-    sqlite3_stmt* query = _prepare("PRAGMA quick_check(1)", {}, false);
+    sqlite3_stmt* query = _prepare("PRAGMA quick_check(1)");
     std::string found = "it cannot be checked";
     if (_step(query)) {
         found = reinterpret_cast<const char*>(sqlite3_column_text(query, 0));
@@ -261,11 +261,9 @@ Database::~Database() {
 Result<void> Database::registerSchema(std::string_view service, std::span<const std::string_view> steps) {
     Transaction transaction(*this);
     std::size_t version = 0;
-    {
-        auto known = transaction.query("SELECT version FROM service_versions WHERE service = ?", service);
-        if (known.next()) {
-            version = static_cast<std::size_t>(known.integer(0));
-        }
+    for (auto known = transaction.query("SELECT version FROM service_versions WHERE service = ?", service);
+         known.next();) {
+        known.read(version);
     }
     if (version > steps.size()) {
         _fail(DatabaseError::newerSchema, "its tables of \"" + std::string(service) + "\" have version " +
@@ -286,71 +284,53 @@ Result<void> Database::registerSchema(std::string_view service, std::span<const 
     return transaction.commit();
 }
 
-sqlite3_stmt* Database::_prepare(std::string_view sql, std::span<const SqlValue> arguments,
-                                 bool copyArguments) noexcept {
+sqlite3_stmt* Database::_statementWith(std::string_view sql, std::size_t parameters) noexcept {
     if (_failure) {
         return nullptr;
     }
     sqlite3_stmt* statement = nullptr;
+    int code = SQLITE_OK;
     if (const auto idle = _idleStatements.find(sql); idle != _idleStatements.end() && !idle->second.empty()) {
         statement = idle->second.back();
         idle->second.pop_back();
-    } else if (const int code = sqlite3_prepare_v3(_handle, sql.data(), static_cast<int>(sql.size()),
-                                                   SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
-               code != SQLITE_OK) {
-        _fail(code, sql);
-        return nullptr;
+    } else {
+        code = sqlite3_prepare_v3(_handle, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
+                                  &statement, nullptr);
     }
-    if (const int code = _bind(statement, arguments, copyArguments); code != SQLITE_OK) {
+    if (code == SQLITE_OK && static_cast<std::size_t>(sqlite3_bind_parameter_count(statement)) != parameters) {
+        code = SQLITE_RANGE;
+    }
+    if (code != SQLITE_OK) {
         _fail(code, sql);
-        _release(statement);
-        return nullptr;
+        _release(std::exchange(statement, nullptr));
     }
     return statement;
 }
 
-int Database::_bind(sqlite3_stmt* statement, std::span<const SqlValue> arguments, bool copy) noexcept {
-    const auto keep = copy ? SQLITE_TRANSIENT : SQLITE_STATIC;
-    int number = 0;
-    for (const SqlValue& argument : arguments) {
-        ++number;
-        const auto& value = argument.value();
-        int code = SQLITE_OK;
-        if (const auto* whole = std::get_if<std::int64_t>(&value)) {
-            code = sqlite3_bind_int64(statement, number, *whole);
-        } else if (const auto* real = std::get_if<double>(&value)) {
-            code = sqlite3_bind_double(statement, number, *real);
-        } else if (const auto* text = std::get_if<std::string_view>(&value)) {
-            code = sqlite3_bind_text64(statement, number, text->data() ? text->data() : "", text->size(), keep,
-                                       SQLITE_UTF8);
-        } else if (const auto* data = std::get_if<SqlValue::Bytes>(&value)) {
-            const char* start = data->bytes.data() ? data->bytes.data() : "";
-            code = sqlite3_bind_blob64(statement, number, start, data->bytes.size(), keep);
-        } else {
-            code = sqlite3_bind_null(statement, number);
-        }
-        if (code != SQLITE_OK) {
-            return code;
-        }
+void Database::_bind(sqlite3_stmt* statement, int number, std::int64_t whole) noexcept {
+    _check(statement, sqlite3_bind_int64(statement, number, whole));
+}
+
+void Database::_bind(sqlite3_stmt* statement, int number, std::string_view text) noexcept {
+    const char* start = text.data() ? text.data() : "";
+    _check(statement, sqlite3_bind_text64(statement, number, start, text.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
+}
+
+void Database::_bind(sqlite3_stmt* statement, int number, const Data& data) noexcept {
+    const char* start = data.bytes().data() ? data.bytes().data() : "";
+    _check(statement, sqlite3_bind_blob64(statement, number, start, data.size(), SQLITE_TRANSIENT));
+}
+
+void Database::_check(sqlite3_stmt* statement, int code) noexcept {
+    if (code != SQLITE_OK && code != SQLITE_ROW && code != SQLITE_DONE) {
+        _fail(code, sqlite3_sql(statement));
     }
-    return number == sqlite3_bind_parameter_count(statement) ? SQLITE_OK : SQLITE_RANGE;
 }
 
 bool Database::_step(sqlite3_stmt* statement) noexcept {
-    if (!statement || _failure) {
-        return false;
-    }
-    const int code = sqlite3_step(statement);
-    if (code != SQLITE_ROW && code != SQLITE_DONE) {
-        _fail(code, sqlite3_sql(statement));
-    }
+    const int code = statement && !_failure ? sqlite3_step(statement) : SQLITE_DONE;
+    _check(statement, code);
     return code == SQLITE_ROW;
-}
-
-void Database::_run(std::string_view sql, std::span<const SqlValue> arguments) noexcept {
-    sqlite3_stmt* statement = _prepare(sql, arguments, false);
-    (void)_step(statement);
-    _release(statement);
 }
 
 void Database::_release(sqlite3_stmt* statement) noexcept {
@@ -426,13 +406,6 @@ std::int64_t Database::Transaction::lastRowIdentifier() const noexcept {
     return sqlite3_last_insert_rowid(_database._handle);
 }
 
-Database::Rows::Rows(Rows&& other) noexcept
-    : _database(other._database), _statement(std::exchange(other._statement, nullptr)) {}
-
-Database::Rows::~Rows() {
-    _database._release(_statement);
-}
-
 bool Database::Rows::next() noexcept {
     if (_database._step(_statement)) {
         return true;
@@ -441,36 +414,26 @@ bool Database::Rows::next() noexcept {
     return false;
 }
 
-bool Database::Rows::isNull(int column) const noexcept {
+bool Database::Rows::_isNull(int column) const noexcept {
     return sqlite3_column_type(_statement, column) == SQLITE_NULL;
 }
 
-std::int64_t Database::Rows::integer(int column) const noexcept {
-    return sqlite3_column_int64(_statement, column);
+void Database::Rows::_read(int column, std::int64_t& number) const noexcept {
+    number = sqlite3_column_int64(_statement, column);
 }
 
-double Database::Rows::real(int column) const noexcept {
-    return sqlite3_column_double(_statement, column);
+void Database::Rows::_read(int column, double& number) const noexcept {
+    number = sqlite3_column_double(_statement, column);
 }
 
-std::string_view Database::Rows::text(int column) const noexcept {
+void Database::Rows::_read(int column, std::string& text) const {
     const auto* start = reinterpret_cast<const char*>(sqlite3_column_text(_statement, column));
-    return start ? std::string_view(start, static_cast<std::size_t>(sqlite3_column_bytes(_statement, column)))
-                 : std::string_view();
+    text.assign(start ? start : "", static_cast<std::size_t>(sqlite3_column_bytes(_statement, column)));
 }
 
-Data Database::Rows::data(int column) const {
+void Database::Rows::_read(int column, Data& data) const {
     const auto* start = static_cast<const char*>(sqlite3_column_blob(_statement, column));
-    return Data(start ? std::string(start, static_cast<std::size_t>(sqlite3_column_bytes(_statement, column)))
-                      : std::string());
-}
-
-std::optional<std::string> Database::Rows::optionalText(int column) const {
-    return isNull(column) ? std::nullopt : std::optional<std::string>(text(column));
-}
-
-std::optional<Data> Database::Rows::optionalData(int column) const {
-    return isNull(column) ? std::nullopt : std::optional<Data>(data(column));
+    data = Data(std::string(start ? start : "", static_cast<std::size_t>(sqlite3_column_bytes(_statement, column))));
 }
 
 } // namespace appsync::device

@@ -8,15 +8,14 @@
 #include "values/Result.h"
 
 #include <concepts>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
-#include <variant>
 #include <vector>
 
 struct sqlite3;
@@ -46,27 +45,6 @@ enum class Durability {
     durable,  // when `commit` returns, and with it everything committed before
 };
 
-/// A value bound to a parameter of a statement. Texts and data must outlive the call they are passed to.
-class SqlValue {
-  public:
-    SqlValue(std::nullopt_t) noexcept {}
-    template <std::integral Number> SqlValue(Number number) noexcept : _value(static_cast<std::int64_t>(number)) {}
-    SqlValue(double number) noexcept : _value(number) {}
-    SqlValue(std::string_view text) noexcept : _value(text) {}
-    SqlValue(const std::string& text) noexcept : _value(std::string_view(text)) {}
-    SqlValue(const char* text) noexcept : _value(std::string_view(text)) {}
-    SqlValue(const Data& bytes) noexcept : _value(Bytes{bytes.bytes()}) {}
-    template <class T>
-    SqlValue(const std::optional<T>& value) noexcept : SqlValue(value ? SqlValue(*value) : SqlValue(std::nullopt)) {}
-    struct Bytes {
-        std::string_view bytes;
-    };
-    [[nodiscard]] const auto& value() const noexcept { return _value; }
-
-  private:
-    std::variant<std::monostate, std::int64_t, double, std::string_view, Bytes> _value;
-};
-
 /// Every operation may be called on any thread. While a `Transaction` exists, those of other threads wait. The compiler
 /// sees that a transaction holds the database, and so refuses nested ones; what it holds is not annotated, since a
 /// transaction's operations cannot be told that its database is the one that it was made with.
@@ -74,34 +52,54 @@ class Database {
   public:
     class Transaction;
 
-    /// The rows of a query, one after another; lives no longer than its transaction. Columns count from 0; a column of
-    /// another type is converted as SQLite does, so that a damaged row gives odd values and no failure.
+    /// The rows of a query, one after another; lives no longer than its transaction. Columns are read into numbers,
+    /// enumerations, texts and data, or an optional of these where null is told apart. A column of another type is
+    /// converted as SQLite does, so that a damaged row gives odd values and no failure.
     class Rows {
       public:
-        Rows(Rows&& other) noexcept;
-        Rows& operator=(Rows&&) = delete;
-        ~Rows();
+        Rows(const Rows&) = delete;
+        Rows& operator=(const Rows&) = delete;
+        ~Rows() { _database._release(_statement); }
         /// Goes to the next (at first: the first) row. False when there is none, or after a failure, which the
         /// transaction then reports.
         [[nodiscard]] bool next() noexcept;
-        [[nodiscard]] bool isNull(int column) const noexcept;
-        [[nodiscard]] std::int64_t integer(int column) const noexcept;
-        [[nodiscard]] double real(int column) const noexcept;
-        /// Valid until `next`.
-        [[nodiscard]] std::string_view text(int column) const noexcept;
-        [[nodiscard]] Data data(int column) const;
-        [[nodiscard]] std::optional<std::string> optionalText(int column) const;
-        [[nodiscard]] std::optional<Data> optionalData(int column) const;
+        /// Reads the first columns of the row, one into each field.
+        template <class... Fields> void read(Fields&... fields) const {
+            int column = 0;
+            (_read(column++, fields), ...);
+        }
+        /// Reads the first column.
+        template <class Field> [[nodiscard]] Field first() const {
+            Field field{};
+            _read(0, field);
+            return field;
+        }
 
       private:
         friend class Transaction;
         Rows(Database& database, sqlite3_stmt* statement) noexcept : _database(database), _statement(statement) {}
+        [[nodiscard]] bool _isNull(int column) const noexcept;
+        void _read(int column, std::int64_t& number) const noexcept;
+        void _read(int column, double& number) const noexcept;
+        void _read(int column, std::string& text) const;
+        void _read(int column, Data& data) const;
+        template <class Number> void _read(int column, Number& number) const noexcept {
+            std::int64_t whole = 0;
+            _read(column, whole);
+            number = static_cast<Number>(whole);
+        }
+        template <class Field> void _read(int column, std::optional<Field>& field) const {
+            field.reset();
+            if (!_isNull(column)) {
+                _read(column, field.emplace());
+            }
+        }
         Database& _database;
         sqlite3_stmt* _statement; // null after a failure
     };
 
     /// Statements that take effect together. After the first failure the rest do nothing, and `commit` reports it.
-    /// Not to be nested on one thread; keep it short.
+    /// Not to be nested on one thread; keep it short. Arguments are what columns can be read into; they are copied.
     class SCOPED_CAPABILITY Transaction {
       public:
         explicit Transaction(Database& database, Durability durability = Durability::ordinary) noexcept
@@ -113,12 +111,11 @@ class Database {
 
         /// Runs a statement that has no rows.
         template <class... Arguments> void run(std::string_view sql, const Arguments&... arguments) noexcept {
-            _database._run(sql, std::initializer_list<SqlValue>{SqlValue(arguments)...});
+            _database._run(sql, arguments...);
         }
         template <class... Arguments>
         [[nodiscard]] Rows query(std::string_view sql, const Arguments&... arguments) noexcept {
-            const std::initializer_list<SqlValue> values{SqlValue(arguments)...};
-            return Rows(_database, _database._prepare(sql, values, true));
+            return Rows(_database, _database._prepare(sql, arguments...));
         }
         [[nodiscard]] std::int64_t lastRowIdentifier() const noexcept;
         /// The first failure; null while there was none.
@@ -172,14 +169,39 @@ class Database {
 
     // After a failure none of these does anything.
 
-    /// A statement with its arguments bound; null after a failure. With `copyArguments` they need not outlive the call.
-    [[nodiscard]] sqlite3_stmt* _prepare(std::string_view sql, std::span<const SqlValue> arguments,
-                                         bool copyArguments) noexcept;
-    [[nodiscard]] int _bind(sqlite3_stmt* statement, std::span<const SqlValue> arguments, bool copy) noexcept;
+    /// A statement with its arguments bound; null after a failure.
+    template <class... Arguments>
+    [[nodiscard]] sqlite3_stmt* _prepare(std::string_view sql, const Arguments&... arguments) noexcept {
+        sqlite3_stmt* statement = _statementWith(sql, sizeof...(arguments));
+        if (statement) {
+            int number = 0;
+            (_bind(statement, ++number, arguments), ...);
+        }
+        return statement;
+    }
+    [[nodiscard]] sqlite3_stmt* _statementWith(std::string_view sql, std::size_t parameters) noexcept;
+    void _bind(sqlite3_stmt* statement, int number, std::int64_t whole) noexcept;
+    void _bind(sqlite3_stmt* statement, int number, std::string_view text) noexcept;
+    void _bind(sqlite3_stmt* statement, int number, const Data& data) noexcept;
+    template <class Number>
+    requires(std::integral<Number> || std::is_enum_v<Number>) void _bind(sqlite3_stmt* statement, int number,
+                                                                         Number whole) noexcept {
+        _bind(statement, number, static_cast<std::int64_t>(whole));
+    }
+    template <class T> void _bind(sqlite3_stmt* statement, int number, const std::optional<T>& value) noexcept {
+        if (value) { // a parameter that nothing is bound to is null
+            _bind(statement, number, *value);
+        }
+    }
+    void _check(sqlite3_stmt* statement, int code) noexcept;
     /// Whether there is a (next) row.
     [[nodiscard]] bool _step(sqlite3_stmt* statement) noexcept;
     /// Runs a statement to its first row.
-    void _run(std::string_view sql, std::span<const SqlValue> arguments = {}) noexcept;
+    template <class... Arguments> void _run(std::string_view sql, const Arguments&... arguments) noexcept {
+        sqlite3_stmt* statement = _prepare(sql, arguments...);
+        (void)_step(statement);
+        _release(statement);
+    }
     /// Runs any number of statements.
     void _execute(const std::string& sql) noexcept;
     void _fail(int code, std::string_view what) noexcept;

@@ -159,9 +159,8 @@ Result<void> TransactionLog::_write(const std::vector<TransactionRecord>& record
     for (const TransactionRecord& record : records) {
         transaction.run("INSERT INTO transactionLog (time, scenario, step, party, phase, success, bundle, description)"
                         " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
-                        record.time, record.scenario, static_cast<std::uint32_t>(record.step),
-                        static_cast<std::uint32_t>(record.party), static_cast<std::uint32_t>(record.phase),
-                        record.success, record.bundleID, record.description);
+                        record.time, record.scenario, record.step, record.party, record.phase, record.success,
+                        record.bundleID, record.description);
     }
     transaction.run("DELETE FROM transactionLog WHERE number <= ?1", transaction.lastRowIdentifier() - _capacity);
     return transaction.commit();
@@ -172,19 +171,19 @@ Result<void> TransactionLog::visit(const std::function<bool(const TransactionRec
     if (auto flushed = flush(); !flushed) {
         return flushed;
     }
-    bool isWanted = true;
-    const auto pass = [&](const Database::Rows& row) {
-        isWanted =
-            isWanted &&
-            visit({row.integer(0), row.integer(1), row.optionalText(2), static_cast<TransactionStep>(row.integer(3)),
-                   static_cast<TransactionParty>(row.integer(4)), static_cast<TransactionPhase>(row.integer(5)),
-                   row.integer(6) != 0, std::string(row.text(7)), std::string(row.text(8))});
-    };
     constexpr std::string_view all = "SELECT number, time, scenario, step, party, phase, success, bundle, description"
                                      " FROM transactionLog WHERE number > ?1 ORDER BY number";
     constexpr std::string_view ofOne = "SELECT number, time, scenario, step, party, phase, success, bundle, description"
                                        " FROM transactionLog WHERE number > ?1 AND bundle = ?2 ORDER BY number";
-    return bundleID ? _database.read(pass, ofOne, after, *bundleID) : _database.read(pass, all, after);
+    Database::Transaction transaction(_database);
+    auto rows = bundleID ? transaction.query(ofOne, after, *bundleID) : transaction.query(all, after);
+    TransactionRecord record;
+    for (bool isWanted = true; isWanted && rows.next();) {
+        rows.read(record.number, record.time, record.scenario, record.step, record.party, record.phase, record.success,
+                  record.bundleID, record.description);
+        isWanted = visit(record);
+    }
+    return transaction.error();
 }
 
 } // namespace appsync::device

@@ -45,19 +45,12 @@ Result<void> RegistryTable::load(Database& database) {
         }
     }
     const auto add = [this](const Database::Rows& row) {
-        RegistryRecord record;
-        record.identifier = row.text(0);
-        record.isPlaceholder = row.integer(1) != 0;
-        record.isSystem = row.integer(2) != 0;
-        record.installType = static_cast<std::uint64_t>(row.integer(3));
-        record.name = row.text(4);
-        record.version = row.optionalText(5);
-        record.container = row.text(6);
-        record.bundle = row.text(7);
-        record.iconFile = row.optionalText(8);
-        record.bytes = static_cast<std::uint64_t>(row.integer(9));
-        record.hasDeviceSinf = row.integer(10) != 0;
-        put(std::make_shared<const RegistryRecord>(std::move(record)), row.integer(11));
+        auto record = std::make_shared<RegistryRecord>();
+        std::int64_t arrival = 0;
+        row.read(record->identifier, record->isPlaceholder, record->isSystem, record->installType, record->name,
+                 record->version, record->container, record->bundle, record->iconFile, record->bytes,
+                 record->hasDeviceSinf, arrival);
+        put(record, arrival);
     };
     return database.read(add, "SELECT identifier, placeholder, system, install_type, name, version, container, bundle, "
                               "icon, bytes, device_sinf, arrival FROM applications ORDER BY arrival");

@@ -154,8 +154,14 @@ Result<void> Registry::_endRemoval(const std::string& path) {
 
 std::optional<Dictionary> Registry::TevrinLookupUninstalled(const Dictionary* /*options*/) noexcept {
     Dictionary apps;
-    const auto read = _database.read([&](const Database::Rows& row) { apps.insert(row.text(0), Date{row.real(1)}); },
-                                     "SELECT identifier, removed_at FROM uninstalled ORDER BY removed_at, identifier");
+    const auto add = [&](const Database::Rows& row) {
+        std::string identifier;
+        Date removed{};
+        row.read(identifier, removed.secondsSinceReference);
+        apps.insert(identifier, removed);
+    };
+    const auto read =
+        _database.read(add, "SELECT identifier, removed_at FROM uninstalled ORDER BY removed_at, identifier");
     return read ? std::optional(std::move(apps)) : std::nullopt;
 }
 
@@ -182,7 +188,7 @@ Result<void> Registry::settle() {
 
 Result<void> Registry::_settleRemovals() {
     std::vector<std::string> paths;
-    const auto add = [&](const Database::Rows& row) { paths.emplace_back(row.text(0)); };
+    const auto add = [&](const Database::Rows& row) { paths.push_back(row.first<std::string>()); };
     if (const auto read = _database.read(add, "SELECT path FROM application_removals"); !read) {
         return _makeFailure("settle the application registry", read.error());
     }

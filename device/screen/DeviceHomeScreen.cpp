@@ -55,7 +55,7 @@ Result<std::unique_ptr<DeviceHomeScreen>> DeviceHomeScreen::open(const HomeScree
 
 Result<void> DeviceHomeScreen::_load() {
     std::optional<Data> bytes;
-    const auto keep = [&](const Database::Rows& row) { bytes = row.optionalData(0); };
+    const auto keep = [&](const Database::Rows& row) { row.read(bytes); };
     if (auto read = _services.database.read(keep, "SELECT value FROM homeScreen WHERE name = 'layout'"); !read) {
         return read;
     }

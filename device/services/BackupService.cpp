@@ -76,8 +76,8 @@ Result<std::unique_ptr<BackupService>> BackupService::open(Database& database, D
 Result<std::vector<RestoreData>> BackupService::restoreData(std::optional<std::string_view> bundleID) {
     std::vector<RestoreData> waiting;
     const auto add = [&](const Database::Rows& row) {
-        waiting.push_back({std::string(row.text(0)), static_cast<std::uint64_t>(row.integer(1)),
-                           std::string(row.text(2)), row.integer(3) != 0});
+        RestoreData& data = waiting.emplace_back();
+        row.read(data.bundleID, data.size, data.name, data.isMoving);
     };
     const auto read = _database.read(add,
                                      "SELECT bundle, size, folder, isMoving FROM restoreData"

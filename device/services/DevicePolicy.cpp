@@ -17,9 +17,11 @@ Result<std::unique_ptr<DevicePolicy>> DevicePolicy::open(Database& database) {
     }
     Settings settings;
     const auto add = [&](const Database::Rows& row) {
-        const auto value = static_cast<OLBoolValue>(row.integer(1));
+        std::string setting;
+        OLBoolValue value = OLBoolValue::unset;
+        row.read(setting, value);
         if (value == OLBoolValue::explicitlyYes || value == OLBoolValue::explicitlyNo) {
-            settings.emplace(row.text(0), value);
+            settings.emplace(std::move(setting), value);
         }
     };
     if (const auto read = database.read(add, "SELECT setting, value FROM policy"); !read) {
@@ -36,10 +38,10 @@ OLBoolValue DevicePolicy::value(std::string_view setting) {
 
 Result<void> DevicePolicy::set(std::string_view setting, OLBoolValue value) {
     const Lock lock(_mutex);
-    auto written = value == OLBoolValue::unset
-                       ? _database.run(Durability::durable, "DELETE FROM policy WHERE setting = ?1", setting)
-                       : _database.run(Durability::durable, "INSERT OR REPLACE INTO policy VALUES (?1, ?2)", setting,
-                                       static_cast<int>(value));
+    auto written =
+        value == OLBoolValue::unset
+            ? _database.run(Durability::durable, "DELETE FROM policy WHERE setting = ?1", setting)
+            : _database.run(Durability::durable, "INSERT OR REPLACE INTO policy VALUES (?1, ?2)", setting, value);
     if (written) {
         _settings.insert_or_assign(std::string(setting), value);
     }

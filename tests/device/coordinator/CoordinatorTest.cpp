@@ -199,7 +199,7 @@ std::string CoordinatorTest::makeFile(const std::string& path, const std::string
 std::int64_t CoordinatorTest::rowsIn(const std::string& table) {
     Database::Transaction transaction(*device.database);
     auto rows = transaction.query("SELECT count(*) FROM " + table);
-    return rows.next() ? rows.integer(0) : -1;
+    return rows.next() ? rows.first<std::int64_t>() : -1;
 }
 
 std::int64_t CoordinatorTest::allRows() {

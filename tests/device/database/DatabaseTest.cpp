@@ -27,7 +27,7 @@ class DatabaseTest : public testing::Test {
     std::int64_t count() {
         Database::Transaction transaction(*database);
         auto rows = transaction.query("SELECT count(*) FROM numbers");
-        return rows.next() ? rows.integer(0) : -1;
+        return rows.next() ? rows.first<std::int64_t>() : -1;
     }
     Result<void> insert(int number, Durability durability = Durability::ordinary) {
         Database::Transaction transaction(*database, durability);
@@ -47,23 +47,32 @@ TEST_F(DatabaseTest, GivesBackWhatWasBound) {
     const Data bytes(std::string("a\0b", 3));
     const std::vector<std::optional<std::string>> texts(1);
     transaction.run("INSERT INTO numbers VALUES (?, ?, ?)", std::int64_t{1} << 40, std::string("text"), bytes);
-    transaction.run("INSERT INTO numbers VALUES (?, ?, ?)", 2, texts[0], std::nullopt);
+    transaction.run("INSERT INTO numbers VALUES (?, ?, ?)", 2, texts[0], std::optional<Data>());
     transaction.run("INSERT INTO numbers VALUES (?, ?, ?)", 3, "", Data());
     EXPECT_EQ(transaction.lastRowIdentifier(), 3);
     auto rows = transaction.query("SELECT n, t, d, 0.5 FROM numbers ORDER BY n DESC");
+    std::uint64_t number = 0;
+    std::string plainText;
+    std::optional<std::string> text;
+    std::optional<Data> data;
+    double half = 0;
     ASSERT_TRUE(rows.next());
-    EXPECT_EQ(rows.integer(0), std::int64_t{1} << 40);
-    EXPECT_EQ(rows.text(1), "text");
-    EXPECT_EQ(rows.data(2), bytes);
-    EXPECT_EQ(rows.real(3), 0.5);
+    rows.read(number, text, data, half);
+    EXPECT_EQ(number, std::uint64_t{1} << 40);
+    EXPECT_EQ(text, "text");
+    EXPECT_EQ(data, bytes);
+    EXPECT_EQ(half, 0.5);
     ASSERT_TRUE(rows.next());
-    EXPECT_EQ(rows.optionalText(1), std::string());
-    EXPECT_EQ(rows.optionalData(2), Data());
+    rows.read(number, text, data);
+    EXPECT_EQ(rows.first<Durability>(), static_cast<Durability>(3));
+    EXPECT_EQ(text, std::string());
+    EXPECT_EQ(data, Data());
     ASSERT_TRUE(rows.next());
-    EXPECT_TRUE(rows.isNull(1));
-    EXPECT_EQ(rows.optionalText(1), std::nullopt);
-    EXPECT_EQ(rows.optionalData(2), std::nullopt);
-    EXPECT_EQ(rows.text(1), "");
+    rows.read(number, text, data);
+    EXPECT_EQ(text, std::nullopt);
+    EXPECT_EQ(data, std::nullopt);
+    rows.read(number, plainText);
+    EXPECT_EQ(plainText, "");
     EXPECT_FALSE(rows.next());
     EXPECT_FALSE(rows.next());
     EXPECT_EQ(transaction.error(), nullptr);
@@ -222,8 +231,10 @@ TEST_F(DatabaseTest, DamageAnywhereGivesAnErrorOrTheData) {
         Database::Transaction transaction(**opened);
         auto rows = transaction.query("SELECT n, t, d FROM numbers");
         while (rows.next()) {
-            (void)rows.optionalText(1);
-            (void)rows.optionalData(2);
+            std::int64_t number = 0;
+            std::optional<std::string> text;
+            std::optional<Data> data;
+            rows.read(number, text, data);
         }
     }
 }

@@ -42,7 +42,7 @@ class DatabaseLook : public testing::Test {
     static std::int64_t count(Database& database) {
         Database::Transaction transaction(database);
         auto rows = transaction.query("SELECT count(*) FROM numbers");
-        return rows.next() ? rows.integer(0) : -1;
+        return rows.next() ? rows.first<std::int64_t>() : -1;
     }
     /// A process that has the device open ends in the midst of it.
     void endAProcessThatInserts(int number) {

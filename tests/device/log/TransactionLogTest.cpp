@@ -125,6 +125,23 @@ TEST_F(TransactionLogTest, AVisitorMayStop) {
     EXPECT_EQ(visited, 1);
 }
 
+TEST_F(TransactionLogTest, NothingIsReadBeyondARecordThatTheVisitorStopsAt) {
+    open();
+    for (int i = 0; i < 2500; ++i) {
+        scenario(std::to_string(i));
+    }
+    log.reset();
+    device.database.reset();
+    std::string file = readHostFile(device.root->databasePath());
+    std::fill(file.begin() + static_cast<std::ptrdiff_t>(file.size() / 4 * 3), file.end(), '\xff');
+    writeHostFile(device.root->databasePath(), file);
+    device.database = std::move(*Database::open(*device.root));
+    open();
+    EXPECT_TRUE(log->visit([](const TransactionRecord&) { return false; }));
+    EXPECT_TRUE(isError(log->visit([](const TransactionRecord&) { return true; }).error(), databaseErrorDomain,
+                        DatabaseError::damaged));
+}
+
 TEST_F(TransactionLogTest, ARecordThatCouldNotBeWrittenIsWrittenLater) {
     const auto faults = std::make_shared<RecordingFaults>();
     device.reopen(faults);
