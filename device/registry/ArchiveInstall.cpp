@@ -29,12 +29,7 @@ class Registry::ArchiveInstall {
             }
         }
         const Span span(_files.timeline(), "swap", _request.identifier);
-        _registry._table.install(_record, _arrival);
-        for (const RegistryRecordPtr& old : {_before.installed, _before.placeholder}) {
-            if (old) {
-                _files.removeItem(old->containerPath(), nullptr); // what stays is cleared away at the next start
-            }
-        }
+        _registry._replace(_before, _after);
         return {};
     }
 
@@ -100,14 +95,9 @@ class Registry::ArchiveInstall {
         if (_cancel.stop_requested()) {
             return makeCancelledError(_request.identifier, _request.archivePath);
         }
-        _record = _makeRecord(container.name());
-        _arrival = _registry._table.arrivalOf(_before);
+        _after = {_makeRecord(container.name()), nullptr, _registry._table.arrivalOf(_before)};
         const Span span(_files.timeline(), "making durable", _request.identifier);
-        const auto entered = _registry._enter(container, Durability::durable, [this](auto& transaction) {
-            RegistryTable::write(transaction, *_record, _arrival);
-            RegistryTable::erase(transaction, _record->identifier, true);
-            transaction.run(RegistryTable::removeUninstalled, _record->identifier);
-        });
+        const auto entered = _registry._enter(container, _before, _after, Durability::durable);
         return entered ? entered : _failure(entered.error());
     }
 
@@ -117,11 +107,10 @@ class Registry::ArchiveInstall {
     const std::stop_token _cancel;
     const std::function<void(double)> _progress;
     const RegistryTable::App _before;
+    RegistryTable::App _after;
     DiskRoom::Share _room; // until the old version has gone
     ExtractedApplication _unpacked;
     std::optional<Data> _sinf;
-    RegistryRecordPtr _record;
-    std::int64_t _arrival = 0;
 };
 
 Result<void> Registry::installArchive(const ArchiveRequest& request) {

@@ -17,8 +17,7 @@ class Registry::PlaceholderInstall {
         : _registry(registry), _files(registry._files), _request(request),
           _before(registry._table.find(request.identifier)),
           _continuesRestore(request.installType == PDInstallTypeSync && _before.placeholder &&
-                            _before.placeholder->installType == PDInstallTypeRestore),
-          _replaced(request.replacesApp ? _before.installed : nullptr) {}
+                            _before.placeholder->installType == PDInstallTypeRestore) {}
 
     Result<void> run() {
         if (auto read = _readInfo(); !read) {
@@ -38,14 +37,7 @@ class Registry::PlaceholderInstall {
             }
             return installed;
         }
-        _registry._table.put(_record, _arrival);
-        if (_before.placeholder) {
-            _files.removeItem(_before.placeholder->containerPath(), nullptr);
-        }
-        if (_replaced) {
-            _registry._table.remove(*_replaced);
-            _files.removeItem(_replaced->containerPath(), nullptr);
-        }
+        _registry._replace(_before, _after);
         return {};
     }
 
@@ -160,15 +152,11 @@ class Registry::PlaceholderInstall {
         if (!record) {
             return record.error();
         }
-        _record = std::move(*record);
-        _arrival = _registry._table.arrivalOf(_before);
-        const auto durability = _before.placeholder || _replaced ? Durability::durable : Durability::ordinary;
-        const auto entered = _registry._enter(container, durability, [this](auto& transaction) {
-            RegistryTable::write(transaction, *_record, _arrival);
-            if (_replaced) {
-                RegistryTable::erase(transaction, _request.identifier, false);
-            }
-        });
+        _after = {_request.replacesApp ? nullptr : _before.installed, std::move(*record),
+                  _registry._table.arrivalOf(_before)};
+        const bool replaces = _before.placeholder || _after.installed != _before.installed;
+        const auto entered =
+            _registry._enter(container, _before, _after, replaces ? Durability::durable : Durability::ordinary);
         return entered ? entered : _failure(entered.error());
     }
 
@@ -176,14 +164,12 @@ class Registry::PlaceholderInstall {
     DeviceFileSystem& _files;
     const PlaceholderRequest& _request;
     const RegistryTable::App _before;
+    RegistryTable::App _after;
     const bool _continuesRestore;
-    const RegistryRecordPtr _replaced; // the installed version that goes; may be null
     std::optional<Data> _sinf;
     Dictionary _info;
     std::string _bundle;
     bool _isMoved = false;
-    RegistryRecordPtr _record;
-    std::int64_t _arrival = 0;
 };
 
 Result<void> Registry::installPlaceholder(const PlaceholderRequest& request) {

@@ -218,14 +218,15 @@ void Registry::_describe(RegistryRecord& record, const Dictionary& info, const s
     record.hasDeviceSinf = list && list->dictionary() && list->dictionary()->contains("MID");
 }
 
-/// Puts a filled container among the others and registers it with what `write` writes. It is kept when it is
-/// registered, and when it may be: a durable commit that fails may have reached the disk all the same, and what stands
-/// at the next start decides which container goes.
-Result<void> Registry::_enter(Container& container, Durability durability,
-                              const std::function<void(Database::Transaction&)>& write) {
+/// Puts a filled container among the others and registers the app that has it. It is kept when it is registered, and
+/// when it may be: a durable commit that fails may have reached the disk all the same, and what stands at the next
+/// start decides which container goes.
+Result<void> Registry::_enter(Container& container, const RegistryTable::App& before, const RegistryTable::App& after,
+                              Durability durability) {
     if (auto moved = container.putInPlace(); !moved) {
         return moved;
     }
+    const auto write = [&](Database::Transaction& transaction) { RegistryTable::write(transaction, before, after); };
     const auto commitSoon = [&]() -> Result<void> {
         Database::Transaction transaction(_database);
         write(transaction);
@@ -237,6 +238,17 @@ Result<void> Registry::_enter(Container& container, Durability durability,
         container.keep();
     }
     return committed;
+}
+
+/// The database says that an app is another now: so it is, and containers that it has no more go. What stays is cleared
+/// away at the next start.
+void Registry::_replace(const RegistryTable::App& before, const RegistryTable::App& after) {
+    _table.set(before.isKnown() ? before.main()->identifier : after.main()->identifier, after);
+    for (const RegistryRecordPtr& old : {before.installed, before.placeholder}) {
+        if (old && old != after.installed && old != after.placeholder) {
+            _files.removeItem(old->containerPath(), nullptr);
+        }
+    }
 }
 
 } // namespace appsync::device

@@ -178,14 +178,15 @@ class Registry final : public TevrinInstallationService {
     [[nodiscard]] Result<void> _load();
     [[nodiscard]] Announcer::Lists _lists() const;
     void _describe(RegistryRecord& record, const Dictionary& info, const std::optional<Data>& sinf) const;
-    [[nodiscard]] Result<void> _enter(Container& container, Durability durability,
-                                      const std::function<void(Database::Transaction&)>& write);
+    [[nodiscard]] Result<void> _enter(Container& container, const RegistryTable::App& before,
+                                      const RegistryTable::App& after, Durability durability);
+    void _replace(const RegistryTable::App& before, const RegistryTable::App& after);
     [[nodiscard]] InstallProgressPtr _stopInstall(std::string_view identifier);
     [[nodiscard]] std::optional<std::uint64_t> _typeToFallBackTo(const RegistryTable::App& app) const;
     [[nodiscard]] Result<void> _demoteAgain(const RegistryTable::App& app, std::uint64_t installType,
                                             RemovalReason reason);
     void _endInstallOf(const RegistryRecordPtr& placeholder, RemovalReason reason);
-    [[nodiscard]] Result<void> _remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
+    [[nodiscard]] Result<void> _remove(const RegistryTable::App& before, const RegistryTable::App& after,
                                        RemovalReason reason, bool keepsData = false);
     [[nodiscard]] Result<void> _endRemoval(const std::string& path);
     [[nodiscard]] Result<void> _settleRemovals();

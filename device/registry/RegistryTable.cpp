@@ -44,16 +44,22 @@ Result<void> RegistryTable::load(Database& database) {
             return registered;
         }
     }
-    const auto add = [this](const Database::Rows& row) {
+    Database::Transaction transaction(database);
+    auto rows = transaction.query("SELECT identifier, placeholder, system, install_type, name, version, container, "
+                                  "bundle, icon, bytes, device_sinf, arrival FROM applications ORDER BY arrival");
+    const Lock lock(_mutex);
+    while (rows.next()) {
         auto record = std::make_shared<RegistryRecord>();
         std::int64_t arrival = 0;
-        row.read(record->identifier, record->isPlaceholder, record->isSystem, record->installType, record->name,
-                 record->version, record->container, record->bundle, record->iconFile, record->bytes,
-                 record->hasDeviceSinf, arrival);
-        put(record, arrival);
-    };
-    return database.read(add, "SELECT identifier, placeholder, system, install_type, name, version, container, bundle, "
-                              "icon, bytes, device_sinf, arrival FROM applications ORDER BY arrival");
+        rows.read(record->identifier, record->isPlaceholder, record->isSystem, record->installType, record->name,
+                  record->version, record->container, record->bundle, record->iconFile, record->bytes,
+                  record->hasDeviceSinf, arrival);
+        App& app = _apps[record->identifier];
+        app.arrival = app.arrival != 0 ? app.arrival : arrival;
+        (record->isPlaceholder ? app.placeholder : app.installed) = record;
+        _nextArrival = std::max(_nextArrival, app.arrival + 1);
+    }
+    return transaction.error();
 }
 
 RegistryTable::App RegistryTable::find(std::string_view identifier) const {
@@ -91,49 +97,38 @@ std::int64_t RegistryTable::arrivalOf(const App& app) {
     return app.arrival != 0 ? app.arrival : _nextArrival++;
 }
 
-void RegistryTable::put(const RegistryRecordPtr& record, std::int64_t arrival) {
+void RegistryTable::set(const std::string& identifier, App app) {
     const Lock lock(_mutex);
-    _put(record, arrival);
-}
-
-void RegistryTable::install(const RegistryRecordPtr& record, std::int64_t arrival) {
-    const Lock lock(_mutex);
-    _put(record, arrival).placeholder = nullptr;
-}
-
-RegistryTable::App& RegistryTable::_put(const RegistryRecordPtr& record, std::int64_t arrival) {
-    App& app = _apps[record->identifier];
-    app.arrival = app.arrival != 0 ? app.arrival : arrival;
-    (record->isPlaceholder ? app.placeholder : app.installed) = record;
-    _nextArrival = std::max(_nextArrival, app.arrival + 1);
-    return app;
-}
-
-void RegistryTable::remove(const RegistryRecord& record) {
-    const Lock lock(_mutex);
-    const auto known = _apps.find(record.identifier);
-    if (known == _apps.end()) {
-        return;
-    }
-    (record.isPlaceholder ? known->second.placeholder : known->second.installed) = nullptr;
-    if (!known->second.isKnown()) {
-        _apps.erase(known);
+    if (app.isKnown()) {
+        _apps.insert_or_assign(identifier, std::move(app));
+    } else {
+        _apps.erase(identifier);
     }
 }
 
-void RegistryTable::write(Database::Transaction& transaction, const RegistryRecord& record, std::int64_t arrival) {
-    transaction.run(
-        "INSERT OR REPLACE INTO applications (identifier, placeholder, system, install_type, name, version, "
-        "container, bundle, icon, bytes, device_sinf, arrival) "
-        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-        record.identifier, record.isPlaceholder, record.isSystem, record.installType, record.name, record.version,
-        record.container, record.bundle, record.iconFile, record.bytes, record.hasDeviceSinf, arrival);
-    transaction.run(endRemoval,
-                    dataContainerPath(record.identifier)); // the app has come back: its data is its own again
-}
-
-void RegistryTable::erase(Database::Transaction& transaction, std::string_view identifier, bool isPlaceholder) {
-    transaction.run("DELETE FROM applications WHERE identifier = ? AND placeholder = ?", identifier, isPlaceholder);
+void RegistryTable::write(Database::Transaction& transaction, const App& before, const App& after) {
+    for (const auto kind : {&App::installed, &App::placeholder}) {
+        const RegistryRecordPtr& record = after.*kind;
+        if (record == before.*kind) {
+            continue;
+        }
+        if (!record) {
+            transaction.run("DELETE FROM applications WHERE identifier = ? AND placeholder = ?",
+                            (before.*kind)->identifier, (before.*kind)->isPlaceholder);
+            continue;
+        }
+        transaction.run("INSERT OR REPLACE INTO applications (identifier, placeholder, system, install_type, name, "
+                        "version, container, bundle, icon, bytes, device_sinf, arrival) "
+                        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                        record->identifier, record->isPlaceholder, record->isSystem, record->installType, record->name,
+                        record->version, record->container, record->bundle, record->iconFile, record->bytes,
+                        record->hasDeviceSinf, after.arrival);
+        // The app has come back: its data is its own again.
+        transaction.run(endRemoval, dataContainerPath(record->identifier));
+        if (!record->isPlaceholder) {
+            transaction.run(removeUninstalled, record->identifier);
+        }
+    }
 }
 
 void RegistryTable::addRemoval(Database::Transaction& transaction, std::string_view path) {

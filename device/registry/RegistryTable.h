@@ -42,7 +42,7 @@ using RegistryRecordPtr = std::shared_ptr<const RegistryRecord>;
 /// Any thread; each operation is atomic.
 class RegistryTable {
   public:
-    /// One app. At least one of its records is there.
+    /// One app.
     struct App {
         RegistryRecordPtr installed;
         RegistryRecordPtr placeholder;
@@ -51,6 +51,7 @@ class RegistryTable {
         [[nodiscard]] bool isKnown() const noexcept { return installed || placeholder; }
         /// The record of the installed version, else of the placeholder.
         [[nodiscard]] const RegistryRecordPtr& main() const noexcept { return installed ? installed : placeholder; }
+        friend bool operator==(const App&, const App&) = default;
     };
 
     /// Makes the tables of the database and reads what they hold.
@@ -65,17 +66,13 @@ class RegistryTable {
     /// The app's arrival, or a number for one that is new; none is given twice.
     [[nodiscard]] std::int64_t arrivalOf(const App& app);
 
-    /// Sets one of an app's records; the arrival of an app that is there stays.
-    void put(const RegistryRecordPtr& record, std::int64_t arrival);
-    /// Sets an app's installed version in place of the present one and of its placeholder.
-    void install(const RegistryRecordPtr& record, std::int64_t arrival);
-    void remove(const RegistryRecord& record);
+    /// An app that is like this from now on; without records it is known no more.
+    void set(const std::string& identifier, App app);
 
     // The database's rows. Each operation works within the caller's transaction, which reports failures.
 
-    /// Writes a record in place of the app's other one of the same kind.
-    static void write(Database::Transaction& transaction, const RegistryRecord& record, std::int64_t arrival);
-    static void erase(Database::Transaction& transaction, std::string_view identifier, bool isPlaceholder);
+    /// Makes of the rows of an app as it was those of the app as it is to be.
+    static void write(Database::Transaction& transaction, const App& before, const App& after);
     // Folders that are to go although no record names them any more.
     static void addRemoval(Database::Transaction& transaction, std::string_view path);
     static constexpr std::string_view endRemoval = "DELETE FROM application_removals WHERE path = ?";
@@ -85,8 +82,6 @@ class RegistryTable {
     static constexpr std::string_view removeUninstalled = "DELETE FROM uninstalled WHERE identifier = ?";
 
   private:
-    App& _put(const RegistryRecordPtr& record, std::int64_t arrival) REQUIRES(_mutex);
-
     mutable Mutex _mutex;
     std::map<std::string, App, std::less<>> _apps GUARDED_BY(_mutex);
     std::int64_t _nextArrival GUARDED_BY(_mutex) = 1;

@@ -16,21 +16,25 @@ Result<void> Registry::uninstall(std::string_view identifier, RemovalReason reas
         (void)_stopInstall(identifier);
     }
     const AppLocks::Held held(_locks, identifier);
-    const auto app = _table.find(identifier);
-    const bool removesPlaceholder =
-        app.placeholder && !(scope == RemovalScope::placeholderOnly && app.placeholder->isDemoted());
-    const bool removesApp = app.installed && (scope == RemovalScope::everything ||
-                                              (scope == RemovalScope::placeholderElseApp && !app.placeholder));
-    if (!removesPlaceholder && !removesApp) {
+    const auto before = _table.find(identifier);
+    auto after = before;
+    if (!before.placeholder || scope != RemovalScope::placeholderOnly || !before.placeholder->isDemoted()) {
+        after.placeholder = nullptr;
+    }
+    if (scope == RemovalScope::everything || (scope == RemovalScope::placeholderElseApp && !before.placeholder)) {
+        after.installed = nullptr;
+    }
+    if (after == before) {
         return makeInstallerError(InstallerError::nothingToRemove,
                                   "cannot remove " + printable(identifier) + ": the device has no " +
-                                      (app.installed ? "placeholder of it" : "such app"));
+                                      (before.installed ? "placeholder of it" : "such app"));
     }
-    if (const auto installType = _typeToFallBackTo(app); installType && scope != RemovalScope::everything) {
-        return _demoteAgain(app, *installType, reason);
+    if (const auto installType = _typeToFallBackTo(before); installType && scope != RemovalScope::everything) {
+        return _demoteAgain(before, *installType, reason);
     }
-    const bool keepsData = !removesApp && reason == RemovalReason::sync && scope != RemovalScope::everything;
-    return _remove(app, removesApp, removesPlaceholder, reason, keepsData);
+    const bool keepsData =
+        after.installed == before.installed && reason == RemovalReason::sync && scope != RemovalScope::everything;
+    return _remove(before, after, reason, keepsData);
 }
 
 /// Asks a running install to end; one that can no longer be stopped runs to its end.
@@ -50,7 +54,7 @@ bool Registry::cancelInstall(std::string_view identifier) {
         return bool(_demoteAgain(app, *installType, RemovalReason::person));
     }
     if (app.placeholder) {
-        return bool(_remove(app, false, true, RemovalReason::person));
+        return bool(_remove(app, {app.installed, nullptr, app.arrival}, RemovalReason::person));
     }
     if (!progress || progress->installState() != PDInstallStateCanceled) {
         return false;
@@ -70,14 +74,15 @@ std::optional<std::uint64_t> Registry::_typeToFallBackTo(const RegistryTable::Ap
 
 /// The placeholder stays, and with it the app's data; it stands for no install any more.
 Result<void> Registry::_demoteAgain(const RegistryTable::App& app, std::uint64_t installType, RemovalReason reason) {
-    RegistryRecord record = *app.placeholder;
-    record.installType = installType;
+    auto record = std::make_shared<RegistryRecord>(*app.placeholder);
+    record->installType = installType;
+    const RegistryTable::App after{app.installed, record, app.arrival};
     Database::Transaction transaction(_database, Durability::durable);
-    RegistryTable::write(transaction, record, app.arrival);
+    RegistryTable::write(transaction, app, after);
     if (const auto committed = transaction.commit(); !committed) {
-        return _makeFailure("take back the install of " + record.identifier, committed.error());
+        return _makeFailure("take back the install of " + record->identifier, committed.error());
     }
-    _table.put(std::make_shared<const RegistryRecord>(record), app.arrival);
+    _table.set(record->identifier, after);
     _endInstallOf(app.placeholder, reason);
     _announcer.announceChange();
     return {};
@@ -94,22 +99,17 @@ void Registry::_endInstallOf(const RegistryRecordPtr& placeholder, RemovalReason
 }
 
 /// Durable before the first file goes: what is registered is always whole.
-Result<void> Registry::_remove(const RegistryTable::App& app, bool removesApp, bool removesPlaceholder,
-                               RemovalReason reason, bool keepsData) {
-    const std::string identifier = app.main()->identifier;
+Result<void> Registry::_remove(const RegistryTable::App& before, const RegistryTable::App& after, RemovalReason reason,
+                               bool keepsData) {
+    const std::string identifier = before.main()->identifier;
     const std::string dataPath = dataContainerPath(identifier);
-    const bool removesAll = !keepsData && (removesApp || !app.installed) && (removesPlaceholder || !app.placeholder);
+    const bool removesAll = !keepsData && !after.isKnown();
     const bool removesData = removesAll && !_files.isGone(dataPath);
     {
         Database::Transaction transaction(_database, Durability::durable);
-        if (removesPlaceholder) {
-            RegistryTable::erase(transaction, identifier, true);
-        }
-        if (removesApp) {
-            RegistryTable::erase(transaction, identifier, false);
-            if (reason == RemovalReason::person) {
-                transaction.run(RegistryTable::addUninstalled, identifier);
-            }
+        RegistryTable::write(transaction, before, after);
+        if (before.installed && !after.installed && reason == RemovalReason::person) {
+            transaction.run(RegistryTable::addUninstalled, identifier);
         }
         if (removesData) {
             RegistryTable::addRemoval(transaction, dataPath);
@@ -118,14 +118,9 @@ Result<void> Registry::_remove(const RegistryTable::App& app, bool removesApp, b
             return _makeFailure("remove " + identifier, committed.error());
         }
     }
-    if (removesPlaceholder) {
-        _table.remove(*app.placeholder);
-        _endInstallOf(app.placeholder, reason);
-        _files.removeItem(app.placeholder->containerPath(), nullptr);
-    }
-    if (removesApp) {
-        _table.remove(*app.installed);
-        _files.removeItem(app.installed->containerPath(), nullptr);
+    _replace(before, after);
+    if (before.placeholder && !after.placeholder) {
+        _endInstallOf(before.placeholder, reason);
     }
     if (removesAll) {
         _follower.isGone(identifier);
@@ -202,22 +197,27 @@ Result<void> Registry::_settleRemovals() {
 
 /// A record whose bundle is gone, because the power went before its files were durable, is no app any more.
 Result<void> Registry::_settleRecords() {
-    auto gone = _table.records();
-    std::erase_if(gone, [this](const RegistryRecordPtr& record) {
-        return !_files.isGone(record->bundlePath() + "/" + std::string(infoFileName));
-    });
-    if (gone.empty()) {
-        return {};
-    }
+    const auto isGone = [this](const RegistryRecordPtr& record) {
+        return record && _files.isGone(record->bundlePath() + "/" + std::string(infoFileName));
+    };
+    std::map<std::string, RegistryTable::App> settled;
     Database::Transaction transaction(_database, Durability::durable);
-    for (const RegistryRecordPtr& record : gone) {
-        RegistryTable::erase(transaction, record->identifier, record->isPlaceholder);
+    for (const RegistryTable::App& app : _table.all()) {
+        const RegistryTable::App left{isGone(app.installed) ? nullptr : app.installed,
+                                      isGone(app.placeholder) ? nullptr : app.placeholder, app.arrival};
+        if (left != app) {
+            RegistryTable::write(transaction, app, left);
+            settled.emplace(app.main()->identifier, left);
+        }
+    }
+    if (settled.empty()) {
+        return {};
     }
     if (const auto committed = transaction.commit(); !committed) {
         return _makeFailure("settle the application registry", committed.error());
     }
-    for (const RegistryRecordPtr& record : gone) {
-        _table.remove(*record);
+    for (const auto& [identifier, left] : settled) {
+        _table.set(identifier, left);
     }
     _announcer.announceChange();
     return {};
