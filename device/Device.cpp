@@ -7,7 +7,6 @@
 #include "device/registry/ApplicationWorkspace.h"
 #include "device/screen/AppBundles.h"
 #include "device/screen/DeviceHomeScreen.h"
-#include "device/screen/DeviceIconRenderer.h"
 #include "device/services/BackupService.h"
 #include "device/services/DemotedApps.h"
 #include "device/services/DevicePolicy.h"

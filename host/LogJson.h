@@ -1,7 +1,7 @@
 // A line of a device's log, for programs.
 #pragma once
 
-#include "device/log/LogReader.h"
+#include "device/log/LogFile.h"
 
 #include <nlohmann/json.hpp>
 

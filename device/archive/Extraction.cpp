@@ -5,7 +5,6 @@
 #include "concurrency/OperationQueue.h"
 #include "device/archive/BundleWriter.h"
 #include "device/archive/FileUnpacker.h"
-#include "device/archive/SharedFiles.h"
 #include "device/root/PosixError.h"
 #include "files/Syscalls.h"
 #include "platform/PropertyListSerialization.h"

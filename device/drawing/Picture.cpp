@@ -2,7 +2,7 @@
 
 #include "device/drawing/CairoImage.h"
 #include "device/drawing/ScreenText.h"
-#include "device/screen/DeviceIconRenderer.h"
+#include "device/screen/AppBundles.h"
 
 #include <algorithm>
 #include <numbers>

@@ -1,7 +1,6 @@
 #include "device/root/DeviceFileSystem.h"
 
 #include "device/root/Tree.h"
-#include "device/root/TreeWalk.h"
 #include "files/Syscalls.h"
 
 #include <sys/stat.h>

@@ -2,7 +2,7 @@
 
 #include "device/database/Database.h"
 #include "device/registry/Registry.h"
-#include "device/screen/DeviceIconRenderer.h"
+#include "device/screen/AppBundles.h"
 #include "device/screen/RunningApps.h"
 #include "device/services/Notifications.h"
 #include "platform/PropertyListSerialization.h"

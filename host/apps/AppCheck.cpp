@@ -4,7 +4,6 @@
 #include "device/drawing/CairoImage.h"
 #include "device/root/DeviceFileSystem.h"
 #include "device/screen/AppBundles.h"
-#include "device/screen/DeviceIconRenderer.h"
 #include "host/OpenDevice.h"
 #include "platform/PropertyListSerialization.h"
 #include "text/Printable.h"

@@ -1,6 +1,6 @@
 #include "host/backup/CopyTree.h"
 
-#include "device/root/TreeWalk.h"
+#include "device/root/Tree.h"
 #include "files/Syscalls.h"
 #include "host/plugin/PlugIn.h"
 

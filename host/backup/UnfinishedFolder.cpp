@@ -1,7 +1,6 @@
 #include "host/backup/UnfinishedFolder.h"
 
 #include "device/root/Tree.h"
-#include "device/root/TreeWalk.h"
 #include "files/Syscalls.h"
 #include "host/backup/BackupFolder.h"
 #include "host/plugin/PlugIn.h"

@@ -1,7 +1,6 @@
 // Showing what a device has logged, and following it while it is written.
 #include "device/database/Database.h"
 #include "device/log/LogFile.h"
-#include "device/log/LogReader.h"
 #include "device/log/TransactionLog.h"
 #include "device/root/Root.h"
 #include "host/Commands.h"

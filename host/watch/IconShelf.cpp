@@ -2,7 +2,7 @@
 
 #include "device/drawing/CairoImage.h"
 #include "device/root/DeviceFileSystem.h"
-#include "device/screen/DeviceIconRenderer.h"
+#include "device/screen/AppBundles.h"
 
 namespace appsync::host {
 

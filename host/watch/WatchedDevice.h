@@ -4,7 +4,7 @@
 // reported that it has changed, and then only so often that it costs next to nothing.
 #pragma once
 
-#include "device/log/LogReader.h"
+#include "device/log/LogFile.h"
 #include "device/processes/ProcessTable.h"
 #include "device/registry/Registry.h"
 #include "device/root/Root.h"

@@ -1,7 +1,7 @@
 // The rules on the reference device, with the host's two services.
 #include "device/Device.h"
 #include "device/coordinator/InstallCoordinator.h"
-#include "device/log/LogReader.h"
+#include "device/log/LogFile.h"
 #include "device/log/TransactionLog.h"
 #include "device/processes/ProcessTable.h"
 #include "device/services/BackupService.h"

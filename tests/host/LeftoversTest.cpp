@@ -1,6 +1,6 @@
 // What an interrupted sync leaves, and what becomes of it when the next one begins.
 #include "host/session/Leftovers.h"
-#include "device/log/LogReader.h"
+#include "device/log/LogFile.h"
 #include "device/registry/Registry.h"
 #include "host/transfer/Transfer.h"
 

@@ -1,5 +1,4 @@
 #include "device/log/LogFile.h"
-#include "device/log/LogReader.h"
 #include "tests/device/services/OpenRoot.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
 #include "device/log/TransactionLog.h"
 #include "device/log/LogFile.h"
-#include "device/log/LogReader.h"
 #include "tests/device/log/Records.h"
 #include "tests/device/root/Faults.h"
 #include "tests/device/services/OpenRoot.h"

@@ -1,4 +1,3 @@
-#include "device/root/TreeWalk.h"
 
 #include "device/root/Tree.h"
 #include "files/Syscalls.h"

@@ -1,7 +1,7 @@
 #include "device/drawing/CairoImage.h"
 #include "device/registry/Registry.h"
+#include "device/screen/AppBundles.h"
 #include "device/screen/DeviceHomeScreen.h"
-#include "device/screen/DeviceIconRenderer.h"
 #include "device/screen/RunningApps.h"
 #include "device/services/Notifications.h"
 #include "platform/host/Log.h"

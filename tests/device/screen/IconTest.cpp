@@ -1,5 +1,4 @@
 #include "device/screen/AppBundles.h"
-#include "device/screen/DeviceIconRenderer.h"
 #include "propertylist/Codec.h"
 #include "tests/device/drawing/Pixels.h"
 #include "tests/device/services/OpenRoot.h"

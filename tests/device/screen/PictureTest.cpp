@@ -1,6 +1,6 @@
 #include "device/drawing/Picture.h"
 #include "device/drawing/ScreenText.h"
-#include "device/screen/DeviceIconRenderer.h"
+#include "device/screen/AppBundles.h"
 #include "tests/device/drawing/Pixels.h"
 
 #include <gtest/gtest.h>
