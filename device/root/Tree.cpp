@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cassert>
-#include <memory>
 #include <optional>
 #include <vector>
 
@@ -51,7 +50,7 @@ class TreeRemover {
     /// Of the present folder, up to the first folder in it.
     int _removeFiles(std::optional<std::string>& below) {
         FolderReader reader(Descriptor(::fcntl(_folders.folder(), F_DUPFD_CLOEXEC, 0)));
-        reader.goTo(0);
+        reader.rewind();
         while (const auto entry = reader.next()) {
             if (entry->isFolder) {
                 below = entry->name;
@@ -135,69 +134,51 @@ class TreeWalk {
 
     int run(Descriptor top) {
         int failed = _enter(std::move(top));
-        while (failed == 0 && !_readings.empty()) {
-            const auto entry = _readings.back().reader->next();
-            if (entry) {
-                failed = _visit(*entry);
-            } else if (failed = _readings.back().reader->error(); failed == 0) {
+        while (failed == 0 && !_unvisited.empty()) {
+            std::vector<std::string>& folders = _unvisited.back();
+            if (folders.empty()) {
                 failed = _leave();
+            } else {
+                const std::string name = std::move(folders.back());
+                folders.pop_back();
+                failed = _visitFolder(name);
             }
         }
         return failed;
     }
 
   private:
-    /// How far a folder has been read.
-    struct Reading {
-        std::unique_ptr<FolderReader> reader; // null while the folder is far up
-        long position = 0;
-    };
-
-    int _read(Reading& reading) {
-        Descriptor own(::fcntl(_path.folder(), F_DUPFD_CLOEXEC, 0));
-        if (!own.isOpen()) {
-            return errno;
-        }
-        reading.reader = std::make_unique<FolderReader>(std::move(own));
-        return reading.reader->error();
-    }
-
+    /// Visits the files of a folder, and notes the folders in it: it is read once, whatever becomes of it afterwards.
     int _enter(Descriptor folder) {
         if (const int failed = _path.enter(std::move(folder))) {
             return failed;
         }
-        if (_readings.size() >= FolderPath::maxOpen) {
-            Reading& far = _readings[_readings.size() - FolderPath::maxOpen];
-            far.position = far.reader ? far.reader->position() : far.position;
-            far.reader.reset();
+        std::vector<std::string>& folders = _unvisited.emplace_back();
+        Descriptor own(::fcntl(_path.folder(), F_DUPFD_CLOEXEC, 0));
+        if (!own.isOpen()) {
+            return errno;
         }
-        return _read(_readings.emplace_back());
-    }
-
-    int _leave() {
-        if (_readings.size() > 1) { // the top is the caller's own matter
-            if (const int failed = _visitor.leaveFolder(_path.folder())) {
+        FolderReader reader(std::move(own));
+        while (const auto entry = reader.next()) {
+            if (entry->isFolder) {
+                folders.emplace_back(entry->name);
+            } else if (const int failed = _visitor.visitFile(_path.folder(), std::string(entry->name))) {
                 return failed;
             }
         }
-        _readings.pop_back();
-        if (_readings.empty()) {
-            return 0;
-        }
-        int failed = _path.leave();
-        Reading& above = _readings.back();
-        if (failed == 0 && !above.reader) {
-            failed = _read(above);
-            above.reader->goTo(above.position);
-        }
-        return failed;
+        return reader.error();
     }
 
-    int _visit(const FolderReader::Entry& entry) {
-        const std::string name(entry.name);
-        if (!entry.isFolder) {
-            return _visitor.visitFile(_path.folder(), name);
+    int _leave() {
+        _unvisited.pop_back();
+        if (_unvisited.empty()) {
+            return 0; // the top is the caller's own matter
         }
+        const int failed = _visitor.leaveFolder(_path.folder());
+        return failed != 0 ? failed : _path.leave();
+    }
+
+    int _visitFolder(const std::string& name) {
         Descriptor folder(::openat(_path.folder(), name.c_str(), folderFlags));
         if (!folder.isOpen()) {
             return _visitor.failedToEnter(errno, name);
@@ -208,7 +189,7 @@ class TreeWalk {
 
     TreeVisitor& _visitor;
     FolderPath _path;
-    std::vector<Reading> _readings; // one for each folder of the path
+    std::vector<std::vector<std::string>> _unvisited; // of each folder of the path the folders that are still to come
 };
 
 } // namespace

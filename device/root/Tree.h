@@ -49,11 +49,10 @@ class FolderReader {
     [[nodiscard]] std::optional<Entry> next() noexcept;
     /// The folder's descriptor.
     [[nodiscard]] int folder() const noexcept { return _stream ? ::dirfd(_stream) : -1; }
-    /// How far it has been read, for a later reader of the same folder.
-    [[nodiscard]] long position() const noexcept { return _stream ? ::telldir(_stream) : 0; }
-    void goTo(long position) noexcept {
+    /// Goes back to the first entry, from where another reader of the same descriptor has left it.
+    void rewind() noexcept {
         if (_stream) {
-            ::seekdir(_stream, position);
+            ::rewinddir(_stream);
         }
     }
     /// Zero, or the errno number of the failure.
@@ -78,7 +77,6 @@ class FolderPath {
     [[nodiscard]] int leave(Descriptor* left = nullptr) noexcept;
     /// The present one's descriptor.
     [[nodiscard]] int folder() const noexcept { return _levels.back().folder.get(); }
-    [[nodiscard]] std::size_t depth() const noexcept { return _levels.size(); }
 
   private:
     struct Level {
@@ -103,8 +101,7 @@ class TreeVisitor {
     [[nodiscard]] virtual int leaveFolder(int /*folder*/) { return 0; }
 };
 
-/// Visits everything below a folder that is open for reading, in the order in which the file system lists it; zero, or
-/// why it ended early.
+/// Visits everything below a folder that is open for reading, in no particular order; zero, or why it ended early.
 [[nodiscard]] int walkTree(Descriptor top, TreeVisitor& visitor);
 
 } // namespace appsync::device
