@@ -374,19 +374,17 @@ class OutOfBandFactory final : public OnCoordinator<KXPromisedOutOfBandTransferC
 } // namespace
 
 struct InstallCoordinator::Classes {
-    Classes(InstallCoordinator& coordinator, bool coordinationIsEnabled)
-        : coordinators(coordinator, coordinationIsEnabled), initiating(coordinator), updating(coordinator),
-          restoring(coordinator), restoringDemoted(coordinator), placeholders(coordinator), transfers(coordinator),
-          outOfBand(coordinator) {}
+    InstallCoordinator& coordinator;
+    const bool coordinationIsEnabled;
 
-    BaseClass coordinators;
-    KindClass<KXInitiatingAppInstallCoordinator, CoordinatorKind::initiating> initiating;
-    KindClass<KXUpdatingAppInstallCoordinator, CoordinatorKind::updating> updating;
-    KindClass<KXRestoringAppInstallCoordinator, CoordinatorKind::restoring> restoring;
-    KindClass<KXRestoringDemotedAppInstallCoordinator, CoordinatorKind::restoringDemoted> restoringDemoted;
-    PlaceholderFactory placeholders;
-    TransferFactory transfers;
-    OutOfBandFactory outOfBand;
+    BaseClass coordinators{coordinator, coordinationIsEnabled};
+    KindClass<KXInitiatingAppInstallCoordinator, CoordinatorKind::initiating> initiating{coordinator};
+    KindClass<KXUpdatingAppInstallCoordinator, CoordinatorKind::updating> updating{coordinator};
+    KindClass<KXRestoringAppInstallCoordinator, CoordinatorKind::restoring> restoring{coordinator};
+    KindClass<KXRestoringDemotedAppInstallCoordinator, CoordinatorKind::restoringDemoted> restoringDemoted{coordinator};
+    PlaceholderFactory placeholders{coordinator};
+    TransferFactory transfers{coordinator};
+    OutOfBandFactory outOfBand{coordinator};
 };
 
 KXAppInstallCoordinatorPtr InstallCoordinator::_handleOf(const CoordinatorStatePtr& state) {
@@ -394,7 +392,7 @@ KXAppInstallCoordinatorPtr InstallCoordinator::_handleOf(const CoordinatorStateP
 }
 
 void InstallCoordinator::_makeClasses(bool coordinationIsEnabled) {
-    _classes = std::make_shared<Classes>(*this, coordinationIsEnabled);
+    _classes.reset(new Classes{*this, coordinationIsEnabled});
 }
 
 CoordinatorClasses InstallCoordinator::classes() noexcept {

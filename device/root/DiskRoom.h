@@ -7,7 +7,6 @@
 #include <functional>
 #include <optional>
 #include <stop_token>
-#include <utility>
 
 namespace appsync::device {
 
@@ -24,16 +23,34 @@ class DiskRoom {
     class Share {
       public:
         explicit Share(DiskRoom& room) : _room(room) {}
-        ~Share() { _room._giveBack(_bytes); }
+        ~Share() {
+            const Lock lock(_room._mutex);
+            _room._promised -= _bytes;
+            _room._changed.notifyAll();
+        }
         Share(const Share&) = delete;
         Share& operator=(const Share&) = delete;
 
         /// Once. Waits for other shares as long as there may be room when they are gone. Nullopt when the room is
         /// promised; else, also when it is cancelled, the bytes that are free.
         [[nodiscard]] std::optional<std::uint64_t> take(std::uint64_t bytes, const std::stop_token& cancel) {
-            const auto missed = _room._take(bytes, cancel);
-            _bytes = missed ? 0 : bytes;
-            return missed;
+            const std::stop_callback wake(cancel, [this] {
+                const Lock lock(_room._mutex);
+                _room._changed.notifyAll();
+            });
+            const Lock lock(_room._mutex);
+            for (;;) {
+                const auto free = _room._freeSpace();
+                if (!free || (_room._promised <= *free && bytes <= *free - _room._promised)) {
+                    _bytes = bytes;
+                    _room._promised += bytes;
+                    return std::nullopt;
+                }
+                if (_room._promised == 0 || cancel.stop_requested()) {
+                    return free;
+                }
+                _room._changed.wait(_room._mutex);
+            }
         }
 
       private:
@@ -42,30 +59,6 @@ class DiskRoom {
     };
 
   private:
-    std::optional<std::uint64_t> _take(std::uint64_t bytes, const std::stop_token& cancel) EXCLUDES(_mutex) {
-        const std::stop_callback wake(cancel, [this] {
-            const Lock lock(_mutex);
-            _changed.notifyAll();
-        });
-        const Lock lock(_mutex);
-        for (;;) {
-            const auto free = _freeSpace();
-            if (!free || (_promised <= *free && bytes <= *free - _promised)) {
-                _promised += bytes;
-                return std::nullopt;
-            }
-            if (_promised == 0 || cancel.stop_requested()) {
-                return free;
-            }
-            _changed.wait(_mutex);
-        }
-    }
-    void _giveBack(std::uint64_t bytes) EXCLUDES(_mutex) {
-        const Lock lock(_mutex);
-        _promised -= bytes;
-        _changed.notifyAll();
-    }
-
     const FreeSpace _freeSpace;
     Mutex _mutex;
     Condition _changed;
