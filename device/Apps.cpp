@@ -15,7 +15,13 @@ namespace appsync::device {
 
 namespace {
 
-PlaceholderRequest placeholderOf(DeviceFileSystem& files, const Application& app, bool isAutomatic) {
+Result<PlaceholderRequest> placeholderOf(DeviceFileSystem& files, const Application& app, bool isAutomatic) {
+    auto metadata = files.readIfThere(app.containerPath + "/" + std::string(metadataFileName));
+    auto sinf = files.readIfThere(app.containerPath + "/" + std::string(sinfFileName));
+    if (!metadata || !sinf) { // they go with the app
+        return makeInstallerError(InstallerError::failed, "cannot demote " + app.identifier + ": " +
+                                                              errorText(metadata ? sinf.error() : metadata.error()));
+    }
     PlaceholderRequest request;
     request.identifier = app.identifier;
     request.info.set("BXBundleDisplayName", app.name);
@@ -24,8 +30,8 @@ PlaceholderRequest placeholderOf(DeviceFileSystem& files, const Application& app
     }
     request.iconPath = app.iconPath;
     request.installType = isAutomatic ? PDInstallTypeDowngrade : PDInstallTypeIntentionalDowngrade;
-    request.metadata = files.readFile(app.containerPath + "/" + std::string(metadataFileName), nullptr);
-    request.sinf = files.readFile(app.containerPath + "/" + std::string(sinfFileName), nullptr);
+    request.metadata = std::move(*metadata);
+    request.sinf = std::move(*sinf);
     request.isSystem = app.isSystem;
     request.replacesApp = true;
     return request;
@@ -89,12 +95,16 @@ Result<void> Device::demote(const std::string& identifier, bool isAutomatic) {
         return makeError(processErrorDomain, static_cast<std::int64_t>(ProcessError::inUse),
                          identifier + " is in use and cannot be ended now; close it and try again");
     }
+    const auto placeholder = placeholderOf(files(), *app, isAutomatic);
+    if (!placeholder) {
+        return placeholder.error();
+    }
     // First the list: one that names an installed app is put right when the device is opened.
     if (auto listed = demotedApps().change([&](DemotionLists& lists) { lists.put(identifier, isAutomatic); });
         !listed) {
         return listed;
     }
-    auto demoted = registry().installPlaceholder(placeholderOf(files(), *app, isAutomatic));
+    auto demoted = registry().installPlaceholder(*placeholder);
     if (!demoted && app->isInstalled) {
         _passOver(demotedApps().change([&](DemotionLists& lists) { lists.take(identifier); }));
     }

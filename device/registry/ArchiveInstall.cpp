@@ -58,22 +58,23 @@ class Registry::ArchiveInstall {
 
     /// The store's files beside the app; what neither request nor archive brings is taken from the placeholder.
     Result<void> _writeCompanions(Container& container) {
-        std::optional<Data> metadata = _request.metadata;
-        if (!metadata && !_unpacked.metadata) {
-            metadata = _ofPlaceholder(metadataFileName);
+        const bool hasMetadata = _request.metadata || _unpacked.metadata;
+        const auto metadata = hasMetadata ? Result(_request.metadata) : _ofPlaceholder(metadataFileName);
+        auto sinf = _request.sinf ? Result(_request.sinf) : _ofPlaceholder(sinfFileName);
+        if (!metadata || !sinf) { // they go with the placeholder
+            return _failure(metadata ? sinf.error() : metadata.error());
         }
-        _sinf = _request.sinf ? _request.sinf : _ofPlaceholder(sinfFileName);
-        auto written = container.writeFile(metadataFileName, metadata);
+        _sinf = std::move(*sinf);
+        auto written = container.writeFile(metadataFileName, *metadata);
         if (written) {
             written = container.writeFile(sinfFileName, _sinf);
         }
         return written ? written : _failure(written.error());
     }
 
-    [[nodiscard]] std::optional<Data> _ofPlaceholder(std::string_view file) const {
-        return _before.placeholder
-                   ? _files.readFile(_before.placeholder->containerPath() + "/" + std::string(file), nullptr)
-                   : std::nullopt;
+    [[nodiscard]] Result<std::optional<Data>> _ofPlaceholder(std::string_view file) const {
+        return _before.placeholder ? _files.readIfThere(_before.placeholder->containerPath() + "/" + std::string(file))
+                                   : std::optional<Data>();
     }
 
     [[nodiscard]] RegistryRecordPtr _makeRecord(const std::string& container) const {

@@ -83,8 +83,12 @@ class Registry::PlaceholderInstall {
 
     Result<void> _fill(Container& container) {
         const auto metadata = _companion(metadataFileName, _request.metadata);
-        _sinf = _companion(sinfFileName, _request.sinf);
-        auto filled = container.writeFile(metadataFileName, metadata);
+        auto sinf = _companion(sinfFileName, _request.sinf);
+        if (!metadata || !sinf) { // they go with the placeholder that is replaced
+            return _failure(metadata ? sinf.error() : metadata.error());
+        }
+        _sinf = std::move(*sinf);
+        auto filled = container.writeFile(metadataFileName, *metadata);
         if (filled) {
             filled = container.writeFile(sinfFileName, _sinf);
         }
@@ -96,11 +100,12 @@ class Registry::PlaceholderInstall {
     }
 
     /// A file beside the bundle: what a restore has brought, else what the request brings.
-    [[nodiscard]] std::optional<Data> _companion(std::string_view name, const std::optional<Data>& requested) const {
+    [[nodiscard]] Result<std::optional<Data>> _companion(std::string_view name,
+                                                         const std::optional<Data>& requested) const {
         auto restored = _continuesRestore
-                            ? _files.readFile(_before.placeholder->containerPath() + "/" + std::string(name), nullptr)
-                            : std::nullopt;
-        return restored ? restored : requested;
+                            ? _files.readIfThere(_before.placeholder->containerPath() + "/" + std::string(name))
+                            : std::optional<Data>();
+        return restored && !*restored ? requested : restored;
     }
 
     [[nodiscard]] std::string _bundleName() const {

@@ -291,6 +291,12 @@ Result<Descriptor> DeviceFileSystem::open(std::string_view path, int flags, mode
     return opened;
 }
 
+Result<std::optional<Data>> DeviceFileSystem::readIfThere(std::string_view path) noexcept {
+    ErrorPtr error;
+    auto bytes = readFile(path, &error);
+    return bytes || isGone(path) ? Result(std::move(bytes)) : error;
+}
+
 Result<std::vector<std::string>> DeviceFileSystem::list(std::string_view path) noexcept {
     Descriptor folder;
     int failed = _open(path, O_RDONLY | O_DIRECTORY, 0, folder);

@@ -98,16 +98,6 @@ class BackupWriter {
         return {};
     }
 
-    /// A file of the device; nullopt when there is none.
-    Result<std::optional<Data>> _read(const std::string& path) {
-        ErrorPtr error;
-        auto bytes = _device.files().readFile(path, &error);
-        if (!bytes && !isError(error, posixErrorDomain, ENOENT)) {
-            return error;
-        }
-        return bytes;
-    }
-
     Result<Dictionary> _entryOf(const device::Application& app) {
         const std::string container = app.containerPath + "/";
         auto metadata = _metadataOf(app);
@@ -115,7 +105,7 @@ class BackupWriter {
             return metadata.error();
         }
         Dictionary entry{{"TamblinMetadata", std::move(*metadata)}};
-        auto sinf = _read(container + std::string(device::sinfFileName));
+        auto sinf = _device.files().readIfThere(container + std::string(device::sinfFileName));
         if (!sinf) {
             return sinf.error();
         }
@@ -134,7 +124,7 @@ class BackupWriter {
 
     /// The app's store metadata with the name and version under which the device knows it, where it has none.
     Result<Data> _metadataOf(const device::Application& app) {
-        const auto bytes = _read(app.containerPath + "/" + std::string(device::metadataFileName));
+        const auto bytes = _device.files().readIfThere(app.containerPath + "/" + std::string(device::metadataFileName));
         if (!bytes) {
             return bytes.error();
         }

@@ -205,6 +205,23 @@ TEST_F(RegistryTest, WhatTheArchiveLacksComesFromThePlaceholder) {
     EXPECT_EQ(containers().size(), 1U);
 }
 
+TEST_F(RegistryTest, WhatThePlaceholderAloneHasAndCannotBeReadKeepsItThere) {
+    for (const std::string_view file : {"/TamblinMetadata.plist", "/ApplicationSINF"}) {
+        auto waiting = placeholder(identifier, PDInstallTypeRestore);
+        waiting.metadata = Data("its metadata");
+        waiting.sinf = Data("its sinf");
+        ASSERT_TRUE(registry().installPlaceholder(waiting));
+        const std::string path = registry().application(identifier)->containerPath + std::string(file);
+        makeUnreadable(path);
+        EXPECT_FALSE(install());
+        EXPECT_FALSE(registry().isInstalled(identifier));
+        EXPECT_TRUE(registry().hasPlaceholder(identifier));
+        EXPECT_FALSE(registry().installPlaceholder(placeholder())) << "a sync goes on with the restore";
+        EXPECT_TRUE(files().fileExists(path));
+        ASSERT_TRUE(registry().uninstall(identifier, RemovalReason::person, RemovalScope::everything));
+    }
+}
+
 TEST_F(RegistryTest, ArchivesOwnMetadataComesBeforeThePlaceholders) {
     auto waiting = placeholder();
     waiting.metadata = Data("of the placeholder");

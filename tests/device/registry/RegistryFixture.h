@@ -91,6 +91,11 @@ class RegistryTest : public testing::Test {
         const auto data = files().readFile(path, nullptr);
         return data ? std::string(data->bytes()) : "(missing)";
     }
+    /// Puts something in a file's place that is there and cannot be read, whoever asks.
+    void makeUnreadable(const std::string& path) {
+        files().removeItem(path, nullptr);
+        ASSERT_TRUE(files().createDirectory(path, false, std::nullopt, nullptr));
+    }
     std::optional<Dictionary> removedApps() { return registry().TevrinLookupUninstalled(nullptr); }
     static std::int64_t code(InstallerError error) { return static_cast<std::int64_t>(error); }
 

@@ -95,6 +95,25 @@ TEST_F(DeviceTest, AnInstalledAppIsNotListedAsDemoted) {
     EXPECT_FALSE(device->demotedApps().lists().contains(A));
 }
 
+TEST_F(DeviceTest, AnAppWhoseStoreFilesCannotBeReadIsNotDemotedWithoutThem) {
+    create();
+    ASSERT_TRUE(device->files().createFile("/tmp/a.zip", ArchiveBuilder().app("App", A, "1").bytes(), {}));
+    ArchiveRequest request;
+    request.archivePath = "/tmp/a.zip";
+    request.identifier = A;
+    request.metadata = Data("metadata");
+    request.sinf = Data("sinf");
+    for (const std::string_view file : {"/TamblinMetadata.plist", "/ApplicationSINF"}) {
+        ASSERT_TRUE(device->registry().installArchive(request));
+        const std::string path = device->registry().application(A)->containerPath + std::string(file);
+        device->files().removeItem(path, nullptr);
+        ASSERT_TRUE(device->files().createDirectory(path, false, std::nullopt, nullptr));
+        EXPECT_FALSE(device->demote(A, false));
+        EXPECT_TRUE(device->registry().isInstalled(A));
+        EXPECT_FALSE(device->demotedApps().lists().contains(A));
+    }
+}
+
 TEST_F(DeviceTest, ItsProcessIsTheSyncHostWithTheDevicesTemporaryDirectory) {
     create();
     EXPECT_EQ(platform().process.mainBundleIdentifier(), "com.zuvex.qrd");
