@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <set>
+#include <string_view>
+#include <utility>
 
 namespace appsync::desktop {
 
@@ -73,7 +75,7 @@ Result<void> putApps(FileSystem& device, PropertyListSerialization& propertyList
 
 /// Writes the area aside.
 Result<void> putAll(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list,
-                    const std::vector<std::string>& onDevice) {
+                    const Array& onDevice) {
     if (const auto made = makeFolder(device, unfinished, true); !made) {
         return made;
     }
@@ -87,35 +89,91 @@ Result<void> putAll(FileSystem& device, PropertyListSerialization& propertyLists
     return putList(device, propertyLists, unfinished + "/SkellanIconState.plist", iconLayout(onDevice, list));
 }
 
+/// Fills pages with icons, each app's where it comes first.
+class Arrangement {
+  public:
+    explicit Arrangement(const std::vector<std::string>& removed) : _gone(removed.begin(), removed.end()) {}
+
+    /// A page of the device without the apps that go; what has no room on it begins another.
+    void addPage(const Value& page) {
+        Array places = _remainder(page);
+        if (!places.empty()) {
+            _endPage();
+        }
+        for (Value& place : places) {
+            _add(std::move(place));
+        }
+    }
+    /// On the last page, unless the app has its place.
+    void add(const std::string& identifier) {
+        if (_gone.insert(identifier).second) {
+            _add(identifier);
+        }
+    }
+    [[nodiscard]] Array pages() && {
+        _endPage();
+        return std::move(_pages);
+    }
+
+  private:
+    /// The icons and folders that stay on a page; a folder that nothing is left of goes.
+    Array _remainder(const Value& page) {
+        Array places;
+        for (const Value& place : page.array() != nullptr ? *page.array() : Array{}) {
+            if (const auto identifier = place.string(); identifier && _gone.emplace(*identifier).second) {
+                places.emplace_back(place);
+            } else if (place.dictionary() != nullptr) {
+                _addFolder(*place.dictionary(), places);
+            }
+        }
+        return places;
+    }
+    void _addFolder(Dictionary folder, Array& places) {
+        Array pages;
+        for (const Value& page : folder.array(folderPages) != nullptr ? *folder.array(folderPages) : Array{}) {
+            if (Array icons = _remainder(page); !icons.empty()) {
+                pages.emplace_back(std::move(icons));
+            }
+        }
+        if (!pages.empty()) {
+            folder.set(folderPages, std::move(pages));
+            places.emplace_back(std::move(folder));
+        }
+    }
+    void _add(Value place) {
+        if (_page.size() == iconsPerPage) {
+            _endPage();
+        }
+        _page.emplace_back(std::move(place));
+    }
+    void _endPage() {
+        if (!_page.empty()) {
+            _pages.emplace_back(std::exchange(_page, {}));
+        }
+    }
+
+    static constexpr std::string_view folderPages = "iconLists";
+
+    std::set<std::string> _gone; // the apps that are removed, and those that have their place
+    Array _pages;
+    Array _page; // the last one
+};
+
 } // namespace
 
-Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list) {
-    const std::set<std::string> removed(list.removals.begin(), list.removals.end());
-    std::set<std::string> placed;
-    Array pages;
-    Array page;
-    const auto place = [&](const std::string& identifier) {
-        if (removed.contains(identifier) || !placed.insert(identifier).second) {
-            return;
-        }
-        page.emplace_back(identifier);
-        if (page.size() == iconsPerPage) {
-            pages.emplace_back(std::move(page));
-            page = {};
-        }
-    };
-    std::ranges::for_each(onDevice, place);
+Array iconLayout(const Array& onDevice, const SyncList& list) {
+    Arrangement arrangement(list.removals);
+    for (const Value& page : onDevice) {
+        arrangement.addPage(page);
+    }
     for (const AppArchive* app : list.installs) {
-        place(app->identifier);
+        arrangement.add(app->identifier);
     }
-    if (!page.empty()) {
-        pages.emplace_back(std::move(page));
-    }
-    return pages;
+    return std::move(arrangement).pages();
 }
 
 Result<void> writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list,
-                              const std::vector<std::string>& onDevice) {
+                              const Array& onDevice) {
     device.removeItem(unfinished, nullptr);
     if (const auto done = putAll(device, propertyLists, list, onDevice); !done) {
         device.removeItem(unfinished, nullptr);

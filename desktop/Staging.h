@@ -21,13 +21,14 @@ namespace appsync::desktop {
 
 inline constexpr std::size_t iconsPerPage = 24;
 
-/// Pages of at most `iconsPerPage` identifiers: those on the device in their order, then the new ones in the list's.
-[[nodiscard]] Array iconLayout(const std::vector<std::string>& onDevice, const SyncList& list);
+/// The pages of the device's home screen, with their folders, without the apps that go; the new ones follow in the
+/// list's order on the last page, or on further ones of at most `iconsPerPage` icons.
+[[nodiscard]] Array iconLayout(const Array& onDevice, const SyncList& list);
 
-/// Replaces the staging area; `onDevice` are the apps of the device in their order. Apps whose archive cannot be read
+/// Replaces the staging area; `onDevice` is as for `iconLayout`. Apps whose archive cannot be read
 /// any more, or has changed since the library was read, become failed ones of the list and are not staged. When the
 /// area cannot be written whole, nothing is staged.
 [[nodiscard]] Result<void> writeStagingArea(FileSystem& device, PropertyListSerialization& propertyLists,
-                                            SyncList& list, const std::vector<std::string>& onDevice);
+                                            SyncList& list, const Array& onDevice);
 
 } // namespace appsync::desktop

@@ -31,6 +31,12 @@ void noteLostMessages(device::Device& device, SyncReport& report) {
     }
 }
 
+/// The pages of the home screen with every app that has an icon.
+Array iconsOf(const device::DeviceHomeScreen& screen) {
+    const Value pages = screen.layout().showing(screen.flattenedOrder()).propertyList();
+    return *pages.array();
+}
+
 /// The report of a sync that did not begin.
 SyncReport unfinished(const SyncReport& planned) {
     SyncReport report;
@@ -44,8 +50,8 @@ SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& opt
     Timeline* const timeline = device.files().timeline();
     const Span span(timeline, "sync");
     SyncReport report = unfinished(plan.report);
-    if (const auto staged = desktop::writeStagingArea(device.files(), device.propertyLists(), plan.list,
-                                                      device.homeScreen().flattenedOrder());
+    if (const auto staged =
+            desktop::writeStagingArea(device.files(), device.propertyLists(), plan.list, iconsOf(device.homeScreen()));
         !staged) {
         report.failure = staged.error();
         return report;

@@ -219,16 +219,30 @@ TEST_F(SyncLists, BecomeToDoRecords) {
 TEST_F(SyncLists, LayOutIconsInPages) {
     installAll();
     list.removals = {"x"};
-    EXPECT_EQ(iconLayout({"y", "x", "b"}, list), (Array{Array{"y", "b", "a", "c"}}));
-    std::vector<std::string> many;
+    EXPECT_EQ(iconLayout(Array{Value(Array{"y", "x", "b"})}, list), (Array{Value(Array{"y", "b", "a", "c"})}));
+    Array many;
     for (int i = 0; i < 24; ++i) {
-        many.push_back("app" + std::to_string(i));
+        many.emplace_back("app" + std::to_string(i));
     }
-    const Array pages = iconLayout(many, list);
+    const Array pages = iconLayout(Array{Value(many)}, list);
     ASSERT_EQ(pages.size(), 2u);
     EXPECT_EQ(pages[0].array()->size(), iconsPerPage);
     EXPECT_EQ(pages[1], Value(Array{"a", "b", "c"}));
     EXPECT_EQ(iconLayout({}, SyncList{}), Array{});
+}
+
+TEST_F(SyncLists, LeaveThePagesAndFoldersOfThePersonAsTheyAre) {
+    installAll();
+    list.removals = {"x", "z"};
+    const auto folderOf = [](const char* name, Array pages) {
+        return Value(Dictionary{{"displayName", name}, {"iconLists", std::move(pages)}});
+    };
+    const Array onDevice{Value(Array{"y"}),
+                         Value(Array{folderOf("Mine", Array{Value(Array{"x", "b"}), Value(Array{"z"})}),
+                                     folderOf("Gone", Array{Value(Array{"x"})})}),
+                         Value(Array{"z"})};
+    EXPECT_EQ(iconLayout(onDevice, list),
+              (Array{Value(Array{"y"}), Value(Array{folderOf("Mine", Array{Value(Array{"b"})}), "a", "c"})}));
 }
 
 TEST_F(SyncLists, AreStagedWithTheirApps) {
@@ -301,7 +315,7 @@ TEST_F(SyncLists, FailOnlyTheAppsWhoseArchiveHasChangedBeforeTheyAreStaged) {
     packed("A", infoOf("a", "2.0")); // takes the place of the one that was read
     fs::remove(library() / "B.archive");
     inmemory::World world;
-    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, {"x"}));
+    ASSERT_TRUE(writeStagingArea(world.files, world.propertyLists, list, Array{Value(Array{"x"})}));
     const std::string staging = "/var/mobile/Media/PublicStaging/ApplicationSync/";
     EXPECT_EQ(world.files.plistAt(staging + "SkellanIconState.plist"), Value(Array{Array{"x", "c"}}));
     EXPECT_EQ(world.files.plistAt(staging + "ApplicationsSync.plist")->array()->size(), 1U);

@@ -1,5 +1,6 @@
 // Whole syncs with real files, a real database, real archives and the loaded plug-in.
 #include "device/log/TransactionLog.h"
+#include "device/screen/DeviceHomeScreen.h"
 #include "host/control/Interrupt.h"
 #include "host/plugin/PlugIn.h"
 #include "host/session/RunSync.h"
@@ -35,6 +36,27 @@ TEST_P(SyncOnBothPaths, InstallsALibraryAndLeavesNothingBehind) {
     EXPECT_TRUE(filesBelow("var/mobile/Media/PublicStaging").empty());
     EXPECT_TRUE(filesBelow("tmp").empty());
     EXPECT_EQ(results(sync(ExitCode::done)), Results{});
+}
+
+TEST_P(SyncOnBothPaths, LeavesThePagesAndFoldersOfTheHomeScreen) {
+    addApp("a");
+    addApp("b");
+    sync(ExitCode::done);
+    using device::IconFolder;
+    using device::IconPage;
+    const IconFolder mine{"Mine", {{"com.example.a"}}};
+    const auto layout = [&] { return (*device::Device::open(deviceFolder()))->homeScreen().layout().pages; };
+    {
+        const auto device = device::Device::open(deviceFolder());
+        ASSERT_TRUE((*device)->homeScreen().arrange({{IconPage{"com.example.b"}, IconPage{mine}}}));
+    }
+    sync(ExitCode::done); // which has nothing to bring
+    EXPECT_EQ(layout(), (std::vector{IconPage{"com.example.b"}, IconPage{mine}}));
+    addApp("c");
+    damage("c");
+    sync(ExitCode::someAppFailed, {.remove = {"com.example.b"}});
+    ASSERT_EQ(layout().size(), 1U);
+    EXPECT_EQ(layout()[0].front(), device::IconPlace(mine));
 }
 
 TEST_P(SyncOnBothPaths, UpdatesRemovesAndReportsWhatIsDamaged) {
