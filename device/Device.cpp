@@ -5,6 +5,7 @@
 #include "device/log/TransactionLog.h"
 #include "device/processes/ProcessTable.h"
 #include "device/registry/ApplicationWorkspace.h"
+#include "device/root/Paths.h"
 #include "device/screen/AppBundles.h"
 #include "device/screen/DeviceHomeScreen.h"
 #include "device/services/BackupService.h"
@@ -70,7 +71,10 @@ Result<std::unique_ptr<Device>> Device::create(const std::string& folder, const 
         return deviceError(DeviceError::existsAlready, folder,
                            folder + " is a device already; open it, or create one in another folder");
     }
-    auto made = device->_openServices(environment, options.coordinationIsEnabled);
+    auto made = device->_checkForLostApps(folder);
+    if (made) {
+        made = device->_openServices(environment, options.coordinationIsEnabled);
+    }
     const auto set = [&](std::string_view setting, bool isForbidden) {
         if (made) {
             made = device->policy().set(setting, isForbidden ? OLBoolValue::explicitlyNo : OLBoolValue::unset);
@@ -101,11 +105,26 @@ Result<std::unique_ptr<Device>> Device::_open(Result<std::unique_ptr<Root>> root
         return known.error();
     }
     if (!known->has_value()) {
-        return deviceError(DeviceError::notFinished, folder,
-                           "the making of the device " + folder + " was interrupted; create it again");
+        const auto lost = device->_checkForLostApps(folder);
+        return !lost ? lost.error()
+                     : deviceError(DeviceError::notFinished, folder,
+                                   "the making of the device " + folder + " was interrupted; create it again");
     }
     const auto opened = device->_openServices(environment, **known);
     return opened ? Result(std::move(device)) : opened.error();
+}
+
+/// Fails when a device that has not been made completely has apps: then its database has been lost, and to open the
+/// services would clear the apps away.
+Result<void> Device::_checkForLostApps(const std::string& folder) {
+    const auto containers = files().list(containersFolder);
+    if (!containers || containers->empty()) {
+        return containers.error();
+    }
+    return deviceError(DeviceError::databaseLost, folder,
+                       "the device " + folder + " has apps, but its database " + std::string(databaseFile) +
+                           " is new or empty: put a copy of it back, or move " + std::string(containersFolder) +
+                           " away, which gives the apps up, and create the device again");
 }
 
 /// Whether installs go through coordinators; nullopt when the device has not been made completely.

@@ -44,6 +44,7 @@ inline constexpr std::string_view deviceErrorDomain = "Device";
 enum class DeviceError : std::int64_t {
     existsAlready = 1, // `create`: the folder is a device already
     notFinished = 2,   // `open`: the making of the device was interrupted; create it again
+    databaseLost = 3,  // `create`, `open`: the device has apps of which its database knows nothing
 };
 
 /// What a device is like; fixed when it is made, except for the policy.
@@ -118,6 +119,7 @@ class Device {
 
   private:
     Device();
+    [[nodiscard]] Result<void> _checkForLostApps(const std::string& folder);
     [[nodiscard]] Result<std::optional<bool>> _openDatabase(Result<std::unique_ptr<Root>> root, Timeline* timeline,
                                                             bool looks = false);
     [[nodiscard]] static Result<std::unique_ptr<Device>> _open(Result<std::unique_ptr<Root>> root,

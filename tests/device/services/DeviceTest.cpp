@@ -31,6 +31,8 @@
 
 #include <sys/wait.h>
 
+#include <filesystem>
+
 namespace appsync::device {
 namespace {
 
@@ -171,6 +173,30 @@ TEST_F(DeviceTest, SaysThatTheSystemHasNoThreadForIt) {
         EXPECT_NE(errorText(opened.error()).find("no thread can be started for"), std::string::npos);
     }
     reopen();
+}
+
+TEST_F(DeviceTest, ThatHasLostItsDatabaseKeepsTheAppsUntilACopyOfItIsPutBack) {
+    create();
+    ASSERT_TRUE(device->files().createFile("/tmp/a.zip", ArchiveBuilder().app("App", A, "1").bytes(), {}));
+    ArchiveRequest request;
+    request.archivePath = "/tmp/a.zip";
+    request.identifier = A;
+    ASSERT_TRUE(device->registry().installArchive(request));
+    const std::filesystem::path file = device->root().databasePath();
+    const TemporaryFolder other;
+    const auto copy = std::filesystem::path(other.path()) / "copy";
+    device.reset();
+    std::filesystem::rename(file, copy);
+    std::filesystem::resize_file(file.string() + "-wal", 0);
+    for (int time = 0; time < 2; ++time) { // the first one has made an empty database
+        EXPECT_TRUE(isError(Device::open(folder.path()).error(), deviceErrorDomain, DeviceError::databaseLost));
+        EXPECT_TRUE(isError(Device::create(folder.path(), {}).error(), deviceErrorDomain, DeviceError::databaseLost));
+    }
+    std::filesystem::copy_file(copy, file, std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::resize_file(file.string() + "-wal", 0);
+    reopen();
+    ASSERT_TRUE(device->registry().isInstalled(A));
+    EXPECT_TRUE(device->files().fileExists(device->registry().application(A)->bundlePath + "/Info.plist"));
 }
 
 TEST_F(DeviceTest, AMakingThatWasInterruptedIsSaidAndCanBeDoneAgain) {
