@@ -155,11 +155,9 @@ Result<void> Device::_openServices(const DeviceEnvironment& environment, bool co
     const bool looks = _database->isReadOnly();
     if (!place(_log, looks ? LogFile::makeSilent(files()) : LogFile::open(files(), environment.log)) ||
         !place(_transactionLog, TransactionLog::open(*_database, _log.get())) ||
-        !place(_policy, DevicePolicy::open(*_database)) || !place(_backup, BackupService::open(*_database, files()))) {
-        return failure;
-    }
-    _demotedApps = std::make_unique<DemotedApps>(files(), *_propertyLists);
-    if (!place(_registry, Registry::open(*_root, *_database, *_propertyLists))) {
+        !place(_policy, DevicePolicy::open(*_database)) || !place(_backup, BackupService::open(*_database, files())) ||
+        !place(_demotedApps, DemotedApps::open(files(), *_propertyLists)) ||
+        !place(_registry, Registry::open(*_root, *_database, *_propertyLists))) {
         return failure;
     }
     if (const auto settled = looks ? Result<void>() : _registry->settle(); !settled) {

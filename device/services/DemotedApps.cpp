@@ -59,11 +59,15 @@ void DemotionLists::take(const std::string& identifier) {
     intentional.erase(identifier);
 }
 
-DemotedApps::DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists)
-    : _files(files), _propertyLists(propertyLists) {
-    const auto bytes = _files.readFile(paths::demotedApps, nullptr);
-    const auto root = bytes ? _propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
-    _lists = (root ? DemotionLists::fromPropertyList(*root) : std::nullopt).value_or(DemotionLists{});
+Result<std::unique_ptr<DemotedApps>> DemotedApps::open(DeviceFileSystem& files,
+                                                       PropertyListSerialization& propertyLists) {
+    const auto bytes = files.readIfThere(paths::demotedApps);
+    if (!bytes) {
+        return bytes.error();
+    }
+    const auto root = *bytes ? propertyLists.propertyListWithData((*bytes)->bytes(), nullptr) : std::nullopt;
+    auto lists = (root ? DemotionLists::fromPropertyList(*root) : std::nullopt).value_or(DemotionLists{});
+    return std::unique_ptr<DemotedApps>(new DemotedApps(files, propertyLists, std::move(lists)));
 }
 
 DemotionLists DemotedApps::lists() const {

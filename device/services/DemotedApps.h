@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -42,8 +43,10 @@ struct DemotionLists {
 /// Any thread.
 class DemotedApps {
   public:
-    /// Reads the list; a damaged one counts as empty. Both must outlive it.
-    DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists);
+    /// Reads the list; a damaged one counts as empty. Fails when there is one that cannot be read, since nothing else
+    /// knows of a demoted app that is coming back. Both must outlive it.
+    [[nodiscard]] static Result<std::unique_ptr<DemotedApps>> open(DeviceFileSystem& files,
+                                                                   PropertyListSerialization& propertyLists);
 
     [[nodiscard]] DemotionLists lists() const;
     /// The install type of a demoted app's placeholder; nullopt for an app that stands on neither list.
@@ -55,6 +58,9 @@ class DemotedApps {
     }
 
   private:
+    DemotedApps(DeviceFileSystem& files, PropertyListSerialization& propertyLists, DemotionLists lists)
+        : _files(files), _propertyLists(propertyLists), _lists(std::move(lists)) {}
+
     DeviceFileSystem& _files;
     PropertyListSerialization& _propertyLists;
     mutable Mutex _mutex;

@@ -249,7 +249,9 @@ class DemotedAppsTest : public testing::Test {
 
 TEST_F(DemotedAppsTest, AnAppIsOnOneListAndTheFileOutlastsTheProcess) {
     {
-        DemotedApps demoted(device.files(), codec);
+        const auto opened = DemotedApps::open(device.files(), codec);
+        ASSERT_TRUE(opened);
+        DemotedApps& demoted = **opened;
         EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.put("a", false); }));
         EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.put("b", true); }));
         EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.put("a", true); }));
@@ -257,7 +259,9 @@ TEST_F(DemotedAppsTest, AnAppIsOnOneListAndTheFileOutlastsTheProcess) {
         EXPECT_TRUE(demoted.change([&](DemotionLists& lists) { lists.take("c"); }));
     }
     device.reopen();
-    const DemotionLists lists = DemotedApps(device.files(), codec).lists();
+    const auto opened = DemotedApps::open(device.files(), codec);
+    ASSERT_TRUE(opened);
+    const DemotionLists lists = (*opened)->lists();
     EXPECT_EQ(lists.automatic, std::set<std::string>{"a"});
     EXPECT_EQ(lists.intentional, std::set<std::string>());
 }
@@ -265,7 +269,9 @@ TEST_F(DemotedAppsTest, AnAppIsOnOneListAndTheFileOutlastsTheProcess) {
 TEST_F(DemotedAppsTest, ADamagedFileCountsAsEmpty) {
     ASSERT_TRUE(device.files().createDirectory("/var/mobile/Library/Preferences", true, std::nullopt, nullptr));
     ASSERT_TRUE(device.files().createFile(paths::demotedApps, "damaged", {}));
-    DemotedApps demoted(device.files(), codec);
+    const auto opened = DemotedApps::open(device.files(), codec);
+    ASSERT_TRUE(opened);
+    DemotedApps& demoted = **opened;
     EXPECT_EQ(demoted.lists().propertyList(),
               (Dictionary{{"AutomaticDowngrades", Array{}}, {"IntentionalDowngrades", Array{}}}));
     EXPECT_FALSE(DemotionLists::fromPropertyList(Value("text")));

@@ -199,6 +199,28 @@ TEST_F(DeviceTest, ThatHasLostItsDatabaseKeepsTheAppsUntilACopyOfItIsPutBack) {
     EXPECT_TRUE(device->files().fileExists(device->registry().application(A)->bundlePath + "/Info.plist"));
 }
 
+TEST_F(DeviceTest, WhoseListOfDemotedAppsCannotBeReadIsNotOpenedWithoutIt) {
+    create();
+    PlaceholderRequest request; // of a sync that brings a demoted app back, and was cut short
+    request.identifier = A;
+    request.installType = PDInstallTypeSync;
+    ASSERT_TRUE(device->registry().installPlaceholder(request));
+    ASSERT_TRUE(device->demotedApps().change([&](DemotionLists& lists) { lists.put(A, false); }));
+    const std::string list(paths::demotedApps);
+    ASSERT_TRUE(device->files().moveItem(list, list + ".aside", nullptr));
+    ASSERT_TRUE(device->files().createDirectory(list, false, std::nullopt, nullptr)); // no file, whoever reads it
+    const std::string onHost = device->root().hostPath(list);
+    device.reset();
+    const auto opened = Device::open(folder.path());
+    ASSERT_FALSE(opened);
+    EXPECT_NE(errorText(opened.error()).find(list), std::string::npos);
+    std::filesystem::remove(onHost);
+    std::filesystem::rename(onHost + ".aside", onHost);
+    reopen();
+    ASSERT_TRUE(device->registry().uninstall(A, RemovalReason::sync, RemovalScope::placeholderOnly));
+    EXPECT_TRUE(device->registry().application(A)->isDemoted());
+}
+
 TEST_F(DeviceTest, AMakingThatWasInterruptedIsSaidAndCanBeDoneAgain) {
     bool isThrough = false;
     int interrupted = 0;
