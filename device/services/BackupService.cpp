@@ -143,6 +143,9 @@ Result<void> BackupService::addRestoreData(std::string_view bundleID, const std:
     if (!earlier) {
         return earlier.error();
     }
+    if (const auto putBack = *earlier ? _putBack(bundleID, **earlier) : Result<void>(); !putBack) {
+        return putBack;
+    }
     const std::string name = makeUniqueName();
     ErrorPtr error;
     if (!_files.moveItem(folder, waitingPath(name), &error)) {
@@ -208,6 +211,16 @@ Result<void> BackupService::_putInPlace(const std::string& bundleID, const std::
     return error;
 }
 
+/// Puts back the old data of a restore that could neither be ended nor undone, before that restore is forgotten.
+Result<void> BackupService::_putBack(std::string_view bundleID, const std::string& name) {
+    if (_files.isGone(replacedPath(name)) || _files.isGone(waitingPath(name))) {
+        return {}; // none stands aside, or the new data has taken its place
+    }
+    ErrorPtr error;
+    _files.moveItem(replacedPath(name), dataContainerPath(bundleID), &error);
+    return error;
+}
+
 /// Durable before it is forgotten, so that no loss of power takes the data with it.
 Result<void> BackupService::_endRestore(const std::string& bundleID, const std::string& name) {
     if (auto synced = _files.sync(); !synced) {
@@ -251,6 +264,9 @@ Result<void> BackupService::cancelRestore(std::string_view bundleID) {
     if (!*name) {
         return backupError(BackupError::nothingToCancel,
                            "no data of " + std::string(bundleID) + " waits to be restored");
+    }
+    if (auto putBack = _putBack(bundleID, **name); !putBack) {
+        return putBack;
     }
     // Durable before the first file goes: data of which a part is gone must not wait.
     auto written = _database.run(Durability::durable, forget, bundleID);

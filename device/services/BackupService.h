@@ -65,6 +65,7 @@ class BackupService final : public HVManagerClass, public HVManager {
     void _clearFolders();
     [[nodiscard]] Result<void> _noteMoving(const std::string& bundleID, bool isMoving);
     [[nodiscard]] Result<void> _putInPlace(const std::string& bundleID, const std::string& name);
+    [[nodiscard]] Result<void> _putBack(std::string_view bundleID, const std::string& name) REQUIRES(_mutex);
     [[nodiscard]] Result<void> _endRestore(const std::string& bundleID, const std::string& name);
     [[nodiscard]] Result<std::optional<std::string>> _nameOf(std::string_view bundleID);
 

@@ -177,6 +177,26 @@ class FailingMoves final : public FaultPoint {
     std::atomic<bool> isArmed = false;
 };
 
+TEST_F(BackupServiceTest, OldDataThatCouldNotBeMovedBackOutlastsACancelAndASecondRestore) {
+    const std::vector<std::function<Result<void>()>> ends{[&] { return backup->cancelRestore(A); },
+                                                          [&] { return add(A, "newest"); }};
+    for (const auto& end : ends) {
+        const auto faults = std::make_shared<FailingMoves>();
+        reopen(faults);
+        device.files().removeItem(dataContainerPath(A), nullptr);
+        write(device, dataFile(A), "old");
+        ASSERT_TRUE(add(A, "new"));
+        faults->isArmed = true;
+        EXPECT_FALSE(backup->restoreApplicationData(A));
+        EXPECT_FALSE(end()) << "the old data cannot be put back yet";
+        faults->isArmed = false;
+        EXPECT_TRUE(end());
+        EXPECT_EQ(read(device, dataFile(A)), "old");
+        reopen();
+        EXPECT_EQ(read(device, dataFile(A)), "old");
+    }
+}
+
 TEST_F(BackupServiceTest, ARestoreWhoseOldDataCouldNotBeMovedBackIsEndedAtTheNextStart) {
     const auto faults = std::make_shared<FailingMoves>();
     reopen(faults);
