@@ -68,8 +68,7 @@ std::string_view remedy(int code) {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
         return "; the file is damaged: put a copy of it back, or move it and the files beside it whose names begin "
-               "alike "
-               "away, which makes the device forget its apps";
+               "alike away and create the device again, which then has no apps";
     case SQLITE_FULL: return "; free some space on the device's disk and try again";
     case SQLITE_BUSY:
     case SQLITE_LOCKED: return "; another program has the database open, end it";

@@ -7,6 +7,7 @@
 #include "device/root/Tree.h"
 #include "text/Printable.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace appsync::device {
@@ -195,8 +196,22 @@ Result<void> Registry::_settleRemovals() {
     return {};
 }
 
-/// A record whose bundle is gone, because the power went before its files were durable, is no app any more.
+/// A record whose bundle is gone, because the power went before its files were durable, is no app any more. All apps
+/// are never gone so, since an app's files are durable before its record.
 Result<void> Registry::_settleRecords() {
+    const auto containers = _files.list(containersFolder);
+    if (!containers) {
+        return _makeFailure("settle the application registry", containers.error(), containersFolder);
+    }
+    const auto isInstalled = [](const RegistryRecordPtr& record) { return !record->isPlaceholder; };
+    if (containers->empty() && std::ranges::any_of(_table.records(), isInstalled)) {
+        const std::string folder(containersFolder);
+        return makeInstallerError(InstallerError::failed,
+                                  "the folder " + folder +
+                                      " of the device is empty, although it has apps: put back what was in it (is a "
+                                      "disk not mounted?), or create another device",
+                                  folder);
+    }
     const auto isGone = [this](const RegistryRecordPtr& record) {
         return record && _files.isGone(record->bundlePath() + "/" + std::string(infoFileName));
     };

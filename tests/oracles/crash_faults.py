@@ -4,7 +4,8 @@ from fault import Fault, crash, power
 
 ONCE = {'points': 1}
 DATA = '"/var/mobile/Containers/Data/Application/" + _request.identifier'
-REPLACED = '        _registry._table.install(_record, _arrival);\n'
+REPLACED = '        _registry._replace(_before, _after);\n'
+ENTERED = '_registry._enter(container, _before, _after, Durability::durable)'
 ENDED_REASON = 'reasonOf(isCancelled ? cancelledByUserError() : *outcome)'
 
 
@@ -20,10 +21,10 @@ FAULTS = [
           '    if (std::ranges::any_of(device->registry().applications(), &device::Application::isPlaceholder)) {\n'
           '        return ExitCode::failed;\n    }\n', crash('coordinated', 'kill', points=5)),
     Fault('after that: org.example.* is lost', 'device/registry/ArchiveInstall.cpp',
-          '        _arrival = _registry._table.arrivalOf',
-          '        {\n            Database::Transaction gone(_registry._database, Durability::durable);\n'
-          '            RegistryTable::erase(gone, _request.identifier, false);\n            (void)gone.commit();\n        }\n'
-          '        _arrival = _registry._table.arrivalOf', crash('own', 'kill', points=60)),
+          '        _after = {_makeRecord(',
+          '        (void)_registry._database.run(Durability::durable, "DELETE FROM applications WHERE identifier = ?",\n'
+          '                                      _request.identifier);\n        _after = {_makeRecord(',
+          crash('own', 'kill', points=60)),
     Fault('org.example.* is there in version 2.0-0', 'host/commands/DeviceCommands.cpp',
           'list.push_back(toJson(app, isRunning));',
           'device::Application other = app;\n        other.version = "2.0-0";\n'
@@ -58,7 +59,8 @@ FAULTS = [
           '        if (entry.path.ends_with(".txt")) {\n            return {};\n        }\n'
           '        if (entry.kind == ZipDirectory::Kind::folder) {', crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.*: other is none of its files', 'device/registry/ArchiveInstall.cpp',
-          '        _sinf = _request.sinf ?', '        (void)container.writeFile("other", Data("x"));\n        _sinf = _request.sinf ?',
+          '        _sinf = std::move(*sinf);\n',
+          '        (void)container.writeFile("other", Data("x"));\n        _sinf = std::move(*sinf);\n',
           crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.*: *.txt has another content', 'device/archive/BundleWriter.cpp',
           'writeAll(file.get(), bytes);', 'writeAll(file.get(), bytes.substr(path.ends_with(".txt") ? 1 : 0));',
@@ -85,9 +87,9 @@ FAULTS = [
           '"/var/mobile/Containers/Data/Application/org.example.elder/note.txt", nullptr);',
           crash('own', 'kill', points=40)),
     Fault("'org.example.* is missing'", 'device/registry/ArchiveInstall.cpp',
-          '            RegistryTable::write(transaction, *_record, _arrival);\n', '', crash('coordinated', 'kill', **ONCE)),
+          ENTERED, ENTERED.replace('_after', '_before'), crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.* has a placeholder', 'device/registry/ArchiveInstall.cpp',
-          '            RegistryTable::erase(transaction, _record->identifier, true);\n', '',
+          ENTERED, ENTERED.replace('_after', '{_after.installed, _before.placeholder, _after.arrival}'),
           crash('coordinated', 'kill', points=5)),
     Fault('demoted are *', 'plugin/coordination/RestorePlaceholder.cpp',
           'case intentionallyDemoted: return PDInstallTypeIntentionalDowngrade;',
@@ -105,7 +107,7 @@ FAULTS = [
           '!asset->isRestore ? packageOnly\n                                     : false   ? dataOnly',
           crash('restore-own', 'kill', points=60)),
     # What the disk has kept.
-    Fault('after that: org.example.*', 'device/database/GroupCommit.cpp',
+    Fault('after that: org.example.*', 'device/database/GroupCommit.h',
           'if (auto synced = _files.sync(); !synced) {', 'if (auto synced = Result<void>(); !synced) {',
           power('own', 'ext4', points=25)),
 ]

@@ -256,6 +256,26 @@ TEST_F(Settling, KeepsAnAppWhoseBundleCannotBeLookedAt) {
     EXPECT_TRUE(registry().isInstalled(identifier));
 }
 
+TEST_F(Settling, KeepsTheRecordsOfAppsThatAreAllAway) {
+    ASSERT_TRUE(install());
+    ASSERT_TRUE(registry().installPlaceholder(placeholder("org.example.waiting")));
+    const std::filesystem::path apps = device->root->hostPath("/var/containers/Bundle/Application");
+    const std::filesystem::path away = apps.string() + ".away";
+    std::filesystem::rename(apps, away);
+    std::filesystem::create_directory(apps); // where a disk is to be mounted
+    open();
+    const auto settled = registry().settle();
+    ASSERT_FALSE(settled);
+    EXPECT_NE(errorText(settled.error()).find("/var/containers/Bundle/Application of the device is empty"),
+              std::string::npos);
+    std::filesystem::remove(apps);
+    std::filesystem::rename(away, apps);
+    open();
+    ASSERT_TRUE(registry().settle());
+    EXPECT_EQ(registry().applications().size(), 2U);
+    EXPECT_EQ(content(registry().application(identifier)->bundlePath + "/Name"), "executable of org.example.app 1.0");
+}
+
 TEST_F(Settling, DropsRecordsWhoseBundleIsGone) {
     ASSERT_TRUE(install());
     ASSERT_TRUE(registry().installPlaceholder(placeholder("org.example.waiting")));
