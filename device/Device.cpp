@@ -123,7 +123,9 @@ Result<void> Device::_checkForLostApps(const std::string& folder) {
     }
     return deviceError(DeviceError::databaseLost, folder,
                        "the device " + folder + " has apps, but its database " + std::string(databaseFile) +
-                           " is new or empty: put a copy of it back, or move " + std::string(containersFolder) +
+                           " is new or empty: put a copy of it back (apps that have changed since are given up), or "
+                           "move " +
+                           std::string(containersFolder) +
                            " away, which gives the apps up, and create the device again");
 }
 

@@ -67,8 +67,8 @@ std::string_view remedy(int code) {
     switch (code & 0xff) {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-        return "; the file is damaged: put a copy of it back, or move it and the files beside it whose names begin "
-               "alike away and create the device again, which then has no apps";
+        return "; the file is damaged: put a copy of it back (apps that have changed since are given up), or move it "
+               "and the files beside it whose names begin alike away and create the device again, without apps";
     case SQLITE_FULL: return "; free some space on the device's disk and try again";
     case SQLITE_BUSY:
     case SQLITE_LOCKED: return "; another program has the database open, end it";
