@@ -127,8 +127,8 @@ void addApp(const fs::path& library, int number, std::size_t binary, int files, 
     }
 }
 
-/// A path that no run has used. What a run leaves stays while others are measured: on ext4, creating files is slow for
-/// a while after many have been deleted.
+/// A path that no run has used. What a run leaves stays until the end: on ext4, creating files is slow for a while
+/// after many have been deleted.
 fs::path newFolder(const fs::path& folder) {
     static int runs = 0;
     return folder / ("run" + std::to_string(++runs));
@@ -473,7 +473,7 @@ int main(int count, char** words) {
     }
     const fs::path folder = fs::absolute(words[2]);
     fs::remove_all(folder);
-    // Many small files first, and nothing removed between: both would slow down the making of files.
+    // First those with many small files, which mind most what others have written and removed.
     int part = 0;
     for (const auto measure : {compareSmall, restoreMany, syncOneLarge, sync100}) {
         const fs::path own = folder / std::to_string(++part);

@@ -99,7 +99,8 @@ class Database {
     };
 
     /// Statements that take effect together. After the first failure the rest do nothing, and `commit` reports it.
-    /// Not to be nested on one thread; keep it short. Arguments are what columns can be read into; they are copied.
+    /// Not to be nested on one thread; keep it short. Arguments are what columns can be read into, but
+    /// for real numbers; they are copied.
     class SCOPED_CAPABILITY Transaction {
       public:
         explicit Transaction(Database& database, Durability durability = Durability::ordinary) noexcept
@@ -181,6 +182,7 @@ class Database {
     }
     [[nodiscard]] sqlite3_stmt* _statementWith(std::string_view sql, std::size_t parameters) noexcept;
     void _bind(sqlite3_stmt* statement, int number, std::int64_t whole) noexcept;
+    void _bind(sqlite3_stmt* statement, int number, double real) noexcept = delete; // it would be cut to a whole number
     void _bind(sqlite3_stmt* statement, int number, std::string_view text) noexcept;
     void _bind(sqlite3_stmt* statement, int number, const Data& data) noexcept;
     template <class Number>

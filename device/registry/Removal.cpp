@@ -9,6 +9,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
+#include <utility>
+#include <vector>
 
 namespace appsync::device {
 
@@ -199,12 +202,26 @@ Result<void> Registry::_settleRemovals() {
 /// A record whose bundle is gone, because the power went before its files were durable, is no app any more. All apps
 /// are never gone so, since an app's files are durable before its record.
 Result<void> Registry::_settleRecords() {
+    const auto isGone = [this](const RegistryRecordPtr& record) {
+        return record && _files.isGone(record->bundlePath() + "/" + std::string(infoFileName));
+    };
+    std::vector<std::pair<RegistryTable::App, RegistryTable::App>> changes; // before and after
+    for (const RegistryTable::App& app : _table.all()) {
+        const RegistryTable::App left{isGone(app.installed) ? nullptr : app.installed,
+                                      isGone(app.placeholder) ? nullptr : app.placeholder, app.arrival};
+        if (left != app) {
+            changes.emplace_back(app, left);
+        }
+    }
+    if (changes.empty()) {
+        return {};
+    }
     const auto containers = _files.list(containersFolder);
     if (!containers) {
         return _makeFailure("settle the application registry", containers.error(), containersFolder);
     }
-    const auto isInstalled = [](const RegistryRecordPtr& record) { return !record->isPlaceholder; };
-    if (containers->empty() && std::ranges::any_of(_table.records(), isInstalled)) {
+    if (containers->empty() &&
+        std::ranges::any_of(changes, [](const auto& change) { return bool(change.first.installed); })) {
         const std::string folder(containersFolder);
         return makeInstallerError(InstallerError::failed,
                                   "the folder " + folder +
@@ -212,27 +229,15 @@ Result<void> Registry::_settleRecords() {
                                       "disk not mounted?), or create another device",
                                   folder);
     }
-    const auto isGone = [this](const RegistryRecordPtr& record) {
-        return record && _files.isGone(record->bundlePath() + "/" + std::string(infoFileName));
-    };
-    std::map<std::string, RegistryTable::App> settled;
     Database::Transaction transaction(_database, Durability::durable);
-    for (const RegistryTable::App& app : _table.all()) {
-        const RegistryTable::App left{isGone(app.installed) ? nullptr : app.installed,
-                                      isGone(app.placeholder) ? nullptr : app.placeholder, app.arrival};
-        if (left != app) {
-            RegistryTable::write(transaction, app, left);
-            settled.emplace(app.main()->identifier, left);
-        }
-    }
-    if (settled.empty()) {
-        return {};
+    for (const auto& [before, after] : changes) {
+        RegistryTable::write(transaction, before, after);
     }
     if (const auto committed = transaction.commit(); !committed) {
         return _makeFailure("settle the application registry", committed.error());
     }
-    for (const auto& [identifier, left] : settled) {
-        _table.set(identifier, left);
+    for (const auto& [before, after] : changes) {
+        _table.set(before.main()->identifier, after);
     }
     _announcer.announceChange();
     return {};

@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::string_view temporaryPrefix = ".";
 constexpr std::string_view temporarySuffix = ".device-tmp";
+constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 /// Removes a folder with all that is in it, of any depth, with few descriptors.
 class TreeRemover {
@@ -36,11 +37,10 @@ class TreeRemover {
 
   private:
     int _enter(int parent, const std::string& name) {
-        constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
         Descriptor folder;
-        int failed = openBeneath(parent, name, flags, folder);
+        int failed = openBeneath(parent, name, folderFlags, folder);
         if (failed == EACCES && ::fchmodat(parent, name.c_str(), 0700, 0) == 0) {
-            failed = openBeneath(parent, name, flags, folder);
+            failed = openBeneath(parent, name, folderFlags, folder);
         }
         if (failed == 0 && (failed = _folders.enter(std::move(folder))) == 0) {
             _names.push_back(name);
@@ -115,8 +115,6 @@ class SizeAdder final : public TreeVisitor {
   private:
     std::uint64_t& _bytes;
 };
-
-constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 int identityOf(int folder, dev_t& device, ino_t& number) {
     struct stat status {};
