@@ -252,20 +252,23 @@ class Followed final : public PDApplicationWorkspaceObserver {
         for (const PDApplicationProxyPtr& proxy : prioritized) {
             order.push_back(proxy->applicationIdentifier());
         }
-        _told.signal();
+        _toldOfOrder.signal();
     }
     void applicationInstallsDidCancel(const PDApplicationProxies& applications) noexcept override {
         for (const PDApplicationProxyPtr& proxy : applications) {
             cancelled.push_back(proxy->applicationIdentifier());
         }
-        _told.signal();
+        _toldOfCancel.signal();
     }
-    void wait() { _told.wait(); }
+    void waitForOrder() { _toldOfOrder.wait(); }
+    void waitForCancel() { _toldOfCancel.wait(); }
+    /// Read by the test once the observer is removed: no call is running then.
     Lines order;
     Lines cancelled;
 
   private:
-    Semaphore _told;
+    Semaphore _toldOfOrder;
+    Semaphore _toldOfCancel;
 };
 
 TEST_F(CoordinatorTest, AnAppThatAPersonWantsFirstIsFirstInTheRegistry) {
@@ -276,7 +279,7 @@ TEST_F(CoordinatorTest, AnAppThatAPersonWantsFirstIsFirstInTheRegistry) {
     ApplicationWorkspace workspace(*registry);
     Followed followed;
     workspace.addObserver(&followed);
-    followed.wait();
+    followed.waitForOrder();
     workspace.removeObserver(&followed);
     EXPECT_EQ(followed.order, (Lines{B, A}));
 }
@@ -287,11 +290,9 @@ TEST_F(CoordinatorTest, APersonsCancelIsToldByTheRegistryToo) {
     ApplicationWorkspace workspace(*registry);
     Followed followed;
     workspace.addObserver(&followed);
-    followed.wait();
+    followed.waitForOrder();
     EXPECT_TRUE(coordinator->cancelByUser(A));
-    while (followed.cancelled.empty()) {
-        followed.wait();
-    }
+    followed.waitForCancel();
     workspace.removeObserver(&followed);
     EXPECT_EQ(followed.cancelled, Lines{A});
 }
