@@ -1,18 +1,6 @@
 #include "desktop/SyncList.h"
 
-#include <algorithm>
-
 namespace appsync::desktop {
-
-const AppArchive* findArchive(const SyncList& list, std::string_view identifier) {
-    for (const auto* apps : {&list.installs, &list.restores}) {
-        const auto found = std::ranges::find(*apps, identifier, &AppArchive::identifier);
-        if (found != apps->end()) {
-            return *found;
-        }
-    }
-    return nullptr;
-}
 
 Array toDoRecords(const SyncList& list) {
     Array records;

@@ -20,9 +20,6 @@ struct SyncList {
     std::vector<FailedApp> failed; // what could not be staged
 };
 
-/// The archive of an app that is to be installed or may be asked for; null when there is none.
-[[nodiscard]] const AppArchive* findArchive(const SyncList& list, std::string_view identifier);
-
 /// The list's to-do records: removals first, then installs.
 [[nodiscard]] Array toDoRecords(const SyncList& list);
 

@@ -81,17 +81,23 @@ std::vector<QRAssetPtr> SyncSession::_assetsToSend() {
         _deleted = deletedApps(_parties.client.installedAssets());
     }
     const Span span(_parties.device.files().timeline(), "planning");
+    std::map<std::string_view, const desktop::AppArchive*> archives;
+    for (const auto* apps : {&_list.installs, &_list.restores}) {
+        for (const desktop::AppArchive* app : *apps) {
+            archives.emplace(app->identifier, app);
+        }
+    }
     std::vector<QRAssetPtr> assets;
     std::vector<AppStatus> planned;
     for (const QRAssetPtr& asset : _parties.client.outstandingAssetTransfers()) {
-        const desktop::AppArchive* app = desktop::findArchive(_list, asset->identifier);
-        if (app == nullptr) { // it has a placeholder, for which the device asks whatever it is told
+        const auto app = archives.find(asset->identifier);
+        if (app == archives.end()) { // it has a placeholder, for which the device asks whatever it is told
             _parties.client.assetTransfer_succeeded_withError(asset, false, notInThisSyncError());
             continue;
         }
         assets.push_back(asset);
-        planned.push_back({asset->identifier, asset->prettyName.value_or(asset->identifier), app->size});
-        _requested.insert(asset->identifier);
+        planned.push_back({asset->identifier, asset->prettyName.value_or(asset->identifier), app->second->size});
+        _requested.emplace(asset->identifier, app->second);
     }
     _parties.view.began(std::move(planned));
     return assets;
@@ -206,7 +212,6 @@ Result<void> SyncSession::_mayGoOn(const QRAsset& asset, const TransferQueue& qu
 }
 
 Result<void> SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQueue& queue) {
-    const desktop::AppArchive* app = desktop::findArchive(_list, asset->identifier);
     const auto mayGoOn = [&] { return _mayGoOn(*asset, queue); };
     if (const auto goesOn = mayGoOn(); !goesOn) {
         return goesOn;
@@ -222,7 +227,8 @@ Result<void> SyncSession::_transferOne(const QRAssetPtr& asset, const TransferQu
         asset->downloadProgress = fraction;
         _parties.client.assetTransfer_updatedProgress(asset, fraction);
     };
-    return transfer(_parties.device.files(), {*app, progress, mayGoOn, _parties.bandwidth});
+    return transfer(_parties.device.files(),
+                    {*_requested.at(asset->identifier), progress, mayGoOn, _parties.bandwidth});
 }
 
 void SyncSession::_close() {

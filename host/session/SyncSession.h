@@ -6,8 +6,8 @@
 
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace appsync {
@@ -68,8 +68,8 @@ class SyncSession {
 
     const SyncParties _parties;
     const SyncPlan& _plan;
-    const desktop::SyncList& _list; // of the plan
-    std::set<std::string> _requested;
+    const desktop::SyncList& _list;                               // of the plan
+    std::map<std::string, const desktop::AppArchive*> _requested; // by identifier
     std::map<std::string, ErrorPtr> _transferErrors;
     std::vector<std::string> _deleted;
     bool _allTransferred = true;
