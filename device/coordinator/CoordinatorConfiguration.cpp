@@ -32,7 +32,7 @@ Result<void> InstallCoordinator::_checkOpen(const CoordinatorState& state) const
 
 Result<void> InstallCoordinator::change(const CoordinatorStatePtr& state,
                                         const std::function<Result<void>(CoordinatorFacts&)>& change) {
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     if (auto open = _checkOpen(*state); !open) {
         return open;
     }
@@ -54,7 +54,7 @@ Result<void> InstallCoordinator::attachPromise(const CoordinatorStatePtr& state,
     if (!promise) {
         return foreign(*state, "promise");
     }
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     if (auto open = _checkOpen(*state); !open) {
         return open;
     }
@@ -82,7 +82,7 @@ Result<void> InstallCoordinator::attachPlaceholder(const CoordinatorStatePtr& st
     if (!placeholder) {
         return foreign(*state, "placeholder");
     }
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     if (auto open = _checkOpen(*state); !open) {
         return open;
     }
@@ -115,7 +115,7 @@ Result<void> InstallCoordinator::attachPlaceholder(const CoordinatorStatePtr& st
 
 Result<void> InstallCoordinator::changePlaceholder(const PlaceholderPtr& placeholder,
                                                    const std::function<Result<void>(PlaceholderFacts&)>& change) {
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     const auto owner = placeholder->owner.lock();
     if (placeholder->facts.isConfigured || placeholder->isCancelled || (owner && !_checkOpen(*owner))) {
         return endedPlaceholder(*placeholder);
@@ -187,7 +187,7 @@ void InstallCoordinator::complete(Promise& promise) {
     if (!owner) {
         return; // written when it is attached
     }
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     if (_checkOpen(*owner)) {
         // Without it a restart would wait for the file again.
         _passOver(*owner, _store.updatePromise(*owner, promise));
@@ -200,7 +200,7 @@ Result<void> InstallCoordinator::cancel(const PlaceholderPtr& placeholder, const
     CoordinatorStatePtr owner;
     PromisePtr icon;
     {
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         owner = placeholder->owner.lock();
         if (placeholder->isCancelled || (placeholder->isAttached && !owner)) {
             return endedPlaceholder(*placeholder);
@@ -219,7 +219,7 @@ Result<void> InstallCoordinator::cancel(Promise& promise, const ErrorPtr& reason
     CoordinatorStatePtr owner;
     {
         // In one step, so that the promise is not attached in between.
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         owner = promise.owner();
         if (!owner && promise.cancel()) {
             return {};

@@ -134,13 +134,15 @@ template <class Interface> class CoordinatorHandle : public Interface {
 
     std::optional<std::string> bundleID() noexcept override { return _state->bundleID; }
     ErrorPtr error() noexcept override {
-        return _coordinator.read([this] { return _state->cancelReason ? _state->cancelReason : _state->facts.error; });
+        return _coordinator.read([this]() REQUIRES(coordinatorStates) {
+            return _state->cancelReason ? _state->cancelReason : _state->facts.error;
+        });
     }
     KXClientIdentifier creatorIdentifier() noexcept override { return _state->creator; }
     void setObserver(KXAppInstallObserverDelegate* observer) noexcept override { _state->observer = observer; }
 
     bool hasInstallOptions() noexcept override {
-        return _coordinator.read([this] { return _state->facts.options.has_value(); });
+        return _coordinator.read([this]() REQUIRES(coordinatorStates) { return _state->facts.options.has_value(); });
     }
     bool setInstallOptions_error(const TVInstallOptions& options, ErrorPtr* error) noexcept override {
         return _change(error, [&](CoordinatorFacts& facts) -> Result<void> {
@@ -154,7 +156,7 @@ template <class Interface> class CoordinatorHandle : public Interface {
         });
     }
     bool hasInitialODRAssetPromises() noexcept override {
-        return _coordinator.read([this] { return _state->facts.hasODRPromises; });
+        return _coordinator.read([this]() REQUIRES(coordinatorStates) { return _state->facts.hasODRPromises; });
     }
     bool setInitialODRAssetPromises_error(const std::vector<KXPromisedTransferToPathPtr>& promises,
                                           ErrorPtr* error) noexcept override {
@@ -167,17 +169,17 @@ template <class Interface> class CoordinatorHandle : public Interface {
         });
     }
     bool hasAppAssetPromise() noexcept override {
-        return _coordinator.read([this] { return _state->asset != nullptr; });
+        return _coordinator.read([this]() REQUIRES(coordinatorStates) { return _state->asset != nullptr; });
     }
     KXPromisedTransferToPathPtr appAssetPromiseWithError(ErrorPtr* /*error*/) noexcept override {
-        const PromisePtr promise = _coordinator.read([this] { return _state->asset; });
+        const PromisePtr promise = _coordinator.read([this]() REQUIRES(coordinatorStates) { return _state->asset; });
         return promise ? std::make_shared<TransferPromiseHandle>(_coordinator, promise) : nullptr;
     }
     bool setAppAssetPromise_error(const KXPromisedTransferToPathPtr& promise, ErrorPtr* error) noexcept override {
         return hasSucceeded(_coordinator.attachPromise(_state, promiseBehind(promise), PromiseRole::appAsset), error);
     }
     bool hasPlaceholderPromise() noexcept override {
-        return _coordinator.read([this] { return _state->placeholder != nullptr; });
+        return _coordinator.read([this]() REQUIRES(coordinatorStates) { return _state->placeholder != nullptr; });
     }
     bool setPlaceholderPromise_error(const KXPlaceholderPtr& placeholder, ErrorPtr* error) noexcept override {
         return hasSucceeded(_coordinator.attachPlaceholder(_state, placeholderBehind(placeholder)), error);
@@ -205,7 +207,8 @@ template <class Interface> class UserDataCoordinatorHandle : public CoordinatorH
     using CoordinatorHandle<Interface>::CoordinatorHandle;
 
     bool hasUserDataPromise() noexcept override {
-        return this->_coordinator.read([this] { return this->_state->userData != nullptr; });
+        return this->_coordinator.read([this]()
+                                           REQUIRES(coordinatorStates) { return this->_state->userData != nullptr; });
     }
     bool setUserDataPromise_error(const KXPromisedOutOfBandTransferPtr& promise, ErrorPtr* error) noexcept override {
         return hasSucceeded(
@@ -218,7 +221,7 @@ class RestoringCoordinatorHandle final : public UserDataCoordinatorHandle<KXRest
     using UserDataCoordinatorHandle::UserDataCoordinatorHandle;
 
     KXClientIdentifier appAssetPromiseResponsibleClientWithError(ErrorPtr* /*error*/) noexcept override {
-        return _coordinator.read([this] { return _state->facts.responsibleClient; });
+        return _coordinator.read([this]() REQUIRES(coordinatorStates) { return _state->facts.responsibleClient; });
     }
     bool setAppAssetPromiseResponsibleClient_error(KXClientIdentifier client, ErrorPtr* error) noexcept override {
         return _change(error, [&](CoordinatorFacts& facts) {

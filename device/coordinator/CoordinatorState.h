@@ -1,5 +1,4 @@
-// What the install coordinator knows of one app's install, and of what that waits for. The coordinator's lock guards
-// what can change, but for promises.
+// What the install coordinator knows of one app's install, and of what that waits for.
 #pragma once
 
 #include "concurrency/Mutex.h"
@@ -16,6 +15,22 @@
 namespace appsync::device {
 
 struct CoordinatorState;
+
+/// What guards the states. The compiler wants a name for it, and a state cannot name the lock of its coordinator.
+class CAPABILITY("lock") CoordinatorStates {};
+inline constexpr CoordinatorStates coordinatorStates;
+
+/// Holds the lock of an install coordinator, and with it the states that belong to that.
+class SCOPED_CAPABILITY StatesLock {
+  public:
+    explicit StatesLock(Mutex& mutex) ACQUIRE(mutex, coordinatorStates) : _mutex(mutex) { mutex.lock(); }
+    ~StatesLock() RELEASE() { _mutex.unlock(); }
+    StatesLock(const StatesLock&) = delete;
+    StatesLock& operator=(const StatesLock&) = delete;
+
+  private:
+    Mutex& _mutex;
+};
 
 /// What a promise is for. Stands in the database; numbers stay as they are.
 enum class PromiseRole { none = 0, appAsset = 1, icon = 2, userData = 3 };
@@ -149,10 +164,10 @@ struct PlaceholderState {
     std::string bundleID;
     std::uint64_t installType = 0;
 
-    PlaceholderFacts facts;
-    bool isCancelled = false;
-    bool isAttached = false;
-    std::weak_ptr<CoordinatorState> owner; // that it is attached to
+    PlaceholderFacts facts GUARDED_BY(coordinatorStates);
+    bool isCancelled GUARDED_BY(coordinatorStates) = false;
+    bool isAttached GUARDED_BY(coordinatorStates) = false;
+    std::weak_ptr<CoordinatorState> owner GUARDED_BY(coordinatorStates); // that it is attached to
 };
 using PlaceholderPtr = std::shared_ptr<PlaceholderState>;
 
@@ -184,18 +199,18 @@ struct CoordinatorState {
     KXClientIdentifier creator = 0;
 
     // Durable.
-    CoordinatorFacts facts;
-    PromisePtr asset;
-    PromisePtr userData;
-    PlaceholderPtr placeholder;
+    CoordinatorFacts facts GUARDED_BY(coordinatorStates);
+    PromisePtr asset GUARDED_BY(coordinatorStates);
+    PromisePtr userData GUARDED_BY(coordinatorStates);
+    PlaceholderPtr placeholder GUARDED_BY(coordinatorStates);
 
     // Of this process.
     enum class Work { none, queued, running };
-    Work work = Work::none;
-    bool hasEnded = false;                             // everything is cleared away
-    ErrorPtr cancelReason;                             // while a running step is to be stopped
-    std::optional<KXClientIdentifier> cancelRequester; // likewise
-    std::stop_source stop;                             // of the running install
+    Work work GUARDED_BY(coordinatorStates) = Work::none;
+    bool hasEnded GUARDED_BY(coordinatorStates) = false; // everything is cleared away
+    ErrorPtr cancelReason GUARDED_BY(coordinatorStates); // while a running step is to be stopped
+    std::optional<KXClientIdentifier> cancelRequester GUARDED_BY(coordinatorStates); // likewise
+    std::stop_source stop;                                                           // of the running install
     std::atomic<KXAppInstallObserverDelegate*> observer = nullptr;
 };
 using CoordinatorStatePtr = std::shared_ptr<CoordinatorState>;

@@ -35,35 +35,35 @@ void removeOwnedFile(DeviceFileSystem& files, const std::string& path) {
 }
 
 /// The Info dictionary of a placeholder's bundle.
-Dictionary placeholderInfo(const PlaceholderState& placeholder) {
-    Dictionary info = placeholder.facts.infoPlist.value_or(Dictionary{});
-    info.set("BXBundleDisplayName", placeholder.bundleName);
-    if (placeholder.facts.bundleVersion) {
-        info.set("BXBundleVersion", *placeholder.facts.bundleVersion);
+Dictionary placeholderInfo(const std::string& bundleName, const PlaceholderFacts& facts) {
+    Dictionary info = facts.infoPlist.value_or(Dictionary{});
+    info.set("BXBundleDisplayName", bundleName);
+    if (facts.bundleVersion) {
+        info.set("BXBundleVersion", *facts.bundleVersion);
     }
-    if (placeholder.facts.icon) {
+    if (facts.icon) {
         info.set("BXBundleIconFile", "Icon.png");
     } else {
         info.erase("BXBundleIconFile"); // it names a file of the app that the placeholder does not have
     }
-    info.set("PDApplicationLaunchProhibited", placeholder.facts.launchProhibited);
+    info.set("PDApplicationLaunchProhibited", facts.launchProhibited);
     return info;
 }
 
 } // namespace
 
-Result<void> InstallCoordinator::_installPlaceholder(const CoordinatorState& state,
-                                                     const PlaceholderState& placeholder) {
-    const auto known = _services.registry.application(state.bundleID);
+Result<void> InstallCoordinator::_installPlaceholder(const PlaceholderState& placeholder,
+                                                     const PlaceholderFacts& facts) {
+    const auto known = _services.registry.application(placeholder.bundleID);
     PlaceholderRequest request;
-    request.identifier = state.bundleID;
-    request.info = placeholderInfo(placeholder);
-    if (placeholder.facts.icon) {
-        request.iconPath = placeholder.facts.icon->record().path;
+    request.identifier = placeholder.bundleID;
+    request.info = placeholderInfo(placeholder.bundleName, facts);
+    if (facts.icon) {
+        request.iconPath = facts.icon->record().path;
     }
     request.installType = placeholder.installType;
-    request.metadata = placeholder.facts.metadata;
-    request.sinf = placeholder.facts.sinf;
+    request.metadata = facts.metadata;
+    request.sinf = facts.sinf;
     request.isSystem = known && known->isSystem;
     return _services.registry.installPlaceholder(request);
 }
@@ -114,10 +114,19 @@ void InstallCoordinator::_showTransfer(const CoordinatorState& state, double fra
 
 /// Removes what a coordinator whose outcome is fixed leaves behind.
 void InstallCoordinator::_clearAway(const CoordinatorState& state) {
-    const bool hasFailed = state.facts.error != nullptr;
-    if (state.facts.cancelledBy == KXClientPerson) {
+    CoordinatorFacts facts;
+    PromisePtr asset;
+    PromisePtr icon;
+    {
+        const StatesLock lock(_mutex);
+        facts = state.facts;
+        asset = state.asset;
+        icon = state.placeholder ? state.placeholder->facts.icon : nullptr;
+    }
+    const bool hasFailed = facts.error != nullptr;
+    if (facts.cancelledBy == KXClientPerson) {
         _services.registry.cancelInstall(state.bundleID);
-    } else if (hasFailed && state.facts.isPlaceholderInstalled) {
+    } else if (hasFailed && facts.isPlaceholderInstalled) {
         const auto removed =
             _services.registry.uninstall(state.bundleID, RemovalReason::sync, RemovalScope::placeholderOnly);
         if (!isError(removed.error(), TVInstallerErrorDomain, InstallerError::nothingToRemove)) {
@@ -127,12 +136,10 @@ void InstallCoordinator::_clearAway(const CoordinatorState& state) {
     if (hasFailed && isRestoring(state.kind) && !_services.registry.application(state.bundleID)) {
         _services.giveUpUserData(state.bundleID);
     }
-    if (state.asset) {
-        _removeAsset(state.asset);
+    if (asset) {
+        _removeAsset(asset);
     }
-    if (state.placeholder) {
-        _removeIcon(state.placeholder->facts.icon);
-    }
+    _removeIcon(icon);
 }
 
 void InstallCoordinator::_removeAsset(const PromisePtr& asset) {

@@ -40,8 +40,8 @@ Result<void> CoordinatorStore::registerSchema() {
     return _database.registerSchema("coordinator", schema);
 }
 
-Result<CoordinatorStates> CoordinatorStore::load(std::uint64_t& lastPromise, std::size_t maxReports) {
-    CoordinatorStates coordinators;
+Result<CoordinatorsByRow> CoordinatorStore::load(std::uint64_t& lastPromise, std::size_t maxReports) {
+    CoordinatorsByRow coordinators;
     Database::Transaction transaction(_database);
     transaction.run("DELETE FROM coordinator WHERE ending = ?1 AND id NOT IN"
                     " (SELECT id FROM coordinator WHERE ending = ?1 ORDER BY id DESC LIMIT ?2)",
@@ -74,7 +74,7 @@ Result<CoordinatorStates> CoordinatorStore::load(std::uint64_t& lastPromise, std
     return coordinators;
 }
 
-void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, const CoordinatorStates& coordinators) {
+void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, const CoordinatorsByRow& coordinators) {
     auto rows = transaction.query("SELECT coordinator, name, installType, info, launchProhibited, version, metadata,"
                                   " sinf, configured FROM coordinatorPlaceholder");
     while (rows.next()) {
@@ -94,7 +94,7 @@ void CoordinatorStore::_loadPlaceholders(Database::Transaction& transaction, con
     }
 }
 
-void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const CoordinatorStates& coordinators,
+void CoordinatorStore::_loadPromises(Database::Transaction& transaction, const CoordinatorsByRow& coordinators,
                                      std::uint64_t& lastPromise) {
     auto rows = transaction.query(
         "SELECT id, coordinator, role, name, client, space, path, complete FROM coordinatorPromise ORDER BY id");

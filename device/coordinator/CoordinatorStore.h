@@ -13,9 +13,9 @@ class PropertyListSerialization;
 namespace appsync::device {
 
 /// By their rows, and so in the order in which they were made.
-using CoordinatorStates = std::map<std::int64_t, CoordinatorStatePtr>;
+using CoordinatorsByRow = std::map<std::int64_t, CoordinatorStatePtr>;
 
-/// The caller holds the lock that guards the states. All changes are ordinary commits.
+/// All changes are ordinary commits.
 class CoordinatorStore {
   public:
     CoordinatorStore(Database& database, PropertyListSerialization& propertyLists)
@@ -24,28 +24,30 @@ class CoordinatorStore {
     [[nodiscard]] Result<void> registerSchema();
     /// All coordinators, and in `lastPromise` the highest number of a promise. Of those that only wait for their
     /// report, the newest `maxReports`.
-    [[nodiscard]] Result<CoordinatorStates> load(std::uint64_t& lastPromise, std::size_t maxReports);
+    [[nodiscard]] Result<CoordinatorsByRow> load(std::uint64_t& lastPromise, std::size_t maxReports)
+        REQUIRES(coordinatorStates);
 
     /// Adds a coordinator and sets its `id`.
     [[nodiscard]] Result<void> insert(CoordinatorState& coordinator);
     /// Writes options, flags, responsible client and outcome.
-    [[nodiscard]] Result<void> update(const CoordinatorState& coordinator);
+    [[nodiscard]] Result<void> update(const CoordinatorState& coordinator) REQUIRES(coordinatorStates);
     /// Writes the placeholder that has been attached, with its icon promise.
-    [[nodiscard]] Result<void> updatePlaceholder(const CoordinatorState& coordinator);
+    [[nodiscard]] Result<void> updatePlaceholder(const CoordinatorState& coordinator) REQUIRES(coordinatorStates);
     [[nodiscard]] Result<void> updatePromise(const CoordinatorState& coordinator, const Promise& promise);
     [[nodiscard]] Result<void> removePromise(std::uint64_t promise);
     /// Keeps no more of a coordinator than its report needs.
     [[nodiscard]] Result<void> updateToReport(const CoordinatorState& coordinator);
-    /// Removes a coordinator with all that belongs to it. Needs no lock.
+    /// Removes a coordinator with all that belongs to it.
     [[nodiscard]] Result<void> remove(std::int64_t coordinator);
 
     /// The bytes of a dictionary, as they are kept and given to the registry.
     [[nodiscard]] Result<Data> serialize(const Dictionary& dictionary);
 
   private:
-    void _loadPlaceholders(Database::Transaction& transaction, const CoordinatorStates& coordinators);
-    void _loadPromises(Database::Transaction& transaction, const CoordinatorStates& coordinators,
-                       std::uint64_t& lastPromise);
+    void _loadPlaceholders(Database::Transaction& transaction, const CoordinatorsByRow& coordinators)
+        REQUIRES(coordinatorStates);
+    void _loadPromises(Database::Transaction& transaction, const CoordinatorsByRow& coordinators,
+                       std::uint64_t& lastPromise) REQUIRES(coordinatorStates);
     [[nodiscard]] std::optional<Dictionary> _parse(const std::optional<Data>& bytes);
     [[nodiscard]] std::optional<Data> _bytesOf(const ErrorPtr& error);
     [[nodiscard]] ErrorPtr _errorFrom(const std::optional<Data>& bytes);

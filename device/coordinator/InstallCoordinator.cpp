@@ -35,7 +35,7 @@ InstallCoordinator::InstallCoordinator(CoordinatorServices services)
 InstallCoordinator::~InstallCoordinator() {
     std::vector<CoordinatorStatePtr> running;
     {
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         _isWorking = false;
         _ready.clear();
         for (const auto& [bundleID, state] : _coordinators) {
@@ -64,13 +64,13 @@ Result<void> InstallCoordinator::_load() {
     if (_services.database.isReadOnly()) {
         return {}; // what is under way belongs to who has the device open, and so do the reports that wait
     }
+    const StatesLock lock(_mutex);
     std::uint64_t lastPromise = 0;
     auto coordinators = _store.load(lastPromise, maxHeldReports);
     if (!coordinators) {
         return coordinators.error();
     }
     _lastPromise = lastPromise;
-    const Lock lock(_mutex);
     for (const auto& [id, state] : *coordinators) {
         if (state->facts.end == CoordinatorEnd::reporting) {
             _reportEnd(state);
@@ -84,7 +84,7 @@ Result<void> InstallCoordinator::_load() {
 void InstallCoordinator::resume() {
     std::vector<CoordinatorStatePtr> ending;
     {
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         _isWorking = true;
         for (const auto& [bundleID, state] : _coordinators) {
             const auto checked = _checkAfterRestart(*state);
@@ -107,7 +107,7 @@ void InstallCoordinator::resume() {
 }
 
 CoordinatorStatePtr InstallCoordinator::find(std::string_view bundleID) {
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     const auto found = _coordinators.find(bundleID);
     return found == _coordinators.end() || found->second->facts.hasOutcome() ? nullptr : found->second;
 }
@@ -119,7 +119,7 @@ Result<CoordinatorStatePtr> InstallCoordinator::findOrCreate(std::string_view bu
                                     "\"" + std::string(bundleID) +
                                         "\" is no bundle identifier: " + std::string(bundleIdentifierRule));
     }
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     auto found = _coordinators.find(bundleID);
     while (found != _coordinators.end() && found->second->facts.hasOutcome()) {
         _changed.wait(_mutex);
@@ -148,7 +148,7 @@ Result<CoordinatorStatePtr> InstallCoordinator::findOrCreate(std::string_view bu
 
 std::vector<OpenCoordinator> InstallCoordinator::openCoordinators() {
     std::vector<CoordinatorStatePtr> states;
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     for (const auto& [bundleID, state] : _coordinators) {
         if (!state->facts.hasOutcome()) {
             states.push_back(state);
@@ -169,7 +169,7 @@ Result<void> InstallCoordinator::cancel(const CoordinatorStatePtr& state, const 
                                         KXClientIdentifier client) {
     bool isRunning = false;
     {
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         if (state->facts.hasOutcome() || state->cancelRequester) {
             _waitForEnd(*state);
             return endedError(*state);
@@ -187,7 +187,7 @@ Result<void> InstallCoordinator::cancel(const CoordinatorStatePtr& state, const 
         return {};
     }
     state->stop.request_stop();
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     _waitForEnd(*state);
     if (state->facts.error) {
         return {};
@@ -211,7 +211,7 @@ bool InstallCoordinator::prioritizeByUser(std::string_view bundleID) {
     }
     _services.registry.prioritize(bundleID);
     {
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         const auto waiting = std::find(_ready.begin(), _ready.end(), state);
         if (waiting != _ready.end()) {
             std::rotate(_ready.begin(), waiting, waiting + 1);
@@ -269,7 +269,7 @@ void InstallCoordinator::_work() {
 /// The step of the coordinator that is first in line; prioritising may have changed who that is. Returns nullopt when
 /// it has been cancelled meanwhile.
 std::optional<InstallCoordinator::Job> InstallCoordinator::_takeJob() {
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     if (_ready.empty()) {
         return std::nullopt;
     }
@@ -283,7 +283,9 @@ std::optional<InstallCoordinator::Job> InstallCoordinator::_takeJob() {
 /// What runs without the lock, with copies of what may change meanwhile.
 std::function<Result<void>()> InstallCoordinator::_performanceOf(const CoordinatorStatePtr& state, Step step) {
     if (step == Step::placeholder) {
-        return [this, state, placeholder = *state->placeholder] { return _installPlaceholder(*state, placeholder); };
+        return [this, placeholder = state->placeholder, facts = state->placeholder->facts] {
+            return _installPlaceholder(*placeholder, facts);
+        };
     }
     if (step == Step::finish) {
         return [this, state] { return _restoreUserData(*state); };
@@ -313,7 +315,7 @@ void InstallCoordinator::_placeholderWasInstalled(const CoordinatorStatePtr& sta
     PromisePtr icon;
     double fraction = 0;
     {
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         state->facts.isPlaceholderInstalled = true;
         // When this is lost the placeholder is installed once more after a restart, without its icon.
         _passOver(*state, _store.update(*state));
@@ -332,7 +334,7 @@ void InstallCoordinator::_placeholderWasInstalled(const CoordinatorStatePtr& sta
 bool InstallCoordinator::_waitForAnotherFile(const CoordinatorStatePtr& state, const ErrorPtr& error) {
     PromisePtr asset;
     {
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         if (!_isWorking || state->cancelRequester || state->kind != CoordinatorKind::restoring ||
             state->facts.responsibleClient == 0 || _services.registry.isInstalled(state->bundleID)) {
             return false;
@@ -350,7 +352,7 @@ bool InstallCoordinator::_waitForAnotherFile(const CoordinatorStatePtr& state, c
 /// Fixes the outcome when a step has ended the coordinator or somebody cancels it; else has the next step done. True:
 /// `_completeEnd` is to follow.
 bool InstallCoordinator::_beginEnd(const CoordinatorStatePtr& state, bool isDone, const ErrorPtr& error) {
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     if (isDone) {
         _fixOutcome(*state, nullptr, std::nullopt);
     } else if (state->cancelRequester) {
@@ -381,7 +383,7 @@ void InstallCoordinator::_fixOutcome(CoordinatorState& state, const ErrorPtr& er
 /// The further stages: clears away what is left, and has the outcome reported.
 void InstallCoordinator::_completeEnd(const CoordinatorStatePtr& state) {
     _clearAway(*state);
-    const Lock lock(_mutex);
+    const StatesLock lock(_mutex);
     const bool isReported = !state->facts.cancelledBy || *state->facts.cancelledBy != state->creator;
     _passOver(*state, isReported ? _store.updateToReport(*state) : _store.remove(state->id));
     _coordinators.erase(state->bundleID);

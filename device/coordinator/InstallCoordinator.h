@@ -161,7 +161,7 @@ class InstallCoordinator {
 
     /// Reads the state under the lock.
     template <class Reader> auto read(Reader&& reader) EXCLUDES(_mutex) {
-        const Lock lock(_mutex);
+        const StatesLock lock(_mutex);
         return reader();
     }
     /// Applies `change` to a coordinator that has not ended, and writes it.
@@ -226,49 +226,49 @@ class InstallCoordinator {
     [[nodiscard]] KXAppInstallCoordinatorPtr _handleOf(const CoordinatorStatePtr& state);
 
     // CoordinatorConfiguration.cpp
-    [[nodiscard]] Result<void> _checkOpen(const CoordinatorState& state) const REQUIRES(_mutex);
+    [[nodiscard]] Result<void> _checkOpen(const CoordinatorState& state) const REQUIRES(coordinatorStates);
 
     // InstallCoordinator.cpp
-    void _advance(const CoordinatorStatePtr& state) REQUIRES(_mutex);
-    [[nodiscard]] static Step _nextStep(const CoordinatorState& state);
+    void _advance(const CoordinatorStatePtr& state) REQUIRES(coordinatorStates);
+    [[nodiscard]] static Step _nextStep(const CoordinatorState& state) REQUIRES(coordinatorStates);
     void _work() EXCLUDES(_mutex);
     [[nodiscard]] std::optional<Job> _takeJob() EXCLUDES(_mutex);
     [[nodiscard]] std::function<Result<void>()> _performanceOf(const CoordinatorStatePtr& state, Step step)
-        REQUIRES(_mutex);
+        REQUIRES(coordinatorStates);
     void _record(const Job& job, const Result<void>& done) EXCLUDES(_mutex);
     void _placeholderWasInstalled(const CoordinatorStatePtr& state) EXCLUDES(_mutex);
     [[nodiscard]] bool _waitForAnotherFile(const CoordinatorStatePtr& state, const ErrorPtr& error) EXCLUDES(_mutex);
     [[nodiscard]] bool _beginEnd(const CoordinatorStatePtr& state, bool isDone, const ErrorPtr& error) EXCLUDES(_mutex);
     void _fixOutcome(CoordinatorState& state, const ErrorPtr& error, std::optional<KXClientIdentifier> cancelledBy)
-        REQUIRES(_mutex);
+        REQUIRES(coordinatorStates);
     void _completeEnd(const CoordinatorStatePtr& state) EXCLUDES(_mutex);
-    void _waitForEnd(const CoordinatorState& state) REQUIRES(_mutex);
+    void _waitForEnd(const CoordinatorState& state) REQUIRES(_mutex, coordinatorStates);
     void _report(const CoordinatorStatePtr& state, InstallObservers::Call call, std::function<void()> delivered = {});
-    void _reportEnd(const CoordinatorStatePtr& state);
+    void _reportEnd(const CoordinatorStatePtr& state) REQUIRES(coordinatorStates);
     void _passOver(const CoordinatorState& state, const Result<void>& done);
 
     // CoordinatorSteps.cpp
-    [[nodiscard]] Result<void> _installPlaceholder(const CoordinatorState& state, const PlaceholderState& placeholder);
+    [[nodiscard]] Result<void> _installPlaceholder(const PlaceholderState& placeholder, const PlaceholderFacts& facts);
     [[nodiscard]] Result<void> _installApp(const CoordinatorState& state, const InstallOptionsRecord& options,
                                            const PromiseRecord& asset);
     [[nodiscard]] bool _hasComeEarlier(const CoordinatorState& state, const ErrorPtr& error) const;
     [[nodiscard]] Result<void> _restoreUserData(const CoordinatorState& state);
     void _showTransfer(const CoordinatorState& state, double fraction);
-    void _clearAway(const CoordinatorState& state);
+    void _clearAway(const CoordinatorState& state) EXCLUDES(_mutex);
     void _removeAsset(const PromisePtr& asset);
     void _removeIcon(const PromisePtr& icon);
-    [[nodiscard]] Result<void> _checkAfterRestart(const CoordinatorState& state) const;
+    [[nodiscard]] Result<void> _checkAfterRestart(const CoordinatorState& state) const REQUIRES(coordinatorStates);
 
     const CoordinatorServices _services;
     CoordinatorStore _store;
     Group _busy; // steps that are ready or run, calls on the reports' threads
     InstallObservers _observers{_busy};
     std::atomic<std::uint64_t> _lastPromise = 0;
-    Mutex _mutex; // guards also what can change of the coordinators' and placeholders' states
+    Mutex _mutex; // held as a `StatesLock`
     Condition _changed;
-    std::map<std::string, CoordinatorStatePtr, std::less<>> _coordinators GUARDED_BY(_mutex);
-    std::deque<CoordinatorStatePtr> _ready GUARDED_BY(_mutex);
-    bool _isWorking GUARDED_BY(_mutex) = false; // between `resume` and the end
+    std::map<std::string, CoordinatorStatePtr, std::less<>> _coordinators GUARDED_BY(coordinatorStates);
+    std::deque<CoordinatorStatePtr> _ready GUARDED_BY(coordinatorStates);
+    bool _isWorking GUARDED_BY(coordinatorStates) = false; // between `resume` and the end
     OperationQueue _workers{maxStepsAtOnce};
     std::shared_ptr<Classes> _classes;
 };

@@ -160,6 +160,8 @@ TEST_F(CoordinatorTest, OfTheOutcomesThatNobodyAskedForTheNewestAreKept) {
             ASSERT_TRUE(store.updateToReport(state));
         }
     }
+    Mutex mutex;
+    const StatesLock lock(mutex);
     std::uint64_t lastPromise = 0;
     const auto loaded = store.load(lastPromise, 2);
     ASSERT_TRUE(loaded);
