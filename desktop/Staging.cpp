@@ -1,6 +1,7 @@
 #include "desktop/Staging.h"
 
 #include "platform/FileSystem.h"
+#include "platform/HomeScreen.h"
 #include "platform/PropertyListSerialization.h"
 #include "platform/host/Places.h"
 
@@ -130,13 +131,13 @@ class Arrangement {
     }
     void _addFolder(Dictionary folder, Array& places) {
         Array pages;
-        for (const Value& page : folder.array(folderPages) != nullptr ? *folder.array(folderPages) : Array{}) {
+        for (const Value& page : folder.array(iconFolderPages) != nullptr ? *folder.array(iconFolderPages) : Array{}) {
             if (Array icons = _remainder(page); !icons.empty()) {
                 pages.emplace_back(std::move(icons));
             }
         }
         if (!pages.empty()) {
-            folder.set(folderPages, std::move(pages));
+            folder.set(iconFolderPages, std::move(pages));
             places.emplace_back(std::move(folder));
         }
     }
@@ -151,8 +152,6 @@ class Arrangement {
             _pages.emplace_back(std::exchange(_page, {}));
         }
     }
-
-    static constexpr std::string_view folderPages = "iconLists";
 
     std::set<std::string> _gone; // the apps that are removed, and those that have their place
     Array _pages;

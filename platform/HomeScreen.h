@@ -10,6 +10,10 @@ namespace appsync {
 
 using SKPort = std::uint32_t;
 
+/// Keys of a folder in an icon layout, a dictionary: its name, and its pages, which are arrays of bundle identifiers.
+inline constexpr std::string_view iconFolderName = "displayName";
+inline constexpr std::string_view iconFolderPages = "iconLists";
+
 /// While one is held, the app that it was granted for is not running and cannot be started. Dropping it lets go.
 class SKSApplicationTerminationAssertion {
   public:
@@ -30,7 +34,7 @@ class HomeScreen {
     /// The port of the home screen's service; 0 when it does not run. Being asked wakes it.
     [[nodiscard]] virtual SKPort SKSSkellanBlockableServerPort() noexcept = 0;
     /// Applies an icon layout: the bytes of a property list from the desktop, untrusted. Its root is an array of bundle
-    /// identifiers or of pages, which are such arrays; what is none changes nothing.
+    /// identifiers and folders or of pages, which are such arrays; what is none changes nothing.
     virtual void SKSetIconState(SKPort port, std::string_view iconState) noexcept = 0;
     /// The order of the icons: the bytes of a property list (`format` 1: binary) whose root is an array of bundle
     /// identifiers, those of the layout first. On success `*buffer` points to `*length` bytes, which the caller frees

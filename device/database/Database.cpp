@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace appsync::device {
@@ -201,6 +202,10 @@ void Database::_open(const std::string& path) noexcept {
 /// With the log and the shared memory there SQLite finds out by their locks whether the device is open elsewhere, and
 /// without them only that nobody has opened it since it was closed, by a version of this program that removed them.
 void Database::_look(const std::string& path) noexcept {
+    if (sizeOf(path) < 0 && errno == ENOENT) {
+        _fail(DatabaseError::failed, "it is missing; put a copy of it back");
+        return;
+    }
     const std::int64_t logSize = sizeOf(path + logExtension);
     const bool hasSharedMemory = sizeOf(path + "-shm") >= 0;
     if (logSize > 0 && !hasSharedMemory) {

@@ -1,5 +1,7 @@
 #include "device/screen/IconLayout.h"
 
+#include "platform/HomeScreen.h"
+
 #include <unordered_set>
 
 namespace appsync::device {
@@ -59,8 +61,8 @@ class Reader {
     }
 
     Result<void> _readFolder(const Dictionary& entries, const std::string& where, IconPage& page) {
-        const auto name = entries.string("displayName");
-        const Array* lists = entries.array("iconLists");
+        const auto name = entries.string(iconFolderName);
+        const Array* lists = entries.array(iconFolderPages);
         if (!name || !lists) {
             return noLayout(where + " is a folder without a displayName or iconLists");
         }
@@ -99,7 +101,7 @@ Value toValue(const IconPlace& place) {
     for (const IdentifierList& page : folder.pages) {
         lists.emplace_back(toArray(page));
     }
-    return Dictionary{{"displayName", folder.displayName}, {"iconLists", std::move(lists)}};
+    return Dictionary{{iconFolderName, folder.displayName}, {iconFolderPages, std::move(lists)}};
 }
 
 } // namespace

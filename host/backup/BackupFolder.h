@@ -10,6 +10,7 @@
 #include "device/screen/IconLayout.h"
 #include "device/services/DemotedApps.h"
 #include "files/Descriptor.h"
+#include "platform/host/Places.h"
 #include "values/PropertyList.h"
 #include "values/Result.h"
 
@@ -25,7 +26,7 @@ class PropertyListSerialization;
 
 namespace appsync::host {
 
-inline constexpr std::string_view restoreInfoName = "RestoreApplications.plist";
+inline constexpr std::string_view restoreInfoName = paths::restoreInfo.substr(paths::restoreInfo.rfind('/') + 1);
 inline constexpr std::string_view demotedAppsName = "DemotedApps.plist";
 inline constexpr std::string_view iconStateName = "IconState.plist";
 inline constexpr std::string_view backupDataName = "Data";

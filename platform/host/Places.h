@@ -6,8 +6,8 @@
 
 namespace appsync::paths {
 
-inline constexpr std::string_view publicStaging = "/var/mobile/Media/PublicStaging";
 inline constexpr std::string_view stagingArea = "/var/mobile/Media/PublicStaging/ApplicationSync";
+inline constexpr std::string_view publicStaging = stagingArea.substr(0, stagingArea.rfind('/'));
 inline constexpr std::string_view lastSyncAppState = "/var/mobile/Library/ApplicationSync/LastSyncAppState.plist";
 inline constexpr std::string_view restoreState = "/var/mobile/Library/ApplicationSync/RestoreState.plist";
 inline constexpr std::string_view demotedApps = "/var/mobile/Library/Preferences/com.zuvex.Halvane.DemotedApps.plist";
