@@ -86,12 +86,12 @@ Watchers::Watchers(const std::string& qrd, const std::string& device, int pages)
     for (int page = 0; page < pages; ++page) {
         Page opened = openPage(address.substr(port, path - port), address.substr(token, address.find('\n') - token));
         Heard* const heard = page == 0 ? &_heard : nullptr;
-        if (heard != nullptr) {
+        if (heard) {
             heard->emplace_back(std::chrono::system_clock::now(), std::move(opened.begin));
         }
         _pages.emplace_back([heard, connection = std::move(opened.connection)] {
             Heard unwanted;
-            hear(connection.get(), heard != nullptr ? *heard : unwanted);
+            hear(connection.get(), heard ? *heard : unwanted);
         });
     }
 }

@@ -51,7 +51,7 @@ Measured run(const std::vector<std::string>& words, appsync::bench::Heard* heard
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     std::array<int, 2> pipe{-1, -1};
-    if (heard != nullptr && pipe2(pipe.data(), O_CLOEXEC) == 0) {
+    if (heard && pipe2(pipe.data(), O_CLOEXEC) == 0) {
         posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
     } else {
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
@@ -66,7 +66,7 @@ Measured run(const std::vector<std::string>& words, appsync::bench::Heard* heard
     }
     posix_spawn_file_actions_destroy(&actions);
     input = {};
-    if (heard != nullptr) {
+    if (heard) {
         appsync::bench::hear(output.get(), *heard);
     }
     int status = 0;

@@ -100,7 +100,7 @@ class AppReader {
         }
         const ZipDirectory::Entry* icon = _directory.find(_app.bundleName + "/" + std::string(*name));
         const bool isUsable =
-            icon != nullptr && icon->kind == ZipDirectory::Kind::file && icon->unpackedBytes <= limits.pictureBytes;
+            icon && icon->kind == ZipDirectory::Kind::file && icon->unpackedBytes <= limits.pictureBytes;
         return isUsable ? std::optional<std::string>(*name) : std::nullopt;
     }
 

@@ -120,10 +120,10 @@ class Arrangement {
     /// The icons and folders that stay on a page; a folder that nothing is left of goes.
     Array _remainder(const Value& page) {
         Array places;
-        for (const Value& place : page.array() != nullptr ? *page.array() : Array{}) {
+        for (const Value& place : page.array() ? *page.array() : Array{}) {
             if (const auto identifier = place.string(); identifier && _gone.emplace(*identifier).second) {
                 places.emplace_back(place);
-            } else if (place.dictionary() != nullptr) {
+            } else if (place.dictionary()) {
                 _addFolder(*place.dictionary(), places);
             }
         }
@@ -131,7 +131,7 @@ class Arrangement {
     }
     void _addFolder(Dictionary folder, Array& places) {
         Array pages;
-        for (const Value& page : folder.array(iconFolderPages) != nullptr ? *folder.array(iconFolderPages) : Array{}) {
+        for (const Value& page : folder.array(iconFolderPages) ? *folder.array(iconFolderPages) : Array{}) {
             if (Array icons = _remainder(page); !icons.empty()) {
                 pages.emplace_back(std::move(icons));
             }

@@ -47,7 +47,7 @@ void expectUsable(const BackupContent& content) {
         const bool isUsable = appsync::isBundleIdentifier(app.identifier);
         expect(isUsable || !app.problem.empty(), "an identifier that names a path is refused");
         expect(!app.name.empty() || app.identifier.empty(), "an app has a name");
-        expect(!app.problem.empty() || app.entry.dictionary() != nullptr, "what is restored is a dictionary");
+        expect(!app.problem.empty() || app.entry.dictionary(), "what is restored is a dictionary");
     }
     const std::size_t unused = (content.demoted ? 0U : 1U) + (content.iconState ? 0U : 1U);
     expect(content.problems.size() == unused, "a list that is not used is told");

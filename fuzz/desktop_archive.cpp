@@ -19,8 +19,7 @@ using appsync::fuzz::expect;
 using appsync::fuzz::require;
 
 void expectSentence(const appsync::ErrorPtr& error, const std::string& path) {
-    expect(error != nullptr && appsync::errorText(error).find(path) != std::string::npos,
-           "a refusal names its archive");
+    expect(error && appsync::errorText(error).find(path) != std::string::npos, "a refusal names its archive");
 }
 
 void expectBounded(const desktop::AppDescription& app) {

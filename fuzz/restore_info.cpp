@@ -11,8 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         device.world.files.put(paths::restoreInfo, appsync::fuzz::text(bytes, size));
         device.world.files.putFolder("/var/mobile/Library/Logs/MediaServices");
         appsync::ErrorPtr error;
-        expect(device.client->reconcileRestoreOfType_withError(2, &error) && error == nullptr,
-               "a restore is never refused");
+        expect(device.client->reconcileRestoreOfType_withError(2, &error) && !error, "a restore is never refused");
         expect(!device.world.files.exists(paths::restoreInfo), "the information is put aside");
         expect(device.world.files.exists(paths::processedRestoreInfo), "the information is kept");
     }

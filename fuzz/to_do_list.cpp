@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         expect(device.client->reconcileSync_withNewAnchor_progressCallback_error(nullptr, "", {}, nullptr),
                "a bad list does not end the sync");
         for (const auto& asset : device.client->outstandingAssetTransfers()) {
-            expect(asset != nullptr && !asset->identifier.empty(), "what is asked for has a name");
+            expect(asset && !asset->identifier.empty(), "what is asked for has a name");
             device.client->changeAssetID_toDo(asset->identifier, "SENT");
         }
     }

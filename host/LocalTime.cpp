@@ -27,7 +27,7 @@ std::string formatted(const char* format, const std::tm& parts) {
 /// The text read whole by a format of `strptime`.
 std::optional<std::tm> parsedBy(const char* format, const std::string& text, std::tm parts) {
     const char* end = ::strptime(text.c_str(), format, &parts);
-    return end != nullptr && end == text.c_str() + text.size() ? std::optional(parts) : std::nullopt;
+    return end && end == text.c_str() + text.size() ? std::optional(parts) : std::nullopt;
 }
 
 /// The first of the formats that fits.

@@ -16,7 +16,7 @@ constexpr std::size_t headSize = sizeof(detail::DataBox);
 } // namespace
 
 ByteBuffer::~ByteBuffer() {
-    if (_bytes != nullptr) {
+    if (_bytes) {
         std::free(_bytes - headSize);
     }
 }
@@ -26,8 +26,8 @@ void ByteBuffer::grow(std::size_t count) {
         failWriting(PropertyListErrorCode::tooLarge, "more than " + std::to_string(_limit) + " bytes");
     }
     const std::size_t capacity = std::min(_limit, std::max({std::size_t{4096}, 2 * _capacity, _size + count}));
-    void* const memory = std::realloc(_bytes == nullptr ? nullptr : _bytes - headSize, headSize + capacity + slack);
-    if (memory == nullptr) {
+    void* const memory = std::realloc(!_bytes ? nullptr : _bytes - headSize, headSize + capacity + slack);
+    if (!memory) {
         throw std::bad_alloc();
     }
     _bytes = static_cast<char*>(memory) + headSize;
@@ -40,7 +40,7 @@ Data ByteBuffer::finish() {
     const std::size_t size = std::exchange(_size, 0);
     _capacity = 0;
     void* const fitting = std::realloc(memory, headSize + size);
-    return ValueAccess::data(detail::DataBox::adopt(fitting == nullptr ? memory : fitting, size));
+    return ValueAccess::data(detail::DataBox::adopt(!fitting ? memory : fitting, size));
 }
 
 } // namespace appsync::propertylist

@@ -51,7 +51,7 @@ auto guarded(ErrorPtr* error, bool reading, Work work) noexcept -> std::optional
     } catch (...) {
         // Not even the error fits into memory.
     }
-    if (error != nullptr) {
+    if (error) {
         *error = std::move(reason);
     }
     return std::nullopt;

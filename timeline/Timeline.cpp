@@ -201,7 +201,7 @@ Result<void> Timeline::write(OutputFile& file) {
         } else {
             fields.update({{"cat", "app"}, {"id", *event.app}, {"tid", 1}});
         }
-        if (event.kind == 'X' && event.app != nullptr) {
+        if (event.kind == 'X' && event.app) {
             fields["args"] = {{"app", *event.app}};
         }
         writer.write(std::string_view(&event.kind, 1), event.name, fields);

@@ -45,18 +45,18 @@ class Timeline {
 
     /// An app waits from now on, whichever thread ends that. Does nothing when it waits for that already.
     static void beginWaiting(Timeline* timeline, const char* name, std::string_view app) {
-        if (timeline != nullptr) {
+        if (timeline) {
             timeline->_beginWaiting(name, app);
         }
     }
     /// It waits for nothing any more.
     static void endWaiting(Timeline* timeline, std::string_view app) {
-        if (timeline != nullptr) {
+        if (timeline) {
             timeline->_endWaiting(app);
         }
     }
     static void add(Timeline* timeline, Counter counter, std::uint64_t amount = 1) {
-        if (timeline != nullptr) {
+        if (timeline) {
             timeline->_add(counter, amount);
         }
     }
@@ -118,9 +118,9 @@ class Timeline {
 class Span {
   public:
     Span(Timeline* timeline, const char* name, std::string_view app = {})
-        : _timeline(timeline), _name(name), _app(app), _began(timeline != nullptr ? timeline->_begin(name) : 0) {}
+        : _timeline(timeline), _name(name), _app(app), _began(timeline ? timeline->_begin(name) : 0) {}
     ~Span() {
-        if (_timeline != nullptr) {
+        if (_timeline) {
             _timeline->_end(_name, _app, _began);
         }
     }

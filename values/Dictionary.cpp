@@ -244,27 +244,27 @@ void Dictionary::append(Text key, Value value) {
 
 std::optional<std::string_view> Dictionary::string(std::string_view key) const noexcept {
     const Value* value = find(key);
-    return value != nullptr ? value->string() : std::nullopt;
+    return value ? value->string() : std::nullopt;
 }
 
 std::optional<Data> Dictionary::data(std::string_view key) const noexcept {
     const Value* value = find(key);
-    return value != nullptr ? value->data() : std::nullopt;
+    return value ? value->data() : std::nullopt;
 }
 
 const Array* Dictionary::array(std::string_view key) const noexcept {
     const Value* value = find(key);
-    return value != nullptr ? value->array() : nullptr;
+    return value ? value->array() : nullptr;
 }
 
 const Dictionary* Dictionary::dictionary(std::string_view key) const noexcept {
     const Value* value = find(key);
-    return value != nullptr ? value->dictionary() : nullptr;
+    return value ? value->dictionary() : nullptr;
 }
 
 bool Dictionary::truth(std::string_view key) const noexcept {
     const Value* value = find(key);
-    return value != nullptr && value->truth().value_or(false);
+    return value && value->truth().value_or(false);
 }
 
 } // namespace appsync

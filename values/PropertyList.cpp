@@ -159,7 +159,7 @@ bool areEqual(const Array& a, const Array& b, std::size_t depth) noexcept {
 bool areEqual(const Dictionary& a, const Dictionary& b, std::size_t depth) noexcept {
     const auto hasEqual = [&](const Dictionary::Entry& entry) {
         const Value* other = b.find(entry.key);
-        return other != nullptr && areEqual(entry.value, *other, depth);
+        return other && areEqual(entry.value, *other, depth);
     };
     return a.size() == b.size() && std::all_of(a.begin(), a.end(), hasEqual);
 }

@@ -46,7 +46,7 @@ template <> class [[nodiscard]] Result<void> {
     /// Null means success.
     Result(ErrorPtr error) : _error(std::move(error)) {}
 
-    explicit operator bool() const noexcept { return _error == nullptr; }
+    explicit operator bool() const noexcept { return !_error; }
     [[nodiscard]] const ErrorPtr& error() const noexcept { return _error; }
 
   private:

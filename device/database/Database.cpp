@@ -102,7 +102,7 @@ bool isOther(const char* path) {
 int openFile(sqlite3_vfs* /*files*/, const char* path, sqlite3_file* file, int flags, int* outFlags) {
     // SQLite opens the shared memory by itself, beside the database.
     const bool isDatabase = (flags & SQLITE_OPEN_MAIN_DB) != 0;
-    if (path != nullptr && (isOther(path) || (isDatabase && isOther((std::string(path) + "-shm").c_str())))) {
+    if (path && (isOther(path) || (isDatabase && isOther((std::string(path) + "-shm").c_str())))) {
         file->pMethods = nullptr;
         return SQLITE_CANTOPEN_ISDIR;
     }

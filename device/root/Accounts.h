@@ -25,7 +25,7 @@ class Accounts {
             passwd account{};
             passwd* found = nullptr;
             (void)::getpwnam_r(known, &account, texts.data(), texts.size(), &found);
-            return found != nullptr ? std::optional(account.pw_uid) : std::nullopt;
+            return found ? std::optional(account.pw_uid) : std::nullopt;
         });
     }
     /// The same for a group. One with more members than fit into memory set aside for that counts as unknown.
@@ -35,7 +35,7 @@ class Accounts {
             ::group account{};
             ::group* found = nullptr;
             (void)::getgrnam_r(known, &account, texts.data(), texts.size(), &found);
-            return found != nullptr ? std::optional(account.gr_gid) : std::nullopt;
+            return found ? std::optional(account.gr_gid) : std::nullopt;
         });
     }
 

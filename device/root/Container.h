@@ -32,7 +32,7 @@ class Container {
     [[nodiscard]] Result<void> putInPlace();
     /// It belongs to an app now.
     void keep() noexcept { _files = nullptr; }
-    [[nodiscard]] bool isKept() const noexcept { return _files == nullptr; }
+    [[nodiscard]] bool isKept() const noexcept { return !_files; }
 
   private:
     Container(DeviceFileSystem& files, std::string name) : _files(&files), _name(std::move(name)) {}

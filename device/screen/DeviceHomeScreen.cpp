@@ -123,7 +123,7 @@ void DeviceHomeScreen::SKGetFlattenedIconState(SKPort port, std::uint32_t format
     const IdentifierList order = flattenedOrder();
     const auto bytes = _services.propertyLists.dataWithPropertyList(Array(order.begin(), order.end()),
                                                                     PropertyListFormat::binary, nullptr);
-    if (auto* copy = bytes ? new (std::nothrow) char[bytes->size()] : nullptr; copy != nullptr) {
+    if (auto* copy = bytes ? new (std::nothrow) char[bytes->size()] : nullptr; copy) {
         std::copy(bytes->bytes().begin(), bytes->bytes().end(), copy);
         *buffer = copy;
         *length = bytes->size();

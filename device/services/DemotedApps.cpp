@@ -15,7 +15,7 @@ constexpr std::string_view intentionalKey = "IntentionalDowngrades";
 std::set<std::string> textsIn(const Dictionary& root, std::string_view key) {
     std::set<std::string> texts;
     const Value* list = root.find(key);
-    if (list != nullptr && list->array() != nullptr) {
+    if (list && list->array()) {
         for (const Value& entry : *list->array()) {
             if (const auto text = entry.string()) {
                 texts.emplace(*text);
@@ -36,7 +36,7 @@ Array arrayOf(const std::set<std::string>& texts) {
 } // namespace
 
 std::optional<DemotionLists> DemotionLists::fromPropertyList(const Value& root) {
-    if (root.dictionary() == nullptr) {
+    if (!root.dictionary()) {
         return std::nullopt;
     }
     return DemotionLists{textsIn(*root.dictionary(), automaticKey), textsIn(*root.dictionary(), intentionalKey)};

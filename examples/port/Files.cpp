@@ -10,7 +10,7 @@ namespace {
 
 /// False, with the reason, unless the number is 0.
 bool done(int problem, std::string_view path, ErrorPtr* error) {
-    if (problem != 0 && error != nullptr) {
+    if (problem != 0 && error) {
         *error = makeError(posixErrorDomain, problem, std::generic_category().message(problem), path);
     }
     return problem == 0;

@@ -91,7 +91,7 @@ PDApplicationProxyPtr Registry::applicationProxyForIdentifier_placeholder(std::s
                                                                           bool placeholder) noexcept {
     const std::lock_guard lock(_mutex);
     const auto proxy = placeholder ? _proxy(_placeholders, bundleIdentifier) : nullptr;
-    return proxy != nullptr ? proxy : _proxy(_installed, bundleIdentifier);
+    return proxy ? proxy : _proxy(_installed, bundleIdentifier);
 }
 
 bool Registry::applicationIsInstalled(std::string_view bundleIdentifier) noexcept {
@@ -127,7 +127,7 @@ void Registry::enumerateBundlesOfType_block(
 bool Registry::installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
                                                     ErrorPtr* error) noexcept {
     const auto installed = _install(url, options);
-    if (!installed && error != nullptr) {
+    if (!installed && error) {
         *error = installed.error();
     }
     tellInstalls();
@@ -172,7 +172,7 @@ Result<void> Registry::_install(const FileURL& url, const Dictionary& options) {
 Result<App> Registry::_read(const FileURL& url, const std::string& identifier, bool isPlaceholder) {
     const auto bytes = _files.readFile(url.path() + (isPlaceholder ? "/Info.plist" : ""), nullptr);
     const auto info = bytes ? _propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
-    if (!info || info->dictionary() == nullptr || info->dictionary()->string(PDBundleIdentifierKey) != identifier) {
+    if (!info || !info->dictionary() || info->dictionary()->string(PDBundleIdentifierKey) != identifier) {
         return refused("This is not the app that it should be.", url.path()).error();
     }
     App app{.identifier = identifier, .isPlaceholder = isPlaceholder, .size = bytes->size()};
@@ -203,7 +203,7 @@ bool Registry::uninstallApplication_withOptions(std::string_view bundleIdentifie
     {
         const std::lock_guard lock(_mutex);
         const bool wasUnderWay = _underWay.erase(identifier) > 0;
-        const bool takesApp = !wasUnderWay && (options == nullptr || !options->truth(PDUninstallPlaceholdersOnlyKey));
+        const bool takesApp = !wasUnderWay && (!options || !options->truth(PDUninstallPlaceholdersOnlyKey));
         _progress.erase(identifier);
         Apps& apps = takesApp && !_placeholders.contains(identifier) ? _installed : _placeholders;
         isRemoved = apps.contains(identifier);
@@ -217,7 +217,7 @@ bool Registry::uninstallApplication_withOptions(std::string_view bundleIdentifie
 
 FNProgressPtr Registry::installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
                                                                 std::uint64_t phase) noexcept {
-    if (application == nullptr) {
+    if (!application) {
         return nullptr;
     }
     const std::string identifier = application->bundleIdentifier();
@@ -229,7 +229,7 @@ FNProgressPtr Registry::installProgressForApplication_withPhase(const PDApplicat
             return nullptr;
         }
         FNProgressPtr& known = _progress[identifier];
-        if (known != nullptr) {
+        if (known) {
             return known;
         }
         progress = known = std::make_shared<Progress>(*this, phase);
@@ -239,7 +239,7 @@ FNProgressPtr Registry::installProgressForApplication_withPhase(const PDApplicat
 }
 
 void Registry::installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept {
-    if (progress == nullptr) {
+    if (!progress) {
         return;
     }
     if (progress->installPhase() == PDInstallPhaseLoading && progress->installState() < PDInstallStateCanceled) {
@@ -275,7 +275,7 @@ Observers::Call Registry::_installs() {
     for (const auto& [identifier, progress] : _progress) {
         const auto placeholder = _proxy(_placeholders, identifier);
         const std::uint64_t state = progress->installState();
-        if (placeholder != nullptr && state <= PDInstallStatePaused) {
+        if (placeholder && state <= PDInstallStatePaused) {
             (state == PDInstallStatePaused ? paused : prioritized).push_back(placeholder);
         }
     }
@@ -290,14 +290,14 @@ void Registry::cancel(const std::string& identifier) {
     {
         const std::lock_guard lock(_mutex);
         cancelled = _proxy(_placeholders, identifier);
-        if (cancelled == nullptr) {
+        if (!cancelled) {
             return;
         }
         progress = cancelled->installProgressSync();
         _progress.erase(identifier);
         _removeFrom(_placeholders, identifier);
     }
-    if (progress != nullptr) {
+    if (progress) {
         progress->cancel();
     }
     _observers.callAll(

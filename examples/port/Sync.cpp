@@ -71,8 +71,8 @@ void transfer(Device& device, QRClient& client, const QRAssetPtr& asset) {
 std::string operation(Device& device) {
     const auto bytes = device.files.readFile(workArea + "/ApplicationsSync.plist", nullptr);
     const auto list = bytes ? device.propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
-    for (const Value& record : list && list->array() != nullptr ? *list->array() : Array{}) {
-        if (record.dictionary() != nullptr && record.dictionary()->string("identifier") == app) {
+    for (const Value& record : list && list->array() ? *list->array() : Array{}) {
+        if (record.dictionary() && record.dictionary()->string("identifier") == app) {
             return std::string(record.dictionary()->string("operation").value_or("none"));
         }
     }
@@ -105,8 +105,8 @@ bool sync(Device& device, QRClient& client) {
     sayWhatThePlugInDid(device);
     const auto proxy = device.registry.applicationProxyForIdentifier_placeholder(app, false);
     say("the to-do list says " + operation(device));
-    say("the registry has " + (proxy != nullptr ? app + " " + proxy->bundleVersion().value_or("") : "no " + app));
-    return operation(device) == "INSTALLED" && proxy != nullptr;
+    say("the registry has " + (proxy ? app + " " + proxy->bundleVersion().value_or("") : "no " + app));
+    return operation(device) == "INSTALLED" && proxy;
 }
 
 } // namespace

@@ -36,7 +36,7 @@ class AppCheck {
     [[nodiscard]] bool _isReadable() {
         const auto bytes = _files.readFile(_pathOf(infoFileName), nullptr);
         const auto list = bytes ? _propertyLists.propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
-        return list && list->dictionary() != nullptr;
+        return list && list->dictionary();
     }
 
     void _checkVersion() {

@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t maxListSize = std::size_t{256} << 20;
 
 std::string textOf(const ErrorPtr& error) {
-    const auto text = error != nullptr ? error->userInfo().string(errorDescriptionKey) : std::nullopt;
+    const auto text = error ? error->userInfo().string(errorDescriptionKey) : std::nullopt;
     return text ? ": " + std::string(*text) : std::string(".");
 }
 
@@ -55,7 +55,7 @@ class ListReader {
     /// Likewise, and it must be a dictionary.
     Result<Value> readDictionary(std::string_view name) {
         auto list = read(name);
-        if (list && list->dictionary() == nullptr) {
+        if (list && !list->dictionary()) {
             return hostError("'" + pathOf(name) + "' is no dictionary.");
         }
         return list;
@@ -88,7 +88,7 @@ void readEntry(const Value& value, PropertyListSerialization& propertyLists, Bac
         app.problem = "It is no bundle identifier.";
         return;
     }
-    if (value.dictionary() == nullptr) {
+    if (!value.dictionary()) {
         app.problem = "What the backup says of it is no dictionary.";
         return;
     }
@@ -99,7 +99,7 @@ void readEntry(const Value& value, PropertyListSerialization& propertyLists, Bac
         return;
     }
     const auto list = propertyLists.propertyListWithData(metadata->bytes(), nullptr);
-    if (!list || list->dictionary() == nullptr) {
+    if (!list || !list->dictionary()) {
         app.problem = "Its store metadata is damaged.";
         return;
     }

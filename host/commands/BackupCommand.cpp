@@ -130,7 +130,7 @@ class BackupWriter {
         }
         const auto list =
             *bytes ? _device.propertyLists().propertyListWithData((*bytes)->bytes(), nullptr) : std::nullopt;
-        Dictionary metadata = list && list->dictionary() != nullptr ? *list->dictionary() : Dictionary{};
+        Dictionary metadata = list && list->dictionary() ? *list->dictionary() : Dictionary{};
         if (!metadata.contains("title")) {
             metadata.set("title", app.name);
         }

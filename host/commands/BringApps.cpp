@@ -31,7 +31,7 @@ void tellPerson(const SyncReport& report, const BringWords& words) {
 ExitCode tellOutcome(const SyncReport& report, JsonOutput json, const BringWords& words) {
     switch (json) {
     case JsonOutput::none:
-        if (report.failure == nullptr) {
+        if (!report.failure) {
             tellPerson(report, words);
         }
         std::cout.flush(); // before what stands on the other stream
@@ -40,7 +40,7 @@ ExitCode tellOutcome(const SyncReport& report, JsonOutput json, const BringWords
     case JsonOutput::object: printJson(std::cout, toJson(report), 2); break;
     case JsonOutput::lines: printEvent(std::cout, {{"event", "ended"}, {"report", toJson(report)}}); break;
     }
-    if (report.failure != nullptr) {
+    if (report.failure) {
         return fail(reasonOf(report.failure));
     }
     if (report.interrupted) {

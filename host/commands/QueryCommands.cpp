@@ -76,7 +76,7 @@ ExitCode showMetrics(const QueryArguments& arguments) {
         const Dictionary metrics = client.installedAssetMetrics();
         const auto number = [&](std::string_view key) {
             const Value* value = metrics.find(key);
-            return value != nullptr ? value->unsignedInteger().value_or(0) : 0;
+            return value ? value->unsignedInteger().value_or(0) : 0;
         };
         if (arguments.json) {
             printJson(std::cout,

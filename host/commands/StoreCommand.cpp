@@ -59,7 +59,7 @@ class StoreClient {
         while (const auto identifier = queue.next()) {
             Order& order = *byIdentifier.at(*identifier);
             order.error = _deliver(order, queue).error();
-            order.isInstalling = order.error == nullptr;
+            order.isInstalling = !order.error;
             if (!order.isInstalling) {
                 _view.transferEnded(order.identifier, _errorOf(order));
             }
@@ -92,11 +92,11 @@ class StoreClient {
     }
 
     static ErrorPtr _errorOf(const Order& order) {
-        const ErrorPtr ended = order.coordinator != nullptr ? order.coordinator->error() : nullptr;
+        const ErrorPtr ended = order.coordinator ? order.coordinator->error() : nullptr;
         if (isError(ended, device::coordinatorErrorDomain, device::CoordinatorError::cancelledByPerson)) {
             return cancelledByUserError();
         }
-        return order.error != nullptr ? order.error : ended;
+        return order.error ? order.error : ended;
     }
 
     AppReport _reportOf(const Order& order) {
@@ -107,10 +107,10 @@ class StoreClient {
             report.result = AppResult::waiting;
         } else if (isError(error, hostTransferErrorDomain, TransferError::cancelledByUser)) {
             report.result = AppResult::cancelled;
-        } else if (error == nullptr && app && app->isInstalled && !app->isPlaceholder) {
+        } else if (!error && app && app->isInstalled && !app->isPlaceholder) {
             report.result = AppResult::installed;
             report.version = app->version;
-        } else if (error == nullptr) {
+        } else if (!error) {
             report.reason = "The device has not installed it; `qrd log` tells more.";
         }
         return report;
@@ -122,9 +122,9 @@ class StoreClient {
             const AppReport report = order.isInstalling ? _reportOf(order) : AppReport();
             const bool isDone = report.result == AppResult::installed;
             const ErrorPtr error = order.isInstalling ? _errorOf(order) : nullptr;
-            if (order.isInstalling && (isDone || error != nullptr || isEnd)) {
+            if (order.isInstalling && (isDone || error || isEnd)) {
                 order.isInstalling = false;
-                _view.installEnded(order.identifier, isDone || error != nullptr ? error : hostError(report.reason));
+                _view.installEnded(order.identifier, isDone || error ? error : hostError(report.reason));
             }
         }
     }
@@ -143,7 +143,7 @@ class StoreClient {
         std::vector<AppStatus> planned;
         for (const Order& order : _orders) {
             const desktop::AppArchive* app = _catalogue.find(order.identifier, order.version);
-            planned.push_back({order.identifier, order.name, app != nullptr ? app->size : 0});
+            planned.push_back({order.identifier, order.name, app ? app->size : 0});
         }
         _view.began(std::move(planned));
     }
@@ -171,16 +171,16 @@ class StoreClient {
                                                           "The store was interrupted; `qrd store` again to go on.")
                                           : Result<void>();
         };
-        if (order.coordinator == nullptr) {
+        if (!order.coordinator) {
             return {}; // its install has just ended
         }
         ErrorPtr error;
         auto promise = order.coordinator->appAssetPromiseWithError(&error);
-        if (promise != nullptr && promise->isComplete()) {
+        if (promise && promise->isComplete()) {
             return {}; // delivered before an interruption
         }
         const desktop::AppArchive* app = _catalogue.find(order.identifier, order.version);
-        if (app == nullptr) {
+        if (!app) {
             return hostError("It is not in the catalogue.");
         }
         const std::string path = downloadFolder + "/" + order.identifier + ".archive";
@@ -195,7 +195,7 @@ class StoreClient {
         }
         _view.transferEnded(order.identifier, nullptr);
         const auto url = FileURL::fileURLWithPath(path, false);
-        if (promise != nullptr) {
+        if (promise) {
             promise->setTransferPath(url);
         } else {
             promise = _platform.transferPromises.initWithName_client_transferPath_diskSpaceNeeded(

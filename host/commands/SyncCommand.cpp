@@ -50,7 +50,7 @@ ExitCode sync(const SyncArguments& arguments) {
             SyncPlan plan = planSync(*library, stateOf(device),
                                      {arguments.install, arguments.remove, arguments.reinstall, arguments.downgrade});
             plan.report.isDryRun = arguments.dryRun;
-            if (arguments.dryRun || plan.report.failure != nullptr) {
+            if (arguments.dryRun || plan.report.failure) {
                 return std::move(plan.report);
             }
             clearLeftovers(device, plan.goingOn, plan.takenBack);

@@ -24,7 +24,7 @@ Result<TraceFile> TraceFile::open(const std::string& path) {
 }
 
 void TraceFile::finish(SyncReport& report) {
-    if (_file == nullptr) {
+    if (!_file) {
         return;
     }
     auto written = _timeline->write(*_file);

@@ -11,7 +11,7 @@ namespace appsync::host {
 
 RunControl::RunControl(device::Device& device, SyncView& view, const Interrupt* interrupt, Wishes wishes)
     : _listening(ListeningSocket::open(device.files())),
-      _server(_listening ? _listening->descriptor() : -1, interrupt != nullptr ? interrupt->descriptor() : -1,
+      _server(_listening ? _listening->descriptor() : -1, interrupt ? interrupt->descriptor() : -1,
               {.status = [&view] { return toJson(view.status()); },
                .changes = {&view.changes(), &device.log().waiting()},
                .writeLog = [&device] { device.log().flush(); },

@@ -37,8 +37,8 @@ Result<PlugIn> PlugIn::load(const std::string& bundlePath, PropertyListSerializa
     const auto bytes = readFile(infoPath);
     const auto root = bytes ? propertyLists.propertyListWithData(*bytes, nullptr) : std::nullopt;
     const Dictionary* info = root ? root->dictionary() : nullptr;
-    const auto identifier = info != nullptr ? info->string("BXBundleIdentifier") : std::nullopt;
-    const auto executable = info != nullptr ? info->string("BXBundleExecutable") : std::nullopt;
+    const auto identifier = info ? info->string("BXBundleIdentifier") : std::nullopt;
+    const auto executable = info ? info->string("BXBundleExecutable") : std::nullopt;
     if (!identifier || !executable || executable->find('/') != std::string_view::npos) {
         return hostError("'" + bundlePath + "' is no plug-in: its Info.plist is missing or does not name its " +
                              "identifier and executable. Build the project, or name a bundle with --plugin.",
@@ -47,8 +47,8 @@ Result<PlugIn> PlugIn::load(const std::string& bundlePath, PropertyListSerializa
     const std::string objectPath = bundlePath + "/" + std::string(*executable);
     // Its code stays: objects that it has handed to the device's services are released by its own functions.
     std::unique_ptr<void, Unload> handle(::dlopen(objectPath.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
-    void* create = handle != nullptr ? ::dlsym(handle.get(), QRCreateClientFunctionName) : nullptr;
-    if (create == nullptr) {
+    void* create = handle ? ::dlsym(handle.get(), QRCreateClientFunctionName) : nullptr;
+    if (!create) {
         return hostError("The plug-in '" + bundlePath + "' cannot be loaded: " + ::dlerror() + ".", objectPath);
     }
     return PlugIn(std::string(*identifier), std::move(handle), create);
@@ -73,7 +73,7 @@ Result<std::unique_ptr<QRClient>> PlugIn::createClient(const Platform& platform)
                          " of the platform, and this program has version " + std::to_string(platform.version) +
                          ". Use a plug-in and a program of one release.");
     }
-    if (client == nullptr) {
+    if (!client) {
         return hostError("The plug-in '" + _identifier + "' did not start.");
     }
     return client;

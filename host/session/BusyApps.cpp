@@ -27,7 +27,7 @@ class BusyApps::Retry final : public ScheduledTask {
             const Lock lock(_mutex);
             return _timer;
         }();
-        return timer != nullptr && timer->cancel();
+        return timer && timer->cancel();
     }
 
     const std::string identifier;

@@ -11,8 +11,8 @@ namespace appsync::host {
 std::vector<std::string> deletedApps(const Dictionary& installedAssets) {
     std::vector<std::string> identifiers;
     const Value* deleted = installedAssets.find("_Deleted");
-    for (const Value& app : deleted != nullptr && deleted->array() != nullptr ? *deleted->array() : Array{}) {
-        if (app.dictionary() != nullptr) {
+    for (const Value& app : deleted && deleted->array() ? *deleted->array() : Array{}) {
+        if (app.dictionary()) {
             identifiers.emplace_back(app.dictionary()->string("BXBundleIdentifier").value_or(""));
         }
     }

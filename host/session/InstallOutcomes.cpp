@@ -71,10 +71,9 @@ bool ObservedWorkspace::installApplication_withOptions_error(const FileURL& url,
                                                              ErrorPtr* error) noexcept {
     const auto identifier = options.string(PDBundleIdentifierKey).value_or("");
     ErrorPtr failure = _isRefused(identifier) ? cancelledByUserError() : nullptr;
-    const bool installed =
-        failure == nullptr && _workspace.installApplication_withOptions_error(url, options, &failure);
+    const bool installed = !failure && _workspace.installApplication_withOptions_error(url, options, &failure);
     _outcomes.installEnded(identifier, installed ? nullptr : failure);
-    if (error != nullptr) {
+    if (error) {
         *error = failure;
     }
     return installed;

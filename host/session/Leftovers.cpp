@@ -30,15 +30,15 @@ std::set<std::string> rememberedPaths(device::Device& device) {
     std::set<std::string> remembered;
     const auto bytes = device.files().readFile(paths::restoreState, nullptr);
     const auto root = bytes ? device.propertyLists().propertyListWithData(bytes->bytes(), nullptr) : std::nullopt;
-    if (!root || root->dictionary() == nullptr) {
+    if (!root || !root->dictionary()) {
         return remembered;
     }
     for (const auto& [identifier, versions] : *root->dictionary()) {
-        if (versions.dictionary() == nullptr || !isAwaited(device, identifier)) {
+        if (!versions.dictionary() || !isAwaited(device, identifier)) {
             continue;
         }
         for (const auto& [version, properties] : *versions.dictionary()) {
-            if (properties.dictionary() != nullptr) {
+            if (properties.dictionary()) {
                 remembered.emplace(properties.dictionary()->string("path").value_or(""));
             }
         }

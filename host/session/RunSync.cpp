@@ -64,7 +64,7 @@ SyncReport runSync(device::Device& device, SyncPlan plan, const SyncOptions& opt
     InstallOutcomes outcomes([&view, &outcomes, timeline](std::string_view identifier, const ErrorPtr& error) {
         const Span reporting(timeline, "report", identifier);
         Timeline::endWaiting(timeline, identifier);
-        const bool isCancelled = error != nullptr && outcomes.isCancelled(identifier);
+        const bool isCancelled = error && outcomes.isCancelled(identifier);
         view.installEnded(identifier, isCancelled ? cancelledByUserError() : error);
     });
     DeviceService deviceService;

@@ -177,10 +177,10 @@ class Planner {
         const bool isNamed = _named.contains(archive.identifier);
         AppReport row{archive.identifier, nameOf(archive), archive.version, AppResult::installed, ""};
         row.size = archive.size;
-        if (present != nullptr) {
+        if (present) {
             row.from = present->version;
         }
-        if (present != nullptr && present->pending == Pending::restoring) {
+        if (present && present->pending == Pending::restoring) {
             _planRestore(archive, std::move(row), isNamed);
             return;
         }
@@ -189,7 +189,7 @@ class Planner {
         if (isToBeSent && (_isForAll || isNamed)) {
             _plan.list.installs.push_back(&archive);
             _add(std::move(row));
-        } else if (present != nullptr && present->pending == Pending::begun) {
+        } else if (present && present->pending == Pending::begun) {
             _planBegun(std::move(row), isToBeSent);
         } else if (row.result == AppResult::unchanged && row.reason.empty()) {
             ++_plan.report.unchanged;
@@ -202,7 +202,7 @@ class Planner {
     /// What becomes of an app if the library's archive of it is wanted. What is unchanged without a reason goes without
     /// saying.
     void _decide(AppReport& row, const DeviceState::App* present, bool isNamed) const {
-        const bool isInstalled = present != nullptr && present->isInstalled;
+        const bool isInstalled = present && present->isInstalled;
         const bool isOlder =
             isInstalled && row.version && row.from && std::is_lt(desktop::compareVersions(*row.version, *row.from));
         if (isInstalled && row.version == row.from && !(isNamed && _wishes.reinstall)) {

@@ -71,7 +71,7 @@ Result<void> SyncSession::_open() {
     ErrorPtr error;
     if (!client.prepareForSyncWithHostAnchor_progressCallback_error(anchor, {}, &error) ||
         !client.reconcileSync_withNewAnchor_progressCallback_error(nullptr, anchor, {}, &error)) {
-        return error != nullptr ? error : hostError("The plug-in could not begin the sync; `qrd log` tells why.");
+        return error ? error : hostError("The plug-in could not begin the sync; `qrd log` tells why.");
     }
     return {};
 }
@@ -167,7 +167,7 @@ void SyncSession::_failed(const QRAssetPtr& asset, const ErrorPtr& error) {
 /// are there; after an interruption between the two a later sync goes on with the data.
 Result<void> SyncSession::_transferRestore(const QRAssetPtr& asset, const TransferQueue& queue) {
     const Value* value = asset->variantOptions ? asset->variantOptions->find("AssetParts") : nullptr;
-    const std::uint64_t parts = value != nullptr ? value->unsignedInteger().value_or(0) : 0;
+    const std::uint64_t parts = value ? value->unsignedInteger().value_or(0) : 0;
     const auto waiting = _parties.device.backup().restoreDataFolder(asset->identifier);
     if (!waiting) {
         return transferError(TransferError::deviceFailed, errorText(waiting.error()));
@@ -294,7 +294,7 @@ AppReport SyncSession::_reportOfInstall(AppReport report) const {
         return report;
     }
     const auto outcome = _parties.outcomes.outcomeOf(identifier);
-    if (outcome && *outcome == nullptr) {
+    if (outcome && !*outcome) {
         report.result = planned;
         if (const auto app = _parties.device.registry().application(identifier)) {
             report.version = app->version; // what the archive was, whatever the library has said

@@ -45,7 +45,7 @@ Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const s
     if (const auto skipped = source.skip(sent); !skipped) {
         return transferError(TransferError::sourceFailed, errorText(skipped.error()));
     }
-    const std::size_t piece = request.bandwidth != nullptr ? request.bandwidth->pieceSize(pieceSize) : pieceSize;
+    const std::size_t piece = request.bandwidth ? request.bandwidth->pieceSize(pieceSize) : pieceSize;
     std::vector<char> buffer(std::min<std::uint64_t>(piece, source.size() + 1)); // one more: the end shows at once
     for (;;) {
         if (const auto goesOn = request.mayGoOn(); !goesOn) {
@@ -63,7 +63,7 @@ Result<void> copyPieces(desktop::ArchiveSource& source, int destination, const s
         }
         sent += *length;
         Timeline::add(timeline, Counter::bytesSent, *length);
-        if (request.bandwidth != nullptr) {
+        if (request.bandwidth) {
             request.bandwidth->sent(*length);
         }
         request.progress(static_cast<double>(sent) / static_cast<double>(source.size()));
@@ -125,11 +125,11 @@ Result<void> copyToDevice(device::DeviceFileSystem& files, const TransferRequest
             return error;
         }
     }
-    if (error == nullptr) {
+    if (!error) {
         files.removeItem(path, nullptr);
         files.moveItem(unfinished, path, &error);
     }
-    if (error != nullptr) {
+    if (error) {
         files.removeItem(unfinished, nullptr);
     }
     return error;

@@ -49,12 +49,12 @@ void DeviceService::setQueue(std::shared_ptr<TransferQueue> queue) {
 
 bool DeviceService::prioritize(std::string_view identifier) {
     const auto queue = _currentQueue();
-    return queue != nullptr && queue->prioritize(identifier);
+    return queue && queue->prioritize(identifier);
 }
 
 bool DeviceService::cancel(std::string_view identifier) {
     const auto queue = _currentQueue();
-    return queue != nullptr && queue->cancel(identifier);
+    return queue && queue->cancel(identifier);
 }
 
 std::shared_ptr<QRDeviceService> DeviceService::sharedInstance() noexcept {
@@ -80,7 +80,7 @@ std::shared_ptr<TransferQueue> DeviceService::_currentQueue() {
 }
 
 bool ErrorClassification::QRIsRecoverableError(const ErrorPtr& error) noexcept {
-    if (error == nullptr) {
+    if (!error) {
         return false;
     }
     if (error->domain() == posixErrorDomain) {

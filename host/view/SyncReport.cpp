@@ -72,7 +72,7 @@ Json toJson(const AppReport& app) {
 } // namespace
 
 bool SyncReport::allDone() const {
-    return failure == nullptr && !interrupted && !isIncomplete && std::ranges::all_of(apps, isDone);
+    return !failure && !interrupted && !isIncomplete && std::ranges::all_of(apps, isDone);
 }
 
 const char* nameOf(AppResult result) {
@@ -97,7 +97,7 @@ bool isSent(AppResult result) {
 }
 
 std::string reasonOf(const ErrorPtr& error) {
-    if (error == nullptr) {
+    if (!error) {
         return "";
     }
     if (const auto sentence = error->userInfo().string(errorDescriptionKey)) {
@@ -160,7 +160,7 @@ Json toJson(const SyncReport& report) {
     }
     root["deleted"] = report.deleted;
     root["problems"] = report.problems;
-    if (report.failure != nullptr) {
+    if (report.failure) {
         root["failure"] = reasonOf(report.failure);
     }
     return root;

@@ -86,7 +86,7 @@ void SyncView::transferring(std::string_view identifier, double fraction) {
 void SyncView::transferEnded(std::string_view identifier, const ErrorPtr& error) {
     const Lock lock(_mutex);
     AppStatus& app = _app(identifier);
-    if (error != nullptr) {
+    if (error) {
         _end(app, error);
     } else {
         app.fraction = 1;
@@ -151,7 +151,7 @@ void SyncView::_end(AppStatus& app, const ErrorPtr& error) {
     if (isError(error, hostTransferErrorDomain, TransferError::interrupted)) {
         app.stage = AppStage::queued;
     } else {
-        app.stage = error == nullptr ? AppStage::done : AppStage::failed;
+        app.stage = error ? AppStage::failed : AppStage::done;
         app.reason = reasonOf(error);
         _line(endOf(app, isError(error, hostTransferErrorDomain, TransferError::cancelledByUser)));
     }

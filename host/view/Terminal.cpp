@@ -20,7 +20,7 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 std::string_view variable(const char* name) {
     const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
+    return value ? value : "";
 }
 
 std::size_t sizeFrom(unsigned short asked, const char* name, std::size_t otherwise) {

@@ -36,7 +36,7 @@ std::shared_ptr<const std::string> IconShelf::png(const IconKey& key) {
     const auto bytes = image ? device::pngFromSurface(image->surface()) : std::nullopt;
     auto png = bytes ? std::make_shared<const std::string>(bytes->bytes()) : nullptr;
     const Lock lock(_mutex);
-    if (png != nullptr && _drawn.insert_or_assign(key, png).second) { // what failed may be drawn another time
+    if (png && _drawn.insert_or_assign(key, png).second) { // what failed may be drawn another time
         _order.push_back(key);
     }
     if (_order.size() > maxDrawn) {

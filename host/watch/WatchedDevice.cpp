@@ -78,7 +78,7 @@ Json describe(const device::Application& app, bool isRunning, const AppStatus* s
     if (app.progress) {
         entry["progress"] = *app.progress;
     }
-    if (status != nullptr) {
+    if (status) {
         const Json told = toJsonObject(*status);
         for (const char* key : {"stage", "reason", "nextTry"}) {
             if (told.contains(key)) {
@@ -273,7 +273,7 @@ std::map<std::string, std::string> WatchedDevice::_describeApps() const {
     for (device::Application app : _apps) {
         const auto found = statuses.find(app.identifier);
         const AppStatus* status = found != statuses.end() ? found->second : nullptr;
-        app.progress = _isSyncing && status != nullptr ? progressOf(app, *status) : std::nullopt;
+        app.progress = _isSyncing && status ? progressOf(app, *status) : std::nullopt;
         described[app.identifier] = dumped(describe(app, _running.contains(app.identifier), status));
     }
     return described;
@@ -312,7 +312,7 @@ std::string WatchedDevice::_describeScreen(const std::map<std::string, std::stri
         }
         return text.empty() ? "[]" : text + "]";
     };
-    const auto describeApp = [apps](const std::string& app) { return apps != nullptr ? apps->at(app) : dumped(app); };
+    const auto describeApp = [apps](const std::string& app) { return apps ? apps->at(app) : dumped(app); };
     const auto describePlace = [&](const device::IconPlace& place) {
         if (const auto* app = std::get_if<std::string>(&place)) {
             return describeApp(*app);

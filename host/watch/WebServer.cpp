@@ -29,7 +29,7 @@ MHD_Result keepHeader(void* kept, MHD_ValueKind, const char* name, const char* v
     for (const auto& [known, place] : places) {
         if (::strcasecmp(name, known) == 0) {
             request.isAmbiguous = request.isAmbiguous || place->has_value();
-            *place = value != nullptr ? value : "";
+            *place = value ? value : "";
         }
     }
     return MHD_YES;
@@ -37,13 +37,13 @@ MHD_Result keepHeader(void* kept, MHD_ValueKind, const char* name, const char* v
 
 /// Whether the head of a request announces more than a body may have, or does not say how much.
 bool announcesTooMuch(MHD_Connection* connection) {
-    if (MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Transfer-Encoding") != nullptr) {
+    if (MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Transfer-Encoding")) {
         return true;
     }
     const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Content-Length");
     std::size_t size = 0;
-    const auto end = length != nullptr ? length + std::strlen(length) : nullptr;
-    return length != nullptr && (std::from_chars(length, end, size).ec != std::errc() || size > maxBodySize);
+    const auto end = length ? length + std::strlen(length) : nullptr;
+    return length && (std::from_chars(length, end, size).ec != std::errc() || size > maxBodySize);
 }
 
 } // namespace
@@ -69,7 +69,7 @@ struct WebServer::Connection {
 struct WebServer::Calls {
     static Connection* of(MHD_Connection* handle) {
         const auto* found = MHD_get_connection_info(handle, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-        return found != nullptr ? static_cast<Connection*>(found->socket_context) : nullptr;
+        return found ? static_cast<Connection*>(found->socket_context) : nullptr;
     }
     static void connection(void* server, MHD_Connection* handle, void** context, MHD_ConnectionNotificationCode code) {
         if (code == MHD_CONNECTION_NOTIFY_STARTED) {
@@ -87,8 +87,7 @@ struct WebServer::Calls {
     static MHD_Result request(void* server, MHD_Connection* handle, const char*, const char* method, const char*,
                               const char* body, std::size_t* size, void**) {
         Connection* connection = of(handle);
-        const bool isHandled =
-            connection != nullptr && static_cast<WebServer*>(server)->_handle(*connection, method, body, size);
+        const bool isHandled = connection && static_cast<WebServer*>(server)->_handle(*connection, method, body, size);
         return isHandled ? MHD_YES : MHD_NO;
     }
     static ssize_t read(void* context, std::uint64_t, char* out, std::size_t room) {
@@ -141,12 +140,12 @@ Result<void> WebServer::_start(unsigned flags, std::uint16_t port, int listening
                                MHD_OPTION_NOTIFY_CONNECTION, &Calls::connection, this, //
                                MHD_OPTION_URI_LOG_CALLBACK, &Calls::target, this,      //
                                MHD_OPTION_END);
-    return _daemon != nullptr ? Result<void>() : cannotListenError(port, systemText(errno));
+    return _daemon ? Result<void>() : cannotListenError(port, systemText(errno));
 }
 
 /// What is suspended must go on before the library can end.
 WebServer::~WebServer() {
-    if (_daemon == nullptr) {
+    if (!_daemon) {
         return;
     }
     {
@@ -177,7 +176,7 @@ WebServer::Connection* WebServer::_open(MHD_Connection* handle) {
     const auto* socket = MHD_get_connection_info(handle, MHD_CONNECTION_INFO_CONNECTION_FD);
     const Lock lock(_mutex);
     _makeRoom();
-    _connections.push_back({*this, handle, socket != nullptr ? socket->connect_fd : -1, Clock::now() + _limits.time});
+    _connections.push_back({*this, handle, socket ? socket->connect_fd : -1, Clock::now() + _limits.time});
     _wake.set();
     return &_connections.back();
 }
@@ -258,8 +257,7 @@ bool WebServer::_answer(Connection& connection) {
     }
     case WebAct::icon: {
         const auto png = _icon(ruling.subject, ruling.version);
-        return png != nullptr
-                   ? send(handle, MHD_HTTP_OK, answerOf(*png, "image/png", "private, max-age=31536000, immutable"))
+        return png ? send(handle, MHD_HTTP_OK, answerOf(*png, "image/png", "private, max-age=31536000, immutable"))
                    : send(handle, MHD_HTTP_NOT_FOUND, textAnswer("There is no such icon.\n"));
     }
     case WebAct::events: return _letWatch(connection);

@@ -29,7 +29,7 @@ namespace appsync {
 
 /// Fails, with the reason that the device has no such service.
 inline bool stubFails(std::string_view service, ErrorPtr* error) {
-    if (error != nullptr) {
+    if (error) {
         *error = makeError(posixErrorDomain, ENOTSUP, "This device has no " + std::string(service) + ".");
     }
     return false;
@@ -128,7 +128,7 @@ class StubFileSystem : public FileSystem {
 
   private:
     static bool _nothingAt(std::string_view path, ErrorPtr* error) {
-        if (error != nullptr) {
+        if (error) {
             *error = makeError(posixErrorDomain, ENOENT, "This device has no file system.", path);
         }
         return false;
@@ -224,7 +224,7 @@ template <class Coordinator, class Base = KXCoordinatorClass<Coordinator>> class
     std::shared_ptr<Coordinator> coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
         std::string_view /*bundleID*/, KXClientIdentifier /*client*/, bool createIfNotExisting, bool* created,
         ErrorPtr* error) noexcept override {
-        if (created != nullptr) {
+        if (created) {
             *created = false;
         }
         if (createIfNotExisting) {

@@ -58,7 +58,7 @@ AppsClient::~AppsClient() {
 }
 
 void AppsClient::setupInstallCoordinatorObserver() {
-    if (_appInstallObserver == nullptr) {
+    if (!_appInstallObserver) {
         _appInstallObserver = _platform.installObservers.initWithMachServiceName_forClients_delegate(
             observerServiceName, {KXClientSyncHost}, this);
     }
@@ -66,7 +66,7 @@ void AppsClient::setupInstallCoordinatorObserver() {
 
 void _handleQRDStartupCompletedNotification(NotificationCenter* /*center*/, void* observer, std::string_view /*name*/,
                                             const void* /*object*/, const Dictionary* /*userInfo*/) {
-    if (observer != nullptr) {
+    if (observer) {
         static_cast<AppsClient*>(observer)->setupInstallCoordinatorObserver();
     }
 }

@@ -21,7 +21,7 @@ RecordsByIdentifier firstRecords(const std::optional<Array>& toDoList) {
     records.reserve(toDoList->size());
     for (const Value& item : *toDoList) {
         const Dictionary* record = item.dictionary();
-        if (const auto identifier = record != nullptr ? record->string("identifier") : std::nullopt) {
+        if (const auto identifier = record ? record->string("identifier") : std::nullopt) {
             records.emplace(*identifier, record);
         }
     }

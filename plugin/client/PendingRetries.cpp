@@ -29,7 +29,7 @@ void PendingRetries::dropAll() {
         tasks.swap(_tasks);
     }
     for (const auto& [number, task] : tasks) {
-        if (task != nullptr) {
+        if (task) {
             task->cancel();
         }
     }

@@ -13,7 +13,7 @@ std::optional<Value> readPropertyList(const Platform& platform, std::string_view
 std::optional<Dictionary> readDictionary(const Platform& platform, const std::optional<std::string>& path) {
     auto root = path ? readPropertyList(platform, *path) : std::nullopt;
     Dictionary* dictionary = root ? root->mutableDictionary() : nullptr;
-    return dictionary != nullptr ? std::optional(std::move(*dictionary)) : std::nullopt;
+    return dictionary ? std::optional(std::move(*dictionary)) : std::nullopt;
 }
 
 bool writePropertyList(const Platform& platform, const Value& root, PropertyListFormat format, std::string_view path) {

@@ -37,7 +37,7 @@ std::vector<std::string> appsToRemove(const Array& toDoList, const PlugInLog& lo
     identifiers.reserve(8);
     for (const Value& item : toDoList) {
         const Dictionary* record = item.dictionary();
-        const auto identifier = record != nullptr ? record->string("identifier") : std::nullopt;
+        const auto identifier = record ? record->string("identifier") : std::nullopt;
         if (paths::isSafe(identifier) && record->string("operation") == "remove") {
             log.message("%{public}@ targeted for termination", *identifier);
             identifiers.emplace_back(*identifier);

@@ -23,13 +23,13 @@ std::optional<std::string> metadataPath(PDApplicationProxy& application) {
 
 /// The value of a key, of any kind; null without a dictionary.
 const Value* valueIn(const Dictionary* dictionary, std::string_view key) {
-    return dictionary != nullptr ? dictionary->find(key) : nullptr;
+    return dictionary ? dictionary->find(key) : nullptr;
 }
 
 /// The string, or nullopt; a value of another kind is logged with its label.
 std::optional<std::string_view> stringOf(const PlugInLog& log, const Value* value, std::string_view label) {
-    const auto text = value != nullptr ? value->string() : std::nullopt;
-    if (value != nullptr && !text) {
+    const auto text = value ? value->string() : std::nullopt;
+    if (value && !text) {
         log.typeCheck("unexpected type for %{public}@", label);
     }
     return text;
@@ -37,8 +37,8 @@ std::optional<std::string_view> stringOf(const PlugInLog& log, const Value* valu
 
 /// The same for a dictionary.
 const Dictionary* dictionaryOf(const PlugInLog& log, const Value* value, std::string_view label) {
-    const Dictionary* dictionary = value != nullptr ? value->dictionary() : nullptr;
-    if (value != nullptr && dictionary == nullptr) {
+    const Dictionary* dictionary = value ? value->dictionary() : nullptr;
+    if (value && !dictionary) {
         log.typeCheck("unexpected type for %{public}@", label);
     }
     return dictionary;

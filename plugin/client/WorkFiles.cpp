@@ -14,7 +14,7 @@ namespace {
 /// The dictionary under a key, made when it is missing or something else.
 Dictionary& dictionaryAt(Dictionary& parent, std::string_view key) {
     Value* child = parent.find(key);
-    if (child == nullptr || child->dictionary() == nullptr) {
+    if (!child || !child->dictionary()) {
         parent.set(key, Dictionary{});
         child = parent.find(key);
     }
@@ -25,7 +25,7 @@ Dictionary& dictionaryAt(Dictionary& parent, std::string_view key) {
 auto isRecordOf(std::string_view identifier) {
     return [identifier](const Value& item) {
         const Dictionary* record = item.dictionary();
-        return record != nullptr && record->string("identifier") == identifier;
+        return record && record->string("identifier") == identifier;
     };
 }
 
@@ -42,7 +42,7 @@ std::optional<Array> AppsClient::_loadPlist_withError(std::string_view path, Err
         return std::nullopt;
     }
     Array* list = root->mutableArray();
-    if (list == nullptr) {
+    if (!list) {
         _log.error("todo list is not an array");
         return std::nullopt;
     }
@@ -59,7 +59,7 @@ std::optional<Dictionary> AppsClient::_loadDemotedAppsPlist_withError(std::strin
         _log.error("couldn't parse demoted apps list");
         return std::nullopt;
     }
-    if (root->dictionary() == nullptr) {
+    if (!root->dictionary()) {
         _log.error("demoted apps list is not a dictionary");
         return std::nullopt;
     }
@@ -70,13 +70,13 @@ std::optional<Value>
 AppsClient::_restoreStatePropertyForKey_identifier_version(std::string_view key, std::string_view identifier,
                                                            const std::optional<std::string>& version) {
     const auto root = readPropertyList(_platform, paths::restoreState);
-    if (!root || root->dictionary() == nullptr || !version) {
+    if (!root || !root->dictionary() || !version) {
         return std::nullopt;
     }
     const Dictionary* versions = root->dictionary()->dictionary(identifier);
-    const Dictionary* properties = versions != nullptr ? versions->dictionary(*version) : nullptr;
-    const Value* value = properties != nullptr ? properties->find(key) : nullptr;
-    return value != nullptr ? std::optional(*value) : std::nullopt;
+    const Dictionary* properties = versions ? versions->dictionary(*version) : nullptr;
+    const Value* value = properties ? properties->find(key) : nullptr;
+    return value ? std::optional(*value) : std::nullopt;
 }
 
 void AppsClient::_setRestoreStatePropertyValue_forKey_identifier_version(const Value& value, std::string_view key,
@@ -91,7 +91,7 @@ void AppsClient::_setRestoreStatePropertyValue_forKey_identifier_version(const V
         root = _platform.propertyLists.propertyListWithData(bytes->bytes(), nullptr);
     }
     Dictionary* state = root ? root->mutableDictionary() : nullptr;
-    if (state == nullptr) {
+    if (!state) {
         return; // a file that cannot be understood is left as it is
     }
     Dictionary& versions = dictionaryAt(*state, identifier);
@@ -104,7 +104,7 @@ void AppsClient::cleanRestoreStateForIdentifier(std::string_view identifier) {
     const Lock lock(_restoreStateMutex);
     auto root = readPropertyList(_platform, paths::restoreState);
     Dictionary* state = root ? root->mutableDictionary() : nullptr;
-    if (state == nullptr) {
+    if (!state) {
         return;
     }
     state->erase(identifier);

@@ -31,7 +31,7 @@ void AppsClient::coordinatorDidCompleteSuccessfully(const KXAppInstallCoordinato
     if (!identifier) {
         return;
     }
-    changeAssetID_toDo(*identifier, error != nullptr ? "FAILED" : "INSTALLED");
+    changeAssetID_toDo(*identifier, error ? "FAILED" : "INSTALLED");
     cleanRestoreStateForIdentifier(*identifier);
 }
 
@@ -42,7 +42,7 @@ void AppsClient::coordinatorShouldPrioritize(const KXAppInstallCoordinatorPtr& c
     }
     _log.message("Prioritize %{public}@", *identifier);
     const auto service = _platform.deviceService.sharedInstance();
-    if (service == nullptr || !service->respondsToPrioritizeAsset()) {
+    if (!service || !service->respondsToPrioritizeAsset()) {
         _log.error("Cannot prioritize %{public}@ as it's not supported", *identifier);
         return;
     }
@@ -63,7 +63,7 @@ void AppsClient::coordinator_canceledWithReason_client(const KXAppInstallCoordin
     const bool alreadyCancelled =
         _accessQueue.sync([&]() REQUIRES(_accessQueue) { return !_userCancelledApps.insert(*identifier).second; });
     const auto service = alreadyCancelled ? nullptr : _platform.deviceService.sharedInstance();
-    if (service != nullptr && service->respondsToCancelAssetTransferForFailedAsset()) {
+    if (service && service->respondsToCancelAssetTransferForFailedAsset()) {
         _log.message("Cancelling asset sync for %{public}@", *identifier);
         service->cancelAssetTransferForFailedAsset(namelessAsset(*this, *identifier));
     } else {

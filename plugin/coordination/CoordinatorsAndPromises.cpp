@@ -20,7 +20,7 @@ AppsClient::_initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existi
     };
     KXAppInstallCoordinatorPtr coordinator =
         existingApp ? lookUp(_platform.updatingCoordinators) : lookUp(_platform.initiatingCoordinators);
-    if (coordinator != nullptr) {
+    if (coordinator) {
         const char* kind = existingApp ? "updating" : "initiating";
         const KXClientIdentifier creator = coordinator->creatorIdentifier();
         if (creator != KXClientSyncHost) {
@@ -35,7 +35,7 @@ AppsClient::_initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existi
                          kind, coordinator, createIfNotExisting, existingApp, bundleIdentifier, lookupError);
         }
     }
-    if (error != nullptr) {
+    if (error) {
         *error = lookupError;
     }
     logStep(_platform.transactionLog, TransactionStep::coordinatorCreation, TransactionPhase::end,
@@ -55,7 +55,7 @@ AppsClient::_restoringAppInstallCoordinatorForBundleIdentifier_createIfNotExisti
     _log.message("Created restore coordinator %{public}@ (createIfNotExisting:%d) for %{public}@ with error "
                  "%{public}@",
                  coordinator, createIfNotExisting, bundleIdentifier, lookupError);
-    if (error != nullptr) {
+    if (error) {
         *error = lookupError;
     }
     logStep(_platform.transactionLog, TransactionStep::coordinatorCreation, TransactionPhase::end,
@@ -80,7 +80,7 @@ KXPlaceholderPtr AppsClient::_placeHolderForBundleIdentifier_name_installType(st
 KXPromisedTransferToPathPtr AppsClient::_createAppAssetPromiseForBundleIdentifier_atPath_andAddToCoordinatinator(
     std::string_view bundleIdentifier, const std::optional<std::string>& path,
     const KXAppInstallCoordinatorPtr& coordinator) {
-    if (coordinator == nullptr) {
+    if (!coordinator) {
         return nullptr;
     }
     const std::string name = std::string(bundleIdentifier) + "-Asset";
@@ -88,7 +88,7 @@ KXPromisedTransferToPathPtr AppsClient::_createAppAssetPromiseForBundleIdentifie
     auto promise = url ? _platform.transferPromises.initWithName_client_transferPath_diskSpaceNeeded(
                              name, KXClientSyncHost, *url, 0)
                        : _platform.transferPromises.initWithName_client_diskSpaceNeeded(name, KXClientSyncHost, 0);
-    if (promise == nullptr) {
+    if (!promise) {
         _log.error("Error creating asset promise for '%{public}@'", bundleIdentifier);
         return nullptr;
     }
@@ -108,7 +108,7 @@ KXPromisedTransferToPathPtr
 AppsClient::_createIconPromiseForBundleIdentifier_transferPath_diskSpaceNeeded_andAddToPlaceHolder_forAppInstall(
     std::string_view bundleIdentifier, std::string_view transferPath, std::uint64_t diskSpaceNeeded,
     const KXPlaceholderPtr& placeholder, bool forAppInstall) {
-    if (placeholder == nullptr) {
+    if (!placeholder) {
         _log.error("Placeholder to add icon promise is nil for '%{public}@'", bundleIdentifier);
         return nullptr;
     }
@@ -116,7 +116,7 @@ AppsClient::_createIconPromiseForBundleIdentifier_transferPath_diskSpaceNeeded_a
     auto promise = url ? _platform.transferPromises.initWithName_client_transferPath_diskSpaceNeeded(
                              std::string(bundleIdentifier) + "-Icon", KXClientSyncHost, *url, diskSpaceNeeded)
                        : nullptr;
-    if (promise == nullptr) {
+    if (!promise) {
         return nullptr;
     }
     promise->setPercentComplete(1.0);
@@ -135,7 +135,7 @@ AppsClient::_createIconPromiseForBundleIdentifier_transferPath_diskSpaceNeeded_a
 KXPromisedOutOfBandTransferPtr AppsClient::_userDataPromiseForBundleIdentifier(std::string_view bundleIdentifier) {
     auto promise = _platform.outOfBandPromises.initWithName_client_diskSpaceNeeded(
         std::string(bundleIdentifier) + "-UserData", KXClientSyncHost, 0);
-    if (promise != nullptr) {
+    if (promise) {
         promise->setPercentComplete(1.0);
         promise->setComplete(true);
     }

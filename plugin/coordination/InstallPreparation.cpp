@@ -75,7 +75,7 @@ bool InstallPreparation::_prepareCoordinator(bool existingApp) {
     _coordinator =
         _client._initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existingApp_createIfNotExisting_error(
             _bundleIdentifier, existingApp, true, &_error);
-    if (_coordinator == nullptr) {
+    if (!_coordinator) {
         return false;
     }
     _coordinator->setObserver(&_client);
@@ -141,10 +141,10 @@ bool InstallPreparation::_setPlaceholderPromise() {
     _placeholder = _client._placeHolderForBundleIdentifier_name_installType(
         _bundleIdentifier, _displayName.value_or(_bundleIdentifier), PDInstallTypeSync);
     const bool iconIsPromised =
-        _placeholder != nullptr && iconSize > 0 &&
+        _placeholder && iconSize > 0 &&
         _client._createIconPromiseForBundleIdentifier_transferPath_diskSpaceNeeded_andAddToPlaceHolder_forAppInstall(
-            _bundleIdentifier, iconPath, iconSize, _placeholder, true) != nullptr;
-    if (_placeholder != nullptr && (iconSize == 0 || iconIsPromised)) {
+            _bundleIdentifier, iconPath, iconSize, _placeholder, true);
+    if (_placeholder && (iconSize == 0 || iconIsPromised)) {
         _configurePlaceholder();
     }
     if (!_coordinator->setPlaceholderPromise_error(_placeholder, &_error)) {
@@ -167,7 +167,7 @@ std::uint64_t InstallPreparation::_copyIcon(const std::string& destination) {
         size = copy ? copy->size : 0;
         _log.message("icon for %{public}@ at %{public}@ has a size of %llu", _bundleIdentifier, destination, size);
     }
-    if (error != nullptr) {
+    if (error) {
         _error = error;
     }
     _log.message("Copied icon from %{public}@ to %{public}@ with error %{public}@ for '%{public}@', sizeOnDisk:%llu",
@@ -203,11 +203,11 @@ void InstallPreparation::_configurePlaceholder() {
 
 void InstallPreparation::_cancel() {
     const ErrorPtr reason = coordination::cancellation(QRErrorCode::installPreparationFailed);
-    if (_placeholder != nullptr) {
+    if (_placeholder) {
         _log.message("Cancelling placeholder for appBundleIdentifier:%{public}@", _bundleIdentifier);
         _placeholder->cancelForReason_client_error(reason, KXClientSyncHost, nullptr);
     }
-    if (_coordinator != nullptr) {
+    if (_coordinator) {
         _log.message("Cancelling coordinator for appBundleIdentifier:%{public}@", _bundleIdentifier);
         _coordinator->cancelForReason_client_error(reason, KXClientSyncHost, nullptr);
     }

@@ -12,28 +12,28 @@ KXAppInstallCoordinatorPtr workingCoordinator(AppsClient& client, std::string_vi
     auto coordinator =
         client._initiatingOrUpdatingAppInstallCoordinatorForBundleIdentifier_existingApp_createIfNotExisting_error(
             bundleIdentifier, existingApp, false, nullptr);
-    return coordinator != nullptr && coordinator->error() == nullptr ? coordinator : nullptr;
+    return coordinator && !coordinator->error() ? coordinator : nullptr;
 }
 
 } // namespace
 
 bool AppsClient::updateTransferProgressForApp_existingApp(const QRAssetPtr& asset, bool existingApp) {
     const auto coordinator = workingCoordinator(*this, asset->identifier, existingApp);
-    if (coordinator == nullptr) {
+    if (!coordinator) {
         return false;
     }
     KXPromisedTransferToPathPtr promise = coordinator->appAssetPromiseWithError(nullptr);
-    if (promise != nullptr && promise->isComplete()) {
+    if (promise && promise->isComplete()) {
         _log.message("Asset promise is already satisfied for %{public}@", asset->identifier);
         return false;
     }
-    if (promise == nullptr) {
+    if (!promise) {
         promise = _createAppAssetPromiseForBundleIdentifier_atPath_andAddToCoordinatinator(asset->identifier,
                                                                                            asset->path, coordinator);
     }
     _log.message("Updating download progress: %f install progress:%f for %{public}@", asset->downloadProgress,
                  asset->installProgress, asset->identifier);
-    if (promise != nullptr) {
+    if (promise) {
         promise->setPercentComplete(asset->downloadProgress);
     }
     return true;
@@ -41,22 +41,22 @@ bool AppsClient::updateTransferProgressForApp_existingApp(const QRAssetPtr& asse
 
 bool AppsClient::transferCompleteForApp_existingApp(const QRAssetPtr& asset, bool existingApp) {
     const auto coordinator = workingCoordinator(*this, asset->identifier, existingApp);
-    if (coordinator == nullptr) {
+    if (!coordinator) {
         return false;
     }
     KXPromisedTransferToPathPtr promise = coordinator->appAssetPromiseWithError(nullptr);
-    if (promise != nullptr && promise->isComplete()) {
+    if (promise && promise->isComplete()) {
         _log.message("Asset promise is already satisfied for %{public}@", asset->identifier);
         return false;
     }
-    if (promise != nullptr) {
+    if (promise) {
         promise->setTransferPath(asset->path ? FileURL::fileURLWithPath(*asset->path, false) : std::nullopt);
     } else {
         promise = _createAppAssetPromiseForBundleIdentifier_atPath_andAddToCoordinatinator(asset->identifier,
                                                                                            asset->path, coordinator);
     }
     _log.message("Satisfying asset promise for %{public}@", asset->identifier);
-    if (promise != nullptr) {
+    if (promise) {
         promise->setPercentComplete(1.0);
         promise->setComplete(true);
     }
@@ -69,7 +69,7 @@ void AppsClient::assetSyncFinishedWithStatus_outstandingItems(bool success,
         const auto coordinator =
             _platform.coordinators.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
                 bundleIdentifier, KXClientSyncHost, false, nullptr, nullptr);
-        if (coordinator == nullptr || success) {
+        if (!coordinator || success) {
             continue;
         }
         const ErrorPtr reason = coordination::cancellation(QRErrorCode::leftOutstanding);
@@ -88,8 +88,8 @@ void AppsClient::uninstallAppUsingCoordination(std::string_view bundleIdentifier
          identifier = std::string(bundleIdentifier)](const ErrorPtr& error) {
             log.message("Uninstall of %{public}@ with install coordinator succeeded wiht error %{public}@.", identifier,
                         error);
-            coordination::logStep(transactionLog, TransactionStep::uninstall, TransactionPhase::end, error == nullptr,
-                                  identifier, "Uninstall app");
+            coordination::logStep(transactionLog, TransactionStep::uninstall, TransactionPhase::end, !error, identifier,
+                                  "Uninstall app");
         });
 }
 

@@ -52,7 +52,7 @@ class RestorePreparation {
 bool RestorePreparation::parseMetadata(const Data& tamblinMetadata) {
     auto root = _platform.propertyLists.propertyListWithData(tamblinMetadata.bytes(), &_error);
     Dictionary* metadata = root ? root->mutableDictionary() : nullptr;
-    if (metadata == nullptr) {
+    if (!metadata) {
         _log.error("failed to parse tamblin metadata for '%{public}@'. err=%{public}@", _bundleIdentifier, _error);
         return false;
     }
@@ -66,14 +66,14 @@ bool RestorePreparation::prepareDemoted() {
                                  .coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
                                      _bundleIdentifier, KXClientSyncHost, true, nullptr, nullptr);
     _coordinator = coordinator;
-    return coordinator != nullptr && _setUserDataPromise(coordinator.get()) && _setPlaceholderPromise();
+    return coordinator && _setUserDataPromise(coordinator.get()) && _setPlaceholderPromise();
 }
 
 std::shared_ptr<KXRestoringAppInstallCoordinator> RestorePreparation::lookUpCoordinator() {
     auto coordinator =
         _platform.restoringCoordinators.coordinatorForAppWithBundleID_withClientID_createIfNotExisting_created_error(
             _bundleIdentifier, KXClientSyncHost, true, nullptr, &_error);
-    if (coordinator == nullptr) {
+    if (!coordinator) {
         _log.error("Error '%{public}@' creating restore coordinator for %{public}@", _error, _bundleIdentifier);
     }
     _coordinator = coordinator;
@@ -83,7 +83,7 @@ std::shared_ptr<KXRestoringAppInstallCoordinator> RestorePreparation::lookUpCoor
 /// Without a coordinator the user data and the install options are tried, and fail with a message of their own.
 bool RestorePreparation::prepareCoordinator(KXRestoringAppInstallCoordinator* coordinator) {
     bool goesOn = _setUserDataPromise(coordinator);
-    if (coordinator != nullptr && coordinator->hasInstallOptions()) {
+    if (coordinator && coordinator->hasInstallOptions()) {
         _log.message("Coordinator for %{public}@ has a valid install options", _bundleIdentifier);
     } else {
         goesOn = _setInstallOptions(); // with fresh options the app is restored even without its user data
@@ -94,15 +94,15 @@ bool RestorePreparation::prepareCoordinator(KXRestoringAppInstallCoordinator* co
 /// False: the promise was refused, or there is no coordinator to take it. One that could not even be made does not
 /// count.
 template <class Coordinator> bool RestorePreparation::_setUserDataPromise(Coordinator* coordinator) {
-    if (coordinator != nullptr && coordinator->hasUserDataPromise()) {
+    if (coordinator && coordinator->hasUserDataPromise()) {
         _log.message("Coordinator for %{public}@ has a valid user data promise", _bundleIdentifier);
         return true;
     }
     const auto promise = _client._userDataPromiseForBundleIdentifier(_bundleIdentifier);
-    if (promise == nullptr) {
+    if (!promise) {
         return true;
     }
-    if (coordinator != nullptr && coordinator->setUserDataPromise_error(promise, &_error)) {
+    if (coordinator && coordinator->setUserDataPromise_error(promise, &_error)) {
         _log.message("Added out of band user data promise for for %{public}@", _bundleIdentifier);
         return true;
     }
@@ -119,7 +119,7 @@ bool RestorePreparation::_setInstallOptions() {
     options.setRegistryInstallType(PDInstallTypeRestore);
     options.setInstallTargetType(coordination::installTargetType);
     options.setTamblinMetadata(TVStoreMetadata{_metadata});
-    if (_coordinator == nullptr || !_coordinator->setInstallOptions_error(options, &_error)) {
+    if (!_coordinator || !_coordinator->setInstallOptions_error(options, &_error)) {
         _log.error("Error %{public}@ setting install options for '%{public}@'", _error, _bundleIdentifier);
         return false;
     }
@@ -135,7 +135,7 @@ bool RestorePreparation::_setPlaceholderPromise() {
     _unacceptedPlaceholder =
         _client._placeHolderForBundleIdentifier_withTamblinMetadata_sinfData_iconData_demotionStatus(
             _bundleIdentifier, _metadata, _sinfData, _iconData, _demotionStatus);
-    if (_unacceptedPlaceholder == nullptr) {
+    if (!_unacceptedPlaceholder) {
         return false;
     }
     if (!_coordinator->setPlaceholderPromise_error(_unacceptedPlaceholder, &_error)) {
@@ -160,11 +160,11 @@ bool RestorePreparation::_handAssetToStoreClient(KXRestoringAppInstallCoordinato
 /// Cancels the coordinator first, then a placeholder that it has not accepted.
 void RestorePreparation::cancel() {
     const ErrorPtr reason = coordination::cancellation(QRErrorCode::restoreFailed);
-    if (_coordinator != nullptr) {
+    if (_coordinator) {
         _log.message("Cancelling coordinator for appBundleIdentifier:%{public}@", _bundleIdentifier);
         _coordinator->cancelForReason_client_error(reason, KXClientSyncHost, nullptr);
     }
-    if (_unacceptedPlaceholder != nullptr) {
+    if (_unacceptedPlaceholder) {
         _log.message("Cancelling placeholder for appBundleIdentifier:%{public}@", _bundleIdentifier);
         _unacceptedPlaceholder->cancelForReason_client_error(reason, KXClientSyncHost, nullptr);
     }
@@ -213,8 +213,7 @@ bool AppsClient::_prepareNonDemotedAppForRestoreWithBundleId_TamblinMetadata_sin
     bool prepared = false;
     if (app.parseMetadata(tamblinMetadata)) {
         const auto coordinator = app.lookUpCoordinator();
-        if (coordinator != nullptr &&
-            coordinator->appAssetPromiseResponsibleClientWithError(nullptr) == KXClientCorbin) {
+        if (coordinator && coordinator->appAssetPromiseResponsibleClientWithError(nullptr) == KXClientCorbin) {
             _log.message("App asset DRI for %{public}@ is set to %lu - nothing more for qrd to do", bundleIdentifier,
                          KXClientCorbin);
             logStep(_platform.transactionLog, TransactionStep::restore, TransactionPhase::end, true, bundleIdentifier,

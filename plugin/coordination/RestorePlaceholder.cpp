@@ -69,13 +69,13 @@ KXPlaceholderPtr AppsClient::_placeHolderForBundleIdentifier_withTamblinMetadata
         iconData, iconPath, &iconSize, bundleIdentifier, placeholderBundle::attributes);
     auto placeholder =
         _placeHolderForBundleIdentifier_name_installType(bundleIdentifier, name, installTypeFor(demotionStatus));
-    if (placeholder == nullptr) {
+    if (!placeholder) {
         return nullptr;
     }
     const bool iconIsSettled =
         iconSize == 0 ||
         _createIconPromiseForBundleIdentifier_transferPath_diskSpaceNeeded_andAddToPlaceHolder_forAppInstall(
-            bundleIdentifier, iconPath, iconSize, placeholder, false) != nullptr;
+            bundleIdentifier, iconPath, iconSize, placeholder, false);
     if (iconIsSettled && configure(*placeholder, _log, bundleIdentifier, metadata, sinfData)) {
         return placeholder;
     }

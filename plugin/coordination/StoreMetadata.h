@@ -27,7 +27,7 @@ inline std::optional<std::string> bundleVersion(const Dictionary& metadata) {
 /// Whether the app may not be launched. The second key counts only without the first.
 inline bool launchProhibited(const Dictionary& metadata) {
     const Value* flag = metadata.find("PDApplicationLaunchProhibited");
-    const auto prohibited = flag != nullptr ? flag->truth() : std::nullopt;
+    const auto prohibited = flag ? flag->truth() : std::nullopt;
     return prohibited ? *prohibited : metadata.truth("launchProhibited");
 }
 

@@ -19,7 +19,7 @@ Array fetchIconOrder(const Platform& platform, const PlugInLog& log) {
     std::size_t length{};
     platform.homeScreen.SKGetFlattenedIconState(platform.homeScreen.SKSSkellanBlockableServerPort(), flattenedFormat,
                                                 &buffer, &length);
-    if (buffer == nullptr) {
+    if (!buffer) {
         log.message("got no icon sort order from SK");
         return {};
     }
@@ -28,7 +28,7 @@ Array fetchIconOrder(const Platform& platform, const PlugInLog& log) {
     platform.files.writeFileAtomically(paths::assetSortOrder, copy.bytes(), nullptr);
     const auto iconOrder = platform.propertyLists.propertyListWithData(copy.bytes(), nullptr);
     platform.homeScreen.SKDeallocate(buffer, length);
-    return iconOrder && iconOrder->array() != nullptr ? *iconOrder->array() : Array{};
+    return iconOrder && iconOrder->array() ? *iconOrder->array() : Array{};
 }
 
 } // namespace
@@ -41,7 +41,7 @@ Array AppsClient::_orderTheItems(Dictionary& items) {
     for (const Value& icon : iconOrder) {
         const auto identifier = icon.string();
         const Value* item = identifier ? items.find(*identifier) : nullptr;
-        if (item != nullptr && placed.insert(*identifier).second) {
+        if (item && placed.insert(*identifier).second) {
             _log.message("prioritize %{public}@", *identifier);
             result.push_back(*item);
         }

@@ -77,7 +77,7 @@ void InProgressAssetQuery::_sort(const PDApplicationProxyPtr& proxy) {
         return;
     }
     const FNProgressPtr progress = proxy->installProgressSync();
-    if (progress == nullptr) {
+    if (!progress) {
         _log.message("No install progress found for asset identifier %{public}@", identifier);
         return;
     }

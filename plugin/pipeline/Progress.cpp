@@ -42,10 +42,9 @@ FNProgressPtr AppsClient::_progressForAssetIdentifier(std::string_view identifie
         return nullptr;
     }
     const auto proxy = _platform.applicationProxies.applicationProxyForIdentifier_placeholder(identifier, true);
-    FNProgressPtr progress = proxy != nullptr
-                                 ? _platform.workspaces.defaultWorkspace().installProgressForApplication_withPhase(
-                                       proxy, PDInstallPhaseLoading)
-                                 : nullptr;
+    FNProgressPtr progress = proxy ? _platform.workspaces.defaultWorkspace().installProgressForApplication_withPhase(
+                                         proxy, PDInstallPhaseLoading)
+                                   : nullptr;
     _log.error("Returning %{public}@ progress for %{public}@", progress, identifier);
     return progress;
 }

@@ -41,7 +41,7 @@ class EndedTransfer {
 
 void EndedTransfer::succeeded(bool existingApp) {
     _log.message("asset transfer succeeded for %{public}@", _identifier);
-    if (_progress != nullptr) {
+    if (_progress) {
         if (_useInstallCoordinator) {
             _log.message("not setting install phase finished for %{public}@ as coordination is enabled", _identifier);
         } else {
@@ -104,7 +104,7 @@ void EndedTransfer::_restoreAssetArrived() {
         return;
     }
     _log.message("Restore data exists for %{public}@", _asset->shortDescription());
-    if (_progress != nullptr) {
+    if (_progress) {
         _progress->setInstallPhase(PDInstallPhaseRestoringData);
     }
     // Installed once its data has arrived.
@@ -116,7 +116,7 @@ void EndedTransfer::failed(const ErrorPtr& error, bool userCancelled) {
     const bool recoverable = _client._isRecoverableError(error);
     _log.message("failed to transfer asset %{public}@. err=%{public}@, recoverable=%d", _asset, error, recoverable);
     if (recoverable) {
-        if (_progress != nullptr) {
+        if (_progress) {
             _progress->setInstallState(PDInstallStateFailed);
         }
         return;
@@ -124,7 +124,7 @@ void EndedTransfer::failed(const ErrorPtr& error, bool userCancelled) {
     if (!_platform.workspaces.defaultWorkspace().applicationIsInstalled(_identifier) || _asset->isRestore) {
         return;
     }
-    if (_progress != nullptr && _progress->installState() < PDInstallStateCanceled) {
+    if (_progress && _progress->installState() < PDInstallStateCanceled) {
         _progress->cancel();
     }
     _uninstallPlaceholder(userCancelled);
@@ -160,7 +160,7 @@ void refreshReceipts(const Platform& platform, const PlugInLog& log) {
     const auto library = platform.softwareLibraries.init();
     Semaphore refreshed;
     library->refreshReceiptsWithCompletionBlock([&log, &refreshed](const ErrorPtr& error) {
-        if (error != nullptr) {
+        if (error) {
             log.message("refreshReceiptsWithCompletionBlock failed: %{public}@", error);
         } else {
             log.message("refreshReceiptsWithCompletionBlock succeeded");
@@ -290,7 +290,7 @@ bool AppsClient::_isRecoverableError(const ErrorPtr& error) {
         return false;
     }
     const bool refusedByInstaller =
-        error != nullptr && (error->domain() == TVInstallerErrorDomain || error->domain() == "PendryError");
+        error && (error->domain() == TVInstallerErrorDomain || error->domain() == "PendryError");
     return !refusedByInstaller;
 }
 

@@ -25,7 +25,7 @@ Dictionary placeholderInfo(const QRAsset& asset, std::string_view prettyName, co
     info.set("BXBundleExecutable", prettyName);
     info.set("BXBundleDisplayName", prettyName);
     info.set("BXBundleIconFile", "Icon.png");
-    info.set("UIWendralApp", wendral != nullptr ? *wendral : Value(false));
+    info.set("UIWendralApp", wendral ? *wendral : Value(false));
     info.set("PDApplicationLaunchProhibited", appInfo.truth("PDApplicationLaunchProhibited"));
     return info;
 }
@@ -43,17 +43,17 @@ bool AppsClient::_makeIconFromBundlePath_saveTo(const std::optional<std::string>
         return false;
     }
     const auto bundle = _platform.bundles.bundleWithURL(*url);
-    if (bundle == nullptr) {
+    if (!bundle) {
         _log.error("couldn't create bundle from URL");
         return false;
     }
     const auto image = _platform.iconRenderer.YKCreateDeviceAppropriateHomeScreenIconImageFromBundle(bundle);
-    if (image == nullptr) {
+    if (!image) {
         _log.error("couldn't create SK icon from bundle");
         return false;
     }
     const auto destination = _platform.imageDestinations.destinationWithType_count("public.png", 1);
-    if (destination == nullptr) {
+    if (!destination) {
         _log.error("couldn't create image");
         return false;
     }
@@ -80,8 +80,8 @@ bool AppsClient::createPlaceHolderPath_forBundleIdentifier_withAttributes(std::s
                                                                           const FileAttributes& attributes) {
     // What begins with "../" may be an identifier, and would lead out of the folder of the placeholders.
     ErrorPtr error = paths::climbs(path) ? Error::make(posixErrorDomain, EINVAL) : nullptr;
-    const bool created = error == nullptr && _platform.files.createDirectory(path, true, attributes, &error);
-    if (!created || error != nullptr) {
+    const bool created = !error && _platform.files.createDirectory(path, true, attributes, &error);
+    if (!created || error) {
         placeholderBundle::logAppRestore(_platform, false, bundleIdentifier, "Failed to create app directory");
     }
     _log.message("Created app directory for '%{public}@' at %{public}@ with err=%{public}@", bundleIdentifier, path,
@@ -92,7 +92,7 @@ bool AppsClient::createPlaceHolderPath_forBundleIdentifier_withAttributes(std::s
 bool AppsClient::writeIconData_atPath_returningFileSize_forBundleIdentifier_withAttributes(
     const std::optional<Data>& icon, std::string_view path, std::uint64_t* fileSize, std::string_view bundleIdentifier,
     const FileAttributes& attributes) {
-    if (fileSize != nullptr) {
+    if (fileSize) {
         *fileSize = 0;
     }
     if (!icon) {
@@ -105,7 +105,7 @@ bool AppsClient::writeIconData_atPath_returningFileSize_forBundleIdentifier_with
         const auto file = _platform.files.attributesOfItem(path, nullptr);
         size = file ? file->size : 0;
     }
-    if (fileSize != nullptr) {
+    if (fileSize) {
         *fileSize = size;
     }
     _log.message("icon data for '%{public}@' was writen to %{public}@ with status:%d fileSize:%llu", bundleIdentifier,

@@ -33,7 +33,7 @@ class DemotedApps {
     static Identifiers _identifiers(const std::optional<Dictionary>& file, std::string_view key) {
         Identifiers found;
         const Array* list = file ? file->array(key) : nullptr;
-        for (std::size_t i = 0; list != nullptr && i < list->size(); ++i) {
+        for (std::size_t i = 0; list && i < list->size(); ++i) {
             if (const auto identifier = (*list)[i].string()) {
                 found.insert(*identifier);
             }
@@ -55,7 +55,7 @@ std::optional<Dictionary> loadRestoreInfo(const Platform& platform, const PlugIn
     log.message("processing tamblin restore info");
     auto root = platform.propertyLists.propertyListWithData(bytes->bytes(), &error);
     Dictionary* apps = root ? root->mutableDictionary() : nullptr;
-    if (apps == nullptr) {
+    if (!apps) {
         log.message("failed to parse tamblin app restore info. err=%{public}@", error);
         return std::nullopt;
     }
@@ -76,7 +76,7 @@ std::optional<bool> restoreApp(AppsClient& client, const PlugInLog& log, bool us
         return std::nullopt;
     }
     const Dictionary* app = appInfo.dictionary();
-    if (app == nullptr) {
+    if (!app) {
         log.message("no tamblin restore info for '%{public}@' - skipping", bundleIdentifier);
         return std::nullopt;
     }
@@ -111,7 +111,7 @@ bool AppsClient::reconcileRestoreOfType_withError(int type, ErrorPtr* error) noe
     if (type == restoreFromDesktopBackup) {
         _processTamblinRestoreInfo();
     }
-    if (error != nullptr) {
+    if (error) {
         *error = nullptr;
     }
     return true;

@@ -23,7 +23,7 @@ Dictionary infoOfRestoredApp(std::string_view bundleIdentifier, const Dictionary
             {"BXBundleExecutable", name},
             {"BXBundleDisplayName", name},
             {"BXBundleIconFile", "Icon.png"},
-            {"UIWendralApp", wendral != nullptr ? *wendral : Value(false)},
+            {"UIWendralApp", wendral ? *wendral : Value(false)},
             {"PDApplicationLaunchProhibited", storeMetadata::launchProhibited(metadata)}};
 }
 
@@ -32,7 +32,7 @@ std::optional<Dictionary> parseMetadata(const Platform& platform, const PlugInLo
     ErrorPtr error;
     auto root = platform.propertyLists.propertyListWithData(tamblinMetaData.bytes(), &error);
     Dictionary* metadata = root ? root->mutableDictionary() : nullptr;
-    if (metadata == nullptr) {
+    if (!metadata) {
         log.message("failed to parse tamblin metadata for '%{public}@'. err=%{public}@", bundleIdentifier, error);
         return std::nullopt;
     }

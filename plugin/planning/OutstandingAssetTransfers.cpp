@@ -25,7 +25,7 @@ std::set<std::string> addRequestedApps(const Array& toDoList, const PlugInLog& l
     std::set<std::string> requested;
     for (const Value& item : toDoList) {
         const Dictionary* record = item.dictionary();
-        if (record == nullptr || record->string("operation") != "install") {
+        if (!record || record->string("operation") != "install") {
             continue;
         }
         const auto identifier = record->string("identifier");
@@ -62,7 +62,7 @@ void renewIconDirectory(FileSystem& files, const PlugInLog& log) {
 std::optional<std::string> displayNameOfBundle(BundleClass& bundles, const std::optional<std::string>& path) {
     const auto url = path ? FileURL::fileURLWithPath(*path, true) : std::nullopt;
     const auto bundle = url ? bundles.bundleWithURL(*url) : nullptr;
-    const auto name = bundle != nullptr ? bundle->objectForInfoDictionaryKey("BXBundleDisplayName") : std::nullopt;
+    const auto name = bundle ? bundle->objectForInfoDictionaryKey("BXBundleDisplayName") : std::nullopt;
     const auto text = name ? name->string() : std::nullopt;
     return text ? std::optional<std::string>(*text) : std::nullopt;
 }
@@ -120,7 +120,7 @@ QRAssetPtr assetForCandidate(AppsClient& client, FileSystem& files, const PlugIn
 /// Whether an app is there that the install would update.
 bool isInstalled(const Platform& platform, const PlugInLog& log, const std::string& identifier) {
     const auto proxy = platform.applicationProxies.applicationProxyForIdentifier_placeholder(identifier, false);
-    const bool existingApp = proxy != nullptr && proxy->isInstalled() && !proxy->isPlaceholder();
+    const bool existingApp = proxy && proxy->isInstalled() && !proxy->isPlaceholder();
     if (existingApp) {
         log.message("App %{public}@ is already installed and will be updated.", identifier);
     }

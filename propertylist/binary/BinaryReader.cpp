@@ -176,7 +176,7 @@ Cell BinaryReader::boxedObject(std::uint64_t number, std::size_t at, std::size_t
     if (isContainer && depth >= maxPropertyListDepth) {
         failReading(Code::tooDeep, at, "containers are nested too deep");
     }
-    if (known != nullptr) {
+    if (known) {
         known->retainUnpublished();
         Cell shared = Cell::boxed(tag, known);
         chargeShared(shared, referenceAt, depth);

@@ -34,11 +34,11 @@ struct Estimate {
         constexpr std::size_t maxRecords = 100'000;
         constexpr std::size_t maxEntries = 32;
         const Array* const items = value.array();
-        if (items != nullptr && !items->empty()) {
+        if (items && !items->empty()) {
             const Dictionary* const record = items->front().dictionary();
             const std::size_t count = std::min(items->size(), maxRecords);
-            containers = record == nullptr ? 0 : count;
-            scalars = record == nullptr ? count : count * std::min(record->size(), maxEntries);
+            containers = record ? count : 0;
+            scalars = record ? count * std::min(record->size(), maxEntries) : count;
         }
     }
     std::size_t containers = 0;
@@ -249,7 +249,7 @@ std::size_t BinaryWriter::addKeys(const Dictionary& entries, std::size_t& i) {
         return ValueAccess::cell(a.key).words() == ValueAccess::cell(b.key).words();
     };
     Keys& last = _lastKeys[entries.size() % _lastKeys.size()];
-    if (last.dictionary != nullptr &&
+    if (last.dictionary &&
         std::equal(entries.begin(), entries.end(), last.dictionary->begin(), last.dictionary->end(), sameBits) &&
         mayRepeat(last.bytes)) {
         return last.position;

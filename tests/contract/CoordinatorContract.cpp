@@ -169,7 +169,7 @@ TEST_P(CoordinatorContract, ANullPlaceholderIsTakenOrRefusedButNeverThere) {
     const auto coordinator = lookUp(platform().initiatingCoordinators, A, true).coordinator;
     ErrorPtr error;
     const bool isTaken = coordinator->setPlaceholderPromise_error(nullptr, &error);
-    EXPECT_EQ(isTaken, error == nullptr);
+    EXPECT_EQ(isTaken, !error);
     EXPECT_FALSE(coordinator->hasPlaceholderPromise());
 }
 

@@ -60,7 +60,7 @@ class Reports final : public KXAppInstallObserverDelegate {
         }
         during(coordinator);
         const std::lock_guard lock(_mutex);
-        _lines.push_back(what + " " + app + (error != nullptr ? " with an error" : ""));
+        _lines.push_back(what + " " + app + (error ? " with an error" : ""));
         _error = error;
         _running.erase(app);
         _told.notify_all();
@@ -333,7 +333,7 @@ TEST_P(CoordinatorReportContract, ADelegateMayUseTheCoordinatorWithinACall) {
         }
         const auto asset = coordinator->appAssetPromiseWithError(nullptr);
         EXPECT_NE(asset, nullptr);
-        if (asset != nullptr) {
+        if (asset) {
             asset->setTransferPath(archive);
             asset->setComplete(true);
         }
@@ -386,11 +386,11 @@ TEST_P(CoordinatorReportContract, TakingAnInstallBackLeavesAnInstalledVersionAtE
             }
             ErrorPtr error;
             EXPECT_EQ(platform().coordinators.uninstallAppWithBundleID_error(app, &error), stage != Stage::nothing);
-            EXPECT_EQ(error == nullptr, stage != Stage::nothing) << textOf(error);
+            EXPECT_EQ(!error, stage != Stage::nothing) << textOf(error);
             EXPECT_FALSE(hasCoordinator(platform(), app));
             EXPECT_EQ(apps.app(app) != nullptr, isInstalled);
             const auto shown = apps.appOrPlaceholder(app);
-            EXPECT_TRUE(shown == nullptr || !shown->isPlaceholder());
+            EXPECT_TRUE(!shown || !shown->isPlaceholder());
             EXPECT_FALSE(platform().coordinators.uninstallAppWithBundleID_error(app, nullptr)) << "nothing is left";
         }
     }

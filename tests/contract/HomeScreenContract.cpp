@@ -19,7 +19,7 @@ std::optional<Value> iconOrder(const Platform& platform, SKPort port, std::uint3
     const char* buffer = "nothing yet";
     std::size_t length = 77;
     platform.homeScreen.SKGetFlattenedIconState(port, format, &buffer, &length);
-    if (buffer == nullptr) {
+    if (!buffer) {
         return std::nullopt;
     }
     const std::string bytes(buffer, length);
@@ -171,7 +171,7 @@ void hear(NotificationCenter* /*center*/, void* observer, std::string_view name,
     heard.thread = std::this_thread::get_id();
     heard.name = name;
     heard.object = object;
-    heard.userInfo = userInfo != nullptr ? std::optional(*userInfo) : std::nullopt;
+    heard.userInfo = userInfo ? std::optional(*userInfo) : std::nullopt;
     heard.during();
     heard.signal.raise();
 }

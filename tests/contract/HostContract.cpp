@@ -35,7 +35,7 @@ TEST_P(HostContract, TheProcessHasABundleIdentifierOrNone) {
 
 TEST_P(HostContract, TheDeviceServiceIsOneAndCompletesAPrioritisationOnce) {
     const auto service = platform().deviceService.sharedInstance();
-    if (service == nullptr) {
+    if (!service) {
         GTEST_SKIP() << "the host offers none";
     }
     EXPECT_EQ(platform().deviceService.sharedInstance(), service);

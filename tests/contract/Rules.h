@@ -87,7 +87,7 @@ inline FileURL folderAt(std::string_view path) {
 }
 /// How a failed expectation shows an error.
 inline std::string textOf(const ErrorPtr& error) {
-    return error != nullptr ? error->description() : "no error";
+    return error ? error->description() : "no error";
 }
 
 } // namespace appsync::contract

@@ -297,7 +297,7 @@ int receiveDescriptor(int socket) {
     message.msg_control = control.bytes;
     message.msg_controllen = sizeof control.bytes;
     int descriptor = -1;
-    if (::recvmsg(socket, &message, 0) == 1 && CMSG_FIRSTHDR(&message) != nullptr) {
+    if (::recvmsg(socket, &message, 0) == 1 && CMSG_FIRSTHDR(&message)) {
         std::memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof descriptor);
     }
     return descriptor;
@@ -445,7 +445,7 @@ std::optional<Options> parse(int count, char** words) {
             return std::nullopt;
         }
     }
-    return options.folder.empty() || options.command == nullptr ? std::nullopt : std::optional(options);
+    return options.folder.empty() || !options.command ? std::nullopt : std::optional(options);
 }
 
 } // namespace

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 using Sentences = std::vector<std::string>;
 
 std::string sentence(const ErrorPtr& error) {
-    return error != nullptr ? std::string(error->userInfo().string(errorDescriptionKey).value_or("")) : "";
+    return error ? std::string(error->userInfo().string(errorDescriptionKey).value_or("")) : "";
 }
 
 /// A folder of its own for each test, gone afterwards.
@@ -62,7 +62,7 @@ class Desktop : public testing::Test {
     /// Whether the app can be packed; if not, `error` has the reason.
     bool pack(const fs::path& app, const fs::path& archive) {
         error = packApp(app.string(), archive.string(), codec).error();
-        return error == nullptr;
+        return !error;
     }
     AppLibrary read() {
         auto read = readAppLibrary(library().string(), codec);

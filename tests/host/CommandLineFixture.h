@@ -57,7 +57,7 @@ class Running {
     /// The next line that has this in it; empty when there is none before the end.
     std::string lineWith(const std::string& text) {
         std::array<char, 8192> buffer{};
-        while (std::fgets(buffer.data(), buffer.size(), _out) != nullptr) {
+        while (std::fgets(buffer.data(), buffer.size(), _out)) {
             const std::string line = buffer.data();
             if (line.find(text) != std::string::npos) {
                 return line;

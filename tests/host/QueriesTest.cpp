@@ -27,7 +27,7 @@ class Queries : public SyncOnBothPaths {
         const ExitCode code = uninstall({.device = deviceFolder(), .app = app});
         testing::internal::GetCapturedStdout();
         const std::string said = testing::internal::GetCapturedStderr();
-        if (complaint != nullptr) {
+        if (complaint) {
             *complaint = said;
         }
         return code;

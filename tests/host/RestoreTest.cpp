@@ -207,7 +207,7 @@ class Restores : public Sync {
         PropertyListCodec codec;
         const auto list =
             codec.propertyListWithData(contentOf(fs::path(backupFolder()) / "RestoreApplications.plist"), nullptr);
-        return list && list->dictionary() != nullptr ? *list->dictionary() : Dictionary{};
+        return list && list->dictionary() ? *list->dictionary() : Dictionary{};
     }
     static std::string reasonOf(const Json& report, const std::string& name) {
         for (const auto& app : report["apps"]) {

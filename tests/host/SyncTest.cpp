@@ -88,7 +88,7 @@ TEST_P(SyncOnBothPaths, LeavesEachOutcomeInTheToDoList) {
     const std::string bytes{std::istreambuf_iterator<char>(file), {}};
     PropertyListCodec codec;
     const auto list = codec.propertyListWithData(bytes, nullptr);
-    ASSERT_TRUE(list && list->array() != nullptr);
+    ASSERT_TRUE(list && list->array());
     Results operations;
     for (const Value& record : *list->array()) {
         operations[std::string(*record.dictionary()->string("identifier"))] = *record.dictionary()->string("operation");

@@ -80,8 +80,8 @@ class ClientTest : public testing::Test {
     /// The operation of the first to-do record of an app, "" when there is none.
     std::string operationOf(std::string_view identifier) {
         const auto list = world.files.plistAt(paths::toDoList);
-        for (const Value& record : list && list->array() != nullptr ? *list->array() : Array{}) {
-            if (record.dictionary() != nullptr && record.dictionary()->string("identifier") == identifier) {
+        for (const Value& record : list && list->array() ? *list->array() : Array{}) {
+            if (record.dictionary() && record.dictionary()->string("identifier") == identifier) {
                 return std::string(record.dictionary()->string("operation").value_or(""));
             }
         }

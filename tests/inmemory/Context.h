@@ -26,7 +26,7 @@ inline std::string wholeText(const Value& value) {
     if (const auto data = value.data()) {
         return text.append("<").append(data->bytes()).append(">");
     }
-    if (value.dictionary() == nullptr) {
+    if (!value.dictionary()) {
         return value.description();
     }
     for (const auto& [key, entry] : *value.dictionary()) {
@@ -98,7 +98,7 @@ struct Context {
     /// The same for a call with an error out-argument: true when it is to fail, with the error stored.
     bool fails(std::string_view name, const std::string& arguments, ErrorPtr* error) {
         ErrorPtr fault = call(name, arguments);
-        if (fault != nullptr && error != nullptr) {
+        if (fault && error) {
             *error = fault;
         }
         return fault != nullptr;

@@ -4,10 +4,10 @@ namespace appsync::inmemory {
 
 bool Placeholder::_call(std::string_view name, const std::string& arguments, ErrorPtr* error) {
     const ErrorPtr fault = _context.callOn("placeholder", identifier, name, arguments);
-    if (fault != nullptr && error != nullptr) {
+    if (fault && error) {
         *error = fault;
     }
-    return fault == nullptr;
+    return !fault;
 }
 
 bool Placeholder::setPlaceholderAttributes_error(const KXPlaceholderAttributes& attributes, ErrorPtr* error) noexcept {
@@ -79,7 +79,7 @@ CoordinatorStatePtr Coordinators::findOrAdd(std::string_view identifier, const s
         return nullptr;
     }
     if (isThere || kind == "any") {
-        if (error != nullptr) {
+        if (error) {
             *error = Error::make("CoordinatorInMemory", 1, {{errorDescriptionKey, "of another kind, or of none"}});
         }
         return nullptr;
@@ -137,7 +137,7 @@ KXPromisedTransferToPathPtr Factories::initWithName_client_diskSpaceNeeded(std::
                                                                            KXClientIdentifier client,
                                                                            std::uint64_t diskSpaceNeeded) noexcept {
     if (_context.call("promises.transfer", std::string(name) + ", client " + std::to_string(client) + ", no path, " +
-                                               std::to_string(diskSpaceNeeded)) != nullptr) {
+                                               std::to_string(diskSpaceNeeded))) {
         return nullptr;
     }
     return std::make_shared<TransferPromise>(_context, std::string(name));
@@ -165,8 +165,8 @@ Factories::initWithMachServiceName_forClients_delegate(std::string_view serviceN
         numbers += " " + std::to_string(client);
     }
     const std::string arguments =
-        std::string(serviceName) + ", clients" + numbers + (delegate != nullptr ? ", delegate" : ", no delegate");
-    if (_context.call("observers.init", arguments) != nullptr) {
+        std::string(serviceName) + ", clients" + numbers + (delegate ? ", delegate" : ", no delegate");
+    if (_context.call("observers.init", arguments)) {
         return nullptr;
     }
     return std::make_shared<Observer>(_context);
@@ -176,7 +176,7 @@ KXPromisedOutOfBandTransferPtr
 OutOfBandFactory::initWithName_client_diskSpaceNeeded(std::string_view name, KXClientIdentifier client,
                                                       std::uint64_t diskSpaceNeeded) noexcept {
     if (_context.call("promises.outOfBand", std::string(name) + ", client " + std::to_string(client) + ", " +
-                                                std::to_string(diskSpaceNeeded)) != nullptr) {
+                                                std::to_string(diskSpaceNeeded))) {
         return nullptr;
     }
     return std::make_shared<OutOfBandPromise>(_context, std::string(name));

@@ -33,10 +33,10 @@ template <class Interface> class Promise : public Interface {
         cancelled = reason;
         const ErrorPtr fault =
             _context.callOn("promise", name, "cancel", reason->description() + ", client " + std::to_string(client));
-        if (fault != nullptr && error != nullptr) {
+        if (fault && error) {
             *error = fault;
         }
-        return fault == nullptr;
+        return !fault;
     }
     std::string description() noexcept override { return "<promise " + name + ">"; }
 
@@ -135,8 +135,8 @@ template <class Interface> class Coordinator : public Interface {
     bool hasPlaceholderPromise() noexcept override { return _state->hasPlaceholderPromise; }
     bool setPlaceholderPromise_error(const KXPlaceholderPtr& placeholder, ErrorPtr* error) noexcept override {
         const bool accepted =
-            _call("setPlaceholderPromise", placeholder != nullptr ? placeholder->description() : "(null)", error);
-        _state->hasPlaceholderPromise = accepted && placeholder != nullptr;
+            _call("setPlaceholderPromise", placeholder ? placeholder->description() : "(null)", error);
+        _state->hasPlaceholderPromise = accepted && placeholder;
         return accepted; // also of a null placeholder, as a service may
     }
     bool cancelForReason_client_error(const ErrorPtr& reason, KXClientIdentifier client,
@@ -154,21 +154,21 @@ template <class Interface> class Coordinator : public Interface {
     /// Writes the call; its fault is named as in "coordinator.setInstallOptions".
     bool _call(const std::string& name, const std::string& arguments, ErrorPtr* error) {
         ErrorPtr fault = _context.callOn("coordinator", _state->identifier, name, arguments);
-        if (fault == nullptr && _state->cancelled) {
+        if (!fault && _state->cancelled) {
             fault = Error::make("CoordinatorInMemory", 3, {{errorDescriptionKey, "it has ended"}});
         }
-        if (fault != nullptr && error != nullptr) {
+        if (fault && error) {
             *error = fault;
         }
-        return fault == nullptr;
+        return !fault;
     }
     /// The same for a promise, of which there can be one.
     bool _take(const std::string& name, const std::shared_ptr<KXPromise>& promise, bool hasOne, ErrorPtr* error) {
-        const bool isTaken = _call(name, promise != nullptr ? promise->description() : "(null)", error);
-        if (isTaken && (promise == nullptr || hasOne) && error != nullptr) {
+        const bool isTaken = _call(name, promise ? promise->description() : "(null)", error);
+        if (isTaken && (!promise || hasOne) && error) {
             *error = Error::make("CoordinatorInMemory", 2, {{errorDescriptionKey, "null, or there is one already"}});
         }
-        return isTaken && promise != nullptr && !hasOne;
+        return isTaken && promise && !hasOne;
     }
     static std::string _optionsText(const TVInstallOptions& options) {
         return "metadata " + (options.tamblinMetadata ? wholeText(options.tamblinMetadata->dictionary) : "(null)") +
@@ -282,7 +282,7 @@ std::shared_ptr<Interface> CoordinatorLookup<Interface, Implementation, Base>::
                                                                                  bool createIfNotExisting,
                                                                                  bool* created,
                                                                                  ErrorPtr* error) noexcept {
-    if (created != nullptr) {
+    if (created) {
         *created = false;
     }
     if (_context.fails("coordinators." + _kind,
@@ -293,13 +293,13 @@ std::shared_ptr<Interface> CoordinatorLookup<Interface, Implementation, Base>::
     }
     bool isNew = false;
     const CoordinatorStatePtr state = _all.findOrAdd(bundleID, _kind, client, createIfNotExisting, isNew, error);
-    if (created != nullptr) {
+    if (created) {
         *created = isNew;
     }
-    if (state != nullptr && state->errorBeside != nullptr && error != nullptr) {
+    if (state && state->errorBeside && error) {
         *error = state->errorBeside;
     }
-    return state != nullptr ? std::make_shared<Implementation>(_context, state) : nullptr;
+    return state ? std::make_shared<Implementation>(_context, state) : nullptr;
 }
 
 /// The factories: "promises.transfer(NAME, …)", "promises.outOfBand(NAME, …)", "placeholders.init(…)",

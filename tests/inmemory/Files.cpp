@@ -11,7 +11,7 @@ namespace appsync::inmemory {
 namespace {
 
 bool report(int failed, std::string_view path, ErrorPtr* error) {
-    if (failed != 0 && error != nullptr) {
+    if (failed != 0 && error) {
         *error = Error::make(posixErrorDomain, failed, {{errorPathKey, path}});
     }
     return failed == 0;
@@ -45,7 +45,7 @@ bool Files::createDirectory(std::string_view path, bool withIntermediateDirector
     if (!report(_createDirectory(path, withIntermediateDirectories), path, error)) {
         return false;
     }
-    if (error != nullptr && complaintOfCreateDirectory != nullptr) {
+    if (error && complaintOfCreateDirectory) {
         *error = complaintOfCreateDirectory;
     }
     return true;
@@ -166,7 +166,7 @@ std::optional<FileInformation> Files::attributesOfItem(std::string_view path, Er
 
 int Files::utimes(std::string_view path) noexcept {
     const ErrorPtr fault = _context.call("files.utimes", std::string(path));
-    return fault != nullptr ? static_cast<int>(fault->code()) : exists(path) ? 0 : ENOENT;
+    return fault ? static_cast<int>(fault->code()) : exists(path) ? 0 : ENOENT;
 }
 
 std::string Files::errorText(int errorNumber) noexcept {

@@ -16,7 +16,7 @@ constexpr std::uint32_t invalidNotice = 1;
 /// The identifiers of a list, and of the lists within it.
 void flatten(const Array& list, Array& order) {
     for (const Value& place : list) {
-        if (place.array() != nullptr) {
+        if (place.array()) {
             flatten(*place.array(), order);
         } else if (place.string() && std::ranges::find(order, place) == order.end()) {
             order.push_back(place);
@@ -45,14 +45,14 @@ class Screen::Assertion final : public SKSApplicationTerminationAssertion {
 };
 
 SKPort Screen::SKSSkellanBlockableServerPort() noexcept {
-    return _context.call("screen.port") != nullptr ? 0 : port;
+    return _context.call("screen.port") ? 0 : port;
 }
 
 void Screen::SKSetIconState(SKPort usedPort, std::string_view iconState) noexcept {
     _context.call("screen.SKSetIconState", "port " + std::to_string(usedPort) + ", " + std::string(iconState));
     PropertyListCodec codec;
     const auto layout = codec.propertyListWithData(iconState, nullptr);
-    if (usedPort != port || !layout || layout->array() == nullptr) {
+    if (usedPort != port || !layout || !layout->array()) {
         return;
     }
     Array order;
@@ -83,7 +83,7 @@ Screen::SKSApplicationTerminationAssertionCreateWithError(std::string_view bundl
         _context.call("screen.assertion", std::string(bundleIdentifier) + ", reason " + std::to_string(reason));
     beforeAssertion();
     const std::lock_guard lock(_mutex);
-    const std::uint8_t answer = fault != nullptr ? static_cast<std::uint8_t>(fault->code()) : _answer(bundleIdentifier);
+    const std::uint8_t answer = fault ? static_cast<std::uint8_t>(fault->code()) : _answer(bundleIdentifier);
     *errorCode = answer;
     if (answer == SKSTerminationAssertionNotFound && !assertsWhatItDoesNotFind) {
         return nullptr;
@@ -127,7 +127,7 @@ bool Screen::isRunning(std::string_view identifier) {
 
 std::uint32_t NoticeService::notify_register_check(std::string_view name, int* token) noexcept {
     const ErrorPtr fault = _context.call("notify.register", std::string(name));
-    if (fault != nullptr) {
+    if (fault) {
         return static_cast<std::uint32_t>(fault->code());
     }
     const std::lock_guard lock(_mutex);
@@ -178,8 +178,7 @@ std::uint64_t NoticeService::postsOf(std::string_view name) const {
 
 void Center::addObserver(void* observer, NotificationCallback callback, std::string_view name, const void* object,
                          NotificationSuspensionBehavior suspensionBehavior) noexcept {
-    _context.call("center.addObserver", std::string(name) + (object == nullptr ? ", no object" : ", object") +
-                                            ", suspension " +
+    _context.call("center.addObserver", std::string(name) + (!object ? ", no object" : ", object") + ", suspension " +
                                             std::to_string(static_cast<unsigned>(suspensionBehavior)));
     auto observation = std::make_shared<Observation>();
     observation->observer = observer;
@@ -217,7 +216,7 @@ void Center::post(std::string_view name, const void* object, const Dictionary* u
     }
     for (const auto& each : observations) {
         const std::lock_guard lock(each->calling);
-        if (!each->isRemoved && each->name == name && (each->object == nullptr || each->object == object)) {
+        if (!each->isRemoved && each->name == name && (!each->object || each->object == object)) {
             each->callback(this, each->observer, name, object, userInfo);
         }
     }
@@ -232,7 +231,7 @@ struct BundleInFiles final : Bundle {
     Dictionary info;
     std::optional<Value> objectForInfoDictionaryKey(std::string_view key) noexcept override {
         const Value* value = info.find(key);
-        return value != nullptr ? std::optional(*value) : std::nullopt;
+        return value ? std::optional(*value) : std::nullopt;
     }
 };
 
@@ -248,7 +247,7 @@ class Destination final : public ImageDestination {
         _context.call("image.addImage", *_name);
     }
     std::optional<Data> finalize() noexcept override {
-        if (_context.call("image.finalize") != nullptr || !_name) {
+        if (_context.call("image.finalize") || !_name) {
             return std::nullopt;
         }
         return Data("PNG of " + *_name);
@@ -262,12 +261,12 @@ class Destination final : public ImageDestination {
 } // namespace
 
 std::shared_ptr<Bundle> Icons::bundleWithURL(const FileURL& url) noexcept {
-    if (_context.call("bundles.bundleWithURL", url.description()) != nullptr || !_files.hasFolder(url.path())) {
+    if (_context.call("bundles.bundleWithURL", url.description()) || !_files.hasFolder(url.path())) {
         return nullptr;
     }
     auto bundle = std::make_shared<BundleInFiles>();
     bundle->path = url.path();
-    if (const auto info = _files.plistAt(url.path() + "/Info.plist"); info && info->dictionary() != nullptr) {
+    if (const auto info = _files.plistAt(url.path() + "/Info.plist"); info && info->dictionary()) {
         bundle->info = *info->dictionary();
     }
     return bundle;
@@ -277,12 +276,11 @@ std::shared_ptr<Image>
 Icons::YKCreateDeviceAppropriateHomeScreenIconImageFromBundle(const std::shared_ptr<Bundle>& bundle) noexcept {
     auto image = std::make_shared<NamedImage>();
     image->name = static_cast<BundleInFiles&>(*bundle).path;
-    return _context.call("icons.render", image->name) != nullptr ? nullptr : image;
+    return _context.call("icons.render", image->name) ? nullptr : image;
 }
 
 std::unique_ptr<ImageDestination> Icons::destinationWithType_count(std::string_view type, std::size_t count) noexcept {
-    if (_context.call("image.destination", std::string(type) + ", " + std::to_string(count)) != nullptr ||
-        type != "public.png") {
+    if (_context.call("image.destination", std::string(type) + ", " + std::to_string(count)) || type != "public.png") {
         return nullptr;
     }
     return std::make_unique<Destination>(_context);

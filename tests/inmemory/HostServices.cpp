@@ -99,8 +99,8 @@ void DeviceService::cancelAssetTransferForFailedAsset(const QRAssetPtr& asset) n
 }
 
 bool ErrorClassification::QRIsRecoverableError(const ErrorPtr& error) noexcept {
-    _context.call("host.QRIsRecoverableError", error != nullptr ? error->description() : "(null)");
-    return error != nullptr && recoverableDomains.contains(error->domain());
+    _context.call("host.QRIsRecoverableError", error ? error->description() : "(null)");
+    return error && recoverableDomains.contains(error->domain());
 }
 
 // The clock.

@@ -59,12 +59,12 @@ Registry::~Registry() {
 PDApplicationProxyPtr Registry::applicationProxyForIdentifier_placeholder(std::string_view bundleIdentifier,
                                                                           bool placeholder) noexcept {
     if (_context.call("registry.applicationProxyForIdentifier",
-                      std::string(bundleIdentifier) + ", placeholder " + (placeholder ? "1" : "0")) != nullptr) {
+                      std::string(bundleIdentifier) + ", placeholder " + (placeholder ? "1" : "0"))) {
         return nullptr;
     }
     const std::lock_guard lock(_mutex);
     auto found = placeholder ? _find(bundleIdentifier, true) : nullptr;
-    return found != nullptr ? found : _find(bundleIdentifier, false);
+    return found ? found : _find(bundleIdentifier, false);
 }
 
 void Registry::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noexcept {
@@ -75,7 +75,7 @@ void Registry::addObserver(PDApplicationWorkspaceObserverProtocol* observer) noe
         const std::lock_guard lock(_mutex);
         _observations.push_back(std::move(observation));
         auto* query = dynamic_cast<PDApplicationWorkspaceObserver*>(observer);
-        if (query != nullptr && answersQueries && !reportsChanges && !answersAtOnce) {
+        if (query && answersQueries && !reportsChanges && !answersAtOnce) {
             _answerQuery(query);
         }
     }
@@ -105,7 +105,7 @@ void Registry::removeObserver(PDApplicationWorkspaceObserverProtocol* observer) 
             }
             return each->observer == observer;
         });
-        if (dynamic_cast<PDApplicationWorkspaceObserver*>(observer) != nullptr) {
+        if (dynamic_cast<PDApplicationWorkspaceObserver*>(observer)) {
             answers.swap(_answers);
         }
     }
@@ -144,8 +144,8 @@ std::pair<PDApplicationProxies, PDApplicationProxies> Registry::_underWay() cons
     std::pair<PDApplicationProxies, PDApplicationProxies> lists;
     const std::lock_guard lock(_mutex);
     for (const ApplicationPtr& application : _applications) {
-        const std::uint64_t state = application->progress != nullptr ? application->progress->state.load() : 0;
-        if (application->progress == nullptr) {
+        const std::uint64_t state = application->progress ? application->progress->state.load() : 0;
+        if (!application->progress) {
             continue;
         }
         if (state == PDInstallStateWaiting || state == PDInstallStateActive) {
@@ -164,10 +164,10 @@ void Registry::remove(std::string_view identifier) {
 
 void Registry::cancelInstall(std::string_view identifier) {
     const auto application = find(identifier, true);
-    if (application == nullptr) {
+    if (!application) {
         return;
     }
-    if (application->progress != nullptr) {
+    if (application->progress) {
         application->progress->cancel();
     }
     {
@@ -187,7 +187,7 @@ void Registry::cancelInstall(std::string_view identifier) {
 bool Registry::applicationIsInstalled(std::string_view bundleIdentifier) noexcept {
     _context.call("registry.applicationIsInstalled", std::string(bundleIdentifier));
     const std::lock_guard lock(_mutex);
-    return _find(bundleIdentifier, false) != nullptr || _find(bundleIdentifier, true) != nullptr;
+    return _find(bundleIdentifier, false) || _find(bundleIdentifier, true);
 }
 
 bool Registry::installApplication_withOptions_error(const FileURL& url, const Dictionary& options,
@@ -214,7 +214,7 @@ bool Registry::_install(const FileURL& url, const Dictionary& options, ErrorPtr*
     const std::string identifier(options.string(PDBundleIdentifierKey).value_or(""));
     const bool isPlaceholder = package == PDPackageTypePlaceholder;
     if (identifier.empty() || (!isPlaceholder && package != PDPackageTypeCustomer)) {
-        if (error != nullptr) {
+        if (error) {
             *error = Error::make(TVInstallerErrorDomain, 1, {{errorDescriptionKey, "no package type or identifier"}});
         }
         return false;
@@ -227,7 +227,7 @@ bool Registry::_install(const FileURL& url, const Dictionary& options, ErrorPtr*
         });
         const ApplicationPtr application = _add(identifier, isPlaceholder);
         const Value* type = options.find(PDInstallTypeKey);
-        application->type = type != nullptr ? type->unsignedInteger().value_or(0) : 0;
+        application->type = type ? type->unsignedInteger().value_or(0) : 0;
         if (isPlaceholder) {
             application->bundlePath = url.path();
         }
@@ -237,15 +237,15 @@ bool Registry::_install(const FileURL& url, const Dictionary& options, ErrorPtr*
 }
 
 bool Registry::uninstallApplication_withOptions(std::string_view bundleIdentifier, const Dictionary* options) noexcept {
-    const std::string given = options != nullptr ? wholeText(*options) : "no options";
+    const std::string given = options ? wholeText(*options) : "no options";
     if (_context.fails("registry.uninstallApplication", std::string(bundleIdentifier) + ", " + given, nullptr)) {
         return false;
     }
     const std::lock_guard lock(_mutex);
     const bool isTakenBack = _begun.erase(std::string(bundleIdentifier)) > 0;
-    const bool placeholderOnly = isTakenBack || (options != nullptr && options->truth(PDUninstallPlaceholdersOnlyKey));
+    const bool placeholderOnly = isTakenBack || (options && options->truth(PDUninstallPlaceholdersOnlyKey));
     auto found = _find(bundleIdentifier, true);
-    if (found == nullptr && !placeholderOnly) {
+    if (!found && !placeholderOnly) {
         found = _find(bundleIdentifier, false);
     }
     return std::erase(_applications, found) > 0;
@@ -254,9 +254,8 @@ bool Registry::uninstallApplication_withOptions(std::string_view bundleIdentifie
 FNProgressPtr Registry::installProgressForApplication_withPhase(const PDApplicationProxyPtr& application,
                                                                 std::uint64_t phase) noexcept {
     _context.call("registry.installProgressForApplication",
-                  (application != nullptr ? application->applicationIdentifier() : "(null)") + ", phase " +
-                      std::to_string(phase));
-    if (application == nullptr) {
+                  (application ? application->applicationIdentifier() : "(null)") + ", phase " + std::to_string(phase));
+    if (!application) {
         return nullptr;
     }
     {
@@ -264,7 +263,7 @@ FNProgressPtr Registry::installProgressForApplication_withPhase(const PDApplicat
         _begun.insert(application->bundleIdentifier());
     }
     const auto waiting = makesProgress ? find(application->bundleIdentifier(), true) : nullptr;
-    if (waiting == nullptr || waiting->progress != nullptr) {
+    if (!waiting || waiting->progress) {
         return application->installProgressSync();
     }
     const auto progress = addProgress(waiting, PDInstallStateWaiting, phase);
@@ -273,9 +272,9 @@ FNProgressPtr Registry::installProgressForApplication_withPhase(const PDApplicat
 }
 
 void Registry::installPhaseFinishedForProgress(const FNProgressPtr& progress) noexcept {
-    _context.call("registry.installPhaseFinishedForProgress", progress != nullptr ? progress->description() : "(null)");
+    _context.call("registry.installPhaseFinishedForProgress", progress ? progress->description() : "(null)");
     const auto ended = std::dynamic_pointer_cast<Progress>(progress);
-    if (ended == nullptr || !makesProgress) {
+    if (!ended || !makesProgress) {
         return;
     }
     const bool isFinal = ended->state >= PDInstallStateCanceled;
@@ -306,8 +305,8 @@ void Registry::enumerateBundlesOfType_block(
     for (const ApplicationPtr& application : applications) {
         const bool isSystem = application->kind == "System";
         // On the home screen an app has one icon, whether or not an update of it is under way.
-        const bool isShownAlready = application->placeholder && find(application->identifier, false) != nullptr &&
-                                    !application->answersForInstalled;
+        const bool isShownAlready =
+            application->placeholder && find(application->identifier, false) && !application->answersForInstalled;
         const bool selected = type == PDBundleTypeAll || (type == PDBundleTypeSystem && isSystem) ||
                               (type == PDBundleTypeInstalled && (!isSystem || listsSystemApps) && !isShownAlready);
         if (!selected || stop) {

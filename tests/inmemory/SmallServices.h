@@ -55,18 +55,17 @@ class BackupService final : public HVManagerClass {
         explicit Manager(BackupService& owner) : service(owner) {}
         bool restoreDataExistsForApplicationWithBundleID_size(std::string_view bundleID,
                                                               std::uint64_t* size) noexcept override {
-            service._context.call("backup.restoreDataExists",
-                                  std::string(bundleID) + (size == nullptr ? ", no size" : ", size"));
+            service._context.call("backup.restoreDataExists", std::string(bundleID) + (!size ? ", no size" : ", size"));
             const std::lock_guard lock(service._mutex);
             const auto waiting = service.withRestoreData.find(bundleID);
-            if (waiting != service.withRestoreData.end() && size != nullptr) {
+            if (waiting != service.withRestoreData.end() && size) {
                 *size = waiting->second;
             }
             return waiting != service.withRestoreData.end();
         }
         bool cancelApplicationRestoreWithBundleID_error(std::string_view bundleID, ErrorPtr* error) noexcept override {
             if (service._context.fails("backup.cancelApplicationRestore",
-                                       std::string(bundleID) + (error == nullptr ? ", no error" : ", error"), error)) {
+                                       std::string(bundleID) + (!error ? ", no error" : ", error"), error)) {
                 return false;
             }
             const std::lock_guard lock(service._mutex);
@@ -75,7 +74,7 @@ class BackupService final : public HVManagerClass {
                 service.withRestoreData.erase(waiting);
                 return true;
             }
-            if (error != nullptr) {
+            if (error) {
                 *error = Error::make("BackupServiceInMemory", 1, {{errorDescriptionKey, "nothing waits"}});
             }
             return false;
@@ -119,15 +118,14 @@ class LowLevelInstaller final : public TevrinInstallationService {
   public:
     explicit LowLevelInstaller(Context& context) : _context(context) {}
     std::optional<Dictionary> TevrinLookupUninstalled(const Dictionary* options) noexcept override {
-        _context.call("tevrin.lookupUninstalled", options == nullptr ? "no options" : "options");
+        _context.call("tevrin.lookupUninstalled", !options ? "no options" : "options");
         const std::lock_guard lock(_mutex);
         return uninstalled;
     }
     int TevrinClearUninstalled(const Array& bundleIdentifiers, const Dictionary* options) noexcept override {
-        const ErrorPtr fault =
-            _context.call("tevrin.clearUninstalled",
-                          Value(bundleIdentifiers).description() + (options == nullptr ? ", no options" : ", options"));
-        if (fault != nullptr) {
+        const ErrorPtr fault = _context.call("tevrin.clearUninstalled", Value(bundleIdentifiers).description() +
+                                                                            (!options ? ", no options" : ", options"));
+        if (fault) {
             return static_cast<int>(fault->code());
         }
         const std::lock_guard lock(_mutex);

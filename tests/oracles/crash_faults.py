@@ -30,7 +30,7 @@ FAULTS = [
           'device::Application other = app;\n        other.version = "2.0-0";\n'
           '        list.push_back(toJson(other, isRunning));', crash('coordinated', 'kill', **ONCE)),
     Fault('all was said to be done, and org.example.* is not', 'host/view/SyncReport.cpp',
-          'return failure == nullptr && !interrupted && !isIncomplete && std::ranges::all_of(apps, isDone);', 'return true;',
+          'return !failure && !interrupted && !isIncomplete && std::ranges::all_of(apps, isDone);', 'return true;',
           crash('own', 'EIO', points=30)),
     Fault('org.example.* was said to be updated and is not', 'host/view/SyncReport.cpp',
           'case AppResult::failed: return "failed";', 'case AppResult::failed: return "updated";',

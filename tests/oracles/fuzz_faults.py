@@ -94,9 +94,9 @@ FAULTS = [
           'pango_cairo_show_layout(_context, layout.get());', 'cairo_restore(_context);', replay('names', 'no-utf8')),
     # Property lists.
     Fault('there is a value or an error', 'propertylist/Codec.cpp',
-          '    if (error != nullptr) {', '    if (error != nullptr && !reading) {', replay('binary_list', 'head')),
+          '    if (error) {', '    if (error && !reading) {', replay('binary_list', 'head')),
     Fault('a list that cannot be written has an error', 'propertylist/Codec.cpp',
-          '    if (error != nullptr) {', '    if (error != nullptr && reading) {', replay('binary_list', 'late-date')),
+          '    if (error) {', '    if (error && reading) {', replay('binary_list', 'late-date')),
     Fault('what was written can be read', 'propertylist/xml/XmlWriter.cpp',
           '"<false/>"', '"<no/>"', replay('xml_list', 'every-kind')),
     Fault('a round trip changes nothing', 'propertylist/xml/XmlWriter.cpp',

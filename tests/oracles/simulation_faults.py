@@ -84,7 +84,7 @@ FAULTS = [
     Fault('what has ended is not settled again: * settled', 'plugin/pipeline/TransferCompletion.cpp',
           '    _outstandingRFXTransfers.remove(identifier);\n', '', lives()),
     Fault('a success cancels nothing: com.example.*', 'plugin/coordination/InstallTransfer.cpp',
-          'if (coordinator == nullptr || success) {', 'if (coordinator == nullptr) {', lives()),
+          'if (!coordinator || success) {', 'if (!coordinator) {', lives()),
     Fault("a sync that succeeded is closed: the list of the last sync's apps is still there", 'plugin/client/ReconcileSync.cpp',
           '    _platform.files.removeItem(paths::lastSyncAppState, nullptr);\n', '', lives()),
     Fault('a restore goes on: its opening', 'plugin/placeholders/RestoreInfo.cpp',

@@ -79,7 +79,7 @@ bool mayAllocate() noexcept {
 }
 
 void* counted(void* memory) noexcept {
-    if (memory != nullptr) {
+    if (memory) {
         const std::size_t size = malloc_usable_size(memory) + overhead;
         const std::size_t now = inUse.fetch_add(size) + size;
         for (std::size_t seen = peak; seen < now && !peak.compare_exchange_weak(seen, now);) {
@@ -89,7 +89,7 @@ void* counted(void* memory) noexcept {
 }
 
 void uncount(void* memory) noexcept {
-    if (memory != nullptr) {
+    if (memory) {
         inUse.fetch_sub(malloc_usable_size(memory) + overhead);
     }
 }
@@ -122,7 +122,7 @@ __attribute__((visibility("default"))) void* realloc(void* memory, std::size_t s
     }
     appsync::uncount(memory);
     void* moved = __libc_realloc(memory, size);
-    return appsync::counted(moved == nullptr && size != 0 ? memory : moved) == nullptr ? nullptr : moved;
+    return !appsync::counted(!moved && size != 0 ? memory : moved) ? nullptr : moved;
 }
 
 __attribute__((visibility("default"))) void* memalign(std::size_t alignment, std::size_t size) {

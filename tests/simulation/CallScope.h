@@ -33,8 +33,8 @@ inline bool namesAFile(std::string_view identifier) {
 inline Array identifiersIn(const std::optional<Array>& toDoList) {
     Array identifiers;
     for (const Value& record : toDoList ? *toDoList : Array{}) {
-        const Value* identifier = record.dictionary() != nullptr ? record.dictionary()->find("identifier") : nullptr;
-        identifiers.push_back(identifier != nullptr ? *identifier : Value());
+        const Value* identifier = record.dictionary() ? record.dictionary()->find("identifier") : nullptr;
+        identifiers.push_back(identifier ? *identifier : Value());
     }
     return identifiers;
 }
@@ -42,7 +42,7 @@ inline Array identifiersIn(const std::optional<Array>& toDoList) {
 /// Takes what the files hold for what they must hold, after a call that replaces them or that may not have ended.
 inline void resyncFiles(State& state) {
     const auto list = state.world.files.plistAt(paths::toDoList);
-    state.toDoList = list && list->array() != nullptr ? std::optional(*list->array()) : std::nullopt;
+    state.toDoList = list && list->array() ? std::optional(*list->array()) : std::nullopt;
     state.waitingForData.clear();
     const auto restoreState = state.world.files.plistAt(paths::restoreState);
     for (const auto& [identifier, versions] : restoreState ? *restoreState->dictionary() : Dictionary{}) {

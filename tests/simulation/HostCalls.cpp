@@ -10,7 +10,7 @@ namespace {
 
 std::optional<Array> arrayAt(const State& state, std::string_view path) {
     const auto value = state.world.files.plistAt(path);
-    return value && value->array() != nullptr ? std::optional(*value->array()) : std::nullopt;
+    return value && value->array() ? std::optional(*value->array()) : std::nullopt;
 }
 
 bool isAllowed(const State& state, std::string_view setting) {
@@ -21,7 +21,7 @@ bool isAllowed(const State& state, std::string_view setting) {
 /// The identifier of a record with that operation; nothing when it must not be acted on.
 std::optional<std::string> identifierToAct(const Value& item, std::string_view operation) {
     const Dictionary* record = item.dictionary();
-    const auto identifier = record != nullptr ? record->string("identifier") : std::nullopt;
+    const auto identifier = record ? record->string("identifier") : std::nullopt;
     return staysBelow(identifier) && record->string("operation") == operation ? std::optional<std::string>(*identifier)
                                                                               : std::nullopt;
 }
@@ -56,7 +56,7 @@ std::set<std::string> appsInProgress(const State& state) {
     std::set<std::string> apps;
     for (const auto& proxy : state.world.registry.prioritized) {
         const auto progress = proxy->isPlaceholder() ? proxy->installProgressSync() : nullptr;
-        const bool isActive = progress != nullptr && progress->installState() == PDInstallStateActive;
+        const bool isActive = progress && progress->installState() == PDInstallStateActive;
         const bool isInstalling = isActive && progress->installPhase() == PDInstallPhaseInstalling;
         const bool isLoading = isActive && progress->installPhase() == PDInstallPhaseLoading;
         const auto type = proxy->installType();
@@ -106,7 +106,7 @@ void Calls::takeInventory() {
             const auto identifier = app.dictionary()->string("BXBundleIdentifier");
             for (const Value& item : *state.toDoList) {
                 const Dictionary* record = item.dictionary();
-                if (record != nullptr && record->string("identifier") == identifier) {
+                if (record && record->string("identifier") == identifier) {
                     const auto operation = record->string("operation");
                     state.demand(operation == "INSTALLED" || operation == "FAILED",
                                  "what is still to come does not count as deleted", *identifier);
@@ -257,13 +257,12 @@ std::set<std::string> Calls::_toBeRestored() const {
     const State& state = _state;
     std::set<std::string> apps;
     const auto info = state.world.files.plistAt(paths::restoreInfo);
-    for (const auto& [identifier, app] : info && info->dictionary() != nullptr ? *info->dictionary() : Dictionary{}) {
+    for (const auto& [identifier, app] : info && info->dictionary() ? *info->dictionary() : Dictionary{}) {
         const auto there = [name = identifier.view()](const auto& application) {
             return application->identifier == name && application->kind != "System";
         };
         const bool known = !state.coordinated() && std::ranges::any_of(state.world.registry.applications(), there);
-        if (namesAFile(identifier) && !known && app.dictionary() != nullptr &&
-            app.dictionary()->data("TamblinMetadata")) {
+        if (namesAFile(identifier) && !known && app.dictionary() && app.dictionary()->data("TamblinMetadata")) {
             apps.emplace(identifier.view());
         }
     }

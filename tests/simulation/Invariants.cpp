@@ -36,7 +36,7 @@ using Watch = void (*)(State&, Frame&, std::string_view arguments, const ErrorPt
 // Whatever is made is attached or cancelled before the call ends.
 
 template <const char* kind> void made(State&, Frame& frame, std::string_view name, const ErrorPtr& fault) {
-    if (fault == nullptr) {
+    if (!fault) {
         frame.loose.insert(std::string(kind).append(name));
     }
 }
@@ -50,7 +50,7 @@ void settled(Frame& frame, const std::string& what) {
 }
 
 void attached(State&, Frame& frame, std::string_view arguments, const ErrorPtr& fault) {
-    if (fault == nullptr) {
+    if (!fault) {
         std::string object(rest(arguments));
         object.pop_back(); // ">"
         settled(frame, object);
@@ -91,10 +91,10 @@ void progressed(State& state, Frame&, std::string_view arguments, const ErrorPtr
 // An app is held off the home screen only while it is installed.
 
 void assertionAsked(State& state, Frame&, std::string_view arguments, const ErrorPtr& answer) {
-    if (answer == nullptr || answer->code() != SKSTerminationAssertionNotFound) {
+    if (!answer || answer->code() != SKSTerminationAssertionNotFound) {
         ++state.assertions[std::string(first(arguments))];
     }
-    if (answer != nullptr && answer->code() == SKSTerminationAssertionDenied) {
+    if (answer && answer->code() == SKSTerminationAssertionDenied) {
         state.tally.add(Event::installDenied);
         InstallStage::instance().retries.push_back(InstallStage::instance().label);
     }
@@ -119,7 +119,7 @@ void installing(State& state, Frame& frame, std::string_view arguments, const Er
     ++state.attempts;
     state.demand(frame.count("screen.assertion", identifier) > 0, "an app is held off while it is installed",
                  "install of " + identifier);
-    if (fault == nullptr) {
+    if (!fault) {
         state.tally.add(Event::installDone);
         state.installed.insert(identifier);
         state.expectOperation(identifier, "INSTALLED");
@@ -136,7 +136,7 @@ void uninstalling(State& state, Frame& frame, std::string_view arguments, const 
     const bool placeholderOnly = rest(arguments) != "no options";
     state.demand(placeholderOnly || frame.mayBeUninstalled.contains(identifier), "nothing that is installed is lost",
                  "uninstall of " + identifier + ", which nobody asked for,");
-    if (fault == nullptr && !placeholderOnly && state.world.registry.find(identifier, true) == nullptr) {
+    if (!fault && !placeholderOnly && !state.world.registry.find(identifier, true)) {
         // Undoing a failed install takes the app itself when no placeholder stands before it, as after a second
         // arrival.
         const bool isLost = state.installed.erase(identifier) > 0 && frame.installFailedForGood;
@@ -161,7 +161,7 @@ void takingInstallBack(State& state, Frame& frame, std::string_view identifier, 
 void updateLookedUp(State& state, Frame& frame, std::string_view arguments, const ErrorPtr& fault) {
     const std::string identifier(first(arguments));
     if (arguments.ends_with("create 1")) {
-        if (fault == nullptr) {
+        if (!fault) {
             frame.done.insert("updating " + identifier);
         }
         return;
@@ -267,11 +267,11 @@ void watch(State& state, std::string_view call, std::string_view arguments, cons
         return; // the client is being made or torn down
     }
     Frame& frame = *state.frames.back();
-    if (fault != nullptr && isWorkFile(call, arguments)) {
+    if (fault && isWorkFile(call, arguments)) {
         state.filesDisturbed = true;
     }
-    frame.listUnread |= fault != nullptr && ((call == "files.readFile" && frame.filesRead == 0) ||
-                                             (call == "plist.parse" && frame.listsParsed == 0));
+    frame.listUnread |= fault && ((call == "files.readFile" && frame.filesRead == 0) ||
+                                  (call == "plist.parse" && frame.listsParsed == 0));
     frame.filesRead += call == "files.readFile" ? 1 : 0;
     frame.listsParsed += call == "plist.parse" ? 1 : 0;
     state.demand(!leadsUp(arguments), "nothing under a path with \"/..\" is touched",
@@ -302,7 +302,7 @@ void checkAtRest(State& state) {
     for (const auto& [identifier, count] : state.assertions) {
         state.demand(count == 0, "no lock is held at the end", "the assertion of " + identifier);
     }
-    if (state.client != nullptr) {
+    if (state.client) {
         state.demand(world.registry.observers().size() == 1, "no lock is held at the end",
                      "an observer of the registry");
     }
@@ -342,7 +342,7 @@ void checkAfterTheEnd(State& state) {
 }
 
 bool isRecoverable(const ErrorPtr& error) {
-    return error != nullptr && error->domain() == "Net";
+    return error && error->domain() == "Net";
 }
 
 } // namespace appsync::simulation

@@ -50,8 +50,8 @@ void OtherThread::join() {
 void OtherThread::_work() {
     std::unique_lock lock(_mutex);
     for (;;) {
-        _changed.wait(lock, [this] { return _stopped || (_told && _task != nullptr); });
-        if (_task == nullptr || !_told) {
+        _changed.wait(lock, [this] { return _stopped || (_told && _task); });
+        if (!_task || !_told) {
             return;
         }
         auto task = std::exchange(_task, nullptr);

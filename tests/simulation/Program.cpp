@@ -54,7 +54,7 @@ std::optional<Options> parse(int argc, char** argv) {
                              : name == "--lives"                          ? &options.lives
                              : name == "--seconds" || name == "--minutes" ? &options.seconds
                                                                           : nullptr;
-        if (option == nullptr || i + 1 == argc) {
+        if (!option || i + 1 == argc) {
             return std::nullopt;
         }
         *option = number(argv[++i]);

@@ -132,10 +132,10 @@ class Rush {
         for (std::size_t acts = 6; acts > 0; --acts) {
             const auto coordinator = _state.world.coordinators.find(chance.oneOf(_state.identifiers));
             const std::size_t kind = chance.below(4);
-            if (coordinator != nullptr && kind == 0) {
+            if (coordinator && kind == 0) {
                 _state.client->coordinator_canceledWithReason_client(
                     std::make_shared<AnyCoordinator>(_state.world.context, coordinator), nullptr, KXClientSyncHost);
-            } else if (coordinator != nullptr && kind == 1) {
+            } else if (coordinator && kind == 1) {
                 _state.client->coordinatorShouldPrioritize(
                     std::make_shared<AnyCoordinator>(_state.world.context, coordinator));
             } else if (kind == 2) {
@@ -151,8 +151,7 @@ class Rush {
         const auto complete = [this](std::size_t remainder) {
             for (std::size_t i = remainder; i < _state.identifiers.size(); i += 2) {
                 const auto coordinator = _state.world.coordinators.find(_state.identifiers[i]);
-                if (coordinator == nullptr || coordinator->assetPromise == nullptr ||
-                    !coordinator->assetPromise->isComplete()) {
+                if (!coordinator || !coordinator->assetPromise || !coordinator->assetPromise->isComplete()) {
                     continue;
                 }
                 {
@@ -218,9 +217,9 @@ class Rush {
     /// Each to-do record says what came of its app; with two arrivals, what came of one of them.
     void _checkCourses() {
         const auto list = _state.world.files.plistAt(paths::toDoList);
-        _check(list && list->array() != nullptr && list->array()->size() == _courses.size(),
-               "the to-do list keeps its records", "the to-do list");
-        for (const Value& record : list && list->array() != nullptr ? *list->array() : Array{}) {
+        _check(list && list->array() && list->array()->size() == _courses.size(), "the to-do list keeps its records",
+               "the to-do list");
+        for (const Value& record : list && list->array() ? *list->array() : Array{}) {
             const std::string identifier(record.dictionary()->string("identifier").value_or(""));
             const auto operation = record.dictionary()->string("operation");
             const Course& course = _courses.at(identifier);

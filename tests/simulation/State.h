@@ -106,7 +106,7 @@ struct State {
     void expectOperation(std::string_view identifier, std::string_view operation) {
         for (Value& record : toDoList ? *toDoList : _none) {
             Dictionary* fields = record.mutableDictionary();
-            if (fields != nullptr && fields->string("identifier") == identifier) {
+            if (fields && fields->string("identifier") == identifier) {
                 fields->set("operation", operation);
                 return;
             }

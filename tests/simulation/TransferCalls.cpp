@@ -17,14 +17,13 @@ constexpr std::array<double, 3> fractionsOutOfRange = {-0.25, 1.5, 1e6};
 std::optional<std::string> rememberedPath(const State& state, const QRAsset& asset) {
     const auto root = state.world.files.plistAt(paths::restoreState);
     const Dictionary* versions = root ? root->dictionary()->dictionary(asset.identifier) : nullptr;
-    const Dictionary* properties = versions != nullptr ? versions->dictionary(asset.version().value_or("")) : nullptr;
-    const auto path = properties != nullptr ? properties->string("path") : std::nullopt;
+    const Dictionary* properties = versions ? versions->dictionary(asset.version().value_or("")) : nullptr;
+    const auto path = properties ? properties->string("path") : std::nullopt;
     return path ? std::optional<std::string>(*path) : std::nullopt;
 }
 
 bool isRegistered(const State& state, std::string_view identifier) {
-    return state.world.registry.find(identifier, false) != nullptr ||
-           state.world.registry.find(identifier, true) != nullptr;
+    return state.world.registry.find(identifier, false) || state.world.registry.find(identifier, true);
 }
 
 std::optional<std::string> somePath(State& state, const Transfer& transfer) {
@@ -159,7 +158,7 @@ void Calls::fail(std::size_t position, const ErrorPtr& error) {
 void Calls::cancel(std::string_view identifier) {
     State& state = _state;
     const auto coordinator = state.world.coordinators.find(identifier);
-    if (coordinator == nullptr) {
+    if (!coordinator) {
         return;
     }
     const auto& service = state.world.deviceService;
@@ -196,7 +195,7 @@ void Calls::cancelRestores() {
 void Calls::prioritise(std::string_view identifier) {
     State& state = _state;
     const auto coordinator = state.world.coordinators.find(identifier);
-    if (coordinator == nullptr) {
+    if (!coordinator) {
         return;
     }
     inCall(state, "coordinatorShouldPrioritize", identifier, [&](Frame&) {
@@ -208,10 +207,10 @@ void Calls::prioritise(std::string_view identifier) {
 void Calls::showPlaceholder(std::string_view identifier) {
     State& state = _state;
     const auto coordinator = state.world.coordinators.find(identifier);
-    if (coordinator == nullptr || !coordinator->hasPlaceholderPromise) {
+    if (!coordinator || !coordinator->hasPlaceholderPromise) {
         return;
     }
-    if (state.world.registry.find(identifier, true) == nullptr) {
+    if (!state.world.registry.find(identifier, true)) {
         state.world.registry.addPlaceholder(std::string(identifier));
     }
     inCall(state, "coordinatorDidInstallPlaceholder", identifier, [&](Frame&) {
@@ -223,7 +222,7 @@ void Calls::showPlaceholder(std::string_view identifier) {
 void Calls::completeACoordinator() {
     State& state = _state;
     for (const auto& coordinator : state.world.coordinators.all()) {
-        const bool arrived = coordinator->assetPromise != nullptr && coordinator->assetPromise->isComplete();
+        const bool arrived = coordinator->assetPromise && coordinator->assetPromise->isComplete();
         const bool fetched = coordinator->responsibleClient == KXClientCorbin;
         const std::string& identifier = coordinator->identifier;
         if ((!arrived && !fetched) || coordinator->cancelled || state.isBusy(identifier)) {

@@ -200,7 +200,7 @@ TEST(Dictionary, BehavesAsAListOfPairsWhateverItsSize) {
             }
             for (const auto& [expectedKey, expected] : pairs) {
                 const Value* value = dictionary.find(expectedKey);
-                ASSERT_TRUE(value != nullptr && *value == Value(expected)) << expectedKey;
+                ASSERT_TRUE(value && *value == Value(expected)) << expectedKey;
             }
             ASSERT_FALSE(dictionary.contains("k" + std::to_string(keys)));
         }

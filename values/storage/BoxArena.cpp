@@ -8,7 +8,7 @@ namespace appsync::detail {
 
 void* allocate(std::size_t size) {
     void* memory = std::malloc(size);
-    if (memory == nullptr) {
+    if (!memory) {
         throw std::bad_alloc();
     }
     return memory;
@@ -30,7 +30,7 @@ void BoxArena::startSlab() {
 }
 
 void BoxArena::leaveSlab() noexcept {
-    if (_slab != nullptr) {
+    if (_slab) {
         _slab->drop(1);
     }
 }

@@ -94,7 +94,7 @@ class PendingBoxes {
     /// Null when none is left.
     ContainerBox* pop() noexcept {
         ContainerBox* const box = _first;
-        if (box != nullptr) {
+        if (box) {
             std::uintptr_t link = 0;
             std::memcpy(&link, static_cast<const void*>(box), sizeof link);
             // NOLINTNEXTLINE(performance-no-int-to-ptr): an address whose lowest bit kept `inSlab`
@@ -188,7 +188,7 @@ class Destruction {
     }
 
     void leaveSlab() noexcept {
-        if (_slab != nullptr) {
+        if (_slab) {
             _slab->drop(_leaving);
         }
         _leaving = 0;

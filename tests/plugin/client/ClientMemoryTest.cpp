@@ -16,7 +16,7 @@ thread_local int untilRefusal = -1;     // so many allocations go well before on
 // Not inline, or the compiler takes its own for mismatched with these.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     void* const memory = untilRefusal >= 0 && untilRefusal-- == 0 ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
+    if (!memory) {
         throw std::bad_alloc();
     }
     return memory;
@@ -63,7 +63,7 @@ TEST_F(ClientMemory, WhereverItRunsOutNoServiceKnowsAClientThatIsGone) {
         } catch (const std::bad_alloc&) {
         }
         untilRefusal = -1;
-        std::_Exit(client != nullptr ? made : world.registry.observers().empty() ? forgotten : leftBehind);
+        std::_Exit(client ? made : world.registry.observers().empty() ? forgotten : leftBehind);
     };
     bool isMade = false;
     world.journal.setRecording(false);

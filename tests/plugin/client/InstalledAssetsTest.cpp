@@ -27,7 +27,7 @@ class InstalledAssets : public inmemory::ClientTest {
         Lines identifiers;
         const Array* entries = result.array("_Deleted");
         EXPECT_NE(entries, nullptr);
-        for (const Value& entry : entries != nullptr ? *entries : Array{}) {
+        for (const Value& entry : entries ? *entries : Array{}) {
             const auto identifier = entry.dictionary()->string("BXBundleIdentifier");
             EXPECT_EQ(entry, Value(Dictionary{{"BXBundleIdentifier", identifier.value_or("none")}}));
             identifiers.emplace_back(identifier.value_or("none"));

@@ -80,7 +80,7 @@ TEST_F(RestoreOnDevice, AnAppIsAPlaceholderThatWaitsForTheStoreClientAlsoAfterAR
         EXPECT_EQ(content(app.containerPath + "/ApplicationSINF"), "sinf");
         const auto info =
             PropertyListCodec().propertyListWithData(content(app.bundlePath + "/Info.plist").value_or(""), nullptr);
-        ASSERT_TRUE(info && info->dictionary() != nullptr);
+        ASSERT_TRUE(info && info->dictionary());
         EXPECT_TRUE(info->dictionary()->truth("PDApplicationLaunchProhibited"));
         const auto kept = PropertyListCodec().propertyListWithData(
             content(app.containerPath + "/TamblinMetadata.plist").value_or(""), nullptr);

@@ -97,7 +97,7 @@ TEST_F(RestoreOfADemotedApp, FailsBeforeAnyCoordinatorOnMetadataThatIsNoDictiona
         ErrorPtr error;
         (void)PropertyListCodec().propertyListWithData(bytes.bytes(), &error);
         EXPECT_EQ(error != nullptr, hasError);
-        const std::string reason = error != nullptr ? error->description() : "(null)";
+        const std::string reason = error ? error->description() : "(null)";
         EXPECT_FALSE(restore(1, bytes));
         EXPECT_EQ(
             journal(),
@@ -212,7 +212,7 @@ TEST_F(RestoreOfAnApp, FailsBeforeAnyCoordinatorOnMetadataThatIsNoDictionary) {
     for (const auto& [bytes, hasError] : unusableMetadata()) {
         ErrorPtr error;
         (void)PropertyListCodec().propertyListWithData(bytes.bytes(), &error);
-        const std::string reason = error != nullptr ? error->description() : "(null)";
+        const std::string reason = error ? error->description() : "(null)";
         EXPECT_FALSE(restore(0, bytes));
         EXPECT_EQ(
             journal(),
