@@ -4,9 +4,6 @@
 
 namespace appsync {
 
-OperationQueue::OperationQueue(std::size_t maxConcurrentOperationCount, WithoutThread withoutThread)
-    : _maxConcurrent(maxConcurrentOperationCount), _withoutThread(withoutThread) {}
-
 OperationQueue::~OperationQueue() {
     OperationQueue::stop();
 }
@@ -24,11 +21,7 @@ bool OperationQueue::addOperation(std::function<void()> operation) {
             return false;
         }
         const bool needsThread = _idle <= _waiting.size() && _threads.size() < _maxConcurrent;
-        const bool hasThread = !needsThread || _startThread() || !_threads.empty();
-        if (!hasThread && _withoutThread == WithoutThread::fails) {
-            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-        }
-        if (hasThread) {
+        if (!needsThread || _startThread() || !_threads.empty()) {
             _waiting.push_back(std::move(operation));
         } else {
             left = std::move(operation);

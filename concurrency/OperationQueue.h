@@ -11,25 +11,19 @@
 
 namespace appsync {
 
-/// What becomes of an operation for which the system has not one thread to give. After `start` there always is one.
-enum class WithoutThread {
-    fails,      // `addOperation` throws std::system_error
-    runsAtOnce, // before `addOperation` returns; whoever adds it may hold no lock that it takes
-};
-
 class OperationQueue {
   public:
-    explicit OperationQueue(std::size_t maxConcurrentOperationCount,
-                            WithoutThread withoutThread = WithoutThread::fails);
+    explicit OperationQueue(std::size_t maxConcurrentOperationCount) : _maxConcurrent(maxConcurrentOperationCount) {}
     /// As `stop`.
     virtual ~OperationQueue();
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
-    /// Starts a thread unless there is one. False: the system has none to give.
+    /// Starts a thread unless there is one; from then on there always is one. False: the system has none to give.
     [[nodiscard]] bool start() EXCLUDES(_mutex);
-    /// Returns at once. Threads are started when they are needed. False: the queue has been stopped, and the operation
-    /// will not run.
+    /// Threads are started when they are needed. Where the system has not one to give, the operation runs before this
+    /// returns: unless the queue was started, whoever adds one holds no lock that it takes. False: the queue has been
+    /// stopped, and the operation will not run.
     virtual bool addOperation(std::function<void()> operation) EXCLUDES(_mutex);
     /// Waits for running operations and drops those that have not begun. Not to be called from an operation.
     virtual void stop() EXCLUDES(_mutex);
@@ -41,7 +35,6 @@ class OperationQueue {
     [[nodiscard]] std::function<void()> _takeNext() EXCLUDES(_mutex);
 
     const std::size_t _maxConcurrent;
-    const WithoutThread _withoutThread;
     Mutex _mutex;
     Condition _changed;
     std::deque<std::function<void()>> _waiting GUARDED_BY(_mutex);

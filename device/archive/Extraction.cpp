@@ -144,7 +144,7 @@ class Extraction {
             unpackers.emplace_back(_request, archives.emplace_back(_file.another()), _unpacker.writer().another(),
                                    _refuse, [this](std::uint64_t bytes) { _wrote(bytes); });
         }
-        OperationQueue others(std::max<std::size_t>(cores.count(), 1), WithoutThread::runsAtOnce);
+        OperationQueue others(std::max<std::size_t>(cores.count(), 1));
         for (FileUnpacker& unpacker : unpackers) {
             others.addOperation([&] {
                 const Span span(_request.timeline, "unpacking", _request.identifier);

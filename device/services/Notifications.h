@@ -83,7 +83,7 @@ class DeviceNotificationCenter final : public NotificationCenter {
     Mutex _mutex;
     Observations _observations GUARDED_BY(_mutex);
     Group _undelivered;
-    OperationQueue _thread{1, WithoutThread::runsAtOnce};
+    OperationQueue _thread{1};
 };
 
 } // namespace appsync::device

@@ -51,7 +51,7 @@ class StoreClient final : public MWSoftwareLibraryClass, public MWSoftwareLibrar
     Registry& _registry;
     PropertyListSerialization& _propertyLists;
     Group _underWay;
-    OperationQueue _thread{1, WithoutThread::runsAtOnce};
+    OperationQueue _thread{1};
 };
 
 } // namespace appsync::device

@@ -12,7 +12,7 @@ namespace appsync::device {
 class TimerScheduler final : public Scheduler {
   public:
     /// At most `workers` tasks run at once; one that is due while all are busy waits for the first that is free.
-    explicit TimerScheduler(std::size_t workers = 4) : _workers(workers, WithoutThread::runsAtOnce) {}
+    explicit TimerScheduler(std::size_t workers = 4) : _workers(workers) {}
     /// Drops the tasks that have not begun and waits for those that run. Handles may outlive the scheduler.
     ~TimerScheduler() override;
     /// To be called first. Fails when the system has no thread for it.

@@ -113,7 +113,7 @@ void SyncSession::_transferAll(const std::vector<QRAssetPtr>& assets) {
     const auto queue = std::make_shared<TransferQueue>(std::move(order));
     _parties.deviceService.setQueue(queue);
     Semaphore places(maxArrivalsToldAtOnce);
-    OperationQueue arrivals(maxArrivalsToldAtOnce, WithoutThread::runsAtOnce);
+    OperationQueue arrivals(maxArrivalsToldAtOnce);
     const auto next = [&] {
         places.wait(); // before an asset is chosen
         return queue->next();

@@ -22,7 +22,7 @@ bool runsInDaemon(const Platform& platform) {
 } // namespace
 
 std::unique_ptr<AppsClient> AppsClient::init(const Platform& platform) {
-    return init(platform, std::make_unique<OperationQueue>(concurrentInstalls, WithoutThread::runsAtOnce));
+    return init(platform, std::make_unique<OperationQueue>(concurrentInstalls));
 }
 
 std::unique_ptr<AppsClient> AppsClient::init(const Platform& platform,

@@ -14,7 +14,6 @@
 #include <functional>
 #include <latch>
 #include <memory>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -178,21 +177,8 @@ TEST(OperationQueue, StoppingWaitsForTheRunningAndDropsTheRest) {
     EXPECT_FALSE(queue.addOperation([] {}));
 }
 
-TEST(OperationQueue, TakesNoOperationWhereNoThreadCanBeStarted) {
+TEST(OperationQueue, RunsAnOperationAtOnceWhereNoThreadCanBeStarted) {
     OperationQueue queue(2);
-    bool hasRun = false;
-    {
-        const NoMoreThreads noMore;
-        EXPECT_THROW(queue.addOperation([&] { hasRun = true; }), std::system_error);
-    }
-    Semaphore done;
-    EXPECT_TRUE(queue.addOperation([&] { done.signal(); }));
-    EXPECT_TRUE(done.wait(std::chrono::minutes(1)));
-    EXPECT_FALSE(hasRun);
-}
-
-TEST(OperationQueue, RunsAnOperationAtOnceWhereNoThreadCanBeStartedIfItMay) {
-    OperationQueue queue(2, WithoutThread::runsAtOnce);
     const NoMoreThreads noMore;
     std::thread::id runner;
     EXPECT_TRUE(queue.addOperation([&] { runner = std::this_thread::get_id(); }));
@@ -216,7 +202,7 @@ TEST(OperationQueue, LeavesAnOperationToTheThreadsThatItHasWhereNoFurtherOneCanB
 }
 
 TEST(OperationQueue, HasAThreadForEveryOperationOnceItWasStarted) {
-    OperationQueue queue(2, WithoutThread::runsAtOnce);
+    OperationQueue queue(2);
     ASSERT_TRUE(queue.start());
     const NoMoreThreads noMore;
     EXPECT_TRUE(queue.start()) << "there is one already";
