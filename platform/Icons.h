@@ -14,7 +14,7 @@ namespace appsync {
 class Bundle {
   public:
     virtual ~Bundle() = default;
-    /// A value of the bundle's Info dictionary, or nothing.
+    /// A value of the bundle's Info dictionary; nullopt when it has none of that name.
     [[nodiscard]] virtual std::optional<Value> objectForInfoDictionaryKey(std::string_view key) noexcept = 0;
 };
 

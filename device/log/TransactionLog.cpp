@@ -142,7 +142,8 @@ Result<void> TransactionLog::flush() {
     return written;
 }
 
-/// Lets records come together, and writes them. What cannot be written is tried again with the next record.
+/// Lets records come together, and writes them. What cannot be written is tried again with the next record; of several
+/// failures one after another the first is told.
 void TransactionLog::_writeSoon() {
     {
         const Lock lock(_mutex);
@@ -151,7 +152,12 @@ void TransactionLog::_writeSoon() {
         }
         _isScheduled = false;
     }
-    (void)flush();
+    const auto written = flush();
+    if (!written && !_hasFailed && _mirror) {
+        _mirror->write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
+                       "the transaction log is tried again with its next record: " + errorText(written.error()));
+    }
+    _hasFailed = !written;
 }
 
 Result<void> TransactionLog::_write(const std::vector<TransactionRecord>& records) {

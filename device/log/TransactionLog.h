@@ -83,6 +83,7 @@ class TransactionLog final : public AITransactionLog {
     std::vector<TransactionRecord> _waiting GUARDED_BY(_mutex);
     bool _isScheduled GUARDED_BY(_mutex) = false;
     bool _stopped GUARDED_BY(_mutex) = false;
+    bool _hasFailed = false; // for the writer's thread alone
     OperationQueue _writer{1};
 };
 

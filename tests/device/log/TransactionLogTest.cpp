@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <set>
 #include <thread>
 
@@ -177,6 +178,49 @@ TEST_F(TransactionLogTest, RecordsOfSeveralThreadsAreAllKept) {
         descriptions.insert(record.description);
     }
     EXPECT_EQ(descriptions.size(), 1200U);
+}
+
+class FailingCommits final : public FaultPoint {
+  public:
+    int before(std::string_view operation, std::string_view /*path*/) noexcept override {
+        if (!doFail || operation != "commit") {
+            return 0;
+        }
+        ++count;
+        return ENOSPC;
+    }
+    void waitFor(int failures) const {
+        while (count < failures) {
+            std::this_thread::yield();
+        }
+    }
+
+    std::atomic<bool> doFail = false;
+    std::atomic<int> count = 0;
+};
+
+TEST_F(TransactionLogTest, TellsTheFirstOfSeveralFailuresToWriteIt) {
+    const auto faults = std::make_shared<FailingCommits>();
+    device.reopen(faults);
+    auto mirror = std::move(*LogFile::open(device.files()));
+    log = std::move(*TransactionLog::open(*device.database, mirror.get()));
+    faults->doFail = true;
+    scenario("one");
+    faults->waitFor(1);
+    scenario("two");
+    faults->waitFor(2);
+    faults->doFail = false;
+    ASSERT_EQ(records().size(), 2U);
+    log.reset();
+    mirror.reset();
+    std::vector<std::string> texts;
+    ASSERT_TRUE(LogCursor(device.files()).readOn([&](const LogEntry& entry) {
+        texts.push_back(entry.text);
+        return true;
+    }));
+    ASSERT_EQ(texts.size(), 1U);
+    EXPECT_TRUE(texts[0].starts_with("the transaction log is tried again with its next record: the database "))
+        << texts[0];
 }
 
 TEST_F(TransactionLogTest, MirrorsRecordsToTheLogItWasGiven) {
