@@ -50,30 +50,32 @@ struct DeviceFileSystem::Place {
     std::string name;
 };
 
-/// A new file under a temporary name in the folder where it belongs; it vanishes unless it is put in its place.
+/// A new file; it vanishes unless it becomes whole. One that is to be durable, or takes the place of another, has a
+/// temporary name in the folder where it belongs until then.
 class DeviceFileSystem::NewFile {
   public:
     NewFile(DeviceFileSystem& files, std::string_view path) : _files(files), _path(path) {}
     ~NewFile() {
-        if (_file.isOpen() && !_isInPlace) {
-            ::unlinkat(_place.folder.get(), _temporaryName.c_str(), 0);
+        if (_file.isOpen() && !_isWhole) {
+            ::unlinkat(_place.folder.get(), _name.c_str(), 0);
         }
     }
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    /// Fills it with `fill`, which gets its descriptor and returns zero or an errno number, and renames it to its path.
-    /// If it is to be durable, its content is so before that, and its name is so afterwards.
+    /// Fills it with `fill`, which gets its descriptor and returns zero or an errno number. If it is to be durable, its
+    /// content is so before it has its name, and its name is so afterwards.
     template <class Fill> int make(const Fill& fill, bool isDurable) {
-        _failed = _create();
+        _failed = _create(isDurable);
         _change("write", [&] { return fill(_file.get()); });
         if (isDurable) {
             _change("sync", [&] { return flush(::fdatasync, _file.get(), _files.timeline()); });
         }
         const int folder = _place.folder.get();
-        _change("rename",
-                [&] { return errnoOf(::renameat(folder, _temporaryName.c_str(), folder, _place.name.c_str())); });
-        _isInPlace = _failed == 0;
+        if (_name != _place.name) {
+            _change("rename", [&] { return errnoOf(::renameat(folder, _name.c_str(), folder, _place.name.c_str())); });
+        }
+        _isWhole = _failed == 0;
         if (isDurable) {
             _change("sync folder", [&] { return flush(::fsync, folder, _files.timeline()); });
         }
@@ -81,7 +83,7 @@ class DeviceFileSystem::NewFile {
     }
 
   private:
-    int _create() {
+    int _create(bool isDurable) {
         int failed = _files._findPlace(_path, O_RDONLY, _place);
         if (failed == EACCES) { // a folder that may be written but not listed
             failed = _files._findPlace(_path, O_PATH, _place);
@@ -92,9 +94,15 @@ class DeviceFileSystem::NewFile {
         if (failed != 0) {
             return failed;
         }
-        _temporaryName = makeTemporaryName();
-        _file = Descriptor(::openat(_place.folder.get(), _temporaryName.c_str(),
-                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+        if (!isDurable) {
+            failed = _createAs(_place.name);
+        }
+        return isDurable || failed == EEXIST ? _createAs(makeTemporaryName()) : failed;
+    }
+    int _createAs(std::string name) {
+        _name = std::move(name);
+        _file = Descriptor(
+            ::openat(_place.folder.get(), _name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
         return _file.isOpen() ? 0 : errno;
     }
     /// Does nothing after a failure.
@@ -110,10 +118,10 @@ class DeviceFileSystem::NewFile {
     DeviceFileSystem& _files;
     std::string_view _path;
     Place _place;
-    std::string _temporaryName;
+    std::string _name;
     Descriptor _file;
     int _failed = 0;
-    bool _isInPlace = false;
+    bool _isWhole = false;
 };
 
 int DeviceFileSystem::_findPlace(std::string_view path, int flags, Place& place) {

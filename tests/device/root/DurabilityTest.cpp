@@ -75,13 +75,33 @@ TEST(Durability, FailedCopyAndCreationLeaveNoLitter) {
     DeviceFileSystem& files = (*root)->files();
     ASSERT_TRUE(files.createFile("/tmp/source", "source", {}));
     faults->failure = EIO;
-    for (int step = 0; step < 3; ++step) {
+    for (int step = 0; step < 2; ++step) {
         faults->forget();
         faults->failAt = step;
         EXPECT_FALSE(files.copyItem("/tmp/source", "/tmp/copy", nullptr)) << step;
         faults->forget();
         EXPECT_FALSE(files.createFile("/tmp/created", "x", {})) << step;
         EXPECT_EQ(*files.list("/tmp"), std::vector<std::string>{"source"}) << step;
+    }
+}
+
+TEST(Durability, FailedCopyAndCreationLeaveTheFileThatTheyWouldReplace) {
+    const TemporaryFolder folder;
+    const auto faults = std::make_shared<RecordingFaults>();
+    const auto root = Root::create(folder.path(), {faults});
+    ASSERT_TRUE(root);
+    DeviceFileSystem& files = (*root)->files();
+    ASSERT_TRUE(files.createFile("/tmp/source", "source", {}));
+    ASSERT_TRUE(files.createFile("/tmp/target", "target", {}));
+    faults->failure = EIO;
+    for (int step = 0; step < 3; ++step) {
+        faults->forget();
+        faults->failAt = step;
+        EXPECT_FALSE(files.copyItem("/tmp/source", "/tmp/target", nullptr)) << step;
+        faults->forget();
+        EXPECT_FALSE(files.createFile("/tmp/target", "x", {})) << step;
+        EXPECT_EQ(files.readFile("/tmp/target", nullptr), Data("target")) << step;
+        EXPECT_EQ(*files.list("/tmp"), (std::vector<std::string>{"source", "target"})) << step;
     }
 }
 
