@@ -25,9 +25,9 @@ struct OpenArchive {
     ZipDirectory directory;
     AppInArchive app;
 
-    /// The descriptor and `refuse` must outlive it.
-    static Result<OpenArchive> open(int descriptor, const Refusal& refuse) {
-        auto file = ArchiveFile::open(descriptor, refuse);
+    /// The descriptor, `refuse` and `memory` must outlive it.
+    static Result<OpenArchive> open(int descriptor, const Refusal& refuse, ArchiveMemory& memory) {
+        auto file = ArchiveFile::open(descriptor, refuse, memory);
         if (!file) {
             return file.error();
         }
@@ -134,7 +134,8 @@ ErrorPtr libraryProblem(const ErrorPtr& reason, const std::string& path) {
 } // namespace
 
 Result<AppArchive> readAppArchive(int file, PropertyListSerialization& propertyLists, const Refusal& refuse) {
-    auto archive = OpenArchive::open(file, refuse);
+    ArchiveMemory memory;
+    auto archive = OpenArchive::open(file, refuse, memory);
     if (!archive) {
         return archive.error();
     }
@@ -192,7 +193,8 @@ Result<AppDescription> readAppDescription(const AppArchive& app, PropertyListSer
         return file.error();
     }
     const Refusal refuse(app.path);
-    auto archive = OpenArchive::open(file->descriptor(), refuse);
+    ArchiveMemory memory;
+    auto archive = OpenArchive::open(file->descriptor(), refuse, memory);
     if (!archive) {
         return libraryProblem(archive.error(), app.path);
     }

@@ -1,9 +1,12 @@
 #include "desktop/AppLibrary.h"
 
+#include "concurrency/AllCores.h"
+
 #include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <system_error>
 #include <unordered_map>
 
@@ -49,21 +52,27 @@ Result<AppLibrary> readArchives(const std::string& folder, PropertyListSerializa
     if (!files) {
         return files.error();
     }
+    std::vector<std::optional<Result<AppArchive>>> apps(files->size()); // nullopt for other files
+    forEachNumber(files->size(), [&](std::size_t number) {
+        const std::string& file = (*files)[number];
+        if (!isOtherFile(file)) {
+            apps[number] = readAppArchive(file, propertyLists);
+        }
+    });
     AppLibrary library;
     std::unordered_map<std::string, std::string> pathOf;
-    for (const std::string& file : *files) {
-        if (isOtherFile(file)) {
-            library.problems.push_back("'" + file + "' is no app archive and was passed over.");
-            continue;
-        }
-        auto app = readAppArchive(file, propertyLists);
+    for (std::size_t number = 0; number < files->size(); ++number) {
+        const std::string& file = (*files)[number];
+        auto& app = apps[number];
         if (!app) {
-            library.unreadable.push_back({file, errorText(app.error())});
-        } else if (const auto [first, isFirst] = pathOf.emplace(app->identifier, file); !isFirst && !keepsAll) {
-            library.problems.push_back("'" + file + "' holds " + app->identifier + " as '" + first->second +
+            library.problems.push_back("'" + file + "' is no app archive and was passed over.");
+        } else if (!*app) {
+            library.unreadable.push_back({file, errorText(app->error())});
+        } else if (const auto [first, isFirst] = pathOf.emplace((*app)->identifier, file); !isFirst && !keepsAll) {
+            library.problems.push_back("'" + file + "' holds " + (*app)->identifier + " as '" + first->second +
                                        "' does; the latter is used. Keep one of the two.");
         } else {
-            library.apps.push_back(std::move(*app));
+            library.apps.push_back(std::move(**app));
         }
     }
     return library;

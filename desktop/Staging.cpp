@@ -1,11 +1,13 @@
 #include "desktop/Staging.h"
 
+#include "concurrency/AllCores.h"
 #include "platform/FileSystem.h"
 #include "platform/HomeScreen.h"
 #include "platform/PropertyListSerialization.h"
 #include "platform/host/Places.h"
 
 #include <algorithm>
+#include <atomic>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -56,21 +58,36 @@ Result<void> putApp(FileSystem& device, const std::string& identifier, const App
     return {};
 }
 
-/// One app after the other, so that only one app's files are in memory.
+/// As many apps at a time as there are cores, so that only the files of these are in memory.
 Result<void> putApps(FileSystem& device, PropertyListSerialization& propertyLists, SyncList& list) {
-    std::vector<const AppArchive*> staged;
-    for (const AppArchive* app : list.installs) {
-        const auto description = readAppDescription(*app, propertyLists);
+    std::vector<ErrorPtr> unreadable(list.installs.size());
+    std::vector<Result<void>> staged(list.installs.size());
+    std::atomic<bool> hasFailed = false;
+    forEachNumber(list.installs.size(), [&](std::size_t number) {
+        if (hasFailed) {
+            return;
+        }
+        const AppArchive& app = *list.installs[number];
+        const auto description = readAppDescription(app, propertyLists);
         if (!description) {
-            list.failed.push_back({app, errorText(description.error())});
-            continue;
+            unreadable[number] = description.error();
+        } else if (staged[number] = putApp(device, app.identifier, *description); !staged[number]) {
+            hasFailed = true;
         }
-        if (const auto done = putApp(device, app->identifier, *description); !done) {
-            return done;
-        }
-        staged.push_back(app);
+    });
+    if (const auto failure = std::ranges::find_if(staged, [](const auto& done) { return !done; });
+        failure != staged.end()) {
+        return *failure;
     }
-    list.installs = std::move(staged);
+    std::vector<const AppArchive*> installs;
+    for (std::size_t number = 0; number < list.installs.size(); ++number) {
+        if (unreadable[number]) {
+            list.failed.push_back({list.installs[number], errorText(unreadable[number])});
+        } else {
+            installs.push_back(list.installs[number]);
+        }
+    }
+    list.installs = std::move(installs);
     return {};
 }
 

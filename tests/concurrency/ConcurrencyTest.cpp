@@ -1,4 +1,5 @@
 // The small concurrency pieces.
+#include "concurrency/AllCores.h"
 #include "concurrency/CallGate.h"
 #include "concurrency/Group.h"
 #include "concurrency/OperationQueue.h"
@@ -220,6 +221,27 @@ TEST(OperationQueue, IsNotStartedWhereNoThreadCanBe) {
     OperationQueue queue(2);
     const NoMoreThreads noMore;
     EXPECT_FALSE(queue.start());
+}
+
+TEST(ForEachNumber, CallsOnceWithEach) {
+    std::vector<std::atomic<int>> calls(100);
+    forEachNumber(calls.size(), [&](std::size_t number) { ++calls[number]; });
+    EXPECT_TRUE(std::ranges::all_of(calls, [](const auto& count) { return count == 1; }));
+    forEachNumber(0, [](std::size_t /*number*/) { FAIL(); });
+}
+
+TEST(ForEachNumber, CallsOnSeveralThreadsAtOnce) {
+    std::latch all(3);
+    forEachNumber(
+        3, [&](std::size_t /*number*/) { all.arrive_and_wait(); }, 3); // for ever with fewer
+}
+
+TEST(ForEachNumber, CallsOnItsOwnThreadWhereNoOtherCanBeStarted) {
+    int calls = 0;
+    const NoMoreThreads noMore;
+    forEachNumber(
+        3, [&](std::size_t /*number*/) { ++calls; }, 3);
+    EXPECT_EQ(calls, 3);
 }
 
 TEST(CallGate, PassesCallsUntilItIsClosed) {
