@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <bit>
 #include <cassert>
 #include <cerrno>
 
@@ -20,7 +19,7 @@ constexpr std::size_t pageSize = 4096;
 
 } // namespace
 
-Result<ArchiveFile> ArchiveFile::open(int file, const Refusal& refuse) {
+Result<ArchiveFile> ArchiveFile::open(int file, const Refusal& refuse, ArchiveMemory& memory) {
     struct stat status {};
     if (::fstat(file, &status) != 0) {
         return refuse(InstallerError::archiveMissing, systemText(errno));
@@ -28,7 +27,7 @@ Result<ArchiveFile> ArchiveFile::open(int file, const Refusal& refuse) {
     if (!S_ISREG(status.st_mode)) {
         return refuse(InstallerError::archiveMissing, "it is not a file");
     }
-    return ArchiveFile(file, static_cast<std::uint64_t>(status.st_size), refuse);
+    return ArchiveFile(file, static_cast<std::uint64_t>(status.st_size), refuse, memory);
 }
 
 bool ArchiveFile::_has(std::uint64_t offset, std::size_t size) const noexcept {
@@ -41,25 +40,21 @@ Result<std::string_view> ArchiveFile::read(std::uint64_t offset, std::size_t siz
         const bool goesOn = offset >= _start && offset <= _start + _length;
         const std::uint64_t wanted = std::max(size, goesOn ? readAhead : pageSize);
         const auto length = static_cast<std::size_t>(std::min(wanted, _size - offset));
-        if (length > _capacity) {
-            _capacity = std::bit_ceil(length);
-            _bytes = std::make_unique_for_overwrite<char[]>(_capacity);
-        }
         _length = 0;
-        if (const auto filled = _readFile(offset, {_bytes.get(), length}); !filled) {
+        if (const auto filled = _readFile(offset, {_memory->file.grow(length), length}); !filled) {
             return filled.error();
         }
         _start = offset;
         _length = length;
     }
-    return std::string_view(_bytes.get() + (offset - _start), size);
+    return std::string_view(_memory->file.data() + (offset - _start), size);
 }
 
 Result<void> ArchiveFile::read(std::uint64_t offset, std::span<char> into) {
     if (!_has(offset, into.size())) {
         return _readFile(offset, into);
     }
-    std::copy_n(_bytes.get() + (offset - _start), into.size(), into.data());
+    std::copy_n(_memory->file.data() + (offset - _start), into.size(), into.data());
     return {};
 }
 

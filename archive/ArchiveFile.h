@@ -1,12 +1,12 @@
 // The bytes of an open archive.
 #pragma once
 
+#include "archive/ArchiveMemory.h"
 #include "archive/InstallerError.h"
 #include "values/Result.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string_view>
 
@@ -15,12 +15,14 @@ namespace appsync {
 /// Reads where it is asked to and leaves the file's offset alone. Used on one thread at a time.
 class ArchiveFile {
   public:
-    /// The descriptor must stay open and `refuse` be there as long as the object is used. Refused is what is no
-    /// regular file.
-    [[nodiscard]] static Result<ArchiveFile> open(int file, const Refusal& refuse);
+    /// The descriptor must stay open, and `refuse` and `memory` be there, as long as the object is used. Refused is
+    /// what is no regular file.
+    [[nodiscard]] static Result<ArchiveFile> open(int file, const Refusal& refuse, ArchiveMemory& memory);
 
     /// The same file, for another thread.
-    [[nodiscard]] ArchiveFile another() const { return {_file, _size, *_refuse}; }
+    [[nodiscard]] ArchiveFile another(ArchiveMemory& memory) const { return {_file, _size, *_refuse, memory}; }
+    /// What it is read with.
+    [[nodiscard]] ArchiveMemory& memory() noexcept { return *_memory; }
 
     /// In bytes, when it was opened.
     [[nodiscard]] std::uint64_t size() const noexcept { return _size; }
@@ -31,16 +33,16 @@ class ArchiveFile {
     [[nodiscard]] Result<void> read(std::uint64_t offset, std::span<char> into);
 
   private:
-    ArchiveFile(int file, std::uint64_t size, const Refusal& refuse) : _file(file), _size(size), _refuse(&refuse) {}
+    ArchiveFile(int file, std::uint64_t size, const Refusal& refuse, ArchiveMemory& memory)
+        : _file(file), _size(size), _refuse(&refuse), _memory(&memory) {}
     [[nodiscard]] bool _has(std::uint64_t offset, std::size_t size) const noexcept;
     [[nodiscard]] Result<void> _readFile(std::uint64_t offset, std::span<char> into) const;
 
     int _file;
     std::uint64_t _size;
     const Refusal* _refuse;
-    // What was read last: `_length` bytes from `_start` on.
-    std::unique_ptr<char[]> _bytes;
-    std::size_t _capacity = 0;
+    ArchiveMemory* _memory;
+    // What was read last and is in memory: `_length` bytes from `_start` on.
     std::uint64_t _start = 0;
     std::size_t _length = 0;
 };

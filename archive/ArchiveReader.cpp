@@ -7,7 +7,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <bit>
 #include <cassert>
 
 namespace appsync {
@@ -35,16 +34,13 @@ bool agrees(std::uint64_t figure, std::uint64_t stated) {
 
 } // namespace
 
-void ArchiveReader::FreeInflater::operator()(libdeflate_decompressor* inflater) const noexcept {
-    libdeflate_free_decompressor(inflater);
-}
-
 void ArchiveReader::EndStream::operator()(z_stream_s* stream) const noexcept {
     inflateEnd(stream);
     delete stream;
 }
 
-ArchiveReader::ArchiveReader(ArchiveFile& file, const Refusal& refuse) noexcept : _file(file), _refuse(refuse) {}
+ArchiveReader::ArchiveReader(ArchiveFile& file, const Refusal& refuse) noexcept
+    : _file(file), _refuse(refuse), _memory(file.memory()) {}
 
 ArchiveReader::~ArchiveReader() = default;
 
@@ -133,13 +129,6 @@ Result<std::string> ArchiveReader::content() {
     }
 }
 
-void ArchiveReader::_makeRoom(std::size_t size) {
-    if (size > _capacity) {
-        _capacity = std::bit_ceil(size);
-        _unpacked = std::make_unique_for_overwrite<char[]>(_capacity);
-    }
-}
-
 Result<std::string_view> ArchiveReader::_readPiece() {
     const auto piece = _file.read(_contentStart + _taken, pieceOf(_entry->packedBytes - _taken));
     if (piece) {
@@ -154,25 +143,22 @@ Result<std::string_view> ArchiveReader::_pieceOfWhole() {
             return inflated.error();
         }
     }
-    return std::string_view(_unpacked.get() + _handedOut, pieceOf(_entry->unpackedBytes - _handedOut));
+    return std::string_view(_memory.content.data() + _handedOut, pieceOf(_entry->unpackedBytes - _handedOut));
 }
 
 Result<void> ArchiveReader::_inflateWhole() {
-    if (!_inflater) {
-        _inflater.reset(libdeflate_alloc_decompressor());
-        if (!_inflater) {
-            return _noMemory();
-        }
+    libdeflate_decompressor* const inflater = _memory.inflater();
+    if (!inflater) {
+        return _noMemory();
     }
     const auto packed = _file.read(_contentStart, static_cast<std::size_t>(_entry->packedBytes));
     if (!packed) {
         return packed.error();
     }
     const auto size = static_cast<std::size_t>(_entry->unpackedBytes);
-    _makeRoom(std::max<std::size_t>(size, 1));
+    char* const content = _memory.content.grow(std::max<std::size_t>(size, 1));
     std::size_t used = 0;
-    switch (libdeflate_deflate_decompress_ex(_inflater.get(), packed->data(), packed->size(), _unpacked.get(), size,
-                                             &used, nullptr)) {
+    switch (libdeflate_deflate_decompress_ex(inflater, packed->data(), packed->size(), content, size, &used, nullptr)) {
     case LIBDEFLATE_SUCCESS: break;
     case LIBDEFLATE_SHORT_OUTPUT:
     case LIBDEFLATE_INSUFFICIENT_SPACE: return _anotherSize();
@@ -187,7 +173,6 @@ Result<void> ArchiveReader::_inflateWhole() {
 
 Result<void> ArchiveReader::_openStream() {
     _stream.reset(new z_stream_s{});
-    _makeRoom(maxPiece);
     return inflateInit2(_stream.get(), -MAX_WBITS) == Z_OK ? Result<void>() : _noMemory();
 }
 
@@ -197,7 +182,8 @@ Result<std::string_view> ArchiveReader::_inflatePiece() {
             return opened.error();
         }
     }
-    _stream->next_out = reinterpret_cast<Bytef*>(_unpacked.get());
+    char* const piece = _memory.content.grow(maxPiece);
+    _stream->next_out = reinterpret_cast<Bytef*>(piece);
     _stream->avail_out = maxPiece;
     int outcome = Z_OK;
     while (outcome == Z_OK && _stream->avail_out > 0) {
@@ -217,7 +203,7 @@ Result<std::string_view> ArchiveReader::_inflatePiece() {
     if (outcome == Z_STREAM_END && (_stream->avail_in > 0 || _taken < _entry->packedBytes)) {
         return _damaged(moreData);
     }
-    return std::string_view(_unpacked.get(), maxPiece - _stream->avail_out);
+    return std::string_view(piece, maxPiece - _stream->avail_out);
 }
 
 Result<void> ArchiveReader::_checkEnd() {

@@ -11,13 +11,12 @@
 #include <string>
 #include <string_view>
 
-struct libdeflate_decompressor;
 struct z_stream_s;
 
 namespace appsync {
 
 /// Packed and unpacked bytes together up to which a deflated entry is inflated at once, which is faster than piece by
-/// piece. A sync installs ten apps at a time, each with a reader of its own: that makes 60 MB at most.
+/// piece.
 inline constexpr std::size_t maxInflatedAtOnce = std::size_t{6} << 20;
 
 /// Holds each entry to what the archive's directory says of it. Used on one thread from beginning to end.
@@ -39,9 +38,6 @@ class ArchiveReader {
     [[nodiscard]] Result<std::string> content();
 
   private:
-    struct FreeInflater {
-        void operator()(libdeflate_decompressor* inflater) const noexcept;
-    };
     struct EndStream {
         void operator()(z_stream_s* stream) const noexcept;
     };
@@ -56,7 +52,6 @@ class ArchiveReader {
     [[nodiscard]] Result<std::string_view> _inflatePiece();
     [[nodiscard]] Result<void> _openStream();
     [[nodiscard]] Result<void> _checkEnd();
-    void _makeRoom(std::size_t size);
 
     ArchiveFile& _file;
     const Refusal& _refuse;
@@ -67,10 +62,8 @@ class ArchiveReader {
     std::uint64_t _handedOut = 0; // of the unpacked bytes
     std::uint32_t _checksum = 0;  // of these
 
-    std::unique_ptr<libdeflate_decompressor, FreeInflater> _inflater; // made when it is first needed
-    std::unique_ptr<z_stream_s, EndStream> _stream;                   // of the present entry, when it has one
-    std::unique_ptr<char[]> _unpacked;                                // the present entry's content, or a piece of it
-    std::size_t _capacity = 0;
+    ArchiveMemory& _memory;
+    std::unique_ptr<z_stream_s, EndStream> _stream; // of the present entry, when it has one
 };
 
 } // namespace appsync

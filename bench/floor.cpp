@@ -20,7 +20,6 @@
 #include <filesystem>
 #include <iostream>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,10 +51,6 @@ void readFile(const fs::path& path, std::string& bytes) {
     }
 }
 
-struct FreeInflater {
-    void operator()(libdeflate_decompressor* inflater) const noexcept { libdeflate_free_decompressor(inflater); }
-};
-
 class Unpacker {
   public:
     void unpack(const fs::path& archive, const fs::path& folder) {
@@ -66,7 +61,7 @@ class Unpacker {
         const Descriptor descriptor(::open(copy.c_str(), O_RDONLY | O_CLOEXEC));
         const std::string name = copy.string();
         const appsync::Refusal refusal(name);
-        auto file = appsync::ArchiveFile::open(descriptor.get(), refusal);
+        auto file = appsync::ArchiveFile::open(descriptor.get(), refusal, _memory);
         const auto directory = file ? ZipDirectory::read(*file, {}, refusal) : file.error();
         if (!directory) {
             fail(directory.error()->description());
@@ -97,7 +92,7 @@ class Unpacker {
         std::string_view content(packed, entry.packedBytes);
         if (entry.isDeflated) {
             _unpacked.resize(entry.unpackedBytes);
-            if (libdeflate_deflate_decompress(_inflater.get(), packed, entry.packedBytes, _unpacked.data(),
+            if (libdeflate_deflate_decompress(_memory.inflater(), packed, entry.packedBytes, _unpacked.data(),
                                               _unpacked.size(), nullptr) != LIBDEFLATE_SUCCESS) {
                 fail("an entry cannot be inflated");
             }
@@ -109,7 +104,7 @@ class Unpacker {
         return content;
     }
 
-    std::unique_ptr<libdeflate_decompressor, FreeInflater> _inflater{libdeflate_alloc_decompressor()};
+    appsync::ArchiveMemory _memory;
     std::string _bytes; // of the archive; kept, as is what was unpacked, so that their memory is taken once
     std::string _unpacked;
 };

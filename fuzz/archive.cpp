@@ -2,6 +2,7 @@
 // folder.
 #include "archive/ArchiveLimits.h"
 #include "device/archive/Extraction.h"
+#include "device/archive/UnpackingPlaces.h"
 #include "files/Descriptor.h"
 #include "fuzz/Fuzz.h"
 #include "propertylist/Codec.h"
@@ -63,8 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     request.archive = file.get();
     request.archivePath = "/archive";
     request.identifier = "com.example.a";
+    static appsync::device::UnpackingPlaces places;
     const auto extracted =
-        appsync::device::extractApplication(request, place.container.get(), limits, propertyLists, nullptr);
+        appsync::device::extractApplication(request, place.container.get(), limits, propertyLists, places, nullptr);
     expect(place.holdsNothingElse(), "nothing is written outside of the container");
     if (extracted) {
         expect(place.hasApp(extracted->bundleName), "an app that was accepted is there");

@@ -5,6 +5,7 @@
 #include "concurrency/OperationQueue.h"
 #include "device/archive/BundleWriter.h"
 #include "device/archive/FileUnpacker.h"
+#include "device/archive/UnpackingPlaces.h"
 #include "device/root/PosixError.h"
 #include "files/Syscalls.h"
 #include "platform/PropertyListSerialization.h"
@@ -27,10 +28,10 @@ constexpr std::uint64_t largeArchive = std::uint64_t{32} << 20;
 class Extraction {
   public:
     Extraction(const ExtractionRequest& request, ArchiveFile& file, const ZipDirectory& directory, int container,
-               const ArchiveLimits& limits, PropertyListSerialization& propertyLists, const Refusal& refuse,
-               FaultPoint* faultPoint)
+               const ArchiveLimits& limits, PropertyListSerialization& propertyLists, UnpackingPlaces& places,
+               const Refusal& refuse, FaultPoint* faultPoint)
         : _request(request), _directory(directory), _container(container), _limits(limits),
-          _propertyLists(propertyLists), _refuse(refuse), _file(file),
+          _propertyLists(propertyLists), _places(places), _refuse(refuse), _file(file),
           _unpacker(request, file, BundleWriter(container, faultPoint), refuse,
                     [this](std::uint64_t bytes) { _wrote(bytes); }) {}
 
@@ -134,17 +135,19 @@ class Extraction {
         return {};
     }
 
-    /// On this thread, and one more for each core to spare.
+    /// On this thread, and one more for each place that is free.
     Result<void> _unpackShared() {
         SharedFiles files(std::move(_shared));
-        const SpareCores cores(_request.spareCores);
+        std::deque<UnpackingPlaces::Place> places;
         std::deque<ArchiveFile> archives; // each thread has its own reader and writer, made before any of them works
         std::deque<FileUnpacker> unpackers;
-        for (std::size_t i = 0; i < cores.count(); ++i) {
-            unpackers.emplace_back(_request, archives.emplace_back(_file.another()), _unpacker.writer().another(),
-                                   _refuse, [this](std::uint64_t bytes) { _wrote(bytes); });
+        while (auto place = _places.takeFree()) {
+            const auto& taken = places.emplace_back(std::move(*place));
+            unpackers.emplace_back(_request, archives.emplace_back(_file.another(taken.memory())),
+                                   _unpacker.writer().another(), _refuse,
+                                   [this](std::uint64_t bytes) { _wrote(bytes); });
         }
-        OperationQueue others(std::max<std::size_t>(cores.count(), 1));
+        OperationQueue others(std::max<std::size_t>(places.size(), 1));
         for (FileUnpacker& unpacker : unpackers) {
             others.addOperation([&] {
                 const Span span(_request.timeline, "unpacking", _request.identifier);
@@ -218,6 +221,7 @@ class Extraction {
     const int _container;
     const ArchiveLimits& _limits;
     PropertyListSerialization& _propertyLists;
+    UnpackingPlaces& _places;
     const Refusal& _refuse;
     ArchiveFile& _file;
     FileUnpacker _unpacker;
@@ -235,9 +239,13 @@ class Extraction {
 
 Result<ExtractedApplication> extractApplication(const ExtractionRequest& request, int container,
                                                 const ArchiveLimits& limits, PropertyListSerialization& propertyLists,
-                                                FaultPoint* faultPoint) {
+                                                UnpackingPlaces& places, FaultPoint* faultPoint) {
+    const auto place = places.take(request.cancel);
+    if (!place) {
+        return makeCancelledError(request.identifier, request.archivePath);
+    }
     const Refusal refuse(request.archivePath);
-    auto file = ArchiveFile::open(request.archive, refuse);
+    auto file = ArchiveFile::open(request.archive, refuse, place->memory());
     if (!file) {
         return file.error();
     }
@@ -248,7 +256,7 @@ Result<ExtractedApplication> extractApplication(const ExtractionRequest& request
     if (!directory) {
         return directory.error();
     }
-    return Extraction(request, *file, *directory, container, limits, propertyLists, refuse, faultPoint).run();
+    return Extraction(request, *file, *directory, container, limits, propertyLists, places, refuse, faultPoint).run();
 }
 
 } // namespace appsync::device

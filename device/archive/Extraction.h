@@ -16,11 +16,12 @@
 
 namespace appsync {
 class PropertyListSerialization;
-class Semaphore;
 class Timeline;
 } // namespace appsync
 
 namespace appsync::device {
+
+class UnpackingPlaces;
 
 using appsync::artworkFileName;
 using appsync::metadataFileName;
@@ -33,9 +34,8 @@ struct ExtractionRequest {
     DiskRoom::Share* room = nullptr;      // to be taken; null: there is enough
     std::function<void(double)> progress; // 0 to 1, by one thread at a time; may be empty
     std::stop_token cancel;
-    bool wantsMetadata = true;       // false: the archive's store metadata is left out
-    Semaphore* spareCores = nullptr; // has a count for each core beyond the caller's that may help; null: none may
-    Timeline* timeline = nullptr;    // may be null
+    bool wantsMetadata = true;    // false: the archive's store metadata is left out
+    Timeline* timeline = nullptr; // may be null
 };
 
 struct ExtractedApplication {
@@ -47,10 +47,11 @@ struct ExtractedApplication {
 
 /// Unpacks into an empty folder, whose content is to be thrown away after an error. An archive is refused unless every
 /// check has passed: its directory (`ZipDirectory`), its entries against that, their checksums, links that stay in the
-/// app, and the app's identity. Nothing is durable yet. Any number of calls may run at once.
+/// app, and the app's identity. Nothing is durable yet. Any number of calls may run at once; each waits for one of the
+/// places, and a large archive takes further ones that are free.
 [[nodiscard]] Result<ExtractedApplication> extractApplication(const ExtractionRequest& request, int container,
                                                               const ArchiveLimits& limits,
                                                               PropertyListSerialization& propertyLists,
-                                                              FaultPoint* faultPoint);
+                                                              UnpackingPlaces& places, FaultPoint* faultPoint);
 
 } // namespace appsync::device

@@ -4,7 +4,6 @@
 #include "archive/ArchiveReader.h"
 #include "archive/ZipDirectory.h"
 #include "concurrency/Mutex.h"
-#include "concurrency/Semaphore.h"
 #include "device/archive/BundleWriter.h"
 #include "device/archive/Extraction.h"
 #include "values/Result.h"
@@ -68,29 +67,6 @@ class SharedFiles {
     std::size_t _next GUARDED_BY(_mutex) = 0;
     std::size_t _end GUARDED_BY(_mutex); // the first that has failed, else their number
     ErrorPtr _failure GUARDED_BY(_mutex);
-};
-
-/// Cores that no other large archive has taken, as long as the object is there.
-class SpareCores {
-  public:
-    explicit SpareCores(Semaphore* cores) : _cores(cores) {
-        while (_cores && _cores->wait(std::chrono::milliseconds(0))) {
-            ++_count;
-        }
-    }
-    ~SpareCores() {
-        for (std::size_t i = 0; i < _count; ++i) {
-            _cores->signal();
-        }
-    }
-    SpareCores(const SpareCores&) = delete;
-    SpareCores& operator=(const SpareCores&) = delete;
-
-    [[nodiscard]] std::size_t count() const noexcept { return _count; }
-
-  private:
-    Semaphore* const _cores;
-    std::size_t _count = 0;
 };
 
 } // namespace appsync::device

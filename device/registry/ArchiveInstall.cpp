@@ -45,11 +45,10 @@ class Registry::ArchiveInstall {
                                       "cannot install " + _request.identifier + ": " + errorText(archive.error()),
                                       _request.archivePath);
         }
-        const ExtractionRequest extraction{
-            archive->get(), _request.archivePath, _request.identifier,    &_room,           _progress,
-            _cancel,        !_request.metadata,   &_registry._spareCores, _files.timeline()};
+        const ExtractionRequest extraction{archive->get(), _request.archivePath, _request.identifier, &_room, _progress,
+                                           _cancel,        !_request.metadata,   _files.timeline()};
         auto unpacked = extractApplication(extraction, container.folder(), _registry._limits, _registry._propertyLists,
-                                           _files.faultPoint());
+                                           _registry._unpackingPlaces, _files.faultPoint());
         if (unpacked) {
             _unpacked = std::move(*unpacked);
         }

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <thread>
 
 namespace appsync::device {
 
@@ -83,7 +82,7 @@ Registry::Registry(Root& root, Database& database, PropertyListSerialization& pr
           const auto free = _files.freeSpace();
           return free ? std::optional(*free) : std::nullopt;
       }),
-      _spareCores(std::max(1U, std::thread::hardware_concurrency()) - 1), _announcer([this] { return _lists(); }) {}
+      _announcer([this] { return _lists(); }) {}
 
 Result<std::unique_ptr<Registry>>
 Registry::open(Root& root, Database& database, PropertyListSerialization& propertyLists, const ArchiveLimits& limits) {

@@ -7,7 +7,7 @@
 #pragma once
 
 #include "archive/ArchiveLimits.h"
-#include "concurrency/Semaphore.h"
+#include "device/archive/UnpackingPlaces.h"
 #include "device/database/GroupCommit.h"
 #include "device/registry/Announcer.h"
 #include "device/registry/Installs.h"
@@ -203,8 +203,8 @@ class Registry final : public TevrinInstallationService {
     AppLocks _locks;
     GroupCommit _groupCommit;
     DiskRoom _room;
-    Semaphore _spareCores; // one for each core but the first: who helps to unpack large archives
-    Announcer _announcer;  // last: its thread uses the rest
+    UnpackingPlaces _unpackingPlaces;
+    Announcer _announcer; // last: its thread uses the rest
 };
 
 } // namespace appsync::device

@@ -36,7 +36,7 @@ class ArchiveReaderTest : public testing::Test {
     void put(const std::string& archive) {
         file = Descriptor(::memfd_create("archive", MFD_CLOEXEC));
         ASSERT_EQ(::write(file.get(), archive.data(), archive.size()), static_cast<ssize_t>(archive.size()));
-        opened.emplace(std::move(*ArchiveFile::open(file.get(), refuse)));
+        opened.emplace(std::move(*ArchiveFile::open(file.get(), refuse, memory)));
         auto read = ZipDirectory::read(*opened, {}, refuse);
         ASSERT_TRUE(read) << errorText(read.error());
         directory = std::move(*read);
@@ -71,6 +71,7 @@ class ArchiveReaderTest : public testing::Test {
     const std::string path = "/archive";
     const Refusal refuse{path};
     Descriptor file;
+    ArchiveMemory memory;
     std::optional<ArchiveFile> opened;
     ZipDirectory directory;
     std::string reason;
@@ -111,7 +112,7 @@ TEST_F(ArchiveReaderTest, RefusesWhatIsNoFile) {
     ASSERT_EQ(::pipe(ends), 0);
     const Descriptor in(ends[0]);
     const Descriptor out(ends[1]);
-    const auto pipe = ArchiveFile::open(in.get(), refuse);
+    const auto pipe = ArchiveFile::open(in.get(), refuse, memory);
     EXPECT_TRUE(isError(pipe.error(), TVInstallerErrorDomain, InstallerError::archiveMissing));
     EXPECT_NE(errorText(pipe.error()).find("it is not a file"), std::string::npos);
 }

@@ -4,6 +4,7 @@
 #include "archive/InstallerError.h"
 #include "desktop/AppArchive.h"
 #include "device/archive/Extraction.h"
+#include "device/archive/UnpackingPlaces.h"
 #include "files/Descriptor.h"
 #include "propertylist/Codec.h"
 
@@ -12,6 +13,8 @@
 #include "ArchiveBuilder.h"
 
 #include <fcntl.h>
+
+#include <optional>
 
 namespace appsync::device {
 
@@ -27,7 +30,8 @@ class ExtractionTest : public testing::Test {
         std::filesystem::create_directory(folder / "container");
         const Descriptor container(::open((folder / "container").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         request.archive = file.get();
-        return extractApplication(request, container.get(), limits, codec, faultPoint ? faultPoint : faults.get());
+        return extractApplication(request, container.get(), limits, codec, *places,
+                                  faultPoint ? faultPoint : faults.get());
     }
     /// The code with which an archive is refused; 0 when it is not.
     std::int64_t refusalOf(const std::string& archive) {
@@ -68,6 +72,7 @@ class ExtractionTest : public testing::Test {
     PropertyListCodec codec;
     ArchiveLimits limits;
     std::shared_ptr<RecordingFaults> faults = std::make_shared<RecordingFaults>();
+    std::optional<UnpackingPlaces> places{std::in_place, 3};
     ExtractionRequest request{-1, "/var/mobile/Media/app.zip", identifier, nullptr, {}, {}, true};
     std::string reason;
 };

@@ -1,0 +1,62 @@
+// Who may unpack at the same time.
+#include "ExtractionFixture.h"
+
+#include <stop_token>
+#include <thread>
+
+namespace appsync::device {
+namespace {
+
+TEST(UnpackingPlaces, AreAsManyAsThereShallBe) {
+    UnpackingPlaces places(2);
+    const auto first = places.take({});
+    auto second = places.takeFree();
+    EXPECT_TRUE(first && second);
+    EXPECT_FALSE(places.takeFree());
+    second.reset();
+    EXPECT_TRUE(places.takeFree());
+}
+
+TEST(UnpackingPlaces, OneThatIsGivenBackGoesToWhoWaits) {
+    UnpackingPlaces places(1);
+    auto first = places.take({});
+    std::jthread other([&] { EXPECT_TRUE(places.take({})); });
+    first.reset();
+}
+
+TEST(UnpackingPlaces, WaitingForOneCanBeCancelled) {
+    UnpackingPlaces places(1);
+    const auto taken = places.take({});
+    std::stop_source cancellation;
+    std::jthread other([&] { EXPECT_FALSE(places.take(cancellation.get_token())); });
+    cancellation.request_stop();
+}
+
+TEST(UnpackingPlaces, HandOnTheirMemoryAsLongAsSomebodyUnpacks) {
+    UnpackingPlaces places(2);
+    auto first = places.take({});
+    auto second = places.take({});
+    second->memory().content.grow(1);
+    second.reset();
+    const auto third = places.take({});
+    EXPECT_TRUE(third->memory().content.data());
+}
+
+TEST(UnpackingPlaces, KeepNoMemoryWhenNobodyUnpacks) {
+    UnpackingPlaces places(2);
+    places.take({})->memory().content.grow(1);
+    EXPECT_FALSE(places.take({})->memory().content.data());
+}
+
+TEST_F(ExtractionTest, InstallThatWaitsForAPlaceCanBeCancelled) {
+    places.emplace(1);
+    const auto taken = places->takeFree();
+    std::stop_source cancellation;
+    request.cancel = cancellation.get_token();
+    std::jthread person([&] { cancellation.request_stop(); });
+    EXPECT_EQ(refusalOf(app().bytes()), code(InstallerError::cancelled));
+    EXPECT_FALSE(exists("Name.app"));
+}
+
+} // namespace
+} // namespace appsync::device
