@@ -80,8 +80,8 @@ enum class CoordinatorError : std::int64_t {
 /// Who cancels when a person does so on the device.
 inline constexpr KXClientIdentifier KXClientPerson = 2;
 
-/// Steps of installs that run at once, as many as a plug-in's own: those that wait for the disk share its next flush.
-inline constexpr std::size_t maxStepsAtOnce = 10;
+/// Steps of installs that run at once: those that wait for the disk share its next flush.
+inline constexpr std::size_t maxStepsAtOnce = 16;
 
 /// A coordinator as the host's tools show it.
 struct OpenCoordinator {

@@ -21,7 +21,7 @@ namespace appsync::device {
 inline constexpr std::size_t maxHeldReports = 4096;
 
 /// How many calls go out at the same time: those that end together share the writing of what they change.
-inline constexpr std::size_t maxCallsAtOnce = 8;
+inline constexpr std::size_t maxCallsAtOnce = 16;
 
 /// Calls go out on threads of the service: those about one app one at a time, in the order of its reports. Any thread.
 class InstallObservers final : public KXAppInstallObserverClass {

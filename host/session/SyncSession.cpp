@@ -29,7 +29,7 @@ constexpr double progressStep = 0.02;
 /// Each is written down durably before the plug-in returns; those that are told of at the same time share one writing,
 /// in any order. No more than these wait to be told: what has not been sent can still be asked for first, or taken
 /// back.
-constexpr unsigned maxArrivalsToldAtOnce = 10;
+constexpr unsigned maxArrivalsToldAtOnce = 16;
 
 ErrorPtr interruptedError() {
     return transferError(TransferError::interrupted, "The sync was interrupted; sync again to go on.");

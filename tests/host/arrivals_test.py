@@ -7,7 +7,7 @@ from wishes_test import Held, calls_of
 
 # The system's number of the call in which a thread waits for another one.
 FUTEX = {"x86_64": "202", "aarch64": "98"}[os.uname().machine]
-NAMES = [f"App{number}" for number in range(13)]
+NAMES = [f"App{number}" for number in range(19)]
 
 
 def is_waiting(process):
@@ -19,7 +19,7 @@ def arrived(device):
     return len(list((device / "var/mobile/Media/PublicStaging/Received").glob("*.archive")))
 
 
-def test_ten_arrivals_wait_for_the_plug_in_and_no_more_is_sent(tmp_path):
+def test_sixteen_arrivals_wait_for_the_plug_in_and_no_more_is_sent(tmp_path):
     world = World(tmp_path)
     for name in NAMES:
         world.add(name)
@@ -33,8 +33,8 @@ def test_ten_arrivals_wait_for_the_plug_in_and_no_more_is_sent(tmp_path):
     held = Held(world, world.device / lists, "changes", told, *command, world.device)
     supervisor = held.process.pid
     sync = Path(f"/proc/{supervisor}/task/{supervisor}/children").read_text().split()[0]
-    while arrived(world.device) < 10 or not is_waiting(sync):
+    while arrived(world.device) < 16 or not is_waiting(sync):
         os.sched_yield()
-    assert arrived(world.device) == 10
+    assert arrived(world.device) == 16
     assert set(held.end()[1].values()) == {"installed"}
     assert len(states(world.device)) == len(NAMES)
