@@ -19,17 +19,22 @@ bool isBelow(std::string_view path, std::string_view folder) {
            path.find("/../") == std::string_view::npos && !path.ends_with("/..");
 }
 
-/// Whether a path names a file, or a link as such; a folder is never a transferred file.
-bool isFile(DeviceFileSystem& files, const std::string& path) {
-    const auto item = files.open(path, O_PATH | O_NOFOLLOW);
-    struct stat information {};
-    return item && ::fstat(item->get(), &information) == 0 && !S_ISDIR(information.st_mode);
+/// Whether a file that came to a coordinator belongs to it: it stands where files are received or made for one.
+bool isOwned(const std::string& path) {
+    return isBelow(path, "/var/mobile") || isBelow(path, temporaryFolder);
 }
 
-/// Removes a file that belonged to a coordinator, if it stands where files are received or made for one.
+/// What a path names (S_IFREG and so on), a link as such; zero when nothing is there.
+mode_t kindOf(DeviceFileSystem& files, const std::string& path) {
+    const auto item = files.open(path, O_PATH | O_NOFOLLOW);
+    struct stat information {};
+    return item && ::fstat(item->get(), &information) == 0 ? information.st_mode & S_IFMT : 0;
+}
+
+/// Removes a file that belongs to a coordinator; a folder is never a transferred file.
 void removeOwnedFile(DeviceFileSystem& files, const std::string& path) {
-    const bool isReceived = isBelow(path, "/var/mobile") || isBelow(path, temporaryFolder);
-    if (isReceived && isFile(files, path)) {
+    const mode_t kind = isOwned(path) ? kindOf(files, path) : 0;
+    if (kind != 0 && kind != S_IFDIR) {
         files.removeItem(path, nullptr);
     }
 }
@@ -60,6 +65,8 @@ Result<void> InstallCoordinator::_installPlaceholder(const PlaceholderState& pla
     request.info = placeholderInfo(placeholder.bundleName, facts);
     if (facts.icon) {
         request.iconPath = facts.icon->record().path;
+        request.takesIcon =
+            request.iconPath && isOwned(*request.iconPath) && kindOf(_services.files, *request.iconPath) == S_IFREG;
     }
     request.installType = placeholder.installType;
     request.metadata = facts.metadata;
@@ -148,7 +155,8 @@ void InstallCoordinator::_removeAsset(const PromisePtr& asset) {
     }
 }
 
-/// Removes the icon file, and in the temporary directory the folder that held nothing else.
+/// Removes the icon file, unless the placeholder has taken it, and in the temporary directory the folder that held
+/// nothing else.
 void InstallCoordinator::_removeIcon(const PromisePtr& icon) {
     if (!icon || !icon->isComplete()) {
         return;

@@ -127,11 +127,20 @@ class Registry::PlaceholderInstall {
         if (!_files.createDirectory(bundle, false, std::nullopt, &error)) {
             return error;
         }
-        if (_request.iconPath && _files.copyItem(*_request.iconPath, bundle + "/Icon.png", nullptr)) {
-            _info.set("BXBundleIconFile", "Icon.png"); // a placeholder whose icon is missing is better than none
+        if (_placeIcon(bundle + "/Icon.png")) {
+            _info.set("BXBundleIconFile", "Icon.png");
         }
         const auto bytes = _registry._propertyLists.dataWithPropertyList(_info, PropertyListFormat::binary, &error);
         return bytes ? container.writeFile(_bundle + "/" + std::string(infoFileName), bytes) : error;
+    }
+
+    /// A placeholder whose icon is missing is better than none.
+    [[nodiscard]] bool _placeIcon(const std::string& place) {
+        if (!_request.iconPath) {
+            return false;
+        }
+        return _request.takesIcon ? _files.moveItem(*_request.iconPath, place, nullptr)
+                                  : _files.copyItem(*_request.iconPath, place, nullptr);
     }
 
     [[nodiscard]] Result<RegistryRecordPtr> _makeRecord(const Container& container) {

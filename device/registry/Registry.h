@@ -30,7 +30,8 @@ struct PlaceholderRequest {
     std::string identifier;
     std::string bundlePath;              // the folder; moved away on success. Or empty, and then:
     Dictionary info;                     //   content of Info.plist; the identifier is set from above
-    std::optional<std::string> iconPath; //   copied to "Icon.png" in the bundle
+    std::optional<std::string> iconPath; //   becomes "Icon.png" in the bundle
+    bool takesIcon = false;              //   that file itself, not a copy; after a failure it may be gone
     std::uint64_t installType = PDInstallTypeNone;
     std::optional<Data> metadata; // content of "TamblinMetadata.plist"
     std::optional<Data> sinf;     // the app's protection record

@@ -1,8 +1,11 @@
 // How coordinators install: placeholder, app, reports, and what is left afterwards.
 #include "archive/InstallerError.h"
+#include "device/root/Paths.h"
 #include "tests/concurrency/NoMoreThreads.h"
 #include "tests/device/coordinator/CoordinatorTest.h"
 #include "tests/device/root/Faults.h"
+
+#include <filesystem>
 
 namespace appsync::device {
 namespace {
@@ -239,6 +242,35 @@ TEST_F(CoordinatorTest, AFolderThatHoldsMoreThanTheIconStays) {
     coordinator->waitUntilIdle();
     EXPECT_FALSE(exists(iconFolder(A) + "/Icon.png"));
     EXPECT_TRUE(exists(iconFolder(A) + "/Info.plist"));
+}
+
+TEST_F(CoordinatorTest, APlaceholderTakesItsIconWithoutACopy) {
+    class NoCopies final : public FaultPoint {
+      public:
+        int before(std::string_view operation, std::string_view path) noexcept override {
+            return operation == "create" && path.starts_with(stagingFolder) ? EIO : 0;
+        }
+    };
+    reopen(std::make_shared<NoCopies>());
+    (void)prepare(A);
+    coordinator->waitUntilIdle();
+    EXPECT_TRUE(registry->application(A)->iconPath);
+}
+
+TEST_F(CoordinatorTest, AnIconThatIsALinkOrStandsElsewhereIsCopied) {
+    const std::string elsewhere = makeFile("/System/Icon.png", "of the system");
+    const auto linked = makePlaceholder(A);
+    const std::string link = iconFolder(A) + "/Icon.png";
+    ASSERT_TRUE(device.files().removeItem(link, nullptr));
+    std::filesystem::create_symlink(elsewhere, device.root->hostPath(link));
+    const auto made = lookUp(classes().initiatingCoordinators, A, true);
+    ASSERT_TRUE(made->setPlaceholderPromise_error(linked, nullptr));
+    coordinator->waitUntilIdle();
+    const std::string icon = registry->application(A)->iconPath.value_or("");
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(device.root->hostPath(icon))));
+    EXPECT_EQ(device.files().readFile(icon, nullptr), Data("of the system"));
+    EXPECT_FALSE(exists(iconFolder(A)));
+    EXPECT_EQ(device.files().readFile(elsewhere, nullptr), Data("of the system"));
 }
 
 TEST_F(CoordinatorTest, TransferProgressShowsOnTheHomeScreen) {

@@ -62,13 +62,27 @@ TEST_F(RegistryTest, PlaceholderCanBeBuiltFromItsParts) {
     EXPECT_TRUE(files().fileExists("/tmp/an-icon.png"));
 }
 
-TEST_F(RegistryTest, PlaceholderWhoseIconIsMissingIsStillThere) {
+TEST_F(RegistryTest, PlaceholderCanTakeItsIcon) {
+    ASSERT_TRUE(files().createFile("/tmp/an-icon.png", "drawn", {}));
     PlaceholderRequest made;
     made.identifier = identifier;
-    made.iconPath = "/tmp/missing.png";
+    made.iconPath = "/tmp/an-icon.png";
+    made.takesIcon = true;
     ASSERT_TRUE(registry().installPlaceholder(made));
-    EXPECT_EQ(registry().application(identifier)->name, identifier);
-    EXPECT_EQ(registry().application(identifier)->iconPath, std::nullopt);
+    EXPECT_EQ(content(*registry().application(identifier)->iconPath), "drawn");
+    EXPECT_FALSE(files().fileExists("/tmp/an-icon.png"));
+}
+
+TEST_F(RegistryTest, PlaceholderWhoseIconIsMissingIsStillThere) {
+    for (const bool takesIcon : {false, true}) {
+        PlaceholderRequest made;
+        made.identifier = identifier;
+        made.iconPath = "/tmp/missing.png";
+        made.takesIcon = takesIcon;
+        ASSERT_TRUE(registry().installPlaceholder(made));
+        EXPECT_EQ(registry().application(identifier)->name, identifier);
+        EXPECT_EQ(registry().application(identifier)->iconPath, std::nullopt);
+    }
 }
 
 TEST_F(RegistryTest, PlaceholderStandsBesideTheInstalledVersion) {
