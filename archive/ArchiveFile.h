@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace appsync {
 
@@ -18,6 +19,12 @@ class ArchiveFile {
     /// The descriptor must stay open, and `refuse` and `memory` be there, as long as the object is used. Refused is
     /// what is no regular file.
     [[nodiscard]] static Result<ArchiveFile> open(int file, const Refusal& refuse, ArchiveMemory& memory);
+
+    /// Not copied: two objects must not read with the same memory.
+    ArchiveFile(ArchiveFile&& other) noexcept
+        : _file(other._file), _size(other._size), _refuse(other._refuse),
+          _memory(std::exchange(other._memory, nullptr)), _start(other._start), _length(other._length) {}
+    ArchiveFile& operator=(ArchiveFile&&) = delete;
 
     /// The same file, for another thread.
     [[nodiscard]] ArchiveFile another(ArchiveMemory& memory) const { return {_file, _size, *_refuse, memory}; }
