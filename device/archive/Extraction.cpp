@@ -135,13 +135,13 @@ class Extraction {
         return {};
     }
 
-    /// On this thread, and one more for each place that is free.
+    /// On this thread, and one more for each place that nobody else needs.
     Result<void> _unpackShared() {
         SharedFiles files(std::move(_shared));
         std::deque<UnpackingPlaces::Place> places;
         std::deque<ArchiveFile> archives; // each thread has its own reader and writer, made before any of them works
         std::deque<FileUnpacker> unpackers;
-        while (auto place = _places.takeFree()) {
+        while (auto place = _places.takeSpare()) {
             const auto& taken = places.emplace_back(std::move(*place));
             unpackers.emplace_back(_request, archives.emplace_back(_file.another(taken.memory())),
                                    _unpacker.writer().another(), _refuse,

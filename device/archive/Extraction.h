@@ -48,7 +48,7 @@ struct ExtractedApplication {
 /// Unpacks into an empty folder, whose content is to be thrown away after an error. An archive is refused unless every
 /// check has passed: its directory (`ZipDirectory`), its entries against that, their checksums, links that stay in the
 /// app, and the app's identity. Nothing is durable yet. Any number of calls may run at once; each waits for one of the
-/// places, and a large archive takes further ones that are free.
+/// places, and a large archive takes those that nobody else needs.
 [[nodiscard]] Result<ExtractedApplication> extractApplication(const ExtractionRequest& request, int container,
                                                               const ArchiveLimits& limits,
                                                               PropertyListSerialization& propertyLists,

@@ -14,9 +14,9 @@ std::optional<UnpackingPlaces::Place> UnpackingPlaces::take(const std::stop_toke
     return _taken < _count ? std::optional(_take()) : std::nullopt;
 }
 
-std::optional<UnpackingPlaces::Place> UnpackingPlaces::takeFree() {
+std::optional<UnpackingPlaces::Place> UnpackingPlaces::takeSpare() {
     const Lock lock(_mutex);
-    return _taken < _count ? std::optional(_take()) : std::nullopt;
+    return _taken + 1 < _count ? std::optional(_take()) : std::nullopt;
 }
 
 UnpackingPlaces::Place UnpackingPlaces::_take() {

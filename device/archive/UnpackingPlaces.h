@@ -1,4 +1,4 @@
-// Who unpacks at the same time: as many as there are cores, each with the memory for it.
+// Who unpacks at the same time: so many that no core is idle, each with the memory for it.
 #pragma once
 
 #include "archive/ArchiveMemory.h"
@@ -14,10 +14,11 @@
 
 namespace appsync::device {
 
-/// More at once would need more memory and take as long. Any thread.
+/// More at once would need more memory and take as long. One more than there are cores, so that a small archive does
+/// not wait for a large one that all cores unpack. Any thread.
 class UnpackingPlaces {
   public:
-    explicit UnpackingPlaces(std::size_t count = coreCount()) : _count(count) {}
+    explicit UnpackingPlaces(std::size_t count = coreCount() + 1) : _count(count) {}
     UnpackingPlaces(const UnpackingPlaces&) = delete;
     UnpackingPlaces& operator=(const UnpackingPlaces&) = delete;
 
@@ -43,8 +44,8 @@ class UnpackingPlaces {
 
     /// Waits for a place; nullopt when it was cancelled before there was one.
     [[nodiscard]] std::optional<Place> take(const std::stop_token& cancel) EXCLUDES(_mutex);
-    /// Nullopt: all are taken.
-    [[nodiscard]] std::optional<Place> takeFree() EXCLUDES(_mutex);
+    /// A further place for who has one. Nullopt: none is free but the last, which is left to who comes next.
+    [[nodiscard]] std::optional<Place> takeSpare() EXCLUDES(_mutex);
 
   private:
     [[nodiscard]] Place _take() REQUIRES(_mutex);

@@ -9,12 +9,22 @@ namespace {
 
 TEST(UnpackingPlaces, AreAsManyAsThereShallBe) {
     UnpackingPlaces places(2);
+    std::stop_source cancelled;
+    cancelled.request_stop();
     const auto first = places.take({});
-    auto second = places.takeFree();
-    EXPECT_TRUE(first && second);
-    EXPECT_FALSE(places.takeFree());
+    auto second = places.take({});
+    EXPECT_FALSE(places.take(cancelled.get_token()));
     second.reset();
-    EXPECT_TRUE(places.takeFree());
+    EXPECT_TRUE(places.take({}));
+}
+
+TEST(UnpackingPlaces, LeaveTheLastOneToWhoComesNext) {
+    UnpackingPlaces places(3);
+    const auto first = places.take({});
+    const auto second = places.takeSpare();
+    EXPECT_TRUE(second);
+    EXPECT_FALSE(places.takeSpare());
+    EXPECT_TRUE(places.take({}));
 }
 
 TEST(UnpackingPlaces, OneThatIsGivenBackGoesToWhoWaits) {
@@ -50,7 +60,7 @@ TEST(UnpackingPlaces, KeepNoMemoryWhenNobodyUnpacks) {
 
 TEST_F(ExtractionTest, InstallThatWaitsForAPlaceCanBeCancelled) {
     places.emplace(1);
-    const auto taken = places->takeFree();
+    const auto taken = places->take({});
     std::stop_source cancellation;
     request.cancel = cancellation.get_token();
     std::jthread person([&] { cancellation.request_stop(); });

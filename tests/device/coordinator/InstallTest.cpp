@@ -257,7 +257,23 @@ TEST_F(CoordinatorTest, APlaceholderTakesItsIconWithoutACopy) {
     EXPECT_TRUE(registry->application(A)->iconPath);
 }
 
-TEST_F(CoordinatorTest, AnIconThatIsALinkOrStandsElsewhereIsCopied) {
+TEST_F(CoordinatorTest, AnIconThatStandsElsewhereIsCopied) {
+    const std::string elsewhere = makeFile("/System/Icon.png", "of the system");
+    const auto placeholder = classes().placeholders.initAppPlaceholderWithBundleName_bundleID_installType_client(
+        "A", A, PDInstallTypeSync, KXClientSyncHost);
+    const auto icon = classes().transferPromises.initWithName_client_transferPath_diskSpaceNeeded(
+        "icon", KXClientSyncHost, *FileURL::fileURLWithPath(elsewhere, false), 13);
+    icon->setComplete(true);
+    ASSERT_TRUE(placeholder->setIconPromise_error(icon, nullptr));
+    ASSERT_TRUE(placeholder->setConfigurationCompleteWithError(nullptr));
+    const auto made = lookUp(classes().initiatingCoordinators, A, true);
+    ASSERT_TRUE(made->setPlaceholderPromise_error(placeholder, nullptr));
+    coordinator->waitUntilIdle();
+    EXPECT_EQ(device.files().readFile(registry->application(A)->iconPath.value_or(""), nullptr), Data("of the system"));
+    EXPECT_EQ(device.files().readFile(elsewhere, nullptr), Data("of the system"));
+}
+
+TEST_F(CoordinatorTest, AnIconThatIsALinkIsCopied) {
     const std::string elsewhere = makeFile("/System/Icon.png", "of the system");
     const auto linked = makePlaceholder(A);
     const std::string link = iconFolder(A) + "/Icon.png";
