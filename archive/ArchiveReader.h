@@ -16,7 +16,7 @@ struct z_stream_s;
 namespace appsync {
 
 /// Packed and unpacked bytes together up to which a deflated entry is inflated at once, which is faster than piece by
-/// piece.
+/// piece; whoever reads has that much memory, and several may read at the same time.
 inline constexpr std::size_t maxInflatedAtOnce = std::size_t{6} << 20;
 
 /// Holds each entry to what the archive's directory says of it. Used on one thread from beginning to end.

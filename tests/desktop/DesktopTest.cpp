@@ -1,5 +1,6 @@
 // The desktop's side: archives, libraries, lists, staging, packing.
 #include "archive/AppInArchive.h"
+#include "concurrency/AllCores.h"
 #include "desktop/AppLibrary.h"
 #include "desktop/ArchivePacker.h"
 #include "desktop/ArchiveSource.h"
@@ -277,6 +278,17 @@ TEST_F(SyncLists, LeaveNothingStagedWhenTheyCannotBeWritten) {
             }));
         }
     }
+}
+
+TEST_F(SyncLists, GoOnWithNoFurtherAppAfterOneThatCannotBeWritten) {
+    list.installs.assign(coreCount() + 20, apps.find("a"));
+    inmemory::World world;
+    world.faults.fail("files.createDirectory", inmemory::Faults::always, 1);
+    EXPECT_FALSE(writeStagingArea(world.files, world.propertyLists, list, {}));
+    const auto made = std::ranges::count_if(
+        world.journal.take(), [](const std::string& line) { return line.starts_with("files.createDirectory"); });
+    EXPECT_GT(made, 1);
+    EXPECT_LE(made, 1 + static_cast<std::ptrdiff_t>(coreCount())) << "each core tries one app at most";
 }
 
 TEST_F(SyncLists, StageTheIconThatTheAppNamesAndNoOther) {

@@ -39,8 +39,8 @@ class LargeArchive : public ExtractionTest {
 };
 
 TEST_F(LargeArchive, IsUnpackedWholeByAllCoresOrByOne) {
-    for (const std::size_t cores : {3U, 1U}) {
-        places.emplace(cores);
+    for (const std::size_t number : {3U, 1U}) {
+        places.emplace(number);
         const auto result = extract(rawArchive(entries()));
         ASSERT_TRUE(result) << errorText(result.error());
         std::uint64_t bytes = infoList(identifier).size();

@@ -1,11 +1,27 @@
 // Who may unpack at the same time.
 #include "ExtractionFixture.h"
 
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
 #include <stop_token>
+#include <string>
 #include <thread>
 
 namespace appsync::device {
 namespace {
+
+/// Returns when the thread of this number, which may be about to be known, waits for something.
+void waitUntilItWaits(const std::atomic<pid_t>& thread) {
+    std::string state;
+    while (state != "S") {
+        std::this_thread::yield();
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string name; // "(...)", without a space in it
+        file >> state >> name >> state;
+    }
+}
 
 TEST(UnpackingPlaces, AreAsManyAsThereShallBe) {
     UnpackingPlaces places(2);
@@ -30,7 +46,12 @@ TEST(UnpackingPlaces, LeaveTheLastOneToWhoComesNext) {
 TEST(UnpackingPlaces, OneThatIsGivenBackGoesToWhoWaits) {
     UnpackingPlaces places(1);
     auto first = places.take({});
-    std::jthread other([&] { EXPECT_TRUE(places.take({})); });
+    std::atomic<pid_t> waiting = 0;
+    std::jthread other([&] {
+        waiting = ::gettid();
+        EXPECT_TRUE(places.take({}));
+    });
+    waitUntilItWaits(waiting);
     first.reset();
 }
 
@@ -38,7 +59,12 @@ TEST(UnpackingPlaces, WaitingForOneCanBeCancelled) {
     UnpackingPlaces places(1);
     const auto taken = places.take({});
     std::stop_source cancellation;
-    std::jthread other([&] { EXPECT_FALSE(places.take(cancellation.get_token())); });
+    std::atomic<pid_t> waiting = 0;
+    std::jthread other([&] {
+        waiting = ::gettid();
+        EXPECT_FALSE(places.take(cancellation.get_token()));
+    });
+    waitUntilItWaits(waiting);
     cancellation.request_stop();
 }
 
@@ -63,7 +89,11 @@ TEST_F(ExtractionTest, InstallThatWaitsForAPlaceCanBeCancelled) {
     const auto taken = places->take({});
     std::stop_source cancellation;
     request.cancel = cancellation.get_token();
-    std::jthread person([&] { cancellation.request_stop(); });
+    const std::atomic<pid_t> waiting = ::gettid();
+    std::jthread person([&] {
+        waitUntilItWaits(waiting);
+        cancellation.request_stop();
+    });
     EXPECT_EQ(refusalOf(app().bytes()), code(InstallerError::cancelled));
     EXPECT_FALSE(exists("Name.app"));
 }
