@@ -2,7 +2,10 @@
 // same archives, the least that installing them can take (bench/floor.cpp), and, where the machine has them, `bsdtar`
 // on two archives at a time and `dpkg -i` of packages with the same content.
 //
-// Usage: sync_bench QRD FOLDER      FOLDER is made, filled and removed; the runs alternate, and the medians count.
+// Usage: sync_bench QRD FOLDER [small] [restore] [large] [hundred]
+//
+// Measures the parts that are named, or all. FOLDER is made, filled and removed; the runs alternate, and the medians
+// count.
 #include "bench/Watchers.h"
 #include "desktop/ArchivePacker.h"
 #include "files/Descriptor.h"
@@ -28,6 +31,7 @@
 #include <iterator>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -405,28 +409,40 @@ void syncOneLarge(const std::string& qrd, const fs::path& folder) {
     row("its peak memory", median(peak), "MB", 100);
 }
 
-/// Milliseconds an app.
-double syncManySmall(const std::string& qrd, const fs::path& folder, int apps) {
-    const fs::path library = folder / ("small" + std::to_string(apps)) / "library";
+fs::path librarySmall(const fs::path& folder, int apps) {
+    fs::path library = folder / ("small" + std::to_string(apps)) / "library";
     fs::create_directories(library);
     for (int number = 0; number < apps; ++number) {
         addApp(library, number, 6'000, 2, 1'500);
     }
-    std::vector<double> seconds;
-    std::vector<double> writes;
-    for (int round = 0; round < rounds; ++round) {
-        writes.push_back(durableWrite(folder));
-        seconds.push_back(syncOnce(qrd, folder, library, true).seconds);
-    }
-    std::printf("%d archives of 10 KB; a durable write of 64 KB takes %.2f ms\n", apps, median(writes));
-    return median(seconds) * 1000 / apps;
+    return library;
 }
 
-void compareSmall(const std::string& qrd, const fs::path& folder) {
-    const double few = syncManySmall(qrd, folder, 1000);
-    row("coordinated sync of 1000 archives of 10 KB, time an app", few, "ms", 2.4);
-    const double many = syncManySmall(qrd, folder, 4000);
-    row("coordinated sync of 4000 of them, time an app", many, "ms", 1.25 * few);
+void syncSmall(const std::string& qrd, const fs::path& folder) {
+    const auto anApp = [](const std::vector<double>& seconds, int apps) { return median(seconds) * 1000 / apps; };
+    constexpr int few = 1000;
+    constexpr int many = 4000;
+    std::vector<double> writes;
+    std::vector<double> syncFew;
+    std::vector<double> syncMany;
+    std::vector<double> least;
+    std::vector<double> unzip;
+    fs::path library = librarySmall(folder, few);
+    for (int round = 0; round < rounds; ++round) {
+        writes.push_back(durableWrite(folder));
+        syncFew.push_back(syncOnce(qrd, folder, library, true).seconds);
+        least.push_back(floorOnce(qrd, folder, library));
+        unzip.push_back(unzipOnce(folder, library));
+    }
+    std::printf("1000 archives of 10 KB: an app takes the least %.2f ms, unzip -q %.2f ms; a durable write of 64 KB "
+                "takes %.2f ms\n",
+                anApp(least, few), anApp(unzip, few), median(writes));
+    row("coordinated sync of 1000 archives of 10 KB, time an app", anApp(syncFew, few), "ms", 2.4);
+    library = librarySmall(folder, many);
+    for (int round = 0; round < rounds; ++round) {
+        syncMany.push_back(syncOnce(qrd, folder, library, true).seconds);
+    }
+    row("coordinated sync of 4000 of them, time an app", anApp(syncMany, many), "ms", 1.25 * anApp(syncFew, few));
 }
 
 void writeList(const fs::path& path, const appsync::Value& list) {
@@ -495,19 +511,29 @@ void restoreMany(const std::string& qrd, const fs::path& folder) {
 } // namespace
 
 int main(int count, char** words) {
-    if (count != 3) {
-        std::cerr << "usage: sync_bench QRD FOLDER\n";
+    struct Part {
+        std::string_view name;
+        void (*measure)(const std::string& qrd, const fs::path& folder);
+    };
+    // First those with many small files, which mind most what others have written and removed.
+    constexpr Part parts[] = {
+        {"small", syncSmall}, {"restore", restoreMany}, {"large", syncOneLarge}, {"hundred", sync100}};
+    const std::vector<std::string_view> chosen(words + std::min(count, 3), words + count);
+    const auto isPart = [&](std::string_view name) { return std::ranges::count(parts, name, &Part::name) == 1; };
+    if (count < 3 || !std::ranges::all_of(chosen, isPart)) {
+        std::cerr << "usage: sync_bench QRD FOLDER [small] [restore] [large] [hundred]\n";
         return 2;
     }
     const fs::path folder = fs::absolute(words[2]);
     fs::remove_all(folder);
-    // First those with many small files, which mind most what others have written and removed.
-    int part = 0;
-    for (const auto measure : {compareSmall, restoreMany, syncOneLarge, sync100}) {
-        const fs::path own = folder / std::to_string(++part);
+    for (const Part& part : parts) {
+        if (!chosen.empty() && std::ranges::count(chosen, part.name) == 0) {
+            continue;
+        }
+        const fs::path own = folder / part.name;
         fs::create_directories(own);
         keepFoldersApart(own);
-        measure(words[1], own);
+        part.measure(words[1], own);
         std::fflush(stdout);
     }
     fs::remove_all(folder);
