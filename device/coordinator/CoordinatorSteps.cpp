@@ -65,7 +65,7 @@ Result<void> InstallCoordinator::_installPlaceholder(const PlaceholderState& pla
     request.info = placeholderInfo(placeholder.bundleName, facts);
     if (facts.icon) {
         request.iconPath = facts.icon->record().path;
-        request.takesIcon =
+        request.sharesIcon =
             request.iconPath && isOwned(*request.iconPath) && kindOf(_services.files, *request.iconPath) == S_IFREG;
     }
     request.installType = placeholder.installType;
@@ -155,8 +155,7 @@ void InstallCoordinator::_removeAsset(const PromisePtr& asset) {
     }
 }
 
-/// Removes the icon file, unless the placeholder has taken it, and in the temporary directory the folder that held
-/// nothing else.
+/// Removes the icon file, and in the temporary directory the folder that held nothing else.
 void InstallCoordinator::_removeIcon(const PromisePtr& icon) {
     if (!icon || !icon->isComplete()) {
         return;

@@ -317,12 +317,14 @@ void InstallCoordinator::_placeholderWasInstalled(const CoordinatorStatePtr& sta
     {
         const StatesLock lock(_mutex);
         state->facts.isPlaceholderInstalled = true;
-        // When this is lost the placeholder is installed once more after a restart, without its icon.
-        _passOver(*state, _store.update(*state));
+        const auto written = _store.update(*state);
+        _passOver(*state, written);
         _report(state, [handle = _handleOf(state)](KXAppInstallObserverDelegate& delegate) {
             delegate.coordinatorDidInstallPlaceholder(handle);
         });
-        icon = state->placeholder->facts.icon;
+        if (written) { // else a restart installs the placeholder once more, with its icon
+            icon = state->placeholder->facts.icon;
+        }
         fraction = state->asset ? state->asset->fraction() : 0;
     }
     _removeIcon(icon);

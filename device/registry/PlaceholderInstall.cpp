@@ -139,8 +139,8 @@ class Registry::PlaceholderInstall {
         if (!_request.iconPath) {
             return false;
         }
-        return _request.takesIcon ? _files.moveItem(*_request.iconPath, place, nullptr)
-                                  : _files.copyItem(*_request.iconPath, place, nullptr);
+        const bool isShared = _request.sharesIcon && _files.link(*_request.iconPath, place);
+        return isShared || _files.copyItem(*_request.iconPath, place, nullptr);
     }
 
     [[nodiscard]] Result<RegistryRecordPtr> _makeRecord(const Container& container) {

@@ -31,7 +31,7 @@ struct PlaceholderRequest {
     std::string bundlePath;              // the folder; moved away on success. Or empty, and then:
     Dictionary info;                     //   content of Info.plist; the identifier is set from above
     std::optional<std::string> iconPath; //   becomes "Icon.png" in the bundle
-    bool takesIcon = false;              //   that file itself, not a copy; after a failure it may be gone
+    bool sharesIcon = false;             //   that file itself, where the file system can, not a copy
     std::uint64_t installType = PDInstallTypeNone;
     std::optional<Data> metadata; // content of "TamblinMetadata.plist"
     std::optional<Data> sinf;     // the app's protection record

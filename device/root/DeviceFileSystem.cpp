@@ -299,6 +299,23 @@ Result<Descriptor> DeviceFileSystem::open(std::string_view path, int flags, mode
     return opened;
 }
 
+Result<void> DeviceFileSystem::link(std::string_view from, std::string_view to) noexcept {
+    Place source;
+    Place target;
+    int failed = _findPlace(from, O_PATH, source);
+    if (failed == 0) {
+        failed = _findPlace(to, O_PATH, target);
+    }
+    if (failed == 0) {
+        failed = beforeChange(faultPoint(), "link", to);
+    }
+    if (failed == 0) {
+        failed =
+            errnoOf(::linkat(source.folder.get(), source.name.c_str(), target.folder.get(), target.name.c_str(), 0));
+    }
+    return failed == 0 ? Result<void>() : makePosixError(failed, "linking " + std::string(from) + " to", to);
+}
+
 Result<std::optional<Data>> DeviceFileSystem::readIfThere(std::string_view path) noexcept {
     ErrorPtr error;
     auto bytes = readFile(path, &error);

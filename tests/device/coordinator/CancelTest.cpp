@@ -86,8 +86,8 @@ TEST_F(CoordinatorTest, ARunningInstallIsStopped) {
 }
 
 TEST_F(CoordinatorTest, APlaceholderThatIsBeingInstalledIsTakenAwayAgain) {
-    // In the registry, and when it is installed and the folder of its icon is being removed.
-    for (const auto& gate : {std::make_shared<Gate>("rename", "Icon.png"), std::make_shared<Gate>("unlink", "/tmp/")}) {
+    // In the registry, and when it is installed and its icon file is being removed.
+    for (const auto& gate : {std::make_shared<Gate>("link", "Icon.png"), std::make_shared<Gate>("unlink", "/tmp/")}) {
         reopen(gate);
         const auto made = lookUp(classes().initiatingCoordinators, A, true);
         const auto placeholder = makePlaceholder(A);

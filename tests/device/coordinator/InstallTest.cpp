@@ -244,7 +244,7 @@ TEST_F(CoordinatorTest, AFolderThatHoldsMoreThanTheIconStays) {
     EXPECT_TRUE(exists(iconFolder(A) + "/Info.plist"));
 }
 
-TEST_F(CoordinatorTest, APlaceholderTakesItsIconWithoutACopy) {
+TEST_F(CoordinatorTest, APlaceholderSharesItsIconWithoutACopy) {
     class NoCopies final : public FaultPoint {
       public:
         int before(std::string_view operation, std::string_view path) noexcept override {
@@ -255,6 +255,20 @@ TEST_F(CoordinatorTest, APlaceholderTakesItsIconWithoutACopy) {
     (void)prepare(A);
     coordinator->waitUntilIdle();
     EXPECT_TRUE(registry->application(A)->iconPath);
+}
+
+TEST_F(CoordinatorTest, AnIconThatCannotBeSharedIsCopied) {
+    class NoLinks final : public FaultPoint {
+      public:
+        int before(std::string_view operation, std::string_view /*path*/) noexcept override {
+            return operation == "link" ? EPERM : 0;
+        }
+    };
+    reopen(std::make_shared<NoLinks>());
+    (void)prepare(A);
+    coordinator->waitUntilIdle();
+    EXPECT_TRUE(registry->application(A)->iconPath);
+    EXPECT_FALSE(exists(iconFolder(A)));
 }
 
 TEST_F(CoordinatorTest, AnIconThatStandsElsewhereIsCopied) {

@@ -2,6 +2,7 @@
 #include "tests/device/coordinator/CoordinatorTest.h"
 
 #include "device/coordinator/CoordinatorStore.h"
+#include "device/root/Paths.h"
 #include "tests/device/root/Faults.h"
 
 #include <sys/wait.h>
@@ -195,6 +196,30 @@ TEST_F(CoordinatorTest, DamagedRowsDoNoHarm) {
     EXPECT_TRUE(registry->isInstalled(B));
 }
 
+TEST_F(CoordinatorTest, APlaceholderThatIsInstalledOnceMoreHasItsIcon) {
+    /// Of the commits after a container has come to its place the second fails: that the placeholder is installed.
+    class SecondCommit final : public FaultPoint {
+      public:
+        int before(std::string_view operation, std::string_view path) noexcept override {
+            if (operation == "rename" && path.starts_with(containersFolder)) {
+                _commits = 0;
+            }
+            return operation == "commit" && _commits >= 0 && ++_commits == 2 ? EIO : 0;
+        }
+
+      private:
+        int _commits = -1;
+    };
+    reopen(std::make_shared<SecondCommit>());
+    const auto app = prepare(A);
+    coordinator->waitUntilIdle();
+    EXPECT_TRUE(exists(app.icon));
+    reopen();
+    coordinator->waitUntilIdle();
+    EXPECT_TRUE(exists(registry->application(A)->iconPath.value_or("")));
+    EXPECT_FALSE(exists(app.icon));
+}
+
 /// Ends the process before each change to the disk in turn, and looks at what a later process makes of it.
 class CoordinatorCrashTest : public CoordinatorTest {
   protected:
@@ -245,6 +270,30 @@ TEST_F(CoordinatorCrashTest, ACrashAtAnyPointLeavesTheAppOrItsCoordinatorAndNoFi
         device.files().removeItem("/tmp/com.zuvex.qrd.Apps", nullptr);
     }
     EXPECT_GT(change, 20);
+}
+
+TEST_F(CoordinatorCrashTest, APlaceholderHasItsIconAfterACrashAtAnyPoint) {
+    bool isThrough = false;
+    int placeholders = 0;
+    for (int change = 0; !isThrough; ++change) {
+        SCOPED_TRACE("before change " + std::to_string(change));
+        isThrough = runUntil(change, [this] {
+            (void)prepare(A);
+            coordinator->waitUntilIdle();
+        });
+        coordinator->waitUntilIdle();
+        if (const auto app = registry->application(A)) {
+            EXPECT_TRUE(app->iconPath && exists(*app->iconPath));
+            ++placeholders;
+        }
+        if (const auto open = find(A)) {
+            EXPECT_TRUE(open->cancelForReason_client_error(Error::make(QRErrorDomain, 30), KXClientSyncHost, nullptr));
+        }
+        EXPECT_FALSE(registry->application(A));
+        // An icon that a client has not yet handed over is the client's.
+        device.files().removeItem("/tmp/com.zuvex.qrd.Apps", nullptr);
+    }
+    EXPECT_GT(placeholders, 5);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "RegistryFixture.h"
 
+#include <filesystem>
+
 namespace appsync::device {
 namespace {
 
@@ -62,23 +64,25 @@ TEST_F(RegistryTest, PlaceholderCanBeBuiltFromItsParts) {
     EXPECT_TRUE(files().fileExists("/tmp/an-icon.png"));
 }
 
-TEST_F(RegistryTest, PlaceholderCanTakeItsIcon) {
+TEST_F(RegistryTest, PlaceholderCanShareItsIcon) {
     ASSERT_TRUE(files().createFile("/tmp/an-icon.png", "drawn", {}));
     PlaceholderRequest made;
     made.identifier = identifier;
     made.iconPath = "/tmp/an-icon.png";
-    made.takesIcon = true;
+    made.sharesIcon = true;
     ASSERT_TRUE(registry().installPlaceholder(made));
-    EXPECT_EQ(content(*registry().application(identifier)->iconPath), "drawn");
-    EXPECT_FALSE(files().fileExists("/tmp/an-icon.png"));
+    const auto app = registry().application(identifier);
+    EXPECT_EQ(content(*app->iconPath), "drawn");
+    EXPECT_TRUE(std::filesystem::equivalent(device->root->hostPath(*app->iconPath),
+                                            device->root->hostPath("/tmp/an-icon.png")));
 }
 
 TEST_F(RegistryTest, PlaceholderWhoseIconIsMissingIsStillThere) {
-    for (const bool takesIcon : {false, true}) {
+    for (const bool sharesIcon : {false, true}) {
         PlaceholderRequest made;
         made.identifier = identifier;
         made.iconPath = "/tmp/missing.png";
-        made.takesIcon = takesIcon;
+        made.sharesIcon = sharesIcon;
         ASSERT_TRUE(registry().installPlaceholder(made));
         EXPECT_EQ(registry().application(identifier)->name, identifier);
         EXPECT_EQ(registry().application(identifier)->iconPath, std::nullopt);
