@@ -75,9 +75,8 @@ TransactionLog::~TransactionLog() {
         _changed.notifyOne();
     }
     _writer.stop();
-    if (const auto written = flush(); !written && _mirror) {
-        _mirror->write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
-                       "the end of the transaction log is lost: " + errorText(written.error()));
+    if (const auto written = flush(); !written) {
+        _tell("the end of the transaction log is lost: " + errorText(written.error()));
     }
 }
 
@@ -131,13 +130,20 @@ Result<void> TransactionLog::flush() {
         records.swap(_waiting);
     }
     auto written = records.empty() ? Result<void>() : _write(records);
-    if (!written) {
-        const Lock lock(_mutex);
-        std::move(_waiting.begin(), _waiting.end(), std::back_inserter(records));
-        _waiting.swap(records);
-        if (_waiting.size() > maxWaiting) {
-            _waiting.erase(_waiting.begin(), _waiting.end() - static_cast<std::ptrdiff_t>(maxWaiting));
+    if (written) {
+        if (const std::size_t dropped = std::exchange(_dropped, 0); dropped > 0) {
+            _tell("the transaction log lacks " + std::to_string(dropped) +
+                  " records, which could not be written in time");
         }
+        return written;
+    }
+    const Lock lock(_mutex);
+    std::move(_waiting.begin(), _waiting.end(), std::back_inserter(records));
+    _waiting.swap(records);
+    if (_waiting.size() > maxWaiting) {
+        const std::size_t dropped = _waiting.size() - maxWaiting;
+        _waiting.erase(_waiting.begin(), _waiting.begin() + static_cast<std::ptrdiff_t>(dropped));
+        _dropped += dropped;
     }
     return written;
 }
@@ -153,11 +159,16 @@ void TransactionLog::_writeSoon() {
         _isScheduled = false;
     }
     const auto written = flush();
-    if (!written && !_hasFailed && _mirror) {
-        _mirror->write(QRLogCategoryFramework, LogLevel::error, "%{public}@",
-                       "the transaction log is tried again with its next record: " + errorText(written.error()));
+    if (!written && !_hasFailed) {
+        _tell("the transaction log is tried again with its next record: " + errorText(written.error()));
     }
     _hasFailed = !written;
+}
+
+void TransactionLog::_tell(const std::string& problem) {
+    if (_mirror) {
+        _mirror->write(QRLogCategoryFramework, LogLevel::error, "%{public}@", problem);
+    }
 }
 
 Result<void> TransactionLog::_write(const std::vector<TransactionRecord>& records) {

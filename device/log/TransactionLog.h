@@ -62,7 +62,7 @@ class TransactionLog final : public AITransactionLog {
     [[nodiscard]] Result<void> visit(const std::function<bool(const TransactionRecord&)>& visit,
                                      std::optional<std::string_view> bundleID = std::nullopt, std::int64_t after = 0);
     /// Returns when everything logged before is in the database, or with the reason why it cannot be written; then it
-    /// is tried again with the next record.
+    /// is tried again with the next record. Of what waits meanwhile the newest 20,000 records are kept.
     [[nodiscard]] Result<void> flush();
 
   private:
@@ -72,11 +72,13 @@ class TransactionLog final : public AITransactionLog {
     void _append(TransactionRecord record) EXCLUDES(_mutex);
     void _writeSoon() EXCLUDES(_mutex);
     [[nodiscard]] Result<void> _write(const std::vector<TransactionRecord>& records);
+    void _tell(const std::string& problem);
 
     Database& _database;
     LogFile* const _mirror;
     const std::int64_t _capacity;
-    Mutex _writing; // held while records are on their way, so that they stay in order
+    Mutex _writing;                                // held while records are on their way, so that they stay in order
+    std::size_t _dropped GUARDED_BY(_writing) = 0; // records, since one could last be written
     Mutex _mutex;
     Condition _changed;
     SystemLogPtr _log GUARDED_BY(_mutex);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <set>
 #include <thread>
@@ -26,6 +27,15 @@ class TransactionLogTest : public testing::Test {
     [[nodiscard]] std::vector<TransactionRecord>
     records(std::optional<std::string_view> bundleID = std::nullopt) const {
         return recordsOf(*log, bundleID);
+    }
+
+    [[nodiscard]] std::vector<std::string> loggedTexts() {
+        std::vector<std::string> texts;
+        EXPECT_TRUE(LogCursor(device.files()).readOn([&](const LogEntry& entry) {
+            texts.push_back(entry.text);
+            return true;
+        }));
+        return texts;
     }
 
     OpenRoot device;
@@ -213,14 +223,33 @@ TEST_F(TransactionLogTest, TellsTheFirstOfSeveralFailuresToWriteIt) {
     ASSERT_EQ(records().size(), 2U);
     log.reset();
     mirror.reset();
-    std::vector<std::string> texts;
-    ASSERT_TRUE(LogCursor(device.files()).readOn([&](const LogEntry& entry) {
-        texts.push_back(entry.text);
-        return true;
-    }));
+    const auto texts = loggedTexts();
     ASSERT_EQ(texts.size(), 1U);
     EXPECT_TRUE(texts[0].starts_with("the transaction log is tried again with its next record: the database "))
         << texts[0];
+}
+
+TEST_F(TransactionLogTest, TellsHowManyRecordsItLost) {
+    const auto faults = std::make_shared<FailingCommits>();
+    device.reopen(faults);
+    auto mirror = std::move(*LogFile::open(device.files()));
+    log = std::move(*TransactionLog::open(*device.database, mirror.get()));
+    faults->doFail = true;
+    constexpr int lost = 3;
+    for (int i = 0; i < 20'000 + lost; ++i) {
+        scenario(std::to_string(i));
+    }
+    EXPECT_FALSE(log->flush());
+    faults->doFail = false;
+    const auto kept = records();
+    ASSERT_EQ(kept.size(), 20'000U);
+    EXPECT_EQ(kept.front().description, std::to_string(lost));
+    EXPECT_TRUE(log->flush());
+    log.reset();
+    mirror.reset();
+    EXPECT_EQ(
+        std::ranges::count(loggedTexts(), "the transaction log lacks 3 records, which could not be written in time"),
+        1);
 }
 
 TEST_F(TransactionLogTest, MirrorsRecordsToTheLogItWasGiven) {
