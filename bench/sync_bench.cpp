@@ -409,7 +409,7 @@ void syncOneLarge(const std::string& qrd, const fs::path& folder) {
     row("its peak memory", median(peak), "MB", 100);
 }
 
-fs::path librarySmall(const fs::path& folder, int apps) {
+fs::path smallLibrary(const fs::path& folder, int apps) {
     fs::path library = folder / ("small" + std::to_string(apps)) / "library";
     fs::create_directories(library);
     for (int number = 0; number < apps; ++number) {
@@ -427,7 +427,7 @@ void syncSmall(const std::string& qrd, const fs::path& folder) {
     std::vector<double> syncMany;
     std::vector<double> least;
     std::vector<double> unzip;
-    fs::path library = librarySmall(folder, few);
+    fs::path library = smallLibrary(folder, few);
     for (int round = 0; round < rounds; ++round) {
         writes.push_back(durableWrite(folder));
         syncFew.push_back(syncOnce(qrd, folder, library, true).seconds);
@@ -438,7 +438,7 @@ void syncSmall(const std::string& qrd, const fs::path& folder) {
                 "takes %.2f ms\n",
                 anApp(least, few), anApp(unzip, few), median(writes));
     row("coordinated sync of 1000 archives of 10 KB, time an app", anApp(syncFew, few), "ms", 2.4);
-    library = librarySmall(folder, many);
+    library = smallLibrary(folder, many);
     for (int round = 0; round < rounds; ++round) {
         syncMany.push_back(syncOnce(qrd, folder, library, true).seconds);
     }

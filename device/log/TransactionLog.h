@@ -62,7 +62,7 @@ class TransactionLog final : public AITransactionLog {
     [[nodiscard]] Result<void> visit(const std::function<bool(const TransactionRecord&)>& visit,
                                      std::optional<std::string_view> bundleID = std::nullopt, std::int64_t after = 0);
     /// Returns when everything logged before is in the database, or with the reason why it cannot be written; then it
-    /// is tried again with the next record. Of what waits meanwhile the newest 20,000 records are kept.
+    /// is tried again with the next record. Meanwhile the newest records are kept; how many are not is told afterwards.
     [[nodiscard]] Result<void> flush();
 
   private:

@@ -52,7 +52,7 @@ class DeviceFileSystem final : public FileSystem {
     /// Opens what stands at a path, with the flags of `open`; the descriptor is closed on exec. Without O_DIRECTORY and
     /// O_PATH that is a regular file: anything else is refused at once, not waited for.
     [[nodiscard]] Result<Descriptor> open(std::string_view path, int flags, mode_t mode = 0644) noexcept;
-    /// Gives a file a second name, where its file system can. A link gets one as such.
+    /// Gives a file a second name, where its file system can; a symbolic link itself, not what it leads to.
     [[nodiscard]] Result<void> link(std::string_view from, std::string_view to) noexcept;
     /// The content of a file; nullopt when there is none. Where the file is the only one of its kind, a failure to read
     /// it must not pass for that.

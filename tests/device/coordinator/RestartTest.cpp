@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+
 namespace appsync::device {
 namespace {
 
@@ -208,7 +210,7 @@ TEST_F(CoordinatorTest, APlaceholderThatIsInstalledOnceMoreHasItsIcon) {
         }
 
       private:
-        int _commits = -1;
+        std::atomic<int> _commits = -1;
     };
     reopen(std::make_shared<SecondCommit>());
     const auto app = prepare(A);
