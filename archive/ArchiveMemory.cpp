@@ -3,14 +3,25 @@
 #include <libdeflate.h>
 
 #include <bit>
+#include <new>
 
 namespace appsync {
+
+namespace {
+
+constexpr std::align_val_t pageStart{4096};
+
+} // namespace
+
+void ArchiveMemory::Buffer::Free::operator()(char* bytes) const noexcept {
+    ::operator delete[](bytes, pageStart);
+}
 
 char* ArchiveMemory::Buffer::grow(std::size_t size) {
     if (size > _capacity) {
         _capacity = std::bit_ceil(size);
         _bytes = nullptr; // before the larger one
-        _bytes = std::make_unique_for_overwrite<char[]>(_capacity);
+        _bytes.reset(new (pageStart) char[_capacity]);
     }
     return _bytes.get();
 }

@@ -11,6 +11,7 @@ namespace appsync {
 /// For one archive at a time, on one thread.
 class ArchiveMemory {
   public:
+    /// Begins where a page does, so that a disk can take from it what is to be written.
     class Buffer {
       public:
         /// Makes room for this many bytes. What was in it is lost when it grows.
@@ -18,7 +19,11 @@ class ArchiveMemory {
         [[nodiscard]] const char* data() const noexcept { return _bytes.get(); }
 
       private:
-        std::unique_ptr<char[]> _bytes;
+        struct Free {
+            void operator()(char* bytes) const noexcept;
+        };
+
+        std::unique_ptr<char[], Free> _bytes;
         std::size_t _capacity = 0;
     };
 

@@ -34,8 +34,6 @@ class BundleWriter {
     [[nodiscard]] Result<Descriptor> makeFile(std::string_view path, bool isExecutable, std::uint64_t expectedBytes);
     /// Appends to a file that `makeFile` has made.
     [[nodiscard]] Result<void> write(const Descriptor& file, std::string_view bytes, std::string_view path);
-    /// Tells that a file is complete: the disk may begin with it while the next one is unpacked.
-    static void finishFile(const Descriptor& file, std::uint64_t bytes) noexcept;
     /// Remembers a symbolic link; `makeLinks` makes it, so that no file is written through it.
     void addLink(std::string_view path, std::string_view target) { _links.emplace_back(path, target); }
     [[nodiscard]] Result<void> makeLinks();

@@ -51,7 +51,6 @@ Result<void> FileUnpacker::unpack(const ZipDirectory::Entry& entry, bool isExecu
             return piece.error();
         }
         if (piece->empty()) {
-            BundleWriter::finishFile(*file, entry.unpackedBytes);
             return {};
         }
         if (_request.cancel.stop_requested()) {

@@ -14,11 +14,11 @@
 
 namespace appsync::device {
 
-/// More at once would need more memory and take as long. One more than there are cores, so that a small archive does
-/// not wait for a large one that all cores unpack. Any thread.
+/// More at once would need more memory and take as long. Two more than there are cores: one for who waits for the disk,
+/// and one so that a small archive does not wait for a large one that all cores unpack. Any thread.
 class UnpackingPlaces {
   public:
-    explicit UnpackingPlaces(std::size_t count = coreCount() + 1) : _count(count) {}
+    explicit UnpackingPlaces(std::size_t count = coreCount() + 2) : _count(count) {}
     UnpackingPlaces(const UnpackingPlaces&) = delete;
     UnpackingPlaces& operator=(const UnpackingPlaces&) = delete;
 

@@ -1,10 +1,41 @@
 #include "ExtractionFixture.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <clocale>
 
 namespace appsync::device {
 namespace {
+
+/// How many bytes of a file are in the system's cache.
+std::size_t cachedBytes(const std::filesystem::path& path, std::size_t size) {
+    constexpr std::size_t page = 4096;
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    void* const mapped = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, file.get(), 0);
+    std::vector<unsigned char> pages((size + page - 1) / page);
+    EXPECT_EQ(::mincore(mapped, size, pages.data()), 0);
+    ::munmap(mapped, size);
+    return page * static_cast<std::size_t>(std::ranges::count_if(pages, [](unsigned char one) { return one & 1; }));
+}
+
+std::string bytesOf(std::size_t size) {
+    std::string bytes(size, '\0');
+    for (std::size_t place = 0; place < size; ++place) {
+        bytes[place] = static_cast<char>(place * place >> 7);
+    }
+    return bytes;
+}
+
+bool canBeWrittenDirectly(const std::filesystem::path& path) {
+    constexpr std::size_t block = 4096;
+    alignas(block) static const std::array<char, block> bytes{};
+    const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_DIRECT | O_CLOEXEC, 0644));
+    return ::write(file.get(), bytes.data(), block) == block && cachedBytes(path, block) == 0;
+}
 
 TEST_F(ExtractionTest, UnpacksTheAppAndWhatStandsBesideIt) {
     const auto result = extract(app()
@@ -37,16 +68,42 @@ TEST_F(ExtractionTest, CountsTheBytesOfTheAppAlone) {
 }
 
 TEST_F(ExtractionTest, UnpacksLargeAndEmptyFilesInEitherCompression) {
-    std::string large(5'000'000, '\0');
-    for (std::size_t place = 0; place < large.size(); ++place) {
-        large[place] = static_cast<char>(place * place >> 7);
-    }
+    const std::string large = bytesOf(5'000'000);
     for (ArchiveBuilder builder : {app(), app().stored()}) {
         const auto result = extract(builder.file("Name.app/large", large).file("Name.app/empty", "").bytes());
         ASSERT_TRUE(result) << errorText(result.error());
         EXPECT_EQ(content("Name.app/large"), large);
         EXPECT_TRUE(exists("Name.app/empty"));
     }
+}
+
+TEST_F(ExtractionTest, FilesAroundTheSizesFromWhichTheyAreWrittenOtherwiseAreWhole) {
+    constexpr std::size_t large = 128U << 10; // is written past the cache, in pieces
+    constexpr std::size_t piece = 1U << 20;
+    constexpr std::size_t block = 4096;
+    const std::vector<std::size_t> sizes{
+        large - 1,    large,     large + 1,     large + block - 1, piece - 1,
+        piece,        piece + 1, piece + large, piece + large - 1, 2 * piece + large + block + 7,
+        7 * piece + 9}; // the last is inflated piece by piece
+    for (ArchiveBuilder builder : {app(), app().stored()}) {
+        for (const std::size_t size : sizes) {
+            builder.file("Name.app/" + std::to_string(size), bytesOf(size));
+        }
+        const auto result = extract(builder.bytes());
+        ASSERT_TRUE(result) << errorText(result.error());
+        for (const std::size_t size : sizes) {
+            EXPECT_TRUE(content("Name.app/" + std::to_string(size)) == bytesOf(size)) << size;
+        }
+    }
+}
+
+TEST_F(ExtractionTest, LargeFilesLeaveTheCacheToWhatIsInUse) {
+    constexpr std::size_t size = 3U << 20;
+    if (!canBeWrittenDirectly(folder / "other")) {
+        GTEST_SKIP() << "the file system of the tests writes everything through its cache";
+    }
+    ASSERT_TRUE(extract(app().file("Name.app/large", bytesOf(size)).bytes()));
+    EXPECT_LT(cachedBytes(folder / "container/Name.app/large", size), size / 10);
 }
 
 TEST_F(ExtractionTest, ExecutablesStayExecutableAndNothingElseOfAModeCounts) {
