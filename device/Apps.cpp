@@ -37,16 +37,18 @@ Result<PlaceholderRequest> placeholderOf(DeviceFileSystem& files, const Applicat
     return request;
 }
 
-/// Puts the lists right: of the expected apps, those that have a demoted app's placeholder, and no installed one.
+/// Puts the lists right: of the expected apps, those that are demoted or were until they began to come back, and no
+/// installed one.
 void settle(DemotionLists& lists, const std::set<std::string>& expected, const std::vector<Application>& apps) {
     for (std::set<std::string>* list : {&lists.automatic, &lists.intentional}) {
         std::erase_if(*list, [&](const std::string& identifier) { return !expected.contains(identifier); });
     }
     for (const Application& app : apps) {
+        const auto demotion = app.isDemoted() ? app.installType : app.demotion;
         if (app.isInstalled) {
             lists.take(app.identifier);
-        } else if (app.isDemoted() && !lists.contains(app.identifier)) {
-            lists.put(app.identifier, app.installType == PDInstallTypeDowngrade);
+        } else if (demotion && !lists.contains(app.identifier)) {
+            lists.put(app.identifier, *demotion == PDInstallTypeDowngrade);
         }
     }
 }

@@ -153,6 +153,9 @@ class Registry::PlaceholderInstall {
         record.isPlaceholder = true;
         record.isSystem = _request.isSystem || (_before.installed && _before.installed->isSystem);
         record.installType = _continuesRestore ? std::uint64_t{PDInstallTypeRestore} : _request.installType;
+        if (!isDemotion(record.installType)) {
+            record.demotion = _registry._follower.demotion(_request.identifier);
+        }
         record.container = container.name();
         record.bundle = _bundle;
         record.bytes = *size;

@@ -59,6 +59,7 @@ Application describe(const RegistryTable::App& app, const InstallProgressPtr& pr
     application.isPlaceholder = app.placeholder != nullptr;
     application.isSystem = shown.isSystem;
     application.installType = (app.placeholder ? app.placeholder : app.installed)->installType;
+    application.demotion = app.placeholder ? app.placeholder->demotion : std::nullopt;
     application.bundlePath = shown.bundlePath();
     if (shown.iconFile) {
         application.iconPath = application.bundlePath + "/" + *shown.iconFile;

@@ -68,6 +68,7 @@ struct Application {
     bool isPlaceholder = false; // a placeholder stands for an app on its way; with `isInstalled`: for its next version
     bool isSystem = false;
     std::uint64_t installType = PDInstallTypeNone;
+    std::optional<std::uint64_t> demotion;     // of a demoted app that comes back: the install type that it had
     std::optional<double> progress;            // 0 to 1, of the install under way
     std::optional<std::uint64_t> installState; // a `PDInstallState`, while there is a progress object
     std::optional<std::uint64_t> installPhase; // a `PDInstallPhase`, likewise

@@ -3,32 +3,20 @@
 #include "device/root/Paths.h"
 
 #include <algorithm>
-#include <array>
 
 namespace appsync::device {
 
 namespace {
 
-constexpr std::array<std::string_view, 1> schema{R"(
-CREATE TABLE applications (
-    identifier TEXT NOT NULL,
-    placeholder INTEGER NOT NULL,
-    system INTEGER NOT NULL,
-    install_type INTEGER NOT NULL,
-    name TEXT NOT NULL,
-    version TEXT,
-    container TEXT NOT NULL UNIQUE,
-    bundle TEXT NOT NULL,
-    icon TEXT,
-    bytes INTEGER NOT NULL,
-    device_sinf INTEGER NOT NULL,
-    arrival INTEGER NOT NULL,
-    PRIMARY KEY (identifier, placeholder)
-) WITHOUT ROWID;
-CREATE TABLE application_removals (path TEXT PRIMARY KEY) WITHOUT ROWID;
-)"};
+constexpr std::string_view schema[] = {
+    "CREATE TABLE applications (identifier TEXT NOT NULL, placeholder INTEGER NOT NULL, system INTEGER NOT NULL,"
+    " install_type INTEGER NOT NULL, name TEXT NOT NULL, version TEXT, container TEXT NOT NULL UNIQUE,"
+    " bundle TEXT NOT NULL, icon TEXT, bytes INTEGER NOT NULL, device_sinf INTEGER NOT NULL, arrival INTEGER NOT NULL,"
+    " PRIMARY KEY (identifier, placeholder)) WITHOUT ROWID;"
+    "CREATE TABLE application_removals (path TEXT PRIMARY KEY) WITHOUT ROWID;",
+    "ALTER TABLE applications ADD COLUMN demotion INTEGER"};
 
-constexpr std::array<std::string_view, 1> uninstalledSchema{
+constexpr std::string_view uninstalledSchema[] = {
     "CREATE TABLE uninstalled (identifier TEXT PRIMARY KEY, removed_at REAL NOT NULL) WITHOUT ROWID"};
 
 } // namespace
@@ -38,22 +26,24 @@ std::string RegistryRecord::containerPath() const {
 }
 
 Result<void> RegistryTable::load(Database& database) {
-    for (const auto& [service, steps] :
-         {std::pair("registry", schema), std::pair("uninstalled list", uninstalledSchema)}) {
-        if (auto registered = database.registerSchema(service, steps); !registered) {
-            return registered;
-        }
+    auto registered = database.registerSchema("registry", schema);
+    if (registered) {
+        registered = database.registerSchema("uninstalled list", uninstalledSchema);
+    }
+    if (!registered) {
+        return registered;
     }
     Database::Transaction transaction(database);
-    auto rows = transaction.query("SELECT identifier, placeholder, system, install_type, name, version, container, "
-                                  "bundle, icon, bytes, device_sinf, arrival FROM applications ORDER BY arrival");
+    auto rows =
+        transaction.query("SELECT identifier, placeholder, system, install_type, name, version, container, "
+                          "bundle, icon, bytes, device_sinf, demotion, arrival FROM applications ORDER BY arrival");
     const Lock lock(_mutex);
     while (rows.next()) {
         auto record = std::make_shared<RegistryRecord>();
         std::int64_t arrival = 0;
         rows.read(record->identifier, record->isPlaceholder, record->isSystem, record->installType, record->name,
                   record->version, record->container, record->bundle, record->iconFile, record->bytes,
-                  record->hasDeviceSinf, arrival);
+                  record->hasDeviceSinf, record->demotion, arrival);
         App& app = _apps[record->identifier];
         app.arrival = app.arrival != 0 ? app.arrival : arrival;
         (record->isPlaceholder ? app.placeholder : app.installed) = record;
@@ -118,11 +108,11 @@ void RegistryTable::write(Database::Transaction& transaction, const App& before,
             continue;
         }
         transaction.run("INSERT OR REPLACE INTO applications (identifier, placeholder, system, install_type, name, "
-                        "version, container, bundle, icon, bytes, device_sinf, arrival) "
-                        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                        "version, container, bundle, icon, bytes, device_sinf, demotion, arrival) "
+                        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
                         record->identifier, record->isPlaceholder, record->isSystem, record->installType, record->name,
                         record->version, record->container, record->bundle, record->iconFile, record->bytes,
-                        record->hasDeviceSinf, after.arrival);
+                        record->hasDeviceSinf, record->demotion, after.arrival);
         // The app has come back: its data is its own again.
         transaction.run(endRemoval, dataContainerPath(record->identifier));
         if (!record->isPlaceholder) {

@@ -32,6 +32,9 @@ struct RegistryRecord {
     std::optional<std::string> iconFile; // path in the bundle
     std::uint64_t bytes = 0;             // of the files in the bundle
     bool hasDeviceSinf = false;          // its protection record is bound to this device
+    /// Of the placeholder of a demoted app that comes back: the install type that it had, and has again when the app
+    /// does not come.
+    std::optional<std::uint64_t> demotion;
 
     [[nodiscard]] bool isDemoted() const noexcept { return isPlaceholder && isDemotion(installType); }
     [[nodiscard]] std::string containerPath() const;

@@ -80,6 +80,7 @@ std::optional<std::uint64_t> Registry::_typeToFallBackTo(const RegistryTable::Ap
 Result<void> Registry::_demoteAgain(const RegistryTable::App& app, std::uint64_t installType, RemovalReason reason) {
     auto record = std::make_shared<RegistryRecord>(*app.placeholder);
     record->installType = installType;
+    record->demotion.reset();
     const RegistryTable::App after{app.installed, record, app.arrival};
     Database::Transaction transaction(_database, Durability::durable);
     RegistryTable::write(transaction, app, after);

@@ -43,8 +43,8 @@ struct DemotionLists {
 /// Any thread.
 class DemotedApps {
   public:
-    /// Reads the list; a damaged one counts as empty. Fails when there is one that cannot be read, since nothing else
-    /// knows of a demoted app that is coming back. Both must outlive it.
+    /// Reads the list; a damaged one counts as empty, and is made anew of what the registry knows when the device is
+    /// opened. Fails when there is one that cannot be read just now. Both must outlive it.
     [[nodiscard]] static Result<std::unique_ptr<DemotedApps>> open(DeviceFileSystem& files,
                                                                    PropertyListSerialization& propertyLists);
 

@@ -142,10 +142,11 @@ class Scenario:
         os.makedirs(os.path.join(bundle, "Texts"), exist_ok=True)
         info = {"BXBundleIdentifier": identifier, "BXBundleVersion": version, "BXBundleExecutable": name,
                 "BXBundleDisplayName": name, "BXBundleIconFile": "Icon.png"}
+        lines = 15_000  # more than 128 KB: the device writes larger files past the system's cache
         files = {f"{name}.app/Info.plist": plistlib.dumps(info),
                  f"{name}.app/{name}": f"#!/bin/sh\necho {name} {version}\n".encode(),
                  f"{name}.app/Icon.png": ICON,
-                 f"{name}.app/Texts/{version}.txt": f"{name} {version}\n".encode() * 200,
+                 f"{name}.app/Texts/{version}.txt": f"{name} {version}\n".encode() * lines,
                  "TamblinMetadata.plist": plistlib.dumps({"title": name, "bundleVersion": version}),
                  "TamblinArtwork": ICON}
         for path, content in files.items():

@@ -221,6 +221,28 @@ TEST_F(DeviceTest, WhoseListOfDemotedAppsCannotBeReadIsNotOpenedWithoutIt) {
     EXPECT_TRUE(device->registry().application(A)->isDemoted());
 }
 
+TEST_F(DeviceTest, WhoseListOfDemotedAppsIsDamagedKnowsThoseThatComeBack) {
+    create();
+    for (const bool isAutomatic : {true, false}) {
+        const std::string app = isAutomatic ? "com.example.automatic" : "com.example.intentional";
+        ASSERT_TRUE(device->demotedApps().change([&](DemotionLists& lists) { lists.put(app, isAutomatic); }));
+        PlaceholderRequest request;
+        request.identifier = app;
+        request.installType = PDInstallTypeSync;
+        ASSERT_TRUE(device->registry().installPlaceholder(request));
+    }
+    const auto before = device->demotedApps().lists();
+    writeHostFile(device->root().hostPath(paths::demotedApps), "damaged");
+    reopen();
+    EXPECT_EQ(device->demotedApps().lists(), before);
+    EXPECT_TRUE(device->registry().cancelInstall("com.example.automatic"));
+    EXPECT_EQ(device->registry().application("com.example.automatic")->installType, PDInstallTypeDowngrade);
+    EXPECT_EQ(device->registry().application("com.example.automatic")->demotion, std::nullopt);
+    writeHostFile(device->root().hostPath(paths::demotedApps), "damaged");
+    reopen();
+    EXPECT_EQ(device->demotedApps().lists(), before);
+}
+
 TEST_F(DeviceTest, AMakingThatWasInterruptedIsSaidAndCanBeDoneAgain) {
     bool isThrough = false;
     int interrupted = 0;
