@@ -1,6 +1,7 @@
 // The least that installing a library can take: as many threads as the machine has cores copy each archive, inflate its
-// entries, check their sums and write their files; at the end everything is made durable at once. No registry, no
-// confinement, no progress, no undoing. What a sync takes is measured beside it.
+// entries, check their sums, write their files as fast as the device does, and remove the copy; at the end everything
+// is made durable at once. No registry, no confinement, no progress, no undoing. What a sync takes is measured beside
+// it.
 //
 // Usage: floor LIBRARY FOLDER      FOLDER is made and filled; the archives are trusted.
 #include "archive/ArchiveFile.h"
@@ -8,6 +9,7 @@
 #include "archive/InstallerError.h"
 #include "archive/ZipDirectory.h"
 #include "files/Descriptor.h"
+#include "files/Syscalls.h"
 #include "values/Error.h"
 
 #include <fcntl.h>
@@ -30,15 +32,16 @@ namespace fs = std::filesystem;
 using appsync::Descriptor;
 using appsync::ZipDirectory;
 
+constexpr std::size_t largeFile = std::size_t{128} << 10;
+
 [[noreturn]] void fail(const std::string& sentence) {
     std::cerr << "floor: " << sentence << '\n';
     std::_Exit(1);
 }
 
-void writeFile(const fs::path& path, std::string_view bytes) {
-    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (file < 0 || ::write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||
-        ::close(file) != 0) {
+void writeFile(const fs::path& path, std::string_view bytes, decltype(appsync::writeAll)& write) {
+    const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (!file.isOpen() || write(file.get(), bytes) != 0) {
         fail("cannot write " + path.string());
     }
 }
@@ -57,7 +60,7 @@ class Unpacker {
         readFile(archive, _bytes);
         fs::create_directories(folder);
         const fs::path copy = folder / "archive";
-        writeFile(copy, _bytes);
+        writeFile(copy, _bytes, appsync::writeAll);
         const Descriptor descriptor(::open(copy.c_str(), O_RDONLY | O_CLOEXEC));
         const std::string name = copy.string();
         const appsync::Refusal refusal(name);
@@ -75,9 +78,11 @@ class Unpacker {
                 made = needed;
             }
             if (entry.kind != ZipDirectory::Kind::folder) {
-                writeFile(path, _content(entry));
+                const std::string_view content = _content(entry);
+                writeFile(path, content, content.size() < largeFile ? appsync::writeAll : appsync::writeLarge);
             }
         }
+        fs::remove(copy);
     }
 
   private:
@@ -91,12 +96,12 @@ class Unpacker {
         const char* const packed = _bytes.data() + header + headerSize + lengthAt(26) + lengthAt(28);
         std::string_view content(packed, entry.packedBytes);
         if (entry.isDeflated) {
-            _unpacked.resize(entry.unpackedBytes);
-            if (libdeflate_deflate_decompress(_memory.inflater(), packed, entry.packedBytes, _unpacked.data(),
-                                              _unpacked.size(), nullptr) != LIBDEFLATE_SUCCESS) {
+            char* const unpacked = _memory.content.grow(entry.unpackedBytes);
+            if (libdeflate_deflate_decompress(_memory.inflater(), packed, entry.packedBytes, unpacked,
+                                              entry.unpackedBytes, nullptr) != LIBDEFLATE_SUCCESS) {
                 fail("an entry cannot be inflated");
             }
-            content = _unpacked;
+            content = {unpacked, entry.unpackedBytes};
         }
         if (libdeflate_crc32(0, content.data(), content.size()) != entry.checksum) {
             fail("an entry has another checksum");
@@ -105,8 +110,7 @@ class Unpacker {
     }
 
     appsync::ArchiveMemory _memory;
-    std::string _bytes; // of the archive; kept, as is what was unpacked, so that their memory is taken once
-    std::string _unpacked;
+    std::string _bytes; // of the archive; kept, so that its memory is taken once
 };
 
 } // namespace

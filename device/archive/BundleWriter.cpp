@@ -6,9 +6,6 @@
 #include "files/Syscalls.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
 
 namespace appsync::device {
 
@@ -17,24 +14,6 @@ namespace {
 /// From here on a file gets its room at once, and its blocks go from the caller's memory to the disk; for smaller ones
 /// that costs more than it gains.
 constexpr std::uint64_t largeFile = 128U << 10;
-
-/// Writes whole blocks past the system's cache, as far as the file system and the bytes' place in memory and in the
-/// file allow it: nothing is copied, and the cache keeps what is in use. The rest is written as usual. Zero or an errno
-/// number.
-int writeLarge(int file, std::string_view bytes) noexcept {
-    constexpr std::size_t block = 4096;
-    const bool isAtBlock = reinterpret_cast<std::uintptr_t>(bytes.data()) % block == 0;
-    if (isAtBlock && ::fcntl(file, F_SETFL, O_DIRECT) == 0) {
-        const ssize_t written = ::write(file, bytes.data(), bytes.size() / block * block);
-        const int failed = errnoOf(static_cast<int>(std::min<ssize_t>(written, 0)));
-        ::fcntl(file, F_SETFL, 0);
-        if (failed != 0 && failed != EINVAL && failed != EINTR) {
-            return failed;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
-    }
-    return writeAll(file, bytes);
-}
 
 } // namespace
 

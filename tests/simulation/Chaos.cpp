@@ -59,9 +59,10 @@ constexpr std::array<std::string_view, 45> fallibleCalls = {
 
 constexpr std::array<std::string_view, 4> errorDomains = {"Net", "Fatal", TVInstallerErrorDomain, "PendryError"};
 
-/// The plug-in holds a lock of its own around each change of these files, so nothing may come in between.
-bool isWithinAChange(std::string_view call, std::string_view arguments) {
-    return call.starts_with("plist.") ||
+/// The plug-in holds a lock of its own around each change of these files, so nothing may come in between; nor between
+/// the note that a retry is scheduled and its being so, since retries are told apart by their order.
+bool isOneStep(std::string_view call, std::string_view arguments) {
+    return call == "scheduler.runAfter" || call.starts_with("plist.") ||
            (call.starts_with("files.") && (arguments == paths::toDoList || arguments == paths::restoreState));
 }
 
@@ -92,6 +93,9 @@ ErrorPtr Chaos::_intercept(std::string_view call, std::string_view arguments) {
     if (call == "coordinators.uninstallAppLater") {
         _state.uninstallsUnderWay.emplace_back(arguments.substr(0, arguments.find(',')));
     }
+    if (call == "scheduler.runAfter") {
+        InstallStage::instance().scheduleRetry();
+    }
     if (!_state.frames.empty() && callsUntilDeath > 0 && --callsUntilDeath == 0) {
         _state.dead = true;
         _state.tally.add(Event::hostDeathWithinACall);
@@ -106,7 +110,7 @@ ErrorPtr Chaos::_intercept(std::string_view call, std::string_view arguments) {
 ErrorPtr Chaos::_live(std::string_view call, std::string_view arguments) {
     ErrorPtr fault = call == "screen.assertion" ? someAnswer(_state.chance) : _fault(call);
     watch(_state, call, arguments, fault);
-    if (!isWithinAChange(call, arguments)) {
+    if (!isOneStep(call, arguments)) {
         _interrupt();
     }
     return fault;

@@ -188,7 +188,7 @@ void Calls::plan() {
 void Calls::endTransfers(bool success) {
     State& state = _state;
     state.transferPhase = false;
-    const bool waits = InstallStage::instance().size() > 0 || !InstallStage::instance().retries.empty();
+    const bool waits = InstallStage::instance().size() > 0 || InstallStage::instance().retryCount() > 0;
     inCall(state, "assetTransferEnded", "", [&](Frame& frame) {
         if (waits) {
             _finishInstalls();
@@ -217,7 +217,7 @@ void Calls::_finishInstalls() {
     laterIsRunning = true;
     _later.startWhenTold([this] {
         InstallStage& stage = InstallStage::instance();
-        while (stage.size() > 0 || !stage.retries.empty()) {
+        while (stage.size() > 0 || stage.retryCount() > 0) {
             if (stage.size() == 0) {
                 passTime();
                 continue;

@@ -1,5 +1,6 @@
 #include "tests/simulation/InstallStage.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace appsync::simulation {
@@ -24,6 +25,11 @@ std::size_t InstallStage::drop(const OperationQueue* queue) {
         std::erase_if(_waiting, [queue](const Operation& operation) { return operation.queue == queue; });
     dropped += count;
     return count;
+}
+
+void InstallStage::scheduleRetry() {
+    unscheduled -= std::min<std::size_t>(unscheduled, 1);
+    retries.push_back(label);
 }
 
 void InstallStage::run(std::size_t position) {

@@ -21,14 +21,18 @@ class InstallStage {
     /// Drops what waits in a queue; returns how many that were.
     std::size_t drop(const OperationQueue* queue);
     [[nodiscard]] std::size_t size() const { return _waiting.size(); }
+    [[nodiscard]] std::size_t retryCount() const { return unscheduled + retries.size(); }
     [[nodiscard]] Label labelOf(std::size_t position) const { return _waiting[position].label; }
+    /// What runs is to be tried again.
+    void scheduleRetry();
     /// Runs one and forgets it.
     void run(std::size_t position);
 
     /// The label of what is added next, or of what runs.
     Label label = 0;
-    /// The labels of installs that wait for their retry, the next one first. While `retrying`, what is added takes its
-    /// label from there.
+    /// How many installs are to be tried again, and have not been scheduled yet.
+    std::size_t unscheduled = 0;
+    /// The labels of those that have, the next one first. While `retrying`, what is added takes its label from there.
     std::deque<Label> retries;
     bool retrying = false;
     /// How many operations have been added.

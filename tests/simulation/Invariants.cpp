@@ -96,7 +96,7 @@ void assertionAsked(State& state, Frame&, std::string_view arguments, const Erro
     }
     if (answer && answer->code() == SKSTerminationAssertionDenied) {
         state.tally.add(Event::installDenied);
-        InstallStage::instance().retries.push_back(InstallStage::instance().label);
+        ++InstallStage::instance().unscheduled;
     }
 }
 

@@ -135,7 +135,7 @@ void Life::_transfer() {
             _calls.completeACoordinator();
         } else if (kind == 18) {
             chance.percent(50) ? _calls.cancelRestores() : _calls.letServicesAct();
-        } else if (chance.oneIn(stage.retries.empty() ? 40 : 4)) {
+        } else if (chance.oneIn(stage.retryCount() == 0 ? 40 : 4)) {
             _state.tally.add(Event::hostDeath);
             _die();
         }
@@ -178,7 +178,7 @@ bool Life::_goesOn() {
 void Life::_die() {
     InstallStage& stage = InstallStage::instance();
     const std::size_t dropped = stage.dropped;
-    _state.tally.add(Event::retryDropped, stage.retries.size());
+    _state.tally.add(Event::retryDropped, stage.retryCount());
     _state.client = nullptr;
     _state.tally.add(Event::installDropped, stage.dropped - dropped);
     const bool wasDead = std::exchange(_state.dead, false);
