@@ -32,16 +32,14 @@ namespace fs = std::filesystem;
 using appsync::Descriptor;
 using appsync::ZipDirectory;
 
-constexpr std::size_t largeFile = std::size_t{128} << 10;
-
 [[noreturn]] void fail(const std::string& sentence) {
     std::cerr << "floor: " << sentence << '\n';
     std::_Exit(1);
 }
 
-void writeFile(const fs::path& path, std::string_view bytes, decltype(appsync::writeAll)& write) {
+void writeFile(const fs::path& path, std::string_view bytes) {
     const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (!file.isOpen() || write(file.get(), bytes) != 0) {
+    if (!file.isOpen() || appsync::writeDirectly(file.get(), bytes) != 0) {
         fail("cannot write " + path.string());
     }
 }
@@ -60,7 +58,7 @@ class Unpacker {
         readFile(archive, _bytes);
         fs::create_directories(folder);
         const fs::path copy = folder / "archive";
-        writeFile(copy, _bytes, appsync::writeAll);
+        writeFile(copy, _bytes);
         const Descriptor descriptor(::open(copy.c_str(), O_RDONLY | O_CLOEXEC));
         const std::string name = copy.string();
         const appsync::Refusal refusal(name);
@@ -78,8 +76,7 @@ class Unpacker {
                 made = needed;
             }
             if (entry.kind != ZipDirectory::Kind::folder) {
-                const std::string_view content = _content(entry);
-                writeFile(path, content, content.size() < largeFile ? appsync::writeAll : appsync::writeLarge);
+                writeFile(path, _content(entry));
             }
         }
         fs::remove(copy);

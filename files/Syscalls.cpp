@@ -72,16 +72,13 @@ int writeAll(int file, std::string_view bytes) noexcept {
     return 0;
 }
 
-int writeLarge(int file, std::string_view bytes) noexcept {
+int writeDirectly(int file, std::string_view bytes) noexcept {
     constexpr std::size_t block = 4096;
     const bool isAtBlock = reinterpret_cast<std::uintptr_t>(bytes.data()) % block == 0;
-    if (isAtBlock && ::fcntl(file, F_SETFL, O_DIRECT) == 0) {
+    if (bytes.size() >= largeFile && isAtBlock && ::fcntl(file, F_SETFL, O_DIRECT) == 0) {
+        // What this leaves over is written as usual; so a failure that lasts is found there.
         const ssize_t written = ::write(file, bytes.data(), bytes.size() / block * block);
-        const int failed = errnoOf(static_cast<int>(std::min<ssize_t>(written, 0)));
         ::fcntl(file, F_SETFL, 0);
-        if (failed != 0 && failed != EINVAL && failed != EINTR) {
-            return failed;
-        }
         bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
     }
     return writeAll(file, bytes);

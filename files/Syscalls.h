@@ -34,10 +34,12 @@ inline constexpr int withoutWaiting = O_NONBLOCK | O_NOCTTY;
 /// Where an open file or folder stands on this machine at present; empty when that cannot be found out.
 [[nodiscard]] std::string hostPathOf(int opened);
 [[nodiscard]] int writeAll(int file, std::string_view bytes) noexcept;
-/// The same, but whole blocks go past the system's cache, as far as the file system and the bytes' place in memory and
-/// in the file allow it: nothing is copied, and the cache keeps what is in use. For 128 KB and more; what is less costs
-/// more that way. The file has no status flags (O_APPEND and the like).
-[[nodiscard]] int writeLarge(int file, std::string_view bytes) noexcept;
+/// From this many bytes on it pays to write past the system's cache: nothing is copied, and the cache keeps what is in
+/// use.
+inline constexpr std::size_t largeFile = std::size_t{128} << 10;
+/// As `writeAll`, but what is large goes past the cache as far as the file system and its place in memory and in the
+/// file allow it. The file has no status flags (O_APPEND and the like).
+[[nodiscard]] int writeDirectly(int file, std::string_view bytes) noexcept;
 /// Appends the rest of a file. EFBIG when that is more than `maxSize` bytes.
 [[nodiscard]] int readAll(int file, std::size_t maxSize, std::string& bytes);
 /// Writes the rest of a file to another.

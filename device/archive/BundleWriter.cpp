@@ -9,14 +9,6 @@
 
 namespace appsync::device {
 
-namespace {
-
-/// From here on a file gets its room at once, and its blocks go from the caller's memory to the disk; for smaller ones
-/// that costs more than it gains.
-constexpr std::uint64_t largeFile = 128U << 10;
-
-} // namespace
-
 Result<void> BundleWriter::makeFolder(std::string_view path) {
     return _enter(path);
 }
@@ -80,7 +72,8 @@ Result<Descriptor> BundleWriter::makeFile(std::string_view path, bool isExecutab
     if (!file.isOpen()) {
         return makePosixError(errno, "create", path);
     }
-    // Only a full disk counts: a file system that gives no room in advance may have it all the same.
+    // A large file gets its room at once. Only a full disk counts: a file system that gives no room in advance may have
+    // it all the same.
     if (expectedBytes >= largeFile &&
         ::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(expectedBytes)) != 0 && errno == ENOSPC) {
         return makePosixError(ENOSPC, "create", path);
@@ -92,7 +85,7 @@ Result<void> BundleWriter::write(const Descriptor& file, std::string_view bytes,
     if (const auto allowed = _before("write", path); !allowed) {
         return allowed;
     }
-    const int failed = bytes.size() >= largeFile ? writeLarge(file.get(), bytes) : writeAll(file.get(), bytes);
+    const int failed = writeDirectly(file.get(), bytes);
     return failed == 0 ? Result<void>() : makePosixError(failed, "write", path);
 }
 

@@ -63,7 +63,7 @@ FAULTS = [
           '        (void)container.writeFile("other", Data("x"));\n        _sinf = std::move(*sinf);\n',
           crash('coordinated', 'kill', **ONCE)),
     Fault('org.example.*: *.txt has another content', 'device/archive/BundleWriter.cpp',
-          'writeLarge(file.get(), bytes)', 'writeLarge(file.get(), bytes.substr(path.ends_with(".txt") ? 1 : 0))',
+          'writeDirectly(file.get(), bytes)', 'writeDirectly(file.get(), bytes.substr(path.ends_with(".txt") ? 1 : 0))',
           crash('coordinated', 'kill', **ONCE)),
     Fault('the data of org.example.* is not whole', 'device/registry/ArchiveInstall.cpp', REPLACED,
           when_replaced(f'_registry._files.writeFileAtomically({DATA} + "/other", "x", nullptr);'),

@@ -1,4 +1,5 @@
 #include "ExtractionFixture.h"
+#include "files/Syscalls.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -78,8 +79,8 @@ TEST_F(ExtractionTest, UnpacksLargeAndEmptyFilesInEitherCompression) {
 }
 
 TEST_F(ExtractionTest, FilesAroundTheSizesFromWhichTheyAreWrittenOtherwiseAreWhole) {
-    constexpr std::size_t large = 128U << 10; // is written past the cache, in pieces
-    constexpr std::size_t piece = 1U << 20;
+    constexpr std::size_t large = largeFile;
+    constexpr std::size_t piece = 1U << 20; // is written at a time
     constexpr std::size_t block = 4096;
     const std::vector<std::size_t> sizes{
         large - 1,    large,     large + 1,     large + block - 1, piece - 1,

@@ -238,6 +238,8 @@ TEST_F(DeviceTest, WhoseListOfDemotedAppsIsDamagedKnowsThoseThatComeBack) {
     EXPECT_TRUE(device->registry().cancelInstall("com.example.automatic"));
     EXPECT_EQ(device->registry().application("com.example.automatic")->installType, PDInstallTypeDowngrade);
     EXPECT_EQ(device->registry().application("com.example.automatic")->demotion, std::nullopt);
+    ASSERT_TRUE(device->demote("com.example.automatic", true));
+    EXPECT_EQ(device->registry().application("com.example.automatic")->demotion, std::nullopt) << "it does not come";
     writeHostFile(device->root().hostPath(paths::demotedApps), "damaged");
     reopen();
     EXPECT_EQ(device->demotedApps().lists(), before);
